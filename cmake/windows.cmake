@@ -1,0 +1,37 @@
+# Cross build: the DLL, the Windows tools and every test, run under Wine.
+enable_language(RC)
+set(NV_NATIVE_BUILD_DIR "" CACHE PATH "Native build tree whose tests CTest runs too")
+set(NV_WINEPREFIX "${CMAKE_BINARY_DIR}/../wineprefix" CACHE PATH "Wine prefix the tests run in")
+
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+
+add_compile_definitions(UNICODE _UNICODE NOMINMAX _WIN32_WINNT=0x0601 WINVER=0x0601)
+
+# CTest and gtest discovery run Windows binaries through this wrapper.
+configure_file(${CMAKE_SOURCE_DIR}/cmake/wine-run.in ${CMAKE_BINARY_DIR}/wine-run @ONLY
+               FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_BINARY_DIR}/wine-run)
+
+set(NV_WIN_LIBS crypt32 advapi32 netapi32 ole32 oleaut32 uuid rpcrt4 wtsapi32 version)
+
+# Everything a test may load or start at run time: the DLL, the tools, the store.
+add_custom_target(nv_runtime)
+
+add_subdirectory(src)
+add_dependencies(nv_runtime NVDBConv)
+add_subdirectory(tools)
+
+enable_testing()
+set(gtest_force_shared_crt ON CACHE BOOL "" FORCE)
+set(BUILD_GMOCK OFF CACHE BOOL "" FORCE)
+set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
+add_subdirectory(/usr/src/googletest ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
+include(GoogleTest)
+add_subdirectory(tests)
+add_subdirectory(bench)
+
+# The native tests (the portable trace decoder) run in the same CTest session.
+if(NV_NATIVE_BUILD_DIR AND EXISTS ${NV_NATIVE_BUILD_DIR}/tools/nvtrace/CTestTestfile.cmake)
+    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${NV_NATIVE_BUILD_DIR}/tools/nvtrace/CTestTestfile.cmake)
+endif()

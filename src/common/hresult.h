@@ -1,0 +1,81 @@
+// Result codes and the library's error type.
+//
+// Failures inside an operation are raised as _com_error carrying an HRESULT; every
+// public boundary (export, COM method, converter operation) turns them back into a
+// code with ResultFromCaughtException(). Nothing is thrown out of the library.
+#pragma once
+#include <windows.h>
+#include <comdef.h>
+
+namespace nv {
+
+// A code with any facility bit set is already an HRESULT; any other non-zero code
+// is a Win32 error; 0 stays success.
+constexpr HRESULT HResultFromWin32(LONG code) noexcept
+{
+    if ((static_cast<ULONG>(code) & 0x1FFF0000u) != 0 || code == 0)
+        return static_cast<HRESULT>(code);
+    return static_cast<HRESULT>(0x80070000u | (static_cast<ULONG>(code) & 0xFFFFu));
+}
+
+[[noreturn]] inline void ThrowHr(HRESULT hr) { throw _com_error(hr); }
+
+inline void ThrowIfFailed(HRESULT hr)
+{
+    if (FAILED(hr))
+        ThrowHr(hr);
+}
+
+// The raising rule for registry and system calls: a plain Win32 code other than 0
+// is raised as its HRESULT; a code that already carries facility bits is raised
+// only when negative, and otherwise counts as success.
+inline void ThrowIfWin32Failed(LONG code)
+{
+    if (code == 0)
+        return;
+    if ((static_cast<ULONG>(code) & 0x1FFF0000u) != 0) {
+        if (code < 0)
+            ThrowHr(static_cast<HRESULT>(code));
+        return;
+    }
+    ThrowHr(HResultFromWin32(code));
+}
+
+// For calls that report through GetLastError (CryptoAPI and friends).
+[[noreturn]] inline void ThrowLastError()
+{
+    DWORD err = GetLastError();
+    ThrowHr(err == 0 ? E_FAIL : HResultFromWin32(static_cast<LONG>(err)));
+}
+
+inline void ThrowLastErrorIf(bool failed)
+{
+    if (failed)
+        ThrowLastError();
+}
+
+// Call inside a catch block: the COM error gives its code, anything else E_UNEXPECTED.
+inline HRESULT ResultFromCaughtException() noexcept
+{
+    try {
+        throw;
+    } catch (const _com_error& e) {
+        return e.Error();
+    } catch (...) {
+        return E_UNEXPECTED;
+    }
+}
+
+// The boundary helper: runs body (which returns an HRESULT) and maps whatever it
+// throws to a result code.
+template <class Body>
+HRESULT Guarded(Body&& body) noexcept
+{
+    try {
+        return body();
+    } catch (...) {
+        return ResultFromCaughtException();
+    }
+}
+
+} // namespace nv

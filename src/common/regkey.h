@@ -1,0 +1,58 @@
+// CNVRegKey: the registry key owner. It holds one key handle and a view-flags word
+// (0, KEY_WOW64_32KEY or KEY_WOW64_64KEY) that its owner sets and reads; opening does
+// not change that word. Opening through it closes the handle it held before; it
+// closes itself at the end of its scope. Calls return Win32 codes, as the registry
+// does; callers decide what is an error.
+#pragma once
+#include <windows.h>
+#include <string>
+#include "common/handles.h"
+
+namespace nv {
+
+// Registry paths of the suite, relative to HKEY_LOCAL_MACHINE.
+inline constexpr const wchar_t kVendorKeyPath[] = L"SOFTWARE\\Norvane";
+inline constexpr const wchar_t kDatabaseKeyPath[] = L"SOFTWARE\\Norvane\\DB";
+
+class CNVRegKey {
+public:
+    CNVRegKey() noexcept = default;
+    CNVRegKey(const CNVRegKey&) = delete;
+    CNVRegKey& operator=(const CNVRegKey&) = delete;
+    ~CNVRegKey() { Close(); }
+
+    LONG Open(HKEY root, const wchar_t* path, REGSAM access) noexcept;
+    LONG Create(HKEY root, const wchar_t* path, REGSAM access, LPSECURITY_ATTRIBUTES sa = nullptr,
+                DWORD* disposition = nullptr) noexcept;
+    void Close() noexcept;
+    HKEY Detach() noexcept;
+
+    HKEY m_hKey = nullptr;
+    // View flags the owner works with (set by the owner, never by Open/Create).
+    REGSAM m_samWOW64 = 0;
+
+    operator HKEY() const noexcept { return m_hKey; }
+};
+
+// Key-creation helper: RegCreateKeyExW with no class, non-volatile options.
+LONG CreateKey(HKEY root, const wchar_t* path, REGSAM access, HKEY* out,
+               LPSECURITY_ATTRIBUTES sa = nullptr, DWORD* disposition = nullptr) noexcept;
+
+// String value reader. Accepts only REG_SZ and REG_EXPAND_SZ whose body is an even
+// number of bytes ending in a NUL character (an empty body counts as ""); anything
+// else is ERROR_INVALID_DATA (13). *pcch is the buffer's capacity in characters on
+// entry and the length read, terminator included, on success. A buffer that is too
+// small gives ERROR_MORE_DATA with the needed size in *pcch.
+LONG QueryStringValue(HKEY key, const wchar_t* name, wchar_t* buffer, ULONG* pcch) noexcept;
+
+// Convenience form of the reader for callers that want a std::wstring; same rules,
+// the buffer limit given in characters.
+LONG QueryStringValue(HKEY key, const wchar_t* name, std::wstring& out, ULONG maxChars = 260);
+
+// String value writer: REG_SZ (or the given type) of (length + 1) x 2 bytes.
+LONG SetStringValue(HKEY key, const wchar_t* name, const wchar_t* value, DWORD type = REG_SZ) noexcept;
+
+// REG_DWORD reader: fails with ERROR_INVALID_DATA for any other type or size.
+LONG QueryDwordValue(HKEY key, const wchar_t* name, DWORD* value) noexcept;
+
+} // namespace nv

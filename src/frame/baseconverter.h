@@ -1,0 +1,62 @@
+// CBaseConverter: the abstract converter. It owns the sequence every upgrade follows
+// (back the database up, convert, clean up, roll back on failure) and the registry
+// work this needs: a recursive copy (CopyKey) and a recursive delete (DeleteKey).
+//
+// The database key is opened in the constructor for KEY_READ | KEY_WRITE plus the
+// converter's view flags (always KEY_WOW64_32KEY); the key owner's own view-flags
+// word stays 0, and that 0 is what Backup passes as the source view and what
+// Rollback uses for the database key. The backup state lives in the registry (the
+// backup key and the "Backup" value), so a later process can roll back or clean up.
+// Every operation returns an HRESULT and never throws.
+#pragma once
+#include <windows.h>
+#include <string>
+#include "common/regkey.h"
+
+class CBaseConverter {
+public:
+    CBaseConverter(DWORD dwTargetVersion, const wchar_t* wszTargetVersion, REGSAM samDbView);
+
+    // Slot order is part of the design: destructor, do_Backup, do_Convert,
+    // do_Rollback, do_Cleanup, GetBackupName, GetBackupView.
+    virtual ~CBaseConverter();
+    virtual HRESULT do_Backup();
+    virtual HRESULT do_Convert();
+    virtual HRESULT do_Rollback();
+    virtual HRESULT do_Cleanup();
+    virtual const std::wstring& GetBackupName() = 0;
+    virtual REGSAM GetBackupView() = 0;
+
+    HRESULT Convert();
+    HRESULT Rollback();
+    HRESULT Cleanup();
+    HRESULT Backup();
+
+    static HRESULT CopyKey(HKEY hDstRoot, const wchar_t* wszDstPath, REGSAM samDstView, HKEY hSrcRoot,
+                           const wchar_t* wszSrcPath, REGSAM samSrcView);
+    static HRESULT DeleteKey(HKEY hRoot, const wchar_t* wszPath, REGSAM samView);
+
+    // Replaces the key's DACL by a protected one: LocalSystem and Administrators full
+    // access, Users the given mask (no entry for 0). Only for callers that are
+    // LocalSystem or administrators; others get S_OK and no change. S_FALSE when
+    // setting the DACL fails. Also the database's standard security for new keys.
+    static HRESULT GrantFullAccess(HKEY hKey, ACCESS_MASK usersMask);
+
+    // The converter factory; the key owner argument is not used.
+    static CBaseConverter* CreateConverter(DWORD dwVersion, nv::CNVRegKey& key);
+
+    DWORD GetTargetVersion() const noexcept { return m_dwTargetVersion; }
+    const std::wstring& GetTargetVersionText() const noexcept { return m_wstrTargetVersion; }
+    bool HasDatabaseKey() const noexcept { return m_dbKey.m_hKey != nullptr; }
+
+    // Name of the value, inside the database key, that holds the backup key's path.
+    static const wchar_t* const s_wszBackupValue;
+
+protected:
+    // Reads "Backup" from the database key; empty when the key or value is missing.
+    std::wstring ReadBackupPath();
+
+    std::wstring m_wstrTargetVersion;
+    DWORD m_dwTargetVersion;
+    nv::CNVRegKey m_dbKey;
+};

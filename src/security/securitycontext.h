@@ -1,0 +1,66 @@
+// CFPSecurityContext: the machine's own RSA key pair, kept in a machine-wide key
+// container named after the host identifier (HKLM\SOFTWARE\Norvane\NVHOST, "HostId").
+// It lends its provider handle, exports its public key, signs and verifies, and
+// exports and imports signed export records.
+//
+// The container is acquired, never created, here. Operations return HRESULTs and
+// never throw; the throwing constructor is for callers that create a context and
+// need it working (it raises FinalConstruct's failure as _com_error).
+#pragma once
+#include <windows.h>
+#include <wincrypt.h>
+
+class INVSecurityExt {
+public:
+    virtual ~INVSecurityExt() = default;
+    virtual HRESULT GetContext(HCRYPTPROV* phProv) = 0;
+    virtual HRESULT GetPublicKey(CRYPT_DATA_BLOB* pPublicKey) = 0;
+};
+
+class INVExportImportExt {
+public:
+    virtual ~INVExportImportExt() = default;
+    virtual HRESULT Export(const GUID& guidTarget, const CRYPT_DATA_BLOB* pData, REGSAM samView,
+                           CRYPT_DATA_BLOB* pRecord) = 0;
+    virtual HRESULT Import(const CRYPT_DATA_BLOB* pRecord, CRYPT_DATA_BLOB* pData, GUID* pguidTarget,
+                           GUID* pguidSource) = 0;
+    virtual HRESULT Verify(const CRYPT_DATA_BLOB* pSigned, const CRYPT_DATA_BLOB* pPublicKey) = 0;
+};
+
+class CFPSecurityContext : public INVSecurityExt, public INVExportImportExt {
+public:
+    CFPSecurityContext() noexcept = default;
+    explicit CFPSecurityContext(REGSAM samView);
+    ~CFPSecurityContext() override;
+    CFPSecurityContext(const CFPSecurityContext&) = delete;
+    CFPSecurityContext& operator=(const CFPSecurityContext&) = delete;
+
+    HRESULT FinalConstruct(REGSAM samView);
+    void FinalRelease();
+
+    // INVSecurityExt
+    HRESULT GetContext(HCRYPTPROV* phProv) override;
+    HRESULT GetPublicKey(CRYPT_DATA_BLOB* pPublicKey) override; // task-allocated DER SubjectPublicKeyInfo
+
+    // INVExportImportExt (blobs handed out are task-allocated)
+    HRESULT Export(const GUID& guidTarget, const CRYPT_DATA_BLOB* pData, REGSAM samView,
+                   CRYPT_DATA_BLOB* pRecord) override;
+    HRESULT Import(const CRYPT_DATA_BLOB* pRecord, CRYPT_DATA_BLOB* pData, GUID* pguidTarget,
+                   GUID* pguidSource) override;
+    HRESULT Verify(const CRYPT_DATA_BLOB* pSigned, const CRYPT_DATA_BLOB* pPublicKey) override;
+
+    // Signs a DER encoding and wraps it with the algorithm and signature as an
+    // X509_CERT structure; pszOid null means md5RSA. pSigned is replaced (task-allocated).
+    HRESULT SignBLOB(const CRYPT_DATA_BLOB* pToBeSigned, CRYPT_DATA_BLOB* pSigned, HCRYPTPROV hProv,
+                     DWORD dwKeySpec, LPCSTR pszOid);
+
+    HCRYPTPROV m_hProv = 0;
+};
+
+namespace nvsecurity {
+// Paths and names shared by the library's users of the host identifier.
+inline constexpr const wchar_t kHostKeyPath[] = L"SOFTWARE\\Norvane\\NVHOST";
+inline constexpr const wchar_t kHostIdValue[] = L"HostId";
+inline constexpr const wchar_t kProviderName[] = L"Microsoft Enhanced Cryptographic Provider v1.0";
+inline constexpr const char kMd5RsaOid[] = "1.2.840.113549.1.1.4";
+}

@@ -1,0 +1,64 @@
+// The trace facility: scopes, progress lines and result records written to a
+// scrambled binary trace file configured under HKLM\SOFTWARE\Norvane\Tracing.
+//
+// Tracing never fails its caller and never changes a result: every failure just
+// drops output.
+//
+// Use:
+//     NVTraceNS::CTraceScope scope("CBaseConverter::Backup", 0);
+//     NVTraceNS::Trace(scope, 0, "restoring database from backup key %ls", path);
+//     return NVTraceNS::TraceReturn(scope, hr);   // result record, then hr
+#pragma once
+#include <windows.h>
+
+namespace NVTraceNS {
+
+// Settings flags.
+constexpr unsigned kFlagToFile = 0x04;
+constexpr unsigned kFlagNewFileAlways = 0x08;
+constexpr unsigned kFlagTracingOn = 0x20;
+constexpr unsigned kFlagProfiling = 0x40;
+constexpr unsigned kFlagInitialMarker = 0x80000000u;
+
+// Level of chatty low-level scopes (record-set reads, cryptographic operations).
+constexpr int kLevelVerbose = 10;
+
+class CTraceScope {
+public:
+    CTraceScope(const char* name, int level) noexcept;
+    ~CTraceScope();
+    CTraceScope(const CTraceScope&) = delete;
+    CTraceScope& operator=(const CTraceScope&) = delete;
+
+    char m_szName[100];
+    int m_nLevel;
+};
+
+// A progress line; narrow printf-style format, "%ls" for wide strings. The second
+// argument is reserved (callers pass 0): the scope's level decides.
+void Trace(CTraceScope& scope, int reserved, const char* format, ...) noexcept;
+
+// Traces a result code: written when it is negative or its facility is 9.
+void TraceResult(CTraceScope& scope, const char* text, HRESULT hr) noexcept;
+
+// TraceResult with an empty text, then hands the code back: `return TraceReturn(scope, hr);`
+inline HRESULT TraceReturn(CTraceScope& scope, HRESULT hr) noexcept
+{
+    TraceResult(scope, "", hr);
+    return hr;
+}
+
+// The module whose name and directory the trace file is named after; the library's
+// entry function sets it. Unset, the process's executable is used.
+void SetModuleHandle(HMODULE module) noexcept;
+HMODULE GetTraceModuleHandle() noexcept;
+
+// Settings refresh and reload (the scope enter runs RefreshSettings).
+void RefreshSettings() noexcept;
+void LoadSettings(unsigned flags) noexcept;
+
+// For tests and tools in the same process: forget the settings, the output object
+// and the timestamp, as a freshly loaded library would have them.
+void ResetForTesting() noexcept;
+
+} // namespace NVTraceNS
