@@ -283,8 +283,10 @@ void WriteListing(const DecodedTrace& trace, const FormatOptions& options, std::
             time = record.text;
         else if (record.kind == 'N') {
             // mm-dd-yyyy: a new process's records follow; its clock is not known yet.
-            date = record.text.substr(0, 2) + "/" + record.text.substr(3, 2) + "/" + record.text.substr(8, 2);
+            if (record.text.size() == 10)
+                date = record.text.substr(0, 2) + "/" + record.text.substr(3, 2) + "/" + record.text.substr(8, 2);
             time = "--:--:--.---";
+            depths.clear(); // another process: its threads start at the left margin
         }
         if (options.filterThread && record.thread != options.thread)
             continue;
@@ -295,8 +297,6 @@ void WriteListing(const DecodedTrace& trace, const FormatOptions& options, std::
         if (record.kind == 't' || record.kind == 'T')
             continue;
         int& depth = DepthOf(depths, record.thread);
-        if (record.kind == 'N')
-            depth = 0;
         if (record.kind == '<' && depth > 0)
             --depth;
         std::ostringstream line;
