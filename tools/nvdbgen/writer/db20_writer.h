@@ -153,7 +153,7 @@ HRESULT WriteDb20Users(const Db20Database& db) noexcept;
 HRESULT DeleteDb20Container(const Db20Database& db) noexcept;
 
 // Pieces, for tests that hand-make records.
-// The user blob (the envelope), unsealed.
+// The user blob (the envelope), unsealed; hProv 0 gives a filler signature.
 DerBytes EncodeDb20UserBlob(HCRYPTPROV hProv, const Db20User& user);
 // The user list alone (what the envelope's outer item 0 carries).
 DerBytes EncodeDb20UserList(const Db20User& user);
