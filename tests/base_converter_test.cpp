@@ -16,6 +16,7 @@
 #include "frame/baseconverter.h"
 #include "support/registry_sandbox.h"
 #include "support/test_converter.h"
+#include "support/trace_capture.h"
 
 using namespace nvtest;
 
@@ -969,4 +970,146 @@ TEST_F(BaseConverterTest, DeleteKeyByNonAdministratorDeletesOnlyWhatCallerMayDel
     // An administrator takes the rest, granting itself access on the way.
     EXPECT_EQ(S_OK, CBaseConverter::DeleteKey(HKEY_LOCAL_MACHINE, tree, 0));
     EXPECT_FALSE(KeyExists(tree, kView64));
+}
+
+// ---------------------------------------------------------------------------
+// Trace
+
+namespace {
+
+class BaseConverterTraceTest : public TraceCaptureTest {};
+
+using Lines = std::vector<std::string>;
+
+} // namespace
+
+TEST_F(BaseConverterTraceTest, ConstructorTracesItsScopeAndTheOpenResult)
+{
+    SetString(kDb, L"Version", L"1.0", kView32);
+    { TestConverter found(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0"); }
+    { TestConverter missing(0, KEY_WOW64_32KEY, L"DB-v1.0"); }
+    EXPECT_EQ((Lines{"> CBaseConverter::CBaseConverter", "<",
+                     "> CBaseConverter::CBaseConverter", "E -2147024894 ", "<"}),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(BaseConverterTraceTest, SuccessfulConvertTracesBackupCopyCleanupAndDelete)
+{
+    SetString(kDb, L"Version", L"1.0", kView32);
+    SetDword(Path(kDb, L"Sub").c_str(), L"x", 1, kView32);
+    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    ASSERT_EQ(S_OK, converter.Convert());
+    EXPECT_EQ((Lines{
+                  "> CBaseConverter::CBaseConverter", "<",
+                  "> CBaseConverter::Convert",
+                  "> CBaseConverter::Backup",
+                  "> CBaseConverter::CopyKey", "> CBaseConverter::CopyKey", "<", "<",
+                  "U backup key created, name stored",
+                  "<",
+                  "> CBaseConverter::Cleanup",
+                  "U cleaning up backup key SOFTWARE\\Norvane\\DB-v1.0",
+                  "> CBaseConverter::DeleteKey", "> CBaseConverter::DeleteKey", "<", "<",
+                  "<",
+                  "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(BaseConverterTraceTest, FailedConvertTracesRestoreAndTheFailingCode)
+{
+    SetString(kDb, L"Version", L"1.0", kView64);
+    TestConverter converter(0, 0, L"DB-v2.0");
+    converter.convertResult = kConvertFailure;
+    ASSERT_EQ(kConvertFailure, converter.Convert());
+    EXPECT_EQ((Lines{
+                  "> CBaseConverter::CBaseConverter", "<",
+                  "> CBaseConverter::Convert",
+                  "> CBaseConverter::Backup",
+                  "> CBaseConverter::CopyKey", "<",
+                  "U backup key created, name stored",
+                  "<",
+                  "> CBaseConverter::Rollback",
+                  "U restoring database from backup key SOFTWARE\\Norvane\\DB-v2.0",
+                  "> CBaseConverter::DeleteKey", "<",
+                  "> CBaseConverter::CopyKey", "<",
+                  "> CBaseConverter::DeleteKey", "<",
+                  "<",
+                  "E -2146893813 ",
+                  "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(BaseConverterTraceTest, EmptyValueTracesTheCopyFailureAndAnEmptyRollback)
+{
+    SetBinary(kDb, L"Hollow", {}, kView32);
+    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    ASSERT_EQ(static_cast<HRESULT>(0x80070008), converter.Convert());
+    EXPECT_EQ((Lines{
+                  "> CBaseConverter::CBaseConverter", "<",
+                  "> CBaseConverter::Convert",
+                  "> CBaseConverter::Backup",
+                  "> CBaseConverter::CopyKey", "E -2147024888 ", "<",
+                  "E -2147024888 ",
+                  "<",
+                  "> CBaseConverter::Rollback",
+                  "U backup key name is empty, nothing to do",
+                  "<",
+                  "E -2147024888 ",
+                  "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(BaseConverterTraceTest, RollbackAndCleanupWithoutBackupNameTraceNothingToDo)
+{
+    SetString(kDb, L"Version", L"1.0", kView32);
+    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    EXPECT_EQ(S_FALSE, converter.Rollback());
+    EXPECT_EQ(S_FALSE, converter.Cleanup());
+    EXPECT_EQ((Lines{
+                  "> CBaseConverter::CBaseConverter", "<",
+                  "> CBaseConverter::Rollback", "U backup key name is empty, nothing to do", "<",
+                  "> CBaseConverter::Cleanup", "U backup key name is empty, nothing to do", "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(BaseConverterTraceTest, RollbackWhoseFirstDeleteFailsTracesOnlyThatDelete)
+{
+    SetString(kDb, L"Backup", kBackup10, kView32);
+    SetDword(kBackup10, L"Saved", 5, kView32);
+    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    EXPECT_EQ(S_OK, converter.Rollback());
+    EXPECT_EQ((Lines{
+                  "> CBaseConverter::CBaseConverter", "<",
+                  "> CBaseConverter::Rollback",
+                  "U restoring database from backup key SOFTWARE\\Norvane\\DB-v1.0",
+                  "> CBaseConverter::DeleteKey", "E -2147024894 ", "<",
+                  "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(BaseConverterTraceTest, CleanupOfMissingBackupKeyTracesTheDeleteFailure)
+{
+    SetString(kDb, L"Backup", kBackup10, kView32);
+    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    EXPECT_EQ(static_cast<HRESULT>(0x80070002), converter.Cleanup());
+    EXPECT_EQ((Lines{
+                  "> CBaseConverter::CBaseConverter", "<",
+                  "> CBaseConverter::Cleanup",
+                  "U cleaning up backup key SOFTWARE\\Norvane\\DB-v1.0",
+                  "> CBaseConverter::DeleteKey", "E -2147024894 ", "<",
+                  "E -2147024894 ",
+                  "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
 }

@@ -18,6 +18,7 @@
 #include "support/dll_loader.h"
 #include "support/registry_sandbox.h"
 #include "support/test_converter.h"
+#include "support/trace_capture.h"
 
 using namespace nvtest;
 
@@ -368,4 +369,93 @@ TEST_F(ComDllTest, LockServerKeepsTheDllFromUnloading)
     EXPECT_EQ(S_OK, cf->LockServer(FALSE));
     cf.reset();
     EXPECT_EQ(S_OK, dll.DllCanUnloadNow());
+}
+
+// ---------------------------------------------------------------------------
+// Trace
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+} // namespace
+
+TEST_F(ComModuleTest, ObjectLifetimeTracesEachOperationWithItsOneColonScope)
+{
+    TraceCapture trace;
+    trace.Start();
+    nv::com_ptr<IClassFactory> cf = Factory();
+    nv::com_ptr<INVComponentInit> object;
+    ASSERT_EQ(S_OK, cf->CreateInstance(nullptr, __uuidof(INVComponentInit), object.put_void()));
+    EXPECT_EQ(S_OK, object->Init());
+    EXPECT_EQ(S_OK, object->Term());
+    object.reset();
+    cf.reset();
+    // Without a converter the conversion answers E_FAIL, which only the trace shows.
+    EXPECT_EQ((Lines{
+                  "> CNVDBConverter:FinalConstruct", "<",
+                  "> CNVDBConverter:Init", "E -2147467259 ", "<",
+                  "> CNVDBConverter:Term", "<",
+                  "> CNVDBConverter:FinalRelease", "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(ComModuleTest, InitTracesTheFailureOfTheConversionItRan)
+{
+    SetString(kDb, L"Version", L"1.0", kView64);
+    TraceCapture trace;
+    trace.Start();
+    auto* converter = new TestConverter(0, 0, L"DB-v2.0");
+    converter->convertResult = static_cast<HRESULT>(0x8009000B);
+    g_DBConverter.m_pConverter.reset(converter);
+    nv::com_ptr<INVComponentInit> object;
+    ASSERT_EQ(S_OK, Factory()->CreateInstance(nullptr, __uuidof(INVComponentInit), object.put_void()));
+    EXPECT_EQ(S_OK, object->Init());
+
+    const Lines inInit = trace.LinesInScope("CNVDBConverter:Init");
+    ASSERT_FALSE(inInit.empty()) << trace.Dump();
+    EXPECT_EQ("> CBaseConverter::Convert", inInit.front());
+    EXPECT_EQ("E -2146893813 ", inInit.back());
+    EXPECT_EQ(2u, trace.Count("E -2146893813 ")) << trace.Dump();   // Convert's and Init's
+}
+
+TEST_F(ComModuleTest, ModuleInitTracesItsScopeAndFailure)
+{
+    TraceCapture trace;
+    trace.Start();
+    NVObjectMapEntry map[] = {{nullptr, nullptr, nullptr, nullptr}};
+    CNVComModule module;
+    EXPECT_EQ(S_OK, module.Init(map, ::GetModuleHandleW(nullptr), &nvcom::kLIBID_NVDBConvLib));
+    CNVComModule broken;
+    EXPECT_EQ(static_cast<HRESULT>(0x8007007E),
+              broken.Init(map, reinterpret_cast<HINSTANCE>(0x12340000), &nvcom::kLIBID_NVDBConvLib));
+    EXPECT_EQ((Lines{"> CNVComModule::Init", "<", "> CNVComModule::Init", "E -2147024770 ", "<"}), trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(ComDllTest, DllLoadAndObjectLifetimeAreTraced)
+{
+    TraceCapture trace;
+    trace.Start();
+    {
+        LoadedLibrary dll;
+        nv::com_ptr<IClassFactory> cf;
+        ASSERT_EQ(S_OK, dll.DllGetClassObject(nvcom::kCLSID_NVDBConverter, IID_IClassFactory, cf.put_void()));
+        nv::com_ptr<INVComponentInit> object;
+        ASSERT_EQ(S_OK, cf->CreateInstance(nullptr, __uuidof(INVComponentInit), object.put_void()));
+        EXPECT_EQ(S_OK, object->Init());
+        EXPECT_EQ(S_OK, object->Term());
+    }
+    EXPECT_EQ((Lines{
+                  "> CNVComModule::Init", "<",
+                  "> CDBConverter::FinalConstruct", "E -2147024894 ", "<",
+                  "> CNVDBConverter:FinalConstruct", "<",
+                  "> CNVDBConverter:Init", "E -2147467259 ", "<",
+                  "> CNVDBConverter:Term", "<",
+                  "> CNVDBConverter:FinalRelease", "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
 }

@@ -16,6 +16,7 @@
 #include "com/objectmap.h"
 #include "support/dll_loader.h"
 #include "support/registry_sandbox.h"
+#include "support/trace_capture.h"
 
 using namespace nvtest;
 
@@ -290,4 +291,60 @@ TEST_F(DllRegistrationTest, Regsvr32ReportsFailedUnregistrationWhenNothingIsRegi
     const std::wstring dllPath = ExeDirectory() + L"NVDBConv.dll";
     EXPECT_NE(0u, RunProcess(L"\"" + Regsvr32() + L"\" /u /s \"" + dllPath + L"\""));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane", kView64));
+}
+
+// ---------------------------------------------------------------------------
+// Trace
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+} // namespace
+
+TEST_F(ComponentRegistrationTest, RegistrationAndUnregistrationAreTracedAtEachLevel)
+{
+    TraceCapture trace;
+    trace.Start();
+    ASSERT_EQ(S_OK, g_NVComModule.RegisterServer(FALSE, nullptr));
+    ASSERT_EQ(S_OK, g_NVComModule.UnRegisterServer(nullptr));
+    ASSERT_EQ(static_cast<HRESULT>(0x80070002), g_NVComModule.UnRegisterServer(nullptr));
+    EXPECT_EQ((Lines{
+                  "> CNVComModule::RegisterServer",
+                  "> Updateregistry - SYS", "> CComponentRegistrar::RegisterComponent", "<", "<",
+                  "<",
+                  "> CNVComModule::UnRegisterServer",
+                  "> Updateregistry - SYS", "> CComponentRegistrar::UnregisterComponent", "<", "<",
+                  "<",
+                  "> CNVComModule::UnRegisterServer",
+                  "> Updateregistry - SYS",
+                  "> CComponentRegistrar::UnregisterComponent", "E -2147024894 ", "<",
+                  "E -2147024894 ", "<",
+                  "E -2147024894 ", "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(DllRegistrationTest, DllRegisterServerIsTracedInTheDll)
+{
+    TraceCapture trace;
+    trace.Start();
+    {
+        LoadedLibrary dll;
+        EXPECT_EQ(S_OK, dll.DllRegisterServer());
+        EXPECT_EQ(S_OK, dll.DllUnregisterServer());
+    }
+    EXPECT_EQ((Lines{
+                  "> CNVComModule::Init", "<",
+                  "> CDBConverter::FinalConstruct", "E -2147024894 ", "<",
+                  "> CNVComModule::RegisterServer",
+                  "> Updateregistry - SYS", "> CComponentRegistrar::RegisterComponent", "<", "<",
+                  "<",
+                  "> CNVComModule::UnRegisterServer",
+                  "> Updateregistry - SYS", "> CComponentRegistrar::UnregisterComponent", "<", "<",
+                  "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
 }

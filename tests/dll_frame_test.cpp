@@ -9,6 +9,7 @@
 #include "common/procaddress.h"
 #include "support/dll_loader.h"
 #include "support/registry_sandbox.h"
+#include "support/trace_capture.h"
 
 using namespace nvtest;
 
@@ -181,4 +182,62 @@ TEST_F(DllFrameTest, EveryLoadDetectsTheVersionAfresh)
     EXPECT_EQ(0x00020000u, Load().current);
     DeleteTree(kDb, kView32);
     EXPECT_EQ(0u, Load().current);
+}
+
+// ---------------------------------------------------------------------------
+// Trace
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+class DllFrameTraceTest : public TraceCaptureTest {};
+
+} // namespace
+
+TEST_F(DllFrameTraceTest, LoadTracesModuleInitAndVersionDetectionIn32BitView)
+{
+    SetString(kDb, L"Version", L"1.0", kView32);
+    {
+        LoadedLibrary dll;
+        EXPECT_EQ(E_FAIL, dll.Convert());
+    }
+    EXPECT_EQ((Lines{
+                  "> CNVComModule::Init", "<",
+                  "> CDBConverter::FinalConstruct",
+                  "U wszVersion = 1.0",
+                  "U m_dwVersion = 0x10000",
+                  "> CBaseConverter::CreateConverter", "U Returning NULL", "<",
+                  "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(DllFrameTraceTest, LoadWithoutDatabaseTracesTheOpenError)
+{
+    {
+        LoadedLibrary dll;
+        DWORD current = kSentinel, target = kSentinel;
+        EXPECT_EQ(S_OK, dll.GetDBVersion(&current, &target));
+    }
+    EXPECT_EQ((Lines{"> CNVComModule::Init", "<", "> CDBConverter::FinalConstruct", "E -2147024894 ", "<"}),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(DllFrameTraceTest, Version30WithoutMainDBReturnsNull)
+{
+    SetString(kDb, L"Version", L"3.0", kView32);
+    {
+        LoadedLibrary dll;
+        EXPECT_EQ(static_cast<HRESULT>(0x80004005), dll.Convert());
+    }
+    EXPECT_EQ((Lines{"> CBaseConverter::CreateConverter", "U Returning NULL", "<"}),
+              [&] {
+                  Lines all = trace.Lines();
+                  return all.size() >= 4 ? Lines(all.end() - 4, all.end() - 1) : all;
+              }())
+        << trace.Dump();
+    EXPECT_TRUE(trace.Contains("U m_dwVersion = 0x30000")) << trace.Dump();
 }
