@@ -298,6 +298,43 @@ TEST_P(BackupViewTest, FailingDoConvertRestoresDatabaseInOwnViewExactly)
     EXPECT_FALSE(KeyExists(kDb, kView32));
 }
 
+// A backup key left behind by an earlier run is not emptied: the second Convert
+// merges into it, and a rollback then restores the leftovers into the database too.
+TEST_F(BaseConverterTest, SecondConvertMergesIntoLeftBackupKeyAndRollbackRestoresTheMerge)
+{
+    FillDatabase(kView64);
+    const RegTree before = Snapshot(kDb, kView64);
+    SetDword(kBackup10, L"Leftover", 42, kView32);
+    SetString(Path(kBackup10, L"OldKey").c_str(), L"x", L"y", kView32);
+    SetString(kBackup10, L"Version", L"0.9", kView32);
+
+    TestConverter converter(0, KEY_WOW64_32KEY, L"DB-v1.0");
+    converter.convertWork = [] { ChangeDatabase(kView64); };
+    converter.convertResult = kConvertFailure;
+    EXPECT_EQ(kConvertFailure, converter.Convert());
+
+    RegTree expected = before;
+    expected.values[L"|Leftover"] = RegValue{REG_DWORD, {42, 0, 0, 0}};
+    expected.keys.push_back(L"OldKey");
+    std::sort(expected.keys.begin(), expected.keys.end());
+    expected.values[L"OldKey|x"] = RegValue{REG_SZ, StringBytes(L"y")};
+    const RegTree after = Snapshot(kDb, kView64);
+    EXPECT_TRUE(expected == after) << DiffTrees(expected, after);
+    EXPECT_FALSE(KeyExists(kBackup10, kView32));
+}
+
+TEST_F(BaseConverterTest, SecondSuccessfulConvertRemovesTheMergedBackupKey)
+{
+    FillDatabase(kView32);
+    SetDword(kBackup10, L"Leftover", 42, kView32);
+    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    EXPECT_EQ(S_OK, converter.Convert());
+    EXPECT_FALSE(KeyExists(kBackup10, kView32));
+    RegValue ignored;
+    EXPECT_FALSE(GetValue(kDb, L"Backup", kView32, &ignored));
+    EXPECT_FALSE(GetValue(kDb, L"Leftover", kView32, &ignored));
+}
+
 TEST_F(BaseConverterTest, FailingDoBackupMakesConvertRollBackWithoutConverting)
 {
     FillDatabase(kView64);
