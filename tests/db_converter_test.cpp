@@ -386,10 +386,29 @@ TEST_F(DBConverterTraceTest, DetectionTracesTheVersionReadAndTheFactoryChoice)
 {
     SetString(kDb, L"Version", L"1.0", kView32);
     Detect();
+    // The holder goes at the end of Detect, and its converter with it.
     EXPECT_EQ((Lines{
                   "> CDBConverter::FinalConstruct",
                   "U wszVersion = 1.0",
                   "U m_dwVersion = 0x10000",
+                  "> CBaseConverter::CreateConverter", "U Using CConverter2",
+                  "> CBaseConverter::CBaseConverter", "<", "> CConverter2::CConverter2", "<",
+                  "<",
+                  "<",
+                  "> CConverter2::~CConverter2", "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(DBConverterTraceTest, VersionWithoutConverterTracesReturningNull)
+{
+    SetString(kDb, L"Version", L"4.1", kView64);
+    Detect();
+    EXPECT_EQ((Lines{
+                  "> CDBConverter::FinalConstruct",
+                  "U wszVersion = 4.1",
+                  "U m_dwVersion = 0x40001",
                   "> CBaseConverter::CreateConverter", "U Returning NULL", "<",
                   "<",
               }),

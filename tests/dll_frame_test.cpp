@@ -10,6 +10,7 @@
 #include "support/dll_loader.h"
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
+#include "writer/legacy_writer.h"
 
 using namespace nvtest;
 
@@ -79,22 +80,75 @@ TEST_F(DllFrameTest, WithoutDatabaseTheActionsFailAndVersionsAreZero)
     EXPECT_FALSE(KeyExists(kVendor, kView64));
 }
 
-// The converter for a 1.0 database is not part of this build yet: the version is
-// found in the 32-bit view, but no converter is made.
-TEST_F(DllFrameTest, Version10In32BitViewOnlyIsDetected)
+// "1.0" in the 32-bit view only: the first open fails, the second finds it, and
+// Convert runs a CConverter2 to the end: "2.0", no backup left in either view.
+TEST_F(DllFrameTest, Version10In32BitViewOnlyIsDetectedAndConvertedByCConverter2)
+{
+    nvwriter::DbOptions options;
+    options.users = 3;
+    options.domains = 1;
+    nvwriter::DbRecord record;
+    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    ASSERT_FALSE(KeyExists(kVendor, kView64));
+
+    {
+        LoadedLibrary dll;
+        DWORD current = kSentinel, target = kSentinel;
+        EXPECT_EQ(S_OK, dll.GetDBVersion(&current, &target));
+        EXPECT_EQ(0x00010000u, current);
+        EXPECT_EQ(0x00020000u, target);
+        EXPECT_EQ(S_OK, dll.Convert());
+        // The backup is gone, so a later Rollback or Cleanup has nothing to do.
+        EXPECT_EQ(S_FALSE, dll.Rollback());
+        EXPECT_EQ(S_FALSE, dll.Cleanup());
+    }
+    std::wstring version;
+    EXPECT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    EXPECT_EQ(std::wstring(L"2.0"), version);
+    RegValue ignored;
+    EXPECT_FALSE(GetValue(kDb, L"Backup", kView32, &ignored));
+    EXPECT_EQ(std::vector<std::wstring>{L"DB"}, SubkeyNames(kVendor, kView32));
+    EXPECT_FALSE(KeyExists(kVendor, kView64));
+}
+
+// A failed conversion of an earlier process left its backup and "Backup" in the
+// 32-bit view. A library loaded afresh (still "1.0": a CConverter2) cleans up
+// from the registry state alone.
+TEST_F(DllFrameTest, CleanupInALaterProcessRemovesTheBackupLeftBehind)
 {
     SetString(kDb, L"Version", L"1.0", kView32);
-    SetDword(kDb, L"Other", 3, kView32);
-    const BothViews before;
+    SetString(kDb, L"Backup", L"SOFTWARE\\Norvane\\DB-v1.0", kView32);
+    SetString(L"SOFTWARE\\Norvane\\DB-v1.0", L"Version", L"1.0", kView32);
+    SetDword(L"SOFTWARE\\Norvane\\DB-v1.0\\Sub", L"x", 1, kView32);
+    {
+        LoadedLibrary dll;
+        EXPECT_EQ(S_OK, dll.Cleanup());
+        EXPECT_EQ(S_FALSE, dll.Cleanup());
+    }
+    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB-v1.0", kView32));
+    RegTree expected;
+    expected.exists = true;
+    expected.keys = {L""};
+    expected.values[L"|Version"] = RegValue{REG_SZ, {'1', 0, '.', 0, '0', 0, 0, 0}};
+    const RegTree db = Snapshot(kDb, kView32);
+    EXPECT_TRUE(expected == db) << DiffTrees(expected, db);
+    EXPECT_FALSE(KeyExists(kVendor, kView64));
+}
 
-    LoadedLibrary dll;
-    DWORD current = kSentinel, target = kSentinel;
-    EXPECT_EQ(S_OK, dll.GetDBVersion(&current, &target));
-    EXPECT_EQ(0x00010000u, current);
-    EXPECT_EQ(0u, target);
-    EXPECT_EQ(E_FAIL, dll.Convert());
-    EXPECT_EQ(E_FAIL, dll.Rollback());
-    EXPECT_EQ(E_FAIL, dll.Cleanup());
+// The same leftovers, rolled back in a later process: Rollback deletes and
+// restores the database in the library's own (64-bit) view, where there is none,
+// so its first delete fails, nothing else happens and it still answers S_OK. The
+// 32-bit database, its "Backup" value and the 32-bit backup all stay as they were.
+TEST_F(DllFrameTest, RollbackInALaterProcessCannotReachThe32BitDatabase)
+{
+    SetString(kDb, L"Version", L"1.0", kView32);
+    SetString(kDb, L"Backup", L"SOFTWARE\\Norvane\\DB-v1.0", kView32);
+    SetString(L"SOFTWARE\\Norvane\\DB-v1.0", L"Version", L"1.0", kView32);
+    const BothViews before;
+    {
+        LoadedLibrary dll;
+        EXPECT_EQ(S_OK, dll.Rollback());
+    }
     ExpectUnchanged(before);
 }
 
@@ -138,11 +192,13 @@ TEST_F(DllFrameTest, VersionTextsAndTypesFollowTheReaderAndParseRules)
         DWORD type;
         std::wstring text;
         DWORD version;
+        DWORD target;
     } cases[] = {
-        {"no point", REG_SZ, L"1", 0x00010000},
-        {"backup name", REG_SZ, L"DB-v1.0", 0},
-        {"minor", REG_SZ, L"2.5", 0x00020005},
-        {"expand string", REG_EXPAND_SZ, L"2.0", 0x00020000},
+        {"no point", REG_SZ, L"1", 0x00010000, 0x00020000},
+        {"backup name", REG_SZ, L"DB-v1.0", 0, 0},
+        {"minor", REG_SZ, L"1.5", 0x00010005, 0x00020000},
+        {"expand string", REG_EXPAND_SZ, L"1.0", 0x00010000, 0x00020000},
+        {"unknown major", REG_SZ, L"7.0", 0x00070000, 0},
     };
     for (const Case& c : cases) {
         WipeSuiteKeys();
@@ -150,7 +206,7 @@ TEST_F(DllFrameTest, VersionTextsAndTypesFollowTheReaderAndParseRules)
         Versions v = Load();
         EXPECT_EQ(S_OK, v.hr) << c.what;
         EXPECT_EQ(c.version, v.current) << c.what;
-        EXPECT_EQ(0u, v.target) << c.what;
+        EXPECT_EQ(c.target, v.target) << c.what;
     }
 }
 
@@ -200,13 +256,37 @@ TEST_F(DllFrameTraceTest, LoadTracesModuleInitAndVersionDetectionIn32BitView)
     SetString(kDb, L"Version", L"1.0", kView32);
     {
         LoadedLibrary dll;
-        EXPECT_EQ(E_FAIL, dll.Convert());
+        DWORD current = kSentinel, target = kSentinel;
+        EXPECT_EQ(S_OK, dll.GetDBVersion(&current, &target));
     }
+    // The converter is destroyed with the static objects, after detach.
     EXPECT_EQ((Lines{
                   "> CNVComModule::Init", "<",
                   "> CDBConverter::FinalConstruct",
                   "U wszVersion = 1.0",
                   "U m_dwVersion = 0x10000",
+                  "> CBaseConverter::CreateConverter", "U Using CConverter2",
+                  "> CBaseConverter::CBaseConverter", "<", "> CConverter2::CConverter2", "<",
+                  "<",
+                  "<",
+                  "> CConverter2::~CConverter2", "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(DllFrameTraceTest, UnknownVersionTracesReturningNull)
+{
+    SetString(kDb, L"Version", L"0.9", kView64);
+    {
+        LoadedLibrary dll;
+        EXPECT_EQ(E_FAIL, dll.Convert());
+    }
+    EXPECT_EQ((Lines{
+                  "> CNVComModule::Init", "<",
+                  "> CDBConverter::FinalConstruct",
+                  "U wszVersion = 0.9",
+                  "U m_dwVersion = 0x9",
                   "> CBaseConverter::CreateConverter", "U Returning NULL", "<",
                   "<",
               }),
