@@ -813,6 +813,20 @@ TEST_F(BaseConverterTest, CopyKeyRefusesEmptyValueOfAnyType)
     }
 }
 
+// The name buffer passes 16,383 characters as its capacity, so a value name of the
+// registry's full 16,383 characters does not fit with its terminator: the
+// enumeration answers "more data" (234), which does not stop the copy, with no
+// name; reading the value by that empty name then fails.
+TEST_F(BaseConverterTest, CopyKeyOfValueWhoseNameLeavesNoRoomForTheTerminatorFails)
+{
+    const std::wstring longName(16383, L'q');
+    SetDword(L"SOFTWARE\\Norvane\\Src", longName.c_str(), 7, kView64);
+    EXPECT_EQ(static_cast<HRESULT>(0x80070002),
+              CBaseConverter::CopyKey(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane\\Dst", 0, HKEY_LOCAL_MACHINE,
+                                      L"SOFTWARE\\Norvane\\Src", 0));
+    EXPECT_TRUE(ValueNames(L"SOFTWARE\\Norvane\\Dst", kView64).empty());
+}
+
 // ---------------------------------------------------------------------------
 // DeleteKey and the full-access grant
 
