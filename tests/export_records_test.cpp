@@ -12,6 +12,8 @@
 #include "support/key_containers.h"
 #include "support/registry_sandbox.h"
 #include "support/signed_records.h"
+#include "support/trace_capture.h"
+#include "trace/trace.h"
 #include "writer/host_provisioning.h"
 
 using namespace nvtest;
@@ -612,4 +614,50 @@ TEST_F(ExportRecordsTest, ImportWorksWithoutAProvider)
     EXPECT_EQ(items.data, BlobBytes(data));
     EXPECT_GUID_EQ(kOtherHostId, target);
     EXPECT_GUID_EQ(kZeroGuid, source);
+}
+
+// ---- trace ------------------------------------------------------------------------
+
+TEST_F(ExportRecordsTest, TraceShowsExportWithItsSignatureAndImport)
+{
+    TraceCapture trace;
+    trace.Start(10);
+    const std::vector<BYTE> record = ExportOk({0x01});
+    ImportAll(record);
+    ImportAll({0x05, 0x05});
+    EXPECT_EQ((std::vector<std::string>{
+                  "> CFPSecurityContext::Export", "> SignBLOB", "<", "<",
+                  "> CFPSecurityContext::Import", "<",
+                  "> CFPSecurityContext::Import", "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(ExportRecordsTest, TraceOfAFailedExportShowsTheSignaturesErrorTwice)
+{
+    TraceCapture trace;
+    trace.Start(10);
+    CFPSecurityContext unconstructed;
+    const std::vector<BYTE> data = {0x01};
+    CRYPT_DATA_BLOB in = BlobOf(data);
+    TaskBlob record;
+    EXPECT_EQ(E_INVALIDARG, unconstructed.Export(kOtherHostId, &in, kView32, &record));
+    EXPECT_EQ((std::vector<std::string>{
+                  "> CFPSecurityContext::Export",
+                  "> SignBLOB", "E -2147024809 ", "<",
+                  "E -2147024809 ", "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(ExportRecordsTest, ExportAndImportScopesAreHiddenBelowVerbosityTen)
+{
+    TraceCapture trace;
+    trace.Start(0);
+    ImportAll(ExportOk({0x01}));
+    // The trace itself is on: a scope of level 0 shows, and nothing before it.
+    { NVTraceNS::CTraceScope scope("ExportRecordsTest", 0); }
+    EXPECT_EQ((std::vector<std::string>{"> ExportRecordsTest", "<"}), trace.Lines()) << trace.Dump();
 }

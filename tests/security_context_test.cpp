@@ -15,6 +15,7 @@
 #include "support/key_containers.h"
 #include "support/registry_sandbox.h"
 #include "support/signed_records.h"
+#include "support/trace_capture.h"
 #include "writer/host_provisioning.h"
 
 using namespace nvtest;
@@ -682,4 +683,79 @@ TEST_F(SecurityContextTest, VerifyWithoutProviderOrKeyFails)
     std::vector<BYTE> record = {0x30, 0x00};
     CRYPT_DATA_BLOB s{2, record.data()};
     EXPECT_EQ(E_INVALIDARG, ctx.Verify(&s, nullptr));
+}
+
+// ---- trace ------------------------------------------------------------------------
+
+TEST_F(SecurityContextTest, TraceShowsEachOperationsScope)
+{
+    TraceCapture trace;
+    trace.Start(10);
+    {
+        CFPSecurityContext ctx;
+        ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+        HCRYPTPROV lent = 0;
+        EXPECT_EQ(S_OK, ctx.GetContext(&lent));
+        TaskBlob pk;
+        EXPECT_EQ(S_OK, ctx.GetPublicKey(&pk));
+        CRYPT_DATA_BLOB in{static_cast<DWORD>(kToBeSigned.size()), const_cast<BYTE*>(kToBeSigned.data())};
+        TaskBlob out;
+        EXPECT_EQ(S_OK, ctx.SignBLOB(&in, &out, ctx.m_hProv, AT_KEYEXCHANGE, nullptr));
+        EXPECT_EQ(S_OK, ctx.Verify(&out, nullptr));
+    }
+    EXPECT_EQ((std::vector<std::string>{
+                  "> CFPSecurityContext::FinalConstruct", "<",
+                  "> CFPSecurityContext::GetContext", "<",
+                  "> CFPSecurityContext::GetPublicKey", "<",
+                  "> SignBLOB", "<",
+                  "> CFPSecurityContext::Verify", "<",
+                  "> CFPSecurityContext::FinalRelease", "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(SecurityContextTest, TraceRecordsFailuresButNotABadSignature)
+{
+    DeleteContainerIfPresent(kTestHostId);
+    TraceCapture trace;
+    trace.Start(10);
+    CFPSecurityContext ctx;
+    EXPECT_EQ(kBadKeyset, ctx.FinalConstruct(kView32));
+    std::vector<BYTE> garbage = {0x01, 0x02};
+    CRYPT_DATA_BLOB g{2, garbage.data()};
+    EXPECT_EQ(static_cast<HRESULT>(0x8009310B), ctx.Verify(&g, &g));
+    m_containers.Create(kTestHostId);
+    ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+    EXPECT_EQ(S_FALSE, ctx.Verify(&g, nullptr));
+    EXPECT_EQ((std::vector<std::string>{
+                  "> CFPSecurityContext::FinalConstruct", "E -2146893802 ", "<",
+                  "> CFPSecurityContext::Verify", "E -2146881269 ", "<",
+                  "> CFPSecurityContext::FinalConstruct", "<",
+                  "> CFPSecurityContext::Verify", "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(SecurityContextTest, LowLevelScopesNeedVerbosityTenButTheirFailuresAlwaysShow)
+{
+    TraceCapture trace;
+    trace.Start(0);
+    {
+        CFPSecurityContext ctx;
+        ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+        HCRYPTPROV lent = 0;
+        EXPECT_EQ(S_OK, ctx.GetContext(&lent));
+        CRYPT_DATA_BLOB in{static_cast<DWORD>(kToBeSigned.size()), const_cast<BYTE*>(kToBeSigned.data())};
+        TaskBlob out;
+        EXPECT_EQ(static_cast<HRESULT>(0x8009000D), ctx.SignBLOB(&in, &out, ctx.m_hProv, AT_SIGNATURE, nullptr));
+    }
+    EXPECT_EQ((std::vector<std::string>{
+                  "> CFPSecurityContext::FinalConstruct", "<",
+                  "E -2146893811 ",
+                  "> CFPSecurityContext::FinalRelease", "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
 }
