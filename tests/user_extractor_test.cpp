@@ -13,10 +13,10 @@
 #include "common/handles.h"
 #include "legacydb/secretrecord.h"
 #include "legacydb/userextractor.h"
-#include "support/legacy_support.h"
+#include "support/key_containers.h"
 #include "support/registry_sandbox.h"
 #include "writer/db20_der.h"
-#include "writer/db20_host.h"
+#include "writer/host_provisioning.h"
 #include "writer/db20_writer.h"
 
 using namespace nvtest;
@@ -29,7 +29,16 @@ namespace {
 constexpr HRESULT kBadData = static_cast<HRESULT>(0x80090005);
 constexpr const wchar_t kDataUsers[] = L"SOFTWARE\\Norvane\\DB\\Data\\Users";
 constexpr const wchar_t kHostKey[] = L"SOFTWARE\\Norvane\\NVHOST";
-constexpr const wchar_t kProvider[] = L"Microsoft Enhanced Cryptographic Provider v1.0";
+
+std::wstring GuidText(const GUID& g)
+{
+    return ContainerName(g); // the braced registry form
+}
+
+std::vector<BYTE> BlobBytes(const CRYPT_DATA_BLOB& b)
+{
+    return b.pbData ? std::vector<BYTE>(b.pbData, b.pbData + b.cbData) : std::vector<BYTE>();
+}
 
 std::wstring UserKey(const GUID& g)
 {
@@ -130,13 +139,7 @@ protected:
     }
 
     // A provider on the database's container, for hand-made records.
-    nv::unique_hcryptprov Provider(const Db20Database& db)
-    {
-        nv::unique_hcryptprov prov;
-        EXPECT_TRUE(::CryptAcquireContextW(prov.put(), GuidText(db.hostId).c_str(), kProvider, PROV_RSA_FULL,
-                                           CRYPT_MACHINE_KEYSET));
-        return prov;
-    }
+    nv::unique_hcryptprov Provider(const Db20Database& db) { return OpenMachineContainer(db.hostId); }
 
     void ExpectUser(const Db20User& expected, const NV_USER_RECORD& actual)
     {
@@ -195,7 +198,7 @@ protected:
         }
     }
 
-    MachineContainers m_containers;
+    ContainerJanitor m_containers;
 };
 
 Db20Options SmallOptions(std::uint32_t seed, unsigned users)
@@ -236,7 +239,7 @@ TEST_F(UserExtractorTest, ConstructionWithoutTheHostKeyLeavesNoContainerAndEnume
 
 TEST_F(UserExtractorTest, AMissingHostIdValueLeavesNoContainerEvenWhenTheZeroContainerExists)
 {
-    Db20CreateMachineContainer(GUID_NULL);
+    m_containers.Create(GUID_NULL);
     CreateKeyPath(kHostKey, kView32);
     CLocalDBUserExtractor extractor;
     EXPECT_EQ(0u, extractor.GetProvider());
@@ -244,7 +247,7 @@ TEST_F(UserExtractorTest, AMissingHostIdValueLeavesNoContainerEvenWhenTheZeroCon
 
 TEST_F(UserExtractorTest, AnEmptyShortOrStringHostIdNamesTheZeroGuidContainer)
 {
-    Db20CreateMachineContainer(GUID_NULL);
+    m_containers.Create(GUID_NULL);
     const std::wstring zero = L"{00000000-0000-0000-0000-000000000000}";
 
     SetBinary(kHostKey, L"HostId", {}, kView32);
@@ -268,8 +271,7 @@ TEST_F(UserExtractorTest, AnEmptyShortOrStringHostIdNamesTheZeroGuidContainer)
 TEST_F(UserExtractorTest, TheHostIdIsReadInNetworkByteOrder)
 {
     const GUID host = {0x01020304, 0x0506, 0x0708, {0x09, 0x0A, 0x0B, 0x0C, 0x0D, 0x0E, 0x0F, 0x10}};
-    m_containers.Track(host);
-    Db20CreateMachineContainer(host);
+    m_containers.Create(host);
     SetBinary(kHostKey, L"HostId", {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16}, kView32);
     CLocalDBUserExtractor extractor;
     EXPECT_EQ(L"{01020304-0506-0708-090A-0B0C0D0E0F10}", ContainerOf(extractor.GetProvider()));
@@ -592,7 +594,12 @@ TEST_F(UserExtractorTest, SecretFieldsOfOddShapesAreDecodedLeniently)
     const Db20User& u = db.users[0];
     nv::unique_hcryptprov prov = Provider(db);
     const FILETIME when{0, 0x01D00000};
-    auto record = [&](const DerBytes& data) { return Db20ExportRecord(prov.get(), data, db.hostId, u.guid, when); };
+    auto record = [&](const DerBytes& data) {
+        ExportRecordItems items;
+        items.data = data;
+        items.time = when;
+        return MakeExportRecord(prov.get(), items);
+    };
     using namespace der20;
     const GUID g = {0x11111111, 0x2222, 0x3333, {0x44, 0x44, 0x44, 0x44, 0x44, 0x44, 0x44, 0x44}};
     const DerBytes header = Seq({GuidOctets(g), Uint(kDb20SecretTypeCode), Uint(3)});

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "legacydb/userextractor.h"
-#include "support/legacy_support.h"
 #include "support/registry_sandbox.h"
 #include "writer/db20_der.h"
 #include "writer/db20_writer.h"
