@@ -31,6 +31,10 @@ DerBytes UintBytes(const DerBytes& littleEndian)
 
 DerBytes Int(LONG value)
 {
+    // Wine's integer encoder reads before its buffer when every byte is 0xFF: -1 is
+    // written out here in its one-byte DER form.
+    if (value == -1)
+        return DerBytes{0x02, 0x01, 0xFF};
     const DWORD v = static_cast<DWORD>(value);
     BYTE le[4] = {BYTE(v), BYTE(v >> 8), BYTE(v >> 16), BYTE(v >> 24)};
     CRYPT_INTEGER_BLOB blob{4, le};

@@ -173,9 +173,10 @@ void ApplyDefect(Db20Database& db, size_t index, Db20Defect defect)
     if (defect == Db20Defect::MissingActCtrl)
         user.writeActCtrl = false;
     if (defect == Db20Defect::DuplicateSid && index > 0) {
-        // Both users share the policy key; the account control is the one written last.
+        // Both users share the policy key, so they share what it holds.
         user.sidText = db.users[index - 1].sidText;
         user.accountControl = db.users[index - 1].accountControl;
+        user.writeActCtrl = db.users[index - 1].writeActCtrl;
     }
 }
 
