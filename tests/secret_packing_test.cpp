@@ -8,6 +8,7 @@
 #include <wincrypt.h>
 #include <comdef.h>
 #include <gtest/gtest.h>
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -16,6 +17,7 @@
 #include "common/handles.h"
 #include "converter3/secretpacking.h"
 #include "secret_keys.h"
+#include "support/trace_capture.h"
 
 namespace {
 
@@ -633,4 +635,107 @@ TEST_F(EncryptExTest, AProviderWithoutKeyExchangeKeyFailsAndTheBlobKeepsItsConte
     EXPECT_EQ(NTE_NO_KEY, EncryptEx(blob, empty.get(), 0, CALG_3DES));
     EXPECT_EQ(before, blob.pbData);
     EXPECT_EQ(kPlain, ToBytes(blob));
+}
+
+// ---- trace lines ---------------------------------------------------------------------
+
+namespace {
+
+class SecretPackingTraceTest : public nvtest::TraceCaptureTest {
+protected:
+    bool TraceHolds(const std::wstring& text) const
+    {
+        const std::vector<std::uint8_t> file = trace.Bytes();
+        const std::string narrow(text.begin(), text.end());
+        const auto* wide = reinterpret_cast<const std::uint8_t*>(text.data());
+        const std::vector<std::uint8_t> wideBytes(wide, wide + text.size() * sizeof(wchar_t));
+        return std::search(file.begin(), file.end(), narrow.begin(), narrow.end()) != file.end() ||
+               std::search(file.begin(), file.end(), wideBytes.begin(), wideBytes.end()) != file.end() ||
+               [&] {
+                   for (const std::string& line : trace.Lines())
+                       if (line.find(narrow) != std::string::npos)
+                           return true;
+                   return false;
+               }();
+    }
+};
+
+} // namespace
+
+TEST_F(SecretPackingTraceTest, UnpackTracesSizeItemsVersionAndTheCombinedFlagWithTwoBlanks)
+{
+    Unpacked u;
+    const Bytes content = Scrambled(Seq({Uint(4), Bmp(L"Tr4ced?"), Bmp(L"8642")}));
+    Unpack(content, u);
+    ASSERT_EQ(S_OK, u.hr);
+    EXPECT_EQ((std::vector<std::string>{"> UnpackPasswordAndPin()",
+                                        "U Primary data size = " + std::to_string(content.size()),
+                                        "U pSeq->cValue = 3", "U ulCurrentVersion = 4", "U bCombinedSecret  = 0",
+                                        "<"}),
+              trace.Lines())
+        << trace.Dump();
+    EXPECT_FALSE(TraceHolds(L"Tr4ced?"));
+    EXPECT_FALSE(TraceHolds(L"8642"));
+}
+
+TEST_F(SecretPackingTraceTest, UnpackTracesItsFailureCodes)
+{
+    Unpacked empty;
+    Unpack({}, empty);
+    EXPECT_EQ((std::vector<std::string>{"> UnpackPasswordAndPin()", "U Primary data size = 0", "E -2147024894 ", "<"}),
+              trace.Lines())
+        << trace.Dump();
+
+    nvtest::TraceCapture second;
+    second.Start();
+    Unpacked none;
+    Unpack(Scrambled(Seq({})), none);
+    EXPECT_EQ((std::vector<std::string>{"> UnpackPasswordAndPin()", "U Primary data size = 2", "U pSeq->cValue = 0",
+                                        "E -2146893819 ", "<"}),
+              second.Lines())
+        << second.Dump();
+
+    nvtest::TraceCapture third;
+    third.Start();
+    Unpacked v10;
+    Unpack(Scrambled(Seq({Uint(10), Bmp(L"pw")})), v10);
+    EXPECT_EQ((std::vector<std::string>{"> UnpackPasswordAndPin()", "U Primary data size = 11", "U pSeq->cValue = 2",
+                                        "U ulCurrentVersion = 10", "E -2146893819 ", "<"}),
+              third.Lines())
+        << third.Dump();
+}
+
+TEST_F(SecretPackingTraceTest, PackPasswordTracesTheByteCountAndNotThePassword)
+{
+    nv::CCryptBlob blob;
+    PackPassword(L"abc", blob);
+    nv::CCryptBlob longer;
+    PackPassword(L"n0t-in-trace", longer);
+    EXPECT_EQ((std::vector<std::string>{"> PackPassword()", "U Data size = 13", "<", "> PackPassword()",
+                                        "U Data size = 31", "<"}),
+              trace.Lines())
+        << trace.Dump();
+    EXPECT_FALSE(TraceHolds(L"n0t-in-trace"));
+}
+
+TEST_F(SecretPackingTraceTest, EncryptExScopeShowsOnlyAtVerbosityTen)
+{
+    nv::unique_hcryptprov prov;
+    ASSERT_TRUE(::CryptAcquireContextW(prov.put(), nullptr, L"Microsoft Enhanced Cryptographic Provider v1.0",
+                                       PROV_RSA_FULL, CRYPT_VERIFYCONTEXT));
+    nv::unique_hcryptkey exchange;
+    ASSERT_TRUE(::CryptGenKey(prov.get(), AT_KEYEXCHANGE, 1024u << 16, exchange.put()));
+
+    nv::CCryptBlob blob(kPlain.data(), static_cast<DWORD>(kPlain.size()));
+    ASSERT_EQ(S_OK, EncryptEx(blob, prov.get(), exchange.get(), CALG_3DES));
+    EXPECT_EQ((std::vector<std::string>{"> EncryptEx", "<"}), trace.Lines()) << trace.Dump();
+
+    // Below verbosity 10 the scope stays out of the file (which starts afresh);
+    // a failure's code is written whatever the verbosity.
+    trace.SetVerbosity(9);
+    nv::CCryptBlob quiet(kPlain.data(), static_cast<DWORD>(kPlain.size()));
+    ASSERT_EQ(S_OK, EncryptEx(quiet, prov.get(), exchange.get(), CALG_3DES));
+    nv::CCryptBlob failing(kPlain.data(), static_cast<DWORD>(kPlain.size()));
+    EXPECT_EQ(NTE_BAD_ALGID, EncryptEx(failing, prov.get(), exchange.get(), CALG_SHA1));
+    EXPECT_EQ((std::vector<std::string>{"E -2146893816 "}), trace.Lines()) << trace.Dump();
 }
