@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "converter2/converter2.h"
 #include "frame/converterfactory.h"
 #include "frame/dbconverter.h"
 #include "support/registry_sandbox.h"
@@ -101,12 +102,17 @@ TEST_F(DBConverterTest, FactoryTableListsMajorsOneToThreeWithTheirTraceLinesAndM
     EXPECT_EQ(&nvframe::DatabaseStillHoldsMainDB, nvframe::g_converterKinds[2].applies);
 }
 
-// Neither converter is part of this build yet: every version gets none.
-TEST_F(DBConverterTest, CreateConverterReturnsNullForEveryVersionWhileNoConverterIsBuilt)
+// Major 1 gets a CConverter2; CConverter3 is not part of this build yet, so every
+// other version gets none.
+TEST_F(DBConverterTest, CreateConverterBuildsCConverter2ForMajorOneAndNoneForOtherVersions)
 {
     CreateKeyPath(kMainDB, kView32);
     nv::CNVRegKey unused;
-    for (DWORD v : {0x00000000u, 0x00010000u, 0x00020000u, 0x00030000u, 0x00040000u}) {
+    for (DWORD v : {0x00010000u, 0x00010003u}) {
+        std::unique_ptr<CBaseConverter> c(CBaseConverter::CreateConverter(v, unused));
+        EXPECT_NE(nullptr, dynamic_cast<CConverter2*>(c.get())) << std::hex << v;
+    }
+    for (DWORD v : {0x00000000u, 0x00020000u, 0x00030000u, 0x00040000u}) {
         std::unique_ptr<CBaseConverter> c(CBaseConverter::CreateConverter(v, unused));
         EXPECT_EQ(nullptr, c.get()) << std::hex << v;
     }
@@ -265,7 +271,8 @@ TEST_F(DBConverterTest, VersionTextsAreParsedAsTheRulesSay)
         Detected d = Detect();
         EXPECT_EQ(S_OK, d.hr) << Narrow(c.text);
         EXPECT_EQ(c.version, d.version) << Narrow(c.text);
-        EXPECT_FALSE(d.converter) << Narrow(c.text);
+        // Only major 1 has its converter in this build.
+        EXPECT_EQ((c.version >> 16) == 1, d.converter) << Narrow(c.text);
     }
 }
 

@@ -3,6 +3,7 @@
 #include <new>
 
 #include "common/regkey.h"
+#include "converter2/converter2.h"
 #include "frame/baseconverter.h"
 #include "frame/paths.h"
 #include "trace/trace.h"
@@ -12,7 +13,7 @@ namespace nvframe {
 // One line per converter kind. A kind whose converter is not built yet has no
 // creation function and yields no converter.
 const ConverterKind g_converterKinds[] = {
-    {1, "Using CConverter2", nullptr, nullptr},
+    {1, "Using CConverter2", &NewConverter<CConverter2>, nullptr},
     {2, "Using CConverter3", nullptr, nullptr},
     {3, "Using CConverter3", nullptr, &DatabaseStillHoldsMainDB},
 };

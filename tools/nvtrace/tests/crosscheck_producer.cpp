@@ -11,6 +11,7 @@
 namespace {
 
 constexpr const wchar_t kTracingKey[] = L"SOFTWARE\\Norvane\\Tracing";
+constexpr const wchar_t kDatabaseKey[] = L"SOFTWARE\\Norvane\\DB";
 
 bool SetDword(HKEY key, const wchar_t* name, DWORD value)
 {
@@ -39,6 +40,19 @@ int wmain(int argc, wchar_t** argv)
                                static_cast<DWORD>((file.size() + 1) * sizeof(wchar_t))) == ERROR_SUCCESS;
     ::RegCloseKey(key);
 
+    // A database whose version has no converter: the load still traces the version
+    // it found (progress lines) and the factory's choice, and Convert fails (a result).
+    HKEY db = nullptr;
+    if (ok && ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, kDatabaseKey, 0, nullptr, 0, KEY_ALL_ACCESS | KEY_WOW64_32KEY,
+                                nullptr, &db, nullptr) == ERROR_SUCCESS) {
+        const wchar_t version[] = L"3.0";
+        ok = ::RegSetValueExW(db, L"Version", 0, REG_SZ, reinterpret_cast<const BYTE*>(version), sizeof(version)) ==
+             ERROR_SUCCESS;
+        ::RegCloseKey(db);
+    } else {
+        ok = false;
+    }
+
     if (ok) {
         wchar_t path[MAX_PATH];
         DWORD n = ::GetModuleFileNameW(nullptr, path, MAX_PATH);
@@ -56,10 +70,14 @@ int wmain(int argc, wchar_t** argv)
                 std::printf("GetDBVersion: 0x%08lX\n", static_cast<unsigned long>(getVersion(&current, &target)));
             if (auto convert = nv::GetProcAs<ActionFn>(module, "Convert"))
                 std::printf("Convert: 0x%08lX\n", static_cast<unsigned long>(convert()));
+            // No component list exists, so unregistering traces the open's failure.
+            if (auto unregister = nv::GetProcAs<ActionFn>(module, "DllUnregisterServer"))
+                std::printf("DllUnregisterServer: 0x%08lX\n", static_cast<unsigned long>(unregister()));
             ::FreeLibrary(module);
         }
     }
     ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, kTracingKey);
     ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, kTracingKey);
+    ::RegDeleteKeyExW(HKEY_LOCAL_MACHINE, kDatabaseKey, KEY_WOW64_32KEY, 0);
     return ok ? 0 : 1;
 }
