@@ -18,6 +18,9 @@ set(NV_WIN_LIBS crypt32 advapi32 netapi32 ole32 oleaut32 uuid rpcrt4 wtsapi32 ve
 # Everything a test may load or start at run time: the DLL, the tools, the store.
 add_custom_target(nv_runtime)
 
+# Before the subdirectories, so that tests the tools' folders add are registered too.
+enable_testing()
+
 add_subdirectory(src)
 add_dependencies(nv_runtime NVDBConv)
 add_subdirectory(tools)
@@ -31,7 +34,17 @@ include(GoogleTest)
 add_subdirectory(tests)
 add_subdirectory(bench)
 
-# The native tests (the portable trace decoder) run in the same CTest session.
-if(NV_NATIVE_BUILD_DIR AND EXISTS ${NV_NATIVE_BUILD_DIR}/tools/nvtrace/CTestTestfile.cmake)
-    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${NV_NATIVE_BUILD_DIR}/tools/nvtrace/CTestTestfile.cmake)
+# The native tests (the portable trace decoder) run in the same CTest session. Whether
+# they exist is decided when CTest runs, so the order in which the two trees were
+# configured does not matter; a native tree without them shows up as a failing test.
+if(NV_NATIVE_BUILD_DIR)
+    set(NV_NATIVE_TESTFILE ${NV_NATIVE_BUILD_DIR}/tools/nvtrace/CTestTestfile.cmake)
+    file(WRITE ${CMAKE_BINARY_DIR}/native_tests.cmake
+"if(EXISTS \"${NV_NATIVE_TESTFILE}\")
+    include(\"${NV_NATIVE_TESTFILE}\")
+else()
+    add_test(native.NativeTreeHasNoNvtraceTests \"${CMAKE_COMMAND}\" -E false)
+endif()
+")
+    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${CMAKE_BINARY_DIR}/native_tests.cmake)
 endif()

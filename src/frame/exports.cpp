@@ -1,20 +1,51 @@
-// Placeholder exports until the frame lands.
+// The library's exports (undecorated through NVDBConv.def): the four plain entry
+// points of the installer and the standard COM server functions.
 #include <windows.h>
 
+#include "com/nvcommodule.h"
+#include "frame/dbconverter.h"
+
 extern "C" {
-HRESULT __stdcall Convert() { return E_FAIL; }
-HRESULT __stdcall Rollback() { return E_FAIL; }
-HRESULT __stdcall Cleanup() { return E_FAIL; }
-HRESULT __stdcall GetDBVersion(DWORD* current, DWORD* target)
+
+HRESULT __stdcall Convert()
 {
-    if (!current || !target)
-        return E_INVALIDARG;
-    *current = 0;
-    *target = 0;
-    return S_OK;
+    return g_DBConverter.Convert();
 }
-HRESULT __stdcall DllCanUnloadNow() { return S_OK; }
-HRESULT __stdcall DllGetClassObject(REFCLSID, REFIID, void** ppv) { if (ppv) *ppv = nullptr; return CLASS_E_CLASSNOTAVAILABLE; }
-HRESULT __stdcall DllRegisterServer() { return E_NOTIMPL; }
-HRESULT __stdcall DllUnregisterServer() { return E_NOTIMPL; }
+
+HRESULT __stdcall Rollback()
+{
+    return g_DBConverter.Rollback();
 }
+
+HRESULT __stdcall Cleanup()
+{
+    return g_DBConverter.Cleanup();
+}
+
+HRESULT __stdcall GetDBVersion(DWORD* pdwCurrent, DWORD* pdwTarget)
+{
+    return g_DBConverter.GetDBVersion(pdwCurrent, pdwTarget);
+}
+
+HRESULT __stdcall DllCanUnloadNow()
+{
+    return g_NVComModule.DllCanUnloadNow();
+}
+
+HRESULT __stdcall DllGetClassObject(REFCLSID rclsid, REFIID riid, void** ppv)
+{
+    return g_NVComModule.GetClassObject(rclsid, riid, ppv);
+}
+
+// Only the component list entry: no type library, no COM class keys.
+HRESULT __stdcall DllRegisterServer()
+{
+    return g_NVComModule.RegisterServer(FALSE, nullptr);
+}
+
+HRESULT __stdcall DllUnregisterServer()
+{
+    return g_NVComModule.UnRegisterServer(nullptr);
+}
+
+} // extern "C"

@@ -5,7 +5,12 @@
 //
 // The container is acquired, never created, here. Operations return HRESULTs and
 // never throw; the throwing constructor is for callers that create a context and
-// need it working (it raises FinalConstruct's failure as _com_error).
+// need it working (it raises FinalConstruct's failure as _com_error). The
+// destructor runs FinalRelease.
+//
+// Out blobs are written only on success (Export and Import first empty theirs);
+// whatever an out blob held before is overwritten, not freed. Null out pointers
+// give E_POINTER, except Import's, which are optional.
 #pragma once
 #include <windows.h>
 #include <wincrypt.h>
@@ -63,4 +68,27 @@ inline constexpr const wchar_t kHostKeyPath[] = L"SOFTWARE\\Norvane\\NVHOST";
 inline constexpr const wchar_t kHostIdValue[] = L"HostId";
 inline constexpr const wchar_t kProviderName[] = L"Microsoft Enhanced Cryptographic Provider v1.0";
 inline constexpr const char kMd5RsaOid[] = "1.2.840.113549.1.1.4";
+
+// Encoding types of every DER structure the context makes or reads.
+inline constexpr DWORD kEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
+// Access of the Users group on the NVHOST key once its DACL is replaced (KEY_READ).
+inline constexpr ACCESS_MASK kHostKeyUsersAccess = 0x20019;
+// The container name: "{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}" and its terminator.
+inline constexpr size_t kContainerNameChars = 39;
+
+// The GUID typed value: 16 bytes, the first three fields most significant byte
+// first, the last 8 bytes as they stand.
+void GuidToNetworkBytes(const GUID& guid, BYTE (&bytes)[16]) noexcept;
+// The reverse; any length other than 16 gives the all-zero GUID.
+GUID GuidFromNetworkBytes(const BYTE* bytes, DWORD cb) noexcept;
+bool IsZeroGuid(const GUID& guid) noexcept;
+
+// The machine container's name for a host identifier: the registry form of the
+// GUID, upper-case hexadecimal in braces.
+void FormatContainerName(const GUID& hostId, wchar_t (&name)[kContainerNameChars]) noexcept;
+
+// The privilege test for replacing access lists: the caller's effective token (the
+// thread's when impersonating, else the process's) belongs to LocalSystem or holds
+// the Administrators group enabled (a deny-only group does not count).
+bool CallerIsPrivileged() noexcept;
 }

@@ -58,7 +58,18 @@ void RefreshSettings() noexcept;
 void LoadSettings(unsigned flags) noexcept;
 
 // For tests and tools in the same process: forget the settings, the output object
-// and the timestamp, as a freshly loaded library would have them.
+// (closing its file), the last timestamp and the refresh tick, as a freshly loaded
+// library would have them.
 void ResetForTesting() noexcept;
+
+// Test hooks: the sources of the local time (records, 'N' date, header), of the tick
+// count (settings refresh) and of the operating system's version record (header).
+// Null restores the system's own. Not for production callers.
+using LocalTimeSource = void (*)(SYSTEMTIME* time);
+using TickCountSource = DWORD (*)();
+using VersionSource = BOOL (*)(OSVERSIONINFOEXA* info);
+void SetLocalTimeSourceForTesting(LocalTimeSource source) noexcept;
+void SetTickCountSourceForTesting(TickCountSource source) noexcept;
+void SetVersionSourceForTesting(VersionSource source) noexcept;
 
 } // namespace NVTraceNS

@@ -1,0 +1,327 @@
+#include "frame/baseconverter.h"
+
+#include <aclapi.h>
+#include <cstdlib>
+#include <memory>
+#include <vector>
+
+#include "common/hresult.h"
+#include "trace/trace.h"
+
+const wchar_t* const CBaseConverter::s_wszBackupValue = L"Backup";
+
+namespace {
+
+// The registry's longest key or value name, plus its terminator.
+constexpr DWORD kNameBufferChars = 16384;
+constexpr DWORD kNameCapacity = kNameBufferChars - 1;
+// Longest backup path read back from "Backup", terminator included.
+constexpr ULONG kBackupPathChars = 260;
+
+constexpr REGSAM kDbAccess = KEY_READ | KEY_WRITE;          // 0x2001F
+constexpr REGSAM kDeleteParentAccess = KEY_READ | DELETE;   // 0x30019
+
+struct FreeDeleter {
+    void operator()(BYTE* p) const noexcept { std::free(p); }
+};
+
+// A well-known SID in a fixed buffer.
+class WellKnownSid {
+public:
+    explicit WellKnownSid(WELL_KNOWN_SID_TYPE type)
+    {
+        DWORD cb = sizeof(m_buffer);
+        nv::ThrowLastErrorIf(!::CreateWellKnownSid(type, nullptr, m_buffer, &cb));
+    }
+    PSID get() noexcept { return m_buffer; }
+
+private:
+    alignas(void*) BYTE m_buffer[SECURITY_MAX_SID_SIZE];
+};
+
+// The caller's effective token: the thread's while it impersonates, else the process's.
+nv::unique_handle_null OpenEffectiveToken()
+{
+    nv::unique_handle_null token;
+    if (::OpenThreadToken(::GetCurrentThread(), TOKEN_QUERY, TRUE, token.put()))
+        return token;
+    if (::GetLastError() != ERROR_NO_TOKEN)
+        nv::ThrowLastError();
+    nv::ThrowLastErrorIf(!::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, token.put()));
+    return token;
+}
+
+std::vector<BYTE> QueryTokenInformation(HANDLE token, TOKEN_INFORMATION_CLASS cls)
+{
+    DWORD cb = 0;
+    ::GetTokenInformation(token, cls, nullptr, 0, &cb);
+    if (cb == 0)
+        nv::ThrowLastError();
+    std::vector<BYTE> info(cb);
+    nv::ThrowLastErrorIf(!::GetTokenInformation(token, cls, info.data(), cb, &cb));
+    return info;
+}
+
+// LocalSystem, or a member of Administrators. A group present only for deny checks
+// (a restricted token) grants nothing and does not count.
+bool IsSystemOrAdministrator()
+{
+    nv::unique_handle_null token = OpenEffectiveToken();
+    WellKnownSid system(WinLocalSystemSid);
+    WellKnownSid admins(WinBuiltinAdministratorsSid);
+
+    std::vector<BYTE> user = QueryTokenInformation(token.get(), TokenUser);
+    if (::EqualSid(reinterpret_cast<TOKEN_USER*>(user.data())->User.Sid, system.get()))
+        return true;
+
+    std::vector<BYTE> groupsInfo = QueryTokenInformation(token.get(), TokenGroups);
+    const auto* groups = reinterpret_cast<const TOKEN_GROUPS*>(groupsInfo.data());
+    for (DWORD i = 0; i < groups->GroupCount; ++i) {
+        const SID_AND_ATTRIBUTES& g = groups->Groups[i];
+        if ((g.Attributes & SE_GROUP_USE_FOR_DENY_ONLY) == 0 && ::EqualSid(g.Sid, admins.get()))
+            return true;
+    }
+    return false;
+}
+
+} // namespace
+
+CBaseConverter::CBaseConverter(DWORD dwTargetVersion, const wchar_t* wszTargetVersion, REGSAM samDbView)
+    : m_wstrTargetVersion(wszTargetVersion ? wszTargetVersion : L""), m_dwTargetVersion(dwTargetVersion)
+{
+    NVTraceNS::CTraceScope scope("CBaseConverter::CBaseConverter", 0);
+    // The view is only part of the open; the owner's view word stays 0 (see header).
+    LONG r = m_dbKey.Open(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, kDbAccess | samDbView);
+    NVTraceNS::TraceResult(scope, "", nv::HResultFromWin32(r));
+}
+
+CBaseConverter::~CBaseConverter() = default;
+
+HRESULT CBaseConverter::do_Backup() { return S_OK; }
+HRESULT CBaseConverter::do_Convert() { return S_OK; }
+HRESULT CBaseConverter::do_Rollback() { return S_OK; }
+HRESULT CBaseConverter::do_Cleanup() { return S_OK; }
+
+HRESULT CBaseConverter::Convert()
+{
+    NVTraceNS::CTraceScope scope("CBaseConverter::Convert", 0);
+    HRESULT hr = nv::Guarded([&]() -> HRESULT {
+        HRESULT step = Backup();
+        if (SUCCEEDED(step))
+            step = nv::Guarded([&]() -> HRESULT { return do_Convert(); });
+        if (SUCCEEDED(step))
+            step = Cleanup();
+        if (FAILED(step)) {
+            // The first failing code is the answer; the rollback's own result is not.
+            Rollback();
+            return step;
+        }
+        return S_OK;
+    });
+    return NVTraceNS::TraceReturn(scope, hr);
+}
+
+HRESULT CBaseConverter::Backup()
+{
+    NVTraceNS::CTraceScope scope("CBaseConverter::Backup", 0);
+    HRESULT hr = nv::Guarded([&]() -> HRESULT {
+        std::wstring path = std::wstring(nv::kVendorKeyPath) + L"\\" + GetBackupName();
+        nv::ThrowIfFailed(CopyKey(HKEY_LOCAL_MACHINE, path.c_str(), GetBackupView(), m_dbKey.m_hKey, L"",
+                                  m_dbKey.m_samWOW64));
+        // Written after the copy, so the backup never holds this run's own marker.
+        nv::SetStringValue(m_dbKey.m_hKey, s_wszBackupValue, path.c_str());
+        NVTraceNS::Trace(scope, 0, "backup key created, name stored");
+        nv::ThrowIfFailed(do_Backup());
+        return S_OK;
+    });
+    return NVTraceNS::TraceReturn(scope, hr);
+}
+
+std::wstring CBaseConverter::ReadBackupPath()
+{
+    std::wstring path;
+    if (m_dbKey.m_hKey) {
+        wchar_t buffer[kBackupPathChars] = {};
+        ULONG cch = kBackupPathChars;
+        if (nv::QueryStringValue(m_dbKey.m_hKey, s_wszBackupValue, buffer, &cch) == ERROR_SUCCESS)
+            path.assign(buffer);
+    }
+    return path;
+}
+
+HRESULT CBaseConverter::Rollback()
+{
+    NVTraceNS::CTraceScope scope("CBaseConverter::Rollback", 0);
+    HRESULT hr = nv::Guarded([&]() -> HRESULT {
+        HRESULT result;
+        std::wstring path = ReadBackupPath();
+        if (!path.empty()) {
+            NVTraceNS::Trace(scope, 0, "restoring database from backup key %ls", path.c_str());
+            // The database is deleted and restored in the view word of the key owner
+            // (0, the library's own view), whatever view it was opened in. Only the
+            // final delete decides the result; an earlier failure leaves S_OK.
+            result = S_OK;
+            const REGSAM dbView = m_dbKey.m_samWOW64;
+            if (SUCCEEDED(DeleteKey(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, dbView)) &&
+                SUCCEEDED(CopyKey(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, dbView, HKEY_LOCAL_MACHINE,
+                                  path.c_str(), GetBackupView()))) {
+                result = DeleteKey(HKEY_LOCAL_MACHINE, path.c_str(), GetBackupView());
+            }
+        } else {
+            NVTraceNS::Trace(scope, 0, "backup key name is empty, nothing to do");
+            result = S_FALSE;
+        }
+        HRESULT hook = do_Rollback();
+        if (FAILED(hook))
+            result = hook;
+        return result;
+    });
+    return NVTraceNS::TraceReturn(scope, hr);
+}
+
+HRESULT CBaseConverter::Cleanup()
+{
+    NVTraceNS::CTraceScope scope("CBaseConverter::Cleanup", 0);
+    HRESULT hr = nv::Guarded([&]() -> HRESULT {
+        HRESULT result;
+        std::wstring path = ReadBackupPath();
+        if (!path.empty()) {
+            NVTraceNS::Trace(scope, 0, "cleaning up backup key %ls", path.c_str());
+            nv::ThrowIfFailed(DeleteKey(HKEY_LOCAL_MACHINE, path.c_str(), GetBackupView()));
+            ::RegDeleteValueW(m_dbKey.m_hKey, s_wszBackupValue);
+            result = S_OK;
+        } else {
+            NVTraceNS::Trace(scope, 0, "backup key name is empty, nothing to do");
+            result = S_FALSE;
+        }
+        HRESULT hook = do_Cleanup();
+        if (FAILED(hook))
+            result = hook;
+        return result;
+    });
+    return NVTraceNS::TraceReturn(scope, hr);
+}
+
+HRESULT CBaseConverter::CopyKey(HKEY hDstRoot, const wchar_t* wszDstPath, REGSAM samDstView, HKEY hSrcRoot,
+                                const wchar_t* wszSrcPath, REGSAM samSrcView)
+{
+    NVTraceNS::CTraceScope scope("CBaseConverter::CopyKey", 0);
+    HRESULT hr = nv::Guarded([&]() -> HRESULT {
+        nv::unique_hkey src;
+        nv::ThrowIfWin32Failed(::RegOpenKeyExW(hSrcRoot, wszSrcPath, 0, KEY_READ | samSrcView, src.put()));
+        // No class and no security: new keys inherit their parent's security.
+        nv::unique_hkey dst;
+        nv::ThrowIfWin32Failed(nv::CreateKey(hDstRoot, wszDstPath, KEY_ALL_ACCESS | samDstView, dst.put()));
+
+        wchar_t name[kNameBufferChars];
+        for (DWORD index = 0;; ++index) {
+            ::ZeroMemory(name, sizeof(name));
+            DWORD cchName = kNameCapacity;
+            DWORD type = 0;
+            DWORD cbData = 0;
+            LONG r = ::RegEnumValueW(src.get(), index, name, &cchName, nullptr, &type, nullptr, &cbData);
+            if (r == ERROR_NO_MORE_ITEMS)
+                break;
+            if (r != ERROR_SUCCESS && r != ERROR_MORE_DATA)
+                nv::ThrowIfWin32Failed(r);
+            // An empty value is refused on purpose: the copy fails rather than
+            // carrying a value it cannot size.
+            if (cbData == 0)
+                nv::ThrowHr(nv::HResultFromWin32(ERROR_NOT_ENOUGH_MEMORY));
+            std::unique_ptr<BYTE, FreeDeleter> data(static_cast<BYTE*>(std::calloc(cbData, 1)));
+            if (!data)
+                nv::ThrowHr(E_OUTOFMEMORY);
+            DWORD cbRead = cbData;
+            nv::ThrowIfWin32Failed(::RegQueryValueExW(src.get(), name, nullptr, nullptr, data.get(), &cbRead));
+            nv::ThrowIfWin32Failed(::RegSetValueExW(dst.get(), name, 0, type, data.get(), cbData));
+        }
+
+        for (DWORD index = 0;; ++index) {
+            ::ZeroMemory(name, sizeof(name));
+            DWORD cchName = kNameCapacity;
+            LONG r = ::RegEnumKeyExW(src.get(), index, name, &cchName, nullptr, nullptr, nullptr, nullptr);
+            if (r == ERROR_NO_MORE_ITEMS)
+                break;
+            nv::ThrowIfWin32Failed(r);
+            nv::ThrowIfFailed(CopyKey(dst.get(), name, samDstView, src.get(), name, samSrcView));
+        }
+        return S_OK;
+    });
+    return NVTraceNS::TraceReturn(scope, hr);
+}
+
+HRESULT CBaseConverter::DeleteKey(HKEY hRoot, const wchar_t* wszPath, REGSAM samView)
+{
+    NVTraceNS::CTraceScope scope("CBaseConverter::DeleteKey", 0);
+    HRESULT hr = nv::Guarded([&]() -> HRESULT {
+        nv::unique_hkey parent;
+        nv::ThrowIfWin32Failed(::RegOpenKeyExW(hRoot, L"", 0, kDeleteParentAccess | samView, parent.put()));
+        nv::unique_hkey target;
+        nv::ThrowIfWin32Failed(::RegOpenKeyExW(parent.get(), wszPath, 0, KEY_ALL_ACCESS | samView, target.put()));
+        nv::ThrowIfFailed(GrantFullAccess(target.get(), KEY_ALL_ACCESS));
+
+        // List first, delete afterwards: deleting while enumerating shifts the indexes.
+        std::vector<std::wstring> children;
+        wchar_t name[kNameBufferChars];
+        for (DWORD index = 0;; ++index) {
+            ::ZeroMemory(name, sizeof(name));
+            DWORD cchName = kNameCapacity;
+            LONG r = ::RegEnumKeyExW(target.get(), index, name, &cchName, nullptr, nullptr, nullptr, nullptr);
+            if (r == ERROR_NO_MORE_ITEMS)
+                break;
+            nv::ThrowIfWin32Failed(r);
+            children.emplace_back(name);
+        }
+        for (const std::wstring& child : children)
+            nv::ThrowIfFailed(DeleteKey(target.get(), child.c_str(), samView));
+
+        target.reset();
+        // A path under a root such as HKEY_LOCAL_MACHINE crosses the redirected
+        // SOFTWARE key, so the delete itself must name the view too.
+        nv::ThrowIfWin32Failed(::RegDeleteKeyExW(parent.get(), wszPath, samView, 0));
+        return S_OK;
+    });
+    return NVTraceNS::TraceReturn(scope, hr);
+}
+
+HRESULT CBaseConverter::GrantFullAccess(HKEY hKey, ACCESS_MASK usersMask)
+{
+    return nv::Guarded([&]() -> HRESULT {
+        if (!IsSystemOrAdministrator())
+            return S_OK;
+
+        WellKnownSid system(WinLocalSystemSid);
+        WellKnownSid admins(WinBuiltinAdministratorsSid);
+        WellKnownSid users(WinBuiltinUsersSid);
+        struct Entry {
+            PSID sid;
+            ACCESS_MASK mask;
+        } entries[] = {
+            {system.get(), KEY_ALL_ACCESS},
+            {admins.get(), KEY_ALL_ACCESS},
+            {users.get(), usersMask},
+        };
+
+        DWORD cbAcl = sizeof(ACL);
+        for (const Entry& e : entries) {
+            if (e.mask != 0)
+                cbAcl += sizeof(ACCESS_ALLOWED_ACE) - sizeof(DWORD) + ::GetLengthSid(e.sid);
+        }
+        std::vector<BYTE> aclBuffer(cbAcl);
+        PACL acl = reinterpret_cast<PACL>(aclBuffer.data());
+        nv::ThrowLastErrorIf(!::InitializeAcl(acl, cbAcl, ACL_REVISION));
+        for (const Entry& e : entries) {
+            if (e.mask == 0)
+                continue;
+            nv::ThrowLastErrorIf(!::AddAccessAllowedAceEx(acl, ACL_REVISION,
+                                                          OBJECT_INHERIT_ACE | CONTAINER_INHERIT_ACE, e.mask,
+                                                          e.sid));
+        }
+
+        DWORD r = ::SetSecurityInfo(hKey, SE_REGISTRY_KEY,
+                                    DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION, nullptr,
+                                    nullptr, acl, nullptr);
+        // Not being able to open the key up is no reason to stop: the delete is tried anyway.
+        return r == ERROR_SUCCESS ? S_OK : S_FALSE;
+    });
+}

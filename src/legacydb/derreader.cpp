@@ -1,0 +1,135 @@
+#include "legacydb/derreader.h"
+
+#include <cstring>
+
+namespace LegacyNVDB2 {
+
+namespace {
+
+DWORD LowBytesToDword(const BYTE* pb, DWORD cb) noexcept
+{
+    // Only 1 to 4 bytes make a value; longer numbers are not truncated but refused.
+    if (cb < 1 || cb > 4 || !pb)
+        return 0;
+    DWORD value = 0;
+    std::memcpy(&value, pb, cb);
+    return value;
+}
+
+} // namespace
+
+bool DecodeStruct(LPCSTR structType, DerView item, Bytes& out)
+{
+    out.clear();
+    if (item.empty())
+        return false;
+    DWORD cb = 0;
+    if (!::CryptDecodeObject(kDerEncoding, structType, item.pb, item.cb, 0, nullptr, &cb) || cb == 0)
+        return false;
+    out.resize(cb);
+    if (!::CryptDecodeObject(kDerEncoding, structType, item.pb, item.cb, 0, out.data(), &cb)) {
+        out.clear();
+        return false;
+    }
+    return true;
+}
+
+Bytes ReadEnvelope(DerView item)
+{
+    Bytes buf;
+    if (!DecodeStruct(X509_CERT, item, buf))
+        return {};
+    const auto* info = reinterpret_cast<const CERT_SIGNED_CONTENT_INFO*>(buf.data());
+    return Bytes(info->ToBeSigned.pbData, info->ToBeSigned.pbData + info->ToBeSigned.cbData);
+}
+
+ItemList ReadList(DerView item)
+{
+    Bytes buf;
+    if (!DecodeStruct(X509_SEQUENCE_OF_ANY, item, buf))
+        return {};
+    const auto* seq = reinterpret_cast<const CRYPT_SEQUENCE_OF_ANY*>(buf.data());
+    ItemList list;
+    list.reserve(seq->cValue);
+    for (DWORD i = 0; i < seq->cValue; ++i)
+        list.emplace_back(seq->rgValue[i].pbData, seq->rgValue[i].pbData + seq->rgValue[i].cbData);
+    return list;
+}
+
+Bytes ReadOctets(DerView item)
+{
+    Bytes buf;
+    if (!DecodeStruct(X509_OCTET_STRING, item, buf))
+        return {};
+    const auto* blob = reinterpret_cast<const CRYPT_DATA_BLOB*>(buf.data());
+    return Bytes(blob->pbData, blob->pbData + blob->cbData);
+}
+
+DWORD ReadNumber(DerView item)
+{
+    Bytes buf;
+    if (!DecodeStruct(X509_MULTI_BYTE_UINT, item, buf))
+        return 0;
+    const auto* blob = reinterpret_cast<const CRYPT_UINT_BLOB*>(buf.data());
+    return LowBytesToDword(blob->pbData, blob->cbData);
+}
+
+DWORD ReadSignedNumber(DerView item)
+{
+    Bytes buf;
+    if (!DecodeStruct(X509_MULTI_BYTE_INTEGER, item, buf))
+        return 0;
+    const auto* blob = reinterpret_cast<const CRYPT_INTEGER_BLOB*>(buf.data());
+    return LowBytesToDword(blob->pbData, blob->cbData);
+}
+
+GUID GuidFromNetworkBytes(const BYTE* pb, DWORD cb) noexcept
+{
+    GUID g{};
+    if (cb != 16 || !pb)
+        return g;
+    g.Data1 = (DWORD(pb[0]) << 24) | (DWORD(pb[1]) << 16) | (DWORD(pb[2]) << 8) | DWORD(pb[3]);
+    g.Data2 = static_cast<WORD>((pb[4] << 8) | pb[5]);
+    g.Data3 = static_cast<WORD>((pb[6] << 8) | pb[7]);
+    std::memcpy(g.Data4, pb + 8, 8);
+    return g;
+}
+
+GUID ReadGuid(DerView item)
+{
+    Bytes content = ReadOctets(item);
+    return GuidFromNetworkBytes(content.data(), static_cast<DWORD>(content.size()));
+}
+
+FILETIME ReadTime(DerView item)
+{
+    Bytes buf;
+    if (!DecodeStruct(X509_CHOICE_OF_TIME, item, buf) || buf.size() < sizeof(FILETIME))
+        return FILETIME{};
+    FILETIME ft;
+    std::memcpy(&ft, buf.data(), sizeof(ft));
+    return ft;
+}
+
+std::wstring ReadText(DerView item)
+{
+    Bytes buf;
+    if (!DecodeStruct(X509_NAME_VALUE, item, buf))
+        return {};
+    const auto* value = reinterpret_cast<const CERT_NAME_VALUE*>(buf.data());
+    const DWORD type = value->dwValueType;
+    const bool accepted = (type >= CERT_RDN_NUMERIC_STRING && type <= CERT_RDN_VISIBLE_STRING) ||
+                          type == CERT_RDN_BMP_STRING || type == CERT_RDN_UTF8_STRING;
+    if (!accepted || !value->Value.pbData)
+        return {};
+    // The writer stores the terminating zero inside the value; the value's own length
+    // bounds the read when it does not.
+    const auto* chars = reinterpret_cast<const wchar_t*>(value->Value.pbData);
+    const std::size_t maxChars = value->Value.cbData / sizeof(wchar_t);
+    std::size_t n = 0;
+    while (n < maxChars && chars[n] != L'\0')
+        ++n;
+    return std::wstring(chars, n);
+}
+
+} // namespace LegacyNVDB2

@@ -1,0 +1,87 @@
+// Positional readers of the legacy database's DER trees.
+//
+// Every item of a user record, a seal or a secret record is found by its place in a
+// SEQUENCE OF ANY and decoded with one CryptoAPI structure type. The readers are
+// lenient on purpose: an item that is missing (the list is too short) or that does
+// not decode gives its kind's empty value, never an error. Buffers that held decoded
+// data are zeroed before they are freed, since the same readers open secret records.
+#pragma once
+#include <windows.h>
+#include <wincrypt.h>
+#include <cstddef>
+#include <limits>
+#include <new>
+#include <string>
+#include <vector>
+
+namespace LegacyNVDB2 {
+
+// Allocator that clears every block before it gives it back.
+template <class T>
+struct ZeroingAllocator {
+    using value_type = T;
+    ZeroingAllocator() noexcept = default;
+    template <class U>
+    ZeroingAllocator(const ZeroingAllocator<U>&) noexcept {}
+    T* allocate(std::size_t n) { return static_cast<T*>(::operator new(n * sizeof(T))); }
+    void deallocate(T* p, std::size_t n) noexcept
+    {
+        ::SecureZeroMemory(p, n * sizeof(T));
+        ::operator delete(p);
+    }
+    template <class U>
+    bool operator==(const ZeroingAllocator<U>&) const noexcept { return true; }
+    template <class U>
+    bool operator!=(const ZeroingAllocator<U>&) const noexcept { return false; }
+};
+
+using Bytes = std::vector<BYTE, ZeroingAllocator<BYTE>>;
+using ItemList = std::vector<Bytes>;
+
+constexpr DWORD kDerEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
+
+// A view of encoded bytes; an empty view stands for a missing item.
+struct DerView {
+    const BYTE* pb = nullptr;
+    DWORD cb = 0;
+
+    DerView() noexcept = default;
+    DerView(const BYTE* p, DWORD n) noexcept : pb(p), cb(n) {}
+    DerView(const Bytes& b) noexcept : pb(b.data()), cb(static_cast<DWORD>(b.size())) {}
+    bool empty() const noexcept { return cb == 0 || pb == nullptr; }
+};
+
+// Item i of a list, or an empty view when the list is shorter.
+inline DerView ItemAt(const ItemList& list, std::size_t i) noexcept
+{
+    return i < list.size() ? DerView(list[i]) : DerView();
+}
+
+// Decodes with the given structure type into a zeroing buffer; false (buffer empty)
+// when the bytes do not decode.
+bool DecodeStruct(LPCSTR structType, DerView item, Bytes& out);
+
+// X509_CERT: the to-be-signed bytes (algorithm and signature are ignored).
+Bytes ReadEnvelope(DerView item);
+// X509_SEQUENCE_OF_ANY: copies of the encoded items, in order.
+ItemList ReadList(DerView item);
+// X509_OCTET_STRING: the content bytes.
+Bytes ReadOctets(DerView item);
+// X509_MULTI_BYTE_UINT: 1 to 4 content bytes (least significant first); any other
+// count gives 0.
+DWORD ReadNumber(DerView item);
+// X509_MULTI_BYTE_INTEGER: same rule, no sign extension.
+DWORD ReadSignedNumber(DerView item);
+// Octets of exactly 16 bytes in network byte order; anything else the zero GUID.
+GUID ReadGuid(DerView item);
+// X509_CHOICE_OF_TIME.
+FILETIME ReadTime(DerView item);
+// X509_NAME_VALUE of the string types 3 to 9, 12 and 13, read as zero-terminated
+// UTF-16 within the value's bytes; other types give the empty string.
+std::wstring ReadText(DerView item);
+
+// 16 bytes in network byte order (Data1, Data2, Data3 most significant first, then
+// Data4 as it stands); any other length gives the zero GUID.
+GUID GuidFromNetworkBytes(const BYTE* pb, DWORD cb) noexcept;
+
+} // namespace LegacyNVDB2

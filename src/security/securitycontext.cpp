@@ -1,0 +1,495 @@
+#include "security/securitycontext.h"
+
+#include <aclapi.h>
+#include <objbase.h>
+#include <cstring>
+#include <vector>
+
+#include "common/cryptblob.h"
+#include "common/handles.h"
+#include "common/hresult.h"
+#include "common/regkey.h"
+#include "trace/trace.h"
+
+using nvsecurity::kEncoding;
+
+namespace {
+
+constexpr DWORD kKeyExchange = AT_KEYEXCHANGE;
+// Open or create the host key with whatever the caller's token allows.
+constexpr REGSAM kHostKeyAccess = MAXIMUM_ALLOWED;
+constexpr DWORD kInheritToChildren = OBJECT_INHERIT_ACE | CONTAINER_INHERIT_ACE;
+// Records up to this size are decoded into a buffer on the stack.
+constexpr DWORD kStackDecodeLimit = 1024;
+
+// ---- DER helpers --------------------------------------------------------
+
+// Encodes a structure into an owned heap blob (size query first); a refusal of the
+// encoder raises its last error.
+void Encode(LPCSTR structType, const void* info, nv::CCryptBlob& out)
+{
+    DWORD cb = 0;
+    if (!::CryptEncodeObject(kEncoding, structType, info, nullptr, &cb))
+        nv::ThrowLastError();
+    BYTE* p = out.Allocate(cb);
+    if (!::CryptEncodeObject(kEncoding, structType, info, p, &cb))
+        nv::ThrowLastError();
+    out.cbData = cb;
+}
+
+// Decodes into an owned heap blob; false, with the blob emptied, when the decoder
+// refuses the bytes.
+bool TryDecode(LPCSTR structType, const BYTE* data, DWORD cb, nv::CCryptBlob& out)
+{
+    out.Free();
+    if (!data || cb == 0)
+        return false;
+    DWORD cbOut = 0;
+    if (!::CryptDecodeObject(kEncoding, structType, data, cb, 0, nullptr, &cbOut) || cbOut == 0)
+        return false;
+    BYTE* p = out.Allocate(cbOut);
+    if (!::CryptDecodeObject(kEncoding, structType, data, cb, 0, p, &cbOut)) {
+        out.Free();
+        return false;
+    }
+    return true;
+}
+
+// The key exchange key's public key information, as the provider exports it.
+void ExportPublicKeyInfo(HCRYPTPROV hProv, nv::CCryptBlob& out)
+{
+    DWORD cb = 0;
+    if (!::CryptExportPublicKeyInfo(hProv, kKeyExchange, kEncoding, nullptr, &cb))
+        nv::ThrowLastError();
+    BYTE* p = out.Allocate(cb);
+    if (!::CryptExportPublicKeyInfo(hProv, kKeyExchange, kEncoding, reinterpret_cast<CERT_PUBLIC_KEY_INFO*>(p), &cb))
+        nv::ThrowLastError();
+}
+
+// Hands a copy of the bytes to a caller in a task allocation.
+void HandOut(const BYTE* data, DWORD cb, CRYPT_DATA_BLOB* out)
+{
+    nv::CCoTaskCryptBlob copy(data, cb);
+    out->cbData = copy.cbData;
+    out->pbData = copy.Detach();
+}
+
+// ---- the host key and the host identifier -------------------------------
+
+// Protected DACL: LocalSystem and Administrators full access, Users read, all
+// inherited by subkeys. Best effort: every failure leaves the key as it was.
+void ProtectHostKey(HKEY key) noexcept
+{
+    if (!nvsecurity::CallerIsPrivileged())
+        return;
+    BYTE system[SECURITY_MAX_SID_SIZE], admins[SECURITY_MAX_SID_SIZE], users[SECURITY_MAX_SID_SIZE];
+    DWORD cbSystem = sizeof(system), cbAdmins = sizeof(admins), cbUsers = sizeof(users);
+    if (!::CreateWellKnownSid(WinLocalSystemSid, nullptr, system, &cbSystem) ||
+        !::CreateWellKnownSid(WinBuiltinAdministratorsSid, nullptr, admins, &cbAdmins) ||
+        !::CreateWellKnownSid(WinBuiltinUsersSid, nullptr, users, &cbUsers))
+        return;
+    const DWORD cbAcl = sizeof(ACL) + 3 * (sizeof(ACCESS_ALLOWED_ACE) - sizeof(DWORD)) + cbSystem + cbAdmins + cbUsers;
+    std::vector<BYTE> aclBuffer(cbAcl);
+    PACL acl = reinterpret_cast<PACL>(aclBuffer.data());
+    if (!::InitializeAcl(acl, cbAcl, ACL_REVISION) ||
+        !::AddAccessAllowedAceEx(acl, ACL_REVISION, kInheritToChildren, KEY_ALL_ACCESS, system) ||
+        !::AddAccessAllowedAceEx(acl, ACL_REVISION, kInheritToChildren, KEY_ALL_ACCESS, admins) ||
+        !::AddAccessAllowedAceEx(acl, ACL_REVISION, kInheritToChildren, nvsecurity::kHostKeyUsersAccess, users))
+        return;
+    ::SetSecurityInfo(key, SE_REGISTRY_KEY, DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION, nullptr,
+                      nullptr, acl, nullptr);
+}
+
+// Opens HKLM\SOFTWARE\Norvane\NVHOST in the caller's view, creating it when it
+// cannot be opened, and replaces its DACL for privileged callers.
+void OpenHostKey(nv::CNVRegKey& key, REGSAM samView)
+{
+    key.m_samWOW64 = samView;
+    const REGSAM access = kHostKeyAccess | samView;
+    if (key.Open(HKEY_LOCAL_MACHINE, nvsecurity::kHostKeyPath, access) != ERROR_SUCCESS) {
+        LONG r = key.Create(HKEY_LOCAL_MACHINE, nvsecurity::kHostKeyPath, access);
+        nv::ThrowIfWin32Failed(r);
+        if (!key.m_hKey)
+            nv::ThrowHr(E_FAIL);
+    }
+    ProtectHostKey(key);
+}
+
+// "HostId" as a GUID; a missing value, another type than REG_BINARY or another
+// length than 16 bytes all read as the zero GUID.
+GUID ReadHostId(HKEY key) noexcept
+{
+    DWORD type = REG_NONE, cb = 0;
+    if (::RegQueryValueExW(key, nvsecurity::kHostIdValue, nullptr, &type, nullptr, &cb) != ERROR_SUCCESS ||
+        type != REG_BINARY || cb != sizeof(GUID))
+        return GUID{};
+    BYTE bytes[sizeof(GUID)] = {};
+    if (::RegQueryValueExW(key, nvsecurity::kHostIdValue, nullptr, &type, bytes, &cb) != ERROR_SUCCESS ||
+        type != REG_BINARY)
+        return GUID{};
+    return nvsecurity::GuidFromNetworkBytes(bytes, cb);
+}
+
+// The host identifier; a fresh one is written when the value holds none.
+GUID ReadOrCreateHostId(HKEY key)
+{
+    GUID id = ReadHostId(key);
+    if (!nvsecurity::IsZeroGuid(id))
+        return id;
+    GUID fresh{};
+    nv::ThrowIfFailed(::CoCreateGuid(&fresh));
+    BYTE bytes[sizeof(GUID)];
+    nvsecurity::GuidToNetworkBytes(fresh, bytes);
+    nv::ThrowIfWin32Failed(::RegSetValueExW(key, nvsecurity::kHostIdValue, 0, REG_BINARY, bytes, sizeof(bytes)));
+    id = ReadHostId(key);
+    if (nvsecurity::IsZeroGuid(id))
+        nv::ThrowHr(E_FAIL);
+    return id;
+}
+
+// ---- export records -----------------------------------------------------
+
+// What the DER decoder makes of bytes handed to it as an encoded BIT STRING. The
+// GUID typed value is raw bytes, not DER, so this is normally an empty bit string:
+// records carry empty identifiers, as they always have.
+void BitsFromRawGuid(const GUID& guid, nv::CCryptBlob& decoded, CRYPT_BIT_BLOB& bits)
+{
+    BYTE raw[sizeof(GUID)];
+    nvsecurity::GuidToNetworkBytes(guid, raw);
+    bits = CRYPT_BIT_BLOB{};
+    if (TryDecode(X509_BITS, raw, sizeof(raw), decoded))
+        bits = *reinterpret_cast<const CRYPT_BIT_BLOB*>(decoded.pbData);
+}
+
+// The GUID an identifier item carries: its BIT STRING content when that is exactly
+// 16 bytes, else the zero GUID.
+GUID GuidFromBitsItem(const CRYPT_DER_BLOB* item)
+{
+    if (!item)
+        return GUID{};
+    nv::CCryptBlob decoded;
+    if (!TryDecode(X509_BITS, item->pbData, item->cbData, decoded))
+        return GUID{};
+    const auto* bits = reinterpret_cast<const CRYPT_BIT_BLOB*>(decoded.pbData);
+    return nvsecurity::GuidFromNetworkBytes(bits->pbData, bits->cbData);
+}
+
+} // namespace
+
+// ---- nvsecurity helpers -------------------------------------------------
+
+namespace nvsecurity {
+
+void GuidToNetworkBytes(const GUID& guid, BYTE (&bytes)[16]) noexcept
+{
+    bytes[0] = static_cast<BYTE>(guid.Data1 >> 24);
+    bytes[1] = static_cast<BYTE>(guid.Data1 >> 16);
+    bytes[2] = static_cast<BYTE>(guid.Data1 >> 8);
+    bytes[3] = static_cast<BYTE>(guid.Data1);
+    bytes[4] = static_cast<BYTE>(guid.Data2 >> 8);
+    bytes[5] = static_cast<BYTE>(guid.Data2);
+    bytes[6] = static_cast<BYTE>(guid.Data3 >> 8);
+    bytes[7] = static_cast<BYTE>(guid.Data3);
+    std::memcpy(bytes + 8, guid.Data4, sizeof(guid.Data4));
+}
+
+GUID GuidFromNetworkBytes(const BYTE* bytes, DWORD cb) noexcept
+{
+    GUID guid{};
+    if (!bytes || cb != sizeof(GUID))
+        return guid;
+    guid.Data1 = (static_cast<DWORD>(bytes[0]) << 24) | (static_cast<DWORD>(bytes[1]) << 16) |
+                 (static_cast<DWORD>(bytes[2]) << 8) | bytes[3];
+    guid.Data2 = static_cast<WORD>((bytes[4] << 8) | bytes[5]);
+    guid.Data3 = static_cast<WORD>((bytes[6] << 8) | bytes[7]);
+    std::memcpy(guid.Data4, bytes + 8, sizeof(guid.Data4));
+    return guid;
+}
+
+bool IsZeroGuid(const GUID& guid) noexcept
+{
+    static const GUID zero{};
+    return std::memcmp(&guid, &zero, sizeof(GUID)) == 0;
+}
+
+void FormatContainerName(const GUID& hostId, wchar_t (&name)[kContainerNameChars]) noexcept
+{
+    if (::StringFromGUID2(hostId, name, static_cast<int>(kContainerNameChars)) == 0)
+        name[0] = L'\0';
+}
+
+bool CallerIsPrivileged() noexcept
+{
+    nv::unique_handle_null token;
+    if (!::OpenThreadToken(::GetCurrentThread(), TOKEN_QUERY, TRUE, token.put()) &&
+        !::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, token.put()))
+        return false;
+
+    BYTE system[SECURITY_MAX_SID_SIZE], admins[SECURITY_MAX_SID_SIZE];
+    DWORD cbSystem = sizeof(system), cbAdmins = sizeof(admins);
+    if (!::CreateWellKnownSid(WinLocalSystemSid, nullptr, system, &cbSystem) ||
+        !::CreateWellKnownSid(WinBuiltinAdministratorsSid, nullptr, admins, &cbAdmins))
+        return false;
+
+    DWORD cb = 0;
+    ::GetTokenInformation(token.get(), TokenUser, nullptr, 0, &cb);
+    if (cb != 0) {
+        std::vector<BYTE> buffer(cb);
+        if (::GetTokenInformation(token.get(), TokenUser, buffer.data(), cb, &cb) &&
+            ::EqualSid(reinterpret_cast<TOKEN_USER*>(buffer.data())->User.Sid, system))
+            return true;
+    }
+
+    cb = 0;
+    ::GetTokenInformation(token.get(), TokenGroups, nullptr, 0, &cb);
+    if (cb == 0)
+        return false;
+    std::vector<BYTE> buffer(cb);
+    if (!::GetTokenInformation(token.get(), TokenGroups, buffer.data(), cb, &cb))
+        return false;
+    const auto* groups = reinterpret_cast<const TOKEN_GROUPS*>(buffer.data());
+    for (DWORD i = 0; i < groups->GroupCount; ++i) {
+        const SID_AND_ATTRIBUTES& g = groups->Groups[i];
+        if ((g.Attributes & SE_GROUP_ENABLED) && !(g.Attributes & SE_GROUP_USE_FOR_DENY_ONLY) &&
+            ::EqualSid(g.Sid, admins))
+            return true;
+    }
+    return false;
+}
+
+} // namespace nvsecurity
+
+// ---- CFPSecurityContext -------------------------------------------------
+
+CFPSecurityContext::CFPSecurityContext(REGSAM samView)
+{
+    HRESULT hr = FinalConstruct(samView);
+    if (FAILED(hr))
+        nv::ThrowHr(hr);
+}
+
+CFPSecurityContext::~CFPSecurityContext()
+{
+    FinalRelease();
+}
+
+HRESULT CFPSecurityContext::FinalConstruct(REGSAM samView)
+{
+    NVTraceNS::CTraceScope scope("CFPSecurityContext::FinalConstruct", 0);
+    // A second construction must not leak the first provider.
+    if (m_hProv)
+        ::CryptReleaseContext(m_hProv, 0);
+    m_hProv = 0;
+    HRESULT hr = nv::Guarded([&]() -> HRESULT {
+        nv::CNVRegKey key;
+        OpenHostKey(key, samView);
+        const GUID hostId = ReadOrCreateHostId(key);
+
+        wchar_t container[nvsecurity::kContainerNameChars];
+        nvsecurity::FormatContainerName(hostId, container);
+        // The host service creates the container; here it is only opened.
+        HCRYPTPROV hProv = 0;
+        if (!::CryptAcquireContextW(&hProv, container, nvsecurity::kProviderName, PROV_RSA_FULL,
+                                    CRYPT_MACHINE_KEYSET))
+            nv::ThrowLastError();
+        m_hProv = hProv;
+        key.Close();
+        return S_OK;
+    });
+    return NVTraceNS::TraceReturn(scope, hr);
+}
+
+void CFPSecurityContext::FinalRelease()
+{
+    NVTraceNS::CTraceScope scope("CFPSecurityContext::FinalRelease", 0);
+    // A handle that cannot be released is kept and not reported.
+    if (m_hProv && ::CryptReleaseContext(m_hProv, 0))
+        m_hProv = 0;
+    NVTraceNS::TraceResult(scope, "", S_OK);
+}
+
+HRESULT CFPSecurityContext::GetContext(HCRYPTPROV* phProv)
+{
+    NVTraceNS::CTraceScope scope("CFPSecurityContext::GetContext", NVTraceNS::kLevelVerbose);
+    HRESULT hr = E_POINTER;
+    if (phProv) {
+        *phProv = m_hProv;
+        hr = S_OK;
+    }
+    return NVTraceNS::TraceReturn(scope, hr);
+}
+
+HRESULT CFPSecurityContext::GetPublicKey(CRYPT_DATA_BLOB* pPublicKey)
+{
+    NVTraceNS::CTraceScope scope("CFPSecurityContext::GetPublicKey", NVTraceNS::kLevelVerbose);
+    HRESULT hr = nv::Guarded([&]() -> HRESULT {
+        if (!pPublicKey)
+            return E_POINTER;
+        nv::CCryptBlob info;
+        ExportPublicKeyInfo(m_hProv, info);
+        nv::CCryptBlob der;
+        Encode(X509_PUBLIC_KEY_INFO, info.pbData, der);
+        HandOut(der.pbData, der.cbData, pPublicKey);
+        return S_OK;
+    });
+    return NVTraceNS::TraceReturn(scope, hr);
+}
+
+HRESULT CFPSecurityContext::SignBLOB(const CRYPT_DATA_BLOB* pToBeSigned, CRYPT_DATA_BLOB* pSigned, HCRYPTPROV hProv,
+                                     DWORD dwKeySpec, LPCSTR pszOid)
+{
+    NVTraceNS::CTraceScope scope("SignBLOB", NVTraceNS::kLevelVerbose);
+    HRESULT hr = nv::Guarded([&]() -> HRESULT {
+        if (!pToBeSigned || !pSigned)
+            return E_POINTER;
+        CRYPT_ALGORITHM_IDENTIFIER algorithm{};
+        algorithm.pszObjId = const_cast<LPSTR>(pszOid ? pszOid : nvsecurity::kMd5RsaOid);
+
+        DWORD cbSignature = 0;
+        if (!::CryptSignCertificate(hProv, dwKeySpec, kEncoding, pToBeSigned->pbData, pToBeSigned->cbData, &algorithm,
+                                    nullptr, nullptr, &cbSignature))
+            nv::ThrowIfWin32Failed(static_cast<LONG>(::GetLastError()));
+        nv::CCryptBlob signature;
+        signature.Allocate(cbSignature);
+        if (!::CryptSignCertificate(hProv, dwKeySpec, kEncoding, pToBeSigned->pbData, pToBeSigned->cbData, &algorithm,
+                                    nullptr, signature.pbData, &cbSignature))
+            nv::ThrowLastError();
+
+        CERT_SIGNED_CONTENT_INFO record{};
+        record.ToBeSigned = *pToBeSigned;
+        record.SignatureAlgorithm = algorithm;
+        record.Signature.cbData = cbSignature;
+        record.Signature.pbData = signature.pbData;
+        record.Signature.cUnusedBits = 0;
+        nv::CCryptBlob der;
+        Encode(X509_CERT, &record, der);
+        HandOut(der.pbData, der.cbData, pSigned);
+        return S_OK;
+    });
+    return NVTraceNS::TraceReturn(scope, hr);
+}
+
+HRESULT CFPSecurityContext::Verify(const CRYPT_DATA_BLOB* pSigned, const CRYPT_DATA_BLOB* pPublicKey)
+{
+    NVTraceNS::CTraceScope scope("CFPSecurityContext::Verify", NVTraceNS::kLevelVerbose);
+    HRESULT hr = nv::Guarded([&]() -> HRESULT {
+        nv::CCryptBlob info;
+        if (pPublicKey && pPublicKey->pbData && pPublicKey->cbData) {
+            if (!TryDecode(X509_PUBLIC_KEY_INFO, pPublicKey->pbData, pPublicKey->cbData, info))
+                nv::ThrowLastError();
+        } else {
+            ExportPublicKeyInfo(m_hProv, info);
+        }
+        const BYTE* data = pSigned ? pSigned->pbData : nullptr;
+        const DWORD cb = pSigned ? pSigned->cbData : 0;
+        const BOOL valid = ::CryptVerifyCertificateSignature(m_hProv, kEncoding, data, cb,
+                                                             reinterpret_cast<CERT_PUBLIC_KEY_INFO*>(info.pbData));
+        // A bad signature is an answer, not a failure.
+        return valid ? S_OK : S_FALSE;
+    });
+    return NVTraceNS::TraceReturn(scope, hr);
+}
+
+HRESULT CFPSecurityContext::Export(const GUID& guidTarget, const CRYPT_DATA_BLOB* pData, REGSAM samView,
+                                   CRYPT_DATA_BLOB* pRecord)
+{
+    NVTraceNS::CTraceScope scope("CFPSecurityContext::Export", NVTraceNS::kLevelVerbose);
+    HRESULT hr = nv::Guarded([&]() -> HRESULT {
+        if (!pRecord)
+            return E_POINTER;
+        pRecord->cbData = 0;
+        pRecord->pbData = nullptr;
+        if (!pData)
+            return E_POINTER;
+
+        GUID hostId{};
+        {
+            nv::CNVRegKey key;
+            OpenHostKey(key, samView);
+            hostId = ReadOrCreateHostId(key);
+        }
+        nv::CCryptBlob hostDecoded, targetDecoded;
+        CRYPT_BIT_BLOB hostBits{}, targetBits{};
+        BitsFromRawGuid(hostId, hostDecoded, hostBits);
+        BitsFromRawGuid(guidTarget, targetDecoded, targetBits);
+
+        FILETIME now{};
+        ::GetSystemTimeAsFileTime(&now);
+
+        nv::CCryptBlob items[4];
+        CRYPT_DATA_BLOB data{pData->cbData, pData->pbData};
+        Encode(X509_OCTET_STRING, &data, items[0]);
+        Encode(X509_BITS, &hostBits, items[1]);
+        Encode(X509_BITS, &targetBits, items[2]);
+        Encode(X509_CHOICE_OF_TIME, &now, items[3]);
+
+        CRYPT_DER_BLOB list[4];
+        for (int i = 0; i < 4; ++i)
+            list[i] = CRYPT_DER_BLOB{items[i].cbData, items[i].pbData};
+        CRYPT_SEQUENCE_OF_ANY sequence{4, list};
+        nv::CCryptBlob content;
+        Encode(X509_SEQUENCE_OF_ANY, &sequence, content);
+
+        nv::CCoTaskCryptBlob signedRecord;
+        nv::ThrowIfFailed(SignBLOB(&content, &signedRecord, m_hProv, AT_KEYEXCHANGE, nvsecurity::kMd5RsaOid));
+        HandOut(signedRecord.pbData, signedRecord.cbData, pRecord);
+        return S_OK;
+    });
+    return NVTraceNS::TraceReturn(scope, hr);
+}
+
+HRESULT CFPSecurityContext::Import(const CRYPT_DATA_BLOB* pRecord, CRYPT_DATA_BLOB* pData, GUID* pguidTarget,
+                                   GUID* pguidSource)
+{
+    NVTraceNS::CTraceScope scope("CFPSecurityContext::Import", NVTraceNS::kLevelVerbose);
+    HRESULT hr = nv::Guarded([&]() -> HRESULT {
+        if (pData) {
+            pData->cbData = 0;
+            pData->pbData = nullptr;
+        }
+
+        // The envelope. Bytes that are no record leave the content empty.
+        alignas(16) BYTE stackBuffer[kStackDecodeLimit];
+        struct StackWiper {
+            BYTE* p;
+            ~StackWiper() { ::SecureZeroMemory(p, kStackDecodeLimit); }
+        } wiper{stackBuffer};
+        nv::CCryptBlob heapBuffer;
+        const CERT_SIGNED_CONTENT_INFO* envelope = nullptr;
+        DWORD cbEnvelope = 0;
+        const BYTE* record = pRecord ? pRecord->pbData : nullptr;
+        const DWORD cbRecord = pRecord ? pRecord->cbData : 0;
+        if (record && cbRecord &&
+            ::CryptDecodeObject(kEncoding, X509_CERT, record, cbRecord, 0, nullptr, &cbEnvelope) && cbEnvelope) {
+            BYTE* buffer = cbEnvelope <= sizeof(stackBuffer) ? stackBuffer : heapBuffer.Allocate(cbEnvelope);
+            if (::CryptDecodeObject(kEncoding, X509_CERT, record, cbRecord, 0, buffer, &cbEnvelope))
+                envelope = reinterpret_cast<const CERT_SIGNED_CONTENT_INFO*>(buffer);
+        }
+
+        // The item list. A content that is no SEQUENCE OF ANY gives no items.
+        nv::CCryptBlob listBuffer;
+        const CRYPT_SEQUENCE_OF_ANY* list = nullptr;
+        if (envelope &&
+            TryDecode(X509_SEQUENCE_OF_ANY, envelope->ToBeSigned.pbData, envelope->ToBeSigned.cbData, listBuffer))
+            list = reinterpret_cast<const CRYPT_SEQUENCE_OF_ANY*>(listBuffer.pbData);
+        const DWORD count = list ? list->cValue : 0;
+
+        // Item 0: the data. An item that is no OCTET STRING carries no data.
+        if (count >= 1 && list->rgValue[0].cbData != 0) {
+            nv::CCryptBlob item(list->rgValue[0].pbData, list->rgValue[0].cbData);
+            nv::CCryptBlob decoded;
+            if (pData && TryDecode(X509_OCTET_STRING, item.pbData, item.cbData, decoded)) {
+                const auto* octets = reinterpret_cast<const CRYPT_DATA_BLOB*>(decoded.pbData);
+                if (octets->cbData != 0)
+                    HandOut(octets->pbData, octets->cbData, pData);
+            }
+        }
+        if (pguidSource)
+            *pguidSource = GuidFromBitsItem(count >= 2 ? &list->rgValue[1] : nullptr);
+        if (pguidTarget)
+            *pguidTarget = GuidFromBitsItem(count >= 3 ? &list->rgValue[2] : nullptr);
+        // Item 3, the export time, is not needed by anyone.
+        return S_OK;
+    });
+    return NVTraceNS::TraceReturn(scope, hr);
+}

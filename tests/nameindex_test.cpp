@@ -1,0 +1,276 @@
+// The 1.0 name index functions below an open database key: listing the stores and
+// policy keys, the computer's NetBIOS name, and stripping a name index.
+#include <windows.h>
+#include <gtest/gtest.h>
+#include <algorithm>
+#include <set>
+
+#include "common/handles.h"
+#include "common/hresult.h"
+#include "converter2/nameindex.h"
+#include "support/registry_sandbox.h"
+
+using namespace nvtest;
+
+namespace {
+
+constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
+
+std::wstring Sub(const std::wstring& rel) { return std::wstring(kDb) + L"\\" + rel; }
+
+std::wstring ComputerName()
+{
+    wchar_t name[MAX_PATH];
+    DWORD cch = MAX_PATH;
+    EXPECT_TRUE(::GetComputerNameExW(ComputerNameNetBIOS, name, &cch));
+    return std::wstring(name, cch);
+}
+
+std::vector<BYTE> Id(BYTE seed)
+{
+    std::vector<BYTE> id(16);
+    for (size_t i = 0; i < id.size(); ++i)
+        id[i] = static_cast<BYTE>(seed + i);
+    return id;
+}
+
+std::vector<BYTE> Text(const std::wstring& text)
+{
+    const BYTE* p = reinterpret_cast<const BYTE*>(text.c_str());
+    return std::vector<BYTE>(p, p + (text.size() + 1) * sizeof(wchar_t));
+}
+
+// The database key as the converter holds it: 32-bit view, view word 0.
+class NameIndexTest : public RegistrySandbox {
+protected:
+    void OpenDb()
+    {
+        CreateKeyPath(kDb, kView32);
+        ASSERT_EQ(ERROR_SUCCESS, ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kDb, 0, KEY_READ | KEY_WRITE | kView32,
+                                                 m_db.put()));
+    }
+    void TearDown() override
+    {
+        m_db.reset();
+        RegistrySandbox::TearDown();
+    }
+
+    HRESULT Strip(const wchar_t* path)
+    {
+        return nv::Guarded([&]() -> HRESULT {
+            nv::StripNameIndex(m_db.get(), 0, path);
+            return S_OK;
+        });
+    }
+
+    HRESULT Collect(nv::NameIndexMap& map, nv::PolicyKeyList& list,
+                    const nv::SubkeyEnumerator& enumerator = nv::EnumRegistrySubkey)
+    {
+        return nv::Guarded([&]() -> HRESULT {
+            nv::CollectNameIndexesAndPolicies(m_db.get(), 0, enumerator, map, list);
+            return S_OK;
+        });
+    }
+
+    nv::unique_hkey m_db;
+};
+
+} // namespace
+
+TEST(NetBiosNameTest, MatchesTheSystemAndGrowsFromATooSmallBuffer)
+{
+    const std::wstring expected = ComputerName();
+    ASSERT_FALSE(expected.empty());
+    EXPECT_EQ(expected, nv::GetNetBiosComputerName());
+    EXPECT_EQ(expected, nv::GetNetBiosComputerName(1));
+    EXPECT_EQ(expected, nv::GetNetBiosComputerName(static_cast<DWORD>(expected.size())));
+}
+
+TEST_F(NameIndexTest, StoresAreMappedInOrdinalOrderAndPoliciesInEnumerationOrder)
+{
+    CreateKeyPath(Sub(L"Cache\\a").c_str(), kView32);
+    CreateKeyPath(Sub(L"Cache\\B").c_str(), kView32);
+    CreateKeyPath(Sub(L"Cache\\CORP").c_str(), kView32);
+    OpenDb();
+    nv::NameIndexMap map;
+    nv::PolicyKeyList list;
+    ASSERT_EQ(S_OK, Collect(map, list));
+
+    const std::wstring computer = ComputerName();
+    nv::NameIndexMap expected{
+        {L"B", L"Cache\\B\\Users\\Index\\NameIndex"},
+        {L"a", L"Cache\\a\\Users\\Index\\NameIndex"},
+        {L"CORP", L"Cache\\CORP\\Users\\Index\\NameIndex"},
+        {computer, L"MainDB\\Users\\Index\\NameIndex"},
+    };
+    EXPECT_EQ(expected, map);
+    // Ordinal order: upper case before lower case, so "B" comes before "a".
+    std::vector<std::wstring> order;
+    for (const auto& e : map)
+        order.push_back(e.first);
+    auto posB = std::find(order.begin(), order.end(), L"B");
+    auto posA = std::find(order.begin(), order.end(), L"a");
+    EXPECT_LT(posB, posA);
+
+    // Policy keys follow the registry's enumeration order, the machine's last.
+    nv::PolicyKeyList expectedList;
+    for (const auto& name : SubkeyNames(Sub(L"Cache").c_str(), kView32))
+        expectedList.push_back(L"Cache\\" + name + L"\\Policies");
+    expectedList.push_back(L"Data\\Policies");
+    ASSERT_EQ(4u, expectedList.size());
+    EXPECT_EQ(expectedList, list);
+}
+
+TEST_F(NameIndexTest, WithoutCacheOnlyTheMachineStoreAndDataPoliciesAreListed)
+{
+    OpenDb();
+    nv::NameIndexMap map;
+    nv::PolicyKeyList list;
+    ASSERT_EQ(S_OK, Collect(map, list));
+    EXPECT_EQ((nv::NameIndexMap{{ComputerName(), L"MainDB\\Users\\Index\\NameIndex"}}), map);
+    EXPECT_EQ((nv::PolicyKeyList{L"Data\\Policies"}), list);
+}
+
+TEST_F(NameIndexTest, DomainNamedLikeTheComputerIsReplacedByTheMachineStore)
+{
+    const std::wstring computer = ComputerName();
+    CreateKeyPath(Sub(L"Cache\\" + computer).c_str(), kView32);
+    CreateKeyPath(Sub(L"Cache\\OTHER").c_str(), kView32);
+    OpenDb();
+    nv::NameIndexMap map;
+    nv::PolicyKeyList list;
+    ASSERT_EQ(S_OK, Collect(map, list));
+    EXPECT_EQ((nv::NameIndexMap{{computer, L"MainDB\\Users\\Index\\NameIndex"},
+                                {L"OTHER", L"Cache\\OTHER\\Users\\Index\\NameIndex"}}),
+              map);
+    // Its policy key is still listed, and so deleted by the conversion.
+    std::set<std::wstring> policies(list.begin(), list.end());
+    EXPECT_EQ((std::set<std::wstring>{L"Cache\\" + computer + L"\\Policies", L"Cache\\OTHER\\Policies",
+                                      L"Data\\Policies"}),
+              policies);
+    EXPECT_EQ(3u, list.size());
+    EXPECT_EQ(L"Data\\Policies", list.back());
+}
+
+// The real registry cannot be made to fail on one subkey of an enumeration (key
+// names are far shorter than the 16,384-character buffer), so the enumerator is
+// replaced: the registry's answer, except errors at chosen indexes.
+TEST_F(NameIndexTest, EnumerationErrorOnOneSubkeySkipsItAndTheOthersAreStillListed)
+{
+    for (const wchar_t* d : {L"Cache\\D0", L"Cache\\D1", L"Cache\\D2", L"Cache\\D3"})
+        CreateKeyPath(Sub(d).c_str(), kView32);
+    OpenDb();
+    std::vector<DWORD> asked;
+    auto failing = [&](HKEY key, DWORD index, wchar_t* name, DWORD* cch) -> LONG {
+        asked.push_back(index);
+        EXPECT_EQ(16383u, *cch);
+        if (index == 1)
+            return ERROR_MORE_DATA;
+        if (index == 2)
+            return ERROR_ACCESS_DENIED;
+        return nv::EnumRegistrySubkey(key, index, name, cch);
+    };
+    nv::NameIndexMap map;
+    nv::PolicyKeyList list;
+    ASSERT_EQ(S_OK, Collect(map, list, failing));
+
+    std::vector<std::wstring> names = SubkeyNames(Sub(L"Cache").c_str(), kView32);
+    ASSERT_EQ(4u, names.size());
+    EXPECT_EQ((std::vector<DWORD>{0, 1, 2, 3, 4}), asked);
+    EXPECT_EQ((nv::NameIndexMap{{names[0], L"Cache\\" + names[0] + L"\\Users\\Index\\NameIndex"},
+                                {names[3], L"Cache\\" + names[3] + L"\\Users\\Index\\NameIndex"},
+                                {ComputerName(), L"MainDB\\Users\\Index\\NameIndex"}}),
+              map);
+    EXPECT_EQ((nv::PolicyKeyList{L"Cache\\" + names[0] + L"\\Policies", L"Cache\\" + names[3] + L"\\Policies",
+                                 L"Data\\Policies"}),
+              list);
+}
+
+TEST_F(NameIndexTest, ContainersAreFilledNotCleared)
+{
+    CreateKeyPath(Sub(L"Cache\\DOM").c_str(), kView32);
+    OpenDb();
+    nv::NameIndexMap map{{L"DOM", L"old"}, {L"KEEP", L"kept"}};
+    nv::PolicyKeyList list{L"first"};
+    ASSERT_EQ(S_OK, Collect(map, list));
+    EXPECT_EQ(L"Cache\\DOM\\Users\\Index\\NameIndex", map.at(L"DOM"));
+    EXPECT_EQ(L"kept", map.at(L"KEEP"));
+    EXPECT_EQ((nv::PolicyKeyList{L"first", L"Cache\\DOM\\Policies", L"Data\\Policies"}), list);
+}
+
+TEST_F(NameIndexTest, SixteenByteValuesGoAndOthersStay)
+{
+    const std::wstring index = Sub(L"MainDB\\Users\\Index\\NameIndex");
+    SetBinary(index.c_str(), L"alice/", Id(1), kView32);
+    SetBinary(index.c_str(), L"bob", Id(2), kView32);
+    SetBinary(index.c_str(), L"note", {1, 2, 3, 4}, kView32);
+    SetBinary(index.c_str(), L"short", std::vector<BYTE>(15, 7), kView32);
+    SetBinary(index.c_str(), L"long", std::vector<BYTE>(17, 7), kView32);
+    SetDword(index.c_str(), L"Count", 2, kView32);
+    SetBinary(index.c_str(), L"text16", Text(L"1234567"), kView32, REG_SZ); // 16 bytes of text
+    SetString(Sub(L"MainDB").c_str(), L"beside", L"x", kView32);
+    OpenDb();
+    RegTree before = Snapshot(kDb, kView32);
+
+    ASSERT_EQ(S_OK, Strip(L"MainDB\\Users\\Index\\NameIndex"));
+
+    RegTree expected = before;
+    for (const wchar_t* gone : {L"alice/", L"bob", L"text16"})
+        ASSERT_EQ(1u, expected.values.erase(std::wstring(L"MainDB\\Users\\Index\\NameIndex|") + gone));
+    RegTree after = Snapshot(kDb, kView32);
+    EXPECT_TRUE(expected == after) << DiffTrees(expected, after);
+    EXPECT_FALSE(KeyExists(kDb, kView64));
+}
+
+TEST_F(NameIndexTest, MissingNameIndexFailsWithFileNotFoundAndChangesNothing)
+{
+    SetBinary(Sub(L"MainDB\\Users").c_str(), L"id", Id(3), kView32);
+    OpenDb();
+    RegTree before = Snapshot(kDb, kView32);
+    EXPECT_EQ(static_cast<HRESULT>(0x80070002), Strip(L"MainDB\\Users\\Index\\NameIndex"));
+    RegTree after = Snapshot(kDb, kView32);
+    EXPECT_TRUE(before == after) << DiffTrees(before, after);
+}
+
+TEST_F(NameIndexTest, EmptyValueFailsWithError8AfterDeletingTheIdentifiersFoundBeforeIt)
+{
+    const std::wstring index = Sub(L"Cache\\DOM\\Users\\Index\\NameIndex");
+    // The empty value is written in the middle, so that it is in the middle of the
+    // enumeration whether the registry lists values by name or by age.
+    for (const wchar_t* name : {L"u1", L"u2/", L"u3", L"u35", L"u4", L"u5/", L"u6"}) {
+        if (std::wstring(name) == L"u35")
+            SetBinary(index.c_str(), name, {}, kView32);
+        else
+            SetBinary(index.c_str(), name, Id(static_cast<BYTE>(name[1])), kView32);
+    }
+    SetDword(index.c_str(), L"Count", 6, kView32);
+    OpenDb();
+
+    // Which values come before the empty one is the registry's enumeration order.
+    std::vector<std::wstring> order = ValueNames(index.c_str(), kView32);
+    auto empty = std::find(order.begin(), order.end(), L"u35");
+    ASSERT_NE(order.end(), empty);
+    ASSERT_NE(order.begin(), empty);
+    ASSERT_NE(order.end() - 1, empty);
+    RegTree expected = Snapshot(kDb, kView32);
+    size_t deleted = 0;
+    for (auto it = order.begin(); it != empty; ++it)
+        if (*it != L"Count")
+            deleted += expected.values.erase(L"Cache\\DOM\\Users\\Index\\NameIndex|" + *it);
+    ASSERT_GT(deleted, 0u);
+    ASSERT_LT(deleted, 6u);
+
+    EXPECT_EQ(static_cast<HRESULT>(0x80070008), Strip(L"Cache\\DOM\\Users\\Index\\NameIndex"));
+    RegTree after = Snapshot(kDb, kView32);
+    EXPECT_TRUE(expected == after) << DiffTrees(expected, after);
+}
+
+TEST_F(NameIndexTest, AnEmptyIndexIsConvertedToItself)
+{
+    CreateKeyPath(Sub(L"MainDB\\Users\\Index\\NameIndex").c_str(), kView32);
+    OpenDb();
+    RegTree before = Snapshot(kDb, kView32);
+    EXPECT_EQ(S_OK, Strip(L"MainDB\\Users\\Index\\NameIndex"));
+    RegTree after = Snapshot(kDb, kView32);
+    EXPECT_TRUE(before == after) << DiffTrees(before, after);
+}

@@ -1,0 +1,195 @@
+// nvdbgen, run as its own process: usage errors, the summary, the database it writes
+// (the same, value by value, as the writer library's for the same options), views,
+// --wipe, and format 2.0 not being available yet.
+#include <windows.h>
+#include <gtest/gtest.h>
+#include <algorithm>
+#include <string>
+
+#include "common/handles.h"
+#include "support/dll_loader.h"
+#include "support/legacy_db_tree.h"
+#include "support/registry_sandbox.h"
+#include "writer/legacy_writer.h"
+
+using namespace nvtest;
+
+namespace {
+
+constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
+
+struct ToolRun {
+    DWORD exitCode = 0xdeadbeef;
+    std::string out;
+    std::string err;
+};
+
+nv::unique_hfile TempFile(const wchar_t* tag)
+{
+    wchar_t dir[MAX_PATH], path[MAX_PATH];
+    ::GetTempPathW(MAX_PATH, dir);
+    ::GetTempFileNameW(dir, tag, 0, path);
+    SECURITY_ATTRIBUTES sa{sizeof(sa), nullptr, TRUE};
+    return nv::unique_hfile(::CreateFileW(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                          &sa, CREATE_ALWAYS, FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE,
+                                          nullptr));
+}
+
+std::string ReadAll(HANDLE file)
+{
+    ::SetFilePointer(file, 0, nullptr, FILE_BEGIN);
+    std::string text;
+    char buf[4096];
+    DWORD n = 0;
+    while (::ReadFile(file, buf, sizeof(buf), &n, nullptr) && n)
+        text.append(buf, n);
+    return text;
+}
+
+ToolRun RunTool(const std::wstring& args)
+{
+    ToolRun run;
+    nv::unique_hfile out = TempFile(L"ngo");
+    nv::unique_hfile err = TempFile(L"nge");
+    EXPECT_TRUE(out && err);
+    std::wstring cmd = L"\"" + ExeDirectory() + L"nvdbgen.exe\" " + args;
+    STARTUPINFOW si{};
+    si.cb = sizeof(si);
+    si.dwFlags = STARTF_USESTDHANDLES;
+    si.hStdInput = nullptr;
+    si.hStdOutput = out.get();
+    si.hStdError = err.get();
+    PROCESS_INFORMATION pi{};
+    if (!::CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi)) {
+        ADD_FAILURE() << "cannot start nvdbgen: " << ::GetLastError();
+        return run;
+    }
+    nv::unique_handle_null process(pi.hProcess), thread(pi.hThread);
+    EXPECT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(pi.hProcess, 60000));
+    ::GetExitCodeProcess(pi.hProcess, &run.exitCode);
+    run.out = ReadAll(out.get());
+    run.err = ReadAll(err.get());
+    return run;
+}
+
+bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+} // namespace
+
+class NvDbGenTest : public RegistrySandbox {};
+
+TEST_F(NvDbGenTest, UsageErrorsExitWith2AndExplainWithoutWriting)
+{
+    struct Case {
+        const wchar_t* args;
+        const char* message;
+    } cases[] = {
+        {L"", "--format is required"},
+        {L"--users 5", "--format is required"},
+        {L"--format 3.0", "--format must be 1.0 or 2.0, not '3.0'"},
+        {L"--format", "--format needs a value"},
+        {L"--format 1.0 --users", "--users needs a value"},
+        {L"--format 1.0 --users ten", "--users takes a number from 0 to 1000000, not 'ten'"},
+        {L"--format 1.0 --users -3", "--users takes a number from 0 to 1000000, not '-3'"},
+        {L"--format 1.0 --domains 10001", "--domains takes a number from 0 to 10000, not '10001'"},
+        {L"--format 1.0 --seed 1x", "--seed takes an unsigned 64-bit number, not '1x'"},
+        {L"--format 1.0 --view 16", "--view must be 32 or 64, not '16'"},
+        {L"--format 1.0 --frobnicate", "unknown option '--frobnicate'"},
+    };
+    for (const Case& c : cases) {
+        ToolRun run = RunTool(c.args);
+        EXPECT_EQ(2u, run.exitCode) << Narrow(c.args);
+        EXPECT_TRUE(Contains(run.err, std::string("nvdbgen: ") + c.message)) << Narrow(c.args) << "\n" << run.err;
+        EXPECT_TRUE(Contains(run.err, "usage: nvdbgen --format 1.0|2.0")) << Narrow(c.args);
+        EXPECT_EQ("", run.out) << Narrow(c.args);
+    }
+    EXPECT_FALSE(KeyExists(kDb, kView32));
+    EXPECT_FALSE(KeyExists(kDb, kView64));
+}
+
+TEST_F(NvDbGenTest, HelpPrintsUsageAndExits0)
+{
+    ToolRun run = RunTool(L"--help");
+    EXPECT_EQ(0u, run.exitCode);
+    EXPECT_TRUE(Contains(run.out, "usage: nvdbgen --format 1.0|2.0")) << run.out;
+    EXPECT_FALSE(KeyExists(kDb, kView32));
+}
+
+TEST_F(NvDbGenTest, Format10WritesWhatTheWriterLibraryWritesForTheSameSeed)
+{
+    ToolRun run = RunTool(L"--format 1.0 --users 30 --domains 3 --seed 7 --view 32");
+    ASSERT_EQ(0u, run.exitCode) << run.err;
+    RegTree fromTool = Snapshot(kDb, kView32);
+    EXPECT_FALSE(KeyExists(kDb, kView64));
+
+    nvwriter::DbOptions options;
+    options.users = 30;
+    options.domains = 3;
+    options.seed = 7;
+    options.wipe = true;
+    nvwriter::DbRecord record;
+    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    RegTree expected = ToRegTree(record);
+    EXPECT_TRUE(expected == fromTool) << DiffTrees(expected, fromTool);
+
+    size_t slashed = 0;
+    for (const auto& u : record.users)
+        slashed += u.trailingSlash ? 1 : 0;
+    std::string stores = " (machine)";
+    for (size_t i = 1; i < record.stores.size(); ++i)
+        stores += " " + Narrow(record.stores[i].name);
+    const std::string summary =
+        "nvdbgen: wrote a format 1.0 database to HKLM\\SOFTWARE\\Norvane\\DB (32-bit view), seed 7\n"
+        "  users: 30 (" + std::to_string(slashed) + " names ending in '/')\n"
+        "  stores:" + stores + "\n"
+        "  keys: " + std::to_string(record.keys.size()) + ", values: " + std::to_string(record.ValueCount()) + "\n";
+    std::string out = run.out;
+    out.erase(std::remove(out.begin(), out.end(), '\r'), out.end());
+    EXPECT_EQ(summary, out);
+    EXPECT_EQ("", run.err);
+}
+
+TEST_F(NvDbGenTest, ExistingDatabaseNeedsWipe)
+{
+    ASSERT_EQ(0u, RunTool(L"--format 1.0 --users 4 --domains 1 --seed 1").exitCode);
+    RegTree first = Snapshot(kDb, kView32);
+
+    ToolRun again = RunTool(L"--format 1.0 --users 9 --domains 2 --seed 2");
+    EXPECT_EQ(1u, again.exitCode);
+    EXPECT_TRUE(Contains(again.err, "already exists in the 32-bit view; use --wipe")) << again.err;
+    RegTree unchanged = Snapshot(kDb, kView32);
+    EXPECT_TRUE(first == unchanged) << DiffTrees(first, unchanged);
+
+    ToolRun wiped = RunTool(L"--format 1.0 --users 9 --domains 2 --seed 2 --wipe");
+    EXPECT_EQ(0u, wiped.exitCode) << wiped.err;
+    nvwriter::DbOptions options;
+    options.users = 9;
+    options.domains = 2;
+    options.seed = 2;
+    options.wipe = true;
+    nvwriter::DbRecord record;
+    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    RegTree expected = ToRegTree(record);
+    RegTree actual = Snapshot(kDb, kView32);
+    EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
+}
+
+TEST_F(NvDbGenTest, View64WritesThe64BitViewOnly)
+{
+    ToolRun run = RunTool(L"--format 1.0 --users 3 --domains 1 --view 64");
+    ASSERT_EQ(0u, run.exitCode) << run.err;
+    EXPECT_TRUE(Contains(run.out, "(64-bit view)")) << run.out;
+    EXPECT_FALSE(KeyExists(kDb, kView32));
+    std::wstring version;
+    ASSERT_TRUE(GetString(kDb, L"Version", kView64, &version));
+    EXPECT_EQ(L"1.0", version);
+}
+
+TEST_F(NvDbGenTest, Format20IsNotAvailableYet)
+{
+    ToolRun run = RunTool(L"--format 2.0 --users 3");
+    EXPECT_EQ(1u, run.exitCode);
+    EXPECT_TRUE(Contains(run.err, "nvdbgen: format 2.0 databases are not available yet")) << run.err;
+    EXPECT_FALSE(KeyExists(kDb, kView32));
+    EXPECT_FALSE(KeyExists(kDb, kView64));
+}

@@ -1,0 +1,636 @@
+// Secret packing: the password scrambling, UnpackPasswordAndPin on 2.0 combined
+// secrets, PackPassword and EncryptEx.
+//
+// Combined secrets are built here by hand (DER bytes, then a reference TEA-CFB of
+// the test's own written from the cipher's definition), so the routines are not
+// checked against themselves.
+#include <windows.h>
+#include <wincrypt.h>
+#include <comdef.h>
+#include <gtest/gtest.h>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "common/handles.h"
+#include "converter3/secretpacking.h"
+#include "secret_keys.h"
+
+namespace {
+
+using Bytes = std::vector<BYTE>;
+const BSTR kSentinel = reinterpret_cast<BSTR>(static_cast<uintptr_t>(0xdeadbeef));
+
+// ---- reference scrambling, straight from the definition ----------------------
+
+void RefTea(std::uint32_t& y, std::uint32_t& z, const std::uint32_t k[4])
+{
+    std::uint32_t sum = 0;
+    for (int i = 0; i < 32; ++i) {
+        sum += 0x9E3779B9u;
+        y += ((z << 4) + k[0]) ^ (z + sum) ^ (static_cast<std::uint32_t>(static_cast<std::int32_t>(z) >> 5) + k[1]);
+        z += ((y << 4) + k[2]) ^ (y + sum) ^ (static_cast<std::uint32_t>(static_cast<std::int32_t>(y) >> 5) + k[3]);
+    }
+}
+
+Bytes RefCfb(const Bytes& in, bool decrypt)
+{
+    std::uint32_t k[4];
+    for (int i = 0; i < 4; ++i)
+        k[i] = nvkeys::kSecretKeyWords[i] ^ nvkeys::kSecretKeyMasks[i];
+    std::uint32_t reg[2] = {nvkeys::kSecretInitialRegister[0], nvkeys::kSecretInitialRegister[1]};
+    Bytes out(in.size());
+    for (size_t pos = 0; pos < in.size(); pos += 8) {
+        RefTea(reg[0], reg[1], k);
+        BYTE r[8];
+        for (int i = 0; i < 4; ++i) {
+            r[i] = static_cast<BYTE>(reg[0] >> (8 * i));
+            r[4 + i] = static_cast<BYTE>(reg[1] >> (8 * i));
+        }
+        const size_t n = std::min<size_t>(8, in.size() - pos);
+        for (size_t i = 0; i < n; ++i) {
+            out[pos + i] = in[pos + i] ^ r[i];
+            r[i] = decrypt ? in[pos + i] : out[pos + i];
+        }
+        reg[0] = reg[1] = 0;
+        for (int i = 0; i < 4; ++i) {
+            reg[0] |= std::uint32_t(r[i]) << (8 * i);
+            reg[1] |= std::uint32_t(r[4 + i]) << (8 * i);
+        }
+    }
+    return out;
+}
+
+// ---- hand-made DER -------------------------------------------------------------
+
+Bytes Tlv(BYTE tag, const Bytes& body)
+{
+    Bytes out{tag};
+    if (body.size() < 0x80) {
+        out.push_back(static_cast<BYTE>(body.size()));
+    } else if (body.size() < 0x100) {
+        out.push_back(0x81);
+        out.push_back(static_cast<BYTE>(body.size()));
+    } else {
+        out.push_back(0x82);
+        out.push_back(static_cast<BYTE>(body.size() >> 8));
+        out.push_back(static_cast<BYTE>(body.size()));
+    }
+    out.insert(out.end(), body.begin(), body.end());
+    return out;
+}
+
+Bytes Uint(BYTE v) { return v & 0x80 ? Tlv(0x02, {0x00, v}) : Tlv(0x02, {v}); }
+
+Bytes Bmp(const std::wstring& s)
+{
+    Bytes body;
+    for (wchar_t c : s) {
+        body.push_back(static_cast<BYTE>(c >> 8));
+        body.push_back(static_cast<BYTE>(c));
+    }
+    return Tlv(0x1E, body);
+}
+
+Bytes Seq(std::initializer_list<Bytes> items)
+{
+    Bytes body;
+    for (const Bytes& i : items)
+        body.insert(body.end(), i.begin(), i.end());
+    return Tlv(0x30, body);
+}
+
+Bytes Scrambled(const Bytes& plain) { return RefCfb(plain, false); }
+
+Bytes ToBytes(const CRYPT_DATA_BLOB& b) { return b.cbData ? Bytes(b.pbData, b.pbData + b.cbData) : Bytes(); }
+
+std::wstring Str(BSTR b) { return std::wstring(b, ::SysStringLen(b)); }
+
+struct Unpacked {
+    HRESULT hr = E_FAIL;
+    BSTR password = kSentinel;
+    BSTR pin = kSentinel;
+    ~Unpacked()
+    {
+        if (password != kSentinel)
+            ::SysFreeString(password);
+        if (pin != kSentinel)
+            ::SysFreeString(pin);
+    }
+};
+
+void Unpack(const Bytes& content, Unpacked& u)
+{
+    CRYPT_DATA_BLOB blob{static_cast<DWORD>(content.size()), content.empty() ? nullptr : const_cast<BYTE*>(content.data())};
+    u.hr = UnpackPasswordAndPin(&blob, &u.password, &u.pin);
+}
+
+} // namespace
+
+// ---- scrambling ------------------------------------------------------------------
+
+TEST(SecretScramblingTest, MatchesTheReferenceCipherForEveryLengthUpToSeventeen)
+{
+    for (DWORD n = 0; n <= 17; ++n) {
+        Bytes plain;
+        for (DWORD i = 0; i < n; ++i)
+            plain.push_back(static_cast<BYTE>(0xF0 + 7 * i));
+        Bytes data = plain;
+        ScrambleSecret(data.data(), n);
+        EXPECT_EQ(RefCfb(plain, false), data) << "length " << n;
+        if (n > 0) {
+            EXPECT_NE(plain, data) << "length " << n;
+        }
+    }
+}
+
+TEST(SecretScramblingTest, UnscramblingReturnsTheInputForEveryLengthUpToSeventeen)
+{
+    for (DWORD n = 0; n <= 17; ++n) {
+        Bytes plain;
+        for (DWORD i = 0; i < n; ++i)
+            plain.push_back(static_cast<BYTE>(0x80 | (i * 13)));
+        Bytes scrambled = plain;
+        ScrambleSecret(scrambled.data(), n);
+        Bytes back(n, 0xCC);
+        UnscrambleSecret(scrambled.data(), back.data(), n);
+        EXPECT_EQ(plain, back) << "length " << n;
+        EXPECT_EQ(RefCfb(scrambled, true), back) << "length " << n;
+    }
+}
+
+TEST(SecretScramblingTest, UnscramblingLeavesTheSourceAlone)
+{
+    const Bytes scrambled = Scrambled({1, 2, 3, 4, 5, 6, 7, 8, 9, 10});
+    Bytes source = scrambled;
+    Bytes target(source.size());
+    UnscrambleSecret(source.data(), target.data(), static_cast<DWORD>(source.size()));
+    EXPECT_EQ(scrambled, source);
+    EXPECT_EQ((Bytes{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}), target);
+}
+
+// ---- UnpackPasswordAndPin --------------------------------------------------------
+
+TEST(UnpackPasswordAndPinTest, EmptyContentIsFileNotFoundAndLeavesTheOutputsAlone)
+{
+    Unpacked u;
+    Unpack({}, u);
+    EXPECT_EQ(static_cast<HRESULT>(0x80070002), u.hr);
+    EXPECT_EQ(kSentinel, u.password);
+    EXPECT_EQ(kSentinel, u.pin);
+
+    BYTE byte = 0x30;
+    CRYPT_DATA_BLOB noData{1, nullptr};
+    CRYPT_DATA_BLOB noCount{0, &byte};
+    EXPECT_EQ(static_cast<HRESULT>(0x80070002), UnpackPasswordAndPin(&noData, &u.password, &u.pin));
+    EXPECT_EQ(static_cast<HRESULT>(0x80070002), UnpackPasswordAndPin(&noCount, &u.password, &u.pin));
+    EXPECT_EQ(static_cast<HRESULT>(0x80070002), UnpackPasswordAndPin(nullptr, &u.password, &u.pin));
+    EXPECT_EQ(kSentinel, u.password);
+    EXPECT_EQ(kSentinel, u.pin);
+}
+
+TEST(UnpackPasswordAndPinTest, EmptyContentGivesNoPassword)
+{
+    BSTR password = nullptr;
+    CRYPT_DATA_BLOB empty{0, nullptr};
+    EXPECT_EQ(static_cast<HRESULT>(0x80070002), UnpackPasswordAndPin(&empty, &password, nullptr));
+    EXPECT_EQ(nullptr, password);
+}
+
+TEST(UnpackPasswordAndPinTest, PasswordAndPinAreHandedOut)
+{
+    Unpacked u;
+    Unpack(Scrambled(Seq({Uint(1), Bmp(L"Secret-1"), Bmp(L"4711")})), u);
+    ASSERT_EQ(S_OK, u.hr);
+    ASSERT_NE(nullptr, u.password);
+    ASSERT_NE(nullptr, u.pin);
+    EXPECT_EQ(L"Secret-1", Str(u.password));
+    EXPECT_EQ(L"4711", Str(u.pin));
+}
+
+TEST(UnpackPasswordAndPinTest, VersionNineIsAcceptedVersionTenAndZeroAreBadData)
+{
+    Unpacked v9;
+    Unpack(Scrambled(Seq({Uint(9), Bmp(L"pw"), Bmp(L"12")})), v9);
+    EXPECT_EQ(S_OK, v9.hr);
+    ASSERT_NE(nullptr, v9.password);
+    EXPECT_EQ(L"pw", Str(v9.password));
+
+    Unpacked v10;
+    Unpack(Scrambled(Seq({Uint(10), Bmp(L"pw"), Bmp(L"12")})), v10);
+    EXPECT_EQ(static_cast<HRESULT>(0x80090005), v10.hr);
+    EXPECT_EQ(kSentinel, v10.password);
+    EXPECT_EQ(kSentinel, v10.pin);
+
+    Unpacked v0;
+    Unpack(Scrambled(Seq({Uint(0), Bmp(L"pw")})), v0);
+    EXPECT_EQ(static_cast<HRESULT>(0x80090005), v0.hr);
+    EXPECT_EQ(kSentinel, v0.password);
+
+    Unpacked v200;
+    Unpack(Scrambled(Seq({Uint(200), Bmp(L"pw")})), v200);
+    EXPECT_EQ(static_cast<HRESULT>(0x80090005), v200.hr);
+}
+
+TEST(UnpackPasswordAndPinTest, SequenceWithoutItemsIsBadData)
+{
+    Unpacked u;
+    Unpack(Scrambled(Seq({})), u);
+    EXPECT_EQ(static_cast<HRESULT>(0x80090005), u.hr);
+    EXPECT_EQ(kSentinel, u.password);
+    EXPECT_EQ(kSentinel, u.pin);
+}
+
+TEST(UnpackPasswordAndPinTest, TwoItemsGiveThePasswordAndNoPin)
+{
+    Unpacked u;
+    Unpack(Scrambled(Seq({Uint(1), Bmp(L"only password")})), u);
+    ASSERT_EQ(S_OK, u.hr);
+    ASSERT_NE(nullptr, u.password);
+    EXPECT_EQ(L"only password", Str(u.password));
+    EXPECT_EQ(nullptr, u.pin);
+}
+
+TEST(UnpackPasswordAndPinTest, EmptyPinItemGivesNoPin)
+{
+    Unpacked u;
+    Unpack(Scrambled(Seq({Uint(2), Bmp(L"pw"), Bmp(L"")})), u);
+    ASSERT_EQ(S_OK, u.hr);
+    EXPECT_EQ(L"pw", Str(u.password));
+    EXPECT_EQ(nullptr, u.pin);
+}
+
+TEST(UnpackPasswordAndPinTest, EmptyPasswordItemGivesAnEmptyPassword)
+{
+    Unpacked u;
+    Unpack(Scrambled(Seq({Uint(1), Bmp(L""), Bmp(L"1234")})), u);
+    ASSERT_EQ(S_OK, u.hr);
+    ASSERT_NE(nullptr, u.password);
+    EXPECT_EQ(0u, ::SysStringLen(u.password));
+    ASSERT_NE(nullptr, u.pin);
+    EXPECT_EQ(L"1234", Str(u.pin));
+}
+
+TEST(UnpackPasswordAndPinTest, VersionAloneGivesNeitherPasswordNorPin)
+{
+    Unpacked u;
+    Unpack(Scrambled(Seq({Uint(3)})), u);
+    EXPECT_EQ(S_OK, u.hr);
+    EXPECT_EQ(nullptr, u.password);
+    EXPECT_EQ(nullptr, u.pin);
+}
+
+TEST(UnpackPasswordAndPinTest, EitherOutputMayBeOmitted)
+{
+    const Bytes content = Scrambled(Seq({Uint(1), Bmp(L"pw"), Bmp(L"99")}));
+    CRYPT_DATA_BLOB blob{static_cast<DWORD>(content.size()), const_cast<BYTE*>(content.data())};
+    EXPECT_EQ(S_OK, UnpackPasswordAndPin(&blob, nullptr, nullptr));
+
+    BSTR pin = kSentinel;
+    ASSERT_EQ(S_OK, UnpackPasswordAndPin(&blob, nullptr, &pin));
+    ASSERT_NE(nullptr, pin);
+    EXPECT_EQ(L"99", Str(pin));
+    ::SysFreeString(pin);
+
+    BSTR password = kSentinel;
+    ASSERT_EQ(S_OK, UnpackPasswordAndPin(&blob, &password, nullptr));
+    ASSERT_NE(nullptr, password);
+    EXPECT_EQ(L"pw", Str(password));
+    ::SysFreeString(password);
+}
+
+TEST(UnpackPasswordAndPinTest, StringItemsOfOtherTextTypesFollowTheWideStringRules)
+{
+    // An IA5 PIN is a string like a BMP one; a UTF-8 PIN is no string (no PIN), and
+    // a UTF-8 password item decodes to nothing, handed out as the empty password.
+    Unpacked u;
+    Unpack(Scrambled(Seq({Uint(1), Tlv(0x0C, {'p', 'w'}), Tlv(0x16, {'1', '2', '3'})})), u);
+    ASSERT_EQ(S_OK, u.hr);
+    ASSERT_NE(nullptr, u.password);
+    EXPECT_EQ(0u, ::SysStringLen(u.password));
+    ASSERT_NE(nullptr, u.pin);
+    EXPECT_EQ(L"123", Str(u.pin));
+
+    Unpacked v;
+    Unpack(Scrambled(Seq({Uint(1), Bmp(L"pw"), Tlv(0x0C, {'1', '2'})})), v);
+    ASSERT_EQ(S_OK, v.hr);
+    EXPECT_EQ(L"pw", Str(v.password));
+    EXPECT_EQ(nullptr, v.pin);
+}
+
+TEST(UnpackPasswordAndPinTest, ContentThatIsNoSequenceFailsWithTheDecodeError)
+{
+    Unpacked u;
+    Unpack(Scrambled(Tlv(0x04, {0x01, 0x02})), u);
+    EXPECT_EQ(CRYPT_E_ASN1_BADTAG, u.hr);
+    EXPECT_EQ(kSentinel, u.password);
+    EXPECT_EQ(kSentinel, u.pin);
+
+    // The same bytes unscrambled are not taken as they stand.
+    Unpacked plain;
+    Unpack(Seq({Uint(1), Bmp(L"pw")}), plain);
+    EXPECT_TRUE(FAILED(plain.hr));
+    EXPECT_EQ(kSentinel, plain.password);
+}
+
+TEST(UnpackPasswordAndPinTest, VersionItemThatIsNoNumberFailsWithTheDecodeError)
+{
+    Unpacked u;
+    Unpack(Scrambled(Seq({Tlv(0x04, {0x01}), Bmp(L"pw")})), u);
+    EXPECT_EQ(CRYPT_E_ASN1_BADTAG, u.hr);
+    EXPECT_EQ(kSentinel, u.password);
+
+    Unpacked big;
+    Unpack(Scrambled(Seq({Tlv(0x02, {0x01, 0x00, 0x00, 0x00, 0x01}), Bmp(L"pw")})), big);
+    EXPECT_EQ(CRYPT_E_ASN1_LARGE, big.hr);
+    EXPECT_EQ(kSentinel, big.password);
+}
+
+TEST(UnpackPasswordAndPinTest, LongPasswordsSurvive)
+{
+    std::wstring longPassword;
+    for (int i = 0; i < 300; ++i)
+        longPassword += static_cast<wchar_t>(L'a' + i % 26);
+    longPassword += L"\u00E9\u20AC";
+    Unpacked u;
+    Unpack(Scrambled(Seq({Uint(1), Bmp(longPassword), Bmp(L"0000")})), u);
+    ASSERT_EQ(S_OK, u.hr);
+    EXPECT_EQ(longPassword, Str(u.password));
+    EXPECT_EQ(L"0000", Str(u.pin));
+}
+
+// ---- PackPassword -----------------------------------------------------------------
+
+TEST(PackPasswordTest, AbcUnscramblesToVersionOneAndTheString)
+{
+    nv::CCryptBlob blob;
+    PackPassword(L"abc", blob);
+    const Bytes expected{0x30, 0x0B, 0x02, 0x01, 0x01, 0x1E, 0x06, 0x00, 0x61, 0x00, 0x62, 0x00, 0x63};
+    ASSERT_EQ(expected.size(), blob.cbData);
+    EXPECT_NE(expected, ToBytes(blob));
+    EXPECT_EQ(expected, RefCfb(ToBytes(blob), true));
+    EXPECT_EQ(Scrambled(expected), ToBytes(blob));
+}
+
+TEST(PackPasswordTest, NullPacksTheEmptyPassword)
+{
+    nv::CCryptBlob blob;
+    PackPassword(nullptr, blob);
+    EXPECT_EQ(7u, blob.cbData);
+    EXPECT_EQ((Bytes{0x30, 0x05, 0x02, 0x01, 0x01, 0x1E, 0x00}), RefCfb(ToBytes(blob), true));
+    nv::CCryptBlob empty;
+    PackPassword(L"", empty);
+    EXPECT_EQ(ToBytes(blob), ToBytes(empty));
+}
+
+TEST(PackPasswordTest, ReplacesTheBlobsOldContent)
+{
+    nv::CCryptBlob blob;
+    const Bytes old(100, 0x5A);
+    blob.Assign(old.data(), static_cast<DWORD>(old.size()));
+    PackPassword(L"x", blob);
+    EXPECT_EQ((Bytes{0x30, 0x07, 0x02, 0x01, 0x01, 0x1E, 0x02, 0x00, 'x'}), RefCfb(ToBytes(blob), true));
+}
+
+TEST(PackPasswordTest, UnpacksAgainToThePasswordAndNoPin)
+{
+    nv::CCryptBlob blob;
+    PackPassword(L"P@ssw0rd \u00FC", blob);
+    BSTR password = kSentinel;
+    BSTR pin = kSentinel;
+    ASSERT_EQ(S_OK, UnpackPasswordAndPin(&blob, &password, &pin));
+    ASSERT_NE(nullptr, password);
+    EXPECT_EQ(L"P@ssw0rd \u00FC", Str(password));
+    EXPECT_EQ(nullptr, pin);
+    ::SysFreeString(password);
+}
+
+// ---- EncryptEx ----------------------------------------------------------------------
+
+namespace {
+
+const wchar_t kSenderContainer[] = L"NVDBConvTest-Packing-Sender";
+const wchar_t kRecipientContainer[] = L"NVDBConvTest-Packing-Recipient";
+const wchar_t kEmptyContainer[] = L"NVDBConvTest-Packing-NoKeys";
+const wchar_t kProvider[] = L"Microsoft Enhanced Cryptographic Provider v1.0";
+
+void DeleteContainer(const wchar_t* name)
+{
+    HCRYPTPROV h = 0;
+    ::CryptAcquireContextW(&h, name, kProvider, PROV_RSA_FULL, CRYPT_MACHINE_KEYSET | CRYPT_DELETEKEYSET);
+}
+
+nv::unique_hcryptprov NewContainer(const wchar_t* name, bool withKey)
+{
+    nv::unique_hcryptprov prov;
+    EXPECT_TRUE(::CryptAcquireContextW(prov.put(), name, kProvider, PROV_RSA_FULL,
+                                       CRYPT_MACHINE_KEYSET | CRYPT_NEWKEYSET))
+        << std::hex << ::GetLastError();
+    if (withKey) {
+        nv::unique_hcryptkey key;
+        EXPECT_TRUE(::CryptGenKey(prov.get(), AT_KEYEXCHANGE, (1024u << 16), key.put())) << std::hex << ::GetLastError();
+    }
+    return prov;
+}
+
+Bytes PublicKeyBlob(HCRYPTPROV prov)
+{
+    nv::unique_hcryptkey key;
+    EXPECT_TRUE(::CryptGetUserKey(prov, AT_KEYEXCHANGE, key.put()));
+    DWORD cb = 0;
+    EXPECT_TRUE(::CryptExportKey(key.get(), 0, PUBLICKEYBLOB, 0, nullptr, &cb));
+    Bytes out(cb);
+    EXPECT_TRUE(::CryptExportKey(key.get(), 0, PUBLICKEYBLOB, 0, out.data(), &cb));
+    out.resize(cb);
+    return out;
+}
+
+struct Sealed {
+    Bytes keyBlob;
+    Bytes cipher;
+    bool ok = false;
+};
+
+// Reads the sealed secret with crypt32 directly: a SEQUENCE of two OCTET STRINGs.
+Sealed Parse(const CRYPT_DATA_BLOB& blob)
+{
+    Sealed s;
+    CRYPT_SEQUENCE_OF_ANY* seq = nullptr;
+    DWORD cb = 0;
+    if (!::CryptDecodeObjectEx(X509_ASN_ENCODING, X509_SEQUENCE_OF_ANY, blob.pbData, blob.cbData,
+                               CRYPT_DECODE_ALLOC_FLAG, nullptr, &seq, &cb))
+        return s;
+    if (seq->cValue == 2) {
+        Bytes items[2];
+        bool ok = true;
+        for (int i = 0; i < 2; ++i) {
+            CRYPT_DATA_BLOB* octets = nullptr;
+            DWORD cbo = 0;
+            if (seq->rgValue[i].pbData[0] != 0x04 ||
+                !::CryptDecodeObjectEx(X509_ASN_ENCODING, X509_OCTET_STRING, seq->rgValue[i].pbData,
+                                       seq->rgValue[i].cbData, CRYPT_DECODE_ALLOC_FLAG, nullptr, &octets, &cbo)) {
+                ok = false;
+                break;
+            }
+            items[i] = ToBytes(*octets);
+            ::LocalFree(octets);
+        }
+        if (ok) {
+            s.keyBlob = items[0];
+            s.cipher = items[1];
+            s.ok = true;
+        }
+    }
+    ::LocalFree(seq);
+    return s;
+}
+
+// Opens a sealed secret with the private key of prov; the error code on failure.
+HRESULT Open(HCRYPTPROV prov, const Sealed& s, Bytes* plain)
+{
+    nv::unique_hcryptkey exchange;
+    if (!::CryptGetUserKey(prov, AT_KEYEXCHANGE, exchange.put()))
+        return HRESULT_FROM_WIN32(::GetLastError());
+    nv::unique_hcryptkey session;
+    if (!::CryptImportKey(prov, s.keyBlob.data(), static_cast<DWORD>(s.keyBlob.size()), exchange.get(), 0,
+                          session.put()))
+        return HRESULT_FROM_WIN32(::GetLastError());
+    Bytes data = s.cipher;
+    DWORD cb = static_cast<DWORD>(data.size());
+    if (!::CryptDecrypt(session.get(), 0, TRUE, 0, data.data(), &cb))
+        return HRESULT_FROM_WIN32(::GetLastError());
+    data.resize(cb);
+    *plain = data;
+    return S_OK;
+}
+
+class EncryptExTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        DeleteAll();
+        m_sender = NewContainer(kSenderContainer, true);
+        m_recipient = NewContainer(kRecipientContainer, true);
+    }
+    void TearDown() override
+    {
+        m_sender.reset();
+        m_recipient.reset();
+        DeleteAll();
+    }
+    static void DeleteAll()
+    {
+        DeleteContainer(kSenderContainer);
+        DeleteContainer(kRecipientContainer);
+        DeleteContainer(kEmptyContainer);
+    }
+    nv::unique_hcryptprov m_sender;
+    nv::unique_hcryptprov m_recipient;
+};
+
+const Bytes kPlain{'s', 'e', 'c', 'r', 'e', 't', ' ', 'v', 'a', 'l', 'u', 'e', ' ', '#', '1', '7', '!'};
+
+} // namespace
+
+TEST_F(EncryptExTest, WithoutPublicKeySealsForTheProvidersOwnKeyExchangeKey)
+{
+    nv::CCryptBlob blob(kPlain.data(), static_cast<DWORD>(kPlain.size()));
+    ASSERT_EQ(S_OK, EncryptEx(blob, m_sender.get(), 0, CALG_3DES));
+
+    const Sealed s = Parse(blob);
+    ASSERT_TRUE(s.ok) << "not a SEQUENCE of two OCTET STRINGs";
+    // SIMPLEBLOB: header (type 1, version 2, 3DES), the wrapping algorithm, then the
+    // RSA-wrapped key of the modulus' size.
+    ASSERT_EQ(sizeof(BLOBHEADER) + sizeof(ALG_ID) + 128, s.keyBlob.size());
+    BLOBHEADER header;
+    std::memcpy(&header, s.keyBlob.data(), sizeof(header));
+    EXPECT_EQ(SIMPLEBLOB, header.bType);
+    EXPECT_EQ(2, header.bVersion);
+    EXPECT_EQ(static_cast<ALG_ID>(CALG_3DES), header.aiKeyAlg);
+    ALG_ID wrap = 0;
+    std::memcpy(&wrap, s.keyBlob.data() + sizeof(header), sizeof(wrap));
+    EXPECT_EQ(static_cast<ALG_ID>(CALG_RSA_KEYX), wrap);
+    EXPECT_EQ(24u, s.cipher.size()); // 17 bytes padded to whole 8-byte blocks
+
+    Bytes plain;
+    ASSERT_EQ(S_OK, Open(m_sender.get(), s, &plain));
+    EXPECT_EQ(kPlain, plain);
+}
+
+TEST_F(EncryptExTest, WithAPublicKeyOnlyThatKeysOwnerCanOpenIt)
+{
+    const Bytes recipientPublic = PublicKeyBlob(m_recipient.get());
+    nv::unique_hcryptkey publicKey;
+    ASSERT_TRUE(::CryptImportKey(m_sender.get(), recipientPublic.data(), static_cast<DWORD>(recipientPublic.size()), 0,
+                                 0, publicKey.put()));
+
+    nv::CCryptBlob blob(kPlain.data(), static_cast<DWORD>(kPlain.size()));
+    ASSERT_EQ(S_OK, EncryptEx(blob, m_sender.get(), publicKey.get(), CALG_3DES));
+    const Sealed s = Parse(blob);
+    ASSERT_TRUE(s.ok);
+
+    Bytes plain;
+    ASSERT_EQ(S_OK, Open(m_recipient.get(), s, &plain));
+    EXPECT_EQ(kPlain, plain);
+    Bytes wrong;
+    EXPECT_NE(S_OK, Open(m_sender.get(), s, &wrong));
+
+    // The caller's key handle was duplicated, not consumed: it still seals.
+    nv::CCryptBlob again(kPlain.data(), static_cast<DWORD>(kPlain.size()));
+    ASSERT_EQ(S_OK, EncryptEx(again, m_sender.get(), publicKey.get(), CALG_3DES));
+    ASSERT_EQ(S_OK, Open(m_recipient.get(), Parse(again), &plain));
+    EXPECT_EQ(kPlain, plain);
+}
+
+TEST_F(EncryptExTest, EverySealUsesAFreshSessionKey)
+{
+    nv::CCryptBlob a(kPlain.data(), static_cast<DWORD>(kPlain.size()));
+    nv::CCryptBlob b(kPlain.data(), static_cast<DWORD>(kPlain.size()));
+    ASSERT_EQ(S_OK, EncryptEx(a, m_sender.get(), 0, CALG_3DES));
+    ASSERT_EQ(S_OK, EncryptEx(b, m_sender.get(), 0, CALG_3DES));
+    EXPECT_NE(Parse(a).keyBlob, Parse(b).keyBlob);
+    EXPECT_NE(Parse(a).cipher, Parse(b).cipher);
+}
+
+TEST_F(EncryptExTest, EmptyContentSealsToOnePaddingBlock)
+{
+    nv::CCryptBlob blob;
+    ASSERT_EQ(S_OK, EncryptEx(blob, m_sender.get(), 0, CALG_3DES));
+    const Sealed s = Parse(blob);
+    ASSERT_TRUE(s.ok);
+    EXPECT_EQ(8u, s.cipher.size());
+    Bytes plain{1};
+    ASSERT_EQ(S_OK, Open(m_sender.get(), s, &plain));
+    EXPECT_TRUE(plain.empty());
+}
+
+TEST_F(EncryptExTest, PackedPasswordSurvivesSealingAndOpening)
+{
+    nv::CCryptBlob blob;
+    PackPassword(L"sealed password", blob);
+    const Bytes packed = ToBytes(blob);
+    ASSERT_EQ(S_OK, EncryptEx(blob, m_sender.get(), 0, CALG_3DES));
+    Bytes plain;
+    ASSERT_EQ(S_OK, Open(m_sender.get(), Parse(blob), &plain));
+    EXPECT_EQ(packed, plain);
+}
+
+TEST_F(EncryptExTest, AnAlgorithmThatIsNoCipherFailsAndTheBlobKeepsItsContent)
+{
+    nv::CCryptBlob blob(kPlain.data(), static_cast<DWORD>(kPlain.size()));
+    BYTE* const before = blob.pbData;
+    EXPECT_EQ(NTE_BAD_ALGID, EncryptEx(blob, m_sender.get(), 0, CALG_SHA1));
+    EXPECT_EQ(before, blob.pbData);
+    EXPECT_EQ(kPlain, ToBytes(blob));
+}
+
+TEST_F(EncryptExTest, AProviderWithoutKeyExchangeKeyFailsAndTheBlobKeepsItsContent)
+{
+    nv::unique_hcryptprov empty = NewContainer(kEmptyContainer, false);
+    nv::CCryptBlob blob(kPlain.data(), static_cast<DWORD>(kPlain.size()));
+    BYTE* const before = blob.pbData;
+    EXPECT_EQ(NTE_NO_KEY, EncryptEx(blob, empty.get(), 0, CALG_3DES));
+    EXPECT_EQ(before, blob.pbData);
+    EXPECT_EQ(kPlain, ToBytes(blob));
+}

@@ -1,0 +1,765 @@
+// CFPSecurityContext: the machine container named by the host identifier, the
+// NVHOST key and its access list, the public key, signing and verification.
+#include <windows.h>
+#include <wincrypt.h>
+#include <aclapi.h>
+#include <sddl.h>
+#include <comdef.h>
+#include <gtest/gtest.h>
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "security/securitycontext.h"
+#include "support/key_containers.h"
+#include "support/registry_sandbox.h"
+#include "writer/host_provisioning.h"
+
+using namespace nvtest;
+
+namespace {
+
+constexpr HRESULT kBadKeyset = static_cast<HRESULT>(0x80090016); // NTE_BAD_KEYSET
+constexpr DWORD kDer = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
+const wchar_t kHostKey[] = L"SOFTWARE\\Norvane\\NVHOST";
+BYTE* const kSentinelPtr = reinterpret_cast<BYTE*>(static_cast<uintptr_t>(0xdeadbeef));
+constexpr DWORD kSentinel = 0xdeadbeef;
+
+// kTestHostId as the host service stores it, byte by byte.
+const std::vector<BYTE> kTestHostIdValue = {0x7E, 0x57, 0xC0, 0xDE, 0x5E, 0xC1, 0x4A, 0x11,
+                                            0x8B, 0x3D, 0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
+const char kTestContainerName[] = "{7E57C0DE-5EC1-4A11-8B3D-001122334455}";
+
+GUID GuidFromValue(const std::vector<BYTE>& v)
+{
+    GUID g{};
+    g.Data1 = (DWORD(v[0]) << 24) | (DWORD(v[1]) << 16) | (DWORD(v[2]) << 8) | v[3];
+    g.Data2 = WORD((v[4] << 8) | v[5]);
+    g.Data3 = WORD((v[6] << 8) | v[7]);
+    std::copy(v.begin() + 8, v.begin() + 16, g.Data4);
+    return g;
+}
+
+std::string ContainerOf(HCRYPTPROV prov)
+{
+    char name[256] = {};
+    DWORD cb = sizeof(name);
+    if (!::CryptGetProvParam(prov, PP_CONTAINER, reinterpret_cast<BYTE*>(name), &cb, 0))
+        return "<none>";
+    return name;
+}
+
+std::string ProviderOf(HCRYPTPROV prov)
+{
+    char name[256] = {};
+    DWORD cb = sizeof(name);
+    if (!::CryptGetProvParam(prov, PP_NAME, reinterpret_cast<BYTE*>(name), &cb, 0))
+        return "<none>";
+    return name;
+}
+
+std::vector<BYTE> Bytes(const CRYPT_DATA_BLOB& b)
+{
+    return std::vector<BYTE>(b.pbData, b.pbData + b.cbData);
+}
+
+// Owns a blob a context handed out.
+struct TaskBlob : CRYPT_DATA_BLOB {
+    TaskBlob() : CRYPT_DATA_BLOB{kSentinel, kSentinelPtr} {}
+    ~TaskBlob()
+    {
+        if (pbData != kSentinelPtr)
+            ::CoTaskMemFree(pbData);
+    }
+    bool Untouched() const { return cbData == kSentinel && pbData == kSentinelPtr; }
+};
+
+struct Ace {
+    BYTE type;
+    BYTE flags;
+    ACCESS_MASK mask;
+    std::string sid;
+    bool operator==(const Ace& o) const
+    {
+        return type == o.type && flags == o.flags && mask == o.mask && sid == o.sid;
+    }
+};
+
+std::ostream& operator<<(std::ostream& os, const Ace& a)
+{
+    return os << "{type " << int(a.type) << ", flags " << int(a.flags) << ", mask 0x" << std::hex << a.mask
+              << std::dec << ", " << a.sid << "}";
+}
+
+// The DACL entries of HKLM\<path> in a view.
+std::vector<Ace> DaclOf(const wchar_t* path, REGSAM view)
+{
+    std::vector<Ace> aces;
+    HKEY raw = nullptr;
+    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, READ_CONTROL | view, &raw) != ERROR_SUCCESS) {
+        ADD_FAILURE() << "cannot open key";
+        return aces;
+    }
+    nv::unique_hkey key(raw);
+    PACL dacl = nullptr;
+    PSECURITY_DESCRIPTOR sd = nullptr;
+    if (::GetSecurityInfo(key.get(), SE_REGISTRY_KEY, DACL_SECURITY_INFORMATION, nullptr, nullptr, &dacl, nullptr,
+                          &sd) != ERROR_SUCCESS) {
+        ADD_FAILURE() << "cannot read the key's security";
+        return aces;
+    }
+    for (DWORD i = 0; dacl && i < dacl->AceCount; ++i) {
+        void* p = nullptr;
+        ::GetAce(dacl, i, &p);
+        auto* ace = static_cast<ACCESS_ALLOWED_ACE*>(p);
+        LPWSTR text = nullptr;
+        ::ConvertSidToStringSidW(&ace->SidStart, &text);
+        aces.push_back({ace->Header.AceType, ace->Header.AceFlags, ace->Mask, Narrow(text ? text : L"?")});
+        ::LocalFree(text);
+    }
+    ::LocalFree(sd);
+    return aces;
+}
+
+// Creates HKLM\<path> and gives it the DACL of an SDDL string.
+void CreateKeyWithSddl(const wchar_t* path, REGSAM view, const wchar_t* sddl)
+{
+    PSECURITY_DESCRIPTOR sd = nullptr;
+    ASSERT_TRUE(::ConvertStringSecurityDescriptorToSecurityDescriptorW(sddl, SDDL_REVISION_1, &sd, nullptr));
+    HKEY raw = nullptr;
+    LONG r = ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, path, 0, nullptr, 0, KEY_ALL_ACCESS | view, nullptr, &raw, nullptr);
+    if (r == ERROR_SUCCESS) {
+        r = ::RegSetKeySecurity(raw, DACL_SECURITY_INFORMATION, sd);
+        ::RegCloseKey(raw);
+    }
+    ::LocalFree(sd);
+    ASSERT_EQ(ERROR_SUCCESS, r);
+}
+
+// Runs the thread on a copy of the process token whose Administrators group is
+// deny-only: a caller without high privilege.
+class UnprivilegedThread {
+public:
+    UnprivilegedThread()
+    {
+        HANDLE process = nullptr, duplicate = nullptr, restricted = nullptr;
+        BYTE admins[SECURITY_MAX_SID_SIZE];
+        DWORD cb = sizeof(admins);
+        ::CreateWellKnownSid(WinBuiltinAdministratorsSid, nullptr, admins, &cb);
+        SID_AND_ATTRIBUTES disable{admins, 0};
+        m_ok = ::OpenProcessToken(::GetCurrentProcess(), TOKEN_ALL_ACCESS, &process) &&
+               ::DuplicateTokenEx(process, TOKEN_ALL_ACCESS, nullptr, SecurityImpersonation, TokenImpersonation,
+                                  &duplicate) &&
+               ::CreateRestrictedToken(duplicate, 0, 1, &disable, 0, nullptr, 0, nullptr, &restricted) &&
+               ::SetThreadToken(nullptr, restricted);
+        if (process)
+            ::CloseHandle(process);
+        if (duplicate)
+            ::CloseHandle(duplicate);
+        if (restricted)
+            ::CloseHandle(restricted);
+    }
+    ~UnprivilegedThread() { ::RevertToSelf(); }
+    bool ok() const { return m_ok; }
+
+private:
+    bool m_ok = false;
+};
+
+// The public key of a provider's key exchange key as a PUBLICKEYBLOB.
+std::vector<BYTE> PublicKeyBlobOf(HCRYPTPROV prov)
+{
+    nv::unique_hcryptkey key;
+    EXPECT_TRUE(::CryptGetUserKey(prov, AT_KEYEXCHANGE, key.put()));
+    DWORD cb = 0;
+    EXPECT_TRUE(::CryptExportKey(key.get(), 0, PUBLICKEYBLOB, 0, nullptr, &cb));
+    std::vector<BYTE> blob(cb);
+    EXPECT_TRUE(::CryptExportKey(key.get(), 0, PUBLICKEYBLOB, 0, blob.data(), &cb));
+    blob.resize(cb);
+    return blob;
+}
+
+// Checks an RSA signature over data by hashing with the given algorithm and
+// verifying with the public key of an independent handle. sigBigEndian is the
+// signature as DER carries it.
+bool SignatureMatches(const GUID& container, ALG_ID hashAlg, const std::vector<BYTE>& data,
+                      std::vector<BYTE> sigBigEndian)
+{
+    nv::unique_hcryptprov prov;
+    if (!::CryptAcquireContextW(prov.put(), nullptr, nvwriter::kHostKeyProvider, PROV_RSA_FULL,
+                                CRYPT_VERIFYCONTEXT))
+        return false;
+    nv::unique_hcryptprov owner = nvwriter::OpenMachineContainer(container);
+    std::vector<BYTE> pub = PublicKeyBlobOf(owner.get());
+    nv::unique_hcryptkey key;
+    if (!::CryptImportKey(prov.get(), pub.data(), static_cast<DWORD>(pub.size()), 0, 0, key.put()))
+        return false;
+    HCRYPTHASH hash = 0;
+    if (!::CryptCreateHash(prov.get(), hashAlg, 0, 0, &hash))
+        return false;
+    bool ok = ::CryptHashData(hash, data.data(), static_cast<DWORD>(data.size()), 0);
+    std::reverse(sigBigEndian.begin(), sigBigEndian.end());
+    ok = ok && ::CryptVerifySignatureW(hash, sigBigEndian.data(), static_cast<DWORD>(sigBigEndian.size()), key.get(),
+                                       nullptr, 0);
+    ::CryptDestroyHash(hash);
+    return ok;
+}
+
+struct DecodedCert {
+    std::vector<BYTE> toBeSigned;
+    std::string oid;
+    DWORD cbParameters = 0;
+    std::vector<BYTE> signature; // as encoded (big-endian)
+    DWORD unusedBits = 0;
+};
+
+bool DecodeCert(const std::vector<BYTE>& der, DecodedCert* out)
+{
+    DWORD cb = 0;
+    if (!::CryptDecodeObject(kDer, X509_CERT, der.data(), static_cast<DWORD>(der.size()), 0,
+                             nullptr, &cb))
+        return false;
+    std::vector<BYTE> buffer(cb);
+    if (!::CryptDecodeObject(kDer, X509_CERT, der.data(), static_cast<DWORD>(der.size()),
+                             0, buffer.data(), &cb))
+        return false;
+    auto* info = reinterpret_cast<CERT_SIGNED_CONTENT_INFO*>(buffer.data());
+    out->toBeSigned.assign(info->ToBeSigned.pbData, info->ToBeSigned.pbData + info->ToBeSigned.cbData);
+    out->oid = info->SignatureAlgorithm.pszObjId ? info->SignatureAlgorithm.pszObjId : "";
+    out->cbParameters = info->SignatureAlgorithm.Parameters.cbData;
+    // The decoder hands the signature back in the provider's (reversed) order.
+    out->signature.assign(info->Signature.pbData, info->Signature.pbData + info->Signature.cbData);
+    std::reverse(out->signature.begin(), out->signature.end());
+    out->unusedBits = info->Signature.cUnusedBits;
+    return true;
+}
+
+std::vector<BYTE> Concat(std::initializer_list<std::vector<BYTE>> parts)
+{
+    std::vector<BYTE> all;
+    for (const auto& p : parts)
+        all.insert(all.end(), p.begin(), p.end());
+    return all;
+}
+
+// A small DER value to sign: SEQUENCE { INTEGER 5, OCTET STRING "abc" }.
+const std::vector<BYTE> kToBeSigned = {0x30, 0x08, 0x02, 0x01, 0x05, 0x04, 0x03, 'a', 'b', 'c'};
+
+} // namespace
+
+// ---- FinalConstruct -------------------------------------------------------
+
+class SecurityContextTest : public ProvisionedHostTest {};
+
+TEST_F(SecurityContextTest, FinalConstructAcquiresTheMachineContainerNamedByHostId)
+{
+    CFPSecurityContext ctx;
+    ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+    ASSERT_NE(0u, ctx.m_hProv);
+    EXPECT_EQ(kTestContainerName, ContainerOf(ctx.m_hProv));
+    EXPECT_EQ("Microsoft Enhanced Cryptographic Provider v1.0", ProviderOf(ctx.m_hProv));
+    // The container's own key, not a new one.
+    EXPECT_EQ(PublicKeyBlobOf(nvwriter::OpenMachineContainer(kTestHostId).get()), PublicKeyBlobOf(ctx.m_hProv));
+
+    RegValue value;
+    ASSERT_TRUE(GetValue(kHostKey, L"HostId", kView32, &value));
+    EXPECT_EQ(DWORD(REG_BINARY), value.type);
+    EXPECT_EQ(kTestHostIdValue, value.data);
+    EXPECT_FALSE(KeyExists(kHostKey, kView64));
+}
+
+TEST_F(SecurityContextTest, HostIdIsReadInBigEndianFieldOrder)
+{
+    // Written byte by byte, not through the writer.
+    SetBinary(kHostKey, L"HostId", kTestHostIdValue, kView32);
+    CFPSecurityContext ctx;
+    ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+    EXPECT_EQ(kTestContainerName, ContainerOf(ctx.m_hProv));
+}
+
+TEST_F(SecurityContextTest, ContainerNameIsUpperCaseRegistryFormOfTheGuid)
+{
+    wchar_t name[nvsecurity::kContainerNameChars];
+    nvsecurity::FormatContainerName(kTestHostId, name);
+    EXPECT_STREQ(L"{7E57C0DE-5EC1-4A11-8B3D-001122334455}", name);
+    const GUID lowDigits = {0x0000000A, 0x000B, 0x000C, {0x0D, 0x0E, 0x0F, 0xAB, 0xCD, 0xEF, 0xFF, 0x00}};
+    nvsecurity::FormatContainerName(lowDigits, name);
+    EXPECT_STREQ(L"{0000000A-000B-000C-0D0E-0FABCDEFFF00}", name);
+}
+
+TEST_F(SecurityContextTest, HostKeyIsOpenedInTheCallersViewOnly)
+{
+    // The 64-bit view names another container than the 32-bit one.
+    m_containers.Create(kOtherHostId);
+    SetBinary(kHostKey, L"HostId", nvwriter::HostIdBytes(kOtherHostId), kView64);
+    const RegTree before32 = Snapshot(kHostKey, kView32);
+
+    CFPSecurityContext ctx64;
+    ASSERT_EQ(S_OK, ctx64.FinalConstruct(kView64));
+    EXPECT_EQ(Narrow(ContainerName(kOtherHostId)), ContainerOf(ctx64.m_hProv));
+    CFPSecurityContext ctx32;
+    ASSERT_EQ(S_OK, ctx32.FinalConstruct(kView32));
+    EXPECT_EQ(kTestContainerName, ContainerOf(ctx32.m_hProv));
+
+    const RegTree after32 = Snapshot(kHostKey, kView32);
+    EXPECT_EQ("", DiffTrees(before32, after32));
+}
+
+TEST_F(SecurityContextTest, ExistingContainerAndValidHostIdLeaveTheRegistryValuesAlone)
+{
+    const RegTree before = Snapshot(L"SOFTWARE\\Norvane", kView32);
+    CFPSecurityContext ctx;
+    ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+    EXPECT_EQ("", DiffTrees(before, Snapshot(L"SOFTWARE\\Norvane", kView32)));
+    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane", kView64));
+}
+
+TEST_F(SecurityContextTest, PrivilegedCallerGetsTheProtectedHostKeyDacl)
+{
+    // A key with an unrelated access list beforehand.
+    // Everyone may read it and change its access list, nobody may write.
+    CreateKeyWithSddl(kHostKey, kView32, L"D:(A;;0x60019;;;WD)");
+    ASSERT_TRUE(nvsecurity::CallerIsPrivileged());
+
+    CFPSecurityContext ctx;
+    ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+    const std::vector<Ace> expected = {
+        {ACCESS_ALLOWED_ACE_TYPE, OBJECT_INHERIT_ACE | CONTAINER_INHERIT_ACE, 0xF003F, "S-1-5-18"},
+        {ACCESS_ALLOWED_ACE_TYPE, OBJECT_INHERIT_ACE | CONTAINER_INHERIT_ACE, 0xF003F, "S-1-5-32-544"},
+        {ACCESS_ALLOWED_ACE_TYPE, OBJECT_INHERIT_ACE | CONTAINER_INHERIT_ACE, 0x20019, "S-1-5-32-545"},
+    };
+    EXPECT_EQ(expected, DaclOf(kHostKey, kView32));
+}
+
+TEST_F(SecurityContextTest, UnprivilegedCallerLeavesTheHostKeyDaclAsItWas)
+{
+    CreateKeyWithSddl(kHostKey, kView32, L"D:(A;;KA;;;WD)");
+    const std::vector<Ace> before = DaclOf(kHostKey, kView32);
+    const Ace everyone{ACCESS_ALLOWED_ACE_TYPE, 0, KEY_ALL_ACCESS, "S-1-1-0"};
+    ASSERT_NE(before.end(), std::find(before.begin(), before.end(), everyone)) << ::testing::PrintToString(before);
+
+    CFPSecurityContext ctx;
+    {
+        UnprivilegedThread unprivileged;
+        ASSERT_TRUE(unprivileged.ok());
+        ASSERT_FALSE(nvsecurity::CallerIsPrivileged());
+        EXPECT_EQ(S_OK, ctx.FinalConstruct(kView32));
+    }
+    EXPECT_TRUE(nvsecurity::CallerIsPrivileged());
+    EXPECT_EQ(before, DaclOf(kHostKey, kView32));
+    EXPECT_EQ(kTestContainerName, ContainerOf(ctx.m_hProv));
+}
+
+TEST_F(SecurityContextTest, ThrowingConstructorAcquiresLikeFinalConstruct)
+{
+    CFPSecurityContext ctx(kView32);
+    EXPECT_NE(0u, ctx.m_hProv);
+    EXPECT_EQ(kTestContainerName, ContainerOf(ctx.m_hProv));
+}
+
+// ---- the host identifier and a missing container ----------------------------
+
+class SecurityContextHostIdTest : public RegistrySandbox {
+protected:
+    void TearDown() override
+    {
+        m_containers.DeleteAll();
+        RegistrySandbox::TearDown();
+    }
+
+    // Asserts that HostId now holds a fresh identifier (REG_BINARY, 16 bytes, not
+    // all zero, a random GUID in big-endian field order) and returns it.
+    GUID FreshHostId(REGSAM view)
+    {
+        RegValue value;
+        EXPECT_TRUE(GetValue(kHostKey, L"HostId", view, &value));
+        EXPECT_EQ(DWORD(REG_BINARY), value.type);
+        if (value.data.size() != 16) {
+            ADD_FAILURE() << "HostId has " << value.data.size() << " bytes";
+            return GUID{};
+        }
+        EXPECT_NE(std::vector<BYTE>(16, 0), value.data);
+        // Version 4 in the high nibble of the third field, variant 10 in byte 8.
+        EXPECT_EQ(0x40, value.data[6] & 0xF0);
+        EXPECT_EQ(0x80, value.data[8] & 0xC0);
+        return GuidFromValue(value.data);
+    }
+
+    // The constructor fails with the provider's error (the new name has no container),
+    // the identifier was replaced, and once the container exists construction succeeds
+    // with the identifier as it was written.
+    void ExpectReplacedHostId()
+    {
+        CFPSecurityContext ctx;
+        EXPECT_EQ(kBadKeyset, ctx.FinalConstruct(kView32));
+        EXPECT_EQ(0u, ctx.m_hProv);
+        const GUID written = FreshHostId(kView32);
+        EXPECT_FALSE(KeyExists(kHostKey, kView64));
+
+        m_containers.Create(written);
+        CFPSecurityContext again;
+        ASSERT_EQ(S_OK, again.FinalConstruct(kView32));
+        EXPECT_EQ(Narrow(ContainerName(written)), ContainerOf(again.m_hProv));
+        EXPECT_TRUE(IsEqualGUID(written, FreshHostId(kView32)));
+    }
+
+    ContainerJanitor m_containers;
+};
+
+TEST_F(SecurityContextHostIdTest, MissingHostKeyIsCreatedWithANewHostId)
+{
+    ASSERT_FALSE(KeyExists(kHostKey, kView32));
+    ExpectReplacedHostId();
+}
+
+TEST_F(SecurityContextHostIdTest, MissingHostIdValueIsReplaced)
+{
+    CreateKeyPath(kHostKey, kView32);
+    ExpectReplacedHostId();
+}
+
+TEST_F(SecurityContextHostIdTest, AllZeroHostIdIsReplaced)
+{
+    SetBinary(kHostKey, L"HostId", std::vector<BYTE>(16, 0), kView32);
+    ExpectReplacedHostId();
+}
+
+TEST_F(SecurityContextHostIdTest, HostIdOf15BytesIsReplaced)
+{
+    m_containers.Create(kTestHostId); // the container the full 16 bytes would name
+    SetBinary(kHostKey, L"HostId", std::vector<BYTE>(kTestHostIdValue.begin(), kTestHostIdValue.end() - 1), kView32);
+    ExpectReplacedHostId();
+}
+
+TEST_F(SecurityContextHostIdTest, HostIdOf17BytesIsReplaced)
+{
+    m_containers.Create(kTestHostId);
+    std::vector<BYTE> value = kTestHostIdValue;
+    value.push_back(0x66);
+    SetBinary(kHostKey, L"HostId", value, kView32);
+    ExpectReplacedHostId();
+}
+
+TEST_F(SecurityContextHostIdTest, EmptyBinaryHostIdIsReplaced)
+{
+    SetBinary(kHostKey, L"HostId", {}, kView32);
+    ExpectReplacedHostId();
+}
+
+TEST_F(SecurityContextHostIdTest, StringHostIdIsReplaced)
+{
+    m_containers.Create(kTestHostId);
+    SetString(kHostKey, L"HostId", L"{7E57C0DE-5EC1-4A11-8B3D-001122334455}", kView32);
+    ExpectReplacedHostId();
+}
+
+TEST_F(SecurityContextHostIdTest, SixteenBytesOfAnotherTypeThanBinaryAreReplaced)
+{
+    m_containers.Create(kTestHostId);
+    SetBinary(kHostKey, L"HostId", kTestHostIdValue, kView32, REG_NONE);
+    ExpectReplacedHostId();
+}
+
+TEST_F(SecurityContextHostIdTest, HostIdThatCannotBeReadBackFailsWithEFail)
+{
+    // The caller may write values and change the access list, but not read: the
+    // fresh identifier is written and the re-read still finds none.
+    CreateKeyWithSddl(kHostKey, kView32, L"D:(A;;0x40002;;;BA)");
+    CFPSecurityContext ctx;
+    EXPECT_EQ(E_FAIL, ctx.FinalConstruct(kView32));
+    EXPECT_EQ(0u, ctx.m_hProv);
+    // The access list was replaced on the way, so the value can be read now.
+    EXPECT_EQ(3u, DaclOf(kHostKey, kView32).size());
+    FreshHostId(kView32);
+}
+
+TEST_F(SecurityContextHostIdTest, MissingContainerGivesTheProvidersError)
+{
+    SetBinary(kHostKey, L"HostId", kTestHostIdValue, kView32);
+    DeleteContainerIfPresent(kTestHostId);
+    CFPSecurityContext ctx;
+    EXPECT_EQ(kBadKeyset, ctx.FinalConstruct(kView32));
+    EXPECT_EQ(0u, ctx.m_hProv);
+    RegValue value;
+    ASSERT_TRUE(GetValue(kHostKey, L"HostId", kView32, &value));
+    EXPECT_EQ(kTestHostIdValue, value.data);
+    // Acquiring never creates the container.
+    EXPECT_FALSE(ContainerExists(kTestHostId));
+}
+
+TEST_F(SecurityContextHostIdTest, ThrowingConstructorRaisesTheFailureAsComError)
+{
+    SetBinary(kHostKey, L"HostId", kTestHostIdValue, kView32);
+    DeleteContainerIfPresent(kTestHostId);
+    try {
+        CFPSecurityContext ctx(kView32);
+        FAIL() << "no exception";
+    } catch (const _com_error& e) {
+        EXPECT_EQ(kBadKeyset, e.Error());
+    }
+}
+
+// ---- FinalRelease, GetContext ------------------------------------------------
+
+TEST_F(SecurityContextTest, FinalReleaseReleasesTheProviderAndZeroesTheHandle)
+{
+    CFPSecurityContext ctx;
+    ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+    const HCRYPTPROV held = ctx.m_hProv;
+    ctx.FinalRelease();
+    EXPECT_EQ(0u, ctx.m_hProv);
+    DWORD cb = 0;
+    EXPECT_FALSE(::CryptGetProvParam(held, PP_CONTAINER, nullptr, &cb, 0));
+    ctx.FinalRelease(); // nothing held: nothing to do
+    EXPECT_EQ(0u, ctx.m_hProv);
+}
+
+TEST_F(SecurityContextTest, FinalReleaseWithoutProviderDoesNothing)
+{
+    CFPSecurityContext ctx;
+    EXPECT_EQ(0u, ctx.m_hProv);
+    ctx.FinalRelease();
+    EXPECT_EQ(0u, ctx.m_hProv);
+}
+
+TEST_F(SecurityContextTest, GetContextLendsTheHeldHandle)
+{
+    CFPSecurityContext ctx;
+    ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+    HCRYPTPROV lent = kSentinel;
+    EXPECT_EQ(S_OK, ctx.GetContext(&lent));
+    EXPECT_EQ(ctx.m_hProv, lent);
+    HCRYPTPROV again = kSentinel;
+    EXPECT_EQ(S_OK, ctx.GetContext(&again));
+    EXPECT_EQ(lent, again);
+    // Still usable: the context kept ownership.
+    EXPECT_EQ(kTestContainerName, ContainerOf(lent));
+}
+
+TEST_F(SecurityContextTest, GetContextBeforeConstructionLendsZero)
+{
+    CFPSecurityContext ctx;
+    HCRYPTPROV lent = kSentinel;
+    EXPECT_EQ(S_OK, ctx.GetContext(&lent));
+    EXPECT_EQ(0u, lent);
+    EXPECT_EQ(E_POINTER, ctx.GetContext(nullptr));
+}
+
+// ---- GetPublicKey -------------------------------------------------------------
+
+TEST_F(SecurityContextTest, GetPublicKeyIsTheDerSubjectPublicKeyInfoOfTheKeyExchangeKey)
+{
+    CFPSecurityContext ctx;
+    ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+    TaskBlob pk;
+    ASSERT_EQ(S_OK, ctx.GetPublicKey(&pk));
+
+    // The modulus, from an independent handle's PUBLICKEYBLOB (little-endian after
+    // BLOBHEADER and RSAPUBKEY), in DER's big-endian order.
+    const std::vector<BYTE> blob = PublicKeyBlobOf(nvwriter::OpenMachineContainer(kTestHostId).get());
+    ASSERT_EQ(sizeof(BLOBHEADER) + sizeof(RSAPUBKEY) + 256, blob.size());
+    std::vector<BYTE> modulus(blob.begin() + sizeof(BLOBHEADER) + sizeof(RSAPUBKEY), blob.end());
+    std::reverse(modulus.begin(), modulus.end());
+    ASSERT_GE(modulus[0], 0x80); // a 2048-bit modulus: the INTEGER needs a leading zero
+
+    const std::vector<BYTE> expected = Concat({
+        {0x30, 0x82, 0x01, 0x22,                                                  // SubjectPublicKeyInfo
+         0x30, 0x0D, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01, // rsaEncryption
+         0x05, 0x00,                                                              // NULL parameters
+         0x03, 0x82, 0x01, 0x0F, 0x00,                                            // BIT STRING, 0 unused
+         0x30, 0x82, 0x01, 0x0A,                                                  // RSAPublicKey
+         0x02, 0x82, 0x01, 0x01, 0x00},                                           // modulus
+        modulus,
+        {0x02, 0x03, 0x01, 0x00, 0x01}, // exponent 65537
+    });
+    EXPECT_EQ(expected, Bytes(pk));
+    EXPECT_EQ(ProvisionedHostTest::PublicKeyOf(kTestHostId), Bytes(pk));
+}
+
+TEST_F(SecurityContextTest, GetPublicKeyWithoutProviderFailsAndLeavesTheBlobAlone)
+{
+    CFPSecurityContext ctx;
+    TaskBlob pk;
+    EXPECT_EQ(E_INVALIDARG, ctx.GetPublicKey(&pk));
+    EXPECT_TRUE(pk.Untouched());
+    EXPECT_EQ(E_POINTER, ctx.GetPublicKey(nullptr));
+}
+
+// ---- SignBLOB -------------------------------------------------------------------
+
+TEST_F(SecurityContextTest, SignBlobWithoutOidSignsWithMd5RsaAsAnX509CertStructure)
+{
+    CFPSecurityContext ctx;
+    ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+    CRYPT_DATA_BLOB in{static_cast<DWORD>(kToBeSigned.size()), const_cast<BYTE*>(kToBeSigned.data())};
+    TaskBlob out;
+    ASSERT_EQ(S_OK, ctx.SignBLOB(&in, &out, ctx.m_hProv, AT_KEYEXCHANGE, nullptr));
+
+    const std::vector<BYTE> record = Bytes(out);
+    ASSERT_EQ(4u + kToBeSigned.size() + 13 + 5 + 256, record.size());
+    const std::vector<BYTE> head = {0x30, 0x82, 0x01, 0x1C};
+    const std::vector<BYTE> algorithm = {0x30, 0x0B, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x04};
+    const std::vector<BYTE> signatureHead = {0x03, 0x82, 0x01, 0x01, 0x00};
+    const std::vector<BYTE> signature(record.end() - 256, record.end());
+    EXPECT_EQ(Concat({head, kToBeSigned, algorithm, signatureHead, signature}), record);
+
+    DecodedCert cert;
+    ASSERT_TRUE(DecodeCert(record, &cert));
+    EXPECT_EQ(kToBeSigned, cert.toBeSigned);
+    EXPECT_EQ("1.2.840.113549.1.1.4", cert.oid);
+    EXPECT_EQ(0u, cert.cbParameters);
+    EXPECT_EQ(0u, cert.unusedBits);
+    EXPECT_EQ(signature, cert.signature);
+    EXPECT_TRUE(SignatureMatches(kTestHostId, CALG_MD5, kToBeSigned, signature));
+    EXPECT_FALSE(SignatureMatches(kTestHostId, CALG_SHA1, kToBeSigned, signature));
+}
+
+TEST_F(SecurityContextTest, SignBlobUsesTheCallersOid)
+{
+    CFPSecurityContext ctx;
+    ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+    CRYPT_DATA_BLOB in{static_cast<DWORD>(kToBeSigned.size()), const_cast<BYTE*>(kToBeSigned.data())};
+    TaskBlob out;
+    ASSERT_EQ(S_OK, ctx.SignBLOB(&in, &out, ctx.m_hProv, AT_KEYEXCHANGE, szOID_RSA_SHA1RSA));
+    DecodedCert cert;
+    ASSERT_TRUE(DecodeCert(Bytes(out), &cert));
+    EXPECT_EQ("1.2.840.113549.1.1.5", cert.oid);
+    EXPECT_EQ(0u, cert.cbParameters);
+    EXPECT_TRUE(SignatureMatches(kTestHostId, CALG_SHA1, kToBeSigned, cert.signature));
+    EXPECT_EQ(S_OK, ctx.Verify(&out, nullptr));
+}
+
+TEST_F(SecurityContextTest, SignBlobWithAnotherProviderSignsWithThatProvidersKey)
+{
+    m_containers.Create(kOtherHostId);
+    nv::unique_hcryptprov other = nvwriter::OpenMachineContainer(kOtherHostId);
+    CFPSecurityContext ctx;
+    ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+    CRYPT_DATA_BLOB in{static_cast<DWORD>(kToBeSigned.size()), const_cast<BYTE*>(kToBeSigned.data())};
+    TaskBlob out;
+    ASSERT_EQ(S_OK, ctx.SignBLOB(&in, &out, other.get(), AT_KEYEXCHANGE, nullptr));
+    DecodedCert cert;
+    ASSERT_TRUE(DecodeCert(Bytes(out), &cert));
+    EXPECT_TRUE(SignatureMatches(kOtherHostId, CALG_MD5, kToBeSigned, cert.signature));
+    EXPECT_FALSE(SignatureMatches(kTestHostId, CALG_MD5, kToBeSigned, cert.signature));
+}
+
+TEST_F(SecurityContextTest, SignBlobFailuresLeaveTheOutBlobAlone)
+{
+    CFPSecurityContext ctx;
+    ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+    CRYPT_DATA_BLOB in{static_cast<DWORD>(kToBeSigned.size()), const_cast<BYTE*>(kToBeSigned.data())};
+    {
+        TaskBlob out; // the container has no signature key
+        EXPECT_EQ(static_cast<HRESULT>(0x8009000D), ctx.SignBLOB(&in, &out, ctx.m_hProv, AT_SIGNATURE, nullptr));
+        EXPECT_TRUE(out.Untouched());
+    }
+    {
+        TaskBlob out; // an OID that names no signature algorithm
+        EXPECT_EQ(static_cast<HRESULT>(0x80090008), ctx.SignBLOB(&in, &out, ctx.m_hProv, AT_KEYEXCHANGE, "1.2.3.4"));
+        EXPECT_TRUE(out.Untouched());
+    }
+    {
+        TaskBlob out; // no provider
+        EXPECT_EQ(E_INVALIDARG, ctx.SignBLOB(&in, &out, 0, AT_KEYEXCHANGE, nullptr));
+        EXPECT_TRUE(out.Untouched());
+    }
+    EXPECT_EQ(E_POINTER, ctx.SignBLOB(&in, nullptr, ctx.m_hProv, AT_KEYEXCHANGE, nullptr));
+}
+
+// ---- Verify ----------------------------------------------------------------------
+
+class SecurityContextVerifyTest : public SecurityContextTest {
+protected:
+    void SetUp() override
+    {
+        SecurityContextTest::SetUp();
+        ASSERT_EQ(S_OK, m_ctx.FinalConstruct(kView32));
+        CRYPT_DATA_BLOB in{static_cast<DWORD>(kToBeSigned.size()), const_cast<BYTE*>(kToBeSigned.data())};
+        TaskBlob out;
+        ASSERT_EQ(S_OK, m_ctx.SignBLOB(&in, &out, m_ctx.m_hProv, AT_KEYEXCHANGE, nullptr));
+        m_signed = Bytes(out);
+    }
+    void TearDown() override
+    {
+        m_ctx.FinalRelease();
+        SecurityContextTest::TearDown();
+    }
+    CRYPT_DATA_BLOB Blob(std::vector<BYTE>& v) { return CRYPT_DATA_BLOB{static_cast<DWORD>(v.size()), v.data()}; }
+
+    CFPSecurityContext m_ctx;
+    std::vector<BYTE> m_signed;
+};
+
+TEST_F(SecurityContextVerifyTest, OwnSignatureWithoutKeyChecksAgainstTheMachinesKey)
+{
+    CRYPT_DATA_BLOB s = Blob(m_signed);
+    EXPECT_EQ(S_OK, m_ctx.Verify(&s, nullptr));
+    CRYPT_DATA_BLOB empty{0, nullptr};
+    EXPECT_EQ(S_OK, m_ctx.Verify(&s, &empty));
+}
+
+TEST_F(SecurityContextVerifyTest, OwnSignatureWithOwnPublicKey)
+{
+    std::vector<BYTE> pk = PublicKeyOf(kTestHostId);
+    CRYPT_DATA_BLOB s = Blob(m_signed), k = Blob(pk);
+    EXPECT_EQ(S_OK, m_ctx.Verify(&s, &k));
+}
+
+TEST_F(SecurityContextVerifyTest, SignatureCheckedAgainstAnotherContainersKeyAnswersOne)
+{
+    m_containers.Create(kOtherHostId);
+    std::vector<BYTE> otherKey = PublicKeyOf(kOtherHostId);
+    CRYPT_DATA_BLOB s = Blob(m_signed), k = Blob(otherKey);
+    EXPECT_EQ(S_FALSE, m_ctx.Verify(&s, &k));
+}
+
+TEST_F(SecurityContextVerifyTest, BlobSignedByAnotherKeyAnswersOneAgainstTheMachinesKey)
+{
+    m_containers.Create(kOtherHostId);
+    nv::unique_hcryptprov other = nvwriter::OpenMachineContainer(kOtherHostId);
+    std::vector<BYTE> foreign = nvwriter::MakeSignedSequence(other.get(), {nvwriter::EncodeOctetString({1, 2, 3})});
+    CRYPT_DATA_BLOB s = Blob(foreign);
+    EXPECT_EQ(S_FALSE, m_ctx.Verify(&s, nullptr));
+    std::vector<BYTE> otherKey = PublicKeyOf(kOtherHostId);
+    CRYPT_DATA_BLOB k = Blob(otherKey);
+    EXPECT_EQ(S_OK, m_ctx.Verify(&s, &k));
+}
+
+TEST_F(SecurityContextVerifyTest, AlteredContentAnswersOne)
+{
+    std::vector<BYTE> altered = m_signed;
+    altered[4 + kToBeSigned.size() - 1] ^= 0x01; // last byte of the signed content
+    CRYPT_DATA_BLOB s = Blob(altered);
+    EXPECT_EQ(S_FALSE, m_ctx.Verify(&s, nullptr));
+    std::vector<BYTE> badSignature = m_signed;
+    badSignature.back() ^= 0x80;
+    CRYPT_DATA_BLOB t = Blob(badSignature);
+    EXPECT_EQ(S_FALSE, m_ctx.Verify(&t, nullptr));
+}
+
+TEST_F(SecurityContextVerifyTest, BytesThatAreNoSignedRecordAnswerOne)
+{
+    std::vector<BYTE> garbage = {0x01, 0x02, 0x03, 0x04, 0x05};
+    CRYPT_DATA_BLOB s = Blob(garbage);
+    EXPECT_EQ(S_FALSE, m_ctx.Verify(&s, nullptr));
+    CRYPT_DATA_BLOB empty{0, nullptr};
+    EXPECT_EQ(S_FALSE, m_ctx.Verify(&empty, nullptr));
+    EXPECT_EQ(S_FALSE, m_ctx.Verify(nullptr, nullptr));
+}
+
+TEST_F(SecurityContextVerifyTest, PublicKeyThatDoesNotDecodeFailsWithTheDecodersError)
+{
+    std::vector<BYTE> garbage = {0x01, 0x02, 0x03, 0x04, 0x05};
+    CRYPT_DATA_BLOB s = Blob(m_signed), k = Blob(garbage);
+    EXPECT_EQ(static_cast<HRESULT>(0x8009310B), m_ctx.Verify(&s, &k)); // CRYPT_E_ASN1_BADTAG
+}
+
+TEST_F(SecurityContextTest, VerifyWithoutProviderOrKeyFails)
+{
+    CFPSecurityContext ctx;
+    std::vector<BYTE> record = {0x30, 0x00};
+    CRYPT_DATA_BLOB s{2, record.data()};
+    EXPECT_EQ(E_INVALIDARG, ctx.Verify(&s, nullptr));
+}

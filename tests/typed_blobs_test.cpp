@@ -1,0 +1,303 @@
+// The typed value blobs: structure types, raw forms, DER against byte tables, the
+// decode rules (wide-string value types, number ranges), and the SEQUENCE OF ANY.
+#include <windows.h>
+#include <gtest/gtest.h>
+#include <climits>
+#include <cstring>
+#include <type_traits>
+#include <vector>
+
+#include <comdef.h>
+#include "converter3/nvblobs.h"
+
+namespace {
+
+using Bytes = std::vector<BYTE>;
+
+Bytes ToBytes(const CRYPT_DATA_BLOB& b)
+{
+    return b.cbData ? Bytes(b.pbData, b.pbData + b.cbData) : Bytes();
+}
+
+Bytes Der(const CNVAnyBlob& value)
+{
+    nv::CCryptBlob der;
+    value.Encode(der);
+    return ToBytes(der);
+}
+
+HRESULT DecodeError(CNVAnyBlob& blob, const Bytes& der)
+{
+    try {
+        blob.Decode(der.data(), static_cast<DWORD>(der.size()));
+    } catch (const _com_error& e) {
+        return e.Error();
+    }
+    return S_OK;
+}
+
+std::wstring DecodeString(const Bytes& der)
+{
+    CNVWStrBlob s;
+    s.Decode(der.data(), static_cast<DWORD>(der.size()));
+    return s.Value() ? std::wstring(s.Value()) : std::wstring(L"<empty>");
+}
+
+} // namespace
+
+// The family adds no virtual operation and no field beyond the structure type.
+static_assert(std::has_virtual_destructor<nv::CCryptBlob>::value, "blobs have a virtual destructor");
+static_assert(std::is_base_of<nv::CCryptBlob, CNVAnyBlob>::value, "typed blobs are heap blobs");
+static_assert(sizeof(CNVAnyBlob) == sizeof(nv::CCryptBlob) + sizeof(LPCSTR), "one field: the structure type");
+static_assert(sizeof(CNVGUIDBlob) == sizeof(CNVAnyBlob) && sizeof(CNVIntBlob) == sizeof(CNVAnyBlob) &&
+                  sizeof(CNVULongBlob) == sizeof(CNVAnyBlob) && sizeof(CNVUIntBlob) == sizeof(CNVAnyBlob) &&
+                  sizeof(CNVWStrBlob) == sizeof(CNVAnyBlob),
+              "subclasses add no field");
+
+TEST(TypedBlobsTest, EachClassCarriesItsStructureType)
+{
+    EXPECT_EQ(X509_OCTET_STRING, CNVAnyBlob().m_lpszStructType);
+    EXPECT_EQ(X509_OCTET_STRING, CNVGUIDBlob().m_lpszStructType);
+    EXPECT_EQ(X509_MULTI_BYTE_INTEGER, CNVIntBlob().m_lpszStructType);
+    EXPECT_EQ(X509_MULTI_BYTE_UINT, CNVULongBlob().m_lpszStructType);
+    EXPECT_EQ(X509_MULTI_BYTE_UINT, CNVUIntBlob().m_lpszStructType);
+    EXPECT_EQ(X509_ANY_STRING, CNVWStrBlob().m_lpszStructType);
+    EXPECT_EQ(reinterpret_cast<LPCSTR>(25), X509_OCTET_STRING);
+    EXPECT_EQ(reinterpret_cast<LPCSTR>(28), X509_MULTI_BYTE_INTEGER);
+    EXPECT_EQ(reinterpret_cast<LPCSTR>(38), X509_MULTI_BYTE_UINT);
+    EXPECT_EQ(reinterpret_cast<LPCSTR>(6), X509_ANY_STRING);
+}
+
+TEST(TypedBlobsTest, RawFormsAreLittleEndianNumbersGuidBytesAndTerminatedStrings)
+{
+    EXPECT_EQ((Bytes{0x78, 0x56, 0x34, 0x12}), ToBytes(CNVULongBlob(0x12345678)));
+    EXPECT_EQ((Bytes{0x78, 0x56, 0x34, 0x12}), ToBytes(CNVUIntBlob(0x12345678)));
+    EXPECT_EQ((Bytes{0xFE, 0xFF, 0xFF, 0xFF}), ToBytes(CNVIntBlob(-2)));
+    const GUID g = {0x00112233, 0x4455, 0x6677, {0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF}};
+    EXPECT_EQ(0, std::memcmp(&g, CNVGUIDBlob(g).pbData, 16));
+    EXPECT_EQ(16u, CNVGUIDBlob(g).cbData);
+    EXPECT_EQ((Bytes{'a', 0, 'b', 0, 0, 0}), ToBytes(CNVWStrBlob(L"ab")));
+    EXPECT_EQ((Bytes{0, 0}), ToBytes(CNVWStrBlob(L"")));
+    EXPECT_EQ((Bytes{0, 0}), ToBytes(CNVWStrBlob(nullptr)));
+    EXPECT_EQ(2u, CNVWStrBlob(L"ab").Length());
+    EXPECT_EQ(nullptr, CNVWStrBlob().Value());
+    EXPECT_EQ(0x12345678u, CNVULongBlob(0x12345678).Value());
+    EXPECT_EQ(-2, CNVIntBlob(-2).Value());
+    EXPECT_TRUE(IsEqualGUID(g, CNVGUIDBlob(g).Value()));
+}
+
+TEST(TypedBlobsTest, UnsignedNumbersEncodeAsMinimalUnsignedIntegers)
+{
+    EXPECT_EQ((Bytes{0x02, 0x01, 0x00}), Der(CNVULongBlob(0)));
+    EXPECT_EQ((Bytes{0x02, 0x01, 0x01}), Der(CNVULongBlob(1)));
+    EXPECT_EQ((Bytes{0x02, 0x01, 0x7F}), Der(CNVULongBlob(0x7F)));
+    EXPECT_EQ((Bytes{0x02, 0x02, 0x00, 0x80}), Der(CNVULongBlob(0x80)));
+    EXPECT_EQ((Bytes{0x02, 0x02, 0x01, 0x00}), Der(CNVULongBlob(0x100)));
+    EXPECT_EQ((Bytes{0x02, 0x04, 0x12, 0x34, 0x56, 0x78}), Der(CNVULongBlob(0x12345678)));
+    EXPECT_EQ((Bytes{0x02, 0x05, 0x00, 0xFF, 0xFF, 0xFF, 0xFF}), Der(CNVULongBlob(0xFFFFFFFF)));
+    EXPECT_EQ((Bytes{0x02, 0x05, 0x00, 0x80, 0x00, 0x00, 0x00}), Der(CNVUIntBlob(0x80000000)));
+    EXPECT_EQ((Bytes{0x02, 0x01, 0x09}), Der(CNVUIntBlob(9)));
+}
+
+TEST(TypedBlobsTest, SignedNumbersEncodeAsMinimalTwosComplementIntegers)
+{
+    EXPECT_EQ((Bytes{0x02, 0x01, 0x00}), Der(CNVIntBlob(0)));
+    EXPECT_EQ((Bytes{0x02, 0x01, 0xFF}), Der(CNVIntBlob(-1)));
+    EXPECT_EQ((Bytes{0x02, 0x01, 0xFE}), Der(CNVIntBlob(-2)));
+    const BYTE wideMinusOne[] = {0xFF, 0xFF};
+    EXPECT_EQ((Bytes{0x02, 0x01, 0xFF}), Der(CNVAnyBlob(wideMinusOne, 2, X509_MULTI_BYTE_INTEGER)));
+    EXPECT_EQ((Bytes{0x02, 0x01, 0x7F}), Der(CNVIntBlob(127)));
+    EXPECT_EQ((Bytes{0x02, 0x02, 0x00, 0x80}), Der(CNVIntBlob(128)));
+    EXPECT_EQ((Bytes{0x02, 0x01, 0x80}), Der(CNVIntBlob(-128)));
+    EXPECT_EQ((Bytes{0x02, 0x02, 0xFF, 0x7F}), Der(CNVIntBlob(-129)));
+    EXPECT_EQ((Bytes{0x02, 0x04, 0x7F, 0xFF, 0xFF, 0xFF}), Der(CNVIntBlob(INT_MAX)));
+    EXPECT_EQ((Bytes{0x02, 0x04, 0x80, 0x00, 0x00, 0x00}), Der(CNVIntBlob(INT_MIN)));
+}
+
+TEST(TypedBlobsTest, WideStringsEncodeAsBigEndianBmpStringsWithoutTerminator)
+{
+    EXPECT_EQ((Bytes{0x1E, 0x06, 0x00, 0x61, 0x00, 0x62, 0x00, 0x63}), Der(CNVWStrBlob(L"abc")));
+    EXPECT_EQ((Bytes{0x1E, 0x00}), Der(CNVWStrBlob(L"")));
+    EXPECT_EQ((Bytes{0x1E, 0x04, 0x00, 0xE9, 0x20, 0xAC}), Der(CNVWStrBlob(L"\u00E9\u20AC")));
+}
+
+TEST(TypedBlobsTest, GuidsAndBytesEncodeAsOctetStrings)
+{
+    const GUID g = {0x00112233, 0x4455, 0x6677, {0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF}};
+    EXPECT_EQ((Bytes{0x04, 0x10, 0x33, 0x22, 0x11, 0x00, 0x55, 0x44, 0x77, 0x66, 0x88, 0x99, 0xAA, 0xBB, 0xCC,
+                     0xDD, 0xEE, 0xFF}),
+              Der(CNVGUIDBlob(g)));
+    const BYTE raw[] = {1, 2, 3};
+    EXPECT_EQ((Bytes{0x04, 0x03, 0x01, 0x02, 0x03}), Der(CNVAnyBlob(raw, 3)));
+    EXPECT_EQ((Bytes{0x04, 0x00}), Der(CNVAnyBlob()));
+}
+
+TEST(TypedBlobsTest, AnyBlobWithAnotherStructureTypeEncodesByThatType)
+{
+    const BYTE le[] = {0x80, 0x00, 0x00, 0x00};
+    EXPECT_EQ((Bytes{0x02, 0x02, 0x00, 0x80}), Der(CNVAnyBlob(le, 4, X509_MULTI_BYTE_UINT)));
+    const BYTE wide[] = {'h', 0, 'i', 0, 0, 0};
+    EXPECT_EQ((Bytes{0x1E, 0x04, 0x00, 'h', 0x00, 'i'}), Der(CNVAnyBlob(wide, 6, X509_ANY_STRING)));
+}
+
+TEST(TypedBlobsTest, EncodeReplacesTheTargetsOldContent)
+{
+    nv::CCryptBlob der;
+    const BYTE old[] = {9, 9, 9, 9, 9, 9, 9, 9, 9, 9};
+    der.Assign(old, sizeof(old));
+    CNVULongBlob(5).Encode(der);
+    EXPECT_EQ((Bytes{0x02, 0x01, 0x05}), ToBytes(der));
+}
+
+TEST(TypedBlobsTest, NumbersDecodeBackToTheirRawForms)
+{
+    CNVULongBlob u;
+    u.Decode(Bytes{0x02, 0x05, 0x00, 0xFF, 0xFF, 0xFF, 0xFF}.data(), 7);
+    EXPECT_EQ((Bytes{0xFF, 0xFF, 0xFF, 0xFF}), ToBytes(u));
+    EXPECT_EQ(0xFFFFFFFFu, u.Value());
+    u.Decode(Bytes{0x02, 0x01, 0x09}.data(), 3);
+    EXPECT_EQ((Bytes{0x09, 0x00, 0x00, 0x00}), ToBytes(u));
+    u.Decode(Bytes{0x02, 0x02, 0x00, 0x80}.data(), 4);
+    EXPECT_EQ(0x80u, u.Value());
+
+    CNVIntBlob i;
+    i.Decode(Bytes{0x02, 0x02, 0xFF, 0x7F}.data(), 4);
+    EXPECT_EQ((Bytes{0x7F, 0xFF, 0xFF, 0xFF}), ToBytes(i));
+    EXPECT_EQ(-129, i.Value());
+    i.Decode(Bytes{0x02, 0x04, 0x80, 0x00, 0x00, 0x00}.data(), 6);
+    EXPECT_EQ(INT_MIN, i.Value());
+    i.Decode(Bytes{0x02, 0x01, 0x7F}.data(), 3);
+    EXPECT_EQ(127, i.Value());
+}
+
+TEST(TypedBlobsTest, NumbersBeyondThirtyTwoBitsAreRefused)
+{
+    CNVULongBlob u;
+    EXPECT_EQ(CRYPT_E_ASN1_LARGE, DecodeError(u, {0x02, 0x05, 0x01, 0x00, 0x00, 0x00, 0x00}));
+    EXPECT_TRUE(u.IsEmpty());
+    CNVIntBlob i;
+    EXPECT_EQ(CRYPT_E_ASN1_LARGE, DecodeError(i, {0x02, 0x05, 0x00, 0x80, 0x00, 0x00, 0x00}));
+    EXPECT_EQ(CRYPT_E_ASN1_LARGE, DecodeError(i, {0x02, 0x05, 0xFF, 0x7F, 0xFF, 0xFF, 0xFF}));
+}
+
+TEST(TypedBlobsTest, GuidAndOctetStringDecodeGiveTheBytes)
+{
+    const GUID g = {0x00112233, 0x4455, 0x6677, {0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF}};
+    const Bytes der = Der(CNVGUIDBlob(g));
+    CNVGUIDBlob back;
+    back.Decode(der.data(), static_cast<DWORD>(der.size()));
+    EXPECT_TRUE(IsEqualGUID(g, back.Value()));
+
+    CNVAnyBlob any;
+    any.Decode(Bytes{0x04, 0x02, 0xAB, 0xCD}.data(), 4);
+    EXPECT_EQ((Bytes{0xAB, 0xCD}), ToBytes(any));
+    CNVGUIDBlob shortGuid;
+    shortGuid.Decode(Bytes{0x04, 0x02, 0xAB, 0xCD}.data(), 4);
+    try {
+        shortGuid.Value();
+        FAIL() << "a 2-byte GUID was taken";
+    } catch (const _com_error& e) {
+        EXPECT_EQ(NTE_BAD_DATA, e.Error());
+    }
+}
+
+TEST(TypedBlobsTest, WideStringDecodeTakesBmpAndTheStringTypesNumericToVisible)
+{
+    EXPECT_EQ(L"abc", DecodeString({0x1E, 0x06, 0x00, 0x61, 0x00, 0x62, 0x00, 0x63}));   // BMP (12)
+    EXPECT_EQ(L"\u00E9\u20AC", DecodeString({0x1E, 0x04, 0x00, 0xE9, 0x20, 0xAC}));
+    EXPECT_EQ(L"123", DecodeString({0x12, 0x03, '1', '2', '3'}));                       // numeric (3)
+    EXPECT_EQ(L"Ab1", DecodeString({0x13, 0x03, 'A', 'b', '1'}));                       // printable (4)
+    EXPECT_EQ(L"t61", DecodeString({0x14, 0x03, 't', '6', '1'}));                       // teletex (5)
+    EXPECT_EQ(L"vtx", DecodeString({0x15, 0x03, 'v', 't', 'x'}));                       // videotex (6)
+    EXPECT_EQ(L"a@b", DecodeString({0x16, 0x03, 'a', '@', 'b'}));                       // IA5 (7)
+    EXPECT_EQ(L"grf", DecodeString({0x19, 0x03, 'g', 'r', 'f'}));                       // graphic (8)
+    EXPECT_EQ(L"vis", DecodeString({0x1A, 0x03, 'v', 'i', 's'}));                       // visible (9)
+    EXPECT_EQ(L"", DecodeString({0x1E, 0x00}));
+}
+
+TEST(TypedBlobsTest, WideStringDecodeLeavesTheBlobEmptyForOtherStringTypes)
+{
+    EXPECT_EQ(L"<empty>", DecodeString({0x1B, 0x03, 'g', 'e', 'n'}));                         // general (10)
+    EXPECT_EQ(L"<empty>", DecodeString({0x0C, 0x03, 'u', 't', 'f'}));                         // UTF-8 (13)
+    EXPECT_EQ(L"<empty>", DecodeString({0x04, 0x03, 'o', 'c', 't'}));                         // octets (any)
+}
+
+TEST(TypedBlobsTest, DecodedStringsHoldTheirTerminatingZero)
+{
+    CNVWStrBlob s;
+    const Bytes der{0x1E, 0x04, 0x00, 'o', 0x00, 'k'};
+    s.Decode(der.data(), static_cast<DWORD>(der.size()));
+    EXPECT_EQ((Bytes{'o', 0, 'k', 0, 0, 0}), ToBytes(s));
+    const Bytes ia5{0x16, 0x02, 'o', 'k'};
+    s.Decode(ia5.data(), static_cast<DWORD>(ia5.size()));
+    EXPECT_EQ((Bytes{'o', 0, 'k', 0, 0, 0}), ToBytes(s));
+}
+
+TEST(TypedBlobsTest, DecodeFreesTheOldValueFirst)
+{
+    CNVWStrBlob s(L"old value");
+    const Bytes utf8{0x0C, 0x01, 'x'};
+    s.Decode(utf8.data(), static_cast<DWORD>(utf8.size()));
+    EXPECT_TRUE(s.IsEmpty());
+    EXPECT_EQ(nullptr, s.pbData);
+    EXPECT_EQ(0u, s.cbData);
+
+    CNVULongBlob u(7);
+    EXPECT_NE(S_OK, DecodeError(u, {0x04, 0x01, 0x00})); // an octet string is no number
+    EXPECT_TRUE(u.IsEmpty());
+}
+
+TEST(TypedBlobsTest, MalformedDerRaisesTheCryptoApiError)
+{
+    CNVULongBlob u;
+    EXPECT_EQ(CRYPT_E_ASN1_BADTAG, DecodeError(u, {0x04, 0x01, 0x00}));
+    EXPECT_EQ(CRYPT_E_ASN1_EOD, DecodeError(u, {0x02, 0x05, 0x00}));
+    CNVAnyBlob any;
+    EXPECT_EQ(CRYPT_E_ASN1_BADTAG, DecodeError(any, {0x02, 0x01, 0x00}));
+}
+
+TEST(SequenceTest, ItemsEncodeAsSequenceOfAny)
+{
+    nv::CCryptBlob version, text;
+    CNVULongBlob(1).Encode(version);
+    CNVWStrBlob(L"abc").Encode(text);
+    nv::CCryptBlob seq;
+    NVEncodeSequence({&version, &text}, seq);
+    EXPECT_EQ((Bytes{0x30, 0x0B, 0x02, 0x01, 0x01, 0x1E, 0x06, 0x00, 0x61, 0x00, 0x62, 0x00, 0x63}), ToBytes(seq));
+
+    NVEncodeSequence({}, seq);
+    EXPECT_EQ((Bytes{0x30, 0x00}), ToBytes(seq));
+}
+
+TEST(SequenceTest, DecodeGivesTheItemsAsCompleteDerValues)
+{
+    const Bytes der{0x30, 0x0B, 0x02, 0x01, 0x01, 0x1E, 0x06, 0x00, 0x61, 0x00, 0x62, 0x00, 0x63};
+    CNVSequence seq;
+    seq.Decode(der.data(), static_cast<DWORD>(der.size()));
+    ASSERT_EQ(2u, seq.Count());
+    EXPECT_EQ((Bytes{0x02, 0x01, 0x01}), ToBytes(seq.Item(0)));
+    EXPECT_EQ((Bytes{0x1E, 0x06, 0x00, 0x61, 0x00, 0x62, 0x00, 0x63}), ToBytes(seq.Item(1)));
+    try {
+        seq.Item(2);
+        FAIL() << "item past the end";
+    } catch (const _com_error& e) {
+        EXPECT_EQ(NTE_BAD_DATA, e.Error());
+    }
+
+    const Bytes empty{0x30, 0x00};
+    seq.Decode(empty.data(), 2);
+    EXPECT_EQ(0u, seq.Count());
+}
+
+TEST(SequenceTest, NotASequenceRaisesTheCryptoApiError)
+{
+    CNVSequence seq;
+    const Bytes der{0x04, 0x01, 0x00};
+    try {
+        seq.Decode(der.data(), static_cast<DWORD>(der.size()));
+        FAIL() << "an octet string decoded as a sequence";
+    } catch (const _com_error& e) {
+        EXPECT_EQ(CRYPT_E_ASN1_BADTAG, e.Error());
+    }
+    EXPECT_EQ(0u, seq.Count());
+}

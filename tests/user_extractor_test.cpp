@@ -1,0 +1,722 @@
+// CLocalDBUserExtractor over databases made by the format 2.0 writer: construction,
+// enumeration and unsealing, templates, secrets, and freeing the user array.
+#include <windows.h>
+#include <gtest/gtest.h>
+#include <sddl.h>
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "common/cryptblob.h"
+#include "common/handles.h"
+#include "legacydb/secretrecord.h"
+#include "legacydb/userextractor.h"
+#include "support/legacy_support.h"
+#include "support/registry_sandbox.h"
+#include "writer/db20_der.h"
+#include "writer/db20_host.h"
+#include "writer/db20_writer.h"
+
+using namespace nvtest;
+using namespace nvwriter;
+using LegacyNVDB2::CLocalDBUserExtractor;
+using LegacyNVDB2::CNVSecretMap;
+
+namespace {
+
+constexpr HRESULT kBadData = static_cast<HRESULT>(0x80090005);
+constexpr const wchar_t kDataUsers[] = L"SOFTWARE\\Norvane\\DB\\Data\\Users";
+constexpr const wchar_t kHostKey[] = L"SOFTWARE\\Norvane\\NVHOST";
+constexpr const wchar_t kProvider[] = L"Microsoft Enhanced Cryptographic Provider v1.0";
+
+std::wstring UserKey(const GUID& g)
+{
+    return std::wstring(kDataUsers) + L"\\" + GuidText(g);
+}
+
+std::wstring SidOf(PSID sid)
+{
+    if (!sid)
+        return L"(null)";
+    LPWSTR text = nullptr;
+    ::ConvertSidToStringSidW(sid, &text);
+    std::wstring s = text;
+    ::LocalFree(text);
+    return s;
+}
+
+PSID SidFromText(const std::wstring& text)
+{
+    PSID sid = nullptr;
+    ::ConvertStringSidToSidW(text.c_str(), &sid);
+    return sid;
+}
+
+// What the reader should make of a model user.
+DWORD ExpectedMask(const Db20User& u)
+{
+    DWORD mask = 0;
+    for (const auto& c : u.credentials)
+        if (c.credentialId == kDb20FingerprintCredentialId)
+            mask = c.mask;
+    return u.defect == Db20Defect::FiveByteNumber ? 0 : mask;
+}
+
+const Db20Credential* FirstFingerprint(const Db20User& u)
+{
+    for (const auto& c : u.credentials)
+        if (c.credentialId == kDb20FingerprintCredentialId)
+            return &c;
+    return nullptr;
+}
+
+std::wstring ContainerOf(HCRYPTPROV prov)
+{
+    char name[128] = {};
+    DWORD cb = sizeof(name);
+    if (!::CryptGetProvParam(prov, PP_CONTAINER, reinterpret_cast<BYTE*>(name), &cb, 0))
+        return L"";
+    return Widen(name);
+}
+
+std::vector<BYTE> ContentOf(CNVSecret& secret, bool* produced)
+{
+    DWORD cb = 0xdeadbeef;
+    BYTE* pb = reinterpret_cast<BYTE*>(static_cast<ULONG_PTR>(0xdeadbeef));
+    *produced = secret.GetContent(nullptr, &cb, &pb);
+    if (!*produced)
+        return {};
+    std::vector<BYTE> out(pb, pb + cb);
+    ::SecureZeroMemory(pb, cb);
+    ::CoTaskMemFree(pb);
+    return out;
+}
+
+class UserExtractorTest : public RegistrySandbox {
+protected:
+    void SetUp() override
+    {
+        RegistrySandbox::SetUp();
+        m_containers.Track(GUID_NULL);
+    }
+
+    Db20Database Write(Db20Options options)
+    {
+        Db20Database db = MakeDb20Database(options);
+        return WriteModel(db);
+    }
+
+    Db20Database WriteModel(Db20Database& db)
+    {
+        m_containers.Track(db.hostId);
+        EXPECT_EQ(S_OK, WriteDb20Database(db));
+        return db;
+    }
+
+    // The model users in the registry's enumeration order.
+    std::vector<const Db20User*> InEnumerationOrder(const Db20Database& db)
+    {
+        std::vector<const Db20User*> order;
+        for (const std::wstring& name : SubkeyNames(kDataUsers, kView32)) {
+            const Db20User* found = nullptr;
+            for (const Db20User& u : db.users)
+                if (GuidText(u.guid) == name)
+                    found = &u;
+            order.push_back(found);
+        }
+        return order;
+    }
+
+    // A provider on the database's container, for hand-made records.
+    nv::unique_hcryptprov Provider(const Db20Database& db)
+    {
+        nv::unique_hcryptprov prov;
+        EXPECT_TRUE(::CryptAcquireContextW(prov.put(), GuidText(db.hostId).c_str(), kProvider, PROV_RSA_FULL,
+                                           CRYPT_MACHINE_KEYSET));
+        return prov;
+    }
+
+    void ExpectUser(const Db20User& expected, const NV_USER_RECORD& actual)
+    {
+        SCOPED_TRACE(Narrow(expected.userName));
+        const bool badGuid = expected.defect == Db20Defect::Guid15 || expected.defect == Db20Defect::Guid17;
+        EXPECT_TRUE(IsEqualGUID(badGuid ? GUID_NULL : expected.guid, actual.guidUser));
+        EXPECT_EQ(expected.defect == Db20Defect::TextType2 ? L"(null)" : expected.sidText, SidOf(actual.pSid));
+        EXPECT_EQ(ExpectedMask(expected), actual.dwTemplateMask);
+        EXPECT_EQ(expected.writeActCtrl ? expected.accountControl : 0u, actual.dwAccountControl);
+    }
+
+    void ExpectTemplates(CLocalDBUserExtractor& extractor, const Db20User& user)
+    {
+        SCOPED_TRACE(Narrow(user.userName));
+        PSID sid = SidFromText(user.sidText);
+        CNVTemplateVector templates{std::make_shared<CNVTemplate>()};
+        ASSERT_EQ(S_OK, extractor.LoadTemplatesToVector(sid, templates));
+        ::LocalFree(sid);
+        const Db20Credential* fp = FirstFingerprint(user);
+        const size_t expected = fp ? fp->templates.size() : 0;
+        ASSERT_EQ(expected, templates.size());
+        for (size_t i = 0; i < expected; ++i) {
+            const Db20Template& t = fp->templates[i];
+            const CNVTemplate& a = *templates[i];
+            EXPECT_EQ(t.format, a.m_header.info.dwFormat);
+            EXPECT_EQ(t.flags, a.m_header.info.dwFlags);
+            EXPECT_TRUE(IsEqualGUID(t.type, a.m_header.info.guidType));
+            EXPECT_TRUE(IsEqualGUID(t.owner, a.m_header.info.guidOwner));
+            EXPECT_EQ(t.size, a.m_header.info.dwSize);
+            EXPECT_EQ(t.headerValue, a.m_header.lHeaderValue);
+            EXPECT_EQ(t.data, a.m_data);
+        }
+    }
+
+    void ExpectSecrets(CLocalDBUserExtractor& extractor, const Db20User& user, const NV_USER_RECORD& record)
+    {
+        SCOPED_TRACE(Narrow(user.userName));
+        CNVSecretMap secrets;
+        secrets[_bstr_t(L"stale")] = std::make_shared<CNVSecret>();
+        ASSERT_EQ(S_OK, extractor.InternalLoadSecretsToMap(record, secrets));
+        ASSERT_EQ(user.secrets.size(), secrets.size());
+        for (const Db20Secret& s : user.secrets) {
+            auto it = secrets.find(_bstr_t(s.valueName.c_str()));
+            ASSERT_NE(secrets.end(), it) << Narrow(s.valueName);
+            ASSERT_TRUE(it->second);
+            CNVSecret& actual = *it->second;
+            EXPECT_TRUE(IsEqualGUID(s.headerGuid, actual.m_info.header.guidObject));
+            EXPECT_EQ(kSecretTypeCode, actual.m_info.header.dwTypeCode);
+            EXPECT_EQ(s.headerValue, actual.m_info.header.dwValue);
+            EXPECT_EQ(0u, actual.m_info.header.dwReserved);
+            EXPECT_TRUE(IsEqualGUID(s.guid, actual.m_info.guidSecret));
+            EXPECT_EQ(s.name.substr(0, kSecretNameMax), std::wstring(actual.m_info.wszName));
+            bool produced = false;
+            EXPECT_EQ(s.content, ContentOf(actual, &produced));
+            EXPECT_TRUE(produced);
+        }
+    }
+
+    MachineContainers m_containers;
+};
+
+Db20Options SmallOptions(std::uint32_t seed, unsigned users)
+{
+    Db20Options o;
+    o.seed = seed;
+    o.userCount = users;
+    return o;
+}
+
+} // namespace
+
+TEST_F(UserExtractorTest, ConstructionAcquiresTheContainerNamedByTheHostId)
+{
+    const Db20Database db = Write(SmallOptions(11, 1));
+    CLocalDBUserExtractor extractor;
+    ASSERT_NE(0u, extractor.GetProvider());
+    EXPECT_EQ(GuidText(db.hostId), ContainerOf(extractor.GetProvider()));
+}
+
+TEST_F(UserExtractorTest, ConstructionWithoutTheHostKeyLeavesNoContainerAndEnumerationFails)
+{
+    Db20Database db = Write(SmallOptions(12, 2));
+    DeleteTree(kHostKey, kView32);
+    CLocalDBUserExtractor extractor;
+    EXPECT_EQ(0u, extractor.GetProvider());
+
+    NV_USER_RECORD* users = nullptr;
+    DWORD count = 0xdeadbeef;
+    const HRESULT hr = extractor.EnumerateUsers(&users, &count);
+    EXPECT_EQ(static_cast<HRESULT>(0x80070057), hr); // CryptGetUserKey on no provider: ERROR_INVALID_PARAMETER
+    EXPECT_EQ(2u, count);
+    ASSERT_NE(nullptr, users);
+    EXPECT_EQ(nullptr, users[0].pSid);
+    EXPECT_EQ(nullptr, users[1].pSid);
+    EXPECT_EQ(S_OK, extractor.FreeUsers(users));
+}
+
+TEST_F(UserExtractorTest, AMissingHostIdValueLeavesNoContainerEvenWhenTheZeroContainerExists)
+{
+    Db20CreateMachineContainer(GUID_NULL);
+    CreateKeyPath(kHostKey, kView32);
+    CLocalDBUserExtractor extractor;
+    EXPECT_EQ(0u, extractor.GetProvider());
+}
+
+TEST_F(UserExtractorTest, AnEmptyShortOrStringHostIdNamesTheZeroGuidContainer)
+{
+    Db20CreateMachineContainer(GUID_NULL);
+    const std::wstring zero = L"{00000000-0000-0000-0000-000000000000}";
+
+    SetBinary(kHostKey, L"HostId", {}, kView32);
+    {
+        CLocalDBUserExtractor extractor;
+        ASSERT_NE(0u, extractor.GetProvider());
+        EXPECT_EQ(zero, ContainerOf(extractor.GetProvider()));
+    }
+    SetBinary(kHostKey, L"HostId", std::vector<BYTE>(15, 0x42), kView32);
+    {
+        CLocalDBUserExtractor extractor;
+        EXPECT_EQ(zero, ContainerOf(extractor.GetProvider()));
+    }
+    SetString(kHostKey, L"HostId", L"{12345678-1234-1234-1234-123456789012}", kView32);
+    {
+        CLocalDBUserExtractor extractor;
+        EXPECT_EQ(zero, ContainerOf(extractor.GetProvider()));
+    }
+}
+
+TEST_F(UserExtractorTest, TheHostIdIsReadInNetworkByteOrder)
+{
+    const GUID host = {0x01020304, 0x0506, 0x0708, {0x09, 0x0A, 0x0B, 0x0C, 0x0D, 0x0E, 0x0F, 0x10}};
+    m_containers.Track(host);
+    Db20CreateMachineContainer(host);
+    SetBinary(kHostKey, L"HostId", {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16}, kView32);
+    CLocalDBUserExtractor extractor;
+    EXPECT_EQ(L"{01020304-0506-0708-090A-0B0C0D0E0F10}", ContainerOf(extractor.GetProvider()));
+}
+
+TEST_F(UserExtractorTest, ADatabaseWithoutUserKeysGivesCountZero)
+{
+    Db20Database db = Write(SmallOptions(13, 0));
+    CLocalDBUserExtractor extractor;
+    NV_USER_RECORD* users = nullptr;
+    DWORD count = 0xdeadbeef;
+    EXPECT_EQ(S_OK, extractor.EnumerateUsers(&users, &count));
+    EXPECT_EQ(0u, count);
+    ASSERT_NE(nullptr, users);
+    // A block of size 0 is refused like a null one.
+    EXPECT_EQ(E_INVALIDARG, extractor.FreeUsers(users));
+    ::LocalFree(users);
+}
+
+TEST_F(UserExtractorTest, AMissingUsersKeyFailsWithCountZeroAndNoArray)
+{
+    CLocalDBUserExtractor extractor;
+    auto* sentinel = reinterpret_cast<NV_USER_RECORD*>(static_cast<ULONG_PTR>(0xdeadbeef));
+    NV_USER_RECORD* users = sentinel;
+    DWORD count = 0xdeadbeef;
+    EXPECT_EQ(static_cast<HRESULT>(0x80070002), extractor.EnumerateUsers(&users, &count));
+    EXPECT_EQ(0u, count);
+    EXPECT_EQ(sentinel, users);
+}
+
+TEST_F(UserExtractorTest, EveryUserIsReadIntoTheSlotOfItsKey)
+{
+    const Db20Database db = Write(SmallOptions(14, 12));
+    CLocalDBUserExtractor extractor;
+    NV_USER_RECORD* users = nullptr;
+    DWORD count = 0;
+    ASSERT_EQ(S_OK, extractor.EnumerateUsers(&users, &count));
+    ASSERT_EQ(12u, count);
+    EXPECT_EQ(12 * sizeof(NV_USER_RECORD), ::LocalSize(users));
+    const auto order = InEnumerationOrder(db);
+    ASSERT_EQ(12u, order.size());
+    for (DWORD i = 0; i < count; ++i) {
+        ASSERT_NE(nullptr, order[i]);
+        ExpectUser(*order[i], users[i]);
+        ExpectTemplates(extractor, *order[i]);
+    }
+    EXPECT_EQ(S_OK, extractor.FreeUsers(users));
+}
+
+TEST_F(UserExtractorTest, UnreadableUserKeysAreSkippedAndTheirSlotsStayZero)
+{
+    Db20Options options = SmallOptions(15, 4);
+    options.defects = {{1, Db20Defect::StringDefaultValue}};
+    Db20Database db = Write(options);
+    // One more key without a default value and one that cannot be opened.
+    const GUID noValue = {0x7FFFFFFF, 0, 0, {0, 0, 0, 0, 0, 0, 0, 1}};
+    const GUID locked = {0x7FFFFFFF, 0, 0, {0, 0, 0, 0, 0, 0, 0, 2}};
+    SetBinary(UserKey(noValue).c_str(), L"Other", {1}, kView32);
+    CreateKeyPath(UserKey(locked).c_str(), kView32);
+    {
+        HKEY key = nullptr;
+        ASSERT_EQ(ERROR_SUCCESS, ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, UserKey(locked).c_str(), 0,
+                                                 WRITE_DAC | KEY_WOW64_32KEY, &key));
+        PSECURITY_DESCRIPTOR sd = nullptr;
+        ASSERT_TRUE(::ConvertStringSecurityDescriptorToSecurityDescriptorW(L"D:P", SDDL_REVISION_1, &sd, nullptr));
+        ASSERT_EQ(ERROR_SUCCESS, ::RegSetKeySecurity(key, DACL_SECURITY_INFORMATION, sd));
+        ::LocalFree(sd);
+        ::RegCloseKey(key);
+    }
+
+    CLocalDBUserExtractor extractor;
+    NV_USER_RECORD* users = nullptr;
+    DWORD count = 0;
+    ASSERT_EQ(S_OK, extractor.EnumerateUsers(&users, &count));
+    ASSERT_EQ(6u, count);
+    const std::vector<std::wstring> names = SubkeyNames(kDataUsers, kView32);
+    for (DWORD i = 0; i < count; ++i) {
+        SCOPED_TRACE(Narrow(names[i]));
+        const Db20User* model = nullptr;
+        for (const Db20User& u : db.users)
+            if (GuidText(u.guid) == names[i])
+                model = &u;
+        if (model && model->defect == Db20Defect::None) {
+            ExpectUser(*model, users[i]);
+        } else {
+            EXPECT_TRUE(IsEqualGUID(GUID_NULL, users[i].guidUser));
+            EXPECT_EQ(nullptr, users[i].pSid);
+            EXPECT_EQ(0u, users[i].dwTemplateMask);
+            EXPECT_EQ(0u, users[i].dwAccountControl);
+        }
+    }
+    EXPECT_EQ(S_OK, extractor.FreeUsers(users));
+
+    // Unlock for the sandbox.
+    HKEY key = nullptr;
+    ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, UserKey(locked).c_str(), 0, WRITE_DAC | KEY_WOW64_32KEY, &key);
+    PSECURITY_DESCRIPTOR sd = nullptr;
+    ::ConvertStringSecurityDescriptorToSecurityDescriptorW(L"D:(A;;KA;;;BA)", SDDL_REVISION_1, &sd, nullptr);
+    ::RegSetKeySecurity(key, DACL_SECURITY_INFORMATION, sd);
+    ::LocalFree(sd);
+    ::RegCloseKey(key);
+}
+
+TEST_F(UserExtractorTest, ACorruptSealEndsTheEnumerationAndLaterSlotsStayZero)
+{
+    for (Db20Defect defect : {Db20Defect::WrongMagic, Db20Defect::SealVersion1, Db20Defect::SealVersion3}) {
+        WipeSuiteKeys();
+        Db20Database db = MakeDb20Database(SmallOptions(16, 5));
+        // Fix the order: the broken user is the third key.
+        for (unsigned i = 0; i < 5; ++i)
+            db.users[i].guid.Data1 = 0x10000000u * (i + 1);
+        db.users[2].defect = defect;
+        WriteModel(db);
+
+        CLocalDBUserExtractor extractor;
+        NV_USER_RECORD* users = nullptr;
+        DWORD count = 0;
+        EXPECT_EQ(kBadData, extractor.EnumerateUsers(&users, &count));
+        ASSERT_EQ(5u, count);
+        ASSERT_NE(nullptr, users);
+        ExpectUser(db.users[0], users[0]);
+        ExpectUser(db.users[1], users[1]);
+        for (int i = 2; i < 5; ++i) {
+            EXPECT_TRUE(IsEqualGUID(GUID_NULL, users[i].guidUser));
+            EXPECT_EQ(nullptr, users[i].pSid);
+        }
+        EXPECT_EQ(S_OK, extractor.FreeUsers(users));
+    }
+}
+
+TEST_F(UserExtractorTest, ShortValuesAndSealsOfOtherShapesAreBadData)
+{
+    Db20Database db = Write(SmallOptions(17, 1));
+    const std::wstring key = UserKey(db.users[0].guid);
+    const DerBytes twoItems = der20::Seq({der20::Uint(2), der20::Octets(DerBytes{1, 2, 3})});
+    const DerBytes threeItems = der20::Seq({der20::Uint(2), der20::Octets(DerBytes{1}), der20::Uint(0)});
+    auto sealed = [](const DerBytes& seq) {
+        DerBytes v(4 + seq.size());
+        std::memcpy(v.data(), "NVOA", 4);
+        std::copy(seq.begin(), seq.end(), v.begin() + 4);
+        return v;
+    };
+    const std::vector<std::vector<BYTE>> values = {
+        {}, {'N', 'V', 'O'}, {'N', 'V', 'O', 'A'}, sealed(threeItems), sealed(der20::Seq({der20::Uint(2)})),
+        sealed(DerBytes{0x30, 0x80}),
+    };
+    for (const auto& value : values) {
+        SetBinary(key.c_str(), L"", value, kView32);
+        CLocalDBUserExtractor extractor;
+        NV_USER_RECORD* users = nullptr;
+        DWORD count = 0;
+        EXPECT_EQ(kBadData, extractor.EnumerateUsers(&users, &count)) << value.size();
+        EXPECT_EQ(S_OK, extractor.FreeUsers(users));
+    }
+    // Version 2 with a payload whose key blob does not import: the import's error.
+    SetBinary(key.c_str(), L"", sealed(twoItems), kView32);
+    CLocalDBUserExtractor extractor;
+    NV_USER_RECORD* users = nullptr;
+    DWORD count = 0;
+    const HRESULT hr = extractor.EnumerateUsers(&users, &count);
+    EXPECT_TRUE(FAILED(hr));
+    EXPECT_NE(kBadData, hr);
+    EXPECT_EQ(S_OK, extractor.FreeUsers(users));
+}
+
+TEST_F(UserExtractorTest, TwoUsersWithOneSidKeepTheTemplatesOfTheFirstInEnumerationOrder)
+{
+    Db20Database db = MakeDb20Database(SmallOptions(18, 2));
+    db.users[0].guid.Data1 = 0x20000000;
+    db.users[1].guid.Data1 = 0x10000000; // enumerated first
+    db.users[0].credentials = {};
+    db.users[0].credentials.push_back(MakeDb20Database(SmallOptions(99, 1)).users[0].credentials[0]);
+    db.users[1].credentials = {};
+    db.users[1].credentials.push_back(MakeDb20Database(SmallOptions(98, 1)).users[0].credentials[0]);
+    db.users[1].sidText = db.users[0].sidText;
+    db.users[1].accountControl = db.users[0].accountControl;
+    WriteModel(db);
+
+    CLocalDBUserExtractor extractor;
+    NV_USER_RECORD* users = nullptr;
+    DWORD count = 0;
+    ASSERT_EQ(S_OK, extractor.EnumerateUsers(&users, &count));
+    ASSERT_EQ(2u, count);
+    ExpectUser(db.users[1], users[0]);
+    ExpectUser(db.users[0], users[1]);
+    EXPECT_EQ(1u, extractor.GetTemplateMap().size());
+    ExpectTemplates(extractor, db.users[1]);
+    EXPECT_EQ(S_OK, extractor.FreeUsers(users));
+}
+
+TEST_F(UserExtractorTest, LoadTemplatesForASidWithoutFingerprintsCreatesAnEmptyEntry)
+{
+    Db20Database db = Write(SmallOptions(19, 1));
+    CLocalDBUserExtractor extractor;
+    NV_USER_RECORD* users = nullptr;
+    DWORD count = 0;
+    ASSERT_EQ(S_OK, extractor.EnumerateUsers(&users, &count));
+    const size_t before = extractor.GetTemplateMap().size();
+
+    PSID other = SidFromText(L"S-1-5-21-9-9-9-500");
+    CNVTemplateVector templates{std::make_shared<CNVTemplate>()};
+    EXPECT_EQ(S_OK, extractor.LoadTemplatesToVector(other, templates));
+    EXPECT_TRUE(templates.empty());
+    EXPECT_EQ(before + 1, extractor.GetTemplateMap().size());
+    ASSERT_EQ(1u, extractor.GetTemplateMap().count(L"S-1-5-21-9-9-9-500"));
+    EXPECT_TRUE(extractor.GetTemplateMap().at(L"S-1-5-21-9-9-9-500").empty());
+    ::LocalFree(other);
+    EXPECT_EQ(S_OK, extractor.FreeUsers(users));
+}
+
+TEST_F(UserExtractorTest, LoadedTemplatesShareTheExtractorsObjects)
+{
+    Db20Database db = Write(SmallOptions(20, 1));
+    ASSERT_NE(nullptr, FirstFingerprint(db.users[0]));
+    CNVTemplateVector templates;
+    {
+        CLocalDBUserExtractor extractor;
+        NV_USER_RECORD* users = nullptr;
+        DWORD count = 0;
+        ASSERT_EQ(S_OK, extractor.EnumerateUsers(&users, &count));
+        ASSERT_EQ(S_OK, extractor.LoadTemplatesToVector(users[0].pSid, templates));
+        ASSERT_FALSE(templates.empty());
+        EXPECT_EQ(2, templates[0].use_count());
+        EXPECT_EQ(S_OK, extractor.FreeUsers(users));
+    }
+    // The lists outlive the extractor.
+    EXPECT_EQ(1, templates[0].use_count());
+    EXPECT_EQ(FirstFingerprint(db.users[0])->templates[0].data, templates[0]->m_data);
+}
+
+TEST_F(UserExtractorTest, FreeUsersRefusesANullBlockAndToleratesNullSids)
+{
+    CLocalDBUserExtractor extractor;
+    EXPECT_EQ(E_INVALIDARG, extractor.FreeUsers(nullptr));
+
+    auto* block = static_cast<NV_USER_RECORD*>(::LocalAlloc(LMEM_ZEROINIT, 3 * sizeof(NV_USER_RECORD) + 8));
+    ASSERT_NE(nullptr, block);
+    block[1].pSid = SidFromText(L"S-1-5-18");
+    EXPECT_EQ(S_OK, extractor.FreeUsers(block));
+}
+
+TEST_F(UserExtractorTest, SecretsAreLoadedDecodedAndOpened)
+{
+    Db20Database db = MakeDb20Database(SmallOptions(21, 3));
+    for (Db20User& u : db.users)
+        u.store = db.computerName;
+    // One user with every kind of secret.
+    Db20User& u = db.users[0];
+    u.secrets.clear();
+    Db20Secret logon = MakeDb20Database(SmallOptions(22, 1)).users[0].secrets.at(0);
+    ASSERT_TRUE(logon.combined);
+    u.secrets.push_back(logon);
+    Db20Secret older;
+    older.valueName = older.name = L"Older Secret";
+    older.typeCode = kDb20OlderSecretTypeCode;
+    older.headerGuid = {1, 2, 3, {4, 5, 6, 7, 8, 9, 10, 11}};
+    older.headerValue = 7;
+    older.guid = {0xAABBCCDD, 0xEEFF, 0x0011, {0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88, 0x99}};
+    older.content = {1, 2, 3, 4, 5, 6, 7, 8, 9};
+    u.secrets.push_back(older);
+    Db20Secret longName;
+    longName.valueName = L"Long";
+    longName.name = L"A name that is longer than thirty-one characters";
+    longName.guid = {5, 6, 7, {8, 9, 10, 11, 12, 13, 14, 15}};
+    longName.content = std::vector<BYTE>(1000, 0x5C);
+    u.secrets.push_back(longName);
+    Db20Secret empty;
+    empty.valueName = empty.name = L"Empty content";
+    u.secrets.push_back(empty);
+    u.accountControlField = L"ACCOUNTCONTROL";
+    WriteModel(db);
+
+    CLocalDBUserExtractor extractor;
+    NV_USER_RECORD* users = nullptr;
+    DWORD count = 0;
+    ASSERT_EQ(S_OK, extractor.EnumerateUsers(&users, &count));
+    const auto order = InEnumerationOrder(db);
+    for (DWORD i = 0; i < count; ++i)
+        ExpectSecrets(extractor, *order[i], users[i]);
+    EXPECT_EQ(S_OK, extractor.FreeUsers(users));
+
+    // Opening the record set stamped the database.
+    std::wstring version;
+    ASSERT_TRUE(GetString(L"SOFTWARE\\Norvane\\DB", L"Version", kView32, &version));
+    EXPECT_EQ(L"2.1", version);
+}
+
+TEST_F(UserExtractorTest, ASecretWithoutContentProducesNothing)
+{
+    CNVSecret secret;
+    DWORD cb = 0xdeadbeef;
+    BYTE* pb = reinterpret_cast<BYTE*>(static_cast<ULONG_PTR>(0xdeadbeef));
+    EXPECT_FALSE(secret.GetContent(nullptr, &cb, &pb));
+    EXPECT_EQ(0xdeadbeefu, cb);
+    EXPECT_EQ(reinterpret_cast<BYTE*>(static_cast<ULONG_PTR>(0xdeadbeef)), pb);
+}
+
+TEST_F(UserExtractorTest, ContentThatDoesNotOpenRaisesTheCryptoError)
+{
+    Db20Database db = Write(SmallOptions(23, 0));
+    CNVSecret secret;
+    const DerBytes bogus = der20::Seq({der20::Octets(DerBytes{1, 2, 3}), der20::Octets(DerBytes(8, 0))});
+    secret.m_content.Assign(bogus.data(), static_cast<DWORD>(bogus.size()));
+    DWORD cb = 0;
+    BYTE* pb = nullptr;
+    try {
+        secret.GetContent(nullptr, &cb, &pb);
+        FAIL() << "no exception";
+    } catch (const _com_error& e) {
+        EXPECT_TRUE(FAILED(e.Error()));
+    }
+}
+
+TEST_F(UserExtractorTest, SecretFieldsOfOddShapesAreDecodedLeniently)
+{
+    Db20Database db = MakeDb20Database(SmallOptions(24, 1));
+    db.users[0].store = db.computerName;
+    db.users[0].secrets.clear();
+    WriteModel(db);
+    const Db20User& u = db.users[0];
+    nv::unique_hcryptprov prov = Provider(db);
+    const FILETIME when{0, 0x01D00000};
+    auto record = [&](const DerBytes& data) { return Db20ExportRecord(prov.get(), data, db.hostId, u.guid, when); };
+    using namespace der20;
+    const GUID g = {0x11111111, 0x2222, 0x3333, {0x44, 0x44, 0x44, 0x44, 0x44, 0x44, 0x44, 0x44}};
+    const DerBytes header = Seq({GuidOctets(g), Uint(kDb20SecretTypeCode), Uint(3)});
+    const DerBytes full = Seq({header, GuidOctets(g), Text(L"Inner"), Octets(DerBytes{9, 9})});
+    const DerBytes octetName =
+        Seq({header, GuidOctets(g), NameValue(CERT_RDN_OCTET_STRING, reinterpret_cast<const BYTE*>(L"Hi"), 6),
+             Octets(DerBytes{1})});
+    const std::wstring key = UserKey(u.guid);
+    SetBinary(key.c_str(), L"One item", record(Seq({full})), kView32);
+    SetBinary(key.c_str(), L"No record", {0xDE, 0xAD, 0xBE, 0xEF}, kView32);
+    SetBinary(key.c_str(), L"Octet name", record(octetName), kView32);
+    SetBinary(key.c_str(), L"Short guid", record(Seq({header, Octets(DerBytes(15, 1)), Text(L"S")})), kView32);
+    SetBinary(key.c_str(), L"accountCONTROL", {1, 2, 3, 4}, kView32);
+
+    CLocalDBUserExtractor extractor;
+    NV_USER_RECORD* users = nullptr;
+    DWORD count = 0;
+    ASSERT_EQ(S_OK, extractor.EnumerateUsers(&users, &count));
+    CNVSecretMap secrets;
+    ASSERT_EQ(S_OK, extractor.InternalLoadSecretsToMap(users[0], secrets));
+    ASSERT_EQ(4u, secrets.size());
+
+    // One item: that item alone is the record.
+    const CNVSecret& one = *secrets.at(_bstr_t(L"One item"));
+    EXPECT_TRUE(IsEqualGUID(g, one.m_info.guidSecret));
+    EXPECT_EQ(std::wstring(L"Inner"), one.m_info.wszName);
+    EXPECT_EQ(3u, one.m_info.header.dwValue);
+    EXPECT_EQ((std::vector<BYTE>{9, 9}), BlobBytes(one.m_content));
+
+    // Not an export record: an empty secret of the current type code.
+    const CNVSecret& none = *secrets.at(_bstr_t(L"No record"));
+    EXPECT_EQ(kSecretTypeCode, none.m_info.header.dwTypeCode);
+    EXPECT_TRUE(IsEqualGUID(GUID_NULL, none.m_info.guidSecret));
+    EXPECT_EQ(std::wstring(), none.m_info.wszName);
+    EXPECT_TRUE(none.m_content.IsEmpty());
+
+    const CNVSecret& octet = *secrets.at(_bstr_t(L"Octet name"));
+    EXPECT_EQ(std::wstring(), octet.m_info.wszName);
+    EXPECT_TRUE(IsEqualGUID(g, octet.m_info.guidSecret));
+
+    const CNVSecret& shortGuid = *secrets.at(_bstr_t(L"Short guid"));
+    EXPECT_TRUE(IsEqualGUID(GUID_NULL, shortGuid.m_info.guidSecret));
+    EXPECT_EQ(std::wstring(L"S"), shortGuid.m_info.wszName);
+    EXPECT_TRUE(shortGuid.m_content.IsEmpty());
+    EXPECT_EQ(S_OK, extractor.FreeUsers(users));
+}
+
+TEST_F(UserExtractorTest, DecodingASecretFieldReportsSFalseForShortLists)
+{
+    using namespace der20;
+    const GUID g = {0x11111111, 0x2222, 0x3333, {0x44, 0x44, 0x44, 0x44, 0x44, 0x44, 0x44, 0x44}};
+    const DerBytes full = Seq({Seq({GuidOctets(g), Uint(kDb20SecretTypeCode), Uint(3)}), GuidOctets(g), Text(L"N"),
+                               Octets(DerBytes{7})});
+    CNVSecret secret;
+    CRYPT_DATA_BLOB field{static_cast<DWORD>(full.size()), const_cast<BYTE*>(full.data())};
+    EXPECT_EQ(S_OK, LegacyNVDB2::DecodeSecretField(nullptr, field, secret));
+    EXPECT_EQ(std::wstring(L"N"), secret.m_info.wszName);
+
+    const DerBytes one = Seq({full});
+    field = {static_cast<DWORD>(one.size()), const_cast<BYTE*>(one.data())};
+    EXPECT_EQ(S_FALSE, LegacyNVDB2::DecodeSecretField(nullptr, field, secret));
+    EXPECT_EQ(std::wstring(L"N"), secret.m_info.wszName);
+    EXPECT_EQ((std::vector<BYTE>{7}), BlobBytes(secret.m_content));
+
+    const DerBytes none = Seq({});
+    field = {static_cast<DWORD>(none.size()), const_cast<BYTE*>(none.data())};
+    EXPECT_EQ(S_FALSE, LegacyNVDB2::DecodeSecretField(nullptr, field, secret));
+    EXPECT_EQ(std::wstring(), secret.m_info.wszName);
+    EXPECT_EQ(kSecretTypeCode, secret.m_info.header.dwTypeCode);
+    EXPECT_TRUE(secret.m_content.IsEmpty());
+}
+
+TEST_F(UserExtractorTest, AStringSecretFieldEndsTheLoadWithInvalidData)
+{
+    Db20Database db = MakeDb20Database(SmallOptions(25, 1));
+    db.users[0].store = db.computerName;
+    WriteModel(db);
+    SetString(UserKey(db.users[0].guid).c_str(), L"Text field", L"abc", kView32);
+    CLocalDBUserExtractor extractor;
+    NV_USER_RECORD* users = nullptr;
+    DWORD count = 0;
+    ASSERT_EQ(S_OK, extractor.EnumerateUsers(&users, &count));
+    CNVSecretMap secrets;
+    EXPECT_EQ(static_cast<HRESULT>(0x8007000D), extractor.InternalLoadSecretsToMap(users[0], secrets));
+    EXPECT_EQ(S_OK, extractor.FreeUsers(users));
+}
+
+TEST_F(UserExtractorTest, SecretsOfAUserWithoutAKeyFailWithFileNotFound)
+{
+    Db20Database db = Write(SmallOptions(26, 0));
+    CLocalDBUserExtractor extractor;
+    NV_USER_RECORD user{};
+    user.guidUser = {0x99999999, 0, 0, {0, 0, 0, 0, 0, 0, 0, 0}};
+    CNVSecretMap secrets;
+    secrets[_bstr_t(L"kept")] = nullptr;
+    EXPECT_EQ(static_cast<HRESULT>(0x80070002), extractor.InternalLoadSecretsToMap(user, secrets));
+    EXPECT_TRUE(secrets.empty());
+}
+
+TEST_F(UserExtractorTest, TwoHundredUserDatabaseReadsBackExactly)
+{
+    Db20Options options = SmallOptions(2024, 200);
+    options.domainCount = 3;
+    const Db20Database db = Write(options);
+
+    CLocalDBUserExtractor extractor;
+    NV_USER_RECORD* users = nullptr;
+    DWORD count = 0;
+    ASSERT_EQ(S_OK, extractor.EnumerateUsers(&users, &count));
+    ASSERT_EQ(200u, count);
+    const auto order = InEnumerationOrder(db);
+    ASSERT_EQ(200u, order.size());
+    size_t templates = 0, secrets = 0;
+    for (DWORD i = 0; i < count; ++i) {
+        ASSERT_NE(nullptr, order[i]);
+        ExpectUser(*order[i], users[i]);
+        ExpectTemplates(extractor, *order[i]);
+        ExpectSecrets(extractor, *order[i], users[i]);
+        if (const Db20Credential* fp = FirstFingerprint(*order[i]))
+            templates += fp->templates.size();
+        secrets += order[i]->secrets.size();
+    }
+    // The database is not a trivial one.
+    EXPECT_GT(templates, 300u);
+    EXPECT_GT(secrets, 300u);
+    EXPECT_EQ(S_OK, extractor.FreeUsers(users));
+}

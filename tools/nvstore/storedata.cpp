@@ -1,0 +1,470 @@
+#include "storedata.h"
+
+#include <sddl.h>
+#include <wincrypt.h>
+#include <algorithm>
+#include <cstring>
+#include <cwchar>
+#include "common/handles.h"
+#include "common/hresult.h"
+#include "converter3/nvstore_api.h"
+#include "storelayout.h"
+
+namespace nvstore {
+
+namespace {
+
+nv::unique_hkey OpenKey(const std::wstring& path, REGSAM access)
+{
+    nv::unique_hkey key;
+    LONG r = ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, access | kStoreView, key.put());
+    if (r != ERROR_SUCCESS)
+        key.reset();
+    return key;
+}
+
+nv::unique_hkey CreateKey(const std::wstring& path)
+{
+    nv::unique_hkey key;
+    nv::ThrowIfWin32Failed(::RegCreateKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
+                                             KEY_READ | KEY_WRITE | kStoreView, nullptr, key.put(), nullptr));
+    return key;
+}
+
+bool ReadRaw(const std::wstring& path, const wchar_t* name, DWORD* type, Bytes* out)
+{
+    nv::unique_hkey key = OpenKey(path, KEY_QUERY_VALUE);
+    if (!key)
+        return false;
+    for (;;) {
+        DWORD cb = 0;
+        LONG r = ::RegQueryValueExW(key.get(), name, nullptr, type, nullptr, &cb);
+        if (r != ERROR_SUCCESS)
+            return false;
+        Bytes data(cb);
+        r = ::RegQueryValueExW(key.get(), name, nullptr, type, cb ? data.data() : nullptr, &cb);
+        if (r == ERROR_MORE_DATA)
+            continue; // changed under us; ask again
+        if (r != ERROR_SUCCESS)
+            return false;
+        data.resize(cb);
+        out->swap(data);
+        return true;
+    }
+}
+
+// A verify-only provider of the given name and type.
+nv::unique_hcryptprov VerifyContext(const wchar_t* provider, DWORD type, DWORD extraFlags = 0)
+{
+    nv::unique_hcryptprov prov;
+    if (!::CryptAcquireContextW(prov.put(), nullptr, provider, type, CRYPT_VERIFYCONTEXT | extraFlags))
+        nv::ThrowLastError();
+    return prov;
+}
+
+void RandomBytes(BYTE* p, DWORD cb)
+{
+    nv::unique_hcryptprov prov = VerifyContext(kKeyProvider, PROV_RSA_FULL);
+    if (!::CryptGenRandom(prov.get(), cb, p))
+        nv::ThrowLastError();
+}
+
+void Sha256(HCRYPTPROV prov, const BYTE* a, DWORD cba, const BYTE* b, DWORD cbb, BYTE out[32])
+{
+    HCRYPTHASH raw = 0;
+    if (!::CryptCreateHash(prov, CALG_SHA_256, 0, 0, &raw))
+        nv::ThrowLastError();
+    struct HashOwner {
+        HCRYPTHASH h;
+        ~HashOwner() { ::CryptDestroyHash(h); }
+    } owner{raw};
+    if ((cba && !::CryptHashData(raw, a, cba, 0)) || (cbb && !::CryptHashData(raw, b, cbb, 0)))
+        nv::ThrowLastError();
+    DWORD cb = 32;
+    if (!::CryptGetHashParam(raw, HP_HASHVAL, out, &cb, 0) || cb != 32)
+        nv::ThrowLastError();
+}
+
+// The verifier: SHA-256 of salt and password (UTF-16LE, no terminator), then
+// rehashed with the salt for the remaining rounds.
+void Verifier(const Bytes& salt, const wchar_t* pwch, size_t cch, BYTE out[32])
+{
+    nv::unique_hcryptprov prov = VerifyContext(kHashProvider, PROV_RSA_AES);
+    Sha256(prov.get(), salt.data(), static_cast<DWORD>(salt.size()), reinterpret_cast<const BYTE*>(pwch),
+           static_cast<DWORD>(cch * sizeof(wchar_t)), out);
+    BYTE next[32];
+    for (DWORD i = 1; i < kVerifierRounds; ++i) {
+        Sha256(prov.get(), out, 32, salt.data(), static_cast<DWORD>(salt.size()), next);
+        std::memcpy(out, next, 32);
+    }
+    ::SecureZeroMemory(next, sizeof(next));
+}
+
+DWORD KeyBits()
+{
+    DWORD bits = 0;
+    if (ReadDword(kTestBehavioursKeyPath, kUserKeyBitsValue, &bits) && bits >= 512 && bits <= 16384)
+        return bits;
+    return kDefaultUserKeyBits;
+}
+
+void DeleteContainer(const std::wstring& name)
+{
+    HCRYPTPROV h = 0;
+    ::CryptAcquireContextW(&h, name.c_str(), kKeyProvider, PROV_RSA_FULL, CRYPT_MACHINE_KEYSET | CRYPT_DELETEKEYSET);
+}
+
+} // namespace
+
+std::wstring CanonicalUserId(const wchar_t* pwszUserId, DWORD dwIdKind)
+{
+    if (dwIdKind != kUserIdKindSid || !pwszUserId || !*pwszUserId)
+        nv::ThrowHr(E_INVALIDARG);
+    nv::unique_hlocal sid;
+    if (!::ConvertStringSidToSidW(pwszUserId, reinterpret_cast<PSID*>(sid.put())))
+        nv::ThrowHr(E_INVALIDARG);
+    nv::unique_hlocal text;
+    if (!::ConvertSidToStringSidW(static_cast<PSID>(sid.get()), reinterpret_cast<LPWSTR*>(text.put())))
+        nv::ThrowLastError();
+    return std::wstring(static_cast<const wchar_t*>(text.get()));
+}
+
+std::wstring UserKeyPath(const std::wstring& sid) { return std::wstring(kUsersKeyPath) + L"\\" + sid; }
+
+std::wstring UserSubkeyPath(const std::wstring& sid, const wchar_t* subkey)
+{
+    return UserKeyPath(sid) + L"\\" + subkey;
+}
+
+bool KeyExists(const std::wstring& path) { return static_cast<bool>(OpenKey(path, KEY_READ)); }
+
+void CreateKeyPath(const std::wstring& path) { CreateKey(path); }
+
+bool DeleteKeyTree(const std::wstring& path)
+{
+    {
+        nv::unique_hkey key = OpenKey(path, KEY_ALL_ACCESS);
+        if (!key)
+            return false;
+        nv::ThrowIfWin32Failed(::RegDeleteTreeW(key.get(), nullptr));
+    }
+    nv::ThrowIfWin32Failed(::RegDeleteKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), kStoreView, 0));
+    return true;
+}
+
+std::vector<std::wstring> SubkeyNames(const std::wstring& path)
+{
+    std::vector<std::wstring> names;
+    nv::unique_hkey key = OpenKey(path, KEY_ENUMERATE_SUB_KEYS);
+    if (!key)
+        return names;
+    for (DWORD i = 0;; ++i) {
+        wchar_t name[256];
+        DWORD cch = 256;
+        if (::RegEnumKeyExW(key.get(), i, name, &cch, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS)
+            break;
+        names.emplace_back(name, cch);
+    }
+    return names;
+}
+
+std::vector<std::wstring> ValueNames(const std::wstring& path)
+{
+    std::vector<std::wstring> names;
+    nv::unique_hkey key = OpenKey(path, KEY_QUERY_VALUE);
+    if (!key)
+        return names;
+    std::vector<wchar_t> name(16384);
+    for (DWORD i = 0;; ++i) {
+        DWORD cch = static_cast<DWORD>(name.size());
+        if (::RegEnumValueW(key.get(), i, name.data(), &cch, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS)
+            break;
+        names.emplace_back(name.data(), cch);
+    }
+    return names;
+}
+
+bool ReadBinary(const std::wstring& path, const wchar_t* name, Bytes* out)
+{
+    DWORD type = 0;
+    Bytes data;
+    if (!ReadRaw(path, name, &type, &data) || type != REG_BINARY)
+        return false;
+    out->swap(data);
+    return true;
+}
+
+void WriteBinary(const std::wstring& path, const wchar_t* name, const BYTE* data, DWORD cb)
+{
+    nv::unique_hkey key = CreateKey(path);
+    nv::ThrowIfWin32Failed(::RegSetValueExW(key.get(), name, 0, REG_BINARY, data, cb));
+}
+
+bool ReadDword(const std::wstring& path, const wchar_t* name, DWORD* out)
+{
+    DWORD type = 0;
+    Bytes data;
+    if (!ReadRaw(path, name, &type, &data) || type != REG_DWORD || data.size() != sizeof(DWORD))
+        return false;
+    std::memcpy(out, data.data(), sizeof(DWORD));
+    return true;
+}
+
+void WriteDword(const std::wstring& path, const wchar_t* name, DWORD value)
+{
+    nv::unique_hkey key = CreateKey(path);
+    nv::ThrowIfWin32Failed(
+        ::RegSetValueExW(key.get(), name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof(value)));
+}
+
+bool ReadString(const std::wstring& path, const wchar_t* name, std::wstring* out)
+{
+    DWORD type = 0;
+    Bytes data;
+    if (!ReadRaw(path, name, &type, &data) || type != REG_SZ)
+        return false;
+    std::wstring s(reinterpret_cast<const wchar_t*>(data.data()), data.size() / sizeof(wchar_t));
+    while (!s.empty() && s.back() == L'\0')
+        s.pop_back();
+    *out = s;
+    return true;
+}
+
+void WriteString(const std::wstring& path, const wchar_t* name, const std::wstring& value)
+{
+    nv::unique_hkey key = CreateKey(path);
+    nv::ThrowIfWin32Failed(::RegSetValueExW(key.get(), name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
+                                            static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t))));
+}
+
+std::vector<std::wstring> ReadStringList(const std::wstring& path, const wchar_t* name)
+{
+    std::vector<std::wstring> list;
+    DWORD type = 0;
+    Bytes data;
+    if (!ReadRaw(path, name, &type, &data) || (type != REG_MULTI_SZ && type != REG_SZ))
+        return list;
+    const auto* p = reinterpret_cast<const wchar_t*>(data.data());
+    const size_t n = data.size() / sizeof(wchar_t);
+    std::wstring current;
+    for (size_t i = 0; i < n; ++i) {
+        if (p[i] == L'\0') {
+            if (!current.empty())
+                list.push_back(current);
+            current.clear();
+        } else {
+            current += p[i];
+        }
+    }
+    if (!current.empty())
+        list.push_back(current);
+    return list;
+}
+
+bool DeleteValue(const std::wstring& path, const wchar_t* name)
+{
+    nv::unique_hkey key = OpenKey(path, KEY_SET_VALUE);
+    if (!key)
+        return false;
+    LONG r = ::RegDeleteValueW(key.get(), name);
+    if (r == ERROR_FILE_NOT_FOUND)
+        return false;
+    nv::ThrowIfWin32Failed(r);
+    return true;
+}
+
+bool UserExists(const std::wstring& sid) { return KeyExists(UserKeyPath(sid)); }
+
+bool CreateUser(const std::wstring& sid)
+{
+    if (UserExists(sid))
+        return false;
+    WriteDword(UserKeyPath(sid), kIdKindValue, kUserIdKindSid);
+    return true;
+}
+
+bool DeleteUser(const std::wstring& sid)
+{
+    const bool hadKey = HasKeyPair(sid);
+    DeleteKeyPair(sid);
+    const bool hadRecord = DeleteKeyTree(UserKeyPath(sid));
+    const bool hadRegistration = Unregister(sid);
+    return hadKey || hadRecord || hadRegistration;
+}
+
+std::vector<std::wstring> ListUsers() { return SubkeyNames(kUsersKeyPath); }
+
+bool IsRegistered(const std::wstring& sid)
+{
+    return KeyExists(std::wstring(kRegisteredKeyPath) + L"\\" + sid);
+}
+
+bool Register(const std::wstring& sid)
+{
+    if (IsRegistered(sid))
+        return false;
+    WriteDword(std::wstring(kRegisteredKeyPath) + L"\\" + sid, kIdKindValue, kUserIdKindSid);
+    return true;
+}
+
+bool Unregister(const std::wstring& sid) { return DeleteKeyTree(std::wstring(kRegisteredKeyPath) + L"\\" + sid); }
+
+std::vector<std::wstring> ListRegistered() { return SubkeyNames(kRegisteredKeyPath); }
+
+std::wstring ContainerName(const std::wstring& sid) { return std::wstring(kContainerPrefix) + sid; }
+
+bool HasKeyPair(const std::wstring& sid)
+{
+    Bytes key;
+    return ExportPublicKey(sid, &key);
+}
+
+void CreateKeyPair(const std::wstring& sid)
+{
+    const std::wstring container = ContainerName(sid);
+    DeleteContainer(container); // a leftover of a record that no longer exists
+    {
+        nv::unique_hcryptprov prov;
+        if (!::CryptAcquireContextW(prov.put(), container.c_str(), kKeyProvider, PROV_RSA_FULL,
+                                    CRYPT_MACHINE_KEYSET | CRYPT_NEWKEYSET))
+            nv::ThrowLastError();
+        nv::unique_hcryptkey key;
+        if (!::CryptGenKey(prov.get(), AT_KEYEXCHANGE, KeyBits() << 16, key.put())) {
+            const DWORD err = ::GetLastError();
+            key.reset();
+            prov.reset();
+            DeleteContainer(container);
+            nv::ThrowHr(nv::HResultFromWin32(static_cast<LONG>(err)));
+        }
+        // The key becomes visible to other handles once this one is released.
+    }
+    WriteString(UserKeyPath(sid), kKeyContainerValue, container);
+}
+
+bool ExportPublicKey(const std::wstring& sid, Bytes* out)
+{
+    std::wstring container;
+    if (!ReadString(UserKeyPath(sid), kKeyContainerValue, &container) || container.empty())
+        return false;
+    nv::unique_hcryptprov prov;
+    if (!::CryptAcquireContextW(prov.put(), container.c_str(), kKeyProvider, PROV_RSA_FULL, CRYPT_MACHINE_KEYSET))
+        return false;
+    nv::unique_hcryptkey key;
+    if (!::CryptGetUserKey(prov.get(), AT_KEYEXCHANGE, key.put()))
+        return false;
+    DWORD cb = 0;
+    if (!::CryptExportKey(key.get(), 0, PUBLICKEYBLOB, 0, nullptr, &cb))
+        nv::ThrowLastError();
+    Bytes blob(cb);
+    if (!::CryptExportKey(key.get(), 0, PUBLICKEYBLOB, 0, blob.data(), &cb))
+        nv::ThrowLastError();
+    blob.resize(cb);
+    out->swap(blob);
+    return true;
+}
+
+void DeleteKeyPair(const std::wstring& sid)
+{
+    std::wstring container;
+    if (ReadString(UserKeyPath(sid), kKeyContainerValue, &container) && !container.empty())
+        DeleteContainer(container);
+    DeleteContainer(ContainerName(sid));
+    DeleteValue(UserKeyPath(sid), kKeyContainerValue);
+}
+
+void DeleteAllStoreContainers()
+{
+    std::vector<std::wstring> names;
+    {
+        nv::unique_hcryptprov prov = VerifyContext(kKeyProvider, PROV_RSA_FULL, CRYPT_MACHINE_KEYSET);
+        std::vector<char> name(1024);
+        DWORD flags = CRYPT_FIRST;
+        for (;;) {
+            DWORD cb = static_cast<DWORD>(name.size());
+            if (!::CryptGetProvParam(prov.get(), PP_ENUMCONTAINERS, reinterpret_cast<BYTE*>(name.data()), &cb, flags))
+                break;
+            flags = 0;
+            std::wstring wide;
+            for (const char* p = name.data(); *p; ++p)
+                wide += static_cast<wchar_t>(static_cast<unsigned char>(*p));
+            if (wide.compare(0, std::wcslen(kContainerPrefix), kContainerPrefix) == 0)
+                names.push_back(wide);
+        }
+    }
+    for (const std::wstring& n : names)
+        DeleteContainer(n);
+}
+
+bool HasPassword(const std::wstring& sid)
+{
+    Bytes verifier;
+    return ReadBinary(UserKeyPath(sid), kPasswordVerifierValue, &verifier) && verifier.size() == 32;
+}
+
+void SetPassword(const std::wstring& sid, const wchar_t* pwch, size_t cch)
+{
+    Bytes salt(kSaltBytes);
+    RandomBytes(salt.data(), kSaltBytes);
+    BYTE verifier[32];
+    Verifier(salt, pwch, cch, verifier);
+    const std::wstring path = UserKeyPath(sid);
+    WriteBinary(path, kPasswordSaltValue, salt.data(), kSaltBytes);
+    WriteBinary(path, kPasswordVerifierValue, verifier, sizeof(verifier));
+    ::SecureZeroMemory(verifier, sizeof(verifier));
+}
+
+bool PasswordMatches(const std::wstring& sid, const wchar_t* pwch, size_t cch)
+{
+    const std::wstring path = UserKeyPath(sid);
+    Bytes salt, stored;
+    if (!ReadBinary(path, kPasswordSaltValue, &salt) || !ReadBinary(path, kPasswordVerifierValue, &stored) ||
+        stored.size() != 32)
+        return false;
+    BYTE verifier[32];
+    Verifier(salt, pwch, cch, verifier);
+    BYTE diff = 0;
+    for (int i = 0; i < 32; ++i)
+        diff |= static_cast<BYTE>(verifier[i] ^ stored[i]);
+    ::SecureZeroMemory(verifier, sizeof(verifier));
+    return diff == 0;
+}
+
+void ClearPassword(const std::wstring& sid)
+{
+    DeleteValue(UserKeyPath(sid), kPasswordSaltValue);
+    DeleteValue(UserKeyPath(sid), kPasswordVerifierValue);
+}
+
+void MakePayload(SecureBytes& out)
+{
+    out.Clear();
+    out.vec().resize(kPayloadBytes);
+    RandomBytes(out.data(), kPayloadBytes);
+}
+
+Behaviours ReadBehaviours()
+{
+    Behaviours b{};
+    const std::wstring path = kTestBehavioursKeyPath;
+    b.failOpenUser = ReadStringList(path, kFailOpenUserValue);
+    DWORD v = 0;
+    b.failOpenUserResult = ReadDword(path, kFailOpenUserResultValue, &v) ? static_cast<HRESULT>(v)
+                                                                          : kDefaultFailOpenUserResult;
+    b.noAuthService = ReadDword(path, kNoAuthServiceValue, &v) && v != 0;
+    b.noUserProperties = ReadDword(path, kNoUserPropertiesValue, &v) && v != 0;
+    b.failPutTemplate = ReadDword(path, kFailPutTemplateAtValue, &b.failPutTemplateAt);
+    b.failPutTemplateResult = ReadDword(path, kFailPutTemplateResultValue, &v) ? static_cast<HRESULT>(v)
+                                                                                : kDefaultFailPutTemplateResult;
+    b.alreadyRegistered = ReadStringList(path, kAlreadyRegisteredValue);
+    b.existingPublicKey = ReadStringList(path, kExistingPublicKeyValue);
+    b.userKeyBits = KeyBits();
+    return b;
+}
+
+bool ListNames(const std::vector<std::wstring>& list, const std::wstring& sid)
+{
+    return std::any_of(list.begin(), list.end(),
+                       [&](const std::wstring& s) { return ::_wcsicmp(s.c_str(), sid.c_str()) == 0; });
+}
+
+} // namespace nvstore
