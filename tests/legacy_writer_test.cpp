@@ -2,12 +2,15 @@
 // the registry exactly, that a seed fixes the output, and its removals and oracle.
 #include <windows.h>
 #include <gtest/gtest.h>
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <set>
 
+#include "support/key_containers.h"
 #include "support/legacy_db_tree.h"
 #include "support/registry_sandbox.h"
+#include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
 using namespace nvtest;
@@ -206,17 +209,68 @@ TEST_F(LegacyWriterTest, ExistingDatabaseIsRefusedWithoutWipeAndLeftAlone)
     EXPECT_TRUE(expected == written) << DiffTrees(expected, written);
 }
 
-TEST_F(LegacyWriterTest, Format20AndUsers20AreNotAvailableYetAndWriteNothing)
+TEST_F(LegacyWriterTest, Format20ComesFromThe20WriterAndIsRecordedValueByValue)
 {
     nvwriter::DbOptions options;
-    nvwriter::DbRecord record;
     options.format = nvwriter::DbFormat::V20;
-    EXPECT_EQ(E_NOTIMPL, nvwriter::WriteDatabase(options, &record));
-    options.format = nvwriter::DbFormat::V10;
-    options.users20 = 3;
-    EXPECT_EQ(E_NOTIMPL, nvwriter::WriteDatabase(options, &record));
-    EXPECT_FALSE(KeyExists(kDb, kView32));
+    options.users = 7;
+    options.domains = 2;
+    options.seed = 21;
+    const nvwriter::Db20Database model = nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options));
+    ContainerJanitor containers;
+    containers.Track(model.hostId);
+
+    nvwriter::DbRecord record = Write(options);
+    RegTree actual = Snapshot(kDb, kView32);
+    RegTree expected = ToRegTree(record);
+    EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
     EXPECT_FALSE(KeyExists(kDb, kView64));
+    EXPECT_EQ(L"2.0", record.versionText);
+    EXPECT_EQ(nvwriter::DomainNames10(options), model.domains);
+
+    // Stores: the machine's, then the domains; users with their 2.0 user keys.
+    ASSERT_EQ(3u, record.stores.size());
+    EXPECT_TRUE(record.stores[0].machine);
+    EXPECT_EQ(L"MainDB\\Users\\Index\\NameIndex", record.stores[0].nameIndexPath);
+    ASSERT_EQ(7u, record.users.size());
+    std::set<std::wstring> written, modelled;
+    for (const auto& user : record.users) {
+        written.insert(nvwriter::GuidText(user.id));
+        EXPECT_EQ(L"Data\\Users\\" + nvwriter::GuidText(user.id), user.userKeyPath);
+        EXPECT_EQ(1u, record.keys.count(user.userKeyPath));
+    }
+    for (const auto& user : model.users)
+        modelled.insert(nvwriter::GuidText(user.guid));
+    EXPECT_EQ(modelled, written);
+    EXPECT_TRUE(ContainerExists(model.hostId));
+}
+
+TEST_F(LegacyWriterTest, Users20AreAddedToA10DatabaseBesideItsStores)
+{
+    nvwriter::DbOptions options;
+    options.users = 6;
+    options.users20 = 3;
+    options.seed = 22;
+    const nvwriter::Db20Database model = nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options));
+    ContainerJanitor containers;
+    containers.Track(model.hostId);
+
+    nvwriter::DbRecord record = Write(options);
+    RegTree actual = Snapshot(kDb, kView32);
+    RegTree expected = ToRegTree(record);
+    EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
+    EXPECT_EQ(L"1.0", record.versionText);
+    EXPECT_EQ(6u, record.users.size());
+    ASSERT_EQ(3u, model.users.size());
+    std::vector<std::wstring> keys = SubkeyNames(Sub(L"Data\\Users").c_str(), kView32);
+    std::sort(keys.begin(), keys.end());
+    std::vector<std::wstring> expectedKeys;
+    for (const auto& user : model.users)
+        expectedKeys.push_back(nvwriter::GuidText(user.guid));
+    std::sort(expectedKeys.begin(), expectedKeys.end());
+    EXPECT_EQ(expectedKeys, keys);
+    EXPECT_TRUE(KeyExists(Sub(L"Data\\Policies").c_str(), kView32));
+    EXPECT_TRUE(ContainerExists(model.hostId));
     EXPECT_EQ(E_POINTER, nvwriter::WriteDatabase(nvwriter::DbOptions(), nullptr));
 }
 

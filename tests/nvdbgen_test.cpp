@@ -1,6 +1,6 @@
 // nvdbgen, run as its own process: usage errors, the summary, the database it writes
 // (the same, value by value, as the writer library's for the same options), views,
-// --wipe, and format 2.0 not being available yet.
+// --wipe, and format 2.0 from the 2.0 writer.
 #include <windows.h>
 #include <gtest/gtest.h>
 #include <algorithm>
@@ -8,8 +8,10 @@
 
 #include "common/handles.h"
 #include "support/dll_loader.h"
+#include "support/key_containers.h"
 #include "support/legacy_db_tree.h"
 #include "support/registry_sandbox.h"
+#include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
 using namespace nvtest;
@@ -185,11 +187,39 @@ TEST_F(NvDbGenTest, View64WritesThe64BitViewOnly)
     EXPECT_EQ(L"1.0", version);
 }
 
-TEST_F(NvDbGenTest, Format20IsNotAvailableYet)
+TEST_F(NvDbGenTest, Format20WritesTheSameLayoutAsTheWriterLibraryForTheSameSeed)
 {
-    ToolRun run = RunTool(L"--format 2.0 --users 3");
-    EXPECT_EQ(1u, run.exitCode);
-    EXPECT_TRUE(Contains(run.err, "nvdbgen: format 2.0 databases are not available yet")) << run.err;
-    EXPECT_FALSE(KeyExists(kDb, kView32));
+    nvwriter::DbOptions options;
+    options.format = nvwriter::DbFormat::V20;
+    options.users = 5;
+    options.domains = 1;
+    options.seed = 9;
+    const nvwriter::Db20Database model = nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options));
+    ContainerJanitor containers;
+    containers.Track(model.hostId);
+
+    ToolRun run = RunTool(L"--format 2.0 --users 5 --domains 1 --seed 9");
+    ASSERT_EQ(0u, run.exitCode) << run.err;
+    EXPECT_TRUE(Contains(run.out, "nvdbgen: wrote a format 2.0 database to HKLM\\SOFTWARE\\Norvane\\DB (32-bit view), seed 9"))
+        << run.out;
+    EXPECT_TRUE(Contains(run.out, "  host: " + Narrow(nvwriter::GuidText(model.hostId)))) << run.out;
+    EXPECT_TRUE(ContainerExists(model.hostId));
+    const RegTree fromTool = Snapshot(kDb, kView32);
     EXPECT_FALSE(KeyExists(kDb, kView64));
+
+    // Sealed values carry fresh session keys; keys, value names and types are the same.
+    options.wipe = true;
+    nvwriter::DbRecord record;
+    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    const RegTree expected = ToRegTree(record);
+    EXPECT_EQ(expected.keys, fromTool.keys);
+    ASSERT_EQ(expected.values.size(), fromTool.values.size());
+    for (auto e = expected.values.begin(), t = fromTool.values.begin(); e != expected.values.end(); ++e, ++t) {
+        EXPECT_EQ(Narrow(e->first), Narrow(t->first));
+        EXPECT_EQ(e->second.type, t->second.type) << Narrow(e->first);
+    }
+    std::wstring version;
+    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    EXPECT_EQ(L"2.0", version);
+    EXPECT_EQ(5u, SubkeyNames(L"SOFTWARE\\Norvane\\DB\\Data\\Users", kView32).size());
 }

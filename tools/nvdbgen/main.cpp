@@ -10,6 +10,7 @@
 #include <cwchar>
 #include <string>
 
+#include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
 namespace {
@@ -136,5 +137,8 @@ int wmain(int argc, wchar_t** argv)
     for (const auto& store : record.stores)
         std::printf(" %ls", store.machine ? L"(machine)" : store.name.c_str());
     std::printf("\n  keys: %zu, values: %zu\n", record.keys.size(), record.ValueCount());
+    if (options.format == nvwriter::DbFormat::V20)
+        std::printf("  host: %ls (machine key container)\n",
+                    nvwriter::GuidText(nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options)).hostId).c_str());
     return kExitOk;
 }

@@ -1,4 +1,5 @@
 #include "writer/legacy_writer.h"
+#include "writer/db20_writer.h"
 
 #include <cstring>
 #include <cwchar>
@@ -244,10 +245,6 @@ HRESULT WriteDatabase(const DbOptions& options, DbRecord* record) noexcept
     return nv::Guarded([&]() -> HRESULT {
         if (!record)
             return E_POINTER;
-        // The format 2.0 users, secrets and templates come from the 2.0 writer.
-        if (options.format != DbFormat::V10 || options.users20 != 0)
-            return E_NOTIMPL;
-
         if (options.wipe) {
             nv::ThrowIfFailed(WipeDatabase(options.dbPath, options.view));
         } else {
@@ -258,8 +255,15 @@ HRESULT WriteDatabase(const DbOptions& options, DbRecord* record) noexcept
         }
 
         DbWriter writer(options.dbPath, options.view);
-        Prng rng(options.seed);
-        Write10(writer, options, rng);
+        if (options.format == DbFormat::V20) {
+            // Users, secrets and templates of format 2.0 come from the 2.0 writer.
+            Write20(writer, MakeDb20Database(Db20OptionsFrom(options)));
+        } else {
+            Prng rng(options.seed);
+            Write10(writer, options, rng);
+            if (options.users20 != 0)
+                WriteUsers20(writer, MakeDb20Database(Db20OptionsFrom(options)));
+        }
         *record = std::move(writer.record());
         return S_OK;
     });

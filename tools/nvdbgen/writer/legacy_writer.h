@@ -71,8 +71,8 @@ struct DbOptions {
     bool userKeys = true;
 
     // Format 2.0-style users (with secrets and templates) written by the 2.0 writer.
-    // With format 1.0 they are added to the 1.0 database (the chain case); until the
-    // 2.0 writer is wired in, a non-zero count is E_NOTIMPL.
+    // With format 1.0 they are added to the 1.0 database (the chain case): see
+    // WriteUsers20 and Db20OptionsFrom in db20_writer.h.
     unsigned users20 = 0;
 };
 
@@ -195,8 +195,9 @@ void WriteStore10(DbWriter& writer, const std::wstring& domain, bool machine, un
 // --- entry points ----------------------------------------------------------
 
 // Builds the database the options describe (wiping first when asked) and hands
-// back what was written. Format 2.0, and users20 > 0, are E_NOTIMPL until the
-// 2.0 writer is wired in here.
+// back what was written. Format 2.0, and the users20 users of a 1.0 database, come
+// from the 2.0 writer (db20_writer.h), which also provisions the host identifier and
+// the machine key container they are sealed for.
 HRESULT WriteDatabase(const DbOptions& options, DbRecord* record) noexcept;
 
 // GUID as registry text: {XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}.
