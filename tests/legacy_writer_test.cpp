@@ -1,12 +1,15 @@
 // The legacy database writer: what it writes for format 1.0, that its record matches
-// the registry exactly, that a seed fixes the output, and its removals and oracle.
+// the registry exactly, that a seed fixes the output, its removals and oracle, and the
+// sealed 2.0 users it adds through the 2.0 writer.
 #include <windows.h>
 #include <gtest/gtest.h>
 #include <cstring>
 #include <map>
 #include <set>
+#include <algorithm>
 
 #include "support/legacy_db_tree.h"
+#include "support/legacy_support.h"
 #include "support/registry_sandbox.h"
 #include "writer/legacy_writer.h"
 
@@ -206,17 +209,110 @@ TEST_F(LegacyWriterTest, ExistingDatabaseIsRefusedWithoutWipeAndLeftAlone)
     EXPECT_TRUE(expected == written) << DiffTrees(expected, written);
 }
 
-TEST_F(LegacyWriterTest, Format20AndUsers20AreNotAvailableYetAndWriteNothing)
+TEST_F(LegacyWriterTest, Users20GivesTheFirstUsersSealedRecordsUnderTheirGuids)
+{
+    nvwriter::DbOptions options;
+    options.users = 7;
+    options.domains = 2;
+    options.users20 = 4;
+    nvwriter::DbRecord record = Write(options);
+    EXPECT_TRUE(MachineContainerExists(record.hostId));
+    MachineContainers containers; // deletes it at once
+    containers.Track(record.hostId);
+
+    ASSERT_EQ(4u, record.users20);
+    ASSERT_EQ(7u, record.users.size());
+    std::vector<std::wstring> expected;
+    for (size_t i = 0; i < 4; ++i)
+        expected.push_back(nvwriter::GuidText(record.users[i].id));
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(expected, SubkeyNames(Sub(L"Data\\Users").c_str(), kView32));
+    for (const std::wstring& guid : expected) {
+        RegValue sealed;
+        ASSERT_TRUE(GetValue(Sub(L"Data\\Users\\" + guid).c_str(), L"", kView32, &sealed)) << Narrow(guid);
+        EXPECT_EQ(static_cast<DWORD>(REG_BINARY), sealed.type);
+        ASSERT_GE(sealed.data.size(), 4u);
+        EXPECT_EQ(0, std::memcmp(sealed.data.data(), "NVOA", 4));
+    }
+    RegValue hostId;
+    ASSERT_TRUE(GetValue(L"SOFTWARE\\Norvane\\NVHOST", L"HostId", kView32, &hostId));
+    EXPECT_EQ(16u, hostId.data.size());
+    EXPECT_EQ(4u, SubkeyNames(Sub(L"Policy\\Accounts").c_str(), kView32).size());
+
+    // The 1.0 part is what the record says, value by value; still "Version" 1.0.
+    RegTree written = Snapshot(kDb, kView32);
+    RegTree only10;
+    only10.exists = written.exists;
+    auto sealedPart = [](const std::wstring& path) {
+        return path.rfind(L"Data\\Users", 0) == 0 || path.rfind(L"Policy", 0) == 0;
+    };
+    for (const std::wstring& key : written.keys)
+        if (!sealedPart(key))
+            only10.keys.push_back(key);
+    for (const auto& [name, value] : written.values)
+        if (!sealedPart(name))
+            only10.values[name] = value;
+    RegTree expectedTree = ToRegTree(record);
+    EXPECT_TRUE(expectedTree == only10) << DiffTrees(expectedTree, only10);
+    std::wstring version;
+    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    EXPECT_EQ(L"1.0", version);
+}
+
+TEST_F(LegacyWriterTest, Format20WritesStoresAndSealedUsersInThe32BitView)
+{
+    nvwriter::DbOptions options;
+    options.format = nvwriter::DbFormat::V20;
+    options.users = 5;
+    options.domains = 1;
+    nvwriter::DbRecord record = Write(options);
+    EXPECT_TRUE(MachineContainerExists(record.hostId));
+    MachineContainers containers; // deletes it at once
+    containers.Track(record.hostId);
+
+    EXPECT_EQ(L"2.0", record.versionText);
+    ASSERT_EQ(5u, record.users.size());
+    EXPECT_EQ(5u, record.users20);
+    ASSERT_EQ(2u, record.stores.size());
+    EXPECT_TRUE(record.stores[0].machine);
+    EXPECT_EQ(L"NVDOMAIN1", record.stores[1].name);
+    std::wstring version;
+    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    EXPECT_EQ(L"2.0", version);
+    std::vector<std::wstring> expected;
+    for (const auto& user : record.users) {
+        expected.push_back(nvwriter::GuidText(user.id));
+        std::wstring indexed;
+        const std::wstring index = Sub(record.FindStore(user.store, user.store.empty())->nameIndexPath);
+        ASSERT_TRUE(GetString(index.c_str(), user.name.c_str(), kView32, &indexed)) << Narrow(user.name);
+        EXPECT_EQ(nvwriter::GuidText(user.id), indexed);
+    }
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(expected, SubkeyNames(Sub(L"Data\\Users").c_str(), kView32));
+    EXPECT_FALSE(KeyExists(kDb, kView64));
+}
+
+TEST_F(LegacyWriterTest, SealedUsersOutsideTheirPlaceAreInvalidAndWriteNothing)
 {
     nvwriter::DbOptions options;
     nvwriter::DbRecord record;
+    record.versionText = L"sentinel";
+    options.users = 3;
+    options.users20 = 4;
+    EXPECT_EQ(E_INVALIDARG, nvwriter::WriteDatabase(options, &record));
+    options.users20 = 2;
+    options.view = KEY_WOW64_64KEY;
+    EXPECT_EQ(E_INVALIDARG, nvwriter::WriteDatabase(options, &record));
+    options.view = KEY_WOW64_32KEY;
+    options.dbPath = L"SOFTWARE\\Norvane\\DBX";
+    EXPECT_EQ(E_INVALIDARG, nvwriter::WriteDatabase(options, &record));
+    options.dbPath = nvwriter::kDefaultDbPath;
     options.format = nvwriter::DbFormat::V20;
-    EXPECT_EQ(E_NOTIMPL, nvwriter::WriteDatabase(options, &record));
-    options.format = nvwriter::DbFormat::V10;
-    options.users20 = 3;
-    EXPECT_EQ(E_NOTIMPL, nvwriter::WriteDatabase(options, &record));
+    EXPECT_EQ(E_INVALIDARG, nvwriter::WriteDatabase(options, &record));
+    EXPECT_EQ(L"sentinel", record.versionText);
     EXPECT_FALSE(KeyExists(kDb, kView32));
     EXPECT_FALSE(KeyExists(kDb, kView64));
+    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\NVHOST", kView32));
     EXPECT_EQ(E_POINTER, nvwriter::WriteDatabase(nvwriter::DbOptions(), nullptr));
 }
 
