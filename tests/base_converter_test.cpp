@@ -16,6 +16,7 @@
 #include "frame/baseconverter.h"
 #include "support/registry_sandbox.h"
 #include "support/test_converter.h"
+#include "support/trace_capture.h"
 
 using namespace nvtest;
 
@@ -295,6 +296,43 @@ TEST_P(BackupViewTest, FailingDoConvertRestoresDatabaseInOwnViewExactly)
     EXPECT_FALSE(KeyExists(kBackup10, kView32));
     EXPECT_FALSE(KeyExists(kBackup10, kView64));
     EXPECT_FALSE(KeyExists(kDb, kView32));
+}
+
+// A backup key left behind by an earlier run is not emptied: the second Convert
+// merges into it, and a rollback then restores the leftovers into the database too.
+TEST_F(BaseConverterTest, SecondConvertMergesIntoLeftBackupKeyAndRollbackRestoresTheMerge)
+{
+    FillDatabase(kView64);
+    const RegTree before = Snapshot(kDb, kView64);
+    SetDword(kBackup10, L"Leftover", 42, kView32);
+    SetString(Path(kBackup10, L"OldKey").c_str(), L"x", L"y", kView32);
+    SetString(kBackup10, L"Version", L"0.9", kView32);
+
+    TestConverter converter(0, KEY_WOW64_32KEY, L"DB-v1.0");
+    converter.convertWork = [] { ChangeDatabase(kView64); };
+    converter.convertResult = kConvertFailure;
+    EXPECT_EQ(kConvertFailure, converter.Convert());
+
+    RegTree expected = before;
+    expected.values[L"|Leftover"] = RegValue{REG_DWORD, {42, 0, 0, 0}};
+    expected.keys.push_back(L"OldKey");
+    std::sort(expected.keys.begin(), expected.keys.end());
+    expected.values[L"OldKey|x"] = RegValue{REG_SZ, StringBytes(L"y")};
+    const RegTree after = Snapshot(kDb, kView64);
+    EXPECT_TRUE(expected == after) << DiffTrees(expected, after);
+    EXPECT_FALSE(KeyExists(kBackup10, kView32));
+}
+
+TEST_F(BaseConverterTest, SecondSuccessfulConvertRemovesTheMergedBackupKey)
+{
+    FillDatabase(kView32);
+    SetDword(kBackup10, L"Leftover", 42, kView32);
+    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    EXPECT_EQ(S_OK, converter.Convert());
+    EXPECT_FALSE(KeyExists(kBackup10, kView32));
+    RegValue ignored;
+    EXPECT_FALSE(GetValue(kDb, L"Backup", kView32, &ignored));
+    EXPECT_FALSE(GetValue(kDb, L"Leftover", kView32, &ignored));
 }
 
 TEST_F(BaseConverterTest, FailingDoBackupMakesConvertRollBackWithoutConverting)
@@ -775,6 +813,20 @@ TEST_F(BaseConverterTest, CopyKeyRefusesEmptyValueOfAnyType)
     }
 }
 
+// The name buffer passes 16,383 characters as its capacity, so a value name of the
+// registry's full 16,383 characters does not fit with its terminator: the
+// enumeration answers "more data" (234), which does not stop the copy, with no
+// name; reading the value by that empty name then fails.
+TEST_F(BaseConverterTest, CopyKeyOfValueWhoseNameLeavesNoRoomForTheTerminatorFails)
+{
+    const std::wstring longName(16383, L'q');
+    SetDword(L"SOFTWARE\\Norvane\\Src", longName.c_str(), 7, kView64);
+    EXPECT_EQ(static_cast<HRESULT>(0x80070002),
+              CBaseConverter::CopyKey(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane\\Dst", 0, HKEY_LOCAL_MACHINE,
+                                      L"SOFTWARE\\Norvane\\Src", 0));
+    EXPECT_TRUE(ValueNames(L"SOFTWARE\\Norvane\\Dst", kView64).empty());
+}
+
 // ---------------------------------------------------------------------------
 // DeleteKey and the full-access grant
 
@@ -969,4 +1021,146 @@ TEST_F(BaseConverterTest, DeleteKeyByNonAdministratorDeletesOnlyWhatCallerMayDel
     // An administrator takes the rest, granting itself access on the way.
     EXPECT_EQ(S_OK, CBaseConverter::DeleteKey(HKEY_LOCAL_MACHINE, tree, 0));
     EXPECT_FALSE(KeyExists(tree, kView64));
+}
+
+// ---------------------------------------------------------------------------
+// Trace
+
+namespace {
+
+class BaseConverterTraceTest : public TraceCaptureTest {};
+
+using Lines = std::vector<std::string>;
+
+} // namespace
+
+TEST_F(BaseConverterTraceTest, ConstructorTracesItsScopeAndTheOpenResult)
+{
+    SetString(kDb, L"Version", L"1.0", kView32);
+    { TestConverter found(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0"); }
+    { TestConverter missing(0, KEY_WOW64_32KEY, L"DB-v1.0"); }
+    EXPECT_EQ((Lines{"> CBaseConverter::CBaseConverter", "<",
+                     "> CBaseConverter::CBaseConverter", "E -2147024894 ", "<"}),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(BaseConverterTraceTest, SuccessfulConvertTracesBackupCopyCleanupAndDelete)
+{
+    SetString(kDb, L"Version", L"1.0", kView32);
+    SetDword(Path(kDb, L"Sub").c_str(), L"x", 1, kView32);
+    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    ASSERT_EQ(S_OK, converter.Convert());
+    EXPECT_EQ((Lines{
+                  "> CBaseConverter::CBaseConverter", "<",
+                  "> CBaseConverter::Convert",
+                  "> CBaseConverter::Backup",
+                  "> CBaseConverter::CopyKey", "> CBaseConverter::CopyKey", "<", "<",
+                  "U backup key created, name stored",
+                  "<",
+                  "> CBaseConverter::Cleanup",
+                  "U cleaning up backup key SOFTWARE\\Norvane\\DB-v1.0",
+                  "> CBaseConverter::DeleteKey", "> CBaseConverter::DeleteKey", "<", "<",
+                  "<",
+                  "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(BaseConverterTraceTest, FailedConvertTracesRestoreAndTheFailingCode)
+{
+    SetString(kDb, L"Version", L"1.0", kView64);
+    TestConverter converter(0, 0, L"DB-v2.0");
+    converter.convertResult = kConvertFailure;
+    ASSERT_EQ(kConvertFailure, converter.Convert());
+    EXPECT_EQ((Lines{
+                  "> CBaseConverter::CBaseConverter", "<",
+                  "> CBaseConverter::Convert",
+                  "> CBaseConverter::Backup",
+                  "> CBaseConverter::CopyKey", "<",
+                  "U backup key created, name stored",
+                  "<",
+                  "> CBaseConverter::Rollback",
+                  "U restoring database from backup key SOFTWARE\\Norvane\\DB-v2.0",
+                  "> CBaseConverter::DeleteKey", "<",
+                  "> CBaseConverter::CopyKey", "<",
+                  "> CBaseConverter::DeleteKey", "<",
+                  "<",
+                  "E -2146893813 ",
+                  "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(BaseConverterTraceTest, EmptyValueTracesTheCopyFailureAndAnEmptyRollback)
+{
+    SetBinary(kDb, L"Hollow", {}, kView32);
+    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    ASSERT_EQ(static_cast<HRESULT>(0x80070008), converter.Convert());
+    EXPECT_EQ((Lines{
+                  "> CBaseConverter::CBaseConverter", "<",
+                  "> CBaseConverter::Convert",
+                  "> CBaseConverter::Backup",
+                  "> CBaseConverter::CopyKey", "E -2147024888 ", "<",
+                  "E -2147024888 ",
+                  "<",
+                  "> CBaseConverter::Rollback",
+                  "U backup key name is empty, nothing to do",
+                  "<",
+                  "E -2147024888 ",
+                  "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(BaseConverterTraceTest, RollbackAndCleanupWithoutBackupNameTraceNothingToDo)
+{
+    SetString(kDb, L"Version", L"1.0", kView32);
+    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    EXPECT_EQ(S_FALSE, converter.Rollback());
+    EXPECT_EQ(S_FALSE, converter.Cleanup());
+    EXPECT_EQ((Lines{
+                  "> CBaseConverter::CBaseConverter", "<",
+                  "> CBaseConverter::Rollback", "U backup key name is empty, nothing to do", "<",
+                  "> CBaseConverter::Cleanup", "U backup key name is empty, nothing to do", "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(BaseConverterTraceTest, RollbackWhoseFirstDeleteFailsTracesOnlyThatDelete)
+{
+    SetString(kDb, L"Backup", kBackup10, kView32);
+    SetDword(kBackup10, L"Saved", 5, kView32);
+    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    EXPECT_EQ(S_OK, converter.Rollback());
+    EXPECT_EQ((Lines{
+                  "> CBaseConverter::CBaseConverter", "<",
+                  "> CBaseConverter::Rollback",
+                  "U restoring database from backup key SOFTWARE\\Norvane\\DB-v1.0",
+                  "> CBaseConverter::DeleteKey", "E -2147024894 ", "<",
+                  "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(BaseConverterTraceTest, CleanupOfMissingBackupKeyTracesTheDeleteFailure)
+{
+    SetString(kDb, L"Backup", kBackup10, kView32);
+    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    EXPECT_EQ(static_cast<HRESULT>(0x80070002), converter.Cleanup());
+    EXPECT_EQ((Lines{
+                  "> CBaseConverter::CBaseConverter", "<",
+                  "> CBaseConverter::Cleanup",
+                  "U cleaning up backup key SOFTWARE\\Norvane\\DB-v1.0",
+                  "> CBaseConverter::DeleteKey", "E -2147024894 ", "<",
+                  "E -2147024894 ",
+                  "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
 }

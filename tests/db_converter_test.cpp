@@ -4,6 +4,7 @@
 #include <windows.h>
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -12,6 +13,7 @@
 #include "frame/dbconverter.h"
 #include "support/registry_sandbox.h"
 #include "support/test_converter.h"
+#include "support/trace_capture.h"
 
 using namespace nvtest;
 
@@ -367,4 +369,87 @@ TEST_F(DBConverterTest, GetDBVersionWithOneNullPointerIsInvalidArgAndWritesNothi
     EXPECT_EQ(E_INVALIDARG, holder.GetDBVersion(&value, nullptr));
     EXPECT_EQ(kSentinel, value);
     EXPECT_EQ(E_INVALIDARG, holder.GetDBVersion(nullptr, nullptr));
+}
+
+// ---------------------------------------------------------------------------
+// Trace
+
+namespace {
+
+class DBConverterTraceTest : public TraceCaptureTest {};
+
+using Lines = std::vector<std::string>;
+
+} // namespace
+
+TEST_F(DBConverterTraceTest, DetectionTracesTheVersionReadAndTheFactoryChoice)
+{
+    SetString(kDb, L"Version", L"1.0", kView32);
+    Detect();
+    // The holder goes at the end of Detect, and its converter with it.
+    EXPECT_EQ((Lines{
+                  "> CDBConverter::FinalConstruct",
+                  "U wszVersion = 1.0",
+                  "U m_dwVersion = 0x10000",
+                  "> CBaseConverter::CreateConverter", "U Using CConverter2",
+                  "> CBaseConverter::CBaseConverter", "<", "> CConverter2::CConverter2", "<",
+                  "<",
+                  "<",
+                  "> CConverter2::~CConverter2", "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(DBConverterTraceTest, VersionWithoutConverterTracesReturningNull)
+{
+    SetString(kDb, L"Version", L"4.1", kView64);
+    Detect();
+    EXPECT_EQ((Lines{
+                  "> CDBConverter::FinalConstruct",
+                  "U wszVersion = 4.1",
+                  "U m_dwVersion = 0x40001",
+                  "> CBaseConverter::CreateConverter", "U Returning NULL", "<",
+                  "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(DBConverterTraceTest, UnreadableVersionStillTracesTheVersionWord)
+{
+    SetDword(kDb, L"Version", 0x00020000, kView64);
+    Detect();
+    EXPECT_EQ((Lines{
+                  "> CDBConverter::FinalConstruct",
+                  "U m_dwVersion = 0x0",
+                  "> CBaseConverter::CreateConverter", "U Returning NULL", "<",
+                  "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(DBConverterTraceTest, MissingDatabaseTracesOnlyTheOpenError)
+{
+    Detect();
+    EXPECT_EQ((Lines{"> CDBConverter::FinalConstruct", "E -2147024894 ", "<"}), trace.Lines()) << trace.Dump();
+}
+
+TEST_F(DBConverterTraceTest, ChosenConverterIsTracedBeforeItIsBuilt)
+{
+    SetString(kDb, L"Version", L"3.0", kView32);
+    CreateKeyPath(kMainDB, kView32);
+    std::unique_ptr<CBaseConverter> three(nvframe::CreateConverterFrom(kFakeKinds, 3, 0x00030000));
+    std::unique_ptr<CBaseConverter> one(nvframe::CreateConverterFrom(kFakeKinds, 3, 0x00010000));
+    EXPECT_EQ((Lines{
+                  "> CBaseConverter::CreateConverter", "U Using CConverter3",
+                  "> CBaseConverter::CBaseConverter", "<",
+                  "<",
+                  "> CBaseConverter::CreateConverter", "U Using CConverter2",
+                  "> CBaseConverter::CBaseConverter", "<",
+                  "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
 }

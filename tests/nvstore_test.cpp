@@ -17,8 +17,11 @@
 #include "converter3/nvstore_api.h"
 #include "converter3/secretpacking.h"
 #include "nvstore_inspect.h"
+#include "security/securitycontext.h"
 #include "support/dll_loader.h"
+#include "support/key_containers.h"
 #include "support/store_sandbox.h"
+#include "writer/host_provisioning.h"
 
 using namespace nvtest;
 namespace inspect = nvstore::inspect;
@@ -1000,6 +1003,55 @@ TEST_F(NVStoreTest, EncryptExOutputOpensWithTheUsersPrivateKey)
     EXPECT_NE(S_OK, inspect::OpenSealedSecret(kSid2, stored, &opened));
     EXPECT_EQ(kNotFound, inspect::OpenStoredSecret(kSid, L"Missing", &opened));
     EXPECT_EQ(NTE_BAD_DATA, inspect::OpenSealedSecret(kSid, Bytes{0x30, 0x00}, &opened));
+}
+
+TEST_F(NVStoreTest, SealedWithTheSecurityContextsProviderOpensWithTheUsersPrivateKey)
+{
+    // As the conversion does it: the machine's provider, the user's public key
+    // imported into it, EncryptEx with 3DES, PutSecret.
+    ContainerJanitor containers;
+    containers.Create(kTestHostId);
+    nvwriter::WriteHostId(kTestHostId, kView32);
+    ASSERT_EQ(S_OK, Enroll(kSid, kPassword));
+    HRESULT hr = E_FAIL;
+    const Bytes publicKey = PublicKeyProperty(kSid, &hr);
+    ASSERT_EQ(S_OK, hr);
+
+    CFPSecurityContext context(KEY_WOW64_32KEY);
+    HCRYPTPROV hProv = 0;
+    ASSERT_EQ(S_OK, context.GetContext(&hProv));
+    ASSERT_TRUE(::CryptContextAddRef(hProv, nullptr, 0));
+    nv::unique_hcryptprov provider(hProv);
+    nv::unique_hcryptkey userKey;
+    ASSERT_TRUE(::CryptImportKey(hProv, publicKey.data(), static_cast<DWORD>(publicKey.size()), 0, 0, userKey.put()));
+
+    nv::CCryptBlob blob;
+    PackPassword(kPassword, blob);
+    const Bytes packed(blob.pbData, blob.pbData + blob.cbData);
+    ASSERT_EQ(S_OK, EncryptEx(blob, hProv, userKey.get(), CALG_3DES));
+    ASSERT_EQ(S_OK, OpenAs<IUserSecrets>(kSid)->PutSecret(L"Primary", &blob));
+    userKey.reset();
+
+    Bytes opened;
+    ASSERT_EQ(S_OK, inspect::OpenStoredSecret(kSid, L"Primary", &opened));
+    EXPECT_EQ(packed, opened);
+    // Sealed for the user, not for the machine: the machine's own key cannot open it.
+    nv::unique_hcryptkey machineKey;
+    ASSERT_TRUE(::CryptGetUserKey(hProv, AT_KEYEXCHANGE, machineKey.put()));
+    CRYPT_SEQUENCE_OF_ANY* seq = nullptr;
+    DWORD cbSeq = 0;
+    ASSERT_TRUE(::CryptDecodeObjectEx(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, X509_SEQUENCE_OF_ANY, blob.pbData,
+                                      blob.cbData, CRYPT_DECODE_ALLOC_FLAG, nullptr, &seq, &cbSeq));
+    ASSERT_EQ(2u, seq->cValue);
+    CRYPT_DATA_BLOB* keyItem = nullptr;
+    DWORD cbKey = 0;
+    ASSERT_TRUE(::CryptDecodeObjectEx(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, X509_OCTET_STRING,
+                                      seq->rgValue[0].pbData, seq->rgValue[0].cbData, CRYPT_DECODE_ALLOC_FLAG, nullptr,
+                                      &keyItem, &cbKey));
+    nv::unique_hcryptkey session;
+    EXPECT_FALSE(::CryptImportKey(hProv, keyItem->pbData, keyItem->cbData, machineKey.get(), 0, session.put()));
+    ::LocalFree(keyItem);
+    ::LocalFree(seq);
 }
 
 // ---- persistence -------------------------------------------------------------------

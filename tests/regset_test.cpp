@@ -12,6 +12,8 @@
 #include "legacydb/hostname.h"
 #include "legacydb/regset.h"
 #include "support/registry_sandbox.h"
+#include "support/trace_capture.h"
+#include "trace/trace.h"
 
 using namespace nvtest;
 
@@ -513,4 +515,86 @@ TEST_F(RegSetTest, EnumFieldsOfAMissingUserFailsAndLeavesTheVector)
     std::vector<std::wstring> fields{L"sentinel"};
     EXPECT_EQ(kFileNotFound, set.EnumFields(kUser, fields));
     EXPECT_EQ(std::vector<std::wstring>{L"sentinel"}, fields);
+}
+
+TEST_F(RegSetTest, OpenTracesTheVersionStampOnlyWhenItWritesIt)
+{
+    TraceCapture trace;
+    trace.Start();
+    SetString(kDb, L"Version", L"2.0", kView32);
+    {
+        CNVDBRegSet set;
+        ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
+    }
+    EXPECT_EQ((std::vector<std::string>{"> CNVDBRegSet::Open", "U writing new version number: <2.1>", "<"}),
+              trace.Lines());
+    {
+        CNVDBRegSet set;
+        ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
+    }
+    EXPECT_EQ((std::vector<std::string>{"> CNVDBRegSet::Open", "U writing new version number: <2.1>", "<",
+                                        "> CNVDBRegSet::Open", "<"}),
+              trace.Lines());
+}
+
+TEST_F(RegSetTest, OpenOfADatabaseWithoutVersionTracesTheStamp)
+{
+    TraceCapture trace;
+    trace.Start();
+    CNVDBRegSet set;
+    ASSERT_EQ(S_OK, set.Open(L"ELSEWHERE", 0));
+    EXPECT_EQ(1u, trace.Count("U writing new version number: <2.1>"));
+}
+
+TEST_F(RegSetTest, ReadsTraceWhatTheyFoundInNestedScopes)
+{
+    MakeUser();
+    SetBinary(kUserKey, L"Secret", {1}, kView32);
+    SetString(kUserKey, L"Text", L"abc", kView32);
+    CNVDBRegSet set;
+    ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
+    const GUID unknown = {0x76543210, 0, 0, {0, 0, 0, 0, 0, 0, 0, 0}};
+
+    TraceCapture trace;
+    trace.Start();
+    nv::CCryptBlob blob;
+    EXPECT_EQ(S_FALSE, set.ReadField(unknown, L"Secret", blob));
+    EXPECT_EQ(S_FALSE, set.ReadField(kUser, L"Missing", blob));
+    EXPECT_EQ(S_OK, set.ReadField(kUser, L"Secret", blob));
+    EXPECT_EQ(kInvalidData, set.ReadField(kUser, L"Text", blob));
+    EXPECT_EQ((std::vector<std::string>{
+                  "> CNVDBRegSet::ReadField", "> CNVDBRegSet::ReadAnyField", "U key not found", "<", "<",
+                  "> CNVDBRegSet::ReadField", "> CNVDBRegSet::ReadAnyField", "U field not found", "<", "<",
+                  "> CNVDBRegSet::ReadField", "> CNVDBRegSet::ReadAnyField", "U field read ok", "<", "<",
+                  "> CNVDBRegSet::ReadField", "> CNVDBRegSet::ReadAnyField", "E -2147024883 ", "<",
+                  "E -2147024883 ", "<"}),
+              trace.Lines());
+}
+
+TEST_F(RegSetTest, FailuresAreTracedAsResults)
+{
+    TraceCapture trace;
+    trace.Start();
+    CNVDBRegSet set;
+    nv::CCryptBlob blob;
+    std::vector<std::wstring> fields;
+    EXPECT_EQ(E_FAIL, set.ReadField(kUser, L"x", blob));
+    EXPECT_EQ(E_FAIL, set.EnumFields(kUser, fields));
+    ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
+    EXPECT_EQ(kFileNotFound, set.EnumFields(kUser, fields));
+    EXPECT_EQ((std::vector<std::string>{"> CNVDBRegSet::ReadField", "E -2147467259 ", "<",
+                                        "> CNVDBRegSet::EnumFields", "E -2147467259 ", "<",
+                                        "> CNVDBRegSet::Open", "U writing new version number: <2.1>", "<",
+                                        "> CNVDBRegSet::EnumFields", "E -2147024894 ", "<"}),
+              trace.Lines());
+}
+
+TEST_F(RegSetTest, ScopesAreOfTheChattyLevel)
+{
+    TraceCapture trace;
+    trace.Start(9);
+    CNVDBRegSet set;
+    ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
+    { NVTraceNS::CTraceScope probe("probe", 9); }
+    EXPECT_EQ((std::vector<std::string>{"> probe", "<"}), trace.Lines());
 }

@@ -8,6 +8,7 @@
 #include <wincrypt.h>
 #include <comdef.h>
 #include <gtest/gtest.h>
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -15,7 +16,12 @@
 
 #include "common/handles.h"
 #include "converter3/secretpacking.h"
+#include "legacydb/userextractor.h"
 #include "secret_keys.h"
+#include "support/legacy_support.h"
+#include "support/registry_sandbox.h"
+#include "support/trace_capture.h"
+#include "writer/db20_writer.h"
 
 namespace {
 
@@ -633,4 +639,220 @@ TEST_F(EncryptExTest, AProviderWithoutKeyExchangeKeyFailsAndTheBlobKeepsItsConte
     EXPECT_EQ(NTE_NO_KEY, EncryptEx(blob, empty.get(), 0, CALG_3DES));
     EXPECT_EQ(before, blob.pbData);
     EXPECT_EQ(kPlain, ToBytes(blob));
+}
+
+// ---- trace lines ---------------------------------------------------------------------
+
+namespace {
+
+class SecretPackingTraceTest : public nvtest::TraceCaptureTest {
+protected:
+    bool TraceHolds(const std::wstring& text) const
+    {
+        const std::vector<std::uint8_t> file = trace.Bytes();
+        const std::string narrow(text.begin(), text.end());
+        const auto* wide = reinterpret_cast<const std::uint8_t*>(text.data());
+        const std::vector<std::uint8_t> wideBytes(wide, wide + text.size() * sizeof(wchar_t));
+        return std::search(file.begin(), file.end(), narrow.begin(), narrow.end()) != file.end() ||
+               std::search(file.begin(), file.end(), wideBytes.begin(), wideBytes.end()) != file.end() ||
+               [&] {
+                   for (const std::string& line : trace.Lines())
+                       if (line.find(narrow) != std::string::npos)
+                           return true;
+                   return false;
+               }();
+    }
+};
+
+} // namespace
+
+TEST_F(SecretPackingTraceTest, UnpackTracesSizeItemsVersionAndTheCombinedFlagWithTwoBlanks)
+{
+    Unpacked u;
+    const Bytes content = Scrambled(Seq({Uint(4), Bmp(L"Tr4ced?"), Bmp(L"8642")}));
+    Unpack(content, u);
+    ASSERT_EQ(S_OK, u.hr);
+    EXPECT_EQ((std::vector<std::string>{"> UnpackPasswordAndPin()",
+                                        "U Primary data size = " + std::to_string(content.size()),
+                                        "U pSeq->cValue = 3", "U ulCurrentVersion = 4", "U bCombinedSecret  = 0",
+                                        "<"}),
+              trace.Lines())
+        << trace.Dump();
+    EXPECT_FALSE(TraceHolds(L"Tr4ced?"));
+    EXPECT_FALSE(TraceHolds(L"8642"));
+}
+
+TEST_F(SecretPackingTraceTest, UnpackTracesItsFailureCodes)
+{
+    Unpacked empty;
+    Unpack({}, empty);
+    EXPECT_EQ((std::vector<std::string>{"> UnpackPasswordAndPin()", "U Primary data size = 0", "E -2147024894 ", "<"}),
+              trace.Lines())
+        << trace.Dump();
+
+    nvtest::TraceCapture second;
+    second.Start();
+    Unpacked none;
+    Unpack(Scrambled(Seq({})), none);
+    EXPECT_EQ((std::vector<std::string>{"> UnpackPasswordAndPin()", "U Primary data size = 2", "U pSeq->cValue = 0",
+                                        "E -2146893819 ", "<"}),
+              second.Lines())
+        << second.Dump();
+
+    nvtest::TraceCapture third;
+    third.Start();
+    Unpacked v10;
+    Unpack(Scrambled(Seq({Uint(10), Bmp(L"pw")})), v10);
+    EXPECT_EQ((std::vector<std::string>{"> UnpackPasswordAndPin()", "U Primary data size = 11", "U pSeq->cValue = 2",
+                                        "U ulCurrentVersion = 10", "E -2146893819 ", "<"}),
+              third.Lines())
+        << third.Dump();
+}
+
+TEST_F(SecretPackingTraceTest, PackPasswordTracesTheByteCountAndNotThePassword)
+{
+    nv::CCryptBlob blob;
+    PackPassword(L"abc", blob);
+    nv::CCryptBlob longer;
+    PackPassword(L"n0t-in-trace", longer);
+    EXPECT_EQ((std::vector<std::string>{"> PackPassword()", "U Data size = 13", "<", "> PackPassword()",
+                                        "U Data size = 31", "<"}),
+              trace.Lines())
+        << trace.Dump();
+    EXPECT_FALSE(TraceHolds(L"n0t-in-trace"));
+}
+
+TEST_F(SecretPackingTraceTest, EncryptExScopeShowsOnlyAtVerbosityTen)
+{
+    nv::unique_hcryptprov prov;
+    ASSERT_TRUE(::CryptAcquireContextW(prov.put(), nullptr, L"Microsoft Enhanced Cryptographic Provider v1.0",
+                                       PROV_RSA_FULL, CRYPT_VERIFYCONTEXT));
+    nv::unique_hcryptkey exchange;
+    ASSERT_TRUE(::CryptGenKey(prov.get(), AT_KEYEXCHANGE, 1024u << 16, exchange.put()));
+
+    nv::CCryptBlob blob(kPlain.data(), static_cast<DWORD>(kPlain.size()));
+    ASSERT_EQ(S_OK, EncryptEx(blob, prov.get(), exchange.get(), CALG_3DES));
+    EXPECT_EQ((std::vector<std::string>{"> EncryptEx", "<"}), trace.Lines()) << trace.Dump();
+
+    // Below verbosity 10 the scope stays out of the file (which starts afresh);
+    // a failure's code is written whatever the verbosity.
+    trace.SetVerbosity(9);
+    nv::CCryptBlob quiet(kPlain.data(), static_cast<DWORD>(kPlain.size()));
+    ASSERT_EQ(S_OK, EncryptEx(quiet, prov.get(), exchange.get(), CALG_3DES));
+    nv::CCryptBlob failing(kPlain.data(), static_cast<DWORD>(kPlain.size()));
+    EXPECT_EQ(NTE_BAD_ALGID, EncryptEx(failing, prov.get(), exchange.get(), CALG_SHA1));
+    EXPECT_EQ((std::vector<std::string>{"E -2146893816 "}), trace.Lines()) << trace.Dump();
+}
+
+// ---- combined secrets written by the 2.0 writer ----------------------------------------
+
+namespace {
+
+class CombinedSecretFromWriterTest : public nvtest::RegistrySandbox {
+protected:
+    void SetUp() override
+    {
+        RegistrySandbox::SetUp();
+        m_containers.Track(GUID_NULL);
+    }
+    nvtest::MachineContainers m_containers;
+};
+
+// The logon info secret of a model user, made if the model has none.
+nvwriter::Db20Secret& LogonInfo(nvwriter::Db20User& user)
+{
+    for (nvwriter::Db20Secret& s : user.secrets)
+        if (s.valueName == nvwriter::kDb20LogonInfoSecret)
+            return s;
+    nvwriter::Db20Secret s;
+    s.valueName = s.name = nvwriter::kDb20LogonInfoSecret;
+    s.headerGuid = {0x11111111, 0x2222, 0x3333, {4, 4, 5, 5, 6, 6, 7, 7}};
+    s.guid = {0x88888888, 0x9999, 0xAAAA, {0xB, 0xB, 0xC, 0xC, 0xD, 0xD, 0xE, 0xE}};
+    s.combined = true;
+    user.secrets.push_back(s);
+    return user.secrets.back();
+}
+
+void SetCombined(nvwriter::Db20Secret& s, DWORD version, bool hasPassword, const std::wstring& password, bool hasPin,
+                 const std::wstring& pin)
+{
+    s.combined = true;
+    s.combinedVersion = version;
+    s.hasPassword = hasPassword;
+    s.password = password;
+    s.hasPin = hasPin;
+    s.pin = pin;
+    s.content = nvwriter::EncodeDb20CombinedSecret(s);
+}
+
+} // namespace
+
+TEST_F(CombinedSecretFromWriterTest, GetContentThenUnpackGivesTheWritersPasswordAndPin)
+{
+    nvwriter::Db20Options options;
+    options.seed = 73;
+    options.userCount = 12;
+    options.domainCount = 1;
+    nvwriter::Db20Database db = nvwriter::MakeDb20Database(options);
+    ASSERT_GE(db.users.size(), 4u);
+    // Besides the writer's own mix, the corners: version 9 with no PIN item, empty
+    // password and PIN items, the version alone.
+    SetCombined(LogonInfo(db.users[0]), 1, true, L"Writer-P@ss w\u00F6rd", true, L"2468");
+    SetCombined(LogonInfo(db.users[1]), 9, true, L"nine", false, L"");
+    SetCombined(LogonInfo(db.users[2]), 3, true, L"", true, L"");
+    SetCombined(LogonInfo(db.users[3]), 2, false, L"", false, L"");
+    m_containers.Track(db.hostId);
+    ASSERT_EQ(S_OK, nvwriter::WriteDb20Database(db));
+
+    LegacyNVDB2::CLocalDBUserExtractor extractor;
+    NV_USER_RECORD* users = nullptr;
+    DWORD count = 0;
+    ASSERT_EQ(S_OK, extractor.EnumerateUsers(&users, &count));
+    ASSERT_EQ(db.users.size(), count);
+    size_t checked = 0;
+    for (DWORD i = 0; i < count; ++i) {
+        const nvwriter::Db20User* model = nullptr;
+        for (const nvwriter::Db20User& u : db.users)
+            if (IsEqualGUID(u.guid, users[i].guidUser))
+                model = &u;
+        ASSERT_NE(nullptr, model);
+        const nvwriter::Db20Secret* expected = nullptr;
+        for (const nvwriter::Db20Secret& s : model->secrets)
+            if (s.valueName == nvwriter::kDb20LogonInfoSecret && s.combined)
+                expected = &s;
+        if (!expected)
+            continue;
+        SCOPED_TRACE(nvtest::Narrow(model->userName));
+
+        LegacyNVDB2::CNVSecretMap secrets;
+        ASSERT_EQ(S_OK, extractor.InternalLoadSecretsToMap(users[i], secrets));
+        auto it = secrets.find(_bstr_t(L"SystemLogonInfo"));
+        ASSERT_NE(secrets.end(), it);
+        DWORD cb = 0;
+        BYTE* pb = nullptr;
+        ASSERT_TRUE(it->second->GetContent(nullptr, &cb, &pb));
+        CRYPT_DATA_BLOB content{cb, pb};
+        EXPECT_EQ(expected->content, ToBytes(content));
+
+        Unpacked u;
+        u.hr = UnpackPasswordAndPin(&content, &u.password, &u.pin);
+        ::SecureZeroMemory(pb, cb);
+        ::CoTaskMemFree(pb);
+        ASSERT_EQ(S_OK, u.hr);
+        if (expected->hasPassword || expected->hasPin) {
+            ASSERT_NE(nullptr, u.password);
+            EXPECT_EQ(expected->password, Str(u.password));
+        } else {
+            EXPECT_EQ(nullptr, u.password);
+        }
+        if (expected->hasPin && !expected->pin.empty()) {
+            ASSERT_NE(nullptr, u.pin);
+            EXPECT_EQ(expected->pin, Str(u.pin));
+        } else {
+            EXPECT_EQ(nullptr, u.pin);
+        }
+        ++checked;
+    }
+    EXPECT_EQ(S_OK, extractor.FreeUsers(users));
+    EXPECT_GE(checked, 4u);
 }

@@ -14,6 +14,8 @@
 #include "security/securitycontext.h"
 #include "support/key_containers.h"
 #include "support/registry_sandbox.h"
+#include "support/signed_records.h"
+#include "support/trace_capture.h"
 #include "writer/host_provisioning.h"
 
 using namespace nvtest;
@@ -57,11 +59,6 @@ std::string ProviderOf(HCRYPTPROV prov)
     if (!::CryptGetProvParam(prov, PP_NAME, reinterpret_cast<BYTE*>(name), &cb, 0))
         return "<none>";
     return name;
-}
-
-std::vector<BYTE> Bytes(const CRYPT_DATA_BLOB& b)
-{
-    return std::vector<BYTE>(b.pbData, b.pbData + b.cbData);
 }
 
 // Owns a blob a context handed out.
@@ -166,82 +163,6 @@ public:
 private:
     bool m_ok = false;
 };
-
-// The public key of a provider's key exchange key as a PUBLICKEYBLOB.
-std::vector<BYTE> PublicKeyBlobOf(HCRYPTPROV prov)
-{
-    nv::unique_hcryptkey key;
-    EXPECT_TRUE(::CryptGetUserKey(prov, AT_KEYEXCHANGE, key.put()));
-    DWORD cb = 0;
-    EXPECT_TRUE(::CryptExportKey(key.get(), 0, PUBLICKEYBLOB, 0, nullptr, &cb));
-    std::vector<BYTE> blob(cb);
-    EXPECT_TRUE(::CryptExportKey(key.get(), 0, PUBLICKEYBLOB, 0, blob.data(), &cb));
-    blob.resize(cb);
-    return blob;
-}
-
-// Checks an RSA signature over data by hashing with the given algorithm and
-// verifying with the public key of an independent handle. sigBigEndian is the
-// signature as DER carries it.
-bool SignatureMatches(const GUID& container, ALG_ID hashAlg, const std::vector<BYTE>& data,
-                      std::vector<BYTE> sigBigEndian)
-{
-    nv::unique_hcryptprov prov;
-    if (!::CryptAcquireContextW(prov.put(), nullptr, nvwriter::kHostKeyProvider, PROV_RSA_FULL,
-                                CRYPT_VERIFYCONTEXT))
-        return false;
-    nv::unique_hcryptprov owner = nvwriter::OpenMachineContainer(container);
-    std::vector<BYTE> pub = PublicKeyBlobOf(owner.get());
-    nv::unique_hcryptkey key;
-    if (!::CryptImportKey(prov.get(), pub.data(), static_cast<DWORD>(pub.size()), 0, 0, key.put()))
-        return false;
-    HCRYPTHASH hash = 0;
-    if (!::CryptCreateHash(prov.get(), hashAlg, 0, 0, &hash))
-        return false;
-    bool ok = ::CryptHashData(hash, data.data(), static_cast<DWORD>(data.size()), 0);
-    std::reverse(sigBigEndian.begin(), sigBigEndian.end());
-    ok = ok && ::CryptVerifySignatureW(hash, sigBigEndian.data(), static_cast<DWORD>(sigBigEndian.size()), key.get(),
-                                       nullptr, 0);
-    ::CryptDestroyHash(hash);
-    return ok;
-}
-
-struct DecodedCert {
-    std::vector<BYTE> toBeSigned;
-    std::string oid;
-    DWORD cbParameters = 0;
-    std::vector<BYTE> signature; // as encoded (big-endian)
-    DWORD unusedBits = 0;
-};
-
-bool DecodeCert(const std::vector<BYTE>& der, DecodedCert* out)
-{
-    DWORD cb = 0;
-    if (!::CryptDecodeObject(kDer, X509_CERT, der.data(), static_cast<DWORD>(der.size()), 0,
-                             nullptr, &cb))
-        return false;
-    std::vector<BYTE> buffer(cb);
-    if (!::CryptDecodeObject(kDer, X509_CERT, der.data(), static_cast<DWORD>(der.size()),
-                             0, buffer.data(), &cb))
-        return false;
-    auto* info = reinterpret_cast<CERT_SIGNED_CONTENT_INFO*>(buffer.data());
-    out->toBeSigned.assign(info->ToBeSigned.pbData, info->ToBeSigned.pbData + info->ToBeSigned.cbData);
-    out->oid = info->SignatureAlgorithm.pszObjId ? info->SignatureAlgorithm.pszObjId : "";
-    out->cbParameters = info->SignatureAlgorithm.Parameters.cbData;
-    // The decoder hands the signature back in the provider's (reversed) order.
-    out->signature.assign(info->Signature.pbData, info->Signature.pbData + info->Signature.cbData);
-    std::reverse(out->signature.begin(), out->signature.end());
-    out->unusedBits = info->Signature.cUnusedBits;
-    return true;
-}
-
-std::vector<BYTE> Concat(std::initializer_list<std::vector<BYTE>> parts)
-{
-    std::vector<BYTE> all;
-    for (const auto& p : parts)
-        all.insert(all.end(), p.begin(), p.end());
-    return all;
-}
 
 // A small DER value to sign: SEQUENCE { INTEGER 5, OCTET STRING "abc" }.
 const std::vector<BYTE> kToBeSigned = {0x30, 0x08, 0x02, 0x01, 0x05, 0x04, 0x03, 'a', 'b', 'c'};
@@ -573,8 +494,8 @@ TEST_F(SecurityContextTest, GetPublicKeyIsTheDerSubjectPublicKeyInfoOfTheKeyExch
         modulus,
         {0x02, 0x03, 0x01, 0x00, 0x01}, // exponent 65537
     });
-    EXPECT_EQ(expected, Bytes(pk));
-    EXPECT_EQ(ProvisionedHostTest::PublicKeyOf(kTestHostId), Bytes(pk));
+    EXPECT_EQ(expected, BlobBytes(pk));
+    EXPECT_EQ(ProvisionedHostTest::PublicKeyOf(kTestHostId), BlobBytes(pk));
 }
 
 TEST_F(SecurityContextTest, GetPublicKeyWithoutProviderFailsAndLeavesTheBlobAlone)
@@ -596,7 +517,7 @@ TEST_F(SecurityContextTest, SignBlobWithoutOidSignsWithMd5RsaAsAnX509CertStructu
     TaskBlob out;
     ASSERT_EQ(S_OK, ctx.SignBLOB(&in, &out, ctx.m_hProv, AT_KEYEXCHANGE, nullptr));
 
-    const std::vector<BYTE> record = Bytes(out);
+    const std::vector<BYTE> record = BlobBytes(out);
     ASSERT_EQ(4u + kToBeSigned.size() + 13 + 5 + 256, record.size());
     const std::vector<BYTE> head = {0x30, 0x82, 0x01, 0x1C};
     const std::vector<BYTE> algorithm = {0x30, 0x0B, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x04};
@@ -604,15 +525,15 @@ TEST_F(SecurityContextTest, SignBlobWithoutOidSignsWithMd5RsaAsAnX509CertStructu
     const std::vector<BYTE> signature(record.end() - 256, record.end());
     EXPECT_EQ(Concat({head, kToBeSigned, algorithm, signatureHead, signature}), record);
 
-    DecodedCert cert;
-    ASSERT_TRUE(DecodeCert(record, &cert));
+    SignedRecord cert;
+    ASSERT_TRUE(DecodeSignedRecord(record, &cert));
     EXPECT_EQ(kToBeSigned, cert.toBeSigned);
     EXPECT_EQ("1.2.840.113549.1.1.4", cert.oid);
     EXPECT_EQ(0u, cert.cbParameters);
     EXPECT_EQ(0u, cert.unusedBits);
     EXPECT_EQ(signature, cert.signature);
-    EXPECT_TRUE(SignatureMatches(kTestHostId, CALG_MD5, kToBeSigned, signature));
-    EXPECT_FALSE(SignatureMatches(kTestHostId, CALG_SHA1, kToBeSigned, signature));
+    EXPECT_TRUE(RsaSignatureMatches(kTestHostId, CALG_MD5, kToBeSigned, signature));
+    EXPECT_FALSE(RsaSignatureMatches(kTestHostId, CALG_SHA1, kToBeSigned, signature));
 }
 
 TEST_F(SecurityContextTest, SignBlobUsesTheCallersOid)
@@ -622,11 +543,11 @@ TEST_F(SecurityContextTest, SignBlobUsesTheCallersOid)
     CRYPT_DATA_BLOB in{static_cast<DWORD>(kToBeSigned.size()), const_cast<BYTE*>(kToBeSigned.data())};
     TaskBlob out;
     ASSERT_EQ(S_OK, ctx.SignBLOB(&in, &out, ctx.m_hProv, AT_KEYEXCHANGE, szOID_RSA_SHA1RSA));
-    DecodedCert cert;
-    ASSERT_TRUE(DecodeCert(Bytes(out), &cert));
+    SignedRecord cert;
+    ASSERT_TRUE(DecodeSignedRecord(BlobBytes(out), &cert));
     EXPECT_EQ("1.2.840.113549.1.1.5", cert.oid);
     EXPECT_EQ(0u, cert.cbParameters);
-    EXPECT_TRUE(SignatureMatches(kTestHostId, CALG_SHA1, kToBeSigned, cert.signature));
+    EXPECT_TRUE(RsaSignatureMatches(kTestHostId, CALG_SHA1, kToBeSigned, cert.signature));
     EXPECT_EQ(S_OK, ctx.Verify(&out, nullptr));
 }
 
@@ -639,10 +560,10 @@ TEST_F(SecurityContextTest, SignBlobWithAnotherProviderSignsWithThatProvidersKey
     CRYPT_DATA_BLOB in{static_cast<DWORD>(kToBeSigned.size()), const_cast<BYTE*>(kToBeSigned.data())};
     TaskBlob out;
     ASSERT_EQ(S_OK, ctx.SignBLOB(&in, &out, other.get(), AT_KEYEXCHANGE, nullptr));
-    DecodedCert cert;
-    ASSERT_TRUE(DecodeCert(Bytes(out), &cert));
-    EXPECT_TRUE(SignatureMatches(kOtherHostId, CALG_MD5, kToBeSigned, cert.signature));
-    EXPECT_FALSE(SignatureMatches(kTestHostId, CALG_MD5, kToBeSigned, cert.signature));
+    SignedRecord cert;
+    ASSERT_TRUE(DecodeSignedRecord(BlobBytes(out), &cert));
+    EXPECT_TRUE(RsaSignatureMatches(kOtherHostId, CALG_MD5, kToBeSigned, cert.signature));
+    EXPECT_FALSE(RsaSignatureMatches(kTestHostId, CALG_MD5, kToBeSigned, cert.signature));
 }
 
 TEST_F(SecurityContextTest, SignBlobFailuresLeaveTheOutBlobAlone)
@@ -679,7 +600,7 @@ protected:
         CRYPT_DATA_BLOB in{static_cast<DWORD>(kToBeSigned.size()), const_cast<BYTE*>(kToBeSigned.data())};
         TaskBlob out;
         ASSERT_EQ(S_OK, m_ctx.SignBLOB(&in, &out, m_ctx.m_hProv, AT_KEYEXCHANGE, nullptr));
-        m_signed = Bytes(out);
+        m_signed = BlobBytes(out);
     }
     void TearDown() override
     {
@@ -762,4 +683,79 @@ TEST_F(SecurityContextTest, VerifyWithoutProviderOrKeyFails)
     std::vector<BYTE> record = {0x30, 0x00};
     CRYPT_DATA_BLOB s{2, record.data()};
     EXPECT_EQ(E_INVALIDARG, ctx.Verify(&s, nullptr));
+}
+
+// ---- trace ------------------------------------------------------------------------
+
+TEST_F(SecurityContextTest, TraceShowsEachOperationsScope)
+{
+    TraceCapture trace;
+    trace.Start(10);
+    {
+        CFPSecurityContext ctx;
+        ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+        HCRYPTPROV lent = 0;
+        EXPECT_EQ(S_OK, ctx.GetContext(&lent));
+        TaskBlob pk;
+        EXPECT_EQ(S_OK, ctx.GetPublicKey(&pk));
+        CRYPT_DATA_BLOB in{static_cast<DWORD>(kToBeSigned.size()), const_cast<BYTE*>(kToBeSigned.data())};
+        TaskBlob out;
+        EXPECT_EQ(S_OK, ctx.SignBLOB(&in, &out, ctx.m_hProv, AT_KEYEXCHANGE, nullptr));
+        EXPECT_EQ(S_OK, ctx.Verify(&out, nullptr));
+    }
+    EXPECT_EQ((std::vector<std::string>{
+                  "> CFPSecurityContext::FinalConstruct", "<",
+                  "> CFPSecurityContext::GetContext", "<",
+                  "> CFPSecurityContext::GetPublicKey", "<",
+                  "> SignBLOB", "<",
+                  "> CFPSecurityContext::Verify", "<",
+                  "> CFPSecurityContext::FinalRelease", "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(SecurityContextTest, TraceRecordsFailuresButNotABadSignature)
+{
+    DeleteContainerIfPresent(kTestHostId);
+    TraceCapture trace;
+    trace.Start(10);
+    CFPSecurityContext ctx;
+    EXPECT_EQ(kBadKeyset, ctx.FinalConstruct(kView32));
+    std::vector<BYTE> garbage = {0x01, 0x02};
+    CRYPT_DATA_BLOB g{2, garbage.data()};
+    EXPECT_EQ(static_cast<HRESULT>(0x8009310B), ctx.Verify(&g, &g));
+    m_containers.Create(kTestHostId);
+    ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+    EXPECT_EQ(S_FALSE, ctx.Verify(&g, nullptr));
+    EXPECT_EQ((std::vector<std::string>{
+                  "> CFPSecurityContext::FinalConstruct", "E -2146893802 ", "<",
+                  "> CFPSecurityContext::Verify", "E -2146881269 ", "<",
+                  "> CFPSecurityContext::FinalConstruct", "<",
+                  "> CFPSecurityContext::Verify", "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(SecurityContextTest, LowLevelScopesNeedVerbosityTenButTheirFailuresAlwaysShow)
+{
+    TraceCapture trace;
+    trace.Start(0);
+    {
+        CFPSecurityContext ctx;
+        ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+        HCRYPTPROV lent = 0;
+        EXPECT_EQ(S_OK, ctx.GetContext(&lent));
+        CRYPT_DATA_BLOB in{static_cast<DWORD>(kToBeSigned.size()), const_cast<BYTE*>(kToBeSigned.data())};
+        TaskBlob out;
+        EXPECT_EQ(static_cast<HRESULT>(0x8009000D), ctx.SignBLOB(&in, &out, ctx.m_hProv, AT_SIGNATURE, nullptr));
+    }
+    EXPECT_EQ((std::vector<std::string>{
+                  "> CFPSecurityContext::FinalConstruct", "<",
+                  "E -2146893811 ",
+                  "> CFPSecurityContext::FinalRelease", "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
 }

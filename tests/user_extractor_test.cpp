@@ -13,10 +13,11 @@
 #include "common/handles.h"
 #include "legacydb/secretrecord.h"
 #include "legacydb/userextractor.h"
-#include "support/legacy_support.h"
+#include "support/key_containers.h"
 #include "support/registry_sandbox.h"
+#include "support/trace_capture.h"
 #include "writer/db20_der.h"
-#include "writer/db20_host.h"
+#include "writer/host_provisioning.h"
 #include "writer/db20_writer.h"
 
 using namespace nvtest;
@@ -29,7 +30,16 @@ namespace {
 constexpr HRESULT kBadData = static_cast<HRESULT>(0x80090005);
 constexpr const wchar_t kDataUsers[] = L"SOFTWARE\\Norvane\\DB\\Data\\Users";
 constexpr const wchar_t kHostKey[] = L"SOFTWARE\\Norvane\\NVHOST";
-constexpr const wchar_t kProvider[] = L"Microsoft Enhanced Cryptographic Provider v1.0";
+
+std::wstring GuidText(const GUID& g)
+{
+    return ContainerName(g); // the braced registry form
+}
+
+std::vector<BYTE> BlobBytes(const CRYPT_DATA_BLOB& b)
+{
+    return b.pbData ? std::vector<BYTE>(b.pbData, b.pbData + b.cbData) : std::vector<BYTE>();
+}
 
 std::wstring UserKey(const GUID& g)
 {
@@ -130,13 +140,7 @@ protected:
     }
 
     // A provider on the database's container, for hand-made records.
-    nv::unique_hcryptprov Provider(const Db20Database& db)
-    {
-        nv::unique_hcryptprov prov;
-        EXPECT_TRUE(::CryptAcquireContextW(prov.put(), GuidText(db.hostId).c_str(), kProvider, PROV_RSA_FULL,
-                                           CRYPT_MACHINE_KEYSET));
-        return prov;
-    }
+    nv::unique_hcryptprov Provider(const Db20Database& db) { return OpenMachineContainer(db.hostId); }
 
     void ExpectUser(const Db20User& expected, const NV_USER_RECORD& actual)
     {
@@ -195,7 +199,7 @@ protected:
         }
     }
 
-    MachineContainers m_containers;
+    ContainerJanitor m_containers;
 };
 
 Db20Options SmallOptions(std::uint32_t seed, unsigned users)
@@ -236,7 +240,7 @@ TEST_F(UserExtractorTest, ConstructionWithoutTheHostKeyLeavesNoContainerAndEnume
 
 TEST_F(UserExtractorTest, AMissingHostIdValueLeavesNoContainerEvenWhenTheZeroContainerExists)
 {
-    Db20CreateMachineContainer(GUID_NULL);
+    m_containers.Create(GUID_NULL);
     CreateKeyPath(kHostKey, kView32);
     CLocalDBUserExtractor extractor;
     EXPECT_EQ(0u, extractor.GetProvider());
@@ -244,7 +248,7 @@ TEST_F(UserExtractorTest, AMissingHostIdValueLeavesNoContainerEvenWhenTheZeroCon
 
 TEST_F(UserExtractorTest, AnEmptyShortOrStringHostIdNamesTheZeroGuidContainer)
 {
-    Db20CreateMachineContainer(GUID_NULL);
+    m_containers.Create(GUID_NULL);
     const std::wstring zero = L"{00000000-0000-0000-0000-000000000000}";
 
     SetBinary(kHostKey, L"HostId", {}, kView32);
@@ -268,8 +272,7 @@ TEST_F(UserExtractorTest, AnEmptyShortOrStringHostIdNamesTheZeroGuidContainer)
 TEST_F(UserExtractorTest, TheHostIdIsReadInNetworkByteOrder)
 {
     const GUID host = {0x01020304, 0x0506, 0x0708, {0x09, 0x0A, 0x0B, 0x0C, 0x0D, 0x0E, 0x0F, 0x10}};
-    m_containers.Track(host);
-    Db20CreateMachineContainer(host);
+    m_containers.Create(host);
     SetBinary(kHostKey, L"HostId", {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16}, kView32);
     CLocalDBUserExtractor extractor;
     EXPECT_EQ(L"{01020304-0506-0708-090A-0B0C0D0E0F10}", ContainerOf(extractor.GetProvider()));
@@ -592,7 +595,12 @@ TEST_F(UserExtractorTest, SecretFieldsOfOddShapesAreDecodedLeniently)
     const Db20User& u = db.users[0];
     nv::unique_hcryptprov prov = Provider(db);
     const FILETIME when{0, 0x01D00000};
-    auto record = [&](const DerBytes& data) { return Db20ExportRecord(prov.get(), data, db.hostId, u.guid, when); };
+    auto record = [&](const DerBytes& data) {
+        ExportRecordItems items;
+        items.data = data;
+        items.time = when;
+        return MakeExportRecord(prov.get(), items);
+    };
     using namespace der20;
     const GUID g = {0x11111111, 0x2222, 0x3333, {0x44, 0x44, 0x44, 0x44, 0x44, 0x44, 0x44, 0x44}};
     const DerBytes header = Seq({GuidOctets(g), Uint(kDb20SecretTypeCode), Uint(3)});
@@ -719,4 +727,144 @@ TEST_F(UserExtractorTest, TwoHundredUserDatabaseReadsBackExactly)
     EXPECT_GT(templates, 300u);
     EXPECT_GT(secrets, 300u);
     EXPECT_EQ(S_OK, extractor.FreeUsers(users));
+}
+
+TEST_F(UserExtractorTest, ConstructionErrorsAreOnlyTraced)
+{
+    TraceCapture trace;
+    trace.Start();
+    {
+        CLocalDBUserExtractor extractor;
+        EXPECT_EQ(0u, extractor.GetProvider());
+    }
+    CreateKeyPath(kHostKey, kView32);
+    {
+        CLocalDBUserExtractor extractor;
+    }
+    SetBinary(kHostKey, L"HostId", {}, kView32);
+    {
+        // No container of the zero GUID here: acquiring fails after the empty value's line.
+        CLocalDBUserExtractor extractor;
+        EXPECT_EQ(0u, extractor.GetProvider());
+    }
+    EXPECT_EQ((std::vector<std::string>{
+                  "> CLocalDBUserExtractor::CLocalDBUserExtractor", "E -2147024894 ", "<",
+                  "> CLocalDBUserExtractor::CLocalDBUserExtractor", "E -2147024894 ", "<",
+                  "> CLocalDBUserExtractor::CLocalDBUserExtractor", "U HostId value is empty", "E -2146893802 ", "<"}),
+              trace.Lines());
+}
+
+TEST_F(UserExtractorTest, SkippedKeysAreTracedWithTheirNames)
+{
+    Db20Options options = SmallOptions(27, 1);
+    Db20Database db = Write(options);
+    const GUID stringValue = {0x7FFFFFFF, 0, 0, {0, 0, 0, 0, 0, 0, 0, 1}};
+    const GUID noValue = {0x7FFFFFFF, 0, 0, {0, 0, 0, 0, 0, 0, 0, 2}};
+    SetString(UserKey(stringValue).c_str(), L"", L"text", kView32);
+    CreateKeyPath(UserKey(noValue).c_str(), kView32);
+
+    TraceCapture trace;
+    trace.Start();
+    CLocalDBUserExtractor extractor;
+    NV_USER_RECORD* users = nullptr;
+    DWORD count = 0;
+    ASSERT_EQ(S_OK, extractor.EnumerateUsers(&users, &count));
+    EXPECT_EQ(S_OK, extractor.FreeUsers(users));
+
+    const std::vector<std::string> scope = trace.LinesInScope("CLocalDBUserExtractor::EnumerateUsers");
+    const std::vector<std::string> skipped(scope.end() - 4, scope.end());
+    EXPECT_EQ((std::vector<std::string>{"U cannot get data from key: <" + Narrow(GuidText(stringValue)) + ">",
+                                        "E -2147024883 ",
+                                        "U cannot get data from key: <" + Narrow(GuidText(noValue)) + ">",
+                                        "E -2147024894 "}),
+              skipped)
+        << trace.Dump();
+    EXPECT_EQ(1u, trace.Count("> CLocalDBUserExtractor::ParseUserBlob"));
+}
+
+TEST_F(UserExtractorTest, AKeyThatCannotBeOpenedIsTracedAndSkipped)
+{
+    Db20Database db = Write(SmallOptions(28, 0));
+    const GUID locked = {0x7FFFFFFF, 0, 0, {0, 0, 0, 0, 0, 0, 0, 3}};
+    CreateKeyPath(UserKey(locked).c_str(), kView32);
+    auto setDacl = [&](const wchar_t* sddl) {
+        HKEY key = nullptr;
+        ASSERT_EQ(ERROR_SUCCESS, ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, UserKey(locked).c_str(), 0,
+                                                 WRITE_DAC | KEY_WOW64_32KEY, &key));
+        PSECURITY_DESCRIPTOR sd = nullptr;
+        ASSERT_TRUE(::ConvertStringSecurityDescriptorToSecurityDescriptorW(sddl, SDDL_REVISION_1, &sd, nullptr));
+        EXPECT_EQ(ERROR_SUCCESS, ::RegSetKeySecurity(key, DACL_SECURITY_INFORMATION, sd));
+        ::LocalFree(sd);
+        ::RegCloseKey(key);
+    };
+    setDacl(L"D:P");
+
+    TraceCapture trace;
+    trace.Start();
+    CLocalDBUserExtractor extractor;
+    NV_USER_RECORD* users = nullptr;
+    DWORD count = 0;
+    EXPECT_EQ(S_OK, extractor.EnumerateUsers(&users, &count));
+    EXPECT_EQ(1u, count);
+    EXPECT_EQ((std::vector<std::string>{"U cannot open key: <" + Narrow(GuidText(locked)) + ">", "E -2147024891 "}),
+              trace.LinesInScope("CLocalDBUserExtractor::EnumerateUsers"));
+    EXPECT_EQ(S_OK, extractor.FreeUsers(users));
+    setDacl(L"D:(A;;KA;;;BA)");
+}
+
+TEST_F(UserExtractorTest, ACorruptSealIsTheEnumerationsTracedResult)
+{
+    Db20Options options = SmallOptions(29, 1);
+    options.defects = {{0, Db20Defect::WrongMagic}};
+    Write(options);
+    TraceCapture trace;
+    trace.Start();
+    CLocalDBUserExtractor extractor;
+    NV_USER_RECORD* users = nullptr;
+    DWORD count = 0;
+    EXPECT_EQ(kBadData, extractor.EnumerateUsers(&users, &count));
+    EXPECT_EQ(S_OK, extractor.FreeUsers(users));
+    EXPECT_EQ((std::vector<std::string>{"E -2146893819 "}), trace.LinesInScope("CLocalDBUserExtractor::EnumerateUsers"));
+}
+
+TEST_F(UserExtractorTest, FreeUsersTracesInvalidArgument)
+{
+    CLocalDBUserExtractor extractor;
+    TraceCapture trace;
+    trace.Start();
+    EXPECT_EQ(E_INVALIDARG, extractor.FreeUsers(nullptr));
+    EXPECT_EQ((std::vector<std::string>{"> CLocalDBUserExtractor::FreeUsers", "E -2147024809 ", "<"}), trace.Lines());
+}
+
+TEST_F(UserExtractorTest, GetContentTracesEachStepAndNoSecret)
+{
+    Db20Database db = MakeDb20Database(SmallOptions(30, 1));
+    db.users[0].secrets.resize(1);
+    Db20Secret& s = db.users[0].secrets[0];
+    s.combined = false;
+    s.content = {'p', 'a', 's', 's', 'w', 'o', 'r', 'd', '4', '2'};
+    WriteModel(db);
+    CLocalDBUserExtractor extractor;
+    NV_USER_RECORD* users = nullptr;
+    DWORD count = 0;
+    ASSERT_EQ(S_OK, extractor.EnumerateUsers(&users, &count));
+    CNVSecretMap secrets;
+    ASSERT_EQ(S_OK, extractor.InternalLoadSecretsToMap(users[0], secrets));
+    EXPECT_EQ(S_OK, extractor.FreeUsers(users));
+    ASSERT_EQ(1u, secrets.size());
+
+    TraceCapture trace;
+    trace.Start();
+    bool produced = false;
+    EXPECT_EQ(s.content, ContentOf(*secrets.begin()->second, &produced));
+    const std::vector<std::string> lines = trace.LinesInScope("CNVSecret::GetContent");
+    const std::vector<std::string> own = {"U Encryption context created", "U Secret copied", "U Decrypting Secret...",
+                                          "U Secret decrypted", "U Secret ready to be returned"};
+    std::vector<std::string> ownLines;
+    for (const std::string& line : lines)
+        if (std::find(own.begin(), own.end(), line) != own.end())
+            ownLines.push_back(line);
+    EXPECT_EQ(own, ownLines) << trace.Dump();
+    for (const std::string& line : trace.AllLines())
+        EXPECT_EQ(std::string::npos, line.find("password42")) << line;
 }

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "legacydb/userextractor.h"
-#include "support/legacy_support.h"
 #include "support/registry_sandbox.h"
+#include "support/trace_capture.h"
 #include "writer/db20_der.h"
 #include "writer/db20_writer.h"
 
@@ -564,4 +564,58 @@ TEST_F(UserRecordTest, TheFirstListStoredUnderASidStays)
     ASSERT_NE(nullptr, list);
     ASSERT_EQ(1u, list->size());
     ExpectTemplate(kept, *(*list)[0]);
+}
+
+TEST_F(UserRecordTest, TheWalkTracesTheEntryCountAndEachFingerprintEntry)
+{
+    Db20User user = BaseUser();
+    user.credentials.push_back(Other(1, 0));
+    user.credentials.push_back(Fingerprint(0x1, {MakeTemplate(0, 0x01, 4)}));
+    user.credentials.push_back(Other(3, 0));
+    user.credentials.push_back(Fingerprint(0x2, {MakeTemplate(1, 0x02, 4)}));
+    const DerBytes blob = EncodeDb20UserBlob(0, user);
+    TraceCapture trace;
+    trace.Start();
+    Parse(blob);
+    EXPECT_EQ((std::vector<std::string>{"> CLocalDBUserExtractor::ParseUserBlob",
+                                        "> CLocalDBUserExtractor::GetAccountControl", "<",
+                                        "U # of template types: 4",
+                                        "U template type 1, cred id: 2, fingerprint",
+                                        "U template type 3, cred id: 2, fingerprint", "<"}),
+              trace.Lines());
+}
+
+TEST_F(UserRecordTest, EntryCountZeroTracesZeroTemplateTypes)
+{
+    const DerBytes blob = Wrap(der20::Seq({StandardHeader(), der20::Uint(0)}));
+    TraceCapture trace;
+    trace.Start();
+    Parse(blob);
+    EXPECT_EQ((std::vector<std::string>{"> CLocalDBUserExtractor::ParseUserBlob",
+                                        "> CLocalDBUserExtractor::GetAccountControl", "<",
+                                        "U # of template types: 0", "<"}),
+              trace.Lines());
+}
+
+TEST_F(UserRecordTest, TheMisreadEntryIsTracedUnderItsOwnIndex)
+{
+    Db20User user = BaseUser();
+    user.credentials.push_back(Other(1, 3, {der20::Uint(2), der20::Uint(1), TemplateItem(MakeTemplate(0, 1, 1))}));
+    user.credentials.push_back(Other(4, 0));
+    const DerBytes blob = EncodeDb20UserBlob(0, user);
+    TraceCapture trace;
+    trace.Start();
+    Parse(blob);
+    EXPECT_EQ(1u, trace.Count("U template type 1, cred id: 2, fingerprint"));
+    EXPECT_EQ(1u, trace.Count("U # of template types: 2"));
+}
+
+TEST_F(UserRecordTest, AMissingHeaderIsTracedAsInvalidArgument)
+{
+    NV_USER_RECORD r{};
+    TraceCapture trace;
+    trace.Start();
+    EXPECT_EQ(E_INVALIDARG, m_extractor.GetAccountControl(nullptr, &r, &r.pSid, &r.dwAccountControl));
+    EXPECT_EQ((std::vector<std::string>{"> CLocalDBUserExtractor::GetAccountControl", "E -2147024809 ", "<"}),
+              trace.Lines());
 }

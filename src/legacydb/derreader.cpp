@@ -1,6 +1,7 @@
 #include "legacydb/derreader.h"
 
 #include <cstring>
+#include "security/securitycontext.h"
 
 namespace LegacyNVDB2 {
 
@@ -83,22 +84,10 @@ DWORD ReadSignedNumber(DerView item)
     return LowBytesToDword(blob->pbData, blob->cbData);
 }
 
-GUID GuidFromNetworkBytes(const BYTE* pb, DWORD cb) noexcept
-{
-    GUID g{};
-    if (cb != 16 || !pb)
-        return g;
-    g.Data1 = (DWORD(pb[0]) << 24) | (DWORD(pb[1]) << 16) | (DWORD(pb[2]) << 8) | DWORD(pb[3]);
-    g.Data2 = static_cast<WORD>((pb[4] << 8) | pb[5]);
-    g.Data3 = static_cast<WORD>((pb[6] << 8) | pb[7]);
-    std::memcpy(g.Data4, pb + 8, 8);
-    return g;
-}
-
 GUID ReadGuid(DerView item)
 {
     Bytes content = ReadOctets(item);
-    return GuidFromNetworkBytes(content.data(), static_cast<DWORD>(content.size()));
+    return nvsecurity::GuidFromNetworkBytes(content.data(), static_cast<DWORD>(content.size()));
 }
 
 FILETIME ReadTime(DerView item)

@@ -72,16 +72,13 @@ Bytes ReadOctets(DerView item);
 DWORD ReadNumber(DerView item);
 // X509_MULTI_BYTE_INTEGER: same rule, no sign extension.
 DWORD ReadSignedNumber(DerView item);
-// Octets of exactly 16 bytes in network byte order; anything else the zero GUID.
+// Octets of exactly 16 bytes in network byte order (the host identifier's GUID
+// form); anything else the zero GUID.
 GUID ReadGuid(DerView item);
 // X509_CHOICE_OF_TIME.
 FILETIME ReadTime(DerView item);
 // X509_NAME_VALUE of the string types 3 to 9, 12 and 13, read as zero-terminated
 // UTF-16 within the value's bytes; other types give the empty string.
 std::wstring ReadText(DerView item);
-
-// 16 bytes in network byte order (Data1, Data2, Data3 most significant first, then
-// Data4 as it stands); any other length gives the zero GUID.
-GUID GuidFromNetworkBytes(const BYTE* pb, DWORD cb) noexcept;
 
 } // namespace LegacyNVDB2

@@ -97,9 +97,9 @@ CLocalDBUserExtractor::CLocalDBUserExtractor() noexcept
         if (cb == 0)
             NVTraceNS::Trace(scope, 0, "HostId value is empty");
 
-        const GUID hostId = GuidFromNetworkBytes(value.data(), static_cast<DWORD>(value.size()));
-        wchar_t container[64] = {};
-        ::StringFromGUID2(hostId, container, 64);
+        const GUID hostId = nvsecurity::GuidFromNetworkBytes(value.data(), static_cast<DWORD>(value.size()));
+        wchar_t container[nvsecurity::kContainerNameChars] = {};
+        nvsecurity::FormatContainerName(hostId, container);
         HCRYPTPROV hProv = 0;
         nv::ThrowLastErrorIf(!::CryptAcquireContextW(&hProv, container, nvsecurity::kProviderName, PROV_RSA_FULL,
                                                      CRYPT_MACHINE_KEYSET));

@@ -250,8 +250,7 @@ bool CallerIsPrivileged() noexcept
     const auto* groups = reinterpret_cast<const TOKEN_GROUPS*>(buffer.data());
     for (DWORD i = 0; i < groups->GroupCount; ++i) {
         const SID_AND_ATTRIBUTES& g = groups->Groups[i];
-        if ((g.Attributes & SE_GROUP_ENABLED) && !(g.Attributes & SE_GROUP_USE_FOR_DENY_ONLY) &&
-            ::EqualSid(g.Sid, admins))
+        if (!(g.Attributes & SE_GROUP_USE_FOR_DENY_ONLY) && ::EqualSid(g.Sid, admins))
             return true;
     }
     return false;

@@ -89,6 +89,7 @@ void FormatContainerName(const GUID& hostId, wchar_t (&name)[kContainerNameChars
 
 // The privilege test for replacing access lists: the caller's effective token (the
 // thread's when impersonating, else the process's) belongs to LocalSystem or holds
-// the Administrators group enabled (a deny-only group does not count).
+// the Administrators group (a deny-only group, as in a restricted token, does not
+// count). The same rule as the base converter's access grant.
 bool CallerIsPrivileged() noexcept;
 }

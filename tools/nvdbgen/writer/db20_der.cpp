@@ -1,7 +1,7 @@
 #include "writer/db20_der.h"
 
-#include <cstring>
 #include "common/hresult.h"
+#include "writer/host_provisioning.h"
 
 namespace nvwriter {
 namespace der20 {
@@ -31,6 +31,10 @@ DerBytes UintBytes(const DerBytes& littleEndian)
 
 DerBytes Int(LONG value)
 {
+    // Wine's integer encoder reads before its buffer when every byte is 0xFF: -1 is
+    // written out here in its one-byte DER form.
+    if (value == -1)
+        return DerBytes{0x02, 0x01, 0xFF};
     const DWORD v = static_cast<DWORD>(value);
     BYTE le[4] = {BYTE(v), BYTE(v >> 8), BYTE(v >> 16), BYTE(v >> 24)};
     CRYPT_INTEGER_BLOB blob{4, le};
@@ -45,17 +49,7 @@ DerBytes Octets(const BYTE* pb, DWORD cb)
 
 DerBytes GuidNetworkBytes(const GUID& g)
 {
-    DerBytes b(16);
-    b[0] = BYTE(g.Data1 >> 24);
-    b[1] = BYTE(g.Data1 >> 16);
-    b[2] = BYTE(g.Data1 >> 8);
-    b[3] = BYTE(g.Data1);
-    b[4] = BYTE(g.Data2 >> 8);
-    b[5] = BYTE(g.Data2);
-    b[6] = BYTE(g.Data3 >> 8);
-    b[7] = BYTE(g.Data3);
-    std::memcpy(&b[8], g.Data4, 8);
-    return b;
+    return HostIdBytes(g);
 }
 
 DerBytes GuidOctets(const GUID& g)

@@ -7,7 +7,7 @@
 #include "common/regkey.h"
 #include "common/tea_cfb.h"
 #include "secret_keys.h"
-#include "writer/db20_host.h"
+#include "writer/host_provisioning.h"
 
 namespace nvwriter {
 
@@ -173,9 +173,10 @@ void ApplyDefect(Db20Database& db, size_t index, Db20Defect defect)
     if (defect == Db20Defect::MissingActCtrl)
         user.writeActCtrl = false;
     if (defect == Db20Defect::DuplicateSid && index > 0) {
-        // Both users share the policy key; the account control is the one written last.
+        // Both users share the policy key, so they share what it holds.
         user.sidText = db.users[index - 1].sidText;
         user.accountControl = db.users[index - 1].accountControl;
+        user.writeActCtrl = db.users[index - 1].writeActCtrl;
     }
 }
 
@@ -193,9 +194,22 @@ void SetDword(HKEY key, const wchar_t* name, DWORD value)
 
 std::wstring GuidText(const GUID& g)
 {
-    wchar_t text[64] = {};
-    ::StringFromGUID2(g, text, 64);
-    return text;
+    return ContainerNameOf(g); // the braced registry form
+}
+
+// X509_CERT over the to-be-signed bytes. With a provider, signed with md5RSA by its
+// key-exchange key; with none, a filler signature that verifies against no key.
+DerBytes SignedEnvelope(HCRYPTPROV hProv, const std::vector<DerBytes>& items)
+{
+    if (hProv)
+        return MakeSignedSequence(hProv, items);
+    const DerBytes toBeSigned = der20::Seq(items);
+    DerBytes signature(256, 0xA5);
+    CERT_SIGNED_CONTENT_INFO info{};
+    info.ToBeSigned = {static_cast<DWORD>(toBeSigned.size()), const_cast<BYTE*>(toBeSigned.data())};
+    info.SignatureAlgorithm = {const_cast<LPSTR>(kMd5RsaOid), {0, nullptr}};
+    info.Signature = {static_cast<DWORD>(signature.size()), signature.data(), 0};
+    return der20::Encode(X509_CERT, &info);
 }
 
 void WriteStore(const std::wstring& storePath, DWORD userList, const Db20Database& db, const std::wstring& store)
@@ -218,7 +232,7 @@ DerBytes TemplateItem(const Db20Template& t)
     return Octets(Seq({Seq({info, Int(t.headerValue)}), Octets(t.data)}));
 }
 
-void WriteUser(HCRYPTPROV hProv, const GUID& hostId, const Db20User& user)
+void WriteUser(HCRYPTPROV hProv, const Db20User& user)
 {
     {
         nv::CNVRegKey policy;
@@ -249,7 +263,11 @@ void WriteUser(HCRYPTPROV hProv, const GUID& hostId, const Db20User& user)
 
     for (const Db20Secret& secret : user.secrets) {
         const DerBytes record = EncodeDb20SecretRecord(secret, SealDb20Content(hProv, secret.content));
-        SetBinary(key, secret.valueName.c_str(), Db20ExportRecord(hProv, record, hostId, user.guid, user.times[1]));
+        // As the old product wrote them: empty identifier bit strings.
+        ExportRecordItems items;
+        items.data = record;
+        items.time = user.times[1];
+        SetBinary(key, secret.valueName.c_str(), MakeExportRecord(hProv, items));
     }
     if (!user.accountControlField.empty()) {
         const DWORD v = user.accountControl;
@@ -388,7 +406,7 @@ DerBytes EncodeDb20UserList(const Db20User& user)
 DerBytes EncodeDb20UserBlob(HCRYPTPROV hProv, const Db20User& user)
 {
     using namespace der20;
-    return Db20SignedEnvelope(hProv, Seq({Octets(EncodeDb20UserList(user)), Uint(kDb20RecordVersion)}));
+    return SignedEnvelope(hProv, {Octets(EncodeDb20UserList(user)), Uint(kDb20RecordVersion)});
 }
 
 DerBytes SealDb20Content(HCRYPTPROV hProv, const std::vector<BYTE>& plain)
@@ -466,18 +484,14 @@ std::vector<BYTE> EncodeDb20CombinedSecret(const Db20Secret& secret)
 HRESULT WriteDb20Users(const Db20Database& db) noexcept
 {
     return nv::Guarded([&]() -> HRESULT {
-        Db20WriteHostId(db.hostId);
-        Db20CreateMachineContainer(db.hostId);
-        nv::unique_hcryptprov prov;
-        nv::ThrowLastErrorIf(!::CryptAcquireContextW(prov.put(), Db20ContainerName(db.hostId).c_str(),
-                                                     L"Microsoft Enhanced Cryptographic Provider v1.0", PROV_RSA_FULL,
-                                                     CRYPT_MACHINE_KEYSET));
+        ProvisionHost(db.hostId, KEY_WOW64_32KEY);
+        const nv::unique_hcryptprov prov = OpenMachineContainer(db.hostId);
         {
             nv::CNVRegKey users;
             nv::ThrowIfWin32Failed(users.Create(HKEY_LOCAL_MACHINE, kDataUsersPath, kWriteMask));
         }
         for (const Db20User& user : db.users)
-            WriteUser(prov.get(), db.hostId, user);
+            WriteUser(prov.get(), user);
         return S_OK;
     });
 }
@@ -504,7 +518,7 @@ HRESULT WriteDb20Database(const Db20Database& db) noexcept
 
 HRESULT DeleteDb20Container(const Db20Database& db) noexcept
 {
-    return Db20DeleteMachineContainer(db.hostId);
+    return nv::Guarded([&]() -> HRESULT { return DeleteMachineContainer(db.hostId) ? S_OK : S_FALSE; });
 }
 
 } // namespace nvwriter

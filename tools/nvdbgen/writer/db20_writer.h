@@ -21,6 +21,8 @@
 // User list: account header (9 items), entry count, then per entry credential id,
 // template position mask and, for fingerprint entries, one template item per set bit.
 //
+// Secrets are stored as the old product stored them: signed export records whose
+// identifier bit strings are empty (see host_provisioning.h).
 // Secret record (the data of the export record): SEQUENCE OF ANY { header { GUID,
 // type code, value }, GUID, name, OCTET STRING sealed content }; with the older type
 // code item 1 is the older description { version 1, name, GUID, flags } and item 2 is
@@ -149,7 +151,7 @@ HRESULT WriteDb20Database(const Db20Database& db) noexcept;
 // writer for databases that already hold 2.0-style users.
 HRESULT WriteDb20Users(const Db20Database& db) noexcept;
 
-// Removes the database's machine container (S_OK when it is not there).
+// Removes the database's machine container (S_FALSE when it is not there).
 HRESULT DeleteDb20Container(const Db20Database& db) noexcept;
 
 // Pieces, for tests that hand-make records.

@@ -47,8 +47,9 @@ enum class DbFormat { V10, V20 };
 
 struct DbOptions {
     DbFormat format = DbFormat::V10;
-    // Users in the name indexes, spread round-robin over the machine's store and
-    // the domains (user i goes to store i % (domains + 1), store 0 the machine).
+    // Users in the name indexes, spread evenly over the machine's store and the
+    // domains (the machine's first; the first users % (domains + 1) stores get one
+    // more).
     unsigned users = 12;
     // Cached domains under Cache; 0 writes no Cache key at all.
     unsigned domains = 2;
@@ -64,7 +65,7 @@ struct DbOptions {
     std::wstring dbPath = kDefaultDbPath;
 
     // Format 1.0 details (edge cases beyond these: DbWriter's removals and setters).
-    // One in `slashEvery` user names ends in '/' (0: none).
+    // About one in `slashEvery` user names ends in '/' (0: none).
     unsigned slashEvery = 4;
     // Per-user keys beside the name index (Users\<GUID> with a few values).
     bool userKeys = true;

@@ -35,8 +35,9 @@ if(NOT listing MATCHES "${header_re}")
     message(FATAL_ERROR "header not as expected")
 endif()
 # Readable scopes, lines and results: "mm/dd/yy hh:mm:ss.mmm  thread  <indent>kind text".
-set(prefix "\n[0-9][0-9]/[0-9][0-9]/[0-9][0-9] [0-9][0-9]:[0-9][0-9]:[0-9][0-9]\\.[0-9][0-9][0-9] +[0-9]+  ")
-foreach(kind_re "> [A-Za-z]" "  +U [^\n]" "  +E -?[0-9]+ " "<\n")
+set(prefix "\n[0-9][0-9]/[0-9][0-9]/[0-9][0-9] ([0-9][0-9]:[0-9][0-9]:[0-9][0-9]\\.[0-9][0-9][0-9]|--:--:--\\.---) +[0-9]+  ")
+foreach(kind_re "> CDBConverter::FinalConstruct\n" "  +U wszVersion = 3\\.0\n" "  +E -2147024894 \n" "<\n"
+                "N [0-9][0-9]-[0-9][0-9]-[0-9][0-9][0-9][0-9]\n")
     if(NOT listing MATCHES "${prefix} *${kind_re}")
         message(FATAL_ERROR "no record matching '${kind_re}' in the listing")
     endif()

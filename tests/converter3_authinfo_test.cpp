@@ -1,0 +1,128 @@
+// CNVPasswordAuthInfo: the 40-byte header, the strings at their places, and the
+// encoded copy taken byte for byte, pointers included.
+#include <windows.h>
+#include <gtest/gtest.h>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "common/cryptblob.h"
+#include "common/hresult.h"
+#include "converter3/authinfo.h"
+
+namespace {
+
+uint32_t U32(const BYTE* p, size_t off)
+{
+    uint32_t v;
+    std::memcpy(&v, p + off, 4);
+    return v;
+}
+uint16_t U16(const BYTE* p, size_t off)
+{
+    uint16_t v;
+    std::memcpy(&v, p + off, 2);
+    return v;
+}
+uint64_t U64(const BYTE* p, size_t off)
+{
+    uint64_t v;
+    std::memcpy(&v, p + off, 8);
+    return v;
+}
+
+std::vector<BYTE> Bytes(const BYTE* p, size_t cb) { return std::vector<BYTE>(p, p + cb); }
+
+std::vector<BYTE> Utf16WithTerminator(const std::wstring& s)
+{
+    std::vector<BYTE> out((s.size() + 1) * 2, 0);
+    std::memcpy(out.data(), s.c_str(), s.size() * 2);
+    return out;
+}
+
+} // namespace
+
+TEST(PasswordAuthInfoTest, HeaderAndStringsOfKindZeroWithPasswordTwice)
+{
+    CNVPasswordAuthInfo info(0, L"Secret1", L"Secret1");
+    const BYTE* p = info.Data();
+    ASSERT_NE(nullptr, p);
+    // 40 + (7 * 2 + 2) * 2
+    ASSERT_EQ(72u, info.Size());
+
+    EXPECT_EQ(0u, U32(p, 0));
+    EXPECT_EQ(0u, U32(p, 4));
+
+    EXPECT_EQ(14u, U16(p, 8));
+    EXPECT_EQ(16u, U16(p, 10));
+    EXPECT_EQ(0u, U32(p, 12));
+    EXPECT_EQ(reinterpret_cast<uint64_t>(p + 40), U64(p, 16));
+
+    EXPECT_EQ(14u, U16(p, 24));
+    EXPECT_EQ(16u, U16(p, 26));
+    EXPECT_EQ(0u, U32(p, 28));
+    EXPECT_EQ(reinterpret_cast<uint64_t>(p + 56), U64(p, 32));
+
+    EXPECT_EQ(Utf16WithTerminator(L"Secret1"), Bytes(p + 40, 16));
+    EXPECT_EQ(Utf16WithTerminator(L"Secret1"), Bytes(p + 56, 16));
+}
+
+TEST(PasswordAuthInfoTest, SecondStringFollowsTheFirstMaximumLength)
+{
+    CNVPasswordAuthInfo info(0x11223344, L"a", L"long one");
+    const BYTE* p = info.Data();
+    ASSERT_EQ(40u + 4u + 18u, info.Size());
+    EXPECT_EQ(0x11223344u, U32(p, 0));
+    EXPECT_EQ(0u, U32(p, 4));
+    EXPECT_EQ(2u, U16(p, 8));
+    EXPECT_EQ(4u, U16(p, 10));
+    EXPECT_EQ(reinterpret_cast<uint64_t>(p + 40), U64(p, 16));
+    EXPECT_EQ(16u, U16(p, 24));
+    EXPECT_EQ(18u, U16(p, 26));
+    EXPECT_EQ(reinterpret_cast<uint64_t>(p + 44), U64(p, 32));
+    EXPECT_EQ(Utf16WithTerminator(L"a"), Bytes(p + 40, 4));
+    EXPECT_EQ(Utf16WithTerminator(L"long one"), Bytes(p + 44, 18));
+}
+
+TEST(PasswordAuthInfoTest, EmptyAndNullStringsTakeOnlyTheirTerminator)
+{
+    CNVPasswordAuthInfo info(0, L"", nullptr);
+    const BYTE* p = info.Data();
+    ASSERT_EQ(44u, info.Size());
+    EXPECT_EQ(0u, U16(p, 8));
+    EXPECT_EQ(2u, U16(p, 10));
+    EXPECT_EQ(reinterpret_cast<uint64_t>(p + 40), U64(p, 16));
+    EXPECT_EQ(0u, U16(p, 24));
+    EXPECT_EQ(2u, U16(p, 26));
+    EXPECT_EQ(reinterpret_cast<uint64_t>(p + 42), U64(p, 32));
+    EXPECT_EQ((std::vector<BYTE>{0, 0, 0, 0}), Bytes(p + 40, 4));
+}
+
+TEST(PasswordAuthInfoTest, EncodedFormIsAByteCopyWithThePointersIntoTheObjectsBlock)
+{
+    CNVPasswordAuthInfo info(0, L"pw", L"pw");
+    nv::CCryptBlob blob;
+    blob.Assign(reinterpret_cast<const BYTE*>("old"), 3);
+    info.Encode(blob);
+    ASSERT_EQ(info.Size(), blob.cbData);
+    ASSERT_NE(info.Data(), blob.pbData);
+    EXPECT_EQ(Bytes(info.Data(), info.Size()), Bytes(blob.pbData, blob.cbData));
+    // The copied pointers still name the strings in the object's block.
+    EXPECT_EQ(reinterpret_cast<uint64_t>(info.Data() + 40), U64(blob.pbData, 16));
+    EXPECT_EQ(reinterpret_cast<uint64_t>(info.Data() + 46), U64(blob.pbData, 32));
+}
+
+TEST(PasswordAuthInfoTest, StringTooLongForTheLengthFieldsIsRefused)
+{
+    // 32766 characters: 65532 bytes, maximum 65534 - fits.
+    std::wstring fits(32766, L'x');
+    EXPECT_NO_THROW(CNVPasswordAuthInfo(0, fits.c_str(), L""));
+    std::wstring tooLong(32767, L'x');
+    try {
+        CNVPasswordAuthInfo info(0, tooLong.c_str(), L"");
+        FAIL() << "no exception";
+    } catch (const _com_error& e) {
+        EXPECT_EQ(E_INVALIDARG, e.Error());
+    }
+}
