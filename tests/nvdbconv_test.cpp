@@ -1,0 +1,974 @@
+// nvdbconv, the command line host of NVDBConv.dll: run as its own process under
+// Wine as a user would run it (every command, text and --json output, exit codes,
+// the rollback refusal, bad arguments), plus its in-process parts: the progress
+// poller, the JSON writer, and the test support's JSON reader that checks it.
+#include <windows.h>
+#include <gtest/gtest.h>
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "nv_version.h"
+#include "nvdbconv/cli.h"
+#include "nvdbconv/json.h"
+#include "nvdbconv/progress.h"
+#include "nvdbconv/results.h"
+#include "nvstore_inspect.h"
+#include "nvtracelib.h"
+#include "support/dll_loader.h"
+#include "support/json_reader.h"
+#include "support/legacy_db_tree.h"
+#include "support/legacy_support.h"
+#include "support/process_runner.h"
+#include "support/registry_sandbox.h"
+#include "support/store_sandbox.h"
+#include "writer/db20_writer.h"
+#include "writer/legacy_writer.h"
+
+using namespace nvtest;
+
+namespace {
+
+constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
+constexpr const wchar_t kUsers[] = L"SOFTWARE\\Norvane\\DB\\Data\\Users";
+constexpr const wchar_t kBackup10[] = L"SOFTWARE\\Norvane\\DB-v1.0";
+constexpr const wchar_t kTracing[] = L"SOFTWARE\\Norvane\\Tracing";
+constexpr const wchar_t kComponents[] = L"SOFTWARE\\Norvane\\Core\\SysComponents";
+
+std::wstring NvdbconvExe() { return ExeDirectory() + L"nvdbconv.exe"; }
+std::wstring LibraryPath() { return ExeDirectory() + L"NVDBConv.dll"; }
+std::string LibraryPathU8() { return Narrow(LibraryPath()); }
+
+ProcessRun Nvdbconv(const std::wstring& args)
+{
+    ProcessRun run = RunProcess(QuoteArg(NvdbconvExe()) + L" " + args);
+    EXPECT_TRUE(run.started) << "nvdbconv.exe did not start";
+    EXPECT_FALSE(run.timedOut) << Narrow(args);
+    return run;
+}
+
+JsonValue Json(const ProcessRun& run)
+{
+    JsonValue doc;
+    std::string error;
+    EXPECT_TRUE(ParseJson(run.out, &doc, &error)) << error << "\n" << run.out;
+    return doc;
+}
+
+bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+std::vector<std::string> Lines(const std::string& text)
+{
+    std::vector<std::string> lines;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos)
+            end = text.size();
+        lines.push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    return lines;
+}
+
+// "  label           value", as the host lays out its text rows.
+std::string Row(const std::string& label, const std::string& value)
+{
+    std::string line = "  " + label;
+    line.resize(std::max<size_t>(line.size(), 17), ' ');
+    return line + " " + value;
+}
+
+std::string Described(HRESULT hr) { return nvdbconv::DescribeResult(hr); }
+
+nvwriter::DbRecord Write10(unsigned users = 6, unsigned domains = 1, REGSAM view = KEY_WOW64_32KEY)
+{
+    nvwriter::DbOptions options;
+    options.users = users;
+    options.domains = domains;
+    options.view = view;
+    options.wipe = true;
+    nvwriter::DbRecord record;
+    EXPECT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    return record;
+}
+
+void CheckResult(const JsonValue& result, HRESULT hr)
+{
+    char hex[16];
+    std::snprintf(hex, sizeof(hex), "0x%08lX", static_cast<unsigned long>(hr));
+    EXPECT_EQ(hex, result["hr"].Text());
+    EXPECT_EQ(static_cast<long>(hr), result["code"].Int());
+    EXPECT_EQ(nvdbconv::SystemMessage(hr), result["message"].Text());
+    EXPECT_EQ(SUCCEEDED(hr), result["ok"].Bool());
+    EXPECT_TRUE(result["ok"].IsBool());
+}
+
+DWORD SessionOfThisProcess()
+{
+    DWORD session = 0;
+    ::ProcessIdToSessionId(::GetCurrentProcessId(), &session);
+    return session;
+}
+
+std::wstring TempDirectory(const wchar_t* name)
+{
+    wchar_t tmp[MAX_PATH] = {};
+    ::GetTempPathW(MAX_PATH, tmp);
+    std::wstring dir = std::wstring(tmp) + name + std::to_wstring(::GetCurrentProcessId());
+    ::CreateDirectoryW(dir.c_str(), nullptr);
+    return dir;
+}
+
+void RemoveDirectoryTree(const std::wstring& dir)
+{
+    WIN32_FIND_DATAW data;
+    HANDLE find = ::FindFirstFileW((dir + L"\\*").c_str(), &data);
+    if (find != INVALID_HANDLE_VALUE) {
+        do {
+            if (data.cFileName[0] != L'.')
+                ::DeleteFileW((dir + L"\\" + data.cFileName).c_str());
+        } while (::FindNextFileW(find, &data));
+        ::FindClose(find);
+    }
+    ::RemoveDirectoryW(dir.c_str());
+}
+
+} // namespace
+
+// ---- bad arguments and help ------------------------------------------------------
+
+class NvdbconvCliTest : public RegistrySandbox {};
+
+TEST_F(NvdbconvCliTest, BadArgumentsExitWith2AndAShortUsageWithoutTouchingAnything)
+{
+    const std::pair<const wchar_t*, const char*> cases[] = {
+        {L"", "no command given"},
+        {L"frobnicate", "unknown command 'frobnicate'"},
+        {L"--bogus status", "unknown option '--bogus'"},
+        {L"status --dll", "--dll needs a value"},
+        {L"status extra", "unexpected 'extra'"},
+        {L"trace", "trace needs on or off"},
+        {L"trace sideways", "trace takes on or off, not 'sideways'"},
+        {L"trace on now", "unexpected 'now'"},
+        {L"trace off --verbosity 3", "--verbosity, --file, --append and --new-file go with trace on"},
+        {L"status --verbosity 3", "--verbosity, --file, --append and --new-file go with trace on"},
+        {L"trace on --verbosity -1", "--verbosity takes a number from 0 to 4294967295, not '-1'"},
+        {L"trace on --verbosity 12x", "--verbosity takes a number from 0 to 4294967295, not '12x'"},
+        {L"trace on --append --new-file", "--append and --new-file exclude each other"},
+        {L"convert --force", "--force goes with rollback"},
+        {L"status --progress always", "--progress goes with convert"},
+        {L"convert --progress sometimes", "--progress takes auto, always or never, not 'sometimes'"},
+        {L"--json=yes status", "--json takes no value"},
+    };
+    for (const auto& [args, message] : cases) {
+        ProcessRun run = Nvdbconv(args);
+        EXPECT_EQ(2u, run.exitCode) << Narrow(args);
+        EXPECT_EQ("", run.out) << Narrow(args);
+        EXPECT_EQ(std::string("nvdbconv: ") + message + "\n" + nvdbconv::ShortUsageText(), run.err) << Narrow(args);
+    }
+    EXPECT_FALSE(KeyExists(kTracing, kView64));
+    EXPECT_FALSE(KeyExists(kTracing, kView32));
+}
+
+TEST_F(NvdbconvCliTest, HelpPrintsTheFullUsageAndExits0)
+{
+    for (const wchar_t* args : {L"--help", L"-h", L"help", L"status --help"}) {
+        ProcessRun run = Nvdbconv(args);
+        EXPECT_EQ(0u, run.exitCode) << Narrow(args);
+        EXPECT_EQ(nvdbconv::UsageText(), run.out) << Narrow(args);
+        EXPECT_EQ("", run.err);
+    }
+    EXPECT_TRUE(Contains(nvdbconv::UsageText(), "exit codes: 0 done, 1 a call failed, 2 usage error, 3 rollback refused"));
+}
+
+TEST(NvdbconvCommandLineTest, OptionsGoBeforeOrAfterTheCommandAndTakeInlineValues)
+{
+    auto parsed = nvdbconv::ParseCommandLine({L"--json", L"convert", L"--progress=always", L"--dll", L"x.dll"});
+    ASSERT_TRUE(parsed.ok) << parsed.error;
+    EXPECT_EQ(nvdbconv::Command::Convert, parsed.options.command);
+    EXPECT_TRUE(parsed.options.json);
+    EXPECT_FALSE(parsed.options.quiet);
+    EXPECT_EQ(nvdbconv::ProgressMode::Always, parsed.options.progress);
+    EXPECT_EQ(L"x.dll", parsed.options.dll);
+
+    parsed = nvdbconv::ParseCommandLine({L"trace", L"on", L"--file=C:\\t.trc3", L"--verbosity", L"10", L"--append"});
+    ASSERT_TRUE(parsed.ok) << parsed.error;
+    EXPECT_EQ(nvdbconv::Command::Trace, parsed.options.command);
+    EXPECT_TRUE(parsed.options.traceOn);
+    ASSERT_TRUE(parsed.options.verbosity.has_value());
+    EXPECT_EQ(10u, *parsed.options.verbosity);
+    ASSERT_TRUE(parsed.options.file.has_value());
+    EXPECT_EQ(L"C:\\t.trc3", *parsed.options.file);
+    ASSERT_TRUE(parsed.options.newFileAlways.has_value());
+    EXPECT_EQ(0u, *parsed.options.newFileAlways);
+
+    parsed = nvdbconv::ParseCommandLine({L"rollback", L"--force", L"-q"});
+    ASSERT_TRUE(parsed.ok) << parsed.error;
+    EXPECT_TRUE(parsed.options.force);
+    EXPECT_TRUE(parsed.options.quiet);
+    EXPECT_EQ(nvdbconv::ProgressMode::Auto, parsed.options.progress);
+}
+
+// ---- status ------------------------------------------------------------------------
+
+class NvdbconvStatusTest : public RegistrySandbox {};
+
+TEST_F(NvdbconvStatusTest, A10DatabaseInText)
+{
+    Write10(6, 1);
+    ProcessRun run = Nvdbconv(L"status");
+    EXPECT_EQ(0u, run.exitCode) << run.err;
+    EXPECT_EQ("", run.err);
+    const std::vector<std::string> expected = {
+        "nvdbconv status",
+        Row("library", LibraryPathU8()),
+        Row("GetDBVersion", Described(S_OK)),
+        Row("version", "1.0 (0x00010000) -> target 2.0 (0x00020000)"),
+        Row("database", "HKLM\\SOFTWARE\\Norvane\\DB, 32-bit view"),
+        Row("\"Version\"", "\"1.0\" (32-bit view)"),
+        Row("MainDB", "present"),
+        Row("user keys", "none (no Data\\Users key)"),
+        Row("state", "format 1.0: convert rewrites it to 2.0"),
+        Row("backup", "no \"Backup\" value"),
+        Row("backup keys", "DB-v1.0 (32-bit view) absent, DB-v2.0 (64-bit view) absent"),
+        Row("store server", RegisteredStoreServerPath().empty()
+                                ? "not registered (a 2.0 conversion needs it)"
+                                : "registered: " + Narrow(RegisteredStoreServerPath())),
+        Row("trace", "off (no HKLM\\SOFTWARE\\Norvane\\Tracing key)"),
+    };
+    EXPECT_EQ(expected, Lines(run.out));
+}
+
+TEST_F(NvdbconvStatusTest, JsonReportsVersionViewsBackupUsersAndTraceSettings)
+{
+    Write10(6, 1);
+    SetString(kDb, L"Backup", L"SOFTWARE\\Norvane\\DB-v1.0", kView32);
+    CreateKeyPath(kBackup10, kView32);
+    CreateKeyPath(L"SOFTWARE\\Norvane\\DB\\Data\\Users\\{00000000-0000-0000-0000-000000000001}", kView32);
+    CreateKeyPath(L"SOFTWARE\\Norvane\\DB\\Data\\Users\\{00000000-0000-0000-0000-000000000002}", kView32);
+    SetDword(kTracing, L"DoTrace", 1, kView64);
+    SetDword(kTracing, L"Verbosity", 3, kView64);
+    SetDword(kTracing, L"NewFileAlways", 0, kView64);
+    SetString(kTracing, L"FileName", L"C:\\traces\\support.trc3", kView64);
+    SetString(kTracing, L"TracePath", L"C:\\unused", kView64, REG_EXPAND_SZ);
+
+    ProcessRun run = Nvdbconv(L"--json status");
+    EXPECT_EQ(0u, run.exitCode) << run.err;
+    EXPECT_EQ("", run.err);
+    const JsonValue doc = Json(run);
+    EXPECT_EQ("nvdbconv", doc["tool"].Text());
+    EXPECT_EQ("status", doc["command"].Text());
+    EXPECT_EQ(LibraryPathU8(), doc["dll"].Text());
+    CheckResult(doc["load"], S_OK);
+    CheckResult(doc["getDBVersion"]["result"], S_OK);
+    EXPECT_EQ(0x00010000, doc["getDBVersion"]["current"].Int());
+    EXPECT_EQ("1.0", doc["getDBVersion"]["currentText"].Text());
+    EXPECT_EQ(0x00020000, doc["getDBVersion"]["target"].Int());
+    EXPECT_EQ("2.0", doc["getDBVersion"]["targetText"].Text());
+
+    const JsonValue& db = doc["database"];
+    EXPECT_TRUE(db["present"].Bool());
+    ASSERT_EQ(1u, db["views"].Size());
+    EXPECT_EQ("32-bit", db["views"][0].Text());
+    EXPECT_EQ("1.0", db["version"].Text());
+    EXPECT_TRUE(db["mainDB"].Bool());
+    EXPECT_EQ(2, db["userKeys"].Int());
+    EXPECT_EQ("1.0", db["layout"].Text());
+    EXPECT_EQ("SOFTWARE\\Norvane\\DB-v1.0", db["backup"]["value"].Text());
+    EXPECT_TRUE(db["backup"]["DB-v1.0"]["exists"].Bool());
+    EXPECT_EQ("32-bit", db["backup"]["DB-v1.0"]["view"].Text());
+    EXPECT_FALSE(db["backup"]["DB-v2.0"]["exists"].Bool());
+    EXPECT_TRUE(db["backup"]["DB-v2.0"]["exists"].IsBool());
+    EXPECT_EQ("64-bit", db["backup"]["DB-v2.0"]["view"].Text());
+
+    const JsonValue& trace = doc["trace"];
+    EXPECT_TRUE(trace["key"].Bool());
+    EXPECT_EQ("64-bit", trace["view"].Text());
+    EXPECT_EQ(1, trace["DoTrace"].Int());
+    EXPECT_TRUE(trace["TraceToFile"].IsNull());
+    EXPECT_EQ(0, trace["NewFileAlways"].Int());
+    EXPECT_TRUE(trace["DoProfiling"].IsNull());
+    EXPECT_EQ(3, trace["Verbosity"].Int());
+    EXPECT_EQ("C:\\unused", trace["TracePath"].Text());
+    EXPECT_EQ("C:\\traces\\support.trc3", trace["FileName"].Text());
+    EXPECT_TRUE(trace["on"].Bool());
+    EXPECT_TRUE(trace["toFile"].Bool());
+    EXPECT_TRUE(trace["append"].Bool());
+    EXPECT_EQ("C:\\traces\\support.trc3", trace["file"].Text());
+    EXPECT_EQ(0, doc["exitCode"].Int());
+}
+
+TEST_F(NvdbconvStatusTest, NoDatabaseReportsVersionZeroAndNothingToConvert)
+{
+    ProcessRun run = Nvdbconv(L"--json status");
+    EXPECT_EQ(0u, run.exitCode);
+    const JsonValue doc = Json(run);
+    EXPECT_EQ(0, doc["getDBVersion"]["current"].Int());
+    EXPECT_EQ(0, doc["getDBVersion"]["target"].Int());
+    EXPECT_FALSE(doc["database"]["present"].Bool());
+    EXPECT_EQ(0u, doc["database"]["views"].Size());
+    EXPECT_TRUE(doc["database"]["version"].IsNull());
+    EXPECT_TRUE(doc["database"]["userKeys"].IsNull());
+    EXPECT_EQ("none", doc["database"]["layout"].Text());
+
+    run = Nvdbconv(L"status");
+    EXPECT_EQ(0u, run.exitCode);
+    const std::vector<std::string> lines = Lines(run.out);
+    EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(),
+                                     Row("version", "none (0x00000000) -> target none (0x00000000): no converter for "
+                                                    "this database")))
+        << run.out;
+    EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(), Row("state", "no database: nothing to convert")))
+        << run.out;
+}
+
+TEST_F(NvdbconvStatusTest, DatabaseInBothViewsIsReadFromThe64BitViewFirst)
+{
+    Write10(3, 0, KEY_WOW64_32KEY);
+    SetString(kDb, L"Version", L"2.0", kView64);
+    const JsonValue doc = Json(Nvdbconv(L"--json status"));
+    ASSERT_EQ(2u, doc["database"]["views"].Size());
+    EXPECT_EQ("32-bit", doc["database"]["views"][0].Text());
+    EXPECT_EQ("64-bit", doc["database"]["views"][1].Text());
+    EXPECT_EQ("2.0", doc["database"]["version"].Text());
+    EXPECT_EQ(0x00020000, doc["getDBVersion"]["current"].Int());
+}
+
+TEST_F(NvdbconvStatusTest, ALibraryThatDoesNotLoadExits1AndSaysWhy)
+{
+    const std::wstring missing = ExeDirectory() + L"no-such-folder\\NVDBConv.dll";
+    ProcessRun run = Nvdbconv(L"--json --dll " + QuoteArg(missing) + L" status");
+    EXPECT_EQ(1u, run.exitCode);
+    const JsonValue doc = Json(run);
+    EXPECT_EQ(Narrow(missing), doc["dll"].Text());
+    EXPECT_FALSE(doc["load"]["ok"].Bool());
+    EXPECT_TRUE(doc["load"]["ok"].IsBool());
+    EXPECT_EQ(HRESULT_FACILITY(static_cast<HRESULT>(doc["load"]["code"].Int())), FACILITY_WIN32) << run.out;
+    EXPECT_TRUE(doc["getDBVersion"].IsNull());
+    EXPECT_EQ(1, doc["exitCode"].Int());
+
+    run = Nvdbconv(L"--dll " + QuoteArg(missing) + L" status");
+    EXPECT_EQ(1u, run.exitCode);
+    EXPECT_EQ(0u, run.err.find("nvdbconv: cannot load " + Narrow(missing) + ": 0x8007")) << run.err;
+}
+
+// ---- convert, cleanup, rollback on a 1.0 database --------------------------------
+
+class NvdbconvConvertTest : public RegistrySandbox {};
+
+TEST_F(NvdbconvConvertTest, Convert10RewritesTheDatabaseTo20AndReportsIt)
+{
+    nvwriter::DbRecord record = Write10(8, 2);
+    ProcessRun run = Nvdbconv(L"--json convert");
+    EXPECT_EQ(0u, run.exitCode) << run.err;
+    const JsonValue doc = Json(run);
+    CheckResult(doc["convert"], S_OK);
+    EXPECT_EQ("1.0", doc["before"]["version"].Text());
+    EXPECT_EQ("1.0", doc["before"]["layout"].Text());
+    EXPECT_EQ("2.0", doc["after"]["version"].Text());
+    EXPECT_TRUE(doc["after"]["backup"]["value"].IsNull());
+    EXPECT_FALSE(doc["after"]["backup"]["DB-v1.0"]["exists"].Bool());
+    // A 1.0 conversion moves no users: no progress, no users report.
+    EXPECT_TRUE(doc["users"].IsMissing());
+    EXPECT_EQ(0, doc["exitCode"].Int());
+
+    wchar_t computer[MAX_COMPUTERNAME_LENGTH + 1] = {};
+    DWORD cch = MAX_COMPUTERNAME_LENGTH + 1;
+    ASSERT_TRUE(::GetComputerNameExW(ComputerNameNetBIOS, computer, &cch));
+    RegTree expected = ToRegTree(record.ExpectedAfter10To20(computer));
+    RegTree actual = Snapshot(kDb, kView32);
+    EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
+    EXPECT_FALSE(KeyExists(kBackup10, kView32));
+}
+
+TEST_F(NvdbconvConvertTest, ConvertInTextShowsEveryResultAndTheOutcome)
+{
+    Write10(4, 1);
+    ProcessRun run = Nvdbconv(L"convert");
+    EXPECT_EQ(0u, run.exitCode) << run.err;
+    const std::vector<std::string> expected = {
+        "nvdbconv convert",
+        Row("library", LibraryPathU8()),
+        Row("GetDBVersion", Described(S_OK)),
+        Row("version", "1.0 (0x00010000) -> target 2.0 (0x00020000)"),
+        Row("Convert", Described(S_OK)),
+        Row("now", "format 2.0, no users under Data\\Users: convert has nobody to move"),
+        Row("backup", "no \"Backup\" value"),
+    };
+    EXPECT_EQ(expected, Lines(run.out));
+    EXPECT_FALSE(Contains(run.out, "\r")) << "no progress line for a 1.0 conversion";
+}
+
+TEST_F(NvdbconvConvertTest, ConvertWithoutADatabaseFailsWithEFailAndExits1)
+{
+    ProcessRun run = Nvdbconv(L"convert");
+    EXPECT_EQ(1u, run.exitCode);
+    const std::vector<std::string> lines = Lines(run.out);
+    EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(), Row("Convert", Described(E_FAIL)))) << run.out;
+    EXPECT_EQ("nvdbconv: Convert failed: " + Described(E_FAIL) + "\n", run.err);
+    EXPECT_EQ(0u, Described(E_FAIL).find("0x80004005 E_FAIL \""));
+
+    const JsonValue doc = Json(Nvdbconv(L"--json convert"));
+    CheckResult(doc["convert"], E_FAIL);
+    EXPECT_EQ("E_FAIL", doc["convert"]["symbol"].Text());
+    EXPECT_FALSE(doc["convert"]["message"].Text().empty());
+    EXPECT_EQ(1, doc["exitCode"].Int());
+}
+
+TEST_F(NvdbconvConvertTest, QuietPrintsNothingButKeepsTheExitCodeAndTheProblem)
+{
+    ProcessRun run = Nvdbconv(L"--quiet status");
+    EXPECT_EQ(0u, run.exitCode);
+    EXPECT_EQ("", run.out);
+    EXPECT_EQ("", run.err);
+
+    run = Nvdbconv(L"convert --quiet");
+    EXPECT_EQ(1u, run.exitCode);
+    EXPECT_EQ("", run.out);
+    EXPECT_EQ("nvdbconv: Convert failed: " + Described(E_FAIL) + "\n", run.err);
+
+    Write10(3, 0);
+    run = Nvdbconv(L"-q convert");
+    EXPECT_EQ(0u, run.exitCode) << run.err;
+    EXPECT_EQ("", run.out);
+    std::wstring version;
+    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    EXPECT_EQ(L"2.0", version);
+}
+
+TEST_F(NvdbconvConvertTest, CleanupWithoutABackupAnswersSFalse)
+{
+    Write10(4, 1);
+    ProcessRun run = Nvdbconv(L"cleanup");
+    EXPECT_EQ(0u, run.exitCode) << run.err;
+    const std::vector<std::string> lines = Lines(run.out);
+    EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(),
+                                     Row("Cleanup", Described(S_FALSE) + " - no backup to remove")))
+        << run.out;
+    const JsonValue doc = Json(Nvdbconv(L"--json cleanup"));
+    CheckResult(doc["cleanup"], S_FALSE);
+    EXPECT_EQ("S_FALSE", doc["cleanup"]["symbol"].Text());
+    EXPECT_EQ(0, doc["exitCode"].Int());
+}
+
+TEST_F(NvdbconvConvertTest, CleanupRemovesTheBackupKeyAndTheBackupValue)
+{
+    Write10(4, 1);
+    SetString(kDb, L"Backup", L"SOFTWARE\\Norvane\\DB-v1.0", kView32);
+    SetString(kBackup10, L"Version", L"1.0", kView32);
+    const JsonValue doc = Json(Nvdbconv(L"--json cleanup"));
+    CheckResult(doc["cleanup"], S_OK);
+    EXPECT_EQ("SOFTWARE\\Norvane\\DB-v1.0", doc["before"]["backup"]["value"].Text());
+    EXPECT_TRUE(doc["before"]["backup"]["DB-v1.0"]["exists"].Bool());
+    EXPECT_TRUE(doc["after"]["backup"]["value"].IsNull());
+    EXPECT_FALSE(doc["after"]["backup"]["DB-v1.0"]["exists"].Bool());
+    EXPECT_FALSE(KeyExists(kBackup10, kView32));
+    RegValue backup;
+    EXPECT_FALSE(GetValue(kDb, L"Backup", kView32, &backup));
+}
+
+class NvdbconvRollbackTest : public RegistrySandbox {
+protected:
+    // A 1.0 database in both views: the converter reads "Backup" from the 32-bit
+    // one, Rollback deletes and restores the one in the library's own view.
+    void SetUpDatabaseInBothViews()
+    {
+        Write10(4, 1, KEY_WOW64_32KEY);
+        Write10(4, 1, KEY_WOW64_64KEY);
+        SetString(kDb, L"Backup", L"SOFTWARE\\Norvane\\DB-v1.0", kView32);
+    }
+};
+
+TEST_F(NvdbconvRollbackTest, RefusesWhenTheBackupKeyThatBackupNamesIsMissing)
+{
+    SetUpDatabaseInBothViews();
+    const RegTree before32 = Snapshot(kDb, kView32);
+    const RegTree before64 = Snapshot(kDb, kView64);
+
+    ProcessRun run = Nvdbconv(L"rollback");
+    EXPECT_EQ(3u, run.exitCode);
+    EXPECT_TRUE(Contains(run.out, Row("backup key", "MISSING (32-bit view)"))) << run.out;
+    EXPECT_FALSE(Contains(run.out, "Rollback ")) << "Rollback must not have been called:\n" << run.out;
+    EXPECT_EQ("nvdbconv: refusing to roll back: \"Backup\" names HKLM\\SOFTWARE\\Norvane\\DB-v1.0, but that key "
+              "does not exist in the 32-bit view.\n"
+              "  Rollback deletes HKLM\\SOFTWARE\\Norvane\\DB (the library's own view) and then restores it\n"
+              "  from the backup key. Without the backup nothing would be restored: the database key, its\n"
+              "  \"Version\", name indexes and policies would be deleted for good.\n"
+              "  Run \"nvdbconv rollback --force\" to roll back anyway.\n",
+              run.err);
+
+    const JsonValue doc = Json(Nvdbconv(L"--json rollback"));
+    EXPECT_TRUE(doc["refused"].Bool());
+    EXPECT_TRUE(Contains(doc["reason"].Text(), "refusing to roll back"));
+    EXPECT_EQ("SOFTWARE\\Norvane\\DB-v1.0", doc["backupKey"]["path"].Text());
+    EXPECT_EQ("32-bit", doc["backupKey"]["view"].Text());
+    EXPECT_FALSE(doc["backupKey"]["exists"].Bool());
+    EXPECT_TRUE(doc["rollback"].IsMissing());
+    EXPECT_EQ(3, doc["exitCode"].Int());
+
+    const RegTree after32 = Snapshot(kDb, kView32);
+    const RegTree after64 = Snapshot(kDb, kView64);
+    EXPECT_TRUE(before32 == after32) << DiffTrees(before32, after32);
+    EXPECT_TRUE(before64 == after64) << DiffTrees(before64, after64);
+}
+
+TEST_F(NvdbconvRollbackTest, ForceRollsBackAnywayAndTheDatabaseKeyIsLost)
+{
+    SetUpDatabaseInBothViews();
+    ASSERT_TRUE(KeyExists(kDb, kView64));
+    const JsonValue doc = Json(Nvdbconv(L"--json rollback --force"));
+    EXPECT_FALSE(doc["refused"].Bool());
+    EXPECT_TRUE(doc["refused"].IsBool());
+    EXPECT_FALSE(doc["backupKey"]["exists"].Bool());
+    // The delete succeeded, the copy from the missing backup failed, and Rollback
+    // reports S_OK all the same: what the refusal protects against.
+    CheckResult(doc["rollback"], S_OK);
+    EXPECT_EQ(0, doc["exitCode"].Int());
+    EXPECT_FALSE(KeyExists(kDb, kView64));
+}
+
+TEST_F(NvdbconvRollbackTest, WithTheBackupKeyPresentRollsBackFromIt)
+{
+    SetUpDatabaseInBothViews();
+    SetString(kBackup10, L"Version", L"1.0", kView32);
+    SetString(kBackup10, L"Restored", L"yes", kView32);
+    ProcessRun run = Nvdbconv(L"--json rollback");
+    EXPECT_EQ(0u, run.exitCode) << run.out;
+    const JsonValue doc = Json(run);
+    EXPECT_FALSE(doc["refused"].Bool());
+    EXPECT_TRUE(doc["backupKey"]["exists"].Bool());
+    CheckResult(doc["rollback"], S_OK);
+    std::wstring restored;
+    ASSERT_TRUE(GetString(kDb, L"Restored", kView64, &restored));
+    EXPECT_EQ(L"yes", restored);
+    EXPECT_FALSE(KeyExists(kBackup10, kView32));
+}
+
+TEST_F(NvdbconvRollbackTest, WithoutABackupValueRollbackRunsAndAnswersSFalse)
+{
+    Write10(4, 1);
+    ProcessRun run = Nvdbconv(L"rollback");
+    EXPECT_EQ(0u, run.exitCode) << run.err;
+    const std::vector<std::string> lines = Lines(run.out);
+    EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(),
+                                     Row("Rollback", Described(S_FALSE) + " - nothing to restore")))
+        << run.out;
+    EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(), Row("backup", "no \"Backup\" value"))) << run.out;
+}
+
+TEST_F(NvdbconvRollbackTest, WithoutADatabaseThereIsNoConverterAndRollbackFails)
+{
+    const JsonValue doc = Json(Nvdbconv(L"--json rollback"));
+    CheckResult(doc["rollback"], E_FAIL);
+    EXPECT_FALSE(doc["refused"].Bool());
+    EXPECT_EQ(1, doc["exitCode"].Int());
+}
+
+// ---- register, trace, version, store ---------------------------------------------
+
+class NvdbconvCommandsTest : public RegistrySandbox {};
+
+TEST_F(NvdbconvCommandsTest, RegisterAddsTheComponentAndUnregisterRemovesIt)
+{
+    ProcessRun run = Nvdbconv(L"--json register");
+    EXPECT_EQ(0u, run.exitCode) << run.out;
+    JsonValue doc = Json(run);
+    CheckResult(doc["register"], S_OK);
+    std::wstring component;
+    ASSERT_TRUE(GetString(kComponents, L"CNVDBConverter", kView64, &component));
+    EXPECT_EQ(Narrow(component), doc["components"]["CNVDBConverter"].Text());
+    EXPECT_EQ(L":" + LibraryPath(), component.substr(component.find(L':')));
+
+    run = Nvdbconv(L"unregister");
+    EXPECT_EQ(0u, run.exitCode) << run.out;
+    EXPECT_TRUE(Contains(run.out, Row("DllUnregisterServer", Described(S_OK)))) << run.out;
+    EXPECT_TRUE(Contains(run.out, Row("components", "none in HKLM\\SOFTWARE\\Norvane\\Core\\SysComponents")))
+        << run.out;
+    EXPECT_FALSE(KeyExists(kComponents, kView64));
+}
+
+TEST_F(NvdbconvCommandsTest, TraceOnWritesTheSettingsAndTheLibraryTracesWhereStatusSays)
+{
+    const std::wstring dir = TempDirectory(L"nvdbconv-trace");
+    const std::wstring file = dir + L"\\host.trc3";
+    ::DeleteFileW(file.c_str());
+    ProcessRun run = Nvdbconv(L"--json trace on --verbosity 7 --append --file " + QuoteArg(file));
+    EXPECT_EQ(0u, run.exitCode) << run.out;
+    JsonValue doc = Json(run);
+    CheckResult(doc["write"], S_OK);
+    EXPECT_TRUE(doc["on"].Bool());
+    DWORD value = 0xdeadbeef;
+    ASSERT_TRUE(GetDword(kTracing, L"DoTrace", kView64, &value));
+    EXPECT_EQ(1u, value);
+    ASSERT_TRUE(GetDword(kTracing, L"TraceToFile", kView64, &value));
+    EXPECT_EQ(1u, value);
+    ASSERT_TRUE(GetDword(kTracing, L"Verbosity", kView64, &value));
+    EXPECT_EQ(7u, value);
+    ASSERT_TRUE(GetDword(kTracing, L"NewFileAlways", kView64, &value));
+    EXPECT_EQ(0u, value);
+    std::wstring fileName;
+    ASSERT_TRUE(GetString(kTracing, L"FileName", kView64, &fileName));
+    EXPECT_EQ(file, fileName);
+    EXPECT_EQ(Narrow(file), doc["trace"]["file"].Text());
+    EXPECT_TRUE(doc["trace"]["append"].Bool());
+
+    // The library, loaded by the next command, writes there.
+    run = Nvdbconv(L"status");
+    EXPECT_EQ(0u, run.exitCode);
+    EXPECT_TRUE(Contains(run.out, Row("trace", "on, verbosity 7, appending") + "\n" + Row("trace file", Narrow(file))))
+        << run.out;
+    std::vector<std::uint8_t> bytes;
+    std::string error;
+    ASSERT_TRUE(nvtrace::ReadWholeFile(Narrow(file), bytes, error)) << error;
+    const nvtrace::DecodedTrace decoded = nvtrace::Decode(bytes);
+    EXPECT_TRUE(decoded.ok) << decoded.error;
+    std::vector<std::string> lines;
+    for (const nvtrace::Record& r : decoded.records)
+        lines.push_back(nvtrace::CanonicalLine(r));
+    EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(), "> CDBConverter::FinalConstruct"));
+
+    run = Nvdbconv(L"trace off");
+    EXPECT_EQ(0u, run.exitCode);
+    ASSERT_TRUE(GetDword(kTracing, L"DoTrace", kView64, &value));
+    EXPECT_EQ(0u, value);
+    ASSERT_TRUE(GetDword(kTracing, L"Verbosity", kView64, &value));
+    EXPECT_EQ(7u, value) << "trace off keeps the other settings";
+    EXPECT_TRUE(Contains(run.out, Row("trace", "off (DoTrace = 0)"))) << run.out;
+
+    run = Nvdbconv(L"trace on --new-file");
+    EXPECT_EQ(0u, run.exitCode);
+    ASSERT_TRUE(GetDword(kTracing, L"NewFileAlways", kView64, &value));
+    EXPECT_EQ(1u, value);
+    ::DeleteFileW(file.c_str());
+    RemoveDirectoryTree(dir);
+}
+
+TEST_F(NvdbconvCommandsTest, WithoutFileNameTheTraceFileIsNamedAfterTheHostInTracePath)
+{
+    const std::wstring dir = TempDirectory(L"nvdbconv-tracepath");
+    SetString(kTracing, L"TracePath", dir, kView64);
+    ASSERT_EQ(0u, Nvdbconv(L"--quiet trace on --verbosity 0").exitCode);
+    const JsonValue doc = Json(Nvdbconv(L"--json status"));
+    const std::wstring expected =
+        dir + L"\\nvdbconv.NVDBConv.dll.x64." + std::to_wstring(SessionOfThisProcess()) + L".trc3";
+    EXPECT_EQ(Narrow(expected), doc["trace"]["file"].Text());
+    EXPECT_EQ(INVALID_FILE_ATTRIBUTES == ::GetFileAttributesW(expected.c_str()), false)
+        << "the library wrote no file at " << Narrow(expected);
+    ::DeleteFileW(expected.c_str());
+    RemoveDirectoryTree(dir);
+}
+
+TEST_F(NvdbconvCommandsTest, VersionShowsBothVersionsAndTheExports)
+{
+    ProcessRun run = Nvdbconv(L"--json version");
+    EXPECT_EQ(0u, run.exitCode) << run.out;
+    const JsonValue doc = Json(run);
+    EXPECT_EQ(NV_VERSION_TEXT, doc["version"].Text());
+    EXPECT_EQ(NV_VERSION_TEXT, doc["fileVersion"].Text());
+    CheckResult(doc["load"], S_OK);
+    for (const char* name : {"Convert", "Rollback", "Cleanup", "GetDBVersion", "DllCanUnloadNow", "DllGetClassObject",
+                             "DllRegisterServer", "DllUnregisterServer"})
+        EXPECT_TRUE(doc["exports"][name].Bool()) << name;
+    EXPECT_EQ(8u, doc["exports"].Size());
+
+    run = Nvdbconv(L"version");
+    EXPECT_TRUE(Contains(run.out, Row("nvdbconv", NV_VERSION_TEXT) + "\n")) << run.out;
+    EXPECT_TRUE(Contains(run.out, Row("exports", "Convert Rollback Cleanup GetDBVersion DllCanUnloadNow "
+                                                 "DllGetClassObject DllRegisterServer DllUnregisterServer")))
+        << run.out;
+
+    // Another DLL: the exports that are missing are named, and it counts as a failure.
+    run = Nvdbconv(L"--dll " + QuoteArg(ExeDirectory() + L"NVStore.dll") + L" version");
+    EXPECT_EQ(1u, run.exitCode);
+    EXPECT_TRUE(Contains(run.out, Row("missing", "Convert Rollback Cleanup GetDBVersion"))) << run.out;
+}
+
+class NvdbconvStoreTest : public StoreSandbox {};
+
+TEST_F(NvdbconvStoreTest, StoreListsUsersSecretsTemplatesPayloadAndRegistration)
+{
+    const std::wstring ctl = QuoteArg(ExeDirectory() + L"nvstorectl.exe");
+    const std::wstring sid = L"S-1-5-21-1-2-3-1001";
+    for (const std::wstring& args : {L"enroll " + sid + L" pw", L"put-secret " + sid + L" Mail 0102",
+                                     L"put-secret " + sid + L" VPN 03", L"put-template " + sid + L" 3 aa",
+                                     L"put-template " + sid + L" 0 bb", L"register " + sid})
+        ASSERT_EQ(0u, RunProcess(ctl + L" " + args).exitCode) << Narrow(args);
+
+    ProcessRun run = Nvdbconv(L"--json store");
+    EXPECT_EQ(0u, run.exitCode) << run.out;
+    const JsonValue doc = Json(run);
+    EXPECT_TRUE(doc["server"]["registered"].Bool());
+    EXPECT_EQ(Narrow(StoreServerPath()), doc["server"]["path"].Text());
+    ASSERT_EQ(1u, doc["users"].Size());
+    const JsonValue& user = doc["users"][0];
+    EXPECT_EQ(Narrow(sid), user["sid"].Text());
+    ASSERT_EQ(2u, user["secrets"].Size());
+    EXPECT_EQ("Mail", user["secrets"][0].Text());
+    EXPECT_EQ("VPN", user["secrets"][1].Text());
+    // Put in plain, not sealed for the user: they do not open with the user's key.
+    EXPECT_EQ(0, user["secretsOpen"].Int());
+    ASSERT_EQ(2u, user["templates"].Size());
+    EXPECT_EQ(0, user["templates"][0].Int());
+    EXPECT_EQ(3, user["templates"][1].Int());
+    EXPECT_TRUE(user["payload"].Bool());
+    EXPECT_TRUE(user["keyPair"].Bool());
+    EXPECT_TRUE(user["password"].Bool());
+    EXPECT_TRUE(user["registered"].Bool());
+    EXPECT_EQ(1, doc["totals"]["users"].Int());
+    EXPECT_EQ(1, doc["totals"]["registered"].Int());
+    EXPECT_EQ(2, doc["totals"]["secrets"].Int());
+    EXPECT_EQ(0, doc["totals"]["secretsOpen"].Int());
+    EXPECT_EQ(2, doc["totals"]["templates"].Int());
+
+    run = Nvdbconv(L"store");
+    EXPECT_TRUE(Contains(run.out, Row("total", "1 users, 2 secrets (0 open with their user's key), 2 templates")))
+        << run.out;
+    EXPECT_TRUE(Contains(run.out, "secrets 2 (0 open with the user's key): Mail, VPN, templates 2 at 0,3, payload "
+                                  "yes, registered"))
+        << run.out;
+}
+
+// ---- a 2.0 database into the store -------------------------------------------------
+
+class NvdbconvConvert20Test : public StoreSandbox {
+protected:
+    nvwriter::Db20Database WriteDb20(unsigned users, std::uint32_t seed)
+    {
+        nvwriter::Db20Options options;
+        options.seed = seed;
+        options.userCount = users;
+        options.domainCount = 1;
+        nvwriter::Db20Database db = nvwriter::MakeDb20Database(options);
+        m_containers.Track(db.hostId);
+        EXPECT_EQ(S_OK, nvwriter::WriteDb20Database(db));
+        return db;
+    }
+
+    // Every user of the model is in the store with its secrets (re-sealed for it)
+    // and its templates, and its old key is gone.
+    void ExpectEveryUserInTheStore(const nvwriter::Db20Database& db)
+    {
+        std::vector<std::wstring> expectedSids;
+        for (const auto& user : db.users)
+            expectedSids.push_back(user.sidText);
+        std::sort(expectedSids.begin(), expectedSids.end());
+        EXPECT_EQ(expectedSids, nvstore::inspect::ListUsers());
+        for (const auto& user : db.users) {
+            std::set<std::wstring> names;
+            for (const auto& secret : user.secrets)
+                names.insert(secret.name.substr(0, 31));
+            std::set<std::wstring> stored;
+            for (const auto& [name, bytes] : nvstore::inspect::ListSecrets(user.sidText)) {
+                stored.insert(name);
+                std::vector<BYTE> plain;
+                EXPECT_EQ(S_OK, nvstore::inspect::OpenStoredSecret(user.sidText, name, &plain))
+                    << Narrow(user.sidText) << " " << Narrow(name);
+                ::SecureZeroMemory(plain.data(), plain.size());
+            }
+            EXPECT_EQ(names, stored) << Narrow(user.sidText);
+            size_t templates = 0;
+            for (const auto& credential : user.credentials)
+                templates += credential.templates.size();
+            EXPECT_EQ(templates, nvstore::inspect::ListTemplates(user.sidText).size()) << Narrow(user.sidText);
+        }
+        EXPECT_FALSE(KeyExists(kUsers, kView32));
+    }
+
+    MachineContainers m_containers;
+};
+
+TEST_F(NvdbconvConvert20Test, ProgressAlwaysDrawsUsersConvertedTotalAndRate)
+{
+    const nvwriter::Db20Database db = WriteDb20(4, 31);
+    ProcessRun run = Nvdbconv(L"convert --progress=always");
+    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    EXPECT_TRUE(Contains(run.out, Row("users", "4 user keys under Data\\Users to move into the store") + "\n"))
+        << run.out;
+
+    // Each sample: CR, two blanks, "users converted: k of 4 (r users/s)"; the last
+    // one is 4 of 4 and ends the line.
+    std::vector<unsigned> converted;
+    size_t pos = 0;
+    const std::string prefix = "\r  users converted: ";
+    while ((pos = run.out.find(prefix, pos)) != std::string::npos) {
+        pos += prefix.size();
+        unsigned k = 0, total = 0;
+        double rate = -1;
+        ASSERT_EQ(3, std::sscanf(run.out.c_str() + pos, "%u of %u (%lf users/s)", &k, &total, &rate))
+            << run.out.substr(pos, 60);
+        EXPECT_EQ(4u, total);
+        EXPECT_GE(rate, 0.0);
+        converted.push_back(k);
+    }
+    ASSERT_FALSE(converted.empty()) << run.out;
+    EXPECT_TRUE(std::is_sorted(converted.begin(), converted.end()));
+    EXPECT_EQ(4u, converted.back());
+    const size_t last = run.out.rfind(prefix);
+    EXPECT_EQ(0u, run.out.compare(run.out.find(')', last) + 1, 1, "\n"));
+    EXPECT_TRUE(Contains(run.out, Row("Convert", Described(S_OK)))) << run.out;
+    EXPECT_TRUE(Contains(run.out, Row("now", "format 3.0: the users live in the store, the old per-user data is gone")))
+        << run.out;
+    ExpectEveryUserInTheStore(db);
+}
+
+TEST_F(NvdbconvConvert20Test, JsonReportsUsersMovedAndDrawsNoProgressWhenNotATerminal)
+{
+    const nvwriter::Db20Database db = WriteDb20(5, 32);
+    ProcessRun run = Nvdbconv(L"--json convert");
+    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    EXPECT_FALSE(Contains(run.out, "\r")) << "the output is a file, not a terminal";
+    EXPECT_EQ("", run.err);
+    const JsonValue doc = Json(run);
+    CheckResult(doc["convert"], S_OK);
+    EXPECT_EQ(0x00020000, doc["getDBVersion"]["current"].Int());
+    EXPECT_EQ(0x00030000, doc["getDBVersion"]["target"].Int());
+    EXPECT_EQ(5, doc["before"]["userKeys"].Int());
+    EXPECT_EQ("2.0", doc["before"]["layout"].Text());
+    EXPECT_EQ(5, doc["users"]["total"].Int());
+    EXPECT_EQ(5, doc["users"]["converted"].Int());
+    EXPECT_EQ(0, doc["users"]["left"].Int());
+    EXPECT_GE(doc["users"]["samples"].Int(), 1);
+    EXPECT_TRUE(doc["users"]["rate"].IsNumber());
+    EXPECT_TRUE(doc["after"]["userKeys"].IsNull());
+    EXPECT_FALSE(doc["after"]["mainDB"].Bool());
+    EXPECT_EQ("3.0", doc["after"]["layout"].Text());
+    ExpectEveryUserInTheStore(db);
+
+    // Status afterwards; the store command sees every secret open with its user's key.
+    const JsonValue status = Json(Nvdbconv(L"--json status"));
+    EXPECT_EQ("3.0", status["database"]["layout"].Text());
+    const JsonValue store = Json(Nvdbconv(L"--json store"));
+    EXPECT_EQ(5, store["totals"]["users"].Int());
+    EXPECT_EQ(store["totals"]["secrets"].Int(), store["totals"]["secretsOpen"].Int());
+    EXPECT_GT(store["totals"]["secrets"].Int(), 0);
+}
+
+TEST_F(NvdbconvConvert20Test, ProgressWithJsonGoesToStandardErrorAndTheDocumentStaysWhole)
+{
+    WriteDb20(3, 33);
+    ProcessRun run = Nvdbconv(L"--json --progress always convert");
+    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    EXPECT_TRUE(Contains(run.err, "\r  users converted: 3 of 3 (")) << run.err;
+    const JsonValue doc = Json(run);
+    EXPECT_EQ(3, doc["users"]["converted"].Int());
+}
+
+// ---- in-process parts --------------------------------------------------------------
+
+TEST(NvdbconvProgressTest, FormatsConvertedTotalAndRate)
+{
+    nvdbconv::ProgressSample s;
+    s.total = 25;
+    s.left = 15;
+    s.seconds = 2.0;
+    EXPECT_EQ(10u, s.converted());
+    EXPECT_DOUBLE_EQ(5.0, s.rate());
+    EXPECT_EQ("users converted: 10 of 25 (5.0 users/s)", nvdbconv::FormatProgress(s));
+    s.left = 30; // more keys than at the start: nothing counts as converted
+    EXPECT_EQ(0u, s.converted());
+    s.left = 0;
+    s.seconds = 0;
+    EXPECT_EQ(0.0, s.rate());
+    EXPECT_EQ("users converted: 25 of 25 (0.0 users/s)", nvdbconv::FormatProgress(s));
+}
+
+TEST(NvdbconvProgressTest, PollerSamplesFromItsOwnThreadAndEndsWithAFinalSample)
+{
+    std::atomic<DWORD> left{10};
+    std::atomic<bool> keyPresent{true};
+    std::vector<nvdbconv::ProgressSample> samples;
+    std::vector<std::thread::id> threads;
+    nvdbconv::CProgressPoller poller(
+        [&](DWORD* out) {
+            *out = left.load();
+            return keyPresent.load();
+        },
+        [&](const nvdbconv::ProgressSample& s) {
+            samples.push_back(s);
+            threads.push_back(std::this_thread::get_id());
+        },
+        std::chrono::milliseconds(10));
+    poller.Start();
+    EXPECT_EQ(10u, poller.total());
+    for (DWORD k = 9; k >= 4; --k) {
+        left = k;
+        std::this_thread::sleep_for(std::chrono::milliseconds(25));
+    }
+    keyPresent = false; // the cleanup removed Data\Users: nothing left
+    const nvdbconv::ProgressSample last = poller.Stop();
+    EXPECT_TRUE(last.final);
+    EXPECT_EQ(10u, last.total);
+    EXPECT_EQ(0u, last.left);
+    EXPECT_EQ(10u, last.converted());
+    EXPECT_GT(last.seconds, 0.1);
+
+    ASSERT_GE(samples.size(), 3u);
+    EXPECT_EQ(poller.samples(), samples.size());
+    for (size_t i = 0; i + 1 < samples.size(); ++i) {
+        EXPECT_FALSE(samples[i].final);
+        EXPECT_NE(std::this_thread::get_id(), threads[i]) << "intermediate samples come from the poller's thread";
+        EXPECT_LE(samples[i].converted(), samples[i + 1].converted());
+        EXPECT_LE(samples[i].seconds, samples[i + 1].seconds);
+    }
+    EXPECT_TRUE(samples.back().final);
+    EXPECT_EQ(std::this_thread::get_id(), threads.back());
+    // Stop again: same sample, no new one.
+    EXPECT_EQ(10u, poller.Stop().converted());
+    EXPECT_EQ(samples.size(), poller.samples());
+}
+
+TEST(NvdbconvJsonWriterTest, WritesNestedValuesWithJsonEscapes)
+{
+    nvdbconv::JsonWriter w;
+    w.BeginObject();
+    w.Field("path", std::wstring(L"C:\\x \"q\"\n\x01\x00e9"));
+    w.Field("n", -2147467259L).Field("ok", true);
+    w.Key("none").Null();
+    w.Key("list").BeginArray().Number(1).String(std::string("a")).BeginObject().EndObject().EndArray();
+    w.Key("rate").Real(2.75, 1);
+    w.EndObject();
+    EXPECT_EQ("{\"path\":\"C:\\\\x \\\"q\\\"\\n\\u0001\xC3\xA9\",\"n\":-2147467259,\"ok\":true,\"none\":null,"
+              "\"list\":[1,\"a\",{}],\"rate\":2.8}",
+              w.text());
+
+    JsonValue parsed;
+    std::string error;
+    ASSERT_TRUE(ParseJson(w.text(), &parsed, &error)) << error;
+    EXPECT_EQ("C:\\x \"q\"\n\x01\xC3\xA9", parsed["path"].Text());
+}
+
+TEST(JsonReaderTest, ParsesEveryKindAndRejectsWhatIsNotJson)
+{
+    JsonValue v;
+    std::string error;
+    ASSERT_TRUE(ParseJson(" {\"a\": [1, -2.5e1, true, false, null], \"s\": \"\\u00e9\\ud83d\\ude00\\/\"} \n", &v,
+                          &error))
+        << error;
+    EXPECT_TRUE(v.IsObject());
+    EXPECT_EQ(5u, v["a"].Size());
+    EXPECT_EQ(1, v["a"][0].Int());
+    EXPECT_DOUBLE_EQ(-25.0, v["a"][1].Number());
+    EXPECT_EQ(std::numeric_limits<std::int64_t>::min(), v["a"][1].Int());
+    EXPECT_TRUE(v["a"][2].Bool());
+    EXPECT_TRUE(v["a"][3].IsBool());
+    EXPECT_FALSE(v["a"][3].Bool());
+    EXPECT_TRUE(v["a"][4].IsNull());
+    EXPECT_TRUE(v["a"][5].IsMissing());
+    EXPECT_TRUE(v["nope"].IsMissing());
+    EXPECT_FALSE(v["nope"].IsNull());
+    EXPECT_EQ("\xC3\xA9\xF0\x9F\x98\x80/", v["s"].Text());
+
+    const char* bad[] = {"", "{", "{\"a\":1,}", "[1 2]", "{\"a\" 1}", "\"unterminated", "01", "1.", "-", "tru",
+                         "{\"a\":1}{", "\"\\x\"", "\"\\ud800\"", "{\"a\":1,\"a\":2}", "\"tab\there\""};
+    for (const char* text : bad) {
+        JsonValue untouched;
+        EXPECT_FALSE(ParseJson(text, &untouched, &error)) << text;
+        EXPECT_EQ(0u, error.find("JSON error at byte ")) << error;
+        EXPECT_TRUE(untouched.IsMissing()) << text;
+    }
+}

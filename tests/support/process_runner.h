@@ -1,0 +1,28 @@
+// Runs a program as its own process the way a user or an installer would start it,
+// with standard input empty and standard output and error captured separately
+// (into temporary files, so a chatty child never blocks on a full pipe).
+#pragma once
+#include <windows.h>
+#include <string>
+
+namespace nvtest {
+
+struct ProcessRun {
+    bool started = false;
+    DWORD exitCode = 0xdeadbeef;
+    bool timedOut = false;
+    std::string out; // bytes as written
+    std::string err;
+};
+
+// commandLine is passed to CreateProcessW as it stands (quote the program path).
+// A child still running after timeoutMs is terminated and reported as timed out.
+ProcessRun RunProcess(const std::wstring& commandLine, DWORD timeoutMs = 120000);
+
+// Quotes one argument for the command line of a program using the usual rules.
+std::wstring QuoteArg(const std::wstring& arg);
+
+// The text with every CR that stands before an LF dropped (CR LF line ends to LF).
+std::string WithoutCarriageReturns(const std::string& text);
+
+} // namespace nvtest

@@ -1,0 +1,219 @@
+#include "cli.h"
+
+#include <cerrno>
+#include <cwchar>
+
+#include "json.h"
+
+namespace nvdbconv {
+
+namespace {
+
+struct CommandEntry {
+    const wchar_t* word;
+    const char* name;
+    Command command;
+};
+
+const CommandEntry kCommands[] = {
+    {L"status", "status", Command::Status},         {L"convert", "convert", Command::Convert},
+    {L"rollback", "rollback", Command::Rollback},   {L"cleanup", "cleanup", Command::Cleanup},
+    {L"register", "register", Command::Register},   {L"unregister", "unregister", Command::Unregister},
+    {L"trace", "trace", Command::Trace},            {L"store", "store", Command::Store},
+    {L"version", "version", Command::Version},      {L"help", "help", Command::Help},
+};
+
+bool ParseDword(const std::wstring& text, DWORD* out)
+{
+    if (text.empty() || text[0] == L'-' || text[0] == L'+')
+        return false;
+    wchar_t* end = nullptr;
+    errno = 0;
+    const unsigned long long v = std::wcstoull(text.c_str(), &end, 10);
+    if (errno != 0 || *end != L'\0' || v > 0xFFFFFFFFull)
+        return false;
+    *out = static_cast<DWORD>(v);
+    return true;
+}
+
+ParsedCommandLine Fail(const std::string& error)
+{
+    ParsedCommandLine r;
+    r.error = error;
+    return r;
+}
+
+} // namespace
+
+const char* CommandName(Command command)
+{
+    for (const CommandEntry& e : kCommands)
+        if (e.command == command)
+            return e.name;
+    return "";
+}
+
+const char* ShortUsageText()
+{
+    return "usage: nvdbconv [--dll PATH] [--json] [--quiet] COMMAND\n"
+           "  COMMAND: status | convert [--progress auto|always|never] | rollback [--force] | cleanup\n"
+           "         | register | unregister | trace on|off [--verbosity N] [--file PATH] [--append|--new-file]\n"
+           "         | store | version\n"
+           "  nvdbconv --help explains each command.\n";
+}
+
+const char* UsageText()
+{
+    return "usage: nvdbconv [--dll PATH] [--json] [--quiet] COMMAND\n"
+           "\n"
+           "Loads NVDBConv.dll as the suite's installer does and drives it.\n"
+           "\n"
+           "commands:\n"
+           "  status               the database version and target (GetDBVersion), where the database\n"
+           "                       lives, its backup, the user keys left under Data\\Users, the storage\n"
+           "                       server and the trace settings in force\n"
+           "  convert              Convert: one format step (1.0 -> 2.0, or 2.0 -> 3.0 into the store)\n"
+           "      --progress M     auto (default: a progress line when the output is a terminal),\n"
+           "                       always, or never\n"
+           "  rollback             Rollback: restore the database from the backup key that \"Backup\" names\n"
+           "      --force          roll back even when that backup key is missing\n"
+           "  cleanup              Cleanup: remove the backup key, and the old per-user data once empty\n"
+           "  register             DllRegisterServer of the library\n"
+           "  unregister           DllUnregisterServer of the library\n"
+           "  trace on|off         write the trace settings (HKLM\\SOFTWARE\\Norvane\\Tracing)\n"
+           "      --verbosity N    0 ordinary scopes, 10 and up everything\n"
+           "      --file PATH      write to this file (FileName) instead of the default name\n"
+           "      --append         append to an existing file (NewFileAlways = 0)\n"
+           "      --new-file       start a new file in every process (NewFileAlways = 1)\n"
+           "  store                what the reference store holds: users, secrets, templates\n"
+           "  version              versions of nvdbconv and of the library, and the library's exports\n"
+           "\n"
+           "options:\n"
+           "  --dll PATH           the library to load (default: NVDBConv.dll beside nvdbconv.exe)\n"
+           "  --json               one JSON object on standard output instead of text\n"
+           "  --quiet              nothing on standard output; the exit code tells the outcome\n"
+           "\n"
+           "exit codes: 0 done, 1 a call failed, 2 usage error, 3 rollback refused\n";
+}
+
+ParsedCommandLine ParseCommandLine(const std::vector<std::wstring>& args)
+{
+    Options o;
+    std::vector<std::wstring> words;
+    bool sawProgress = false, sawTraceOption = false;
+
+    for (size_t i = 0; i < args.size(); ++i) {
+        std::wstring arg = args[i];
+        std::optional<std::wstring> inlineValue;
+        if (arg.rfind(L"--", 0) == 0) {
+            const size_t eq = arg.find(L'=');
+            if (eq != std::wstring::npos) {
+                inlineValue = arg.substr(eq + 1);
+                arg = arg.substr(0, eq);
+            }
+        }
+        auto value = [&](std::wstring* out) -> bool {
+            if (inlineValue) {
+                *out = *inlineValue;
+                return true;
+            }
+            if (i + 1 >= args.size())
+                return false;
+            *out = args[++i];
+            return true;
+        };
+        const bool takesValue = arg == L"--dll" || arg == L"--progress" || arg == L"--verbosity" || arg == L"--file";
+        if (inlineValue && !takesValue)
+            return Fail(ToUtf8(arg) + " takes no value");
+
+        if (arg == L"--help" || arg == L"-h" || arg == L"/?") {
+            o.command = Command::Help;
+            ParsedCommandLine r;
+            r.ok = true;
+            r.options = o;
+            return r;
+        } else if (arg == L"--json") {
+            o.json = true;
+        } else if (arg == L"--quiet" || arg == L"-q") {
+            o.quiet = true;
+        } else if (arg == L"--force") {
+            o.force = true;
+        } else if (arg == L"--append" || arg == L"--new-file") {
+            if (o.newFileAlways)
+                return Fail("--append and --new-file exclude each other");
+            o.newFileAlways = arg == L"--append" ? 0u : 1u;
+            sawTraceOption = true;
+        } else if (takesValue) {
+            std::wstring v;
+            if (!value(&v))
+                return Fail(ToUtf8(arg) + " needs a value");
+            if (arg == L"--dll") {
+                if (v.empty())
+                    return Fail("--dll needs a path");
+                o.dll = v;
+            } else if (arg == L"--progress") {
+                if (v == L"auto")
+                    o.progress = ProgressMode::Auto;
+                else if (v == L"always")
+                    o.progress = ProgressMode::Always;
+                else if (v == L"never")
+                    o.progress = ProgressMode::Never;
+                else
+                    return Fail("--progress takes auto, always or never, not '" + ToUtf8(v) + "'");
+                sawProgress = true;
+            } else if (arg == L"--verbosity") {
+                DWORD n = 0;
+                if (!ParseDword(v, &n))
+                    return Fail("--verbosity takes a number from 0 to 4294967295, not '" + ToUtf8(v) + "'");
+                o.verbosity = n;
+                sawTraceOption = true;
+            } else {
+                if (v.empty())
+                    return Fail("--file needs a path");
+                o.file = v;
+                sawTraceOption = true;
+            }
+        } else if (arg.size() > 1 && arg[0] == L'-') {
+            return Fail("unknown option '" + ToUtf8(arg) + "'");
+        } else {
+            words.push_back(arg);
+        }
+    }
+
+    if (words.empty())
+        return Fail("no command given");
+    for (const CommandEntry& e : kCommands)
+        if (words[0] == e.word)
+            o.command = e.command;
+    if (o.command == Command::None)
+        return Fail("unknown command '" + ToUtf8(words[0]) + "'");
+
+    if (o.command == Command::Trace) {
+        if (words.size() < 2)
+            return Fail("trace needs on or off");
+        if (words[1] == L"on")
+            o.traceOn = true;
+        else if (words[1] != L"off")
+            return Fail("trace takes on or off, not '" + ToUtf8(words[1]) + "'");
+        if (words.size() > 2)
+            return Fail("unexpected '" + ToUtf8(words[2]) + "'");
+        if (!o.traceOn && sawTraceOption)
+            return Fail("--verbosity, --file, --append and --new-file go with trace on");
+    } else {
+        if (words.size() > 1)
+            return Fail("unexpected '" + ToUtf8(words[1]) + "'");
+        if (sawTraceOption)
+            return Fail("--verbosity, --file, --append and --new-file go with trace on");
+    }
+    if (o.force && o.command != Command::Rollback)
+        return Fail("--force goes with rollback");
+    if (sawProgress && o.command != Command::Convert)
+        return Fail("--progress goes with convert");
+
+    ParsedCommandLine r;
+    r.ok = true;
+    r.options = o;
+    return r;
+}
+
+} // namespace nvdbconv

@@ -1,0 +1,688 @@
+#include "commands.h"
+
+#include <windows.h>
+#include <io.h>
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <vector>
+
+#include "dbstate.h"
+#include "json.h"
+#include "library_host.h"
+#include "nv_version.h"
+#include "progress.h"
+#include "results.h"
+#include "storesummary.h"
+
+namespace nvdbconv {
+
+namespace {
+
+std::string Fmt(const char* format, ...)
+{
+    char buf[2048];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(buf, sizeof(buf), format, args);
+    va_end(args);
+    return buf;
+}
+
+std::string U8(const std::wstring& text) { return ToUtf8(text); }
+
+std::string VersionText(DWORD version)
+{
+    return std::to_string(version >> 16) + "." + std::to_string(version & 0xFFFF);
+}
+
+std::string VersionWithCode(DWORD version)
+{
+    return version == 0 ? std::string("none (0x00000000)") : VersionText(version) + Fmt(" (0x%08lX)", version);
+}
+
+// Where the command's output goes: text lines, or one JSON document, or nothing.
+class Printer {
+public:
+    explicit Printer(const Options& options) : m_options(options) {}
+
+    bool text() const { return !m_options.json && !m_options.quiet; }
+    void Line(const std::string& line) const
+    {
+        if (text())
+            WriteOut(line + "\n");
+    }
+    void Row(const char* label, const std::string& value) const { Line(Fmt("  %-15s %s", label, value.c_str())); }
+    // A failure or refusal: on standard error in text and quiet mode (JSON carries it).
+    void Problem(const std::string& text) const
+    {
+        if (!m_options.json)
+            WriteErr("nvdbconv: " + text + "\n");
+    }
+    void Finish()
+    {
+        if (m_options.json && !m_options.quiet)
+            WriteOut(json.text() + "\n");
+    }
+
+    JsonWriter json;
+
+private:
+    const Options& m_options;
+};
+
+// ---- shared pieces of several commands ----------------------------------------
+
+std::string DatabasePlace(const DatabaseState& s)
+{
+    if (s.in32 && s.in64)
+        return "HKLM\\SOFTWARE\\Norvane\\DB in both views (the library reads the 64-bit one first)";
+    if (s.in32)
+        return "HKLM\\SOFTWARE\\Norvane\\DB, 32-bit view";
+    if (s.in64)
+        return "HKLM\\SOFTWARE\\Norvane\\DB, 64-bit view";
+    return "none (no HKLM\\SOFTWARE\\Norvane\\DB in either view)";
+}
+
+// The format the registry shows. A 2.0 database whose users have all moved into
+// the store and whose old keys are gone is the 3.0 layout ("Version" stays 2.0).
+std::string LayoutOf(const DatabaseState& s)
+{
+    if (!s.in32 && !s.in64)
+        return "none";
+    if (!s.version)
+        return "unknown";
+    const DWORD major = static_cast<DWORD>(std::wcstoul(s.version->c_str(), nullptr, 10));
+    if (major == 1)
+        return "1.0";
+    if (major == 2 || major == 3) {
+        if (s.mainDb || (s.usersKey && s.userKeys > 0))
+            return "2.0";
+        return "3.0";
+    }
+    return "unknown";
+}
+
+std::string Verdict(const DatabaseState& s)
+{
+    const std::string layout = LayoutOf(s);
+    if (layout == "none")
+        return "no database: nothing to convert";
+    if (layout == "1.0")
+        return "format 1.0: convert rewrites it to 2.0";
+    if (layout == "2.0") {
+        if (s.usersKey && s.userKeys > 0)
+            return Fmt("format 2.0: %lu users to move into the store (convert)", static_cast<unsigned long>(s.userKeys));
+        if (s.usersKey)
+            return "format 2.0, every user moved: cleanup removes the old keys";
+        return "format 2.0, no users under Data\\Users: convert has nobody to move";
+    }
+    if (layout == "3.0")
+        return "format 3.0: the users live in the store, the old per-user data is gone";
+    return "unknown format: the library has no converter for it";
+}
+
+std::string UserKeysText(const DatabaseState& s)
+{
+    if (!s.usersKey)
+        return "none (no Data\\Users key)";
+    return Fmt("%lu under Data\\Users", static_cast<unsigned long>(s.userKeys));
+}
+
+std::string BackupText(const DatabaseState& s)
+{
+    if (!s.backupValue)
+        return "no \"Backup\" value";
+    return "\"Backup\" = \"" + U8(*s.backupValue) + "\"";
+}
+
+std::string BackupKeysText(const DatabaseState& s)
+{
+    return Fmt("DB-v1.0 (%s view) %s, DB-v2.0 (%s view) %s", ViewName(kBackup10View),
+               s.backup10 ? "present" : "absent", ViewName(kBackup20View), s.backup20 ? "present" : "absent");
+}
+
+void JsonOptionalString(JsonWriter& json, const char* key, const std::optional<std::wstring>& value)
+{
+    json.Key(key);
+    if (value)
+        json.String(*value);
+    else
+        json.Null();
+}
+
+void JsonOptionalDword(JsonWriter& json, const char* key, const std::optional<DWORD>& value)
+{
+    json.Key(key);
+    if (value)
+        json.Number(*value);
+    else
+        json.Null();
+}
+
+void JsonDatabase(JsonWriter& json, const DatabaseState& s)
+{
+    json.BeginObject();
+    json.Field("present", s.in32 || s.in64);
+    json.Key("views").BeginArray();
+    if (s.in32)
+        json.String(std::string("32-bit"));
+    if (s.in64)
+        json.String(std::string("64-bit"));
+    json.EndArray();
+    JsonOptionalString(json, "version", s.version);
+    json.Field("mainDB", s.mainDb);
+    json.Key("userKeys");
+    if (s.usersKey)
+        json.Number(s.userKeys);
+    else
+        json.Null();
+    json.Field("layout", LayoutOf(s));
+    json.Key("backup").BeginObject();
+    JsonOptionalString(json, "value", s.backupValue);
+    json.Key("DB-v1.0").BeginObject().Field("view", ViewName(kBackup10View)).Field("exists", s.backup10).EndObject();
+    json.Key("DB-v2.0").BeginObject().Field("view", ViewName(kBackup20View)).Field("exists", s.backup20).EndObject();
+    json.EndObject();
+    json.EndObject();
+}
+
+std::string TraceText(const TraceSettings& t)
+{
+    if (!t.keyFound)
+        return "off (no HKLM\\SOFTWARE\\Norvane\\Tracing key)";
+    if (!t.on())
+        return Fmt("off (DoTrace = %lu)", static_cast<unsigned long>(t.doTrace.value_or(0)));
+    std::string text = "on";
+    if (!t.toFile())
+        return text + Fmt(", no output (TraceToFile = %lu)", static_cast<unsigned long>(*t.traceToFile));
+    text += Fmt(", verbosity %lu", static_cast<unsigned long>(t.verbosity.value_or(0)));
+    text += t.append() ? ", appending" : ", a new file per process";
+    if (t.profiling())
+        text += ", profiling (no progress lines)";
+    return text;
+}
+
+void ShowTrace(Printer& out, const TraceSettings& t, const std::wstring& dllPath)
+{
+    out.Row("trace", TraceText(t));
+    if (t.keyFound && t.on() && t.toFile())
+        out.Row("trace file", U8(TraceFileFor(t, dllPath)));
+}
+
+void JsonTrace(JsonWriter& json, const TraceSettings& t, const std::wstring& dllPath)
+{
+    json.BeginObject();
+    json.Field("key", t.keyFound);
+    json.Key("view");
+    if (t.keyFound)
+        json.String(std::string(ViewName(t.keyView)));
+    else
+        json.Null();
+    JsonOptionalDword(json, "DoTrace", t.doTrace);
+    JsonOptionalDword(json, "TraceToFile", t.traceToFile);
+    JsonOptionalDword(json, "NewFileAlways", t.newFileAlways);
+    JsonOptionalDword(json, "DoProfiling", t.doProfiling);
+    JsonOptionalDword(json, "Verbosity", t.verbosity);
+    JsonOptionalString(json, "TracePath", t.tracePath);
+    JsonOptionalString(json, "FileName", t.fileName);
+    json.Field("on", t.keyFound && t.on());
+    json.Field("toFile", t.keyFound && t.on() && t.toFile());
+    json.Field("append", t.append());
+    json.Field("file", TraceFileFor(t, dllPath));
+    json.EndObject();
+}
+
+// Loads the library and asks GetDBVersion; prints both results. False when the
+// library did not load (the command cannot go on).
+struct Loaded {
+    HRESULT load = E_FAIL;
+    HRESULT version = E_FAIL;
+    DWORD current = 0;
+    DWORD target = 0;
+};
+
+Loaded LoadAndAsk(CLibraryHost& host, Printer& out)
+{
+    Loaded l;
+    l.load = host.Load();
+    out.Row("library", U8(host.path()));
+    out.json.Field("dll", host.path());
+    out.json.Key("load");
+    WriteResult(out.json, l.load);
+    if (FAILED(l.load)) {
+        out.Row("LoadLibrary", DescribeResult(l.load));
+        out.Problem("cannot load " + U8(host.path()) + ": " + DescribeResult(l.load));
+        out.json.Key("getDBVersion").Null();
+        return l;
+    }
+    l.version = host.GetDBVersion(&l.current, &l.target);
+    out.Row("GetDBVersion", DescribeResult(l.version));
+    if (SUCCEEDED(l.version))
+        out.Row("version", VersionWithCode(l.current) + " -> target " + VersionWithCode(l.target) +
+                               (l.target == 0 ? ": no converter for this database" : ""));
+    out.json.Key("getDBVersion").BeginObject();
+    out.json.Key("result");
+    WriteResult(out.json, l.version);
+    out.json.Field("current", l.current).Field("currentText", VersionText(l.current));
+    out.json.Field("target", l.target).Field("targetText", VersionText(l.target));
+    out.json.EndObject();
+    return l;
+}
+
+void Header(Printer& out, const char* command)
+{
+    out.Line(Fmt("nvdbconv %s", command));
+    out.json.BeginObject();
+    out.json.Field("tool", "nvdbconv").Field("command", command);
+}
+
+int Finish(Printer& out, int exitCode)
+{
+    out.json.Field("exitCode", exitCode);
+    out.json.EndObject();
+    out.Finish();
+    return exitCode;
+}
+
+// ---- commands -------------------------------------------------------------------
+
+int Status(const Options& o, Printer& out, CLibraryHost& host)
+{
+    Header(out, "status");
+    const DatabaseState db = ReadDatabaseState();
+    const Loaded l = LoadAndAsk(host, out);
+    out.Row("database", DatabasePlace(db));
+    out.Row("\"Version\"", db.version ? "\"" + U8(*db.version) + "\"" + Fmt(" (%s view)", ViewName(db.versionView))
+                                      : std::string("none"));
+    out.Row("MainDB", db.mainDb ? "present" : "absent");
+    out.Row("user keys", UserKeysText(db));
+    out.Row("state", Verdict(db));
+    out.Row("backup", BackupText(db));
+    out.Row("backup keys", BackupKeysText(db));
+    const StoreServerState store = ReadStoreServer();
+    out.Row("store server", store.registered ? "registered: " + U8(store.path)
+                                             : std::string("not registered (a 2.0 conversion needs it)"));
+    const TraceSettings trace = ReadTraceSettings();
+    ShowTrace(out, trace, host.path());
+
+    out.json.Key("database");
+    JsonDatabase(out.json, db);
+    out.json.Key("storeServer").BeginObject().Field("registered", store.registered);
+    out.json.Key("path");
+    if (store.registered)
+        out.json.String(store.path);
+    else
+        out.json.Null();
+    out.json.EndObject();
+    out.json.Key("trace");
+    JsonTrace(out.json, trace, host.path());
+    (void)o;
+    return Finish(out, SUCCEEDED(l.load) && SUCCEEDED(l.version) ? kExitOk : kExitFailed);
+}
+
+int Convert(const Options& o, Printer& out, CLibraryHost& host)
+{
+    Header(out, "convert");
+    const DatabaseState before = ReadDatabaseState();
+    const Loaded l = LoadAndAsk(host, out);
+    out.json.Key("before");
+    JsonDatabase(out.json, before);
+    if (FAILED(l.load))
+        return Finish(out, kExitFailed);
+
+    // A 2.0 conversion moves users out of Data\Users one by one: show how far it is.
+    const bool movesUsers = (l.current >> 16) == 2 && l.target != 0;
+    if (movesUsers)
+        out.Row("users", before.usersKey ? Fmt("%lu user keys under Data\\Users to move into the store",
+                                               static_cast<unsigned long>(before.userKeys))
+                                         : std::string("none (no Data\\Users key)"));
+    bool draw = false;
+    if (!o.quiet) {
+        if (o.progress == ProgressMode::Always)
+            draw = true;
+        else if (o.progress == ProgressMode::Auto)
+            draw = !o.json && StdoutIsTerminal();
+    }
+    // With --json the progress line goes to standard error, so the document stays whole.
+    auto emit = o.json ? WriteErr : WriteOut;
+    CProgressPoller poller(
+        [](DWORD* left) { return CountUserKeys(left); },
+        [&](const ProgressSample& sample) {
+            if (draw)
+                emit("\r  " + FormatProgress(sample) + (sample.final ? "\n" : ""));
+        },
+        std::chrono::milliseconds(200));
+    if (movesUsers)
+        poller.Start();
+
+    const HRESULT hr = host.Convert();
+    ProgressSample progress;
+    if (movesUsers)
+        progress = poller.Stop();
+
+    out.Row("Convert", DescribeResult(hr));
+    out.json.Key("convert");
+    WriteResult(out.json, hr);
+
+    const DatabaseState after = ReadDatabaseState();
+    if (movesUsers) {
+        out.Row("users", Fmt("%lu of %lu moved in %.1f s (%.1f users/s), %s",
+                             static_cast<unsigned long>(progress.converted()),
+                             static_cast<unsigned long>(progress.total), progress.seconds, progress.rate(),
+                             after.usersKey ? Fmt("%lu left under Data\\Users",
+                                                  static_cast<unsigned long>(after.userKeys)).c_str()
+                                            : "Data\\Users removed"));
+        out.json.Key("users").BeginObject();
+        out.json.Field("total", progress.total).Field("converted", progress.converted());
+        out.json.Field("left", progress.left);
+        out.json.Key("seconds").Real(progress.seconds, 3);
+        out.json.Key("rate").Real(progress.rate(), 1);
+        out.json.Field("samples", poller.samples());
+        out.json.EndObject();
+    }
+    out.Row("now", Verdict(after));
+    out.Row("backup", BackupText(after));
+    out.json.Key("after");
+    JsonDatabase(out.json, after);
+    if (FAILED(hr))
+        out.Problem("Convert failed: " + DescribeResult(hr));
+    return Finish(out, SUCCEEDED(hr) ? kExitOk : kExitFailed);
+}
+
+int Rollback(const Options& o, Printer& out, CLibraryHost& host)
+{
+    Header(out, "rollback");
+    const DatabaseState before = ReadDatabaseState();
+    const Loaded l = LoadAndAsk(host, out);
+    out.json.Key("before");
+    JsonDatabase(out.json, before);
+    if (FAILED(l.load))
+        return Finish(out, kExitFailed);
+
+    out.Row("backup", BackupText(before));
+    // Rollback deletes the database key and then copies the backup key back. With a
+    // converter present and "Backup" naming a key that is gone, only the delete
+    // would happen.
+    if (l.target != 0 && before.backupValue && !before.backupValue->empty()) {
+        const REGSAM view = BackupViewFor(l.current);
+        const bool exists = KeyExists(before.backupValue->c_str(), view);
+        out.Row("backup key", Fmt("%s (%s view)", exists ? "present" : "MISSING", ViewName(view)));
+        out.json.Key("backupKey").BeginObject();
+        out.json.Field("path", *before.backupValue).Field("view", ViewName(view)).Field("exists", exists);
+        out.json.EndObject();
+        if (!exists && !o.force) {
+            const std::string path = U8(*before.backupValue);
+            const std::string explanation = Fmt(
+                "refusing to roll back: \"Backup\" names HKLM\\%s, but that key does not exist in the %s view.\n"
+                "  Rollback deletes HKLM\\SOFTWARE\\Norvane\\DB (the library's own view) and then restores it\n"
+                "  from the backup key. Without the backup nothing would be restored: the database key, its\n"
+                "  \"Version\", name indexes and policies%s would be deleted for good.\n"
+                "  Run \"nvdbconv rollback --force\" to roll back anyway.",
+                path.c_str(), ViewName(view),
+                before.usersKey ? Fmt(" and the %lu user keys under Data\\Users",
+                                      static_cast<unsigned long>(before.userKeys)).c_str()
+                                : "");
+            out.Problem(explanation);
+            out.json.Field("refused", true).Field("reason", explanation);
+            return Finish(out, kExitRefused);
+        }
+    }
+    out.json.Field("refused", false);
+    const HRESULT hr = host.Rollback();
+    out.Row("Rollback", DescribeResult(hr) + (hr == S_FALSE ? " - nothing to restore" : ""));
+    out.json.Key("rollback");
+    WriteResult(out.json, hr);
+    const DatabaseState after = ReadDatabaseState();
+    out.Row("now", Verdict(after));
+    out.Row("backup", BackupText(after));
+    out.json.Key("after");
+    JsonDatabase(out.json, after);
+    if (FAILED(hr))
+        out.Problem("Rollback failed: " + DescribeResult(hr));
+    return Finish(out, SUCCEEDED(hr) ? kExitOk : kExitFailed);
+}
+
+int Cleanup(const Options&, Printer& out, CLibraryHost& host)
+{
+    Header(out, "cleanup");
+    const DatabaseState before = ReadDatabaseState();
+    const Loaded l = LoadAndAsk(host, out);
+    out.json.Key("before");
+    JsonDatabase(out.json, before);
+    if (FAILED(l.load))
+        return Finish(out, kExitFailed);
+    out.Row("backup", BackupText(before));
+    const HRESULT hr = host.Cleanup();
+    out.Row("Cleanup", DescribeResult(hr) + (hr == S_FALSE ? " - no backup to remove" : ""));
+    out.json.Key("cleanup");
+    WriteResult(out.json, hr);
+    const DatabaseState after = ReadDatabaseState();
+    out.Row("MainDB", after.mainDb ? "present" : "absent");
+    out.Row("user keys", UserKeysText(after));
+    out.Row("backup keys", BackupKeysText(after));
+    out.Row("now", Verdict(after));
+    out.json.Key("after");
+    JsonDatabase(out.json, after);
+    if (FAILED(hr))
+        out.Problem("Cleanup failed: " + DescribeResult(hr));
+    return Finish(out, SUCCEEDED(hr) ? kExitOk : kExitFailed);
+}
+
+int Registration(bool doRegister, Printer& out, CLibraryHost& host)
+{
+    const char* name = doRegister ? "register" : "unregister";
+    const char* call = doRegister ? "DllRegisterServer" : "DllUnregisterServer";
+    Header(out, name);
+    const HRESULT load = host.Load();
+    out.Row("library", U8(host.path()));
+    out.json.Field("dll", host.path());
+    out.json.Key("load");
+    WriteResult(out.json, load);
+    if (FAILED(load)) {
+        out.Problem("cannot load " + U8(host.path()) + ": " + DescribeResult(load));
+        return Finish(out, kExitFailed);
+    }
+    const HRESULT hr = doRegister ? host.Register() : host.Unregister();
+    out.Row(call, DescribeResult(hr));
+    out.json.Key(doRegister ? "register" : "unregister");
+    WriteResult(out.json, hr);
+    const auto components = ReadComponents();
+    out.Row("components", components.empty() ? std::string("none in HKLM\\SOFTWARE\\Norvane\\Core\\SysComponents")
+                                             : Fmt("%zu in HKLM\\SOFTWARE\\Norvane\\Core\\SysComponents",
+                                                   components.size()));
+    out.json.Key("components").BeginObject();
+    for (const auto& [name, text] : components) {
+        out.Line("    " + U8(name) + " = " + U8(text));
+        out.json.Field(U8(name).c_str(), text);
+    }
+    out.json.EndObject();
+    if (FAILED(hr))
+        out.Problem(std::string(call) + " failed: " + DescribeResult(hr));
+    return Finish(out, SUCCEEDED(hr) ? kExitOk : kExitFailed);
+}
+
+int Trace(const Options& o, Printer& out, const std::wstring& dllPath)
+{
+    Header(out, "trace");
+    TraceChange change;
+    change.on = o.traceOn;
+    change.verbosity = o.verbosity;
+    change.fileName = o.file;
+    change.newFileAlways = o.newFileAlways;
+    const HRESULT hr = WriteTraceSettings(change);
+    out.Row("settings", std::string(o.traceOn ? "on" : "off") + ": " + DescribeResult(hr));
+    out.json.Field("on", o.traceOn);
+    out.json.Key("write");
+    WriteResult(out.json, hr);
+    const TraceSettings now = ReadTraceSettings();
+    ShowTrace(out, now, dllPath);
+    out.json.Key("trace");
+    JsonTrace(out.json, now, dllPath);
+    if (FAILED(hr))
+        out.Problem("writing HKLM\\SOFTWARE\\Norvane\\Tracing failed: " + DescribeResult(hr));
+    return Finish(out, SUCCEEDED(hr) ? kExitOk : kExitFailed);
+}
+
+std::string FileVersionOf(const std::wstring& path)
+{
+    DWORD handle = 0;
+    const DWORD size = ::GetFileVersionInfoSizeW(path.c_str(), &handle);
+    if (size == 0)
+        return std::string();
+    std::vector<BYTE> data(size);
+    if (!::GetFileVersionInfoW(path.c_str(), 0, size, data.data()))
+        return std::string();
+    VS_FIXEDFILEINFO* info = nullptr;
+    UINT len = 0;
+    if (!::VerQueryValueW(data.data(), L"\\", reinterpret_cast<void**>(&info), &len) || !info)
+        return std::string();
+    return Fmt("%lu.%lu.%lu.%lu", static_cast<unsigned long>(HIWORD(info->dwFileVersionMS)),
+               static_cast<unsigned long>(LOWORD(info->dwFileVersionMS)),
+               static_cast<unsigned long>(HIWORD(info->dwFileVersionLS)),
+               static_cast<unsigned long>(LOWORD(info->dwFileVersionLS)));
+}
+
+int Version(Printer& out, CLibraryHost& host)
+{
+    Header(out, "version");
+    out.Row("nvdbconv", NV_VERSION_TEXT);
+    out.json.Field("version", NV_VERSION_TEXT);
+    out.Row("library", U8(host.path()));
+    out.json.Field("dll", host.path());
+    const std::string fileVersion = FileVersionOf(host.path());
+    out.Row("file version", fileVersion.empty() ? std::string("none (no version resource)") : fileVersion);
+    out.json.Key("fileVersion");
+    if (fileVersion.empty())
+        out.json.Null();
+    else
+        out.json.String(fileVersion);
+    const HRESULT load = host.Load();
+    out.json.Key("load");
+    WriteResult(out.json, load);
+    if (FAILED(load)) {
+        out.Row("LoadLibrary", DescribeResult(load));
+        out.Problem("cannot load " + U8(host.path()) + ": " + DescribeResult(load));
+        return Finish(out, kExitFailed);
+    }
+    std::string present, missing;
+    out.json.Key("exports").BeginObject();
+    for (size_t i = 0; i < kLibraryExportCount; ++i) {
+        const bool has = host.HasExport(kLibraryExports[i]);
+        std::string& list = has ? present : missing;
+        if (!list.empty())
+            list += " ";
+        list += kLibraryExports[i];
+        out.json.Field(kLibraryExports[i], has);
+    }
+    out.json.EndObject();
+    out.Row("exports", present);
+    if (!missing.empty())
+        out.Row("missing", missing);
+    return Finish(out, missing.empty() && !fileVersion.empty() ? kExitOk : kExitFailed);
+}
+
+int Store(Printer& out)
+{
+    Header(out, "store");
+    const StoreServerState server = ReadStoreServer();
+    out.Row("server", server.registered ? "registered: " + U8(server.path) : std::string("not registered"));
+    out.json.Key("server").BeginObject().Field("registered", server.registered);
+    out.json.Key("path");
+    if (server.registered)
+        out.json.String(server.path);
+    else
+        out.json.Null();
+    out.json.EndObject();
+
+    const StoreSummary s = ReadStoreSummary();
+    out.Row("users", Fmt("%zu in HKLM\\SOFTWARE\\Norvane\\Store (64-bit view), %zu registered", s.users.size(),
+                         s.registered));
+    out.json.Key("users").BeginArray();
+    for (const StoreUserSummary& u : s.users) {
+        std::string positions;
+        for (DWORD p : u.templates)
+            positions += (positions.empty() ? "" : ",") + std::to_string(p);
+        std::string names;
+        for (const std::wstring& n : u.secrets)
+            names += (names.empty() ? "" : ", ") + U8(n);
+        out.Line(Fmt("    %-44s secrets %zu (%zu open with the user's key)%s%s, templates %zu%s%s, payload %s, %s",
+                     U8(u.sid).c_str(), u.secrets.size(), u.secretsOpen, names.empty() ? "" : ": ", names.c_str(),
+                     u.templates.size(), positions.empty() ? "" : " at ", positions.c_str(),
+                     u.payload ? "yes" : "no", u.registered ? "registered" : "not registered"));
+        out.json.BeginObject();
+        out.json.Field("sid", u.sid);
+        out.json.Key("secrets").BeginArray();
+        for (const std::wstring& n : u.secrets)
+            out.json.String(n);
+        out.json.EndArray();
+        out.json.Field("secretsOpen", u.secretsOpen);
+        out.json.Key("templates").BeginArray();
+        for (DWORD p : u.templates)
+            out.json.Number(p);
+        out.json.EndArray();
+        out.json.Field("payload", u.payload).Field("keyPair", u.keyPair).Field("password", u.password);
+        out.json.Field("registered", u.registered);
+        out.json.EndObject();
+    }
+    out.json.EndArray();
+    out.Row("total", Fmt("%zu users, %zu secrets (%zu open with their user's key), %zu templates", s.users.size(),
+                         s.secrets(), s.secretsOpen(), s.templates()));
+    out.json.Key("totals").BeginObject();
+    out.json.Field("users", s.users.size()).Field("registered", s.registered);
+    out.json.Field("secrets", s.secrets()).Field("secretsOpen", s.secretsOpen()).Field("templates", s.templates());
+    out.json.EndObject();
+    return Finish(out, kExitOk);
+}
+
+} // namespace
+
+bool StdoutIsTerminal()
+{
+    DWORD mode = 0;
+    if (::GetConsoleMode(::GetStdHandle(STD_OUTPUT_HANDLE), &mode))
+        return true;
+    return _isatty(_fileno(stdout)) != 0;
+}
+
+void WriteOut(const std::string& utf8)
+{
+    std::fwrite(utf8.data(), 1, utf8.size(), stdout);
+    std::fflush(stdout);
+}
+
+void WriteErr(const std::string& utf8)
+{
+    std::fwrite(utf8.data(), 1, utf8.size(), stderr);
+    std::fflush(stderr);
+}
+
+int Run(const Options& o)
+{
+    Printer out(o);
+    CLibraryHost host(AbsolutePath(o.dll.empty() ? DefaultLibraryPath() : o.dll));
+    switch (o.command) {
+    case Command::Status:
+        return Status(o, out, host);
+    case Command::Convert:
+        return Convert(o, out, host);
+    case Command::Rollback:
+        return Rollback(o, out, host);
+    case Command::Cleanup:
+        return Cleanup(o, out, host);
+    case Command::Register:
+        return Registration(true, out, host);
+    case Command::Unregister:
+        return Registration(false, out, host);
+    case Command::Trace:
+        return Trace(o, out, host.path());
+    case Command::Version:
+        return Version(out, host);
+    case Command::Store:
+        return Store(out);
+    default:
+        WriteErr(ShortUsageText());
+        return kExitUsage;
+    }
+}
+
+} // namespace nvdbconv

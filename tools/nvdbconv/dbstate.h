@@ -1,0 +1,93 @@
+// What the host reads from (and, for the trace settings, writes to) the registry:
+// where the database lives and what it holds, the backup the last conversion left,
+// the storage server's registration and the trace settings in force. Readers never
+// change anything and answer "absent" for whatever cannot be read.
+#pragma once
+#include <windows.h>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace nvdbconv {
+
+// Paths relative to HKEY_LOCAL_MACHINE, as the suite lays them out.
+inline constexpr const wchar_t kDatabasePath[] = L"SOFTWARE\\Norvane\\DB";
+inline constexpr const wchar_t kMainDbPath[] = L"SOFTWARE\\Norvane\\DB\\MainDB";
+inline constexpr const wchar_t kUsersPath[] = L"SOFTWARE\\Norvane\\DB\\Data\\Users";
+inline constexpr const wchar_t kBackup10Path[] = L"SOFTWARE\\Norvane\\DB-v1.0";
+inline constexpr const wchar_t kBackup20Path[] = L"SOFTWARE\\Norvane\\DB-v2.0";
+inline constexpr const wchar_t kTracingPath[] = L"SOFTWARE\\Norvane\\Tracing";
+inline constexpr const wchar_t kBackupValueName[] = L"Backup";
+inline constexpr const wchar_t kVersionValueName[] = L"Version";
+
+// The converters open the database in the 32-bit view; a 1.0 database keeps its
+// backup there too, a 2.0 database keeps it in the library's own (64-bit) view.
+inline constexpr REGSAM kDatabaseView = KEY_WOW64_32KEY;
+inline constexpr REGSAM kBackup10View = KEY_WOW64_32KEY;
+inline constexpr REGSAM kBackup20View = KEY_WOW64_64KEY;
+
+const char* ViewName(REGSAM view);
+bool KeyExists(const wchar_t* path, REGSAM view);
+
+// Subkeys under Data\Users (32-bit view); false when the key is missing.
+bool CountUserKeys(DWORD* count);
+
+struct DatabaseState {
+    bool in32 = false;                // HKLM\SOFTWARE\Norvane\DB in the 32-bit view
+    bool in64 = false;                // ... and in the 64-bit view
+    std::optional<std::wstring> version; // "Version" where the library looks first (64, then 32)
+    REGSAM versionView = 0;
+    bool mainDb = false;              // DB\MainDB (32-bit view)
+    bool usersKey = false;            // DB\Data\Users (32-bit view)
+    DWORD userKeys = 0;
+    std::optional<std::wstring> backupValue; // "Backup" in the database key (32-bit view)
+    bool backup10 = false;            // DB-v1.0 in its view
+    bool backup20 = false;            // DB-v2.0 in its view
+};
+DatabaseState ReadDatabaseState();
+
+// The view of the backup key that the converter for a database version works with.
+REGSAM BackupViewFor(DWORD databaseVersion);
+
+struct StoreServerState {
+    bool registered = false;
+    std::wstring path; // InprocServer32 of the store's class (64-bit view)
+};
+StoreServerState ReadStoreServer();
+
+// The suite's component list (HKLM\SOFTWARE\Norvane\Core\SysComponents, native
+// view), which DllRegisterServer adds to: value name and text, in registry order.
+std::vector<std::pair<std::wstring, std::wstring>> ReadComponents();
+
+// The trace settings as the library reads them: native view first, then the
+// 32-bit view; DWORDs of another type and strings that are not terminated count
+// as absent.
+struct TraceSettings {
+    bool keyFound = false;
+    REGSAM keyView = 0;
+    std::optional<DWORD> doTrace, traceToFile, newFileAlways, doProfiling, verbosity;
+    std::optional<std::wstring> tracePath, fileName;
+
+    bool on() const { return doTrace.value_or(0) != 0; }
+    bool toFile() const { return !traceToFile || *traceToFile == 1; }
+    bool append() const { return newFileAlways && *newFileAlways == 0; }
+    bool profiling() const { return doProfiling.value_or(0) != 0; }
+};
+TraceSettings ReadTraceSettings();
+
+// The file the library writes when loaded into this process from dllPath.
+std::wstring TraceFileFor(const TraceSettings& settings, const std::wstring& dllPath);
+
+struct TraceChange {
+    bool on = false;
+    std::optional<DWORD> verbosity;
+    std::optional<std::wstring> fileName;
+    std::optional<DWORD> newFileAlways;
+};
+// Writes the settings into HKLM\SOFTWARE\Norvane\Tracing (native view): DoTrace,
+// and with "on" TraceToFile = 1 and whatever the change names. S_OK or the failing
+// registry call's code.
+HRESULT WriteTraceSettings(const TraceChange& change);
+
+} // namespace nvdbconv

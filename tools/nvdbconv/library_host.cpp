@@ -1,0 +1,75 @@
+#include "library_host.h"
+
+#include "common/hresult.h"
+#include "common/procaddress.h"
+
+namespace nvdbconv {
+
+namespace {
+
+using ActionFn = HRESULT(__stdcall*)();
+using GetDBVersionFn = HRESULT(__stdcall*)(DWORD*, DWORD*);
+
+} // namespace
+
+const char* const kLibraryExports[] = {"Convert",         "Rollback",          "Cleanup",
+                                       "GetDBVersion",    "DllCanUnloadNow",   "DllGetClassObject",
+                                       "DllRegisterServer", "DllUnregisterServer"};
+const size_t kLibraryExportCount = sizeof(kLibraryExports) / sizeof(kLibraryExports[0]);
+
+std::wstring DefaultLibraryPath()
+{
+    wchar_t exe[MAX_PATH] = {};
+    const DWORD n = ::GetModuleFileNameW(nullptr, exe, MAX_PATH);
+    std::wstring path(exe, n);
+    return path.substr(0, path.find_last_of(L"\\/") + 1) + L"NVDBConv.dll";
+}
+
+std::wstring AbsolutePath(const std::wstring& path)
+{
+    const DWORD n = ::GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);
+    if (n == 0)
+        return path;
+    std::wstring full(n, L'\0');
+    const DWORD written = ::GetFullPathNameW(path.c_str(), n, &full[0], nullptr);
+    full.resize(written);
+    return full;
+}
+
+HRESULT CLibraryHost::Load()
+{
+    if (m_module)
+        return S_OK;
+    // An installer names the file it carries by its full path; its dependencies
+    // are looked up beside it.
+    HMODULE module = ::LoadLibraryExW(m_path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+    if (!module) {
+        const DWORD err = ::GetLastError();
+        return err ? nv::HResultFromWin32(static_cast<LONG>(err)) : E_FAIL;
+    }
+    m_module.reset(module);
+    return S_OK;
+}
+
+bool CLibraryHost::HasExport(const char* name) const
+{
+    return nv::GetProcAs<FARPROC>(m_module.get(), name) != nullptr;
+}
+
+HRESULT CLibraryHost::Action(const char* name) const
+{
+    const ActionFn fn = nv::GetProcAs<ActionFn>(m_module.get(), name);
+    if (!fn)
+        return HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND);
+    return fn();
+}
+
+HRESULT CLibraryHost::GetDBVersion(DWORD* current, DWORD* target) const
+{
+    const GetDBVersionFn fn = nv::GetProcAs<GetDBVersionFn>(m_module.get(), "GetDBVersion");
+    if (!fn)
+        return HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND);
+    return fn(current, target);
+}
+
+} // namespace nvdbconv

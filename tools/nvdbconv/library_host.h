@@ -1,0 +1,50 @@
+// CLibraryHost: loads NVDBConv.dll the way the suite's installer does (LoadLibrary
+// of the full path, GetProcAddress of each export) and calls its exports. The
+// library's load-time work (version detection, converter choice) runs in Load();
+// the library stays loaded until the host is destroyed, so Convert followed by
+// Cleanup talk to the same converter. A missing export answers
+// HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND) without calling anything.
+#pragma once
+#include <windows.h>
+#include <string>
+
+#include "common/handles.h"
+
+namespace nvdbconv {
+
+// NVDBConv.dll next to the running executable.
+std::wstring DefaultLibraryPath();
+// The absolute form of a path (relative paths against the current directory).
+std::wstring AbsolutePath(const std::wstring& path);
+
+class CLibraryHost {
+public:
+    explicit CLibraryHost(std::wstring path) : m_path(std::move(path)) {}
+
+    // S_OK, or the loader's error as an HRESULT.
+    HRESULT Load();
+    bool loaded() const { return static_cast<bool>(m_module); }
+    const std::wstring& path() const { return m_path; }
+    bool HasExport(const char* name) const;
+
+    HRESULT GetDBVersion(DWORD* current, DWORD* target) const;
+    HRESULT Convert() const { return Action("Convert"); }
+    HRESULT Rollback() const { return Action("Rollback"); }
+    HRESULT Cleanup() const { return Action("Cleanup"); }
+    HRESULT Register() const { return Action("DllRegisterServer"); }
+    HRESULT Unregister() const { return Action("DllUnregisterServer"); }
+
+    // Frees the library (its holder and trace file close); idempotent.
+    void Unload() { m_module.reset(); }
+
+private:
+    HRESULT Action(const char* name) const;
+    std::wstring m_path;
+    nv::unique_hmodule m_module;
+};
+
+// The names the installer resolves, in the order the host checks them.
+extern const char* const kLibraryExports[];
+extern const size_t kLibraryExportCount;
+
+} // namespace nvdbconv

@@ -1,0 +1,112 @@
+#include "results.h"
+
+#include <cstdio>
+
+#include "common/handles.h"
+
+namespace nvdbconv {
+
+namespace {
+
+struct KnownCode {
+    HRESULT hr;
+    const char* name;
+};
+
+const KnownCode kKnownCodes[] = {
+    {S_OK, "S_OK"},
+    {S_FALSE, "S_FALSE"},
+    {E_FAIL, "E_FAIL"},
+    {E_UNEXPECTED, "E_UNEXPECTED"},
+    {E_INVALIDARG, "E_INVALIDARG"},
+    {E_OUTOFMEMORY, "E_OUTOFMEMORY"},
+    {E_POINTER, "E_POINTER"},
+    {E_NOTIMPL, "E_NOTIMPL"},
+    {E_NOINTERFACE, "E_NOINTERFACE"},
+    {E_ACCESSDENIED, "E_ACCESSDENIED"},
+    {REGDB_E_CLASSNOTREG, "REGDB_E_CLASSNOTREG"},
+    {CO_E_NOTINITIALIZED, "CO_E_NOTINITIALIZED"},
+    {HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), "HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)"},
+    {HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND), "HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND)"},
+    {HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED), "HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED)"},
+    {HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY), "HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY)"},
+    {HRESULT_FROM_WIN32(ERROR_INVALID_DATA), "HRESULT_FROM_WIN32(ERROR_INVALID_DATA)"},
+    {HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND), "HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND)"},
+    {HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND), "HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND)"},
+    {HRESULT_FROM_WIN32(ERROR_BAD_EXE_FORMAT), "HRESULT_FROM_WIN32(ERROR_BAD_EXE_FORMAT)"},
+    {HRESULT_FROM_WIN32(ERROR_NOT_FOUND), "HRESULT_FROM_WIN32(ERROR_NOT_FOUND)"},
+};
+
+std::string Trimmed(const std::wstring& text)
+{
+    size_t end = text.size();
+    while (end > 0 && (text[end - 1] == L'\r' || text[end - 1] == L'\n' || text[end - 1] == L' '))
+        --end;
+    return ToUtf8(text.substr(0, end));
+}
+
+std::string FormatFromSystem(DWORD code)
+{
+    wchar_t* raw = nullptr;
+    const DWORD n = ::FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM |
+                                         FORMAT_MESSAGE_IGNORE_INSERTS,
+                                     nullptr, code, 0, reinterpret_cast<wchar_t*>(&raw), 0, nullptr);
+    nv::unique_hlocal owner(raw);
+    if (n == 0 || raw == nullptr)
+        return std::string();
+    return Trimmed(std::wstring(raw, n));
+}
+
+} // namespace
+
+std::string HexCode(HRESULT hr)
+{
+    char buf[16];
+    std::snprintf(buf, sizeof(buf), "0x%08lX", static_cast<unsigned long>(hr));
+    return buf;
+}
+
+std::string SymbolOf(HRESULT hr)
+{
+    for (const KnownCode& known : kKnownCodes)
+        if (known.hr == hr)
+            return known.name;
+    return std::string();
+}
+
+std::string SystemMessage(HRESULT hr)
+{
+    std::string text = FormatFromSystem(static_cast<DWORD>(hr));
+    if (text.empty() && HRESULT_FACILITY(hr) == FACILITY_WIN32)
+        text = FormatFromSystem(static_cast<DWORD>(HRESULT_CODE(hr)));
+    return text;
+}
+
+std::string DescribeResult(HRESULT hr)
+{
+    std::string line = HexCode(hr);
+    const std::string symbol = SymbolOf(hr);
+    if (!symbol.empty())
+        line += " " + symbol;
+    const std::string message = SystemMessage(hr);
+    line += message.empty() ? std::string(" (no system message)") : " \"" + message + "\"";
+    return line;
+}
+
+void WriteResult(JsonWriter& json, HRESULT hr)
+{
+    json.BeginObject();
+    json.Field("hr", HexCode(hr));
+    json.Field("code", static_cast<long>(hr));
+    const std::string symbol = SymbolOf(hr);
+    json.Key("symbol");
+    if (symbol.empty())
+        json.Null();
+    else
+        json.String(symbol);
+    json.Field("message", SystemMessage(hr));
+    json.Field("ok", SUCCEEDED(hr));
+    json.EndObject();
+}
+
+} // namespace nvdbconv

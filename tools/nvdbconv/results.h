@@ -1,0 +1,26 @@
+// Result codes as the host shows them: the code in hex, its symbolic name where it
+// is one of the common ones, and the system's message text (FormatMessage).
+#pragma once
+#include <windows.h>
+#include <string>
+
+#include "json.h"
+
+namespace nvdbconv {
+
+// "0x80004005"
+std::string HexCode(HRESULT hr);
+// "E_FAIL", "S_FALSE", "HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)", ...; empty when
+// the code is none of the known ones.
+std::string SymbolOf(HRESULT hr);
+// The system's message text for the code, without the trailing line break; a
+// Win32-facility code falls back to the text of its Win32 error. Empty when the
+// system has none.
+std::string SystemMessage(HRESULT hr);
+// One line: 0x80004005 E_FAIL "Unspecified error"
+std::string DescribeResult(HRESULT hr);
+
+// {"hr":"0x80004005","code":-2147467259,"symbol":"E_FAIL","message":"...","ok":false}
+void WriteResult(JsonWriter& json, HRESULT hr);
+
+} // namespace nvdbconv
