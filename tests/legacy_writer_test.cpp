@@ -9,7 +9,7 @@
 #include <algorithm>
 
 #include "support/legacy_db_tree.h"
-#include "support/legacy_support.h"
+#include "support/key_containers.h"
 #include "support/registry_sandbox.h"
 #include "writer/legacy_writer.h"
 
@@ -216,8 +216,8 @@ TEST_F(LegacyWriterTest, Users20GivesTheFirstUsersSealedRecordsUnderTheirGuids)
     options.domains = 2;
     options.users20 = 4;
     nvwriter::DbRecord record = Write(options);
-    EXPECT_TRUE(MachineContainerExists(record.hostId));
-    MachineContainers containers; // deletes it at once
+    EXPECT_TRUE(ContainerExists(record.hostId));
+    ContainerJanitor containers; // deletes it at once
     containers.Track(record.hostId);
 
     ASSERT_EQ(4u, record.users20);
@@ -266,8 +266,8 @@ TEST_F(LegacyWriterTest, Format20WritesStoresAndSealedUsersInThe32BitView)
     options.users = 5;
     options.domains = 1;
     nvwriter::DbRecord record = Write(options);
-    EXPECT_TRUE(MachineContainerExists(record.hostId));
-    MachineContainers containers; // deletes it at once
+    EXPECT_TRUE(ContainerExists(record.hostId));
+    ContainerJanitor containers; // deletes it at once
     containers.Track(record.hostId);
 
     EXPECT_EQ(L"2.0", record.versionText);

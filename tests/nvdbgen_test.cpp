@@ -9,7 +9,7 @@
 #include "common/handles.h"
 #include "support/dll_loader.h"
 #include "support/legacy_db_tree.h"
-#include "support/legacy_support.h"
+#include "support/key_containers.h"
 #include "support/registry_sandbox.h"
 #include "writer/legacy_writer.h"
 
@@ -206,7 +206,7 @@ TEST_F(NvDbGenTest, Format20WritesA20DatabaseWithSealedUsers)
     options.wipe = true;
     nvwriter::DbRecord record;
     ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
-    MachineContainers containers;
+    ContainerJanitor containers;
     containers.Track(record.hostId);
     std::vector<std::wstring> expected;
     for (const auto& u : record.users)
@@ -236,7 +236,7 @@ TEST_F(NvDbGenTest, Users20AddsSealedRecordsForTheFirstUsersOfA10Database)
     options.wipe = true;
     nvwriter::DbRecord record;
     ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
-    MachineContainers containers;
+    ContainerJanitor containers;
     containers.Track(record.hostId);
     std::vector<std::wstring> expected;
     for (const auto& u : record.users)
