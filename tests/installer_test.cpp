@@ -11,7 +11,7 @@
 #include "nvstore_inspect.h"
 #include "support/dll_loader.h"
 #include "support/legacy_db_tree.h"
-#include "support/legacy_support.h"
+#include "support/key_containers.h"
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
 #include "support/store_sandbox.h"
@@ -178,7 +178,7 @@ TEST_F(InstallerStoreTest, Converts20DatabaseIntoTheStoreThenCleansUp)
     options.userCount = 4;
     options.domainCount = 1;
     const nvwriter::Db20Database db = nvwriter::MakeDb20Database(options);
-    MachineContainers containers;
+    ContainerJanitor containers;
     containers.Track(db.hostId);
     ASSERT_EQ(S_OK, nvwriter::WriteDb20Database(db));
 

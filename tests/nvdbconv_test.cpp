@@ -22,7 +22,7 @@
 #include "support/dll_loader.h"
 #include "support/json_reader.h"
 #include "support/legacy_db_tree.h"
-#include "support/legacy_support.h"
+#include "support/key_containers.h"
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
 #include "support/store_sandbox.h"
@@ -779,7 +779,7 @@ protected:
         EXPECT_FALSE(KeyExists(kUsers, kView32));
     }
 
-    MachineContainers m_containers;
+    ContainerJanitor m_containers;
 };
 
 TEST_F(NvdbconvConvert20Test, ProgressAlwaysDrawsUsersConvertedTotalAndRate)

@@ -18,7 +18,7 @@
 #include "converter3/secretpacking.h"
 #include "legacydb/userextractor.h"
 #include "secret_keys.h"
-#include "support/legacy_support.h"
+#include "support/key_containers.h"
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
 #include "writer/db20_writer.h"
@@ -755,7 +755,7 @@ protected:
         RegistrySandbox::SetUp();
         m_containers.Track(GUID_NULL);
     }
-    nvtest::MachineContainers m_containers;
+    nvtest::ContainerJanitor m_containers;
 };
 
 // The logon info secret of a model user, made if the model has none.
