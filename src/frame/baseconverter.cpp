@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "common/hresult.h"
+#include "common/keysecurity.h"
 #include "trace/trace.h"
 
 const wchar_t* const CBaseConverter::s_wszBackupValue = L"Backup";
@@ -24,65 +25,6 @@ constexpr REGSAM kDeleteParentAccess = KEY_READ | DELETE;   // 0x30019
 struct FreeDeleter {
     void operator()(BYTE* p) const noexcept { std::free(p); }
 };
-
-// A well-known SID in a fixed buffer.
-class WellKnownSid {
-public:
-    explicit WellKnownSid(WELL_KNOWN_SID_TYPE type)
-    {
-        DWORD cb = sizeof(m_buffer);
-        nv::ThrowLastErrorIf(!::CreateWellKnownSid(type, nullptr, m_buffer, &cb));
-    }
-    PSID get() noexcept { return m_buffer; }
-
-private:
-    alignas(void*) BYTE m_buffer[SECURITY_MAX_SID_SIZE];
-};
-
-// The caller's effective token: the thread's while it impersonates, else the process's.
-nv::unique_handle_null OpenEffectiveToken()
-{
-    nv::unique_handle_null token;
-    if (::OpenThreadToken(::GetCurrentThread(), TOKEN_QUERY, TRUE, token.put()))
-        return token;
-    if (::GetLastError() != ERROR_NO_TOKEN)
-        nv::ThrowLastError();
-    nv::ThrowLastErrorIf(!::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, token.put()));
-    return token;
-}
-
-std::vector<BYTE> QueryTokenInformation(HANDLE token, TOKEN_INFORMATION_CLASS cls)
-{
-    DWORD cb = 0;
-    ::GetTokenInformation(token, cls, nullptr, 0, &cb);
-    if (cb == 0)
-        nv::ThrowLastError();
-    std::vector<BYTE> info(cb);
-    nv::ThrowLastErrorIf(!::GetTokenInformation(token, cls, info.data(), cb, &cb));
-    return info;
-}
-
-// LocalSystem, or a member of Administrators. A group present only for deny checks
-// (a restricted token) grants nothing and does not count.
-bool IsSystemOrAdministrator()
-{
-    nv::unique_handle_null token = OpenEffectiveToken();
-    WellKnownSid system(WinLocalSystemSid);
-    WellKnownSid admins(WinBuiltinAdministratorsSid);
-
-    std::vector<BYTE> user = QueryTokenInformation(token.get(), TokenUser);
-    if (::EqualSid(reinterpret_cast<TOKEN_USER*>(user.data())->User.Sid, system.get()))
-        return true;
-
-    std::vector<BYTE> groupsInfo = QueryTokenInformation(token.get(), TokenGroups);
-    const auto* groups = reinterpret_cast<const TOKEN_GROUPS*>(groupsInfo.data());
-    for (DWORD i = 0; i < groups->GroupCount; ++i) {
-        const SID_AND_ATTRIBUTES& g = groups->Groups[i];
-        if ((g.Attributes & SE_GROUP_USE_FOR_DENY_ONLY) == 0 && ::EqualSid(g.Sid, admins.get()))
-            return true;
-    }
-    return false;
-}
 
 } // namespace
 
@@ -287,41 +229,9 @@ HRESULT CBaseConverter::DeleteKey(HKEY hRoot, const wchar_t* wszPath, REGSAM sam
 HRESULT CBaseConverter::GrantFullAccess(HKEY hKey, ACCESS_MASK usersMask)
 {
     return nv::Guarded([&]() -> HRESULT {
-        if (!IsSystemOrAdministrator())
+        if (!nv::CallerIsSystemOrAdministrator())
             return S_OK;
-
-        WellKnownSid system(WinLocalSystemSid);
-        WellKnownSid admins(WinBuiltinAdministratorsSid);
-        WellKnownSid users(WinBuiltinUsersSid);
-        struct Entry {
-            PSID sid;
-            ACCESS_MASK mask;
-        } entries[] = {
-            {system.get(), KEY_ALL_ACCESS},
-            {admins.get(), KEY_ALL_ACCESS},
-            {users.get(), usersMask},
-        };
-
-        DWORD cbAcl = sizeof(ACL);
-        for (const Entry& e : entries) {
-            if (e.mask != 0)
-                cbAcl += sizeof(ACCESS_ALLOWED_ACE) - sizeof(DWORD) + ::GetLengthSid(e.sid);
-        }
-        std::vector<BYTE> aclBuffer(cbAcl);
-        PACL acl = reinterpret_cast<PACL>(aclBuffer.data());
-        nv::ThrowLastErrorIf(!::InitializeAcl(acl, cbAcl, ACL_REVISION));
-        for (const Entry& e : entries) {
-            if (e.mask == 0)
-                continue;
-            nv::ThrowLastErrorIf(!::AddAccessAllowedAceEx(acl, ACL_REVISION,
-                                                          OBJECT_INHERIT_ACE | CONTAINER_INHERIT_ACE, e.mask,
-                                                          e.sid));
-        }
-
-        DWORD r = ::SetSecurityInfo(hKey, SE_REGISTRY_KEY,
-                                    DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION, nullptr,
-                                    nullptr, acl, nullptr);
-        // Not being able to open the key up is no reason to stop: the delete is tried anyway.
-        return r == ERROR_SUCCESS ? S_OK : S_FALSE;
+        // S_FALSE when the DACL cannot be set: the delete is tried anyway.
+        return nv::SetProtectedKeyDacl(hKey, usersMask);
     });
 }

@@ -8,6 +8,7 @@
 #include "common/cryptblob.h"
 #include "common/handles.h"
 #include "common/hresult.h"
+#include "common/keysecurity.h"
 #include "common/regkey.h"
 #include "trace/trace.h"
 
@@ -18,7 +19,6 @@ namespace {
 constexpr DWORD kKeyExchange = AT_KEYEXCHANGE;
 // Open or create the host key with whatever the caller's token allows.
 constexpr REGSAM kHostKeyAccess = MAXIMUM_ALLOWED;
-constexpr DWORD kInheritToChildren = OBJECT_INHERIT_ACE | CONTAINER_INHERIT_ACE;
 // Records up to this size are decoded into a buffer on the stack.
 constexpr DWORD kStackDecodeLimit = 1024;
 
@@ -82,22 +82,7 @@ void ProtectHostKey(HKEY key) noexcept
 {
     if (!nvsecurity::CallerIsPrivileged())
         return;
-    BYTE system[SECURITY_MAX_SID_SIZE], admins[SECURITY_MAX_SID_SIZE], users[SECURITY_MAX_SID_SIZE];
-    DWORD cbSystem = sizeof(system), cbAdmins = sizeof(admins), cbUsers = sizeof(users);
-    if (!::CreateWellKnownSid(WinLocalSystemSid, nullptr, system, &cbSystem) ||
-        !::CreateWellKnownSid(WinBuiltinAdministratorsSid, nullptr, admins, &cbAdmins) ||
-        !::CreateWellKnownSid(WinBuiltinUsersSid, nullptr, users, &cbUsers))
-        return;
-    const DWORD cbAcl = sizeof(ACL) + 3 * (sizeof(ACCESS_ALLOWED_ACE) - sizeof(DWORD)) + cbSystem + cbAdmins + cbUsers;
-    std::vector<BYTE> aclBuffer(cbAcl);
-    PACL acl = reinterpret_cast<PACL>(aclBuffer.data());
-    if (!::InitializeAcl(acl, cbAcl, ACL_REVISION) ||
-        !::AddAccessAllowedAceEx(acl, ACL_REVISION, kInheritToChildren, KEY_ALL_ACCESS, system) ||
-        !::AddAccessAllowedAceEx(acl, ACL_REVISION, kInheritToChildren, KEY_ALL_ACCESS, admins) ||
-        !::AddAccessAllowedAceEx(acl, ACL_REVISION, kInheritToChildren, nvsecurity::kHostKeyUsersAccess, users))
-        return;
-    ::SetSecurityInfo(key, SE_REGISTRY_KEY, DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION, nullptr,
-                      nullptr, acl, nullptr);
+    nv::Guarded([&]() -> HRESULT { return nv::SetProtectedKeyDacl(key, nvsecurity::kHostKeyUsersAccess); });
 }
 
 // Opens HKLM\SOFTWARE\Norvane\NVHOST in the caller's view, creating it when it
@@ -220,40 +205,11 @@ void FormatContainerName(const GUID& hostId, wchar_t (&name)[kContainerNameChars
 
 bool CallerIsPrivileged() noexcept
 {
-    nv::unique_handle_null token;
-    if (!::OpenThreadToken(::GetCurrentThread(), TOKEN_QUERY, TRUE, token.put()) &&
-        !::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, token.put()))
-        return false;
-
-    BYTE system[SECURITY_MAX_SID_SIZE], admins[SECURITY_MAX_SID_SIZE];
-    DWORD cbSystem = sizeof(system), cbAdmins = sizeof(admins);
-    if (!::CreateWellKnownSid(WinLocalSystemSid, nullptr, system, &cbSystem) ||
-        !::CreateWellKnownSid(WinBuiltinAdministratorsSid, nullptr, admins, &cbAdmins))
-        return false;
-
-    DWORD cb = 0;
-    ::GetTokenInformation(token.get(), TokenUser, nullptr, 0, &cb);
-    if (cb != 0) {
-        std::vector<BYTE> buffer(cb);
-        if (::GetTokenInformation(token.get(), TokenUser, buffer.data(), cb, &cb) &&
-            ::EqualSid(reinterpret_cast<TOKEN_USER*>(buffer.data())->User.Sid, system))
-            return true;
+    try {
+        return nv::CallerIsSystemOrAdministrator();
+    } catch (...) {
+        return false; // a token that cannot be read grants nothing
     }
-
-    cb = 0;
-    ::GetTokenInformation(token.get(), TokenGroups, nullptr, 0, &cb);
-    if (cb == 0)
-        return false;
-    std::vector<BYTE> buffer(cb);
-    if (!::GetTokenInformation(token.get(), TokenGroups, buffer.data(), cb, &cb))
-        return false;
-    const auto* groups = reinterpret_cast<const TOKEN_GROUPS*>(buffer.data());
-    for (DWORD i = 0; i < groups->GroupCount; ++i) {
-        const SID_AND_ATTRIBUTES& g = groups->Groups[i];
-        if (!(g.Attributes & SE_GROUP_USE_FOR_DENY_ONLY) && ::EqualSid(g.Sid, admins))
-            return true;
-    }
-    return false;
 }
 
 } // namespace nvsecurity

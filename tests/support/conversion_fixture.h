@@ -16,12 +16,16 @@
 #include <string>
 #include <vector>
 
-#include "support/legacy_support.h"
+#include "support/key_containers.h"
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
 #include "writer/db20_writer.h"
+#include "writer/legacy_writer.h"
 
 namespace nvtest {
+
+// Braced upper-case GUID text, as user keys are named.
+using nvwriter::GuidText;
 
 inline constexpr const wchar_t kDbPath[] = L"SOFTWARE\\Norvane\\DB";
 inline constexpr const wchar_t kDataPath[] = L"SOFTWARE\\Norvane\\DB\\Data";
