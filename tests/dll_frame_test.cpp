@@ -159,10 +159,11 @@ TEST_F(DllFrameTest, VersionInOwnViewWinsOverThe32BitView)
     Versions v = Load();
     EXPECT_EQ(S_OK, v.hr);
     EXPECT_EQ(0x00020000u, v.current);
-    EXPECT_EQ(0u, v.target);
+    // The 2.0 found in the library's own view chooses CConverter3.
+    EXPECT_EQ(0x00030000u, v.target);
 }
 
-TEST_F(DllFrameTest, Version30WithOrWithoutMainDBGetsNoConverterInThisBuild)
+TEST_F(DllFrameTest, Version30GetsCConverter3OnlyWhileMainDBStillOpens)
 {
     SetString(kDb, L"Version", L"3.0", kView32);
     CreateKeyPath(kMainDB, kView32);
@@ -171,8 +172,7 @@ TEST_F(DllFrameTest, Version30WithOrWithoutMainDBGetsNoConverterInThisBuild)
         DWORD current = kSentinel, target = kSentinel;
         EXPECT_EQ(S_OK, dll.GetDBVersion(&current, &target));
         EXPECT_EQ(0x00030000u, current);
-        EXPECT_EQ(0u, target);
-        EXPECT_EQ(E_FAIL, dll.Convert());
+        EXPECT_EQ(0x00030000u, target);
     }
     DeleteTree(kMainDB, kView32);
     {

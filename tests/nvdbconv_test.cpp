@@ -760,8 +760,10 @@ protected:
         EXPECT_EQ(expectedSids, nvstore::inspect::ListUsers());
         for (const auto& user : db.users) {
             std::set<std::wstring> names;
+            // Secrets are stored under their field names; the 31-character limit
+            // applies only to the name inside the secret record.
             for (const auto& secret : user.secrets)
-                names.insert(secret.name.substr(0, 31));
+                names.insert(secret.name);
             std::set<std::wstring> stored;
             for (const auto& [name, bytes] : nvstore::inspect::ListSecrets(user.sidText)) {
                 stored.insert(name);
