@@ -132,10 +132,6 @@ protected:
     ContainerJanitor m_containers;
 };
 
-std::wstring GuidText(const GUID& g)
-{
-    return ContainerName(g);
-}
 
 } // namespace
 
