@@ -132,7 +132,6 @@ protected:
     ContainerJanitor m_containers;
 };
 
-
 } // namespace
 
 TEST(Db20DerTest, ItemsEncodeAsTheLayoutNamesThem)
