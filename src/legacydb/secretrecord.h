@@ -17,7 +17,8 @@
 //   1  the name (X509_NAME_VALUE, same rules as item 2 above)
 //   2  the GUID (octets, network order)
 //   3  flags, a number (not used)
-// After it has been read the record carries kSecretTypeCode like any other.
+// Item 2 of such a record is not read (those releases wrote an empty OCTET STRING
+// there). After it has been read the record carries kSecretTypeCode like any other.
 #pragma once
 #include <windows.h>
 #include <wincrypt.h>

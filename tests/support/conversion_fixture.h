@@ -16,16 +16,11 @@
 #include <string>
 #include <vector>
 
-#include "support/key_containers.h"
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
 #include "writer/db20_writer.h"
-#include "writer/legacy_writer.h"
 
 namespace nvtest {
-
-// Braced upper-case GUID text, as user keys are named.
-using nvwriter::GuidText;
 
 inline constexpr const wchar_t kDbPath[] = L"SOFTWARE\\Norvane\\DB";
 inline constexpr const wchar_t kDataPath[] = L"SOFTWARE\\Norvane\\DB\\Data";
@@ -33,6 +28,9 @@ inline constexpr const wchar_t kDataUsersPath[] = L"SOFTWARE\\Norvane\\DB\\Data\
 inline constexpr const wchar_t kMainDbPath[] = L"SOFTWARE\\Norvane\\DB\\MainDB";
 inline constexpr const wchar_t kBackup20Path[] = L"SOFTWARE\\Norvane\\DB-v2.0";
 inline constexpr const wchar_t kPolicyDefaultPath[] = L"SOFTWARE\\Norvane\\Policies\\Default";
+
+// {XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}, as user keys are named.
+inline std::wstring GuidText(const GUID& g) { return nvwriter::GuidText(g); }
 
 // SOFTWARE\Norvane\DB\Data\Users\{GUID}
 std::wstring UserKeyPath(const GUID& userGuid);

@@ -2,8 +2,9 @@
 //
 // Two steps: MakeDb20Database draws a complete database model from a seed (users,
 // SIDs, account controls, credential entries, templates, secrets; the same seed gives
-// the same model), and WriteDb20Database puts a model into the registry's 32-bit view
-// the way the old product did:
+// the same model), and Write20 (through a DbWriter, which records every key and value)
+// or WriteDb20Database (HKLM\SOFTWARE\Norvane\DB, 32-bit view) puts a model into the
+// registry the way the old product did:
 //
 //   DB              "Version" = "2.0"
 //   DB\MainDB\Users (default REG_DWORD) and Users\Index\NameIndex (user name -> GUID text)
@@ -25,8 +26,8 @@
 // identifier bit strings are empty (see host_provisioning.h).
 // Secret record (the data of the export record): SEQUENCE OF ANY { header { GUID,
 // type code, value }, GUID, name, OCTET STRING sealed content }; with the older type
-// code item 1 is the older description { version 1, name, GUID, flags } and item 2 is
-// left out. Sealed content: SEQUENCE OF ANY { SIMPLEBLOB, ciphertext }.
+// code item 1 is the older description { version 1, name, GUID, flags } and item 2 an
+// empty OCTET STRING. Sealed content: SEQUENCE OF ANY { SIMPLEBLOB, ciphertext }.
 //
 // Errors are raised as _com_error inside and returned as HRESULTs by the Write
 // functions. The writer never reads what it wrote; tests compare the reader with the
