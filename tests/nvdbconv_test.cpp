@@ -749,8 +749,9 @@ protected:
         return db;
     }
 
-    // Every user of the model is in the store with its secrets (re-sealed for it)
-    // and its templates, and its old key is gone.
+    // Every user of the model is in the store with its secrets (under the names of
+    // the registry values that held them, re-sealed for the user) and its
+    // templates, and its old key is gone.
     void ExpectEveryUserInTheStore(const nvwriter::Db20Database& db)
     {
         std::vector<std::wstring> expectedSids;
@@ -761,7 +762,7 @@ protected:
         for (const auto& user : db.users) {
             std::set<std::wstring> names;
             for (const auto& secret : user.secrets)
-                names.insert(secret.name.substr(0, 31));
+                names.insert(secret.valueName);
             std::set<std::wstring> stored;
             for (const auto& [name, bytes] : nvstore::inspect::ListSecrets(user.sidText)) {
                 stored.insert(name);
