@@ -10,6 +10,7 @@
 #include "common/cryptblob.h"
 #include "common/hresult.h"
 #include "converter3/authinfo.h"
+#include "nvstore_inspect.h"
 
 namespace {
 
@@ -125,4 +126,15 @@ TEST(PasswordAuthInfoTest, StringTooLongForTheLengthFieldsIsRefused)
     } catch (const _com_error& e) {
         EXPECT_EQ(E_INVALIDARG, e.Error());
     }
+}
+
+TEST(PasswordAuthInfoTest, EncodedFormIsWhatTheStoreContractLaysOut)
+{
+    CNVPasswordAuthInfo info(0, L"Pa55-word", L"Pa55-word");
+    nv::CCryptBlob blob;
+    info.Encode(blob);
+    const nvstore::inspect::Bytes expected = nvstore::inspect::BuildPasswordAuthInfo(
+        0, L"Pa55-word", L"Pa55-word", reinterpret_cast<ULONG_PTR>(info.Data() + 40),
+        reinterpret_cast<ULONG_PTR>(info.Data() + 40 + 20));
+    EXPECT_EQ(expected, Bytes(blob.pbData, blob.cbData));
 }

@@ -9,6 +9,7 @@
 #include "common/cryptblob.h"
 #include "converter3/template_encoder.h"
 #include "legacydb/records.h"
+#include "support/conversion_fixture.h"
 
 namespace {
 
@@ -102,6 +103,32 @@ TEST(TemplateEncoderTest, MostNegativeHeaderValueAndLongDataUseLongLengths)
     EXPECT_EQ(std::vector<BYTE>(130, 0x5A), std::vector<BYTE>(der.begin() + intAt + 9, der.end()));
 }
 
+TEST(TemplateEncoderTest, SignedHeaderValuesTakeTheirShortestTwosComplement)
+{
+    const struct {
+        LONG value;
+        std::vector<BYTE> der;
+    } cases[] = {
+        {-1, {0x02, 0x01, 0xFF}},
+        {-128, {0x02, 0x01, 0x80}},
+        {-129, {0x02, 0x02, 0xFF, 0x7F}},
+        {-256, {0x02, 0x02, 0xFF, 0x00}},
+        {0, {0x02, 0x01, 0x00}},
+        {127, {0x02, 0x01, 0x7F}},
+        {128, {0x02, 0x02, 0x00, 0x80}},
+        {0x12345678, {0x02, 0x04, 0x12, 0x34, 0x56, 0x78}},
+    };
+    for (const auto& c : cases) {
+        CNVTemplate t;
+        t.m_header.lHeaderValue = c.value;
+        std::vector<BYTE> der = Encoded(t);
+        // The header value follows the 47 bytes of the (all zero) information record.
+        const size_t at = 2 + 2 + 2 + 45;
+        ASSERT_GE(der.size(), at + c.der.size()) << c.value;
+        EXPECT_EQ(c.der, std::vector<BYTE>(der.begin() + at, der.begin() + at + c.der.size())) << c.value;
+    }
+}
+
 TEST(TemplateEncoderTest, DecoderReadsTheFieldsBackByPosition)
 {
     CNVTemplate t;
@@ -172,4 +199,25 @@ TEST(TemplateEncoderTest, ReplacesTheBlobsOldContent)
     EXPECT_EQ(0x30, blob.pbData[0]);
     EXPECT_EQ(0x04, blob.pbData[blob.cbData - 2]);
     EXPECT_EQ(0x00, blob.pbData[blob.cbData - 1]);
+}
+
+TEST(TemplateEncoderTest, TheStoreInspectionDecoderReadsEncodedTemplatesBack)
+{
+    CNVTemplate t;
+    t.m_header.info.dwFormat = 0xFFFFFFFF;
+    t.m_header.info.dwFlags = 0;
+    t.m_header.info.guidType = kTypeGuid;
+    t.m_header.info.dwSize = 77;
+    t.m_header.lHeaderValue = -1;
+    t.m_data = {9, 8, 7};
+    nvtest::DecodedTemplate d;
+    d.flags = 0xdeadbeef;
+    ASSERT_TRUE(nvtest::DecodeStoredTemplate(Encoded(t), &d));
+    EXPECT_EQ(0xFFFFFFFFu, d.format);
+    EXPECT_EQ(0u, d.flags);
+    EXPECT_EQ(nvtest::GuidMemoryBytes(kTypeGuid), d.type);
+    EXPECT_EQ(std::vector<BYTE>(16, 0), d.owner);
+    EXPECT_EQ(77u, d.size);
+    EXPECT_EQ(-1, d.headerValue);
+    EXPECT_EQ(t.m_data, d.data);
 }

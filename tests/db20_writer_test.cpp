@@ -132,11 +132,6 @@ protected:
     ContainerJanitor m_containers;
 };
 
-std::wstring GuidText(const GUID& g)
-{
-    return ContainerName(g);
-}
-
 } // namespace
 
 TEST(Db20DerTest, ItemsEncodeAsTheLayoutNamesThem)

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "converter2/converter2.h"
+#include "converter3/converter3.h"
 #include "frame/converterfactory.h"
 #include "frame/dbconverter.h"
 #include "support/registry_sandbox.h"
@@ -104,9 +105,9 @@ TEST_F(DBConverterTest, FactoryTableListsMajorsOneToThreeWithTheirTraceLinesAndM
     EXPECT_EQ(&nvframe::DatabaseStillHoldsMainDB, nvframe::g_converterKinds[2].applies);
 }
 
-// Major 1 gets a CConverter2; CConverter3 is not part of this build yet, so every
-// other version gets none.
-TEST_F(DBConverterTest, CreateConverterBuildsCConverter2ForMajorOneAndNoneForOtherVersions)
+// Major 1 gets a CConverter2, major 2 a CConverter3, major 3 a CConverter3 while
+// MainDB opens in the 32-bit view; every other version gets none.
+TEST_F(DBConverterTest, CreateConverterBuildsCConverter2ForMajorOneCConverter3ForMajorsTwoAndThreeAndNoneForOthers)
 {
     CreateKeyPath(kMainDB, kView32);
     nv::CNVRegKey unused;
@@ -114,10 +115,17 @@ TEST_F(DBConverterTest, CreateConverterBuildsCConverter2ForMajorOneAndNoneForOth
         std::unique_ptr<CBaseConverter> c(CBaseConverter::CreateConverter(v, unused));
         EXPECT_NE(nullptr, dynamic_cast<CConverter2*>(c.get())) << std::hex << v;
     }
-    for (DWORD v : {0x00000000u, 0x00020000u, 0x00030000u, 0x00040000u}) {
+    for (DWORD v : {0x00020000u, 0x00020001u, 0x00030000u}) {
+        std::unique_ptr<CBaseConverter> c(CBaseConverter::CreateConverter(v, unused));
+        EXPECT_NE(nullptr, dynamic_cast<CConverter3*>(c.get())) << std::hex << v;
+    }
+    for (DWORD v : {0x00000000u, 0x00040000u}) {
         std::unique_ptr<CBaseConverter> c(CBaseConverter::CreateConverter(v, unused));
         EXPECT_EQ(nullptr, c.get()) << std::hex << v;
     }
+    DeleteTree(kMainDB, kView32);
+    std::unique_ptr<CBaseConverter> none(CBaseConverter::CreateConverter(0x00030000u, unused));
+    EXPECT_EQ(nullptr, none.get());
 }
 
 TEST_F(DBConverterTest, FactoryChoosesByMajorAndIgnoresMinor)
@@ -273,8 +281,8 @@ TEST_F(DBConverterTest, VersionTextsAreParsedAsTheRulesSay)
         Detected d = Detect();
         EXPECT_EQ(S_OK, d.hr) << Narrow(c.text);
         EXPECT_EQ(c.version, d.version) << Narrow(c.text);
-        // Only major 1 has its converter in this build.
-        EXPECT_EQ((c.version >> 16) == 1, d.converter) << Narrow(c.text);
+        // Majors 1 and 2 have their converters; major 3 only while MainDB exists.
+        EXPECT_EQ((c.version >> 16) == 1 || (c.version >> 16) == 2, d.converter) << Narrow(c.text);
     }
 }
 

@@ -1,16 +1,16 @@
 // The legacy database writer: what it writes for format 1.0, that its record matches
-// the registry exactly, that a seed fixes the output, its removals and oracle, and the
-// sealed 2.0 users it adds through the 2.0 writer.
+// the registry exactly, that a seed fixes the output, and its removals and oracle.
 #include <windows.h>
 #include <gtest/gtest.h>
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <set>
-#include <algorithm>
 
-#include "support/legacy_db_tree.h"
 #include "support/key_containers.h"
+#include "support/legacy_db_tree.h"
 #include "support/registry_sandbox.h"
+#include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
 using namespace nvtest;
@@ -209,110 +209,68 @@ TEST_F(LegacyWriterTest, ExistingDatabaseIsRefusedWithoutWipeAndLeftAlone)
     EXPECT_TRUE(expected == written) << DiffTrees(expected, written);
 }
 
-TEST_F(LegacyWriterTest, Users20GivesTheFirstUsersSealedRecordsUnderTheirGuids)
+TEST_F(LegacyWriterTest, Format20ComesFromThe20WriterAndIsRecordedValueByValue)
 {
     nvwriter::DbOptions options;
+    options.format = nvwriter::DbFormat::V20;
     options.users = 7;
     options.domains = 2;
-    options.users20 = 4;
+    options.seed = 21;
+    const nvwriter::Db20Database model = nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options));
+    ContainerJanitor containers;
+    containers.Track(model.hostId);
+
     nvwriter::DbRecord record = Write(options);
-    EXPECT_TRUE(ContainerExists(record.hostId));
-    ContainerJanitor containers; // deletes it at once
-    containers.Track(record.hostId);
-
-    ASSERT_EQ(4u, record.users20);
-    ASSERT_EQ(7u, record.users.size());
-    std::vector<std::wstring> expected;
-    for (size_t i = 0; i < 4; ++i)
-        expected.push_back(nvwriter::GuidText(record.users[i].id));
-    std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(expected, SubkeyNames(Sub(L"Data\\Users").c_str(), kView32));
-    for (const std::wstring& guid : expected) {
-        RegValue sealed;
-        ASSERT_TRUE(GetValue(Sub(L"Data\\Users\\" + guid).c_str(), L"", kView32, &sealed)) << Narrow(guid);
-        EXPECT_EQ(static_cast<DWORD>(REG_BINARY), sealed.type);
-        ASSERT_GE(sealed.data.size(), 4u);
-        EXPECT_EQ(0, std::memcmp(sealed.data.data(), "NVOA", 4));
-    }
-    RegValue hostId;
-    ASSERT_TRUE(GetValue(L"SOFTWARE\\Norvane\\NVHOST", L"HostId", kView32, &hostId));
-    EXPECT_EQ(16u, hostId.data.size());
-    EXPECT_EQ(4u, SubkeyNames(Sub(L"Policy\\Accounts").c_str(), kView32).size());
-
-    // The 1.0 part is what the record says, value by value; still "Version" 1.0.
-    RegTree written = Snapshot(kDb, kView32);
-    RegTree only10;
-    only10.exists = written.exists;
-    auto sealedPart = [](const std::wstring& path) {
-        return path.rfind(L"Data\\Users", 0) == 0 || path.rfind(L"Policy", 0) == 0;
-    };
-    for (const std::wstring& key : written.keys)
-        if (!sealedPart(key))
-            only10.keys.push_back(key);
-    for (const auto& [name, value] : written.values)
-        if (!sealedPart(name))
-            only10.values[name] = value;
-    RegTree expectedTree = ToRegTree(record);
-    EXPECT_TRUE(expectedTree == only10) << DiffTrees(expectedTree, only10);
-    std::wstring version;
-    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
-    EXPECT_EQ(L"1.0", version);
-}
-
-TEST_F(LegacyWriterTest, Format20WritesStoresAndSealedUsersInThe32BitView)
-{
-    nvwriter::DbOptions options;
-    options.format = nvwriter::DbFormat::V20;
-    options.users = 5;
-    options.domains = 1;
-    nvwriter::DbRecord record = Write(options);
-    EXPECT_TRUE(ContainerExists(record.hostId));
-    ContainerJanitor containers; // deletes it at once
-    containers.Track(record.hostId);
-
+    RegTree actual = Snapshot(kDb, kView32);
+    RegTree expected = ToRegTree(record);
+    EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
+    EXPECT_FALSE(KeyExists(kDb, kView64));
     EXPECT_EQ(L"2.0", record.versionText);
-    ASSERT_EQ(5u, record.users.size());
-    EXPECT_EQ(5u, record.users20);
-    ASSERT_EQ(2u, record.stores.size());
+    EXPECT_EQ(nvwriter::DomainNames10(options), model.domains);
+
+    // Stores: the machine's, then the domains; users with their 2.0 user keys.
+    ASSERT_EQ(3u, record.stores.size());
     EXPECT_TRUE(record.stores[0].machine);
-    EXPECT_EQ(L"NVDOMAIN1", record.stores[1].name);
-    std::wstring version;
-    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
-    EXPECT_EQ(L"2.0", version);
-    std::vector<std::wstring> expected;
+    EXPECT_EQ(L"MainDB\\Users\\Index\\NameIndex", record.stores[0].nameIndexPath);
+    ASSERT_EQ(7u, record.users.size());
+    std::set<std::wstring> written, modelled;
     for (const auto& user : record.users) {
-        expected.push_back(nvwriter::GuidText(user.id));
-        std::wstring indexed;
-        const std::wstring index = Sub(record.FindStore(user.store, user.store.empty())->nameIndexPath);
-        ASSERT_TRUE(GetString(index.c_str(), user.name.c_str(), kView32, &indexed)) << Narrow(user.name);
-        EXPECT_EQ(nvwriter::GuidText(user.id), indexed);
+        written.insert(nvwriter::GuidText(user.id));
+        EXPECT_EQ(L"Data\\Users\\" + nvwriter::GuidText(user.id), user.userKeyPath);
+        EXPECT_EQ(1u, record.keys.count(user.userKeyPath));
     }
-    std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(expected, SubkeyNames(Sub(L"Data\\Users").c_str(), kView32));
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    for (const auto& user : model.users)
+        modelled.insert(nvwriter::GuidText(user.guid));
+    EXPECT_EQ(modelled, written);
+    EXPECT_TRUE(ContainerExists(model.hostId));
 }
 
-TEST_F(LegacyWriterTest, SealedUsersOutsideTheirPlaceAreInvalidAndWriteNothing)
+TEST_F(LegacyWriterTest, Users20AreAddedToA10DatabaseBesideItsStores)
 {
     nvwriter::DbOptions options;
-    nvwriter::DbRecord record;
-    record.versionText = L"sentinel";
-    options.users = 3;
-    options.users20 = 4;
-    EXPECT_EQ(E_INVALIDARG, nvwriter::WriteDatabase(options, &record));
-    options.users20 = 2;
-    options.view = KEY_WOW64_64KEY;
-    EXPECT_EQ(E_INVALIDARG, nvwriter::WriteDatabase(options, &record));
-    options.view = KEY_WOW64_32KEY;
-    options.dbPath = L"SOFTWARE\\Norvane\\DBX";
-    EXPECT_EQ(E_INVALIDARG, nvwriter::WriteDatabase(options, &record));
-    options.dbPath = nvwriter::kDefaultDbPath;
-    options.format = nvwriter::DbFormat::V20;
-    EXPECT_EQ(E_INVALIDARG, nvwriter::WriteDatabase(options, &record));
-    EXPECT_EQ(L"sentinel", record.versionText);
-    EXPECT_FALSE(KeyExists(kDb, kView32));
-    EXPECT_FALSE(KeyExists(kDb, kView64));
-    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\NVHOST", kView32));
+    options.users = 6;
+    options.users20 = 3;
+    options.seed = 22;
+    const nvwriter::Db20Database model = nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options));
+    ContainerJanitor containers;
+    containers.Track(model.hostId);
+
+    nvwriter::DbRecord record = Write(options);
+    RegTree actual = Snapshot(kDb, kView32);
+    RegTree expected = ToRegTree(record);
+    EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
+    EXPECT_EQ(L"1.0", record.versionText);
+    EXPECT_EQ(6u, record.users.size());
+    ASSERT_EQ(3u, model.users.size());
+    std::vector<std::wstring> keys = SubkeyNames(Sub(L"Data\\Users").c_str(), kView32);
+    std::sort(keys.begin(), keys.end());
+    std::vector<std::wstring> expectedKeys;
+    for (const auto& user : model.users)
+        expectedKeys.push_back(nvwriter::GuidText(user.guid));
+    std::sort(expectedKeys.begin(), expectedKeys.end());
+    EXPECT_EQ(expectedKeys, keys);
+    EXPECT_TRUE(KeyExists(Sub(L"Data\\Policies").c_str(), kView32));
+    EXPECT_TRUE(ContainerExists(model.hostId));
     EXPECT_EQ(E_POINTER, nvwriter::WriteDatabase(nvwriter::DbOptions(), nullptr));
 }
 

@@ -3,27 +3,13 @@
 #include <cstring>
 #include <cwchar>
 #include "common/hresult.h"
+#include "converter3/nvstore_api.h"
 
 namespace {
 
-// One counted string of the header: the x64 layout of a counted Unicode string.
-#pragma pack(push, 1)
-struct AUTH_STRING {
-    USHORT Length;
-    USHORT MaximumLength;
-    DWORD Reserved;
-    UINT64 Buffer;
-};
-struct AUTH_HEADER {
-    DWORD Kind;
-    DWORD Reserved;
-    AUTH_STRING First;
-    AUTH_STRING Second;
-};
-#pragma pack(pop)
-static_assert(sizeof(AUTH_HEADER) == CNVPasswordAuthInfo::kHeaderSize, "the header is 40 bytes");
-static_assert(offsetof(AUTH_HEADER, First) == CNVPasswordAuthInfo::kFirstStringOffset, "first string field");
-static_assert(offsetof(AUTH_HEADER, Second) == CNVPasswordAuthInfo::kSecondStringOffset, "second string field");
+static_assert(sizeof(NV_PASSWORD_AUTH_HEADER) == CNVPasswordAuthInfo::kHeaderSize, "the header is 40 bytes");
+static_assert(offsetof(NV_PASSWORD_AUTH_HEADER, first) == CNVPasswordAuthInfo::kFirstStringOffset, "first string");
+static_assert(offsetof(NV_PASSWORD_AUTH_HEADER, second) == CNVPasswordAuthInfo::kSecondStringOffset, "second string");
 
 USHORT ByteLength(const wchar_t* s)
 {
@@ -57,14 +43,14 @@ CNVPasswordAuthInfo::CNVPasswordAuthInfo(DWORD dwKind, const wchar_t* wszFirst, 
     if (cbSecond)
         std::memcpy(pSecond, wszSecond, cbSecond);
 
-    AUTH_HEADER header{};
-    header.Kind = dwKind;
-    header.First.Length = cbFirst;
-    header.First.MaximumLength = cbFirstMax;
-    header.First.Buffer = reinterpret_cast<UINT_PTR>(pFirst);
-    header.Second.Length = cbSecond;
-    header.Second.MaximumLength = cbSecondMax;
-    header.Second.Buffer = reinterpret_cast<UINT_PTR>(pSecond);
+    NV_PASSWORD_AUTH_HEADER header{};
+    header.dwKind = dwKind;
+    header.first.Length = cbFirst;
+    header.first.MaximumLength = cbFirstMax;
+    header.first.Buffer = reinterpret_cast<PWSTR>(pFirst);
+    header.second.Length = cbSecond;
+    header.second.MaximumLength = cbSecondMax;
+    header.second.Buffer = reinterpret_cast<PWSTR>(pSecond);
     std::memcpy(p, &header, sizeof(header));
 }
 

@@ -1,16 +1,71 @@
 #include "converter3/converter3.h"
 
+#include <sddl.h>
 #include <cwchar>
+#include <memory>
+#include <stdexcept>
+#include <vector>
+#include "common/cryptblob.h"
 #include "common/handles.h"
 #include "common/hresult.h"
 #include "common/regkey.h"
+#include "converter3/authinfo.h"
+#include "converter3/logon_info_name.h"
+#include "converter3/nvstore_api.h"
+#include "converter3/secretpacking.h"
+#include "converter3/template_encoder.h"
+#include "frame/paths.h"
+#include "legacydb/userextractor.h"
+#include "security/securitycontext.h"
 #include "trace/trace.h"
 
 namespace {
 
 constexpr const wchar_t kUsersSuffix[] = L"\\DB\\Data\\Users";
 constexpr const wchar_t kDataPath[] = L"SOFTWARE\\Norvane\\DB\\Data";
-constexpr const wchar_t kMainDbPath[] = L"SOFTWARE\\Norvane\\DB\\MainDB";
+constexpr const wchar_t kUserKeyPrefix[] = L"Data\\Users\\";
+
+// The user's identifier towards the store and in the trace. A slot the extractor
+// could not fill has no SID; that user fails like one whose SID object cannot be
+// built (not a COM error, hence E_UNEXPECTED).
+std::wstring SidString(PSID pSid)
+{
+    if (!pSid || !::IsValidSid(pSid))
+        throw std::invalid_argument("user entry without a valid SID");
+    LPWSTR text = nullptr;
+    if (!::ConvertSidToStringSidW(pSid, &text))
+        throw std::runtime_error("SID not convertible");
+    nv::unique_hlocal owner(text);
+    return std::wstring(text);
+}
+
+// Exact comparison of the wide characters and of the lengths.
+bool IsLegacyPasswordSecret(const _bstr_t& name)
+{
+    const std::wstring& legacy = nvconv3::g_wstrLegacyPasswordSecretName;
+    const wchar_t* b = static_cast<const wchar_t*>(name);
+    const size_t cch = name.length();
+    return cch == legacy.size() && (cch == 0 || std::wmemcmp(b, legacy.data(), cch) == 0);
+}
+
+// A call through an interface the store did not hand out is the COM error of a
+// null interface pointer, not a crash.
+template <class I>
+I* Require(const nv::com_ptr<I>& p)
+{
+    if (!p)
+        nv::ThrowHr(E_POINTER);
+    return p.get();
+}
+
+template <class I>
+nv::com_ptr<I> CreateStoreObject(const IID& iid)
+{
+    nv::com_ptr<I> p;
+    // The result is not looked at: a missing object shows when it is used.
+    ::CoCreateInstance(nvstore::kClsidUserStore, nullptr, nvstore::kStoreClassContext, iid, p.put_void());
+    return p;
+}
 
 } // namespace
 
@@ -54,7 +109,7 @@ HRESULT CConverter3::do_Cleanup()
         if (r == ERROR_NO_MORE_ITEMS) {
             NVTraceNS::Trace(scope, 0, "Completely delete old DB");
             DeleteKey(HKEY_LOCAL_MACHINE, kDataPath, kDatabaseView);
-            DeleteKey(HKEY_LOCAL_MACHINE, kMainDbPath, kDatabaseView);
+            DeleteKey(HKEY_LOCAL_MACHINE, nvframe::kMainDBKeyPath, kDatabaseView);
         }
         return S_OK;
     });
@@ -64,5 +119,180 @@ HRESULT CConverter3::do_Cleanup()
 HRESULT CConverter3::do_Convert()
 {
     NVTraceNS::CTraceScope scope("CConverter3::do_Convert", 0);
-    return NVTraceNS::TraceReturn(scope, E_NOTIMPL);
+    // The status of the last user shown in the trace. Set once, before the first
+    // user, and deliberately not reset per user: a user for whom neither the key
+    // read, a template nor a failure recorded anything shows its predecessor's.
+    HRESULT hrStatus = S_OK;
+    std::unique_ptr<LegacyNVDB2::CLocalDBUserExtractor> extractor;
+    NV_USER_RECORD* pUsers = nullptr;
+    DWORD cUsers = 0;
+
+    HRESULT hr = nv::Guarded([&]() -> HRESULT {
+        extractor = std::make_unique<LegacyNVDB2::CLocalDBUserExtractor>();
+        nv::ThrowIfFailed(extractor->EnumerateUsers(&pUsers, &cUsers));
+
+        for (DWORD i = 0; i < cUsers; ++i) {
+            const NV_USER_RECORD& user = pUsers[i];
+            std::wstring sid;
+            hrStatus = nv::Guarded([&]() -> HRESULT {
+                sid = SidString(user.pSid);
+                ConvertUser(*extractor, user, sid, hrStatus, scope);
+                return hrStatus;
+            });
+            NVTraceNS::Trace(scope, 0, "Conversion process is over for '%ls', 0x%08X", sid.c_str(),
+                             static_cast<unsigned>(hrStatus));
+        }
+        return S_OK;
+    });
+
+    if (pUsers && extractor)
+        extractor->FreeUsers(pUsers);
+    NVTraceNS::TraceResult(scope, "", hr);
+    extractor.reset();
+    return hr;
+}
+
+void CConverter3::ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, const NV_USER_RECORD& user,
+                              const std::wstring& sid, HRESULT& hrStatus, NVTraceNS::CTraceScope& scope)
+{
+    NVTraceNS::Trace(scope, 0, "Conversion process began for '%ls'", sid.c_str());
+    LegacyNVDB2::CNVSecretMap secrets;
+    nv::ThrowIfFailed(extractor.InternalLoadSecretsToMap(user, secrets));
+    CNVTemplateVector templates;
+    nv::ThrowIfFailed(extractor.LoadTemplatesToVector(user.pSid, templates));
+
+    nv::com_ptr<IUserStore> store = CreateStoreObject<IUserStore>(nvstore::kIidUserStore);
+    nv::com_ptr<IUnknown> userObject;
+    nv::ThrowIfFailed(Require(store)->OpenUser(sid.c_str(), nvstore::kUserIdKindSid, userObject.put()));
+
+    // The password, best effort: a missing or unreadable password secret leaves it
+    // empty. The PIN is not carried over.
+    nv::unique_secure_bstr password;
+    nv::unique_secure_bstr pin;
+    CNVSecretPtr passwordSecret = secrets[_bstr_t(nvconv3::g_wstrLegacyPasswordSecretName.c_str())];
+    if (passwordSecret) {
+        NVTraceNS::Trace(scope, 0, "Read password secret from old DB");
+        nv::CCoTaskCryptBlob content;
+        passwordSecret->GetContent(nullptr, &content.cbData, &content.pbData);
+        UnpackPasswordAndPin(&content, password.put(), pin.put());
+        nvconv3::LogonInfoName();
+    }
+
+    // The payload outlives the secrets part: the payload step stores it.
+    nv::CCoTaskCryptBlob payload;
+
+    nv::com_ptr<IUserSecrets> userSecrets;
+    userObject.query(userSecrets);
+    if (userSecrets) {
+        CFPSecurityContext context(kDatabaseView);
+        HCRYPTPROV hContextProv = 0;
+        nv::ThrowIfFailed(context.GetContext(&hContextProv));
+        // A reference of our own for as long as the user's keys live; declared before
+        // the keys so that they are destroyed first.
+        nv::unique_hcryptprov providerRef;
+        if (::CryptContextAddRef(hContextProv, nullptr, 0))
+            providerRef.reset(hContextProv);
+        const HCRYPTPROV hProv = hContextProv;
+
+        nv::com_ptr<IStoreService> authCreator = CreateStoreObject<IStoreService>(nvstore::kIidStoreService);
+        nv::com_ptr<IAuthService> auth;
+        if (authCreator)
+            authCreator.query(auth);
+
+        nv::CCoTaskCryptBlob publicKey;
+        nv::com_ptr<IUserProperties> properties;
+        userSecrets.query(properties);
+        if (properties) {
+            hrStatus = properties->GetProperty(nvstore::kPropertyUserPublicKey, publicKey.put());
+            if (FAILED(hrStatus)) {
+                NVTraceNS::Trace(scope, 0, "Retrieve payload");
+                if (auth) {
+                    CNVPasswordAuthInfo authInfo(nvstore::kPasswordAuthKind, password.get(), password.get());
+                    nv::CCryptBlob authBlob;
+                    authInfo.Encode(authBlob);
+                    nv::CCoTaskCryptBlob enrolExtra;
+                    nv::ThrowIfFailed(auth->EnrollAuthentication(nvstore::kAuthTypePassword, sid.c_str(),
+                                                                 nvstore::kUserIdKindSid, &payload, &authBlob,
+                                                                 enrolExtra.put()));
+                    DWORD dwFailed = 0;
+                    nv::CCoTaskCryptBlob authExtra;
+                    nv::ThrowIfFailed(auth->Authenticate(nvstore::kAuthTypePassword, sid.c_str(),
+                                                         nvstore::kUserIdKindSid, &authBlob, payload.put(), &dwFailed,
+                                                         authExtra.put()));
+                    nv::ThrowIfFailed(properties->GetProperty(nvstore::kPropertyUserPublicKey, publicKey.put()));
+                }
+            }
+        }
+        if (publicKey.IsEmpty())
+            nv::ThrowHr(E_UNEXPECTED);
+
+        if (payload.IsEmpty() && auth) {
+            CNVPasswordAuthInfo authInfo(nvstore::kPasswordAuthKind, password.get(), password.get());
+            nv::CCryptBlob authBlob;
+            authInfo.Encode(authBlob);
+            DWORD dwFailed = 0;
+            nv::CCoTaskCryptBlob authExtra;
+            nv::ThrowIfFailed(auth->Authenticate(nvstore::kAuthTypePassword, sid.c_str(), nvstore::kUserIdKindSid,
+                                                 &authBlob, payload.put(), &dwFailed, authExtra.put()));
+        }
+
+        nv::unique_hcryptkey userKey;
+        nv::ThrowLastErrorIf(!::CryptImportKey(hProv, publicKey.pbData, publicKey.cbData, 0, 0, userKey.put()));
+
+        for (auto& entry : secrets) {
+            if (!entry.second)
+                continue;
+            nv::CCoTaskCryptBlob content;
+            entry.second->GetContent(nullptr, &content.cbData, &content.pbData);
+            if (content.IsEmpty())
+                continue;
+            nv::CCryptBlob blob(content.pbData, content.cbData);
+            const wchar_t* name = static_cast<const wchar_t*>(entry.first);
+            if (IsLegacyPasswordSecret(entry.first)) {
+                // An empty password gives no copy; packing then takes the empty one.
+                nv::unique_secure_bstr copy(password ? ::SysAllocString(password.get()) : nullptr);
+                PackPassword(copy.get(), blob);
+                copy.reset();
+                name = nvconv3::LogonInfoName().c_str();
+            }
+            // A secret that cannot be sealed is left out; PutSecret's result is not
+            // looked at either.
+            if (SUCCEEDED(EncryptEx(blob, hProv, userKey.get(), CALG_3DES)))
+                userSecrets->PutSecret(name ? name : L"", &blob);
+        }
+    }
+
+    nv::com_ptr<IUserTemplates> userTemplates;
+    userObject.query(userTemplates);
+    if (userTemplates) {
+        // The k-th set bit of the mask, counted from bit 0, takes the k-th template;
+        // more set bits than templates fail the user at the vector's range check.
+        size_t next = 0;
+        for (DWORD position = 0; position < 32; ++position) {
+            if ((user.dwTemplateMask & (1u << position)) == 0)
+                continue;
+            const CNVTemplatePtr& tmpl = templates.at(next++);
+            nv::CCryptBlob encoded;
+            EncodeTemplate(*tmpl, encoded);
+            hrStatus = userTemplates->PutTemplate(position, &encoded);
+            nv::ThrowIfFailed(hrStatus);
+        }
+
+        nv::com_ptr<IUserPayload> userPayload;
+        userObject.query(userPayload);
+        if (userPayload) {
+            if (!payload.IsEmpty())
+                userPayload->PutPayload(&payload);
+            nv::com_ptr<IUserRegistry> registry = CreateStoreObject<IUserRegistry>(nvstore::kIidUserRegistry);
+            if (registry && registry->CheckUser(sid.c_str(), nvstore::kUserIdKindSid) == S_FALSE)
+                registry->AddUser(userPayload.get());
+        }
+    }
+
+    wchar_t wszGuid[100] = L"";
+    ::StringFromGUID2(user.guidUser, wszGuid, 100);
+    const std::wstring path = std::wstring(kUserKeyPrefix) + wszGuid;
+    // Only traced: a user whose old key stays is still counted as converted.
+    const HRESULT hrDelete = DeleteKey(m_dbKey.m_hKey, path.c_str(), kDatabaseView);
+    NVTraceNS::Trace(scope, 0, "DeleteKey('%ls'), 0x%08X", sid.c_str(), static_cast<unsigned>(hrDelete));
 }

@@ -12,6 +12,14 @@
 #include <windows.h>
 #include <string>
 #include "frame/baseconverter.h"
+#include "legacydb/records.h"
+
+namespace LegacyNVDB2 {
+class CLocalDBUserExtractor;
+}
+namespace NVTraceNS {
+class CTraceScope;
+}
 
 class CConverter3 : public CBaseConverter {
 public:
@@ -27,4 +35,10 @@ public:
     HRESULT do_Cleanup() override;
     const std::wstring& GetBackupName() override;
     REGSAM GetBackupView() override;
+
+private:
+    // Steps of one user, from loading its secrets to deleting its old key. Failures
+    // are raised; hrStatus takes the public key read and each template's result.
+    void ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, const NV_USER_RECORD& user,
+                     const std::wstring& sid, HRESULT& hrStatus, NVTraceNS::CTraceScope& scope);
 };

@@ -28,7 +28,14 @@ std::vector<BYTE> EncodeNumber(LPCSTR structType, DWORD value)
 }
 
 std::vector<BYTE> EncodeUInt(DWORD value) { return EncodeNumber(X509_MULTI_BYTE_UINT, value); }
-std::vector<BYTE> EncodeInt(LONG value) { return EncodeNumber(X509_MULTI_BYTE_INTEGER, static_cast<DWORD>(value)); }
+std::vector<BYTE> EncodeInt(LONG value)
+{
+    // Wine's crypt32 faults on a value of nothing but 0xFF bytes; the DER of -1 is
+    // fixed, so it is written out here.
+    if (value == -1)
+        return {0x02, 0x01, 0xFF};
+    return EncodeNumber(X509_MULTI_BYTE_INTEGER, static_cast<DWORD>(value));
+}
 
 std::vector<BYTE> EncodeOctets(const void* data, DWORD cb)
 {

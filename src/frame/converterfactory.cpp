@@ -4,6 +4,7 @@
 
 #include "common/regkey.h"
 #include "converter2/converter2.h"
+#include "converter3/converter3.h"
 #include "frame/baseconverter.h"
 #include "frame/paths.h"
 #include "trace/trace.h"
@@ -14,8 +15,8 @@ namespace nvframe {
 // creation function and yields no converter.
 const ConverterKind g_converterKinds[] = {
     {1, "Using CConverter2", &NewConverter<CConverter2>, nullptr},
-    {2, "Using CConverter3", nullptr, nullptr},
-    {3, "Using CConverter3", nullptr, &DatabaseStillHoldsMainDB},
+    {2, "Using CConverter3", &NewConverter<CConverter3>, nullptr},
+    {3, "Using CConverter3", &NewConverter<CConverter3>, &DatabaseStillHoldsMainDB},
 };
 const std::size_t g_converterKindCount = sizeof(g_converterKinds) / sizeof(g_converterKinds[0]);
 

@@ -1,6 +1,6 @@
 // nvdbgen: writes a sample legacy database into the registry.
 //
-//   nvdbgen --format 1.0|2.0 [--users N] [--domains N] [--users20 N] [--seed N] [--view 32|64] [--wipe]
+//   nvdbgen --format 1.0|2.0 [--users N] [--domains N] [--seed N] [--view 32|64] [--wipe]
 //
 // The output is the same for the same options and seed. Exit codes: 0 written,
 // 1 the database could not be written, 2 usage error.
@@ -10,6 +10,7 @@
 #include <cwchar>
 #include <string>
 
+#include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
 namespace {
@@ -21,12 +22,10 @@ constexpr int kExitUsage = 2;
 void PrintUsage(FILE* out)
 {
     std::fprintf(out,
-                 "usage: nvdbgen --format 1.0|2.0 [--users N] [--domains N] [--users20 N] [--seed N] [--view 32|64] [--wipe]\n"
+                 "usage: nvdbgen --format 1.0|2.0 [--users N] [--domains N] [--seed N] [--view 32|64] [--wipe]\n"
                  "  --format   database format to write (required)\n"
                  "  --users    users in the name indexes, spread over the machine and the domains (default 12)\n"
                  "  --domains  cached domains (default 2)\n"
-                 "  --users20  format 1.0 only: how many of those users also carry sealed 2.0 records\n"
-                 "             with secrets and templates under Data\\Users (default 0)\n"
                  "  --seed     seed of the generated content; same seed, same database (default 1)\n"
                  "  --view     registry view of HKLM\\SOFTWARE\\Norvane\\DB (default 32)\n"
                  "  --wipe     delete an existing database first\n");
@@ -72,8 +71,7 @@ int wmain(int argc, wchar_t** argv)
             options.wipe = true;
             continue;
         }
-        if (arg != L"--format" && arg != L"--users" && arg != L"--domains" && arg != L"--users20" &&
-            arg != L"--seed" && arg != L"--view")
+        if (arg != L"--format" && arg != L"--users" && arg != L"--domains" && arg != L"--seed" && arg != L"--view")
             return UsageError("unknown option '%ls'", argv[i]);
         if (i + 1 >= argc)
             return UsageError("%ls needs a value", argv[i]);
@@ -95,10 +93,6 @@ int wmain(int argc, wchar_t** argv)
             if (!ParseNumber(value, 10000, &n))
                 return UsageError("--domains takes a number from 0 to 10000, not '%ls'", value);
             options.domains = static_cast<unsigned>(n);
-        } else if (arg == L"--users20") {
-            if (!ParseNumber(value, 1000000, &n))
-                return UsageError("--users20 takes a number from 0 to 1000000, not '%ls'", value);
-            options.users20 = static_cast<unsigned>(n);
         } else if (arg == L"--seed") {
             if (!ParseNumber(value, ~0ull, &n))
                 return UsageError("--seed takes an unsigned 64-bit number, not '%ls'", value);
@@ -114,17 +108,15 @@ int wmain(int argc, wchar_t** argv)
     }
     if (!haveFormat)
         return UsageError("--format is required%ls");
-    if (options.users20 > options.users && options.format == nvwriter::DbFormat::V10)
-        return UsageError("--users20 cannot exceed --users%ls");
-    if (options.users20 != 0 && options.format != nvwriter::DbFormat::V10)
-        return UsageError("--users20 is for format 1.0 databases%ls");
-    if ((options.users20 != 0 || options.format == nvwriter::DbFormat::V20) && options.view != KEY_WOW64_32KEY)
-        return UsageError("sealed 2.0 user records are written in the 32-bit view only%ls");
 
     const char* formatText = options.format == nvwriter::DbFormat::V10 ? "1.0" : "2.0";
     const char* viewText = options.view == KEY_WOW64_32KEY ? "32-bit" : "64-bit";
     nvwriter::DbRecord record;
     HRESULT hr = nvwriter::WriteDatabase(options, &record);
+    if (hr == E_NOTIMPL) {
+        std::fprintf(stderr, "nvdbgen: format %s databases are not available yet\n", formatText);
+        return kExitFailed;
+    }
     if (hr == HRESULT_FROM_WIN32(ERROR_ALREADY_EXISTS)) {
         std::fprintf(stderr, "nvdbgen: HKLM\\%ls already exists in the %s view; use --wipe to replace it\n",
                      options.dbPath.c_str(), viewText);
@@ -144,11 +136,9 @@ int wmain(int argc, wchar_t** argv)
     std::printf("  stores:");
     for (const auto& store : record.stores)
         std::printf(" %ls", store.machine ? L"(machine)" : store.name.c_str());
-    std::printf("\n");
-    if (options.format == nvwriter::DbFormat::V10)
-        std::printf("  keys: %zu, values: %zu\n", record.keys.size(), record.ValueCount());
-    if (record.users20 != 0)
-        std::printf("  sealed 2.0 user records: %zu under Data\\Users, host %ls\n", record.users20,
-                    nvwriter::GuidText(record.hostId).c_str());
+    std::printf("\n  keys: %zu, values: %zu\n", record.keys.size(), record.ValueCount());
+    if (options.format == nvwriter::DbFormat::V20)
+        std::printf("  host: %ls (machine key container)\n",
+                    nvwriter::GuidText(nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options)).hostId).c_str());
     return kExitOk;
 }

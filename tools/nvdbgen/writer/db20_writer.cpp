@@ -13,10 +13,9 @@ namespace nvwriter {
 
 namespace {
 
-constexpr REGSAM kWriteMask = KEY_ALL_ACCESS | KEY_WOW64_32KEY;
-constexpr const wchar_t kDbPath[] = L"SOFTWARE\\Norvane\\DB";
-constexpr const wchar_t kDataUsersPath[] = L"SOFTWARE\\Norvane\\DB\\Data\\Users";
-constexpr const wchar_t kAccountsPath[] = L"SOFTWARE\\Norvane\\DB\\Policy\\Accounts";
+// Relative to the database key.
+constexpr const wchar_t kDataUsersRel[] = L"Data\\Users";
+constexpr const wchar_t kAccountsRel[] = L"Policy\\Accounts";
 constexpr const wchar_t kActCtrlValue[] = L"ActCtrl";
 constexpr DWORD kOtherCredentialIds[] = {1, 3, 4}; // password, token, smart card
 constexpr DWORD kOlderDescriptionVersion = 1;
@@ -30,7 +29,7 @@ constexpr GUID kTemplateTypes[2] = {
 // splitmix64: the model depends on nothing but the seed.
 class Rng {
 public:
-    explicit Rng(std::uint32_t seed) : m_state(0x6A09E667F3BCC909ull ^ (std::uint64_t(seed) << 1)) {}
+    explicit Rng(std::uint64_t seed) : m_state(0x6A09E667F3BCC909ull ^ seed) {}
     std::uint64_t Next()
     {
         std::uint64_t z = (m_state += 0x9E3779B97F4A7C15ull);
@@ -180,23 +179,6 @@ void ApplyDefect(Db20Database& db, size_t index, Db20Defect defect)
     }
 }
 
-void SetBinary(HKEY key, const wchar_t* name, const std::vector<BYTE>& bytes)
-{
-    nv::ThrowIfWin32Failed(::RegSetValueExW(key, name, 0, REG_BINARY, bytes.empty() ? nullptr : bytes.data(),
-                                            static_cast<DWORD>(bytes.size())));
-}
-
-void SetDword(HKEY key, const wchar_t* name, DWORD value)
-{
-    nv::ThrowIfWin32Failed(
-        ::RegSetValueExW(key, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof(value)));
-}
-
-std::wstring GuidText(const GUID& g)
-{
-    return ContainerNameOf(g); // the braced registry form
-}
-
 // X509_CERT over the to-be-signed bytes. With a provider, signed with md5RSA by its
 // key-exchange key; with none, a filler signature that verifies against no key.
 DerBytes SignedEnvelope(HCRYPTPROV hProv, const std::vector<DerBytes>& items)
@@ -212,17 +194,32 @@ DerBytes SignedEnvelope(HCRYPTPROV hProv, const std::vector<DerBytes>& items)
     return der20::Encode(X509_CERT, &info);
 }
 
-void WriteStore(const std::wstring& storePath, DWORD userList, const Db20Database& db, const std::wstring& store)
+// One store: MainDB or Cache\<domain>, its user list value and its name index.
+void WriteStore(DbWriter& writer, const Db20Database& db, const std::wstring& store, bool machine)
 {
-    nv::CNVRegKey users;
-    nv::ThrowIfWin32Failed(users.Create(HKEY_LOCAL_MACHINE, (storePath + L"\\Users").c_str(), kWriteMask));
-    SetDword(users, nullptr, userList);
-    nv::CNVRegKey index;
-    nv::ThrowIfWin32Failed(index.Create(users, L"Index\\NameIndex", kWriteMask));
+    const std::wstring storePath = machine ? std::wstring(L"MainDB") : L"Cache\\" + store;
+    DWORD userList = 0;
+    for (const Db20User& user : db.users)
+        userList += (user.store == store) ? 1 : 0;
+    writer.SetDword(storePath + L"\\Users", L"", machine ? db.machineUserList : userList);
+    const std::wstring index = storePath + L"\\Users\\Index\\NameIndex";
+    writer.CreateKey(index);
     for (const Db20User& user : db.users) {
-        if (user.store == store)
-            nv::ThrowIfWin32Failed(nv::SetStringValue(index, user.userName.c_str(), GuidText(user.guid).c_str()));
+        if (user.store != store)
+            continue;
+        writer.SetString(index, user.userName, GuidText(user.guid));
+        UserRecord record;
+        record.store = machine ? std::wstring() : store;
+        record.name = user.userName;
+        record.id = user.guid;
+        record.userKeyPath = std::wstring(kDataUsersRel) + L"\\" + GuidText(user.guid);
+        writer.record().users.push_back(record);
     }
+    StoreRecord record;
+    record.name = machine ? std::wstring() : store;
+    record.machine = machine;
+    record.nameIndexPath = index;
+    writer.record().stores.push_back(record);
 }
 
 DerBytes TemplateItem(const Db20Template& t)
@@ -232,22 +229,17 @@ DerBytes TemplateItem(const Db20Template& t)
     return Octets(Seq({Seq({info, Int(t.headerValue)}), Octets(t.data)}));
 }
 
-void WriteUser(HCRYPTPROV hProv, const Db20User& user)
+void WriteUser(DbWriter& writer, HCRYPTPROV hProv, const Db20User& user)
 {
-    {
-        nv::CNVRegKey policy;
-        nv::ThrowIfWin32Failed(
-            policy.Create(HKEY_LOCAL_MACHINE, (std::wstring(kAccountsPath) + L"\\" + user.sidText).c_str(), kWriteMask));
-        if (user.writeActCtrl)
-            SetDword(policy, kActCtrlValue, user.accountControl);
-    }
+    const std::wstring policy = std::wstring(kAccountsRel) + L"\\" + user.sidText;
+    writer.CreateKey(policy);
+    if (user.writeActCtrl)
+        writer.SetDword(policy, kActCtrlValue, user.accountControl);
 
-    nv::CNVRegKey key;
-    nv::ThrowIfWin32Failed(
-        key.Create(HKEY_LOCAL_MACHINE, (std::wstring(kDataUsersPath) + L"\\" + GuidText(user.guid)).c_str(), kWriteMask));
-
+    const std::wstring key = std::wstring(kDataUsersRel) + L"\\" + GuidText(user.guid);
+    writer.CreateKey(key);
     if (user.defect == Db20Defect::StringDefaultValue) {
-        nv::ThrowIfWin32Failed(nv::SetStringValue(key, nullptr, user.displayName.c_str()));
+        writer.SetString(key, L"", user.displayName);
     } else {
         const DerBytes blob = EncodeDb20UserBlob(hProv, user);
         static constexpr BYTE kWrongMagic[4] = {'N', 'V', 'O', 'X'};
@@ -256,23 +248,21 @@ void WriteUser(HCRYPTPROV hProv, const Db20User& user)
             version = 1;
         if (user.defect == Db20Defect::SealVersion3)
             version = 3;
-        SetBinary(key, nullptr,
-                  SealDb20UserBlob(hProv, blob, version,
-                                   user.defect == Db20Defect::WrongMagic ? kWrongMagic : kDb20SealMagic));
+        writer.SetBinary(key, L"",
+                         SealDb20UserBlob(hProv, blob, version,
+                                          user.defect == Db20Defect::WrongMagic ? kWrongMagic : kDb20SealMagic));
     }
 
     for (const Db20Secret& secret : user.secrets) {
-        const DerBytes record = EncodeDb20SecretRecord(secret, SealDb20Content(hProv, secret.content));
         // As the old product wrote them: empty identifier bit strings.
         ExportRecordItems items;
-        items.data = record;
+        items.data = EncodeDb20SecretRecord(secret, SealDb20Content(hProv, secret.content));
         items.time = user.times[1];
-        SetBinary(key, secret.valueName.c_str(), MakeExportRecord(hProv, items));
+        writer.SetBinary(key, secret.valueName, MakeExportRecord(hProv, items));
     }
     if (!user.accountControlField.empty()) {
         const DWORD v = user.accountControl;
-        SetBinary(key, user.accountControlField.c_str(),
-                  std::vector<BYTE>{BYTE(v), BYTE(v >> 8), BYTE(v >> 16), BYTE(v >> 24)});
+        writer.SetBinary(key, user.accountControlField, {BYTE(v), BYTE(v >> 8), BYTE(v >> 16), BYTE(v >> 24)});
     }
 }
 
@@ -287,7 +277,8 @@ Db20Database MakeDb20Database(const Db20Options& options)
     const std::wstring machinePrefix = SidPrefix(rng);
     std::vector<std::wstring> domainPrefixes;
     for (unsigned d = 0; d < options.domainCount; ++d) {
-        db.domains.push_back(L"NVDOMAIN" + std::to_wstring(d + 1));
+        db.domains.push_back(d < options.domainNames.size() ? options.domainNames[d]
+                                                           : L"NVDOMAIN" + std::to_wstring(d + 1));
         domainPrefixes.push_back(SidPrefix(rng));
     }
 
@@ -481,17 +472,47 @@ std::vector<BYTE> EncodeDb20CombinedSecret(const Db20Secret& secret)
     return encoded;
 }
 
+void WriteUsers20(DbWriter& writer, const Db20Database& db)
+{
+    // The host belongs to the machine, not to the database: always the 32-bit view.
+    ProvisionHost(db.hostId, KEY_WOW64_32KEY);
+    const nv::unique_hcryptprov prov = OpenMachineContainer(db.hostId);
+    writer.CreateKey(kDataUsersRel);
+    for (const Db20User& user : db.users)
+        WriteUser(writer, prov.get(), user);
+    writer.Flush();
+}
+
+void Write20(DbWriter& writer, const Db20Database& db)
+{
+    WriteVersion(writer, L"2.0");
+    WriteStore(writer, db, db.computerName, true);
+    for (const std::wstring& domain : db.domains)
+        WriteStore(writer, db, domain, false);
+    WriteUsers20(writer, db);
+}
+
+Db20Options Db20OptionsFrom(const DbOptions& options)
+{
+    Db20Options o;
+    o.domainNames = DomainNames10(options);
+    o.domainCount = static_cast<unsigned>(o.domainNames.size());
+    if (options.format == DbFormat::V20) {
+        o.seed = options.seed;
+        o.userCount = options.users;
+    } else {
+        // The 2.0-style users of a 1.0 database: a stream of their own.
+        o.seed = options.seed ^ 0x2020202020202020ull;
+        o.userCount = options.users20;
+    }
+    return o;
+}
+
 HRESULT WriteDb20Users(const Db20Database& db) noexcept
 {
     return nv::Guarded([&]() -> HRESULT {
-        ProvisionHost(db.hostId, KEY_WOW64_32KEY);
-        const nv::unique_hcryptprov prov = OpenMachineContainer(db.hostId);
-        {
-            nv::CNVRegKey users;
-            nv::ThrowIfWin32Failed(users.Create(HKEY_LOCAL_MACHINE, kDataUsersPath, kWriteMask));
-        }
-        for (const Db20User& user : db.users)
-            WriteUser(prov.get(), user);
+        DbWriter writer(kDefaultDbPath, KEY_WOW64_32KEY);
+        WriteUsers20(writer, db);
         return S_OK;
     });
 }
@@ -499,19 +520,8 @@ HRESULT WriteDb20Users(const Db20Database& db) noexcept
 HRESULT WriteDb20Database(const Db20Database& db) noexcept
 {
     return nv::Guarded([&]() -> HRESULT {
-        {
-            nv::CNVRegKey key;
-            nv::ThrowIfWin32Failed(key.Create(HKEY_LOCAL_MACHINE, kDbPath, kWriteMask));
-            nv::ThrowIfWin32Failed(nv::SetStringValue(key, L"Version", L"2.0"));
-        }
-        WriteStore(std::wstring(kDbPath) + L"\\MainDB", db.machineUserList, db, db.computerName);
-        for (const std::wstring& domain : db.domains) {
-            DWORD count = 0;
-            for (const Db20User& user : db.users)
-                count += (user.store == domain) ? 1 : 0;
-            WriteStore(std::wstring(kDbPath) + L"\\Cache\\" + domain, count, db, domain);
-        }
-        nv::ThrowIfFailed(WriteDb20Users(db));
+        DbWriter writer(kDefaultDbPath, KEY_WOW64_32KEY);
+        Write20(writer, db);
         return S_OK;
     });
 }

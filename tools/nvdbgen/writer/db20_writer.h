@@ -38,6 +38,7 @@
 #include <utility>
 #include <vector>
 #include "writer/db20_der.h"
+#include "writer/legacy_writer.h"
 
 namespace nvwriter {
 
@@ -122,9 +123,11 @@ struct Db20User {
 };
 
 struct Db20Options {
-    std::uint32_t seed = 1;
+    std::uint64_t seed = 1;
     unsigned userCount = 8;
     unsigned domainCount = 2;
+    // Names of the cached domains; generated ones for the rest.
+    std::vector<std::wstring> domainNames;
     std::wstring computerName; // empty: this computer's name
     // Malformed variants: (user index, defect).
     std::vector<std::pair<unsigned, Db20Defect>> defects;
@@ -141,14 +144,24 @@ struct Db20Database {
 // Draws a database from the options; deterministic for the options.
 Db20Database MakeDb20Database(const Db20Options& options);
 
-// Writes the whole database (32-bit view): Version "2.0", MainDB and Cache with their
-// name indexes, then everything WriteDb20Users writes. The machine container is
-// replaced by a new one.
-HRESULT WriteDb20Database(const Db20Database& db) noexcept;
+// Writes the whole database through the writer (its database path and view): Version
+// "2.0", MainDB and Cache with their name indexes, then everything WriteUsers20
+// writes. The record gets the stores and the users (user key Data\Users\{GUID}).
+void Write20(DbWriter& writer, const Db20Database& db);
 
-// Writes into an existing database tree: NVHOST\HostId and the machine container,
-// Policy\Accounts\<SID>\ActCtrl and Data\Users\{GUID} for every user. Used by the 1.0
-// writer for databases that already hold 2.0-style users.
+// Writes into an existing database tree: NVHOST\HostId (always the 32-bit view) and a
+// fresh machine container, Policy\Accounts\<SID>\ActCtrl and Data\Users\{GUID} for
+// every user. The 1.0 writer uses it for databases that already hold 2.0-style
+// users; those users are in no name index, so the record lists them nowhere but in
+// its keys and values.
+void WriteUsers20(DbWriter& writer, const Db20Database& db);
+
+// The model WriteDatabase writes for these options: the format 2.0 database, or with
+// format 1.0 the users20 users added to it. Deterministic, so tests re-make it.
+Db20Options Db20OptionsFrom(const DbOptions& options);
+
+// Write20 and WriteUsers20 at HKLM\SOFTWARE\Norvane\DB in the 32-bit view.
+HRESULT WriteDb20Database(const Db20Database& db) noexcept;
 HRESULT WriteDb20Users(const Db20Database& db) noexcept;
 
 // Removes the database's machine container (S_FALSE when it is not there).

@@ -1,11 +1,11 @@
 #include "writer/legacy_writer.h"
+#include "writer/db20_writer.h"
 
 #include <cstring>
 #include <cwchar>
 
 #include "common/handles.h"
 #include "common/hresult.h"
-#include "writer/db20_writer.h"
 
 namespace nvwriter {
 
@@ -240,52 +240,11 @@ HRESULT WipeDatabase(const std::wstring& dbPath, REGSAM view) noexcept
 
 // --- entry points ------------------------------------------------------------
 
-namespace {
-
-// The 2.0 writer draws its own users; these options give it the 1.0 options' seed
-// and shape.
-Db20Options Db20OptionsFor(const DbOptions& options, unsigned users, unsigned domains)
-{
-    Db20Options o;
-    o.seed = static_cast<std::uint32_t>(options.seed ^ (options.seed >> 32));
-    o.userCount = users;
-    o.domainCount = domains;
-    return o;
-}
-
-void RecordDb20(const Db20Database& db, DbRecord& record)
-{
-    record.hostId = db.hostId;
-    record.users20 = db.users.size();
-    record.stores.push_back(StoreRecord{L"", true, L"MainDB\\Users\\Index\\NameIndex", L""});
-    for (const std::wstring& domain : db.domains)
-        record.stores.push_back(StoreRecord{domain, false, L"Cache\\" + domain + L"\\Users\\Index\\NameIndex", L""});
-    for (const Db20User& user : db.users) {
-        UserRecord u;
-        u.store = user.store == db.computerName ? L"" : user.store;
-        u.name = user.userName;
-        u.id = user.guid;
-        u.userKeyPath = L"Data\\Users\\" + GuidText(user.guid);
-        record.users.push_back(std::move(u));
-    }
-}
-
-} // namespace
-
 HRESULT WriteDatabase(const DbOptions& options, DbRecord* record) noexcept
 {
     return nv::Guarded([&]() -> HRESULT {
         if (!record)
             return E_POINTER;
-        // The 2.0 writer has one place for its database: the default path, 32-bit view.
-        const bool db20 = options.format == DbFormat::V20 || options.users20 != 0;
-        if (db20 && (options.dbPath != kDefaultDbPath || options.view != KEY_WOW64_32KEY))
-            return E_INVALIDARG;
-        if (options.format == DbFormat::V10 && options.users20 > options.users)
-            return E_INVALIDARG;
-        if (options.format == DbFormat::V20 && options.users20 != 0)
-            return E_INVALIDARG;
-
         if (options.wipe) {
             nv::ThrowIfFailed(WipeDatabase(options.dbPath, options.view));
         } else {
@@ -295,38 +254,15 @@ HRESULT WriteDatabase(const DbOptions& options, DbRecord* record) noexcept
                 return HRESULT_FROM_WIN32(ERROR_ALREADY_EXISTS);
         }
 
-        if (options.format == DbFormat::V20) {
-            const Db20Database db = MakeDb20Database(Db20OptionsFor(options, options.users, options.domains));
-            nv::ThrowIfFailed(WriteDb20Database(db));
-            DbRecord out;
-            out.dbPath = options.dbPath;
-            out.view = options.view;
-            out.versionText = L"2.0";
-            RecordDb20(db, out);
-            *record = std::move(out);
-            return S_OK;
-        }
-
         DbWriter writer(options.dbPath, options.view);
-        Prng rng(options.seed);
-        Write10(writer, options, rng);
-        if (options.users20 != 0) {
-            // The chain case: the first users of the name indexes also carry sealed
-            // 2.0 records (secrets, templates) under their own GUIDs and names.
-            Db20Database db = MakeDb20Database(Db20OptionsFor(options, options.users20, 0));
-            const std::vector<UserRecord>& users = writer.record().users;
-            for (size_t i = 0; i < db.users.size(); ++i) {
-                db.users[i].guid = users[i].id;
-                std::wstring name = users[i].name;
-                if (!name.empty() && name.back() == L'/')
-                    name.pop_back();
-                db.users[i].userName = name;
-                db.users[i].store = users[i].store;
-            }
-            writer.Flush();
-            nv::ThrowIfFailed(WriteDb20Users(db));
-            writer.record().hostId = db.hostId;
-            writer.record().users20 = db.users.size();
+        if (options.format == DbFormat::V20) {
+            // Users, secrets and templates of format 2.0 come from the 2.0 writer.
+            Write20(writer, MakeDb20Database(Db20OptionsFrom(options)));
+        } else {
+            Prng rng(options.seed);
+            Write10(writer, options, rng);
+            if (options.users20 != 0)
+                WriteUsers20(writer, MakeDb20Database(Db20OptionsFrom(options)));
         }
         *record = std::move(writer.record());
         return S_OK;

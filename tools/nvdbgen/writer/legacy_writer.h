@@ -70,11 +70,9 @@ struct DbOptions {
     // Per-user keys beside the name index (Users\<GUID> with a few values).
     bool userKeys = true;
 
-    // Format 2.0-style users (sealed records with secrets and templates, written by
-    // the 2.0 writer) in a format 1.0 database, the chain case: the first `users20`
-    // users of the name indexes get them, under their own GUIDs (at most `users`).
-    // Format 2.0 databases take `users` and `domains` instead and need users20 = 0.
-    // Both forms live at the default path in the 32-bit view (else E_INVALIDARG).
+    // Format 2.0-style users (with secrets and templates) written by the 2.0 writer.
+    // With format 1.0 they are added to the 1.0 database (the chain case): see
+    // WriteUsers20 and Db20OptionsFrom in db20_writer.h.
     unsigned users20 = 0;
 };
 
@@ -128,12 +126,6 @@ struct DbRecord {
     std::map<std::wstring, std::map<std::wstring, ValueRecord>> values;
     std::vector<StoreRecord> stores; // machine first, then domains in writing order
     std::vector<UserRecord> users;
-    // Sealed 2.0 user records written (Data\Users\{GUID}, with NVHOST\HostId and
-    // the machine container named after hostId, which the caller removes with
-    // DeleteMachineContainer). Those keys are not among `keys` and `values`; for a
-    // format 2.0 database only the stores and users are recorded.
-    size_t users20 = 0;
-    GUID hostId{};
 
     const StoreRecord* FindStore(const std::wstring& name, bool machine) const;
     // The database as format 2.0 should have it after a 1.0 -> 2.0 conversion on a
@@ -203,8 +195,9 @@ void WriteStore10(DbWriter& writer, const std::wstring& domain, bool machine, un
 // --- entry points ----------------------------------------------------------
 
 // Builds the database the options describe (wiping first when asked) and hands
-// back what was written. Format 2.0 and users20 go through the 2.0 writer
-// (writer/db20_writer.h).
+// back what was written. Format 2.0, and the users20 users of a 1.0 database, come
+// from the 2.0 writer (db20_writer.h), which also provisions the host identifier and
+// the machine key container they are sealed for.
 HRESULT WriteDatabase(const DbOptions& options, DbRecord* record) noexcept;
 
 // GUID as registry text: {XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}.
