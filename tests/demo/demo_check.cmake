@@ -33,9 +33,9 @@ if(NOT rc STREQUAL "0")
     string(APPEND problems "  the demo exited with '${rc}', not 0\n")
 endif()
 set(n ${NV_DEMO_USERS})
-expect("written: +${n} users in ${NV_DEMO_DOMAINS} domains" "the written line for ${n} users")
+expect("written: +format 1\\.0 \\(seed [0-9]+\\): ${n} users in the name indexes of ${NV_DEMO_DOMAINS} domains" "the written line for ${n} users")
 expect("nvdbgen: wrote a format 1\\.0 database" "nvdbgen's report")
-expect("sealed 2\\.0 user records: ${n} under Data" "${n} sealed user records")
+expect("2\\.0-style users: ${n} with sealed records under Data" "${n} users with sealed 2.0 records")
 # The three status runs, in order: 1.0, then 2.0 with every user waiting, then 3.0.
 expect("state +format 1\\.0: convert rewrites it to 2\\.0.*state +format 2\\.0: ${n} users to move into the store.*state +format 3\\.0: the users live in the store"
        "the status after each step (1.0, 2.0 with ${n} users, 3.0)")
@@ -49,7 +49,7 @@ if(out MATCHES "store: +${n} users, ${n} registered, ([0-9]+) secrets \\(([0-9]+
     endif()
 endif()
 expect("old data: +0 user keys left" "no user keys left")
-expect("every user accounted for: ${n} written = ${n} in the store \\+ 0 left" "the accounted-for line")
+expect("every user accounted for: ${n} with 2\\.0 records = ${n} in the store \\+ 0 left" "the accounted-for line")
 
 # The trace file exists and its decoded form tells the story.
 if(out MATCHES "trace: +([^\n]+\\.trc3)")
