@@ -749,8 +749,9 @@ protected:
         return db;
     }
 
-    // Every user of the model is in the store with its secrets (re-sealed for it)
-    // and its templates, and its old key is gone.
+    // Every user of the model is in the store with its secrets (under the names of
+    // the registry values that held them, re-sealed for the user) and its
+    // templates, and its old key is gone.
     void ExpectEveryUserInTheStore(const nvwriter::Db20Database& db)
     {
         std::vector<std::wstring> expectedSids;
@@ -763,7 +764,7 @@ protected:
             // Secrets are stored under their field names; the 31-character limit
             // applies only to the name inside the secret record.
             for (const auto& secret : user.secrets)
-                names.insert(secret.name);
+                names.insert(secret.valueName);
             std::set<std::wstring> stored;
             for (const auto& [name, bytes] : nvstore::inspect::ListSecrets(user.sidText)) {
                 stored.insert(name);

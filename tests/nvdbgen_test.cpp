@@ -97,6 +97,8 @@ TEST_F(NvDbGenTest, UsageErrorsExitWith2AndExplainWithoutWriting)
         {L"--format 1.0 --seed 1x", "--seed takes an unsigned 64-bit number, not '1x'"},
         {L"--format 1.0 --view 16", "--view must be 32 or 64, not '16'"},
         {L"--format 1.0 --frobnicate", "unknown option '--frobnicate'"},
+        {L"--format 1.0 --users20 x", "--users20 takes a number from 0 to 1000000, not 'x'"},
+        {L"--format 2.0 --users20 3", "--users20 goes with --format 1.0 (a 2.0 database takes --users)"},
     };
     for (const Case& c : cases) {
         ToolRun run = RunTool(c.args);
@@ -222,4 +224,46 @@ TEST_F(NvDbGenTest, Format20WritesTheSameLayoutAsTheWriterLibraryForTheSameSeed)
     ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
     EXPECT_EQ(L"2.0", version);
     EXPECT_EQ(5u, SubkeyNames(L"SOFTWARE\\Norvane\\DB\\Data\\Users", kView32).size());
+}
+
+TEST_F(NvDbGenTest, Users20AddsSealedUsersToA10DatabaseLikeTheWriterLibrary)
+{
+    nvwriter::DbOptions options;
+    options.users = 6;
+    options.domains = 2;
+    options.users20 = 4;
+    options.seed = 11;
+    const nvwriter::Db20Database model = nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options));
+    ContainerJanitor containers;
+    containers.Track(model.hostId);
+
+    ToolRun run = RunTool(L"--format 1.0 --users 6 --domains 2 --users20 4 --seed 11");
+    ASSERT_EQ(0u, run.exitCode) << run.err;
+    run.out.erase(std::remove(run.out.begin(), run.out.end(), '\r'), run.out.end());
+    EXPECT_TRUE(Contains(run.out, "nvdbgen: wrote a format 1.0 database to HKLM\\SOFTWARE\\Norvane\\DB (32-bit view), seed 11"))
+        << run.out;
+    EXPECT_TRUE(Contains(run.out, "  2.0-style users: 4 with sealed records under Data\\Users\n")) << run.out;
+    EXPECT_TRUE(Contains(run.out, "  host: " + Narrow(nvwriter::GuidText(model.hostId)))) << run.out;
+    EXPECT_TRUE(ContainerExists(model.hostId));
+    const RegTree fromTool = Snapshot(kDb, kView32);
+
+    // Sealed values carry fresh session keys; keys, value names and types are the same.
+    options.wipe = true;
+    nvwriter::DbRecord record;
+    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    const RegTree expected = ToRegTree(record);
+    EXPECT_EQ(expected.keys, fromTool.keys);
+    ASSERT_EQ(expected.values.size(), fromTool.values.size());
+    for (auto e = expected.values.begin(), t = fromTool.values.begin(); e != expected.values.end(); ++e, ++t) {
+        EXPECT_EQ(Narrow(e->first), Narrow(t->first));
+        EXPECT_EQ(e->second.type, t->second.type) << Narrow(e->first);
+    }
+    std::wstring version;
+    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    EXPECT_EQ(L"1.0", version);
+    std::vector<std::wstring> guids;
+    for (const auto& user : model.users)
+        guids.push_back(nvwriter::GuidText(user.guid));
+    std::sort(guids.begin(), guids.end());
+    EXPECT_EQ(guids, SubkeyNames(L"SOFTWARE\\Norvane\\DB\\Data\\Users", kView32));
 }

@@ -19,8 +19,12 @@
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
 #include "writer/db20_writer.h"
+#include "writer/legacy_writer.h"
 
 namespace nvtest {
+
+// "{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}", as registry key names spell a GUID.
+using nvwriter::GuidText;
 
 inline constexpr const wchar_t kDbPath[] = L"SOFTWARE\\Norvane\\DB";
 inline constexpr const wchar_t kDataPath[] = L"SOFTWARE\\Norvane\\DB\\Data";

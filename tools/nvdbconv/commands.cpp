@@ -286,7 +286,7 @@ int Finish(Printer& out, int exitCode)
 
 // ---- commands -------------------------------------------------------------------
 
-int Status(const Options& o, Printer& out, CLibraryHost& host)
+int Status(Printer& out, CLibraryHost& host)
 {
     Header(out, "status");
     const DatabaseState db = ReadDatabaseState();
@@ -316,7 +316,6 @@ int Status(const Options& o, Printer& out, CLibraryHost& host)
     out.json.EndObject();
     out.json.Key("trace");
     JsonTrace(out.json, trace, host.path());
-    (void)o;
     return Finish(out, SUCCEEDED(l.load) && SUCCEEDED(l.version) ? kExitOk : kExitFailed);
 }
 
@@ -662,7 +661,7 @@ int Run(const Options& o)
     CLibraryHost host(AbsolutePath(o.dll.empty() ? DefaultLibraryPath() : o.dll));
     switch (o.command) {
     case Command::Status:
-        return Status(o, out, host);
+        return Status(out, host);
     case Command::Convert:
         return Convert(o, out, host);
     case Command::Rollback:

@@ -1,6 +1,6 @@
 // nvdbgen: writes a sample legacy database into the registry.
 //
-//   nvdbgen --format 1.0|2.0 [--users N] [--domains N] [--seed N] [--view 32|64] [--wipe]
+//   nvdbgen --format 1.0|2.0 [--users N] [--domains N] [--users20 N] [--seed N] [--view 32|64] [--wipe]
 //
 // The output is the same for the same options and seed. Exit codes: 0 written,
 // 1 the database could not be written, 2 usage error.
@@ -22,10 +22,13 @@ constexpr int kExitUsage = 2;
 void PrintUsage(FILE* out)
 {
     std::fprintf(out,
-                 "usage: nvdbgen --format 1.0|2.0 [--users N] [--domains N] [--seed N] [--view 32|64] [--wipe]\n"
+                 "usage: nvdbgen --format 1.0|2.0 [--users N] [--domains N] [--users20 N] [--seed N] [--view 32|64] "
+                 "[--wipe]\n"
                  "  --format   database format to write (required)\n"
                  "  --users    users in the name indexes, spread over the machine and the domains (default 12)\n"
                  "  --domains  cached domains (default 2)\n"
+                 "  --users20  format 1.0 only: users that also carry sealed 2.0 records (secrets, templates)\n"
+                 "             under Data\\Users, as a 1.0 database that already holds 2.0 users (default 0)\n"
                  "  --seed     seed of the generated content; same seed, same database (default 1)\n"
                  "  --view     registry view of HKLM\\SOFTWARE\\Norvane\\DB (default 32)\n"
                  "  --wipe     delete an existing database first\n");
@@ -71,7 +74,8 @@ int wmain(int argc, wchar_t** argv)
             options.wipe = true;
             continue;
         }
-        if (arg != L"--format" && arg != L"--users" && arg != L"--domains" && arg != L"--seed" && arg != L"--view")
+        if (arg != L"--format" && arg != L"--users" && arg != L"--domains" && arg != L"--users20" &&
+            arg != L"--seed" && arg != L"--view")
             return UsageError("unknown option '%ls'", argv[i]);
         if (i + 1 >= argc)
             return UsageError("%ls needs a value", argv[i]);
@@ -93,6 +97,10 @@ int wmain(int argc, wchar_t** argv)
             if (!ParseNumber(value, 10000, &n))
                 return UsageError("--domains takes a number from 0 to 10000, not '%ls'", value);
             options.domains = static_cast<unsigned>(n);
+        } else if (arg == L"--users20") {
+            if (!ParseNumber(value, 1000000, &n))
+                return UsageError("--users20 takes a number from 0 to 1000000, not '%ls'", value);
+            options.users20 = static_cast<unsigned>(n);
         } else if (arg == L"--seed") {
             if (!ParseNumber(value, ~0ull, &n))
                 return UsageError("--seed takes an unsigned 64-bit number, not '%ls'", value);
@@ -108,6 +116,8 @@ int wmain(int argc, wchar_t** argv)
     }
     if (!haveFormat)
         return UsageError("--format is required%ls");
+    if (options.users20 != 0 && options.format != nvwriter::DbFormat::V10)
+        return UsageError("--users20 goes with --format 1.0 (a 2.0 database takes --users)%ls");
 
     const char* formatText = options.format == nvwriter::DbFormat::V10 ? "1.0" : "2.0";
     const char* viewText = options.view == KEY_WOW64_32KEY ? "32-bit" : "64-bit";
@@ -137,7 +147,9 @@ int wmain(int argc, wchar_t** argv)
     for (const auto& store : record.stores)
         std::printf(" %ls", store.machine ? L"(machine)" : store.name.c_str());
     std::printf("\n  keys: %zu, values: %zu\n", record.keys.size(), record.ValueCount());
-    if (options.format == nvwriter::DbFormat::V20)
+    if (options.users20 != 0)
+        std::printf("  2.0-style users: %u with sealed records under Data\\Users\n", options.users20);
+    if (options.format == nvwriter::DbFormat::V20 || options.users20 != 0)
         std::printf("  host: %ls (machine key container)\n",
                     nvwriter::GuidText(nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options)).hostId).c_str());
     return kExitOk;
