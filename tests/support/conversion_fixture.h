@@ -33,9 +33,6 @@ inline constexpr const wchar_t kMainDbPath[] = L"SOFTWARE\\Norvane\\DB\\MainDB";
 inline constexpr const wchar_t kBackup20Path[] = L"SOFTWARE\\Norvane\\DB-v2.0";
 inline constexpr const wchar_t kPolicyDefaultPath[] = L"SOFTWARE\\Norvane\\Policies\\Default";
 
-// {XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}, as user keys are named.
-inline std::wstring GuidText(const GUID& g) { return nvwriter::GuidText(g); }
-
 // SOFTWARE\Norvane\DB\Data\Users\{GUID}
 std::wstring UserKeyPath(const GUID& userGuid);
 
