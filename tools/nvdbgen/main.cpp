@@ -123,10 +123,6 @@ int wmain(int argc, wchar_t** argv)
     const char* viewText = options.view == KEY_WOW64_32KEY ? "32-bit" : "64-bit";
     nvwriter::DbRecord record;
     HRESULT hr = nvwriter::WriteDatabase(options, &record);
-    if (hr == E_NOTIMPL) {
-        std::fprintf(stderr, "nvdbgen: format %s databases are not available yet\n", formatText);
-        return kExitFailed;
-    }
     if (hr == HRESULT_FROM_WIN32(ERROR_ALREADY_EXISTS)) {
         std::fprintf(stderr, "nvdbgen: HKLM\\%ls already exists in the %s view; use --wipe to replace it\n",
                      options.dbPath.c_str(), viewText);
