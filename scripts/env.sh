@@ -14,14 +14,19 @@ nv_log() { printf '==> %s\n' "$*"; }
 
 # Configures and builds the cross build and the native build of the portable tools.
 nv_build() {
-    local jobs
+    local jobs launcher=()
     jobs=$(nproc 2>/dev/null || echo 2)
+    # A compiler cache, when the machine has one, makes rebuilds of other checkouts cheap.
+    if command -v ccache >/dev/null 2>&1; then
+        launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+        export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$NV_ROOT}
+    fi
     if [ ! -f "$NV_NATIVE_BUILD/build.ninja" ]; then
-        cmake -S "$NV_ROOT" -B "$NV_NATIVE_BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
+        cmake -S "$NV_ROOT" -B "$NV_NATIVE_BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release "${launcher[@]}" >/dev/null
     fi
     cmake --build "$NV_NATIVE_BUILD" -j "$jobs"
     if [ ! -f "$NV_WIN_BUILD/build.ninja" ]; then
-        cmake -S "$NV_ROOT" -B "$NV_WIN_BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+        cmake -S "$NV_ROOT" -B "$NV_WIN_BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release "${launcher[@]}" \
             -DCMAKE_TOOLCHAIN_FILE="$NV_ROOT/cmake/mingw-w64-x86_64.cmake" \
             -DNV_NATIVE_BUILD_DIR="$NV_NATIVE_BUILD" -DNV_WINEPREFIX="$WINEPREFIX" >/dev/null
     fi
@@ -37,9 +42,43 @@ nv_fresh_prefix() {
 
 # A persistent server with its stdio detached: otherwise Wine's service processes
 # inherit CTest's pipes and CTest never sees EOF.
+#
+# `wineserver -p` exits at once, doing nothing, while another server runs for the
+# prefix, and `wineboot --init` leaves its own short-lived server behind. So the old
+# server is stopped and waited for first, and the new one is checked afterwards:
+# without it every Wine process pays the whole start-up again (seconds, not ms).
 nv_start_wineserver() {
+    "$NV_WINESERVER" -k </dev/null >/dev/null 2>&1
+    "$NV_WINESERVER" -w </dev/null >/dev/null 2>&1
     "$NV_WINESERVER" -p </dev/null >/dev/null 2>&1
+    local pid="" tries
+    for tries in $(seq 50); do
+        pid=$(nv_wineserver_pid) && break
+        sleep 0.1
+    done
+    if [ -z "$pid" ]; then
+        printf 'error: no persistent wineserver runs for %s after `wineserver -p`;\n' "$WINEPREFIX" >&2
+        printf '       every Wine process would start its own server and the run would crawl.\n' >&2
+        return 1
+    fi
     "$NV_WINE" cmd /c exit </dev/null >/dev/null 2>&1
+    NV_WINESERVER_PID=$pid
+    NV_WINESERVER_STARTED=$(ps -o lstart= -p "$pid" 2>/dev/null)
+}
+
+# The pid of the persistent (`-p` without a timeout) server of $WINEPREFIX, if one
+# runs. A server works in a directory named after the prefix's device and inode.
+nv_wineserver_pid() {
+    local dir p
+    [ -d "$WINEPREFIX" ] || return 1
+    dir=$(printf 'server-%x-%x' $(stat -L -c '%d %i' "$WINEPREFIX")) || return 1
+    for p in $(pgrep -u "$(id -u)" wineserver); do
+        [ "$(basename "$(readlink "/proc/$p/cwd" 2>/dev/null)")" = "$dir" ] || continue
+        tr '\0' '\n' <"/proc/$p/cmdline" 2>/dev/null | grep -qx -- '-p' || continue
+        echo "$p"
+        return 0
+    done
+    return 1
 }
 
 nv_stop_wineserver() {
