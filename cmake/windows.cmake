@@ -14,6 +14,7 @@ configure_file(${CMAKE_SOURCE_DIR}/cmake/wine-run.in ${CMAKE_BINARY_DIR}/wine-ru
 set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_BINARY_DIR}/wine-run)
 
 set(NV_WIN_LIBS crypt32 advapi32 netapi32 ole32 oleaut32 uuid rpcrt4 wtsapi32 version)
+include(${CMAKE_SOURCE_DIR}/cmake/hardening.cmake)
 
 # Everything a test may load or start at run time: the DLL, the tools, the store.
 add_custom_target(nv_runtime)
@@ -32,7 +33,9 @@ set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
 add_subdirectory(/usr/src/googletest ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
 include(GoogleTest)
 add_subdirectory(tests)
+add_subdirectory(tests/hardening)
 add_subdirectory(bench)
+nv_write_shipped_list()
 
 # The native tests (the portable trace decoder) run in the same CTest session. Whether
 # they exist is decided when CTest runs, so the order in which the two trees were

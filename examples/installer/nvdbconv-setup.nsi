@@ -1,6 +1,6 @@
 ; nvdbconv-setup: the database step of the suite's installer, as an example client
 ; of NVDBConv.dll. The installer carries the library, loads it into its own process
-; (LoadLibrary + GetProcAddress through the System plug-in), asks GetDBVersion, calls
+; (LoadLibraryEx + GetProcAddress through the System plug-in), asks GetDBVersion, calls
 ; Convert, and then Cleanup when Convert succeeded or Rollback when it failed. Every
 ; result code goes to the log file, one line each:
 ;
@@ -78,7 +78,10 @@ Section "Upgrade the database"
   SetOutPath $PLUGINSDIR
   File "/oname=NVDBConv.dll" "${NVDBCONV_DLL}"
 
-  System::Call "kernel32::LoadLibraryW(w '$PLUGINSDIR\NVDBConv.dll') p .r0"
+  ; By its full path, with its dependencies from the system directory only
+  ; (0x800, LOAD_LIBRARY_SEARCH_SYSTEM32): an installer started from a downloads
+  ; folder must not pick up a DLL planted beside it.
+  System::Call "kernel32::LoadLibraryExW(w '$PLUGINSDIR\NVDBConv.dll', p 0, i 0x800) p .r0"
   StrCpy $Module $0
   ${If} $Module P= 0
     System::Call "kernel32::GetLastError() i .r1"

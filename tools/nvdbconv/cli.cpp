@@ -92,6 +92,7 @@ const char* UsageText()
            "  --dll PATH           the library to load (default: NVDBConv.dll beside nvdbconv.exe)\n"
            "  --json               one JSON object on standard output instead of text\n"
            "  --quiet              nothing on standard output; the exit code tells the outcome\n"
+           "  --version            the version of nvdbconv, and nothing else\n"
            "\n"
            "exit codes: 0 done, 1 a call failed, 2 usage error, 3 rollback refused\n";
 }
@@ -128,6 +129,12 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::wstring>& args)
 
         if (arg == L"--help" || arg == L"-h" || arg == L"/?") {
             o.command = Command::Help;
+            ParsedCommandLine r;
+            r.ok = true;
+            r.options = o;
+            return r;
+        } else if (arg == L"--version") {
+            o.showVersion = true;
             ParsedCommandLine r;
             r.ok = true;
             r.options = o;

@@ -15,6 +15,7 @@ struct Options {
     std::wstring dll; // empty: NVDBConv.dll next to nvdbconv.exe
     bool json = false;
     bool quiet = false;
+    bool showVersion = false; // --version: the version line, nothing else
     bool force = false;                      // rollback
     ProgressMode progress = ProgressMode::Auto; // convert
     // trace

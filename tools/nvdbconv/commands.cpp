@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <vector>
 
+#include "common/procaddress.h"
+#include "common/systemlibrary.h"
 #include "dbstate.h"
 #include "json.h"
 #include "library_host.h"
@@ -522,18 +524,29 @@ int Trace(const Options& o, Printer& out, const std::wstring& dllPath)
     return Finish(out, SUCCEEDED(hr) ? kExitOk : kExitFailed);
 }
 
+// Version.dll is not among the libraries Windows always takes from the system
+// directory, so nvdbconv.exe does not import it: it is loaded here, from there.
 std::string FileVersionOf(const std::wstring& path)
 {
+    using GetSizeFn = DWORD(WINAPI*)(LPCWSTR, LPDWORD);
+    using GetInfoFn = BOOL(WINAPI*)(LPCWSTR, DWORD, DWORD, LPVOID);
+    using QueryFn = BOOL(WINAPI*)(LPCVOID, LPCWSTR, LPVOID*, PUINT);
+    nv::unique_hmodule versionDll(nv::LoadSystemLibrary(L"version.dll"));
+    const auto getSize = nv::GetProcAs<GetSizeFn>(versionDll.get(), "GetFileVersionInfoSizeW");
+    const auto getInfo = nv::GetProcAs<GetInfoFn>(versionDll.get(), "GetFileVersionInfoW");
+    const auto query = nv::GetProcAs<QueryFn>(versionDll.get(), "VerQueryValueW");
+    if (!getSize || !getInfo || !query)
+        return std::string();
     DWORD handle = 0;
-    const DWORD size = ::GetFileVersionInfoSizeW(path.c_str(), &handle);
+    const DWORD size = getSize(path.c_str(), &handle);
     if (size == 0)
         return std::string();
     std::vector<BYTE> data(size);
-    if (!::GetFileVersionInfoW(path.c_str(), 0, size, data.data()))
+    if (!getInfo(path.c_str(), 0, size, data.data()))
         return std::string();
     VS_FIXEDFILEINFO* info = nullptr;
     UINT len = 0;
-    if (!::VerQueryValueW(data.data(), L"\\", reinterpret_cast<void**>(&info), &len) || !info)
+    if (!query(data.data(), L"\\", reinterpret_cast<void**>(&info), &len) || !info)
         return std::string();
     return Fmt("%lu.%lu.%lu.%lu", static_cast<unsigned long>(HIWORD(info->dwFileVersionMS)),
                static_cast<unsigned long>(LOWORD(info->dwFileVersionMS)),
