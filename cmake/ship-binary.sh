@@ -7,10 +7,14 @@ set -euo pipefail
 objcopy=$1 strip=$2 file=$3
 cd "$(dirname "$file")"
 name=$(basename "$file")
+# objcopy and strip stamp the PE header with the current time unless
+# SOURCE_DATE_EPOCH says otherwise; outside a release the stamp stays 0, as the
+# linker leaves it (--no-insert-timestamp).
+stamp=${SOURCE_DATE_EPOCH:-0}
 rm -f "$name.debug"
-"$objcopy" --only-keep-debug "$name" "$name.debug"
-"$strip" --strip-all "$name"
-"$objcopy" --add-gnu-debuglink="$name.debug" "$name"
+SOURCE_DATE_EPOCH=$stamp "$objcopy" --only-keep-debug "$name" "$name.debug"
+SOURCE_DATE_EPOCH=$stamp "$strip" --strip-all "$name"
+SOURCE_DATE_EPOCH=$stamp "$objcopy" --add-gnu-debuglink="$name.debug" "$name"
 if [ -n "${SOURCE_DATE_EPOCH:-}" ]; then
     touch -d "@$SOURCE_DATE_EPOCH" "$name" "$name.debug"
 fi

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <map>
 #include <string>
 #include <vector>
@@ -140,7 +141,9 @@ void ExpectSystemDirectoryOnly(const LoadCall& call)
     constexpr DWORD kOtherSearches = LOAD_WITH_ALTERED_SEARCH_PATH | LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR |
                                      LOAD_LIBRARY_SEARCH_APPLICATION_DIR | LOAD_LIBRARY_SEARCH_USER_DIRS |
                                      LOAD_LIBRARY_SEARCH_DEFAULT_DIRS;
-    SCOPED_TRACE(call.function + "(\"" + Narrow(call.name) + "\", flags 0x" + std::to_string(call.flags) + ")");
+    char flags[16];
+    std::snprintf(flags, sizeof(flags), "0x%lX", static_cast<unsigned long>(call.flags));
+    SCOPED_TRACE(call.function + "(\"" + Narrow(call.name) + "\", flags " + flags + ")");
     EXPECT_TRUE(call.function == "LoadLibraryExW" || call.function == "LoadLibraryExA")
         << "a load without search flags takes the host's search order";
     EXPECT_NE(0u, call.flags & LOAD_LIBRARY_SEARCH_SYSTEM32);
@@ -226,20 +229,18 @@ TEST_F(LibraryLoadsTest, PlantedVersionLibraryBesideTheHostIsNotLoaded)
     // version could not be read.
     ASSERT_TRUE(::CopyFileW((ExeDirectory() + L"planted_probe.dll").c_str(), (dir + L"version.dll").c_str(), FALSE));
 
-    // Control: a search that includes the folder does pick the planted file.
-    ASSERT_EQ(nullptr, ::GetModuleHandleW(L"version.dll")) << "the test process must not have version.dll loaded";
-    const DLL_DIRECTORY_COOKIE cookie = ::AddDllDirectory(dir.c_str());
-    ASSERT_NE(nullptr, cookie);
-    HMODULE planted = ::LoadLibraryExW(L"version.dll", nullptr, LOAD_LIBRARY_SEARCH_USER_DIRS);
-    ::RemoveDllDirectory(cookie);
-    ASSERT_NE(nullptr, planted);
-    EXPECT_TRUE(StartsWithNoCase(ModulePath(planted), dir)) << Narrow(ModulePath(planted));
-    ::FreeLibrary(planted);
+    // Control: a host that searches its own folder first does take the planted file.
+    ASSERT_TRUE(::CopyFileW((ExeDirectory() + L"unsafe_loader.exe").c_str(), (dir + L"unsafe_loader.exe").c_str(), FALSE));
+    wchar_t previous[MAX_PATH] = {};
+    ::GetCurrentDirectoryW(MAX_PATH, previous);
+    ASSERT_TRUE(::SetCurrentDirectoryW(dir.c_str()));
+    const ProcessRun control = RunProcess(QuoteArg(dir + L"unsafe_loader.exe"), 60000);
+    ::SetCurrentDirectoryW(previous);
+    EXPECT_EQ(0u, control.exitCode);
+    EXPECT_TRUE(StartsWithNoCase(Widen(control.out), dir)) << "the control host took '" << control.out << "'";
 
     TraceCapture trace;
     trace.Start();
-    wchar_t previous[MAX_PATH] = {};
-    ::GetCurrentDirectoryW(MAX_PATH, previous);
     ASSERT_TRUE(::SetCurrentDirectoryW(dir.c_str()));
     const ProcessRun run = RunProcess(QuoteArg(dir + L"nvdbconv.exe") + L" version", 60000);
     ::SetCurrentDirectoryW(previous);
@@ -253,7 +254,7 @@ TEST_F(LibraryLoadsTest, PlantedVersionLibraryBesideTheHostIsNotLoaded)
     EXPECT_NE(header.end(), std::find(header.begin(), header.end(), std::string("FileVersion: ") + NV_VERSION_TEXT))
         << trace.Dump();
 
-    for (const wchar_t* file : {L"nvdbconv.exe", L"NVDBConv.dll", L"version.dll"})
+    for (const wchar_t* file : {L"nvdbconv.exe", L"NVDBConv.dll", L"version.dll", L"unsafe_loader.exe"})
         ::DeleteFileW((dir + file).c_str());
     ::RemoveDirectoryW(dir.c_str());
 }
