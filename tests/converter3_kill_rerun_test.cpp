@@ -23,16 +23,7 @@ namespace {
 
 nvwriter::Db20Template MakeTemplate(unsigned position, BYTE fill)
 {
-    nvwriter::Db20Template t;
-    t.position = position;
-    t.format = 1;
-    t.flags = position;
-    t.type = {0x5A1E0C31, 0x8F2B, 0x4C7D, {0x9E, 0x10, 0x3B, 0x6A, 0x27, 0xD4, 0x81, 0x55}};
-    t.owner = {0x10203040, 0x5060, 0x7080, {fill, 2, 3, 4, 5, 6, 7, 8}};
-    t.data.assign(48, fill);
-    t.size = 48;
-    t.headerValue = 3;
-    return t;
+    return SampleTemplate(position, fill, 48, 3);
 }
 
 class KillRerunTest : public Db20ConversionTest, public ::testing::WithParamInterface<const wchar_t*> {
