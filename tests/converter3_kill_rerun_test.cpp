@@ -74,7 +74,6 @@ TEST_P(KillRerunTest, AConversionKilledAtTheStageAndRunAgainMovesEveryUserWhole)
 }
 
 INSTANTIATE_TEST_SUITE_P(Stages, KillRerunTest,
-                         ::testing::Values(nvstore::kStageKeyPairGenerated, nvstore::kStageKeyPairStored,
-                                           nvstore::kStagePayloadWritten, nvstore::kStageSecretStored,
-                                           nvstore::kStageTemplateStored),
+                         ::testing::Values(nvstore::kStageKeyPairStored, nvstore::kStagePayloadWritten,
+                                           nvstore::kStageSecretStored),
                          [](const ::testing::TestParamInfo<const wchar_t*>& info) { return Narrow(info.param); });

@@ -11,6 +11,7 @@
 #include "converter3/conversion_policy.h"
 #include "converter3/held_users.h"
 #include "nvstore_inspect.h"
+#include "nvdbconv/cli.h"
 #include "nvdbconv/policy.h"
 #include "support/conversion_fixture.h"
 #include "support/dll_loader.h"
@@ -92,16 +93,28 @@ TEST_F(ConversionPolicyValueTest, NvdbconvShowsTurnsOnAndTurnsOffThePolicy)
     EXPECT_EQ(0u, run.exitCode) << run.err;
     EXPECT_FALSE(GetDword(kPolicyDefaultPath, kStrictValue, kViewNative, &value));
     EXPECT_EQ(nvconv3::ConversionPolicy::Default, nvconv3::ReadConversionPolicy());
-    // Turning it off twice is no error.
-    run = RunProcess(exe + L" policy --strict off");
-    EXPECT_EQ(0u, run.exitCode) << run.err;
+    // Turning it off again is no error.
+    EXPECT_EQ(S_OK, nvdbconv::WriteStrictConversion(false));
+}
 
-    run = RunProcess(exe + L" policy --strict maybe");
-    EXPECT_EQ(2u, run.exitCode);
-    EXPECT_NE(std::string::npos, run.err.find("--strict takes on or off, not 'maybe'")) << run.err;
-    run = RunProcess(exe + L" status --strict on");
-    EXPECT_EQ(2u, run.exitCode);
-    EXPECT_NE(std::string::npos, run.err.find("--strict goes with policy")) << run.err;
+TEST(ConversionPolicyCommandLineTest, StrictTakesOnOrOffAndGoesWithPolicyOnly)
+{
+    auto parse = [](std::vector<std::wstring> args) { return nvdbconv::ParseCommandLine(args); };
+    auto on = parse({L"policy", L"--strict", L"on"});
+    ASSERT_TRUE(on.ok) << on.error;
+    EXPECT_EQ(nvdbconv::Command::Policy, on.options.command);
+    ASSERT_TRUE(on.options.strict.has_value());
+    EXPECT_TRUE(*on.options.strict);
+    auto off = parse({L"--strict=off", L"policy"});
+    ASSERT_TRUE(off.ok) << off.error;
+    ASSERT_TRUE(off.options.strict.has_value());
+    EXPECT_FALSE(*off.options.strict);
+    auto show = parse({L"policy"});
+    ASSERT_TRUE(show.ok);
+    EXPECT_FALSE(show.options.strict.has_value());
+    EXPECT_EQ("--strict takes on or off, not 'maybe'", parse({L"policy", L"--strict", L"maybe"}).error);
+    EXPECT_EQ("--strict goes with policy", parse({L"status", L"--strict", L"on"}).error);
+    EXPECT_EQ("--strict needs a value", parse({L"policy", L"--strict"}).error);
 }
 
 // ---- conversions under both policies --------------------------------------------------
@@ -158,18 +171,6 @@ TEST_F(StrictPolicyConversionTest, StrictPolicyIsTracedAndAUserThatReachedTheSto
     EXPECT_EQ("U Conversion process is over for '" + Narrow(db.users[0].sidText) + "', 0x00000000", lines.back());
     ExpectUserConverted(db.users[0]);
     EXPECT_TRUE(nvdbconv::ReadHeldUsers().empty());
-}
-
-TEST_F(StrictPolicyConversionTest, DefaultPolicyWritesNoPolicyLine)
-{
-    const nvwriter::Db20Database db = OneFullUser();
-    WriteDatabase(db);
-    SetDword(kPolicyDefaultPath, kStrictValue, 0, kViewNative);
-    EXPECT_EQ(S_OK, ConvertOnce());
-    const auto lines = OwnLines(trace, "CConverter3::do_Convert");
-    ASSERT_FALSE(lines.empty());
-    EXPECT_EQ("U Conversion process began for '" + Narrow(db.users[0].sidText) + "'", lines.front());
-    ExpectUserConverted(db.users[0]);
 }
 
 TEST_F(StrictPolicyConversionTest, SecretTheStoreRefusesKeepsTheUserUntilALaterConvertStoresIt)
