@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "converter3/conversion_policy.h"
 #include "nvstore_inspect.h"
 #include "support/conversion_fixture.h"
 #include "writer/host_provisioning.h"
@@ -221,7 +222,7 @@ bool World::Reset(Policy policy, std::string* error) const
     }
     inspect::SetUserKeyBits(kStoreUserKeyBits);
     if (policy == Policy::Strict)
-        SetDword(kPolicyDefaultPath, kStrictConversionValue, 1, kViewNative);
+        SetDword(kPolicyDefaultPath, nvconv3::kStrictConversionValue, nvconv3::kStrictConversionOn, kViewNative);
     return true;
 }
 

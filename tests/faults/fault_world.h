@@ -27,9 +27,6 @@ const char* PolicyName(Policy p);
 bool ParseConversion(const std::string& text, Conversion* c);
 bool ParsePolicy(const std::string& text, Policy* p);
 
-// HKLM\SOFTWARE\Norvane\Policies\Default "StrictConversion".
-inline constexpr const wchar_t kStrictConversionValue[] = L"StrictConversion";
-
 // What a store copy lacks.
 using Piece = nvtest::StoreCopyGap;
 
