@@ -31,6 +31,17 @@ std::vector<BYTE> CurrentHostId()
     return v.data;
 }
 
+// A conversion that replaced "HostId" made a machine container of the new name.
+void DeleteReplacedHostContainer(const std::vector<BYTE>& original)
+{
+    const std::vector<BYTE> now = CurrentHostId();
+    if (now.size() != sizeof(GUID) || now == original)
+        return;
+    GUID other;
+    std::memcpy(&other, now.data(), sizeof(GUID));
+    nvwriter::DeleteMachineContainer(other);
+}
+
 HRESULT CopyTree(const wchar_t* from, const wchar_t* to)
 {
     HKEY src = nullptr, dst = nullptr;
@@ -204,15 +215,8 @@ bool World::Prepare(std::string* error)
 
 bool World::Reset(Policy policy, std::string* error) const
 {
-    if (m_conversion == Conversion::From20) {
-        // A conversion that replaced "HostId" made a container of that name.
-        const std::vector<BYTE> now = CurrentHostId();
-        if (now.size() == sizeof(GUID) && now != m_hostId) {
-            GUID other;
-            std::memcpy(&other, now.data(), sizeof(GUID));
-            nvwriter::DeleteMachineContainer(other);
-        }
-    }
+    if (m_conversion == Conversion::From20)
+        DeleteReplacedHostContainer(m_hostId);
     WipeSuiteKeys();
     inspect::DeleteStoreKeyContainers();
     const HRESULT hr = CopyTree(kPristinePath, kSuitePath);
@@ -296,12 +300,7 @@ Inspection World::Inspect() const
 void World::Dispose()
 {
     if (m_conversion == Conversion::From20) {
-        const std::vector<BYTE> now = CurrentHostId();
-        if (now.size() == sizeof(GUID) && now != m_hostId) {
-            GUID other;
-            std::memcpy(&other, now.data(), sizeof(GUID));
-            nvwriter::DeleteMachineContainer(other);
-        }
+        DeleteReplacedHostContainer(m_hostId);
         if (!m_hostId.empty())
             nvwriter::DeleteDb20Container(m_db20);
     }
