@@ -1,8 +1,10 @@
 ; nvdbconv-setup: the database step of the suite's installer, as an example client
 ; of NVDBConv.dll. The installer carries the library, loads it into its own process
 ; (LoadLibrary + GetProcAddress through the System plug-in), asks GetDBVersion, calls
-; Convert, and then Cleanup when Convert succeeded or Rollback when it failed. Every
-; result code goes to the log file, one line each:
+; Convert, and then Cleanup when Convert succeeded or Rollback when it failed. It turns
+; the strict conversion policy on first (StrictConversion = 1 under
+; HKLM\SOFTWARE\Norvane\Policies\Default). Every result code goes to the log file,
+; one line each:
 ;
 ;   LoadLibrary = ok
 ;   CoInitializeEx = 0x00000001
@@ -71,6 +73,13 @@ Section "Upgrade the database"
     StrCpy $R1 "$TEMP\nvdbconv-setup.log"
   ${EndIf}
   FileOpen $Log $R1 w
+
+  ; The strict conversion policy: Convert deletes a user's old data only once all
+  ; of that user reached the store; a user that did not stays for the next run.
+  ; The library reads the value in its own (64-bit) registry view.
+  SetRegView 64
+  WriteRegDWORD HKLM "SOFTWARE\Norvane\Policies\Default" "StrictConversion" 1
+  SetRegView default
 
   ; $PLUGINSDIR exists only after InitPluginsDir; without it the path is empty and
   ; the library cannot be loaded from there.

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <cwchar>
 #include <utility>
+#include "common/apicalls.h"
 #include "common/hresult.h"
 
 namespace {
@@ -65,11 +66,11 @@ DWORD LoadLe32(const nv::CCryptBlob& blob)
 void NVEncodeObject(LPCSTR lpszStructType, const void* pvStructInfo, nv::CCryptBlob& out)
 {
     DWORD cb = 0;
-    if (!::CryptEncodeObject(kNVEncodingType, lpszStructType, pvStructInfo, nullptr, &cb))
+    if (!nv::CallCryptEncodeObject(kNVEncodingType, lpszStructType, pvStructInfo, nullptr, &cb))
         nv::ThrowLastError();
     nv::CCryptBlob encoded;
     encoded.Allocate(cb);
-    if (!::CryptEncodeObject(kNVEncodingType, lpszStructType, pvStructInfo, encoded.pbData, &cb))
+    if (!nv::CallCryptEncodeObject(kNVEncodingType, lpszStructType, pvStructInfo, encoded.pbData, &cb))
         nv::ThrowLastError();
     encoded.cbData = cb; // the second call may report fewer bytes than the size query
     out = std::move(encoded);
@@ -79,10 +80,10 @@ void NVDecodeObject(LPCSTR lpszStructType, const BYTE* pbDer, DWORD cbDer, nv::C
 {
     buffer.Free();
     DWORD cb = 0;
-    if (!::CryptDecodeObject(kNVEncodingType, lpszStructType, pbDer, cbDer, 0, nullptr, &cb))
+    if (!nv::CallCryptDecodeObject(kNVEncodingType, lpszStructType, pbDer, cbDer, 0, nullptr, &cb))
         nv::ThrowLastError();
     buffer.Allocate(cb);
-    if (!::CryptDecodeObject(kNVEncodingType, lpszStructType, pbDer, cbDer, 0, buffer.pbData, &cb)) {
+    if (!nv::CallCryptDecodeObject(kNVEncodingType, lpszStructType, pbDer, cbDer, 0, buffer.pbData, &cb)) {
         buffer.Free();
         nv::ThrowLastError();
     }

@@ -87,6 +87,10 @@ LONG HeaderValueAsRead(LONG written);
 // the last fingerprint entry's mask (only as many as there are).
 std::map<DWORD, const nvwriter::Db20Template*> ExpectedTemplates(const nvwriter::Db20User& user);
 
+// A fingerprint template for hand-made users: fixed type, owner marked by fill,
+// dataBytes bytes of fill as its data.
+nvwriter::Db20Template SampleTemplate(unsigned position, BYTE fill, size_t dataBytes = 40, LONG headerValue = 7);
+
 struct ConvertedExpectations {
     std::wstring logonInfoName = L"SystemLogonInfo";
     bool registered = true;              // false when the store reported it registered already

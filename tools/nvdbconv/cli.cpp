@@ -21,6 +21,7 @@ const CommandEntry kCommands[] = {
     {L"register", "register", Command::Register},   {L"unregister", "unregister", Command::Unregister},
     {L"trace", "trace", Command::Trace},            {L"store", "store", Command::Store},
     {L"version", "version", Command::Version},      {L"help", "help", Command::Help},
+    {L"policy", "policy", Command::Policy},
 };
 
 bool ParseDword(const std::wstring& text, DWORD* out)
@@ -58,7 +59,7 @@ const char* ShortUsageText()
     return "usage: nvdbconv [--dll PATH] [--json] [--quiet] COMMAND\n"
            "  COMMAND: status | convert [--progress auto|always|never] | rollback [--force] | cleanup\n"
            "         | register | unregister | trace on|off [--verbosity N] [--file PATH] [--append|--new-file]\n"
-           "         | store | version\n"
+           "         | store | version | policy [--strict on|off]\n"
            "  nvdbconv --help explains each command.\n";
 }
 
@@ -87,6 +88,8 @@ const char* UsageText()
            "      --new-file       start a new file in every process (NewFileAlways = 1)\n"
            "  store                what the reference store holds: users, secrets, templates\n"
            "  version              versions of nvdbconv and of the library, and the library's exports\n"
+           "  policy               the conversion policy (default or strict) and the users it keeps\n"
+           "      --strict on|off  turn the strict policy on (StrictConversion = 1) or off\n"
            "\n"
            "options:\n"
            "  --dll PATH           the library to load (default: NVDBConv.dll beside nvdbconv.exe)\n"
@@ -122,7 +125,8 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::wstring>& args)
             *out = args[++i];
             return true;
         };
-        const bool takesValue = arg == L"--dll" || arg == L"--progress" || arg == L"--verbosity" || arg == L"--file";
+        const bool takesValue = arg == L"--dll" || arg == L"--progress" || arg == L"--verbosity" || arg == L"--file" ||
+                                arg == L"--strict";
         if (inlineValue && !takesValue)
             return Fail(ToUtf8(arg) + " takes no value");
 
@@ -161,6 +165,13 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::wstring>& args)
                 else
                     return Fail("--progress takes auto, always or never, not '" + ToUtf8(v) + "'");
                 sawProgress = true;
+            } else if (arg == L"--strict") {
+                if (v == L"on")
+                    o.strict = true;
+                else if (v == L"off")
+                    o.strict = false;
+                else
+                    return Fail("--strict takes on or off, not '" + ToUtf8(v) + "'");
             } else if (arg == L"--verbosity") {
                 DWORD n = 0;
                 if (!ParseDword(v, &n))
@@ -209,6 +220,8 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::wstring>& args)
         return Fail("--force goes with rollback");
     if (sawProgress && o.command != Command::Convert)
         return Fail("--progress goes with convert");
+    if (o.strict && o.command != Command::Policy)
+        return Fail("--strict goes with policy");
 
     ParsedCommandLine r;
     r.ok = true;

@@ -7,7 +7,7 @@
 
 namespace nvdbconv {
 
-enum class Command { None, Help, Status, Convert, Rollback, Cleanup, Register, Unregister, Trace, Store, Version };
+enum class Command { None, Help, Status, Convert, Rollback, Cleanup, Register, Unregister, Trace, Store, Version, Policy };
 enum class ProgressMode { Auto, Always, Never };
 
 struct Options {
@@ -22,6 +22,8 @@ struct Options {
     std::optional<DWORD> verbosity;
     std::optional<std::wstring> file;
     std::optional<DWORD> newFileAlways;
+    // policy: --strict on|off; none only shows the policy
+    std::optional<bool> strict;
 };
 
 struct ParsedCommandLine {

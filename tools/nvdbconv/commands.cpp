@@ -11,6 +11,7 @@
 #include "json.h"
 #include "library_host.h"
 #include "nv_version.h"
+#include "policy.h"
 #include "progress.h"
 #include "results.h"
 #include "storesummary.h"
@@ -284,7 +285,59 @@ int Finish(Printer& out, int exitCode)
     return exitCode;
 }
 
+// The conversion policy and the users the strict policy keeps. The policy command
+// shows all of it; status (brief) shows the policy only when it is not the default,
+// and the held users when there are any.
+void ShowPolicy(Printer& out, const PolicyState& policy, const std::vector<HeldUser>& held, bool brief)
+{
+    std::string text = policy.strict() ? "strict (StrictConversion = 1): a user's old key goes only when all of it "
+                                         "reached the store"
+                                       : "default: every step as the format has it";
+    if (policy.valueFound && !policy.strict())
+        text += policy.value ? Fmt(" (StrictConversion = %lu is not 1)", static_cast<unsigned long>(*policy.value))
+                             : std::string(" (StrictConversion is not a REG_DWORD)");
+    if (!brief || policy.valueFound)
+        out.Row("policy", text);
+    if (held.empty() && !brief)
+        out.Row("held users", "none");
+    for (const HeldUser& u : held)
+        out.Row("held user", U8(u.sid) + " " + U8(u.key) + Fmt(" 0x%08lX: ", static_cast<unsigned long>(u.result)) +
+                                 U8(u.reason));
+
+    out.json.Key("policy").BeginObject();
+    out.json.Field("strict", policy.strict()).Field("valueFound", policy.valueFound);
+    out.json.Key("value");
+    if (policy.value)
+        out.json.Number(*policy.value);
+    else
+        out.json.Null();
+    out.json.EndObject();
+    out.json.Key("heldUsers").BeginArray();
+    for (const HeldUser& u : held) {
+        out.json.BeginObject();
+        out.json.Field("key", u.key).Field("sid", u.sid).Field("result", u.result).Field("reason", u.reason);
+        out.json.EndObject();
+    }
+    out.json.EndArray();
+}
+
 // ---- commands -------------------------------------------------------------------
+
+int Policy(const Options& o, Printer& out)
+{
+    Header(out, "policy");
+    HRESULT hr = S_OK;
+    if (o.strict) {
+        hr = WriteStrictConversion(*o.strict);
+        out.Row("set", std::string(*o.strict ? "strict on: " : "strict off: ") + DescribeResult(hr));
+        out.json.Key("write");
+        WriteResult(out.json, hr);
+        if (FAILED(hr))
+            out.Problem("writing HKLM\\SOFTWARE\\Norvane\\Policies\\Default failed: " + DescribeResult(hr));
+    }
+    ShowPolicy(out, ReadPolicyState(), ReadHeldUsers(), false);
+    return Finish(out, SUCCEEDED(hr) ? kExitOk : kExitFailed);
+}
 
 int Status(Printer& out, CLibraryHost& host)
 {
@@ -334,6 +387,7 @@ int Status(Printer& out, CLibraryHost& host)
                                              : std::string("not registered (a 2.0 conversion needs it)"));
     const TraceSettings trace = ReadTraceSettings();
     ShowTrace(out, trace, host.path());
+    ShowPolicy(out, ReadPolicyState(), ReadHeldUsers(), true);
 
     out.json.Key("database");
     JsonDatabase(out.json, db);
@@ -708,6 +762,8 @@ int Run(const Options& o)
         return Version(out, host);
     case Command::Store:
         return Store(out);
+    case Command::Policy:
+        return Policy(o, out);
     default:
         WriteErr(ShortUsageText());
         return kExitUsage;

@@ -245,6 +245,20 @@ void SetExistingPublicKey(const std::vector<std::wstring>& sids) { WriteList(kEx
 
 void SetUserKeyBits(DWORD bits) { WriteDword(kTestBehavioursKeyPath, kUserKeyBitsValue, bits); }
 
+void SetFailPutSecret(const std::vector<std::wstring>& names, HRESULT result)
+{
+    WriteList(kFailPutSecretValue, names);
+    WriteDword(kTestBehavioursKeyPath, kFailPutSecretResultValue, static_cast<DWORD>(result));
+}
+
+void SetStopAt(const std::wstring& stage)
+{
+    if (stage.empty())
+        DeleteValue(kTestBehavioursKeyPath, kStopAtValue);
+    else
+        WriteString(kTestBehavioursKeyPath, kStopAtValue, stage);
+}
+
 void ClearTestBehaviours() { DeleteKeyTree(kTestBehavioursKeyPath); }
 
 std::wstring ToHex(const Bytes& bytes)
