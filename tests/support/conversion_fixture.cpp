@@ -369,6 +369,70 @@ void ExpectUserConverted(const nvwriter::Db20User& user, const ConvertedExpectat
     EXPECT_FALSE(KeyExists(UserKeyPath(user.guid).c_str(), kView32));
 }
 
+std::vector<StoreCopyGap> StoreCopyGaps(const nvwriter::Db20User& user, const std::wstring& logonInfoName)
+{
+    namespace inspect = nvstore::inspect;
+    std::vector<StoreCopyGap> gaps;
+    const std::wstring& sid = user.sidText;
+    if (!inspect::UserExists(sid)) {
+        gaps.push_back({StoreCopyGap::Record, "", "no user record in the store"});
+        return gaps;
+    }
+    const auto stored = inspect::ListSecrets(sid);
+    for (const auto& secret : user.secrets) {
+        if (secret.content.empty())
+            continue; // nothing to move
+        const bool password = secret.valueName == nvwriter::kDb20LogonInfoSecret;
+        const StoreCopyGap::Kind kind = password ? StoreCopyGap::Password : StoreCopyGap::Secret;
+        const std::wstring name = StoredSecretName(secret, logonInfoName);
+        const std::string shown = Narrow(name);
+        auto it = stored.find(name);
+        if (it == stored.end()) {
+            gaps.push_back({kind, shown, "missing"});
+            continue;
+        }
+        std::vector<BYTE> opened;
+        const HRESULT hr = inspect::OpenSealedSecret(sid, it->second, &opened);
+        if (hr != S_OK) {
+            gaps.push_back({kind, shown, "does not open with the user's key: " + Hex(hr)});
+            continue;
+        }
+        if (password) {
+            DWORD version = 0;
+            std::wstring text;
+            if (!DecodePackedPassword(opened, &version, &text))
+                gaps.push_back({kind, shown, "not a packed password"});
+            else if (version != 1 || text != PasswordOf(user))
+                gaps.push_back({kind, shown,
+                                "packs version " + std::to_string(version) +
+                                    (text == PasswordOf(user) ? std::string(" with the password")
+                                                              : " and another password (" +
+                                                                    std::to_string(text.size()) + " characters)")});
+        } else if (opened != secret.content) {
+            gaps.push_back({kind, shown, "opens to other content"});
+        }
+    }
+    const auto templates = inspect::ListTemplates(sid);
+    for (const auto& [pos, t] : ExpectedTemplates(user)) {
+        const std::string shown = std::to_string(pos);
+        auto it = templates.find(pos);
+        if (it == templates.end()) {
+            gaps.push_back({StoreCopyGap::Template, shown, "missing"});
+            continue;
+        }
+        DecodedTemplate d;
+        if (!DecodeStoredTemplate(it->second, &d)) {
+            gaps.push_back({StoreCopyGap::Template, shown, "not the template layout"});
+            continue;
+        }
+        if (d.format != t->format || d.flags != t->flags || d.type != GuidMemoryBytes(t->type) ||
+            d.owner != GuidMemoryBytes(t->owner) || d.size != t->size ||
+            d.headerValue != HeaderValueAsRead(t->headerValue) || d.data != t->data)
+            gaps.push_back({StoreCopyGap::Template, shown, "fields differ from the original"});
+    }
+    return gaps;
+}
+
 void ExpectNoneInTrace(const TraceCapture& trace, const std::vector<std::wstring>& secrets)
 {
     const std::vector<std::uint8_t> raw = trace.Bytes();

@@ -102,6 +102,21 @@ struct ConvertedExpectations {
 // the password enrolled, the payload, the registration, and the old key deleted.
 void ExpectUserConverted(const nvwriter::Db20User& user, const ConvertedExpectations& expect = {});
 
+// What a store copy of a user lacks; empty when the store holds the whole user:
+// every secret with content sealed for the user's key and opening to its plain
+// content, the password secret under the logon info name decoding to version 1 and
+// the password, and every template at its position decoding to the writer's fields.
+// Unlike ExpectUserConverted this records nothing: fault sweeps ask it many times
+// and decide themselves what a gap means.
+struct StoreCopyGap {
+    enum Kind { Secret, Password, Template, Record };
+    Kind kind = Record;
+    std::string name; // secret name or template position ("" for the record)
+    std::string what;
+};
+std::vector<StoreCopyGap> StoreCopyGaps(const nvwriter::Db20User& user,
+                                        const std::wstring& logonInfoName = L"SystemLogonInfo");
+
 // Trace secrecy: neither the raw (scrambled) trace file nor the decoded record texts
 // contain any of the strings, in UTF-16 or in UTF-8.
 void ExpectNoneInTrace(const TraceCapture& trace, const std::vector<std::wstring>& secrets);

@@ -354,6 +354,36 @@ int Status(Printer& out, CLibraryHost& host)
     out.Row("state", Verdict(db));
     out.Row("backup", BackupText(db));
     out.Row("backup keys", BackupKeysText(db));
+    // "Backup" naming a key that is gone: a conversion ended between deleting its
+    // backup key and deleting the value (or the key was removed by hand).
+    bool backupMissing = false;
+    if (l.target != 0 && db.backupValue && !db.backupValue->empty()) {
+        const REGSAM view = BackupViewFor(l.current);
+        backupMissing = !KeyExists(db.backupValue->c_str(), view);
+        const REGSAM other = view == kBackup10View ? kBackup20View : kBackup10View;
+        if (backupMissing && KeyExists(db.backupValue->c_str(), other)) {
+            const std::string advice = Fmt(
+                "\"Backup\" names HKLM\\%s, which exists only in the %s view: the step that made it finished\n"
+                "  (\"Version\" now reads %s) but stopped before removing it, and the library now looks for it\n"
+                "  in the %s view. rollback refuses and cleanup fails. The key holds the database as it was\n"
+                "  before that step; \"nvdbconv convert\" goes on from the current version and leaves it alone.",
+                U8(*db.backupValue).c_str(), ViewName(other), db.version ? U8(*db.version).c_str() : "?",
+                ViewName(view));
+            out.Row("interrupted", advice);
+            out.json.Field("interruptedAdvice", advice);
+        } else if (backupMissing) {
+            const std::string advice = Fmt(
+                "\"Backup\" names HKLM\\%s, but that key does not exist in the %s view: the last conversion\n"
+                "  stopped after deleting its backup key and before deleting \"Backup\". Nothing is restorable\n"
+                "  from it: rollback refuses (it would delete the database and copy nothing back) and cleanup\n"
+                "  fails. Run \"nvdbconv convert\": it makes a new backup, converts what is left and removes\n"
+                "  \"Backup\" when it is done.",
+                U8(*db.backupValue).c_str(), ViewName(view));
+            out.Row("interrupted", advice);
+            out.json.Field("interruptedAdvice", advice);
+        }
+    }
+    out.json.Field("backupKeyMissing", backupMissing);
     const StoreServerState store = ReadStoreServer();
     out.Row("store server", store.registered ? "registered: " + U8(store.path)
                                              : std::string("not registered (a 2.0 conversion needs it)"));
