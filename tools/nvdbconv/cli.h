@@ -7,7 +7,7 @@
 
 namespace nvdbconv {
 
-enum class Command { None, Help, Status, Convert, Rollback, Cleanup, Register, Unregister, Trace, Store, Version };
+enum class Command { None, Help, Status, Convert, Rollback, Cleanup, Register, Unregister, Trace, Store, Version, Upgrade, Check };
 enum class ProgressMode { Auto, Always, Never };
 
 struct Options {
@@ -15,7 +15,7 @@ struct Options {
     std::wstring dll; // empty: NVDBConv.dll next to nvdbconv.exe
     bool json = false;
     bool quiet = false;
-    bool force = false;                      // rollback
+    bool force = false;                      // rollback, convert, upgrade
     ProgressMode progress = ProgressMode::Auto; // convert
     // trace
     bool traceOn = false;
