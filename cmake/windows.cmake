@@ -34,6 +34,8 @@ enable_testing()
 add_subdirectory(src)
 add_dependencies(nv_runtime NVDBConv)
 add_subdirectory(tools)
+# The example Windows Installer package and its custom actions.
+include(${CMAKE_SOURCE_DIR}/examples/msi/msi.cmake OPTIONAL)
 
 enable_testing()
 set(gtest_force_shared_crt ON CACHE BOOL "" FORCE)

@@ -97,13 +97,13 @@ nvwriter::DbRecord Write10(unsigned users = 6, unsigned domains = 1, REGSAM view
     return record;
 }
 
-void CheckResult(const JsonValue& result, HRESULT hr)
+void CheckResult(const JsonValue& result, HRESULT hr, const char* call = nullptr)
 {
     char hex[16];
     std::snprintf(hex, sizeof(hex), "0x%08lX", static_cast<unsigned long>(hr));
     EXPECT_EQ(hex, result["hr"].Text());
     EXPECT_EQ(static_cast<long>(hr), result["code"].Int());
-    EXPECT_EQ(nvdbconv::SystemMessage(hr), result["message"].Text());
+    EXPECT_EQ(nvdbconv::ResultMessage(hr, call), result["message"].Text());
     EXPECT_EQ(SUCCEEDED(hr), result["ok"].Bool());
     EXPECT_TRUE(result["ok"].IsBool());
 }
@@ -160,7 +160,7 @@ TEST_F(NvdbconvCliTest, BadArgumentsExitWith2AndAShortUsageWithoutTouchingAnythi
         {L"trace on --verbosity -1", "--verbosity takes a number from 0 to 4294967295, not '-1'"},
         {L"trace on --verbosity 12x", "--verbosity takes a number from 0 to 4294967295, not '12x'"},
         {L"trace on --append --new-file", "--append and --new-file exclude each other"},
-        {L"convert --force", "--force goes with rollback"},
+        {L"status --force", "--force goes with rollback, convert or upgrade"},
         {L"status --progress always", "--progress goes with convert"},
         {L"convert --progress sometimes", "--progress takes auto, always or never, not 'sometimes'"},
         {L"--json=yes status", "--json takes no value"},
@@ -183,7 +183,8 @@ TEST_F(NvdbconvCliTest, HelpPrintsTheFullUsageAndExits0)
         EXPECT_EQ(nvdbconv::UsageText(), run.out) << Narrow(args);
         EXPECT_EQ("", run.err);
     }
-    EXPECT_TRUE(Contains(nvdbconv::UsageText(), "exit codes: 0 done, 1 a call failed, 2 usage error, 3 rollback refused"));
+    EXPECT_TRUE(Contains(nvdbconv::UsageText(), "exit codes: 0 done, 1 a call failed, 2 usage error, 3 refused"));
+    EXPECT_TRUE(Contains(nvdbconv::UsageText(), "4 Convert answered S_OK but users kept"));
 }
 
 TEST(NvdbconvCommandLineTest, OptionsGoBeforeOrAfterTheCommandAndTakeInlineValues)
@@ -448,11 +449,13 @@ TEST_F(NvdbconvConvertTest, CleanupWithoutABackupAnswersSFalse)
     EXPECT_EQ(0u, run.exitCode) << run.err;
     const std::vector<std::string> lines = Lines(run.out);
     EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(),
-                                     Row("Cleanup", Described(S_FALSE) + " - no backup to remove")))
+                                     Row("Cleanup", "0x00000001 S_FALSE \"no backup to remove\"")))
         << run.out;
     const JsonValue doc = Json(Nvdbconv(L"--json cleanup"));
-    CheckResult(doc["cleanup"], S_FALSE);
+    CheckResult(doc["cleanup"], S_FALSE, "Cleanup");
     EXPECT_EQ("S_FALSE", doc["cleanup"]["symbol"].Text());
+    EXPECT_EQ("no backup to remove", doc["cleanup"]["message"].Text());
+    EXPECT_FALSE(Contains(run.out, "Invalid function")) << run.out;
     EXPECT_EQ(0, doc["exitCode"].Int());
 }
 
@@ -556,7 +559,7 @@ TEST_F(NvdbconvRollbackTest, WithoutABackupValueRollbackRunsAndAnswersSFalse)
     EXPECT_EQ(0u, run.exitCode) << run.err;
     const std::vector<std::string> lines = Lines(run.out);
     EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(),
-                                     Row("Rollback", Described(S_FALSE) + " - nothing to restore")))
+                                     Row("Rollback", "0x00000001 S_FALSE \"no backup to restore\"")))
         << run.out;
     EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(), Row("backup", "no \"Backup\" value"))) << run.out;
 }

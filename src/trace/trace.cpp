@@ -358,8 +358,21 @@ HMODULE GetTraceModuleHandle() noexcept
     return module ? module : ::GetModuleHandleW(nullptr);
 }
 
+namespace {
+// Set once by a tool that links this code beside the loaded library.
+std::atomic<bool> g_silenced{false};
+} // namespace
+
+void SilenceInThisProcess() noexcept
+{
+    g_silenced.store(true);
+    g_flags.store(0);
+}
+
 void RefreshSettings() noexcept
 {
+    if (g_silenced.load())
+        return;
     const DWORD tick = TickCount();
     if (tick <= g_nextRefreshTick.load())
         return;

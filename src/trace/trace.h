@@ -53,6 +53,12 @@ inline HRESULT TraceReturn(CTraceScope& scope, HRESULT hr) noexcept
 void SetModuleHandle(HMODULE module) noexcept;
 HMODULE GetTraceModuleHandle() noexcept;
 
+// For a tool that links the library's code and also loads the library itself
+// (nvdbconv): tracing of this copy is off for the rest of the process, whatever the
+// registry says, so that it never opens, truncates or appends to the trace file
+// that the loaded library writes.
+void SilenceInThisProcess() noexcept;
+
 // Settings refresh and reload (the scope enter runs RefreshSettings).
 void RefreshSettings() noexcept;
 void LoadSettings(unsigned flags) noexcept;

@@ -22,6 +22,7 @@ const CommandEntry kCommands[] = {
     {L"trace", "trace", Command::Trace},            {L"store", "store", Command::Store},
     {L"version", "version", Command::Version},      {L"help", "help", Command::Help},
     {L"policy", "policy", Command::Policy},
+    {L"upgrade", "upgrade", Command::Upgrade},      {L"check", "check", Command::Check},
 };
 
 bool ParseDword(const std::wstring& text, DWORD* out)
@@ -57,7 +58,8 @@ const char* CommandName(Command command)
 const char* ShortUsageText()
 {
     return "usage: nvdbconv [--dll PATH] [--json] [--quiet] COMMAND\n"
-           "  COMMAND: status | convert [--progress auto|always|never] | rollback [--force] | cleanup\n"
+           "  COMMAND: status | check | convert [--progress auto|always|never] [--force] | upgrade [--force]\n"
+           "         | rollback [--force] | cleanup\n"
            "         | register | unregister | trace on|off [--verbosity N] [--file PATH] [--append|--new-file]\n"
            "         | store | version | policy [--strict on|off]\n"
            "  nvdbconv --help explains each command.\n";
@@ -73,9 +75,17 @@ const char* UsageText()
            "  status               the database version and target (GetDBVersion), where the database\n"
            "                       lives, its backup, the user keys left under Data\\Users, the storage\n"
            "                       server and the trace settings in force\n"
-           "  convert              Convert: one format step (1.0 -> 2.0, or 2.0 -> 3.0 into the store)\n"
+           "  check                a preflight that writes nothing: version and view, the machine key\n"
+           "                       container, every user's record, templates, secrets and password,\n"
+           "                       the storage server, and which users would fail and why\n"
+           "  convert              Convert: one format step (1.0 -> 2.0, or 2.0 -> 3.0 into the store);\n"
+           "                       names every user who kept the old data\n"
            "      --progress M     auto (default: a progress line when the output is a terminal),\n"
            "                       always, or never\n"
+           "      --force          convert 2.0 -> 3.0 even when the storage server is not registered\n"
+           "  upgrade              one Convert per child process until the newest format is reached\n"
+           "                       or a step fails\n"
+           "      --force          as for convert\n"
            "  rollback             Rollback: restore the database from the backup key that \"Backup\" names\n"
            "      --force          roll back even when that backup key is missing\n"
            "  cleanup              Cleanup: remove the backup key, and the old per-user data once empty\n"
@@ -97,7 +107,9 @@ const char* UsageText()
            "  --quiet              nothing on standard output; the exit code tells the outcome\n"
            "  --version            the version of nvdbconv, and nothing else\n"
            "\n"
-           "exit codes: 0 done, 1 a call failed, 2 usage error, 3 rollback refused\n";
+           "exit codes: 0 done, 1 a call failed, 2 usage error, 3 refused (rollback without its backup,\n"
+           "            2.0 -> 3.0 without the storage server), 4 Convert answered S_OK but users kept\n"
+           "            their old data (check: some users would not convert)\n";
 }
 
 ParsedCommandLine ParseCommandLine(const std::vector<std::wstring>& args)
@@ -223,8 +235,8 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::wstring>& args)
         if (sawTraceOption)
             return Fail("--verbosity, --file, --append and --new-file go with trace on");
     }
-    if (o.force && o.command != Command::Rollback)
-        return Fail("--force goes with rollback");
+    if (o.force && o.command != Command::Rollback && o.command != Command::Convert && o.command != Command::Upgrade)
+        return Fail("--force goes with rollback, convert or upgrade");
     if (sawProgress && o.command != Command::Convert)
         return Fail("--progress goes with convert");
     if (o.strict && o.command != Command::Policy)

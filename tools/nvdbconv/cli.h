@@ -7,7 +7,7 @@
 
 namespace nvdbconv {
 
-enum class Command { None, Help, Status, Convert, Rollback, Cleanup, Register, Unregister, Trace, Store, Version, Policy };
+enum class Command { None, Help, Status, Convert, Rollback, Cleanup, Register, Unregister, Trace, Store, Version, Policy, Upgrade, Check };
 enum class ProgressMode { Auto, Always, Never };
 
 struct Options {
@@ -16,7 +16,7 @@ struct Options {
     bool json = false;
     bool quiet = false;
     bool showVersion = false; // --version: the version line, nothing else
-    bool force = false;                      // rollback
+    bool force = false;                      // rollback, convert, upgrade
     ProgressMode progress = ProgressMode::Auto; // convert
     // trace
     bool traceOn = false;

@@ -1,4 +1,5 @@
 #include "commands.h"
+#include "command_support.h"
 
 #include <windows.h>
 #include <io.h>
@@ -14,13 +15,13 @@
 #include "library_host.h"
 #include "nv_version.h"
 #include "policy.h"
+#include "outcome.h"
+#include "upgrade.h"
 #include "progress.h"
 #include "results.h"
 #include "storesummary.h"
 
 namespace nvdbconv {
-
-namespace {
 
 std::string Fmt(const char* format, ...)
 {
@@ -43,36 +44,6 @@ std::string VersionWithCode(DWORD version)
 {
     return version == 0 ? std::string("none (0x00000000)") : VersionText(version) + Fmt(" (0x%08lX)", version);
 }
-
-// Where the command's output goes: text lines, or one JSON document, or nothing.
-class Printer {
-public:
-    explicit Printer(const Options& options) : m_options(options) {}
-
-    bool text() const { return !m_options.json && !m_options.quiet; }
-    void Line(const std::string& line) const
-    {
-        if (text())
-            WriteOut(line + "\n");
-    }
-    void Row(const char* label, const std::string& value) const { Line(Fmt("  %-15s %s", label, value.c_str())); }
-    // A failure or refusal: on standard error in text and quiet mode (JSON carries it).
-    void Problem(const std::string& text) const
-    {
-        if (!m_options.json)
-            WriteErr("nvdbconv: " + text + "\n");
-    }
-    void Finish()
-    {
-        if (m_options.json && !m_options.quiet)
-            WriteOut(json.text() + "\n");
-    }
-
-    JsonWriter json;
-
-private:
-    const Options& m_options;
-};
 
 // ---- shared pieces of several commands ----------------------------------------
 
@@ -235,15 +206,6 @@ void JsonTrace(JsonWriter& json, const TraceSettings& t, const std::wstring& dll
     json.EndObject();
 }
 
-// Loads the library and asks GetDBVersion; prints both results. False when the
-// library did not load (the command cannot go on).
-struct Loaded {
-    HRESULT load = E_FAIL;
-    HRESULT version = E_FAIL;
-    DWORD current = 0;
-    DWORD target = 0;
-};
-
 Loaded LoadAndAsk(CLibraryHost& host, Printer& out)
 {
     Loaded l;
@@ -322,6 +284,7 @@ void ShowPolicy(Printer& out, const PolicyState& policy, const std::vector<HeldU
     }
     out.json.EndArray();
 }
+namespace {
 
 // ---- commands -------------------------------------------------------------------
 
@@ -421,6 +384,8 @@ int Convert(const Options& o, Printer& out, CLibraryHost& host)
         out.Row("users", before.usersKey ? Fmt("%lu user keys under Data\\Users to move into the store",
                                                static_cast<unsigned long>(before.userKeys))
                                          : std::string("none (no Data\\Users key)"));
+    if (movesUsers && RefuseWithoutStore(out, o.force, before.userKeys))
+        return Finish(out, kExitRefused);
     bool draw = false;
     if (!o.quiet) {
         if (o.progress == ProgressMode::Always)
@@ -469,9 +434,15 @@ int Convert(const Options& o, Printer& out, CLibraryHost& host)
     out.Row("backup", BackupText(after));
     out.json.Key("after");
     JsonDatabase(out.json, after);
-    if (FAILED(hr))
+    if (FAILED(hr)) {
         out.Problem("Convert failed: " + DescribeResult(hr));
-    return Finish(out, SUCCEEDED(hr) ? kExitOk : kExitFailed);
+        return Finish(out, kExitFailed);
+    }
+    // S_OK does not mean that every user moved: name those who kept their old data.
+    int exitCode = kExitOk;
+    if (movesUsers)
+        exitCode = ReportRemainingUsers(out, ReadRemainingUsers(host.path()), progress.total);
+    return Finish(out, exitCode);
 }
 
 int Rollback(const Options& o, Printer& out, CLibraryHost& host)
@@ -514,9 +485,9 @@ int Rollback(const Options& o, Printer& out, CLibraryHost& host)
     }
     out.json.Field("refused", false);
     const HRESULT hr = host.Rollback();
-    out.Row("Rollback", DescribeResult(hr) + (hr == S_FALSE ? " - nothing to restore" : ""));
+    out.Row("Rollback", DescribeResult(hr, "Rollback"));
     out.json.Key("rollback");
-    WriteResult(out.json, hr);
+    WriteResult(out.json, hr, "Rollback");
     const DatabaseState after = ReadDatabaseState();
     out.Row("now", Verdict(after));
     out.Row("backup", BackupText(after));
@@ -538,9 +509,9 @@ int Cleanup(const Options&, Printer& out, CLibraryHost& host)
         return Finish(out, kExitFailed);
     out.Row("backup", BackupText(before));
     const HRESULT hr = host.Cleanup();
-    out.Row("Cleanup", DescribeResult(hr) + (hr == S_FALSE ? " - no backup to remove" : ""));
+    out.Row("Cleanup", DescribeResult(hr, "Cleanup"));
     out.json.Key("cleanup");
-    WriteResult(out.json, hr);
+    WriteResult(out.json, hr, "Cleanup");
     const DatabaseState after = ReadDatabaseState();
     out.Row("MainDB", after.mainDb ? "present" : "absent");
     out.Row("user keys", UserKeysText(after));
@@ -777,6 +748,10 @@ int Run(const Options& o)
         return Store(out);
     case Command::Policy:
         return Policy(o, out);
+    case Command::Upgrade:
+        return Upgrade(o, out, host.path());
+    case Command::Check:
+        return Check(out);
     default:
         WriteErr(ShortUsageText());
         return kExitUsage;

@@ -131,4 +131,11 @@ JsonWriter& JsonWriter::Null()
     return *this;
 }
 
+JsonWriter& JsonWriter::Raw(const std::string& json)
+{
+    BeforeValue();
+    m_text += json;
+    return *this;
+}
+
 } // namespace nvdbconv

@@ -23,6 +23,8 @@ public:
     JsonWriter& Real(double value, int decimals);
     JsonWriter& Bool(bool value);
     JsonWriter& Null();
+    // A complete JSON value written as it stands (a child's document).
+    JsonWriter& Raw(const std::string& json);
 
     // Shorthands: key and value.
     template <class T>

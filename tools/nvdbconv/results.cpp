@@ -76,24 +76,38 @@ std::string SymbolOf(HRESULT hr)
 
 std::string SystemMessage(HRESULT hr)
 {
+    if (hr == S_FALSE)
+        return std::string();
     std::string text = FormatFromSystem(static_cast<DWORD>(hr));
     if (text.empty() && HRESULT_FACILITY(hr) == FACILITY_WIN32)
         text = FormatFromSystem(static_cast<DWORD>(HRESULT_CODE(hr)));
     return text;
 }
 
-std::string DescribeResult(HRESULT hr)
+std::string ResultMessage(HRESULT hr, const char* call)
+{
+    if (hr != S_FALSE)
+        return SystemMessage(hr);
+    const std::string name = call ? call : "";
+    if (name == "Cleanup")
+        return "no backup to remove";
+    if (name == "Rollback")
+        return "no backup to restore";
+    return "success, nothing to do";
+}
+
+std::string DescribeResult(HRESULT hr, const char* call)
 {
     std::string line = HexCode(hr);
     const std::string symbol = SymbolOf(hr);
     if (!symbol.empty())
         line += " " + symbol;
-    const std::string message = SystemMessage(hr);
+    const std::string message = ResultMessage(hr, call);
     line += message.empty() ? std::string(" (no system message)") : " \"" + message + "\"";
     return line;
 }
 
-void WriteResult(JsonWriter& json, HRESULT hr)
+void WriteResult(JsonWriter& json, HRESULT hr, const char* call)
 {
     json.BeginObject();
     json.Field("hr", HexCode(hr));
@@ -104,7 +118,7 @@ void WriteResult(JsonWriter& json, HRESULT hr)
         json.Null();
     else
         json.String(symbol);
-    json.Field("message", SystemMessage(hr));
+    json.Field("message", ResultMessage(hr, call));
     json.Field("ok", SUCCEEDED(hr));
     json.EndObject();
 }

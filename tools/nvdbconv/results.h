@@ -15,12 +15,16 @@ std::string HexCode(HRESULT hr);
 std::string SymbolOf(HRESULT hr);
 // The system's message text for the code, without the trailing line break; a
 // Win32-facility code falls back to the text of its Win32 error. Empty when the
-// system has none.
+// system has none, and for S_FALSE: 1 is no error number there, and the system's
+// text for Win32 error 1 ("Invalid function.") would say something untrue.
 std::string SystemMessage(HRESULT hr);
-// One line: 0x80004005 E_FAIL "Unspecified error"
-std::string DescribeResult(HRESULT hr);
+// What the result means: for S_FALSE the library's own meaning for the call that
+// returned it ("Cleanup": "no backup to remove"), otherwise the system's message.
+std::string ResultMessage(HRESULT hr, const char* call = nullptr);
+// One line: 0x80004005 E_FAIL "Unspecified error"; 0x00000001 S_FALSE "no backup to remove"
+std::string DescribeResult(HRESULT hr, const char* call = nullptr);
 
 // {"hr":"0x80004005","code":-2147467259,"symbol":"E_FAIL","message":"...","ok":false}
-void WriteResult(JsonWriter& json, HRESULT hr);
+void WriteResult(JsonWriter& json, HRESULT hr, const char* call = nullptr);
 
 } // namespace nvdbconv

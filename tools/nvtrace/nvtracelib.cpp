@@ -1,11 +1,13 @@
 #include "nvtracelib.h"
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 
 #include "common/tea_cfb.h"
+#include "summary.h"
 #include "trace/trace_keys.h"
 
 namespace nvtrace {
@@ -316,11 +318,16 @@ void WriteListing(const DecodedTrace& trace, const FormatOptions& options, std::
 namespace {
 
 const char kUsage[] =
-    "usage: nvtrace [--raw] [--thread N] FILE\n"
+    "usage: nvtrace [--raw | --summary | --json] [--thread N] FILE\n"
     "  Decodes a .trc3 trace file: the header as it stands, then one line per record\n"
     "  (date and time, thread id, indentation by scope depth, kind and text;\n"
     "  kinds: '>' scope entered, '<' scope left, 'U' line, 'E' result, 'N' file reopened).\n"
     "  --raw       every record as kind, thread and text, tab-separated, no header\n"
+    "  --summary   processes and threads, every failing result with its scope path, code name\n"
+    "              and message, the users of a 2.0 -> 3.0 conversion with their final status,\n"
+    "              and the slowest scopes by total time\n"
+    "  --json      every record as one JSON object per line (offset, process, thread, kind,\n"
+    "              time, depth, text; results also code, name, message)\n"
     "  --thread N  only the records of thread N (decimal, or hex with 0x)\n";
 
 bool ParseThread(const std::string& text, std::uint32_t& value)
@@ -360,14 +367,21 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
     FormatOptions options;
     std::string path;
     bool havePath = false;
+    bool summary = false, json = false;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
         if (a == "--help" || a == "-h") {
             out << kUsage;
             return 0;
         }
-        if (a == "--raw") {
-            options.raw = true;
+        if (a == "--raw" || a == "--summary" || a == "--json") {
+            if (options.raw || summary || json) {
+                err << "nvtrace: --raw, --summary and --json exclude each other\n" << kUsage;
+                return 1;
+            }
+            options.raw = a == "--raw";
+            summary = a == "--summary";
+            json = a == "--json";
         } else if (a == "--thread") {
             if (i + 1 >= args.size() || !ParseThread(args[i + 1], options.thread)) {
                 err << "nvtrace: --thread needs a thread id (decimal, or hex with 0x)\n" << kUsage;
@@ -396,9 +410,23 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
         err << "nvtrace: " << error << '\n';
         return 2;
     }
-    const DecodedTrace trace = Decode(data);
+    DecodedTrace trace = Decode(data);
     // What could be decoded is shown even when the file is damaged further on.
-    WriteListing(trace, options, out);
+    if (summary || json) {
+        if (options.filterThread) {
+            auto other = [&](const Record& r) {
+                return r.thread != options.thread && r.kind != 'N' && r.kind != 't' && r.kind != 'T';
+            };
+            trace.records.erase(std::remove_if(trace.records.begin(), trace.records.end(), other),
+                                trace.records.end());
+        }
+        if (summary)
+            WriteSummary(Summarize(trace), out);
+        else
+            WriteJsonLines(trace, out);
+    } else {
+        WriteListing(trace, options, out);
+    }
     out.flush();
     if (!trace.ok) {
         err << "nvtrace: " << path << ": " << trace.error << '\n';

@@ -148,7 +148,7 @@ TEST(NvtraceCliTest, UsageErrors)
 {
     CliResult r = RunTool({});
     EXPECT_EQ(1, r.code);
-    EXPECT_EQ(0u, r.err.find("usage: nvtrace [--raw] [--thread N] FILE\n"));
+    EXPECT_EQ(0u, r.err.find("usage: nvtrace [--raw | --summary | --json] [--thread N] FILE\n"));
     r = RunTool({"--bogus", "x"});
     EXPECT_EQ(1, r.code);
     EXPECT_EQ(0u, r.err.find("nvtrace: unknown option '--bogus'\n"));

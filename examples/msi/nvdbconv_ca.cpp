@@ -1,0 +1,251 @@
+// nvdbconv_ca.dll: the custom actions that let a Windows Installer package upgrade
+// the suite's database with NVDBConv.dll. The package installs the library first and
+// passes its full path to each action as CustomActionData; the actions load that
+// file, and only that file, and call its exports:
+//
+//   NvConvertDatabase  deferred, no impersonation: GetDBVersion, then Convert. A
+//                      failing Convert fails the install (1603). After a 2.0 -> 3.0
+//                      step it also says how many users kept their old data.
+//   NvRollbackDatabase rollback: Rollback, but only when the backup key that the
+//                      database's "Backup" value names exists. Rollback deletes the
+//                      database key before it copies the backup back, so without the
+//                      backup it would lose the database.
+//   NvCommitDatabase   commit: Cleanup (removes a backup that is left over).
+//
+// Every step and every result code goes to the installer's log through
+// MsiProcessMessage, as lines beginning with "NVDBConv: ". The actions never show a
+// dialog and never read anything but the registry and the library.
+#include <windows.h>
+#include <msi.h>
+#include <msiquery.h>
+#include <objbase.h>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <cwchar>
+#include <string>
+
+namespace {
+
+constexpr const wchar_t kDatabasePath[] = L"SOFTWARE\\Norvane\\DB";
+constexpr const wchar_t kUsersPath[] = L"SOFTWARE\\Norvane\\DB\\Data\\Users";
+constexpr const wchar_t kBackupValueName[] = L"Backup";
+// The converters keep the database in the 32-bit view. A 1.0 database is backed up
+// there too; a 2.0 database is backed up in the library's own (64-bit) view.
+constexpr REGSAM kDatabaseView = KEY_WOW64_32KEY;
+constexpr REGSAM kBackup10View = KEY_WOW64_32KEY;
+constexpr REGSAM kBackup20View = KEY_WOW64_64KEY;
+
+using DbVersionFn = HRESULT(WINAPI*)(DWORD*, DWORD*);
+using ActionFn = HRESULT(WINAPI*)();
+
+// One line in the installer's log.
+void Log(MSIHANDLE install, const wchar_t* format, ...)
+{
+    wchar_t text[1024];
+    va_list args;
+    va_start(args, format);
+    std::vswprintf(text, sizeof(text) / sizeof(text[0]), format, args);
+    va_end(args);
+    const std::wstring line = std::wstring(L"NVDBConv: ") + text;
+    PMSIHANDLE record = ::MsiCreateRecord(0);
+    ::MsiRecordSetStringW(record, 0, line.c_str());
+    ::MsiProcessMessage(install, INSTALLMESSAGE_INFO, record);
+}
+
+// What a result code means here, beside its hex form.
+const wchar_t* Meaning(const char* call, HRESULT hr)
+{
+    if (hr == S_OK)
+        return L"S_OK";
+    if (hr == S_FALSE) {
+        if (std::strcmp(call, "Cleanup") == 0)
+            return L"S_FALSE, no backup to remove";
+        if (std::strcmp(call, "Rollback") == 0)
+            return L"S_FALSE, no backup to restore";
+        return L"S_FALSE";
+    }
+    if (hr == E_FAIL)
+        return L"E_FAIL";
+    return SUCCEEDED(hr) ? L"success" : L"failure";
+}
+
+std::wstring CustomActionData(MSIHANDLE install)
+{
+    DWORD size = 0;
+    wchar_t empty[1] = L"";
+    if (::MsiGetPropertyW(install, L"CustomActionData", empty, &size) != ERROR_MORE_DATA)
+        return std::wstring();
+    std::wstring value(size + 1, L'\0');
+    size = static_cast<DWORD>(value.size());
+    if (::MsiGetPropertyW(install, L"CustomActionData", &value[0], &size) != ERROR_SUCCESS)
+        return std::wstring();
+    value.resize(size);
+    return value;
+}
+
+// The library, loaded from the installed path for the length of one action, on a
+// thread that is a COM apartment (a 2.0 conversion creates the storage server's
+// objects on it).
+class CLibrary {
+public:
+    CLibrary(MSIHANDLE install, const std::wstring& path) : m_install(install)
+    {
+        m_com = ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+        if (path.empty()) {
+            Log(install, L"no library path in CustomActionData");
+            return;
+        }
+        // The full path, and the system folder for its dependencies: nothing is
+        // picked up from the current or the installer's temporary folder.
+        m_module = ::LoadLibraryExW(path.c_str(), nullptr,
+                                    LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_SEARCH_SYSTEM32);
+        if (!m_module)
+            m_module = ::LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+        if (!m_module)
+            Log(install, L"cannot load %ls: error %lu", path.c_str(), ::GetLastError());
+        else
+            Log(install, L"loaded %ls", path.c_str());
+    }
+    ~CLibrary()
+    {
+        if (m_module)
+            ::FreeLibrary(m_module);
+        if (SUCCEEDED(m_com))
+            ::CoUninitialize();
+    }
+    CLibrary(const CLibrary&) = delete;
+    CLibrary& operator=(const CLibrary&) = delete;
+
+    bool loaded() const { return m_module != nullptr; }
+
+    HRESULT GetDBVersion(DWORD* current, DWORD* target) const
+    {
+        auto fn = reinterpret_cast<DbVersionFn>(reinterpret_cast<void*>(::GetProcAddress(m_module, "GetDBVersion")));
+        const HRESULT hr = fn ? fn(current, target) : HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND);
+        Log(m_install, L"GetDBVersion = 0x%08lX (%ls), current 0x%08lX, target 0x%08lX",
+            static_cast<unsigned long>(hr), Meaning("GetDBVersion", hr), static_cast<unsigned long>(*current),
+            static_cast<unsigned long>(*target));
+        return hr;
+    }
+
+    HRESULT Call(const char* name) const
+    {
+        auto fn = reinterpret_cast<ActionFn>(reinterpret_cast<void*>(::GetProcAddress(m_module, name)));
+        const HRESULT hr = fn ? fn() : HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND);
+        Log(m_install, L"%hs = 0x%08lX (%ls)", name, static_cast<unsigned long>(hr), Meaning(name, hr));
+        return hr;
+    }
+
+private:
+    MSIHANDLE m_install;
+    HMODULE m_module = nullptr;
+    HRESULT m_com = E_FAIL;
+};
+
+bool ReadBackupValue(std::wstring* path)
+{
+    HKEY key = nullptr;
+    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kDatabasePath, 0, KEY_READ | kDatabaseView, &key) != ERROR_SUCCESS)
+        return false;
+    wchar_t buffer[261] = {};
+    DWORD size = sizeof(buffer) - sizeof(wchar_t);
+    DWORD type = 0;
+    const LONG rc = ::RegQueryValueExW(key, kBackupValueName, nullptr, &type, reinterpret_cast<BYTE*>(buffer), &size);
+    ::RegCloseKey(key);
+    if (rc != ERROR_SUCCESS || (type != REG_SZ && type != REG_EXPAND_SZ))
+        return false;
+    *path = buffer;
+    return !path->empty();
+}
+
+bool KeyExists(const wchar_t* path, REGSAM view)
+{
+    HKEY key = nullptr;
+    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_READ | view, &key) != ERROR_SUCCESS)
+        return false;
+    ::RegCloseKey(key);
+    return true;
+}
+
+// User keys left under Data\Users; false when there is no such key.
+bool CountUserKeys(DWORD* count)
+{
+    HKEY key = nullptr;
+    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kUsersPath, 0, KEY_READ | kDatabaseView, &key) != ERROR_SUCCESS)
+        return false;
+    *count = 0;
+    const LONG rc = ::RegQueryInfoKeyW(key, nullptr, nullptr, nullptr, count, nullptr, nullptr, nullptr, nullptr,
+                                       nullptr, nullptr, nullptr);
+    ::RegCloseKey(key);
+    return rc == ERROR_SUCCESS;
+}
+
+} // namespace
+
+extern "C" __declspec(dllexport) UINT WINAPI NvConvertDatabase(MSIHANDLE install)
+{
+    Log(install, L"converting the database");
+    const CLibrary library(install, CustomActionData(install));
+    if (!library.loaded())
+        return ERROR_INSTALL_FAILURE;
+    DWORD current = 0, target = 0;
+    if (FAILED(library.GetDBVersion(&current, &target)))
+        return ERROR_INSTALL_FAILURE;
+    if (target == 0) {
+        Log(install, L"outcome: nothing to convert");
+        return ERROR_SUCCESS;
+    }
+    DWORD before = 0;
+    const bool movesUsers = (current >> 16) == 2 && CountUserKeys(&before);
+    const HRESULT hr = library.Call("Convert");
+    if (FAILED(hr)) {
+        Log(install, L"outcome: Convert failed and rolled the database back; the install fails");
+        return ERROR_INSTALL_FAILURE;
+    }
+    DWORD left = 0;
+    if (movesUsers && CountUserKeys(&left) && left > 0)
+        Log(install, L"outcome: converted, but %lu of %lu users kept their old data (see the trace)",
+            static_cast<unsigned long>(left), static_cast<unsigned long>(before));
+    else if (movesUsers)
+        Log(install, L"outcome: converted, %lu of %lu users in the store", static_cast<unsigned long>(before),
+            static_cast<unsigned long>(before));
+    else
+        Log(install, L"outcome: converted");
+    return ERROR_SUCCESS;
+}
+
+extern "C" __declspec(dllexport) UINT WINAPI NvRollbackDatabase(MSIHANDLE install)
+{
+    Log(install, L"rolling the database back");
+    std::wstring backup;
+    if (!ReadBackupValue(&backup)) {
+        // Convert restores the database itself when it fails and removes its backup
+        // when it succeeds; either way there is nothing left to restore here.
+        Log(install, L"no \"Backup\" value: nothing to roll back");
+        return ERROR_SUCCESS;
+    }
+    const CLibrary library(install, CustomActionData(install));
+    if (!library.loaded())
+        return ERROR_SUCCESS; // a rollback action's result is not looked at
+    DWORD current = 0, target = 0;
+    library.GetDBVersion(&current, &target);
+    const REGSAM view = (current >> 16) == 1 ? kBackup10View : kBackup20View;
+    if (!KeyExists(backup.c_str(), view)) {
+        Log(install, L"\"Backup\" names HKLM\\%ls, which is missing (%ls view): not rolling back, "
+                     L"since Rollback would delete the database without restoring it",
+            backup.c_str(), view == KEY_WOW64_32KEY ? L"32-bit" : L"64-bit");
+        return ERROR_SUCCESS;
+    }
+    library.Call("Rollback");
+    return ERROR_SUCCESS;
+}
+
+extern "C" __declspec(dllexport) UINT WINAPI NvCommitDatabase(MSIHANDLE install)
+{
+    Log(install, L"committing the database");
+    const CLibrary library(install, CustomActionData(install));
+    if (library.loaded())
+        library.Call("Cleanup");
+    return ERROR_SUCCESS;
+}

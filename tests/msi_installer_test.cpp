@@ -1,0 +1,214 @@
+// The example Windows Installer package (examples/msi, built with wixl and msitools)
+// installed silently under Wine with msiexec: its deferred custom action converts the
+// database, a failing conversion fails the install with 1603 and runs the rollback
+// action, and the commit action cleans up. The tests read msiexec's exit code, the
+// verbose log (every result the custom actions report) and the registry afterwards.
+#include <windows.h>
+#include <gtest/gtest.h>
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "nvstore_inspect.h"
+#include "support/dll_loader.h"
+#include "support/key_containers.h"
+#include "support/legacy_db_tree.h"
+#include "support/process_runner.h"
+#include "support/registry_sandbox.h"
+#include "support/store_sandbox.h"
+#include "writer/db20_writer.h"
+#include "writer/legacy_writer.h"
+
+using namespace nvtest;
+
+namespace {
+
+constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
+constexpr const wchar_t kPolicy[] = L"SOFTWARE\\Norvane\\Policies\\Default";
+constexpr DWORD kInstallFailure = 1603;
+
+std::wstring PackagePath() { return ExeDirectory() + L"nvdbconv-upgrade.msi"; }
+
+std::wstring InstalledLibrary()
+{
+    wchar_t folder[MAX_PATH] = {};
+    ::ExpandEnvironmentStringsW(L"%ProgramW6432%\\Norvane\\NVDBConv\\NVDBConv.dll", folder, MAX_PATH);
+    return folder;
+}
+
+struct MsiRun {
+    DWORD exitCode = 0xdeadbeef;
+    std::string log;
+    // The custom actions' own lines, "NVDBConv: " and what follows, in order.
+    std::vector<std::string> lines;
+};
+
+std::string ReadLog(const std::wstring& path)
+{
+    std::string bytes;
+    HANDLE file = ::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                OPEN_EXISTING, 0, nullptr);
+    if (file == INVALID_HANDLE_VALUE)
+        return bytes;
+    char buf[8192];
+    DWORD n = 0;
+    while (::ReadFile(file, buf, sizeof(buf), &n, nullptr) && n)
+        bytes.append(buf, n);
+    ::CloseHandle(file);
+    // A log written in UTF-16 (byte order mark FF FE) is read as such.
+    if (bytes.size() >= 2 && static_cast<unsigned char>(bytes[0]) == 0xFF && static_cast<unsigned char>(bytes[1]) == 0xFE)
+        return Narrow(std::wstring(reinterpret_cast<const wchar_t*>(bytes.data() + 2), (bytes.size() - 2) / 2));
+    return bytes;
+}
+
+std::vector<std::string> CustomActionLines(const std::string& log)
+{
+    std::vector<std::string> lines;
+    const std::string mark = "NVDBConv: ";
+    size_t at = 0;
+    while ((at = log.find(mark, at)) != std::string::npos) {
+        size_t end = log.find_first_of("\r\n", at);
+        if (end == std::string::npos)
+            end = log.size();
+        lines.push_back(log.substr(at + mark.size(), end - at - mark.size()));
+        at = end;
+    }
+    return lines;
+}
+
+MsiRun Msiexec(const std::wstring& action)
+{
+    MsiRun run;
+    wchar_t dir[MAX_PATH] = {}, log[MAX_PATH] = {};
+    ::GetTempPathW(MAX_PATH, dir);
+    ::GetTempFileNameW(dir, L"nvm", 0, log);
+    ::DeleteFileW(log);
+    EXPECT_NE(INVALID_FILE_ATTRIBUTES, ::GetFileAttributesW(PackagePath().c_str()))
+        << Narrow(PackagePath()) << " is missing: the build makes it with wixl (packages wixl and msitools)";
+    const ProcessRun process =
+        RunProcess(L"msiexec.exe " + action + L" " + QuoteArg(PackagePath()) + L" /qn /l*v " + QuoteArg(log), 300000);
+    EXPECT_TRUE(process.started);
+    EXPECT_FALSE(process.timedOut);
+    run.exitCode = process.exitCode;
+    run.log = ReadLog(log);
+    run.lines = CustomActionLines(run.log);
+    ::DeleteFileW(log);
+    return run;
+}
+
+std::string Joined(const std::vector<std::string>& lines)
+{
+    std::string text;
+    for (const std::string& l : lines)
+        text += l + "\n";
+    return text;
+}
+
+bool FileExists(const std::wstring& path) { return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
+
+} // namespace
+
+class MsiInstallerTest : public StoreSandbox {
+protected:
+    void TearDown() override
+    {
+        // An install that succeeded is removed again, so the next test installs afresh.
+        if (m_installed) {
+            const MsiRun removal = Msiexec(L"/x");
+            EXPECT_EQ(0u, removal.exitCode) << removal.log;
+            // Removal runs no conversion step.
+            EXPECT_TRUE(removal.lines.empty()) << Joined(removal.lines);
+            EXPECT_FALSE(FileExists(InstalledLibrary()));
+        }
+        StoreSandbox::TearDown();
+    }
+    bool m_installed = false;
+};
+
+TEST_F(MsiInstallerTest, A20DatabaseConvertsIntoTheStoreAndTheInstallReturns0)
+{
+    nvwriter::Db20Options options;
+    options.seed = 16;
+    options.userCount = 3;
+    options.domainCount = 1;
+    const nvwriter::Db20Database db = nvwriter::MakeDb20Database(options);
+    ContainerJanitor containers;
+    containers.Track(db.hostId);
+    ASSERT_EQ(S_OK, nvwriter::WriteDb20Database(db));
+
+    const MsiRun run = Msiexec(L"/i");
+    m_installed = run.exitCode == 0;
+    EXPECT_EQ(0u, run.exitCode) << run.log;
+    const std::string library = Narrow(InstalledLibrary());
+    EXPECT_EQ((std::vector<std::string>{
+                  "converting the database",
+                  "loaded " + library,
+                  "GetDBVersion = 0x00000000 (S_OK), current 0x00020000, target 0x00030000",
+                  "Convert = 0x00000000 (S_OK)",
+                  "outcome: converted, 3 of 3 users in the store",
+                  "committing the database",
+                  "loaded " + library,
+                  "Cleanup = 0x00000001 (S_FALSE, no backup to remove)",
+              }),
+              run.lines)
+        << run.log;
+    EXPECT_TRUE(FileExists(InstalledLibrary()));
+
+    // The strict conversion policy is on, in the library's own (64-bit) view.
+    DWORD strict = 0;
+    EXPECT_TRUE(GetDword(kPolicy, L"StrictConversion", kView64, &strict));
+    EXPECT_EQ(1u, strict);
+
+    // Every user moved: the old per-user data is gone, no backup is left.
+    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Data", kView32));
+    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\MainDB", kView32));
+    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB-v2.0", kView64));
+    RegValue backup;
+    EXPECT_FALSE(GetValue(kDb, L"Backup", kView32, &backup));
+    std::vector<std::wstring> sids;
+    for (const auto& user : db.users)
+        sids.push_back(user.sidText);
+    std::sort(sids.begin(), sids.end());
+    EXPECT_EQ(sids, nvstore::inspect::ListUsers());
+}
+
+TEST_F(MsiInstallerTest, AFailingConvertFailsTheInstallWith1603AndRunsTheRollbackAction)
+{
+    nvwriter::DbOptions options;
+    options.users = 4;
+    options.domains = 1;
+    nvwriter::DbRecord record;
+    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    // An empty value cannot be backed up (Win32 error 8): Convert fails first thing.
+    SetBinary(kDb, L"Empty", {}, kView32);
+    const RegTree before32 = Snapshot(kDb, kView32);
+    const RegTree before64 = Snapshot(kDb, kView64);
+
+    const MsiRun run = Msiexec(L"/i");
+    m_installed = run.exitCode == 0;
+    EXPECT_EQ(kInstallFailure, run.exitCode) << run.log;
+    const std::string library = Narrow(InstalledLibrary());
+    EXPECT_EQ((std::vector<std::string>{
+                  "converting the database",
+                  "loaded " + library,
+                  "GetDBVersion = 0x00000000 (S_OK), current 0x00010000, target 0x00020000",
+                  "Convert = 0x80070008 (failure)",
+                  "outcome: Convert failed and rolled the database back; the install fails",
+                  "rolling the database back",
+                  "no \"Backup\" value: nothing to roll back",
+              }),
+              run.lines)
+        << run.log;
+
+    // Nothing lost: the database as before, in both views. The install is undone:
+    // no policy value, no library. The backup copy that stopped at the empty value
+    // stays behind (it was never named by "Backup", so nothing restores from it).
+    const RegTree after32 = Snapshot(kDb, kView32);
+    const RegTree after64 = Snapshot(kDb, kView64);
+    EXPECT_TRUE(before32 == after32) << DiffTrees(before32, after32);
+    EXPECT_TRUE(before64 == after64) << DiffTrees(before64, after64);
+    DWORD strict = 0;
+    EXPECT_FALSE(GetDword(kPolicy, L"StrictConversion", kView64, &strict));
+    EXPECT_FALSE(FileExists(InstalledLibrary()));
+    EXPECT_TRUE(KeyExists(L"SOFTWARE\\Norvane\\DB-v1.0", kView32));
+}

@@ -1,0 +1,316 @@
+// nvdbconv's honest outcomes, run as processes under Wine: a 2.0 -> 3.0 step that
+// would move nobody is refused unless forced; a forced one that leaves users behind
+// exits 4 and names every user with the status the trace gives it; `upgrade` chains
+// 1.0 -> 2.0 -> 3.0 in child processes; `check` says which users would fail and
+// changes nothing in the registry; nvtrace --summary and --json read the trace that
+// the library wrote during the run.
+#include <windows.h>
+#include <gtest/gtest.h>
+#include <algorithm>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "converter3/nvstore_api.h"
+#include "nvdbconv/results.h"
+#include "nvstore_inspect.h"
+#include "nvtracelib.h"
+#include "summary.h"
+#include "support/dll_loader.h"
+#include "support/json_reader.h"
+#include "support/key_containers.h"
+#include "support/process_runner.h"
+#include "support/registry_sandbox.h"
+#include "support/store_sandbox.h"
+#include "writer/db20_writer.h"
+#include "writer/legacy_writer.h"
+
+using namespace nvtest;
+
+namespace {
+
+constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
+constexpr const wchar_t kUsers[] = L"SOFTWARE\\Norvane\\DB\\Data\\Users";
+
+ProcessRun RunTool(const std::wstring& exe, const std::wstring& args)
+{
+    ProcessRun run = RunProcess(QuoteArg(ExeDirectory() + exe) + L" " + args, 300000);
+    EXPECT_TRUE(run.started) << Narrow(exe);
+    EXPECT_FALSE(run.timedOut) << Narrow(args);
+    return run;
+}
+
+ProcessRun Nvdbconv(const std::wstring& args) { return RunTool(L"nvdbconv.exe", args); }
+
+JsonValue Json(const ProcessRun& run)
+{
+    JsonValue doc;
+    std::string error;
+    EXPECT_TRUE(ParseJson(run.out, &doc, &error)) << error << "\n" << run.out;
+    return doc;
+}
+
+bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+std::wstring StoreClassKey()
+{
+    wchar_t clsid[64] = {};
+    ::StringFromGUID2(nvstore::kClsidUserStore, clsid, 64);
+    return std::wstring(L"SOFTWARE\\Classes\\CLSID\\") + clsid;
+}
+
+std::wstring TraceFile()
+{
+    wchar_t dir[MAX_PATH] = {};
+    ::GetTempPathW(MAX_PATH, dir);
+    return std::wstring(dir) + L"nvdbconv-outcome-" + std::to_wstring(::GetCurrentProcessId()) + L".trc3";
+}
+
+// The container is tracked (which deletes any old one) before the writer makes it.
+nvwriter::Db20Database Write20(ContainerJanitor& containers, unsigned users,
+                               std::vector<std::pair<unsigned, nvwriter::Db20Defect>> defects = {})
+{
+    nvwriter::Db20Options options;
+    options.seed = 1616;
+    options.userCount = users;
+    options.domainCount = 1;
+    options.defects = std::move(defects);
+    nvwriter::Db20Database db = nvwriter::MakeDb20Database(options);
+    containers.Track(db.hostId);
+    EXPECT_EQ(S_OK, nvwriter::WriteDb20Database(db));
+    return db;
+}
+
+// Wine keeps machine key containers in the registry (Wine\Crypto\RSA\<name>) and
+// its provider stores the key pair again, freshly protected and of the same size,
+// whenever a context on the container is released, even one that only read. That
+// is the provider's own storage (files, on Windows), not a write of the caller's:
+// such values are compared by type and size, everything else byte for byte.
+RegTree WithoutProviderStorage(RegTree tree, std::map<std::wstring, std::pair<DWORD, size_t>>* provider)
+{
+    const std::wstring prefix = L"Wine\\Crypto\\RSA\\";
+    for (auto it = tree.values.begin(); it != tree.values.end();) {
+        if (it->first.compare(0, prefix.size(), prefix) == 0) {
+            (*provider)[it->first] = {it->second.type, it->second.data.size()};
+            it = tree.values.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    return tree;
+}
+
+void ExpectUnchanged(const RegTree& before, const RegTree& after)
+{
+    std::map<std::wstring, std::pair<DWORD, size_t>> providerBefore, providerAfter;
+    const RegTree b = WithoutProviderStorage(before, &providerBefore);
+    const RegTree a = WithoutProviderStorage(after, &providerAfter);
+    EXPECT_TRUE(b == a) << DiffTrees(b, a);
+    EXPECT_EQ(providerBefore, providerAfter);
+}
+
+std::vector<std::wstring> UserKeyNames()
+{
+    std::vector<std::wstring> names = SubkeyNames(kUsers, kView32);
+    return names;
+}
+
+} // namespace
+
+class NvdbconvOutcomeTest : public StoreSandbox {
+protected:
+    void TearDown() override
+    {
+        ::DeleteFileW(TraceFile().c_str());
+        StoreSandbox::TearDown();
+    }
+};
+
+TEST_F(NvdbconvOutcomeTest, WithoutTheStoreConvertRefusesAndChangesNothing)
+{
+    ContainerJanitor containers;
+    const nvwriter::Db20Database db = Write20(containers, 3);
+    ASSERT_TRUE(DeleteTree(StoreClassKey().c_str(), kView64));
+    const RegTree before = Snapshot(kDb, kView32);
+
+    ProcessRun run = Nvdbconv(L"convert");
+    EXPECT_EQ(3u, run.exitCode) << run.out << run.err;
+    EXPECT_TRUE(Contains(run.err, "nvdbconv: refusing to convert 2.0 -> 3.0: the storage server is not registered.\n"))
+        << run.err;
+    EXPECT_TRUE(Contains(run.err, "none of the\n  3 users can be moved")) << run.err;
+    EXPECT_FALSE(Contains(run.out, "Convert   ")) << run.out;
+
+    run = Nvdbconv(L"--json upgrade");
+    EXPECT_EQ(3u, run.exitCode) << run.out << run.err;
+    const JsonValue doc = Json(run);
+    EXPECT_TRUE(doc["refused"].Bool());
+    EXPECT_FALSE(doc["storeRegistered"].Bool());
+    EXPECT_EQ(3, doc["exitCode"].Int());
+
+    const RegTree after = Snapshot(kDb, kView32);
+    EXPECT_TRUE(before == after) << DiffTrees(before, after);
+}
+
+TEST_F(NvdbconvOutcomeTest, ForcedWithoutTheStoreExits4AndNamesEveryUserWithItsTraceStatus)
+{
+    ContainerJanitor containers;
+    const nvwriter::Db20Database db = Write20(containers, 3);
+    ASSERT_TRUE(DeleteTree(StoreClassKey().c_str(), kView64));
+    const std::vector<std::wstring> keys = UserKeyNames();
+    ASSERT_EQ(3u, keys.size());
+    ASSERT_EQ(0u, Nvdbconv(L"trace on --new-file --file " + QuoteArg(TraceFile())).exitCode);
+
+    const ProcessRun run = Nvdbconv(L"--json convert --force");
+    EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
+    const JsonValue doc = Json(run);
+    EXPECT_EQ("0x00000000", doc["convert"]["hr"].Text());
+    EXPECT_TRUE(doc["usersRemained"].Bool());
+    EXPECT_EQ(4, doc["exitCode"].Int());
+    ASSERT_EQ(3u, doc["remaining"].Size());
+    std::vector<std::string> sids;
+    for (size_t i = 0; i < 3; ++i) {
+        const JsonValue& u = doc["remaining"][i];
+        EXPECT_EQ(Narrow(keys[i]), u["key"].Text());
+        sids.push_back(u["sid"].Text());
+        // The store's objects could not be created: a null pointer, per user.
+        EXPECT_EQ("0x80004003", u["status"]["hr"].Text()) << u["sid"].Text();
+        EXPECT_EQ("E_POINTER", u["status"]["symbol"].Text());
+    }
+    std::vector<std::string> expected;
+    for (const auto& user : db.users)
+        expected.push_back(Narrow(user.sidText));
+    std::sort(sids.begin(), sids.end());
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(expected, sids);
+
+    // The trace the library wrote tells the same story to a support engineer.
+    const ProcessRun summary = RunTool(L"nvtrace.exe", L"--summary " + QuoteArg(TraceFile()));
+    EXPECT_EQ(0u, summary.exitCode) << summary.err;
+    const std::string text = WithoutCarriageReturns(summary.out);
+    EXPECT_TRUE(Contains(text, "users (2.0 -> 3.0): 3, 0 moved, 3 kept their old data\n")) << text;
+    for (const std::string& sid : expected)
+        EXPECT_TRUE(Contains(text, "  " + sid + "  0x80004003  kept its old data: E_POINTER")) << text;
+    EXPECT_TRUE(Contains(text, "processes: 1\n  process 1, started ")) << text;
+    EXPECT_TRUE(Contains(text, "slowest scopes (total time):\n")) << text;
+    EXPECT_TRUE(Contains(text, "CBaseConverter::Convert\n")) << text;
+
+    const ProcessRun lines = RunTool(L"nvtrace.exe", L"--json " + QuoteArg(TraceFile()));
+    EXPECT_EQ(0u, lines.exitCode) << lines.err;
+    size_t records = 0, overLines = 0;
+    std::string rest = WithoutCarriageReturns(lines.out);
+    for (size_t start = 0; start < rest.size();) {
+        size_t end = rest.find('\n', start);
+        if (end == std::string::npos)
+            end = rest.size();
+        JsonValue record;
+        std::string error;
+        EXPECT_TRUE(ParseJson(rest.substr(start, end - start), &record, &error)) << error;
+        ++records;
+        if (record["kind"].Text() == "U" && record["text"].Text().rfind("Conversion process is over for '", 0) == 0)
+            ++overLines;
+        start = end + 1;
+    }
+    EXPECT_GT(records, 20u);
+    EXPECT_EQ(3u, overLines);
+}
+
+TEST_F(NvdbconvOutcomeTest, UpgradeChains10To20To30InChildProcesses)
+{
+    nvwriter::DbOptions options;
+    options.users = 5;
+    options.domains = 1;
+    options.users20 = 5;
+    ContainerJanitor containers;
+    containers.Track(nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options)).hostId);
+    nvwriter::DbRecord record;
+    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+
+    const ProcessRun run = Nvdbconv(L"upgrade");
+    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    const std::string out = WithoutCarriageReturns(run.out);
+    EXPECT_TRUE(Contains(out, "  step 1: 1.0 -> 2.0, Convert " + nvdbconv::DescribeResult(S_OK) + ", exit 0\n")) << out;
+    EXPECT_TRUE(Contains(out, "  step 2: 2.0 -> 3.0, Convert " + nvdbconv::DescribeResult(S_OK) + ", exit 0\n"
+                              "    users: 5 of 5 moved into the store\n"))
+        << out;
+    EXPECT_TRUE(Contains(out, "  upgrade         1.0 -> 2.0 -> 3.0 done, 5 of 5 users in the store\n")) << out;
+    EXPECT_EQ(5u, nvstore::inspect::ListUsers().size());
+    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Data", kView32));
+}
+
+TEST_F(NvdbconvOutcomeTest, UpgradeJsonCarriesEveryStepsOwnDocument)
+{
+    ContainerJanitor containers;
+    const nvwriter::Db20Database db = Write20(containers, 2);
+    const ProcessRun run = Nvdbconv(L"--json upgrade");
+    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    const JsonValue doc = Json(run);
+    EXPECT_EQ("2.0 -> 3.0", doc["chain"].Text());
+    EXPECT_EQ("2.0 -> 3.0 done, 2 of 2 users in the store", doc["summary"].Text());
+    ASSERT_EQ(1u, doc["steps"].Size());
+    const JsonValue& step = doc["steps"][0];
+    EXPECT_EQ("2.0", step["from"].Text());
+    EXPECT_EQ("3.0", step["to"].Text());
+    EXPECT_EQ(0, step["exitCode"].Int());
+    EXPECT_EQ("convert", step["child"]["command"].Text());
+    EXPECT_EQ("0x00000000", step["child"]["convert"]["hr"].Text());
+    EXPECT_FALSE(step["child"]["usersRemained"].Bool());
+    EXPECT_EQ(0u, step["child"]["remaining"].Size());
+    EXPECT_EQ(2, doc["users"]["total"].Int());
+    EXPECT_EQ(0, doc["users"]["left"].Int());
+}
+
+TEST_F(NvdbconvOutcomeTest, CheckNamesTheUserWhoWouldFailAndWritesNothing)
+{
+    ContainerJanitor containers;
+    const nvwriter::Db20Database db = Write20(containers, 3, {{1, nvwriter::Db20Defect::TextType2}});
+    const RegTree before32 = Snapshot(L"SOFTWARE", kView32);
+    const RegTree before64 = Snapshot(L"SOFTWARE", kView64);
+
+    ProcessRun run = Nvdbconv(L"--json check");
+    EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
+    const JsonValue doc = Json(run);
+    EXPECT_TRUE(doc["hostContainer"]["opens"].Bool());
+    EXPECT_TRUE(doc["storeServer"]["registered"].Bool());
+    EXPECT_EQ(1, doc["wouldFail"].Int());
+    EXPECT_EQ("1 of 3 users would not convert and would keep their old data", doc["verdict"].Text());
+    ASSERT_EQ(3u, doc["users"].Size());
+    size_t good = 0;
+    for (size_t i = 0; i < 3; ++i) {
+        const JsonValue& u = doc["users"][i];
+        if (u["wouldConvert"].Bool()) {
+            ++good;
+            EXPECT_TRUE(u["unseals"].Bool());
+            EXPECT_GT(u["secrets"].Int(), 0);
+            EXPECT_TRUE(u["passwordSecret"].Bool());
+            EXPECT_TRUE(u["passwordOpens"].Bool());
+        } else {
+            EXPECT_TRUE(u["sid"].IsNull());
+            EXPECT_TRUE(Contains(u["reason"].Text(), "does not unseal or parse")) << u["reason"].Text();
+        }
+    }
+    EXPECT_EQ(2u, good);
+
+    run = Nvdbconv(L"check");
+    EXPECT_EQ(4u, run.exitCode);
+    EXPECT_TRUE(Contains(run.out, "      would fail: its record does not unseal or parse")) << run.out;
+    EXPECT_TRUE(Contains(run.err, "nvdbconv: 1 of 3 users would not convert")) << run.err;
+
+    // Not a single value changed, in either view: "Version" is still "2.0".
+    const RegTree after32 = Snapshot(L"SOFTWARE", kView32);
+    const RegTree after64 = Snapshot(L"SOFTWARE", kView64);
+    ExpectUnchanged(before32, after32);
+    ExpectUnchanged(before64, after64);
+    std::wstring version;
+    EXPECT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    EXPECT_EQ(L"2.0", version);
+}
+
+TEST_F(NvdbconvOutcomeTest, CheckOfAHealthyDatabaseExits0)
+{
+    ContainerJanitor containers;
+    const nvwriter::Db20Database db = Write20(containers, 2);
+    const ProcessRun run = Nvdbconv(L"check");
+    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    EXPECT_TRUE(Contains(run.out, "  verdict         all 2 users would convert\n")) << run.out;
+    EXPECT_EQ("", run.err);
+}

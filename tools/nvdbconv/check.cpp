@@ -1,0 +1,148 @@
+// nvdbconv check: a preflight that writes nothing. It reads the database, the host
+// identifier and the machine key container, and every user's record and secrets the
+// way the 2.0 -> 3.0 conversion reads them (with read-only pieces: the library's
+// own reader would stamp "Version" = "2.1"), and says which users would not convert.
+#include "upgrade.h"
+
+#include "legacyread.h"
+#include "outcome.h"
+#include "results.h"
+
+namespace nvdbconv {
+
+namespace {
+
+// Why a user would not be moved, or empty when nothing stands in the way.
+std::string Obstacle(const LegacyUser& u, bool storeRegistered)
+{
+    if (u.record == S_FALSE)
+        return "its record was not read (the machine key container did not open)";
+    if (FAILED(u.record))
+        return "its record does not unseal or parse: " + DescribeResult(u.record);
+    if (u.sid.empty())
+        return "its record names no valid SID";
+    unsigned bits = 0;
+    for (DWORD m = u.templateMask; m; m &= m - 1)
+        ++bits;
+    if (bits > u.templates)
+        return Fmt("its template mask 0x%08lX has %u positions but the record holds %zu templates (0x8000FFFF)",
+                   static_cast<unsigned long>(u.templateMask), bits, u.templates);
+    if (FAILED(u.secretsResult))
+        return "a secret field does not open: " + DescribeResult(u.secretsResult);
+    if (!storeRegistered)
+        return "the storage server is not registered (0x80004003 for every user)";
+    return std::string();
+}
+
+std::string PasswordText(const LegacyUser& u)
+{
+    if (!u.passwordSecret)
+        return "no password secret";
+    if (FAILED(u.passwordResult))
+        return "password secret does not open: " + DescribeResult(u.passwordResult);
+    return u.passwordEmpty ? "password secret opens, empty" : "password secret opens";
+}
+
+} // namespace
+
+int Check(Printer& out)
+{
+    Header(out, "check");
+    const DatabaseState db = ReadDatabaseState();
+    const std::string layout = LayoutOf(db);
+    out.Row("database", db.version ? "\"" + U8(*db.version) + "\"" + Fmt(" in the %s view", ViewName(db.versionView))
+                                   : std::string("none"));
+    out.Row("state", Verdict(db));
+    out.json.Key("database");
+    JsonDatabase(out.json, db);
+
+    const StoreServerState store = ReadStoreServer();
+    const bool needsStore = layout == "2.0" || (layout == "1.0" && db.usersKey && db.userKeys > 0);
+    const LegacyUsers legacy = ReadLegacyUsers(true);
+
+    std::string host;
+    if (FAILED(legacy.hostId))
+        host = "no host identifier (NVHOST \"HostId\", 32-bit view): " + DescribeResult(legacy.hostId);
+    else if (FAILED(legacy.acquire))
+        host = U8(legacy.container) + " does not open: " + DescribeResult(legacy.acquire);
+    else
+        host = U8(legacy.container) + " opens";
+    out.Row("key container", host);
+    out.Row("store server", store.registered ? "registered: " + U8(store.path) : std::string("not registered"));
+    out.json.Key("hostContainer").BeginObject();
+    out.json.Key("hostId");
+    WriteResult(out.json, legacy.hostId);
+    out.json.Field("name", legacy.container);
+    out.json.Key("acquire");
+    WriteResult(out.json, legacy.acquire);
+    out.json.Field("opens", SUCCEEDED(legacy.hostId) && legacy.acquire == S_OK);
+    out.json.EndObject();
+    out.json.Key("storeServer").BeginObject().Field("registered", store.registered);
+    out.json.Key("path");
+    if (store.registered)
+        out.json.String(store.path);
+    else
+        out.json.Null();
+    out.json.EndObject();
+    if (FAILED(legacy.enumeration)) {
+        out.Row("records", "the enumeration stopped: " + DescribeResult(legacy.enumeration));
+    }
+    out.json.Key("enumeration");
+    WriteResult(out.json, legacy.enumeration);
+
+    size_t failing = 0;
+    out.Row("users", legacy.usersKey ? Fmt("%zu under Data\\Users", legacy.users.size())
+                                     : std::string("none (no Data\\Users key)"));
+    out.json.Key("users").BeginArray();
+    for (const LegacyUser& u : legacy.users) {
+        const std::string obstacle = Obstacle(u, store.registered);
+        if (!obstacle.empty())
+            ++failing;
+        std::string line = "    " + U8(u.key) + "  " + (u.sid.empty() ? std::string("(no SID)") : U8(u.sid));
+        if (SUCCEEDED(u.record) && u.record != S_FALSE)
+            line += Fmt(": record ok, %zu templates (mask 0x%08lX), %zu secrets, ", u.templates,
+                        static_cast<unsigned long>(u.templateMask), u.secrets) +
+                    PasswordText(u);
+        out.Line(line);
+        if (!obstacle.empty())
+            out.Line("      would fail: " + obstacle);
+
+        out.json.BeginObject().Field("key", u.key);
+        out.json.Key("sid");
+        if (u.sid.empty())
+            out.json.Null();
+        else
+            out.json.String(u.sid);
+        out.json.Key("record");
+        WriteResult(out.json, u.record);
+        out.json.Field("unseals", SUCCEEDED(u.record) && u.record != S_FALSE);
+        out.json.Field("templateMask", u.templateMask).Field("templates", u.templates).Field("secrets", u.secrets);
+        out.json.Field("passwordSecret", u.passwordSecret);
+        out.json.Field("passwordOpens", u.passwordSecret && SUCCEEDED(u.passwordResult));
+        out.json.Field("wouldConvert", obstacle.empty());
+        out.json.Key("reason");
+        if (obstacle.empty())
+            out.json.Null();
+        else
+            out.json.String(obstacle);
+        out.json.EndObject();
+    }
+    out.json.EndArray();
+
+    std::string verdict;
+    if (!needsStore && layout != "2.0")
+        verdict = layout == "1.0" ? "the 1.0 -> 2.0 step moves no user; nothing stands in its way"
+                                  : "no user to move";
+    else if (failing == 0)
+        verdict = Fmt("all %zu users would convert", legacy.users.size());
+    else
+        verdict = Fmt("%zu of %zu users would not convert and would keep their old data", failing,
+                      legacy.users.size());
+    out.Row("verdict", verdict);
+    out.json.Field("wouldFail", failing).Field("verdict", verdict);
+    if (failing)
+        out.Problem(verdict);
+    return Finish(out, failing ? kExitUsersRemained : kExitOk);
+}
+
+} // namespace nvdbconv

@@ -1,0 +1,77 @@
+// What the commands share: the printer that sends output to text, JSON or nowhere,
+// the database state in words and in JSON, and the library's load and version
+// question with which most commands begin.
+#pragma once
+#include <windows.h>
+#include <string>
+
+#include "cli.h"
+#include "commands.h"
+#include "dbstate.h"
+#include "json.h"
+#include "library_host.h"
+
+namespace nvdbconv {
+
+std::string Fmt(const char* format, ...);
+std::string U8(const std::wstring& text);
+
+// Where the command's output goes: text lines, or one JSON document, or nothing.
+class Printer {
+public:
+    explicit Printer(const Options& options) : m_options(options) {}
+
+    bool text() const { return !m_options.json && !m_options.quiet; }
+    void Line(const std::string& line) const
+    {
+        if (text())
+            WriteOut(line + "\n");
+    }
+    void Row(const char* label, const std::string& value) const { Line(Fmt("  %-15s %s", label, value.c_str())); }
+    // A failure or refusal: on standard error in text and quiet mode (JSON carries it).
+    void Problem(const std::string& text) const
+    {
+        if (!m_options.json)
+            WriteErr("nvdbconv: " + text + "\n");
+    }
+    void Finish()
+    {
+        if (m_options.json && !m_options.quiet)
+            WriteOut(json.text() + "\n");
+    }
+
+    JsonWriter json;
+
+private:
+    const Options& m_options;
+};
+
+// "2.0"
+std::string VersionText(DWORD version);
+// "2.0 (0x00020000)", or "none (0x00000000)"
+std::string VersionWithCode(DWORD version);
+
+// The format the registry shows: "none", "1.0", "2.0", "3.0" or "unknown".
+std::string LayoutOf(const DatabaseState& s);
+// One line on what the database is and what convert would do with it.
+std::string Verdict(const DatabaseState& s);
+std::string UserKeysText(const DatabaseState& s);
+std::string BackupText(const DatabaseState& s);
+void JsonDatabase(JsonWriter& json, const DatabaseState& s);
+
+// Loads the library and asks GetDBVersion, printing both results. When the load
+// failed the command cannot go on.
+struct Loaded {
+    HRESULT load = E_FAIL;
+    HRESULT version = E_FAIL;
+    DWORD current = 0;
+    DWORD target = 0;
+};
+Loaded LoadAndAsk(CLibraryHost& host, Printer& out);
+
+// The first line of a command's output and the JSON document's opening; Finish
+// closes the document with the exit code, prints it and returns the code.
+void Header(Printer& out, const char* command);
+int Finish(Printer& out, int exitCode);
+
+} // namespace nvdbconv

@@ -1,0 +1,121 @@
+#include "outcome.h"
+
+#include <map>
+
+#include "legacyread.h"
+#include "nvtracelib.h"
+#include "results.h"
+#include "summary.h"
+
+namespace nvdbconv {
+
+namespace {
+
+// The last status the trace gives each SID ("Conversion process is over for").
+std::map<std::wstring, DWORD> TraceStatuses(const std::wstring& dllPath)
+{
+    std::map<std::wstring, DWORD> statuses;
+    const TraceSettings settings = ReadTraceSettings();
+    if (!settings.keyFound || !settings.on() || !settings.toFile())
+        return statuses;
+    const std::string path = U8(TraceFileFor(settings, dllPath));
+    std::vector<std::uint8_t> data;
+    std::string error;
+    if (!nvtrace::ReadWholeFile(path, data, error))
+        return statuses;
+    const nvtrace::TraceSummary summary = nvtrace::Summarize(nvtrace::Decode(data));
+    for (const nvtrace::SummaryUser& u : summary.users) {
+        if (!u.over)
+            continue;
+        const int n = ::MultiByteToWideChar(CP_UTF8, 0, u.sid.c_str(), static_cast<int>(u.sid.size()), nullptr, 0);
+        std::wstring sid(static_cast<size_t>(n), L'\0');
+        ::MultiByteToWideChar(CP_UTF8, 0, u.sid.c_str(), static_cast<int>(u.sid.size()), &sid[0], n);
+        statuses[sid] = u.status;
+    }
+    return statuses;
+}
+
+} // namespace
+
+std::vector<RemainingUser> ReadRemainingUsers(const std::wstring& dllPath)
+{
+    std::vector<RemainingUser> remaining;
+    const LegacyUsers legacy = ReadLegacyUsers(false);
+    if (legacy.users.empty())
+        return remaining;
+    const std::map<std::wstring, DWORD> statuses = TraceStatuses(dllPath);
+    for (const LegacyUser& u : legacy.users) {
+        RemainingUser r;
+        r.key = u.key;
+        r.sid = u.sid;
+        const auto it = statuses.find(u.sid);
+        if (!u.sid.empty() && it != statuses.end())
+            r.status = it->second;
+        remaining.push_back(r);
+    }
+    return remaining;
+}
+
+int ReportRemainingUsers(Printer& out, const std::vector<RemainingUser>& users, DWORD total)
+{
+    out.json.Key("remaining").BeginArray();
+    for (const RemainingUser& u : users) {
+        out.json.BeginObject().Field("key", u.key);
+        out.json.Key("sid");
+        if (u.sid.empty())
+            out.json.Null();
+        else
+            out.json.String(u.sid);
+        out.json.Key("status");
+        if (u.status)
+            WriteResult(out.json, static_cast<HRESULT>(*u.status));
+        else
+            out.json.Null();
+        out.json.EndObject();
+    }
+    out.json.EndArray();
+    out.json.Field("usersRemained", !users.empty());
+    if (users.empty())
+        return kExitOk;
+
+    out.Row("kept old data", Fmt("%zu of %lu users (Convert answered S_OK all the same)", users.size(),
+                                 static_cast<unsigned long>(total)));
+    bool anyStatus = false;
+    for (const RemainingUser& u : users) {
+        std::string line = "    " + U8(u.key) + "  " + (u.sid.empty() ? std::string("(SID unreadable)") : U8(u.sid));
+        if (u.status) {
+            line += "  " + DescribeResult(static_cast<HRESULT>(*u.status));
+            anyStatus = true;
+        }
+        out.Line(line);
+    }
+    if (!anyStatus)
+        out.Line("    (each user's status is in the library's trace: nvdbconv trace on, then convert again)");
+    out.Problem(Fmt("%zu of %lu users kept their old data under HKLM\\SOFTWARE\\Norvane\\DB\\Data\\Users "
+                    "(exit code %d)",
+                    users.size(), static_cast<unsigned long>(total), kExitUsersRemained));
+    return kExitUsersRemained;
+}
+
+bool RefuseWithoutStore(Printer& out, bool force, DWORD userKeys)
+{
+    const StoreServerState store = ReadStoreServer();
+    out.json.Field("storeRegistered", store.registered);
+    if (store.registered)
+        return false;
+    if (force) {
+        out.Row("store server", "not registered; going on (--force): every user will keep the old data");
+        return false;
+    }
+    const std::string explanation = Fmt(
+        "refusing to convert 2.0 -> 3.0: the storage server is not registered.\n"
+        "  The 2.0 -> 3.0 step moves each user into the storage server. Without it none of the\n"
+        "  %lu users can be moved: every one would keep the old data and Convert would still answer\n"
+        "  S_OK. Register the server first (regsvr32 NVStore.dll), or run again with --force.",
+        static_cast<unsigned long>(userKeys));
+    out.Problem(explanation);
+    out.json.Field("refused", true).Field("reason", explanation);
+    return true;
+}
+
+} // namespace nvdbconv

@@ -1,0 +1,200 @@
+// nvdbconv upgrade: brings the database to the newest format one Convert at a time,
+// each in a fresh child process (nvdbconv convert --json), as an installer that
+// chains 1.0 -> 2.0 -> 3.0 must: the library picks its converter when it is loaded,
+// so every step needs a process of its own.
+#include "upgrade.h"
+
+#include <cstdlib>
+
+#include "outcome.h"
+#include "results.h"
+
+namespace nvdbconv {
+
+namespace {
+
+constexpr int kMaxSteps = 4; // 1.0 -> 2.0 -> 3.0 takes two; more means no progress
+constexpr DWORD kStepTimeoutMs = 30 * 60 * 1000;
+
+struct ChildRun {
+    bool started = false;
+    DWORD exitCode = 0;
+    std::string out;
+};
+
+std::wstring SelfPath()
+{
+    wchar_t path[MAX_PATH] = {};
+    const DWORD n = ::GetModuleFileNameW(nullptr, path, MAX_PATH);
+    return std::wstring(path, n);
+}
+
+std::wstring Quoted(const std::wstring& arg) { return L"\"" + arg + L"\""; }
+
+// Runs the command line with standard output into a temporary file, standard error
+// passed through, and standard input empty.
+ChildRun RunChild(const std::wstring& commandLine)
+{
+    ChildRun run;
+    wchar_t dir[MAX_PATH] = {}, file[MAX_PATH] = {};
+    ::GetTempPathW(MAX_PATH, dir);
+    if (!::GetTempFileNameW(dir, L"nvu", 0, file))
+        return run;
+    SECURITY_ATTRIBUTES inherit{sizeof(inherit), nullptr, TRUE};
+    HANDLE out = ::CreateFileW(file, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit,
+                               CREATE_ALWAYS, FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, nullptr);
+    if (out == INVALID_HANDLE_VALUE)
+        return run;
+    STARTUPINFOW si{};
+    si.cb = sizeof(si);
+    si.dwFlags = STARTF_USESTDHANDLES;
+    si.hStdInput = nullptr;
+    si.hStdOutput = out;
+    si.hStdError = ::GetStdHandle(STD_ERROR_HANDLE);
+    PROCESS_INFORMATION pi{};
+    std::wstring cmd = commandLine;
+    run.started = ::CreateProcessW(nullptr, &cmd[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi) != 0;
+    if (run.started) {
+        if (::WaitForSingleObject(pi.hProcess, kStepTimeoutMs) != WAIT_OBJECT_0)
+            ::TerminateProcess(pi.hProcess, kExitFailed);
+        ::GetExitCodeProcess(pi.hProcess, &run.exitCode);
+        ::CloseHandle(pi.hThread);
+        ::CloseHandle(pi.hProcess);
+        ::SetFilePointer(out, 0, nullptr, FILE_BEGIN);
+        char buf[4096];
+        DWORD n = 0;
+        while (::ReadFile(out, buf, sizeof(buf), &n, nullptr) && n)
+            run.out.append(buf, n);
+    }
+    ::CloseHandle(out);
+    return run;
+}
+
+// The hex code of a result member in the child's JSON ("convert":{"hr":"0x...").
+std::optional<HRESULT> ResultIn(const std::string& json, const char* member)
+{
+    const std::string key = std::string("\"") + member + "\":{\"hr\":\"";
+    const size_t at = json.find(key);
+    if (at == std::string::npos)
+        return std::nullopt;
+    const std::string hex = json.substr(at + key.size(), 10);
+    char* end = nullptr;
+    const unsigned long v = std::strtoul(hex.c_str(), &end, 16);
+    if (end != hex.c_str() + hex.size())
+        return std::nullopt;
+    return static_cast<HRESULT>(v);
+}
+
+std::string Trimmed(std::string text)
+{
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
+        text.pop_back();
+    return text;
+}
+
+} // namespace
+
+int Upgrade(const Options& o, Printer& out, const std::wstring& dllPath)
+{
+    Header(out, "upgrade");
+    out.Row("library", U8(dllPath));
+    out.json.Field("dll", dllPath);
+    DatabaseState state = ReadDatabaseState();
+    out.json.Key("before");
+    JsonDatabase(out.json, state);
+    std::string layout = LayoutOf(state);
+    out.Row("database", Verdict(state));
+
+    std::string chain = layout;
+    DWORD usersTotal = 0, usersLeft = 0;
+    bool movedUsers = false;
+    int exitCode = kExitOk;
+    out.json.Key("steps").BeginArray();
+    for (int step = 1; step <= kMaxSteps && (layout == "1.0" || layout == "2.0"); ++step) {
+        const bool toStore = layout == "2.0";
+        if (toStore) {
+            // The refusal goes into the document's top level, after the steps.
+            if (!ReadStoreServer().registered && !o.force) {
+                out.json.EndArray();
+                RefuseWithoutStore(out, false, state.userKeys);
+                out.json.Field("chain", chain);
+                return Finish(out, kExitRefused);
+            }
+            usersTotal = state.usersKey ? state.userKeys : 0;
+        }
+        std::wstring cmd = Quoted(SelfPath()) + L" --dll " + Quoted(dllPath) + L" --json";
+        if (o.force)
+            cmd += L" --force";
+        cmd += L" convert --progress never";
+        const ChildRun run = RunChild(cmd);
+        const std::optional<HRESULT> hr = ResultIn(run.out, "convert");
+        const DatabaseState after = ReadDatabaseState();
+        const std::string next = LayoutOf(after);
+
+        out.json.BeginObject().Field("step", step).Field("from", layout).Field("to", next);
+        out.json.Field("started", run.started).Field("exitCode", static_cast<long long>(run.exitCode));
+        out.json.Key("child");
+        const std::string doc = Trimmed(run.out);
+        if (!doc.empty() && doc.front() == '{' && doc.back() == '}')
+            out.json.Raw(doc);
+        else
+            out.json.Null();
+        out.json.EndObject();
+
+        std::string line = Fmt("step %d: %s -> %s, Convert ", step, layout.c_str(), next.c_str());
+        line += hr ? DescribeResult(*hr) : std::string("not called");
+        line += Fmt(", exit %lu", static_cast<unsigned long>(run.exitCode));
+        out.Line("  " + line);
+        if (toStore) {
+            movedUsers = true;
+            usersLeft = after.usersKey ? after.userKeys : 0;
+            out.Line(Fmt("    users: %lu of %lu moved into the store", static_cast<unsigned long>(usersTotal - std::min(usersLeft, usersTotal)),
+                         static_cast<unsigned long>(usersTotal)));
+        }
+        if (!run.started) {
+            out.Problem("cannot start " + U8(SelfPath()));
+            exitCode = kExitFailed;
+            break;
+        }
+        if (run.exitCode != static_cast<DWORD>(kExitOk)) {
+            exitCode = run.exitCode == static_cast<DWORD>(kExitUsersRemained) ? kExitUsersRemained : kExitFailed;
+            if (next != layout)
+                chain += " -> " + next;
+            layout = next;
+            state = after;
+            break;
+        }
+        if (next == layout && after.userKeys == state.userKeys && after.mainDb == state.mainDb) {
+            out.Problem("step " + std::to_string(step) + " changed nothing: stopping");
+            exitCode = kExitFailed;
+            break;
+        }
+        chain += " -> " + next;
+        layout = next;
+        state = after;
+    }
+    if (exitCode == kExitOk && layout != "3.0" && layout != "none")
+        exitCode = kExitFailed;
+    out.json.EndArray();
+
+    std::string summary = chain;
+    if (exitCode == kExitOk)
+        summary += layout == "none" ? ": no database, nothing to do" : " done";
+    else if (exitCode == kExitUsersRemained)
+        summary += " stopped: users kept their old data";
+    else
+        summary += " failed";
+    if (movedUsers)
+        summary += Fmt(", %lu of %lu users in the store", static_cast<unsigned long>(usersTotal - std::min(usersLeft, usersTotal)),
+                       static_cast<unsigned long>(usersTotal));
+    out.Row("upgrade", summary);
+    out.json.Field("chain", chain).Field("summary", summary);
+    out.json.Key("users").BeginObject().Field("total", usersTotal).Field("left", usersLeft).EndObject();
+    out.json.Key("after");
+    JsonDatabase(out.json, ReadDatabaseState());
+    if (exitCode == kExitFailed)
+        out.Problem("upgrade failed: " + summary);
+    return Finish(out, exitCode);
+}
+
+} // namespace nvdbconv

@@ -1,0 +1,182 @@
+// nvtrace --summary and --json: the processes and threads of a trace, its failing
+// results with their scope paths, the users of a 2.0 -> 3.0 conversion, the slowest
+// scopes, and the records as JSON lines.
+#include <gtest/gtest.h>
+#include <sstream>
+#include <string>
+
+#include "nvtracelib.h"
+#include "sample_trace.h"
+#include "summary.h"
+
+using nvtrace_test::SampleTrace;
+
+namespace {
+
+// Two processes (the second after an 'N' record): the first converts two users, one
+// of whom fails to open in the store; the second fails its backup.
+SampleTrace TwoProcesses()
+{
+    SampleTrace s;
+    s.Add(7, 't', "11/15/26").Add(7, 'T', "09:30:00.125").Add(7, '>', "CBaseConverter::Convert")
+        .Add(7, '>', "CConverter3::do_Convert")
+        .Add(7, 'U', "Conversion process began for 'S-1-5-21-1-2-3-1001'")
+        .Add(7, 'T', "09:30:00.250").Add(7, 'U', "DeleteKey('S-1-5-21-1-2-3-1001'), 0x00000000")
+        .Add(7, 'U', "Conversion process is over for 'S-1-5-21-1-2-3-1001', 0x00000000")
+        .Add(7, 'U', "Conversion process began for 'S-1-5-21-1-2-3-1002'")
+        .Add(7, 'E', "-2147467261 ")
+        .Add(7, 'U', "Conversion process is over for 'S-1-5-21-1-2-3-1002', 0x80004003")
+        .Add(7, 'T', "09:30:01.125").Add(7, '<').Add(7, '<')
+        .Add(9, 'U', "a second thread");
+    s.Add(0, 'N', "11-15-2026").Add(12, 'T', "10:00:00.000").Add(12, '>', "CBaseConverter::Convert")
+        .Add(12, '>', "CBaseConverter::Backup").Add(12, '>', "CBaseConverter::CopyKey")
+        .Add(12, 'E', "-2147024888 ").Add(12, '<').Add(12, 'E', "-2147024888 ").Add(12, '<')
+        .Add(12, 'E', "-2147024888 ").Add(12, 'T', "10:00:00.040").Add(12, '<');
+    return s;
+}
+
+std::string SummaryText(const SampleTrace& sample)
+{
+    std::ostringstream out;
+    nvtrace::WriteSummary(nvtrace::Summarize(nvtrace::Decode(sample.bytes())), out);
+    return out.str();
+}
+
+} // namespace
+
+TEST(NvtraceSummaryTest, ProcessesThreadsFailuresUsersAndScopes)
+{
+    const nvtrace::TraceSummary s = nvtrace::Summarize(nvtrace::Decode(TwoProcesses().bytes()));
+    ASSERT_EQ(2u, s.processes.size());
+    EXPECT_EQ("11/15/2026 09:30:00.125", s.processes[0].started);
+    ASSERT_EQ(2u, s.processes[0].threads.size());
+    EXPECT_EQ(7u, s.processes[0].threads[0].id);
+    EXPECT_EQ(9u, s.processes[0].threads[1].id);
+    EXPECT_EQ(1u, s.processes[0].threads[1].records);
+    EXPECT_EQ("11/15/26 10:00:00.000", s.processes[1].started);
+    ASSERT_EQ(1u, s.processes[1].threads.size());
+    EXPECT_EQ(12u, s.processes[1].threads[0].id);
+
+    ASSERT_EQ(4u, s.failures.size());
+    EXPECT_EQ("CBaseConverter::Convert > CConverter3::do_Convert", s.failures[0].path);
+    EXPECT_EQ(static_cast<std::int32_t>(0x80004003u), s.failures[0].code);
+    EXPECT_EQ(1u, s.failures[0].process);
+    EXPECT_EQ("CBaseConverter::Convert > CBaseConverter::Backup > CBaseConverter::CopyKey", s.failures[1].path);
+    EXPECT_EQ("CBaseConverter::Convert > CBaseConverter::Backup", s.failures[2].path);
+    EXPECT_EQ("CBaseConverter::Convert", s.failures[3].path);
+    EXPECT_EQ(2u, s.failures[3].process);
+
+    ASSERT_EQ(2u, s.users.size());
+    EXPECT_EQ("S-1-5-21-1-2-3-1001", s.users[0].sid);
+    EXPECT_TRUE(s.users[0].moved());
+    EXPECT_EQ("S-1-5-21-1-2-3-1002", s.users[1].sid);
+    EXPECT_FALSE(s.users[1].moved());
+    EXPECT_TRUE(s.users[1].over);
+    EXPECT_EQ(0x80004003u, s.users[1].status);
+
+    // Convert ran 1000 ms in the first process and 40 ms in the second.
+    ASSERT_GE(s.scopes.size(), 4u);
+    EXPECT_EQ("CBaseConverter::Convert", s.scopes[0].name);
+    EXPECT_EQ(1040u, s.scopes[0].totalMs);
+    EXPECT_EQ(1000u, s.scopes[0].longestMs);
+    EXPECT_EQ(2u, s.scopes[0].calls);
+    EXPECT_EQ("CConverter3::do_Convert", s.scopes[1].name);
+    EXPECT_EQ(1000u, s.scopes[1].totalMs);
+    EXPECT_EQ(0u, s.unclosedScopes);
+}
+
+TEST(NvtraceSummaryTest, TextNamesCodesAndTellsEachUsersOutcome)
+{
+    const std::string text = SummaryText(TwoProcesses());
+    EXPECT_NE(std::string::npos, text.find("processes: 2\n"
+                                           "  process 1, started 11/15/2026 09:30:00.125, threads: 7 (10 records) 9 (1 records)\n"
+                                           "  process 2, started 11/15/26 10:00:00.000, threads: 12 (9 records)\n"))
+        << text;
+    EXPECT_NE(std::string::npos,
+              text.find("failing results: 4\n"
+                        "  0x80004003 E_POINTER \"Invalid pointer (for a user: the storage server could not be created)\"\n"
+                        "    in CBaseConverter::Convert > CConverter3::do_Convert\n"
+                        "    process 1, thread 7\n"))
+        << text;
+    EXPECT_NE(std::string::npos,
+              text.find("  0x80070008 HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY) \"Not enough storage (an empty "
+                        "registry value the backup refuses)\"\n"
+                        "    in CBaseConverter::Convert > CBaseConverter::Backup > CBaseConverter::CopyKey\n"))
+        << text;
+    EXPECT_NE(std::string::npos,
+              text.find("users (2.0 -> 3.0): 2, 1 moved, 1 kept their old data\n"
+                        "  SID                  status      outcome\n"
+                        "  S-1-5-21-1-2-3-1001  0x00000000  moved (process 1)\n"
+                        "  S-1-5-21-1-2-3-1002  0x80004003  kept its old data: E_POINTER \"Invalid pointer (for a "
+                        "user: the storage server could not be created)\" (process 1)\n"))
+        << text;
+    EXPECT_NE(std::string::npos, text.find("slowest scopes (total time):\n"
+                                           "      1040 ms       2 calls  longest 1000 ms  CBaseConverter::Convert\n"
+                                           "      1000 ms       1 calls  longest 1000 ms  CConverter3::do_Convert\n"))
+        << text;
+}
+
+TEST(NvtraceSummaryTest, RepeatedFailuresAreCountedAndOpenScopesReported)
+{
+    SampleTrace s;
+    s.Add(3, '>', "CNVDBRegSet::ReadAnyField");
+    for (int i = 0; i < 3; ++i)
+        s.Add(3, 'E', "-2147024894 ");
+    const nvtrace::TraceSummary summary = nvtrace::Summarize(nvtrace::Decode(s.bytes()));
+    ASSERT_EQ(1u, summary.failures.size());
+    EXPECT_EQ(3u, summary.failures[0].count);
+    EXPECT_EQ(1u, summary.unclosedScopes);
+    const std::string text = SummaryText(s);
+    EXPECT_NE(std::string::npos, text.find("    process 1, thread 3, 3 times\n")) << text;
+    EXPECT_NE(std::string::npos, text.find("scopes never left: 1")) << text;
+    EXPECT_EQ(std::string::npos, text.find("users (2.0")) << text;
+}
+
+TEST(NvtraceSummaryTest, CodeNames)
+{
+    EXPECT_EQ("NTE_BAD_DATA", nvtrace::DescribeCode(0x80090005u).name);
+    EXPECT_EQ("S_FALSE", nvtrace::DescribeCode(1).name);
+    EXPECT_EQ("HRESULT_FROM_WIN32(1234)", nvtrace::DescribeCode(0x800704D2u).name);
+    EXPECT_EQ("", nvtrace::DescribeCode(0x8123ABCDu).name);
+}
+
+TEST(NvtraceJsonTest, OneObjectPerRecordWithTimeDepthAndCodes)
+{
+    SampleTrace s;
+    s.Add(4, 't', "11/15/26").Add(4, 'T', "09:30:00.125").Add(4, '>', "CDBConverter::FinalConstruct")
+        .Add(4, 'U', "say \"hi\"\\").Add(4, 'E', "-2147024894 ").Add(4, '<').Add(0, 'N', "11-16-2026")
+        .Add(5, 'U', "next");
+    std::ostringstream out;
+    nvtrace::WriteJsonLines(nvtrace::Decode(s.bytes()), out);
+    const std::size_t head = nvtrace_test::HeaderBytes(nvtrace_test::StandardHeader()).size();
+    const std::string o = std::to_string(head);
+    std::istringstream lines(out.str());
+    std::string line;
+    std::vector<std::string> all;
+    while (std::getline(lines, line))
+        all.push_back(line);
+    ASSERT_EQ(8u, all.size()) << out.str();
+    EXPECT_EQ("{\"offset\":" + o + ",\"process\":1,\"thread\":4,\"kind\":\"t\",\"time\":\"11/15/26\",\"depth\":0,"
+              "\"text\":\"11/15/26\"}",
+              all[0]);
+    EXPECT_EQ("{\"offset\":" + std::to_string(head + 15 + 19) +
+                  ",\"process\":1,\"thread\":4,\"kind\":\">\",\"time\":\"11/15/26 09:30:00.125\",\"depth\":0,"
+                  "\"text\":\"CDBConverter::FinalConstruct\"}",
+              all[2]);
+    EXPECT_NE(std::string::npos, all[3].find("\"depth\":1,\"text\":\"say \\\"hi\\\"\\\\\"}")) << all[3];
+    EXPECT_NE(std::string::npos, all[4].find("\"kind\":\"E\",\"time\":\"11/15/26 09:30:00.125\",\"depth\":1,"
+                                             "\"text\":\"-2147024894 \",\"code\":\"0x80070002\","
+                                             "\"name\":\"HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)\","))
+        << all[4];
+    EXPECT_NE(std::string::npos, all[5].find("\"kind\":\"<\",\"time\":\"11/15/26 09:30:00.125\",\"depth\":0")) << all[5];
+    EXPECT_NE(std::string::npos, all[6].find("\"process\":2,\"thread\":0,\"kind\":\"N\",\"time\":\"11/16/26\"")) << all[6];
+    EXPECT_NE(std::string::npos, all[7].find("\"process\":2,\"thread\":5,\"kind\":\"U\",\"time\":\"11/16/26\"")) << all[7];
+}
+
+TEST(NvtraceSummaryTest, CommandLineOptionsExcludeEachOther)
+{
+    std::ostringstream out, err;
+    EXPECT_EQ(1, nvtrace::RunCli({"--summary", "--json", "x.trc3"}, out, err));
+    EXPECT_EQ("", out.str());
+    EXPECT_EQ(0u, err.str().find("nvtrace: --raw, --summary and --json exclude each other\n")) << err.str();
+}
