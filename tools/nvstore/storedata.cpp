@@ -8,6 +8,7 @@
 #include "common/handles.h"
 #include "common/hresult.h"
 #include "converter3/nvstore_api.h"
+#include "storecounters.h"
 #include "storelayout.h"
 
 namespace nvstore {
@@ -324,6 +325,17 @@ void CreateKeyPair(const std::wstring& sid)
     const std::wstring container = ContainerName(sid);
     DeleteContainer(container); // a leftover of a record that no longer exists
     {
+        LARGE_INTEGER start, end;
+        ::QueryPerformanceCounter(&start);
+        struct KeyPairTicks {
+            LARGE_INTEGER& start;
+            LARGE_INTEGER& end;
+            ~KeyPairTicks()
+            {
+                ::QueryPerformanceCounter(&end);
+                AddKeyPairTicks(end.QuadPart - start.QuadPart);
+            }
+        } ticks{start, end};
         nv::unique_hcryptprov prov;
         if (!::CryptAcquireContextW(prov.put(), container.c_str(), kKeyProvider, PROV_RSA_FULL,
                                     CRYPT_MACHINE_KEYSET | CRYPT_NEWKEYSET))
