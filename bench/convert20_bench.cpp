@@ -6,7 +6,7 @@
 // under the user's public key, import that key).
 //
 //   convert20_bench [--users N[,N...]] [--policies default|strict|default,strict]
-//                   [--key-bits N] [--seed N]
+//                   [--key-bits N] [--seed N] [--trace FILE]
 //
 // --users: database sizes, smallest first; the first is the base of the scaling
 //   ratios. --policies: the conversion policy under
@@ -14,7 +14,8 @@
 //   "strict" sets it to 1; with both, each size is converted under each, one after
 //   the other, and the strict run is shown against the default one. --key-bits: the
 //   size of the users' key pairs that the store generates (its UserKeyBits; 2048 is
-//   the store's own default).
+//   the store's own default). --trace: the conversion writes a trace at verbosity 10
+//   into FILE (a Windows path), for finding where the time goes; it costs time itself.
 //
 // It rewrites the suite's registry keys and the store, and deletes the machine and
 // store key containers it made: run it in a scratch Wine prefix (scripts/bench does).
@@ -46,6 +47,7 @@ struct Options {
     std::vector<bool> strict{false};
     DWORD keyBits = 2048;
     unsigned long long seed = 1;
+    std::wstring traceFile; // with a name: the conversion traces at verbosity 10 into it
 };
 
 void WipeVendorKeys()
@@ -181,6 +183,16 @@ bool RunOnce(const Options& options, unsigned users, bool strict, RunResult& r)
     nvstore::inspect::SetUserKeyBits(options.keyBits);
     if (!SetPolicy(strict))
         return false;
+    if (!options.traceFile.empty()) {
+        nv::CNVRegKey tracing;
+        const DWORD on = 1, verbosity = 10;
+        if (tracing.Create(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane\\Tracing", KEY_ALL_ACCESS) != ERROR_SUCCESS)
+            return false;
+        ::RegSetValueExW(tracing, L"DoTrace", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&on), sizeof(on));
+        ::RegSetValueExW(tracing, L"Verbosity", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&verbosity),
+                         sizeof(verbosity));
+        nv::SetStringValue(tracing, L"FileName", options.traceFile.c_str());
+    }
 
     nvwriter::Db20Options dbOptions;
     dbOptions.seed = options.seed;
@@ -298,6 +310,8 @@ bool ParseArgs(int argc, char** argv, Options& o)
                 return false;
         } else if (!std::strcmp(argv[i], "--key-bits")) {
             o.keyBits = static_cast<DWORD>(std::strtoul(v, nullptr, 10));
+        } else if (!std::strcmp(argv[i], "--trace")) {
+            o.traceFile.assign(v, v + std::strlen(v));
         } else if (!std::strcmp(argv[i], "--seed")) {
             o.seed = std::strtoull(v, nullptr, 10);
         } else {
@@ -316,7 +330,7 @@ int main(int argc, char** argv)
     Options options;
     if (!ParseArgs(argc, argv, options)) {
         std::fprintf(stderr, "usage: convert20_bench [--users N[,N...]] [--policies default|strict|default,strict] "
-                             "[--key-bits N] [--seed N]\n");
+                             "[--key-bits N] [--seed N] [--trace FILE]\n");
         return 2;
     }
     if (FAILED(::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) {
