@@ -13,6 +13,15 @@ configure_file(${CMAKE_SOURCE_DIR}/cmake/wine-run.in ${CMAKE_BINARY_DIR}/wine-ru
                FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_BINARY_DIR}/wine-run)
 
+# Every test that runs Windows code owns one Wine prefix while it runs: the tests
+# share HKLM\SOFTWARE\Norvane, the trace settings and the store, so two of them must
+# never meet in one registry. scripts/test hands CTest a resource file with one slot
+# per prefix ($WINEPREFIX, then $WINEPREFIX-p1, ...) and runs that many tests at
+# once; wine-run picks the prefix CTest allocated. Without a resource file CTest runs
+# the tests one at a time in build/wineprefix. Any test added with add_test that runs
+# Wine takes these properties too.
+set(NV_WINE_TEST_PROPERTIES RESOURCE_GROUPS wineprefix:1)
+
 set(NV_WIN_LIBS crypt32 advapi32 netapi32 ole32 oleaut32 uuid rpcrt4 wtsapi32 version)
 
 # Everything a test may load or start at run time: the DLL, the tools, the store.

@@ -10,6 +10,7 @@
 #include "common/hresult.h"
 #include "common/regkey.h"
 #include "converter3/authinfo.h"
+#include "converter3/conversion_policy.h"
 #include "converter3/logon_info_name.h"
 #include "converter3/nvstore_api.h"
 #include "converter3/secretpacking.h"
@@ -129,6 +130,11 @@ HRESULT CConverter3::do_Convert()
     std::unique_ptr<LegacyNVDB2::CLocalDBUserExtractor> extractor;
     NV_USER_RECORD* pUsers = nullptr;
     DWORD cUsers = 0;
+
+    // Read once per Convert; a change of the policy takes effect with the next one.
+    const bool strict = nvconv3::ReadConversionPolicy() == nvconv3::ConversionPolicy::Strict;
+    if (strict)
+        NVTraceNS::Trace(scope, 0, "Conversion policy: strict");
 
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
         extractor = std::make_unique<LegacyNVDB2::CLocalDBUserExtractor>();

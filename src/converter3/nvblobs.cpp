@@ -91,11 +91,24 @@ void NVDecodeObject(LPCSTR lpszStructType, const BYTE* pbDer, DWORD cbDer, nv::C
 void CNVAnyBlob::Encode(nv::CCryptBlob& der) const
 {
     if (IsStructType(m_lpszStructType, X509_ANY_STRING)) {
-        // The raw value ends in its terminating zero, which is not part of the string.
+        // The BMPString carries the string up to and including its terminating zero,
+        // as the raw value holds it: readers of the format take it as zero-terminated
+        // UTF-16. A raw value that lacks the terminator gets one here.
+        const DWORD maxChars = pbData ? cbData / sizeof(wchar_t) : 0;
+        const auto* chars = reinterpret_cast<const wchar_t*>(pbData);
+        DWORD n = 0;
+        while (n < maxChars && chars[n] != L'\0')
+            ++n;
         CERT_NAME_VALUE value{};
         value.dwValueType = CERT_RDN_BMP_STRING;
-        value.Value.pbData = pbData;
-        value.Value.cbData = cbData >= sizeof(wchar_t) ? cbData - sizeof(wchar_t) : 0;
+        value.Value.cbData = (n + 1) * sizeof(wchar_t);
+        nv::CCryptBlob terminated;
+        if (n < maxChars) {
+            value.Value.pbData = pbData;
+        } else {
+            std::memcpy(terminated.Allocate(value.Value.cbData), pbData, n * sizeof(wchar_t));
+            value.Value.pbData = terminated.pbData;
+        }
         NVEncodeObject(X509_ANY_STRING, &value, der);
         return;
     }
@@ -120,12 +133,19 @@ void CNVAnyBlob::Decode(const BYTE* pbDer, DWORD cbDer)
         const auto* value = reinterpret_cast<const CERT_NAME_VALUE*>(decoded.pbData);
         if (!IsAcceptedStringType(value->dwValueType))
             return;
+        // An item may carry the terminating zero or not; both give the same string,
+        // held once with its terminator.
         if (value->dwValueType == CERT_RDN_BMP_STRING) {
-            const DWORD chars = value->Value.cbData / sizeof(wchar_t);
+            DWORD chars = value->Value.cbData / sizeof(wchar_t);
+            const auto* src = reinterpret_cast<const wchar_t*>(value->Value.pbData);
+            if (chars && src[chars - 1] == L'\0')
+                --chars;
             BYTE* p = Allocate((chars + 1) * sizeof(wchar_t));
             std::memcpy(p, value->Value.pbData, chars * sizeof(wchar_t));
         } else {
-            const DWORD chars = value->Value.cbData;
+            DWORD chars = value->Value.cbData;
+            if (chars && value->Value.pbData[chars - 1] == 0)
+                --chars;
             auto* p = reinterpret_cast<wchar_t*>(Allocate((chars + 1) * sizeof(wchar_t)));
             for (DWORD i = 0; i < chars; ++i)
                 p[i] = static_cast<wchar_t>(value->Value.pbData[i]);

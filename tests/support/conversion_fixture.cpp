@@ -149,7 +149,7 @@ std::vector<BYTE> GuidMemoryBytes(const GUID& g)
     return std::vector<BYTE>(p, p + sizeof(GUID));
 }
 
-bool DecodePackedPassword(const std::vector<BYTE>& packed, DWORD* version, std::wstring* password)
+std::vector<BYTE> UnscramblePackedPassword(const std::vector<BYTE>& packed)
 {
     std::uint32_t key[4];
     for (int i = 0; i < 4; ++i)
@@ -158,6 +158,48 @@ bool DecodePackedPassword(const std::vector<BYTE>& packed, DWORD* version, std::
     nvcipher::WordsToRegister(nvkeys::kSecretInitialRegister, iv);
     std::vector<BYTE> plain(packed.size());
     nvcipher::CfbDecrypt(key, iv, packed.data(), plain.data(), plain.size());
+    return plain;
+}
+
+namespace {
+
+void AppendDerLength(std::vector<BYTE>& out, size_t n)
+{
+    if (n < 0x80) {
+        out.push_back(static_cast<BYTE>(n));
+    } else if (n < 0x100) {
+        out.push_back(0x81);
+        out.push_back(static_cast<BYTE>(n));
+    } else {
+        out.push_back(0x82);
+        out.push_back(static_cast<BYTE>(n >> 8));
+        out.push_back(static_cast<BYTE>(n));
+    }
+}
+
+} // namespace
+
+std::vector<BYTE> ExpectedPasswordSecretDer(const std::wstring& password)
+{
+    std::vector<BYTE> text;
+    for (wchar_t c : password) {
+        text.push_back(static_cast<BYTE>(c >> 8));
+        text.push_back(static_cast<BYTE>(c));
+    }
+    text.push_back(0x00);
+    text.push_back(0x00);
+    std::vector<BYTE> body{0x02, 0x01, 0x01, 0x1E};
+    AppendDerLength(body, text.size());
+    body.insert(body.end(), text.begin(), text.end());
+    std::vector<BYTE> out{0x30};
+    AppendDerLength(out, body.size());
+    out.insert(out.end(), body.begin(), body.end());
+    return out;
+}
+
+bool DecodePackedPassword(const std::vector<BYTE>& packed, DWORD* version, std::wstring* password)
+{
+    const std::vector<BYTE> plain = UnscramblePackedPassword(packed);
 
     bool ok = true;
     const auto items = Items(plain, 2, &ok);
@@ -264,6 +306,8 @@ void ExpectUserConverted(const nvwriter::Db20User& user, const ConvertedExpectat
             EXPECT_TRUE(DecodePackedPassword(opened, &version, &password)) << Narrow(name);
             EXPECT_EQ(1u, version);
             EXPECT_EQ(PasswordOf(user), password);
+            // Byte for byte: SEQUENCE { 1, the password with its terminating zero }.
+            EXPECT_EQ(ExpectedPasswordSecretDer(PasswordOf(user)), UnscramblePackedPassword(opened)) << Narrow(name);
         } else {
             EXPECT_NE(secret->content, it->second) << "secret stored in plain: " << Narrow(name);
             EXPECT_EQ(secret->content, opened) << Narrow(name);

@@ -66,6 +66,11 @@ std::vector<BYTE> GuidMemoryBytes(const GUID& g);
 // may carry one terminating zero character; anything else after the text, another
 // item count or another string type is not the packed format (false).
 bool DecodePackedPassword(const std::vector<BYTE>& packed, DWORD* version, std::wstring* password);
+// The packed password secret unscrambled, as it stands.
+std::vector<BYTE> UnscramblePackedPassword(const std::vector<BYTE>& packed);
+// The DER a 3.0 password secret of this password must unscramble to, made by hand:
+// SEQUENCE { INTEGER 1, BMPString password with its terminating zero }.
+std::vector<BYTE> ExpectedPasswordSecretDer(const std::wstring& password);
 
 // The name under which a secret field of the old database lands in the store.
 std::wstring StoredSecretName(const nvwriter::Db20Secret& secret, const std::wstring& logonInfoName);
