@@ -1,56 +1,43 @@
-// Converting a format 1.0 database through the library's Convert, next to a plain
-// RegCopyTreeW of the same tree, measured in the same run.
-//
-// Convert backs the whole database up (a recursive copy), strips the name indexes,
-// deletes the policy keys and finally deletes the backup, so its time is best read
-// as a multiple of one copy of the tree.
+// Format 1.0 -> 2.0: the library's Convert, its backup copy and its recursive delete,
+// each beside the registry's own tree functions on the same tree, measured in the
+// same run; and Convert with tracing switched off and on beside Convert with no
+// Tracing key at all.
 //
 //   convert10_bench [--users N] [--domains N] [--seed N] [--runs N]
 //
-// It rewrites HKLM\SOFTWARE\Norvane\DB (32-bit view) and deletes it at the end:
-// run it in a scratch Wine prefix. Registry calls cost several times more when the
-// client and the wineserver sit on different CPUs, so pin both to one CPU for
-// stable figures:
-//   WINEPREFIX=... taskset -c 0 /usr/lib/wine/wineserver -p
-//   WINEPREFIX=... taskset -c 0 /usr/lib/wine/wine64 build/win/bin/convert10_bench.exe
+// Figures (medians over the runs; run 0 warms up and is not counted):
+//   Convert                 vs RegCopyTreeW + RegDeleteTreeW (what Convert must do
+//                           at least: copy the tree to the backup, delete the backup)
+//   backup copy (CopyKey)   vs RegCopyTreeW
+//   cleanup delete (DeleteKey) vs RegDeleteTreeW
+//   Convert, tracing off    vs Convert without a Tracing key
+//   Convert, tracing on (verbosity 10, file) vs Convert, tracing off
+//
+// It rewrites HKLM\SOFTWARE\Norvane\DB (32-bit view) and the Tracing key and deletes
+// them at the end: run it in a scratch Wine prefix (scripts/bench does). Registry
+// calls cost several times more when the client and the wineserver sit on different
+// CPUs, so pin both to one CPU for stable figures (scripts/bench does that too).
 #include <windows.h>
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "common/handles.h"
-#include "common/procaddress.h"
+#include "bench_util.h"
 #include "common/regkey.h"
+#include "frame/baseconverter.h"
+#include "trace/trace_output.h"
 #include "writer/legacy_writer.h"
 
 namespace {
 
+constexpr REGSAM kDbView = KEY_WOW64_32KEY;
+constexpr const wchar_t kCopyName[] = L"BenchCopy";
 constexpr const wchar_t kCopyPath[] = L"SOFTWARE\\Norvane\\BenchCopy";
+constexpr const wchar_t kTraceFile[] = L"C:\\windows\\temp\\convert10_bench.trc3";
 
-double Seconds(LARGE_INTEGER a, LARGE_INTEGER b)
-{
-    LARGE_INTEGER f;
-    ::QueryPerformanceFrequency(&f);
-    return static_cast<double>(b.QuadPart - a.QuadPart) / static_cast<double>(f.QuadPart);
-}
-
-double Median(std::vector<double> v)
-{
-    std::sort(v.begin(), v.end());
-    return v.empty() ? 0.0 : v[v.size() / 2];
-}
-
-std::wstring ExeDirectory()
-{
-    wchar_t buf[MAX_PATH];
-    DWORD n = ::GetModuleFileNameW(nullptr, buf, MAX_PATH);
-    std::wstring p(buf, n);
-    size_t slash = p.find_last_of(L"\\/");
-    return slash == std::wstring::npos ? std::wstring() : p.substr(0, slash + 1);
-}
+enum class Tracing { NoKey, Off, OnVerbose };
 
 bool WriteDb(const nvwriter::DbOptions& options, nvwriter::DbRecord* record)
 {
@@ -60,56 +47,97 @@ bool WriteDb(const nvwriter::DbOptions& options, nvwriter::DbRecord* record)
     return SUCCEEDED(hr);
 }
 
-// Times Convert of a freshly loaded library; <0 on failure.
-double TimeConvert()
+void SetTracing(Tracing tracing)
 {
-    nv::unique_hmodule dll(::LoadLibraryW((ExeDirectory() + L"NVDBConv.dll").c_str()));
-    if (!dll) {
-        std::fprintf(stderr, "cannot load NVDBConv.dll: %lu\n", ::GetLastError());
+    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, NVTraceNS::kTracingKeyPath);
+    ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, NVTraceNS::kTracingKeyPath);
+    ::DeleteFileW(kTraceFile);
+    if (tracing == Tracing::NoKey)
+        return;
+    nv::CNVRegKey key;
+    if (key.Create(HKEY_LOCAL_MACHINE, NVTraceNS::kTracingKeyPath, KEY_ALL_ACCESS) != ERROR_SUCCESS)
+        return;
+    const DWORD on = tracing == Tracing::OnVerbose ? 1 : 0;
+    const DWORD verbosity = 10;
+    ::RegSetValueExW(key, L"DoTrace", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&on), sizeof(on));
+    ::RegSetValueExW(key, L"Verbosity", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&verbosity), sizeof(verbosity));
+    nv::SetStringValue(key, L"FileName", kTraceFile);
+}
+
+// Times Convert of a freshly loaded library; <0 on failure.
+double TimeConvert(Tracing tracing)
+{
+    SetTracing(tracing);
+    nvbench::Library dll;
+    if (!dll)
         return -1;
-    }
-    using ConvertFn = HRESULT(__stdcall*)();
-    auto convert = nv::GetProcAs<ConvertFn>(dll.get(), "Convert");
-    if (!convert)
-        return -1;
-    LARGE_INTEGER a, b;
-    ::QueryPerformanceCounter(&a);
-    HRESULT hr = convert();
-    ::QueryPerformanceCounter(&b);
+    nvbench::Stopwatch watch;
+    HRESULT hr = dll.Convert();
+    const double seconds = watch.Seconds();
+    SetTracing(Tracing::NoKey);
     if (hr != S_OK) {
         std::fprintf(stderr, "Convert returned 0x%08lX\n", static_cast<unsigned long>(hr));
         return -1;
     }
     nv::CNVRegKey db;
     std::wstring version;
-    if (db.Open(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, KEY_READ | KEY_WOW64_32KEY) != ERROR_SUCCESS ||
+    if (db.Open(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, KEY_READ | kDbView) != ERROR_SUCCESS ||
         nv::QueryStringValue(db, L"Version", version) != ERROR_SUCCESS || version != L"2.0") {
         std::fprintf(stderr, "the database does not read \"2.0\" after Convert\n");
         return -1;
     }
-    return Seconds(a, b);
+    return seconds;
 }
 
-// Times RegCopyTreeW of the database into a scratch key of the same view; <0 on failure.
-double TimeCopyTree()
+struct TreeTimes {
+    double copyKey = -1, copyTree = -1, deleteKey = -1, deleteTree = -1;
+};
+
+// The library's CopyKey (as Backup calls it: from the open database key into a new
+// key of the 32-bit view) and DeleteKey of that copy, then RegCopyTreeW and
+// RegDeleteTreeW of the same tree.
+bool TimeTrees(TreeTimes& t)
 {
-    nvwriter::WipeDatabase(kCopyPath, KEY_WOW64_32KEY);
-    nv::unique_hkey src, dst;
-    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, 0, KEY_READ | KEY_WOW64_32KEY, src.put()) ||
-        ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, kCopyPath, 0, nullptr, 0, KEY_ALL_ACCESS | KEY_WOW64_32KEY, nullptr,
-                          dst.put(), nullptr))
-        return -1;
-    LARGE_INTEGER a, b;
-    ::QueryPerformanceCounter(&a);
-    LONG r = ::RegCopyTreeW(src.get(), nullptr, dst.get());
-    ::QueryPerformanceCounter(&b);
-    dst.reset();
-    nvwriter::WipeDatabase(kCopyPath, KEY_WOW64_32KEY);
+    nvwriter::WipeDatabase(kCopyPath, kDbView);
+    nv::CNVRegKey db, vendor;
+    if (db.Open(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, KEY_READ | KEY_WRITE | kDbView) != ERROR_SUCCESS ||
+        vendor.Open(HKEY_LOCAL_MACHINE, nv::kVendorKeyPath, KEY_ALL_ACCESS | kDbView) != ERROR_SUCCESS)
+        return false;
+
+    nvbench::Stopwatch copyWatch;
+    HRESULT hr = CBaseConverter::CopyKey(HKEY_LOCAL_MACHINE, kCopyPath, kDbView, db, L"", 0);
+    t.copyKey = copyWatch.Seconds();
+    if (hr != S_OK) {
+        std::fprintf(stderr, "CopyKey failed: 0x%08lX\n", static_cast<unsigned long>(hr));
+        return false;
+    }
+    nvbench::Stopwatch deleteWatch;
+    hr = CBaseConverter::DeleteKey(HKEY_LOCAL_MACHINE, kCopyPath, kDbView);
+    t.deleteKey = deleteWatch.Seconds();
+    if (hr != S_OK) {
+        std::fprintf(stderr, "DeleteKey failed: 0x%08lX\n", static_cast<unsigned long>(hr));
+        return false;
+    }
+
+    nv::CNVRegKey dst;
+    if (dst.Create(HKEY_LOCAL_MACHINE, kCopyPath, KEY_ALL_ACCESS | kDbView) != ERROR_SUCCESS)
+        return false;
+    nvbench::Stopwatch treeWatch;
+    LONG r = ::RegCopyTreeW(db, nullptr, dst);
+    t.copyTree = treeWatch.Seconds();
+    dst.Close();
     if (r != ERROR_SUCCESS) {
         std::fprintf(stderr, "RegCopyTreeW failed: %ld\n", r);
-        return -1;
+        return false;
     }
-    return Seconds(a, b);
+    nvbench::Stopwatch deleteTreeWatch;
+    r = ::RegDeleteTreeW(vendor, kCopyName);
+    t.deleteTree = deleteTreeWatch.Seconds();
+    if (r != ERROR_SUCCESS) {
+        std::fprintf(stderr, "RegDeleteTreeW failed: %ld\n", r);
+        return false;
+    }
+    return true;
 }
 
 bool ParseArgs(int argc, char** argv, nvwriter::DbOptions& options, unsigned& runs)
@@ -145,30 +173,57 @@ int main(int argc, char** argv)
         return 2;
     }
 
-    std::vector<double> convert, copy;
+    std::vector<double> convert, convertOff, convertOn, copyKey, copyTree, deleteKey, deleteTree;
     nvwriter::DbRecord record;
-    // Run 0 warms the registry and the loader up and is not counted.
     for (unsigned run = 0; run <= runs; ++run) {
+        double c[3];
+        const Tracing order[3] = {Tracing::NoKey, Tracing::Off, Tracing::OnVerbose};
+        for (int k = 0; k < 3; ++k) {
+            if (!WriteDb(options, &record))
+                return 1;
+            c[k] = TimeConvert(order[k]);
+            if (c[k] < 0)
+                return 1;
+        }
         if (!WriteDb(options, &record))
             return 1;
-        double c = TimeConvert();
-        if (!WriteDb(options, &record))
-            return 1;
-        double t = TimeCopyTree();
-        if (c < 0 || t < 0)
+        TreeTimes t;
+        if (!TimeTrees(t))
             return 1;
         if (run == 0)
             continue;
-        convert.push_back(c);
-        copy.push_back(t);
-        std::printf("run %u: Convert %.1f ms, RegCopyTreeW %.1f ms, ratio %.2f\n", run, c * 1e3, t * 1e3, c / t);
+        convert.push_back(c[0]);
+        convertOff.push_back(c[1]);
+        convertOn.push_back(c[2]);
+        copyKey.push_back(t.copyKey);
+        copyTree.push_back(t.copyTree);
+        deleteKey.push_back(t.deleteKey);
+        deleteTree.push_back(t.deleteTree);
+        std::printf("run %u: Convert %.1f ms (trace off %.1f, on %.1f); CopyKey %.1f, RegCopyTreeW %.1f; "
+                    "DeleteKey %.1f, RegDeleteTreeW %.1f ms\n",
+                    run, c[0] * 1e3, c[1] * 1e3, c[2] * 1e3, t.copyKey * 1e3, t.copyTree * 1e3, t.deleteKey * 1e3,
+                    t.deleteTree * 1e3);
     }
     nvwriter::WipeDatabase(options.dbPath, options.view);
+    SetTracing(Tracing::NoKey);
 
-    const double mc = Median(convert), mt = Median(copy);
-    std::printf("format 1.0 database: %zu users in %u domains, %zu keys, %zu values\n", record.users.size(),
-                static_cast<unsigned>(record.stores.size() - 1), record.keys.size(), record.ValueCount());
-    std::printf("median of %u runs: Convert %.1f ms, RegCopyTreeW %.1f ms, Convert / RegCopyTreeW = %.2f\n", runs,
-                mc * 1e3, mt * 1e3, mc / mt);
+    std::printf("format 1.0 database: %zu users in %u domains, %zu keys, %zu values; medians of %u runs\n",
+                record.users.size(), static_cast<unsigned>(record.stores.size() - 1), record.keys.size(),
+                record.ValueCount(), runs);
+    const double mConvert = nvbench::Median(convert) * 1e3;
+    const double mCopyTree = nvbench::Median(copyTree) * 1e3;
+    const double mDeleteTree = nvbench::Median(deleteTree) * 1e3;
+    char figure[128];
+    std::snprintf(figure, sizeof(figure), "1.0->2.0 Convert %zu users (floor RegCopyTreeW+RegDeleteTreeW)",
+                  record.users.size());
+    nvbench::Row(figure, mConvert, mCopyTree + mDeleteTree, "<=1.35", "ms");
+    nvbench::Row("backup copy CopyKey (anchor RegCopyTreeW)", nvbench::Median(copyKey) * 1e3, mCopyTree, "<=1.35",
+                 "ms");
+    nvbench::Row("cleanup delete DeleteKey (anchor RegDeleteTreeW)", nvbench::Median(deleteKey) * 1e3, mDeleteTree,
+                 "<=1.15", "ms");
+    nvbench::Row("1.0->2.0 Convert tracing off (anchor no Tracing key)", nvbench::Median(convertOff) * 1e3, mConvert,
+                 "<1.01", "ms");
+    nvbench::Row("1.0->2.0 Convert tracing on v10 file (anchor tracing off)", nvbench::Median(convertOn) * 1e3,
+                 nvbench::Median(convertOff) * 1e3, "<1.10", "ms");
     return 0;
 }

@@ -166,6 +166,9 @@ HRESULT CConverter3::do_Cleanup()
 HRESULT CConverter3::do_Convert()
 {
     NVTraceNS::CTraceScope scope("CConverter3::do_Convert", 0);
+    // Every secret read opens a security context on the machine container: they
+    // share one open container for the whole conversion.
+    nvsecurity::CProviderCache providers;
     // The status of the last user shown in the trace. Set once, before the first
     // user, and deliberately not reset per user: a user for whom neither the key
     // read, a template nor a failure recorded anything shows its predecessor's.

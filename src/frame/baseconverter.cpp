@@ -157,7 +157,7 @@ HRESULT CBaseConverter::CopyKey(HKEY hDstRoot, const wchar_t* wszDstPath, REGSAM
 
         wchar_t name[kNameBufferChars];
         for (DWORD index = 0;; ++index) {
-            ::ZeroMemory(name, sizeof(name));
+            name[0] = L'\0'; // the registry writes the name and its terminator
             DWORD cchName = kNameCapacity;
             DWORD type = 0;
             DWORD cbData = 0;
@@ -179,7 +179,7 @@ HRESULT CBaseConverter::CopyKey(HKEY hDstRoot, const wchar_t* wszDstPath, REGSAM
         }
 
         for (DWORD index = 0;; ++index) {
-            ::ZeroMemory(name, sizeof(name));
+            name[0] = L'\0'; // the registry writes the name and its terminator
             DWORD cchName = kNameCapacity;
             LONG r = ::RegEnumKeyExW(src.get(), index, name, &cchName, nullptr, nullptr, nullptr, nullptr);
             if (r == ERROR_NO_MORE_ITEMS)
@@ -194,19 +194,31 @@ HRESULT CBaseConverter::CopyKey(HKEY hDstRoot, const wchar_t* wszDstPath, REGSAM
 
 HRESULT CBaseConverter::DeleteKey(HKEY hRoot, const wchar_t* wszPath, REGSAM samView)
 {
+    DeletePrivilege privilege;
+    return DeleteKeyTree(hRoot, wszPath, samView, privilege);
+}
+
+HRESULT CBaseConverter::DeleteKeyTree(HKEY hRoot, const wchar_t* wszPath, REGSAM samView, DeletePrivilege& privilege)
+{
     NVTraceNS::CTraceScope scope("CBaseConverter::DeleteKey", 0);
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
         nv::unique_hkey parent;
         nv::ThrowIfWin32Failed(::RegOpenKeyExW(hRoot, L"", 0, kDeleteParentAccess | samView, parent.put()));
         nv::unique_hkey target;
         nv::ThrowIfWin32Failed(::RegOpenKeyExW(parent.get(), wszPath, 0, KEY_ALL_ACCESS | samView, target.put()));
-        nv::ThrowIfFailed(GrantFullAccess(target.get(), KEY_ALL_ACCESS));
+        if (!privilege.known) {
+            privilege.privileged = nv::CallerIsSystemOrAdministrator();
+            privilege.known = true;
+        }
+        // S_FALSE when the DACL cannot be set: the delete is tried anyway.
+        if (privilege.privileged)
+            nv::ThrowIfFailed(nv::SetProtectedKeyDacl(target.get(), KEY_ALL_ACCESS));
 
         // List first, delete afterwards: deleting while enumerating shifts the indexes.
         std::vector<std::wstring> children;
         wchar_t name[kNameBufferChars];
         for (DWORD index = 0;; ++index) {
-            ::ZeroMemory(name, sizeof(name));
+            name[0] = L'\0'; // the registry writes the name and its terminator
             DWORD cchName = kNameCapacity;
             LONG r = ::RegEnumKeyExW(target.get(), index, name, &cchName, nullptr, nullptr, nullptr, nullptr);
             if (r == ERROR_NO_MORE_ITEMS)
@@ -215,7 +227,7 @@ HRESULT CBaseConverter::DeleteKey(HKEY hRoot, const wchar_t* wszPath, REGSAM sam
             children.emplace_back(name);
         }
         for (const std::wstring& child : children)
-            nv::ThrowIfFailed(DeleteKey(target.get(), child.c_str(), samView));
+            nv::ThrowIfFailed(DeleteKeyTree(target.get(), child.c_str(), samView, privilege));
 
         target.reset();
         // A path under a root such as HKEY_LOCAL_MACHINE crosses the redirected

@@ -56,6 +56,17 @@ protected:
     // Reads "Backup" from the database key; empty when the key or value is missing.
     std::wstring ReadBackupPath();
 
+private:
+    // DeleteKey's recursion. The privilege test of the access grant reads the
+    // caller's token; its answer is the same for every key of one delete, so it is
+    // asked once, at the first grant, and handed down.
+    struct DeletePrivilege {
+        bool known = false;
+        bool privileged = false;
+    };
+    static HRESULT DeleteKeyTree(HKEY hRoot, const wchar_t* wszPath, REGSAM samView, DeletePrivilege& privilege);
+
+protected:
     std::wstring m_wstrTargetVersion;
     DWORD m_dwTargetVersion;
     nv::CNVRegKey m_dbKey;

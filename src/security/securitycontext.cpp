@@ -3,6 +3,7 @@
 #include <aclapi.h>
 #include <objbase.h>
 #include <cstring>
+#include <cwchar>
 #include <vector>
 
 #include "common/apicalls.h"
@@ -228,6 +229,49 @@ bool CallerIsPrivileged() noexcept
     }
 }
 
+namespace {
+thread_local CProviderCache* t_providerCache = nullptr;
+}
+
+CProviderCache::CProviderCache() noexcept : m_outer(t_providerCache)
+{
+    t_providerCache = this;
+}
+
+CProviderCache::~CProviderCache()
+{
+    t_providerCache = m_outer;
+    for (size_t i = 0; i < m_count; ++i)
+        ::CryptReleaseContext(m_entries[i].hProv, 0);
+}
+
+bool CProviderCache::AcquireMachineContainer(const wchar_t* container, HCRYPTPROV* phProv) noexcept
+{
+    CProviderCache* cache = t_providerCache;
+    if (cache && container) {
+        for (size_t i = 0; i < cache->m_count; ++i) {
+            Entry& e = cache->m_entries[i];
+            if (std::wcscmp(e.container, container) == 0 && ::CryptContextAddRef(e.hProv, nullptr, 0)) {
+                *phProv = e.hProv;
+                return true;
+            }
+        }
+    }
+    HCRYPTPROV hProv = 0;
+    if (!::CryptAcquireContextW(&hProv, container, kProviderName, PROV_RSA_FULL, CRYPT_MACHINE_KEYSET))
+        return false;
+    // The cache keeps a reference of its own; a container it has no room or no
+    // reference for is simply not shared.
+    if (cache && container && cache->m_count < kMaxEntries && std::wcslen(container) < kContainerNameChars &&
+        ::CryptContextAddRef(hProv, nullptr, 0)) {
+        Entry& e = cache->m_entries[cache->m_count++];
+        std::wcscpy(e.container, container);
+        e.hProv = hProv;
+    }
+    *phProv = hProv;
+    return true;
+}
+
 } // namespace nvsecurity
 
 // ---- CFPSecurityContext -------------------------------------------------
@@ -260,8 +304,7 @@ HRESULT CFPSecurityContext::FinalConstruct(REGSAM samView)
         nvsecurity::FormatContainerName(hostId, container);
         // The host service creates the container; here it is only opened.
         HCRYPTPROV hProv = 0;
-        if (!::CryptAcquireContextW(&hProv, container, nvsecurity::kProviderName, PROV_RSA_FULL,
-                                    CRYPT_MACHINE_KEYSET))
+        if (!nvsecurity::CProviderCache::AcquireMachineContainer(container, &hProv))
             nv::ThrowLastError();
         m_hProv = hProv;
         key.Close();

@@ -92,4 +92,34 @@ void FormatContainerName(const GUID& hostId, wchar_t (&name)[kContainerNameChars
 // the Administrators group (a deny-only group, as in a restricted token, does not
 // count). The same rule as the base converter's access grant.
 bool CallerIsPrivileged() noexcept;
+
+// Machine key containers kept open for the length of one conversion. Opening a
+// container loads its keys and releasing its last handle stores them back, which
+// costs more than the work done with it; a conversion makes a short-lived security
+// context for every secret it reads, all on the same container. While a cache is
+// alive on the thread, the contexts of that thread share one provider handle per
+// container (each holding a reference of its own); without one, every context opens
+// the container itself. Caches nest: the innermost one is used.
+class CProviderCache {
+public:
+    CProviderCache() noexcept;
+    ~CProviderCache();
+    CProviderCache(const CProviderCache&) = delete;
+    CProviderCache& operator=(const CProviderCache&) = delete;
+
+    // CryptAcquireContextW of the machine container with the Enhanced provider, or a
+    // new reference on the handle the thread's cache holds for it. The caller releases
+    // its handle with CryptReleaseContext. False with the last error as the open left it.
+    static bool AcquireMachineContainer(const wchar_t* container, HCRYPTPROV* phProv) noexcept;
+
+private:
+    struct Entry {
+        wchar_t container[kContainerNameChars];
+        HCRYPTPROV hProv;
+    };
+    static constexpr size_t kMaxEntries = 4;
+    Entry m_entries[kMaxEntries] = {};
+    size_t m_count = 0;
+    CProviderCache* m_outer = nullptr;
+};
 }

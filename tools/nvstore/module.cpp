@@ -6,6 +6,7 @@
 #include <string>
 #include "common/handles.h"
 #include "common/hresult.h"
+#include "storecounters.h"
 #include "storelayout.h"
 #include "storeobjects.h"
 
@@ -38,6 +39,7 @@ public:
         *ppv = nullptr;
         if (outer)
             return CLASS_E_NOAGGREGATION;
+        nvstore::COperationTimer timer;
         return nv::Guarded([&]() -> HRESULT {
             auto* store = new nvstore::CStoreObject();
             const HRESULT hr = store->QueryInterface(riid, ppv);
@@ -91,6 +93,14 @@ HRESULT __stdcall DllGetClassObject(REFCLSID clsid, REFIID riid, void** ppv)
     if (!IsEqualCLSID(clsid, nvstore::kClsidUserStore))
         return CLASS_E_CLASSNOTAVAILABLE;
     return g_factory.QueryInterface(riid, ppv);
+}
+
+HRESULT __stdcall NVStoreGetCounters(NVSTORE_COUNTERS* pCounters)
+{
+    if (!pCounters)
+        return E_POINTER;
+    nvstore::ReadCounters(pCounters);
+    return S_OK;
 }
 
 HRESULT __stdcall DllCanUnloadNow() { return nvstore::g_moduleCount == 0 ? S_OK : S_FALSE; }

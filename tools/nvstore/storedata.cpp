@@ -8,6 +8,7 @@
 #include "common/handles.h"
 #include "common/hresult.h"
 #include "converter3/nvstore_api.h"
+#include "storecounters.h"
 #include "storelayout.h"
 
 namespace nvstore {
@@ -352,6 +353,17 @@ void CreateKeyPair(const std::wstring& sid)
     // of a process stopped before it named its pair) is replaced.
     DeleteContainer(container);
     {
+        LARGE_INTEGER start, end;
+        ::QueryPerformanceCounter(&start);
+        struct KeyPairTicks {
+            LARGE_INTEGER& start;
+            LARGE_INTEGER& end;
+            ~KeyPairTicks()
+            {
+                ::QueryPerformanceCounter(&end);
+                AddKeyPairTicks(end.QuadPart - start.QuadPart);
+            }
+        } ticks{start, end};
         nv::unique_hcryptprov prov;
         if (!::CryptAcquireContextW(prov.put(), container.c_str(), kKeyProvider, PROV_RSA_FULL,
                                     CRYPT_MACHINE_KEYSET | CRYPT_NEWKEYSET))

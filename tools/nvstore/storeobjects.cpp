@@ -7,6 +7,7 @@
 #include <vector>
 #include "common/handles.h"
 #include "common/hresult.h"
+#include "storecounters.h"
 #include "storedata.h"
 #include "storelayout.h"
 
@@ -30,6 +31,7 @@ std::mutex& StoreLock()
 template <class Body>
 HRESULT Locked(Body&& body) noexcept
 {
+    COperationTimer timer;
     return nv::Guarded([&]() -> HRESULT {
         std::lock_guard<std::mutex> guard(StoreLock());
         return body();

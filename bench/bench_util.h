@@ -1,0 +1,92 @@
+// Helpers shared by the benchmarks: timing, medians, the library loaded the way an
+// installer loads it, and the result rows that scripts/bench collects.
+//
+// Every benchmark prints human-readable lines and, for each figure, one row
+//   ROW,<figure>,<ours>,<floor or anchor>,<ratio>,<goal>,<unit>
+// that scripts/bench gathers into its table and CSV file. Nothing is asserted: the
+// figures are for reading, ratios are measured side by side in one run.
+#pragma once
+#include <windows.h>
+#include <algorithm>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "common/handles.h"
+#include "common/procaddress.h"
+
+namespace nvbench {
+
+class Stopwatch {
+public:
+    Stopwatch() noexcept { ::QueryPerformanceCounter(&m_start); }
+    double Seconds() const noexcept
+    {
+        LARGE_INTEGER now, freq;
+        ::QueryPerformanceCounter(&now);
+        ::QueryPerformanceFrequency(&freq);
+        return static_cast<double>(now.QuadPart - m_start.QuadPart) / static_cast<double>(freq.QuadPart);
+    }
+
+private:
+    LARGE_INTEGER m_start;
+};
+
+inline double Median(std::vector<double> v)
+{
+    std::sort(v.begin(), v.end());
+    if (v.empty())
+        return 0.0;
+    const size_t n = v.size();
+    return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2.0;
+}
+
+inline std::wstring ExeDirectory()
+{
+    wchar_t buf[MAX_PATH];
+    DWORD n = ::GetModuleFileNameW(nullptr, buf, MAX_PATH);
+    std::wstring p(buf, n);
+    size_t slash = p.find_last_of(L"\\/");
+    return slash == std::wstring::npos ? std::wstring() : p.substr(0, slash + 1);
+}
+
+// NVDBConv.dll from the benchmark's folder, freshly loaded: the library reads the
+// database version (and its trace settings) on load, as in an installer.
+class Library {
+public:
+    Library() : m_dll(::LoadLibraryW((ExeDirectory() + L"NVDBConv.dll").c_str()))
+    {
+        if (!m_dll)
+            std::fprintf(stderr, "cannot load NVDBConv.dll: %lu\n", ::GetLastError());
+    }
+    explicit operator bool() const noexcept { return static_cast<bool>(m_dll); }
+    // Convert's result; E_FAIL when the export is missing.
+    HRESULT Convert()
+    {
+        using ConvertFn = HRESULT(__stdcall*)();
+        auto fn = nv::GetProcAs<ConvertFn>(m_dll.get(), "Convert");
+        return fn ? fn() : E_FAIL;
+    }
+
+private:
+    nv::unique_hmodule m_dll;
+};
+
+// One figure of the table. floor 0 means "no floor" (the ratio column stays empty).
+inline void Row(const char* figure, double ours, double floor, const char* goal, const char* unit)
+{
+    if (floor > 0)
+        std::printf("ROW,%s,%.3f,%.3f,%.3f,%s,%s\n", figure, ours, floor, ours / floor, goal, unit);
+    else
+        std::printf("ROW,%s,%.3f,,,%s,%s\n", figure, ours, goal, unit);
+    std::fflush(stdout);
+}
+
+// A point of a scaling curve: users, then named per-user figures in ms.
+inline void CurvePoint(unsigned users, double total, double library, double floor, double store)
+{
+    std::printf("CURVE,%u,%.3f,%.3f,%.3f,%.3f\n", users, total, library, floor, store);
+    std::fflush(stdout);
+}
+
+} // namespace nvbench

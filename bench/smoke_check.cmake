@@ -1,0 +1,54 @@
+# Runs scripts/bench --smoke (small sizes, no chart) on the build tree as it stands,
+# in a Wine prefix and wineserver of its own, and checks that every benchmark ran and
+# printed every figure. Times are not checked: this only proves the benchmarks run.
+# Called by CTest: cmake -DNV_ROOT=... -DNV_BUILD_DIR=... -DNV_BENCH_OUT=... -P smoke_check.cmake
+foreach(var NV_ROOT NV_BUILD_DIR NV_BENCH_OUT)
+    if(NOT DEFINED ${var})
+        message(FATAL_ERROR "smoke_check.cmake needs -D${var}=...")
+    endif()
+endforeach()
+
+execute_process(
+    COMMAND env NV_BENCH_SKIP_BUILD=1 NV_BUILD_DIR=${NV_BUILD_DIR}
+            bash ${NV_ROOT}/scripts/bench --smoke --out ${NV_BENCH_OUT}
+    INPUT_FILE /dev/null
+    OUTPUT_VARIABLE out
+    ERROR_VARIABLE err
+    RESULT_VARIABLE rc
+    TIMEOUT 110)
+message("${out}")
+if(err)
+    message("stderr:\n${err}")
+endif()
+if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "scripts/bench --smoke failed: ${rc}")
+endif()
+
+file(READ ${NV_BENCH_OUT}/bench.csv csv)
+set(missing "")
+foreach(figure
+        "1.0->2.0 Convert 200 users \\(floor RegCopyTreeW\\+RegDeleteTreeW\\),[0-9.]+,[0-9.]+,[0-9.]+"
+        "backup copy CopyKey \\(anchor RegCopyTreeW\\),[0-9.]+,[0-9.]+,[0-9.]+"
+        "cleanup delete DeleteKey \\(anchor RegDeleteTreeW\\),[0-9.]+,[0-9.]+,[0-9.]+"
+        "Convert tracing off \\(anchor no Tracing key\\),[0-9.]+,[0-9.]+,[0-9.]+"
+        "Convert tracing on v10 file \\(anchor tracing off\\),[0-9.]+,[0-9.]+,[0-9.]+"
+        "3 users default: library per user \\(floor CryptoAPI loop\\),[0-9.]+,[0-9.]+,[0-9.]+"
+        "3 users strict: library per user \\(floor CryptoAPI loop\\),[0-9.]+,[0-9.]+,[0-9.]+"
+        "3 users default: store's share per user"
+        "strict library per user \\(anchor default\\),[0-9.]+,[0-9.]+,[0-9.]+"
+        "6 users: library per user \\(anchor 3 users\\),[0-9.]+,[0-9.]+,[0-9.]+"
+        "6 users: peak private memory of the process,[0-9.]+")
+    if(NOT csv MATCHES "${figure}")
+        string(APPEND missing "\n  ${figure}")
+    endif()
+endforeach()
+if(out MATCHES "warning: [0-9]+ of [0-9]+ users reached the store")
+    string(APPEND missing "\n  every user in the store (see the warning above)")
+endif()
+file(READ ${NV_BENCH_OUT}/scaling.csv curve)
+if(NOT curve MATCHES "\n3,[0-9.]+,[0-9.]+,[0-9.]+,[0-9.]+\n6,[0-9.]+,[0-9.]+,[0-9.]+,[0-9.]+")
+    string(APPEND missing "\n  the scaling curve's points for 3 and 6 users")
+endif()
+if(missing)
+    message(FATAL_ERROR "the smoke run did not produce:${missing}")
+endif()
