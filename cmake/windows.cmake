@@ -13,7 +13,17 @@ configure_file(${CMAKE_SOURCE_DIR}/cmake/wine-run.in ${CMAKE_BINARY_DIR}/wine-ru
                FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_BINARY_DIR}/wine-run)
 
+# Every test that runs Windows code owns one Wine prefix while it runs: the tests
+# share HKLM\SOFTWARE\Norvane, the trace settings and the store, so two of them must
+# never meet in one registry. scripts/test hands CTest a resource file with one slot
+# per prefix ($WINEPREFIX, then $WINEPREFIX-p1, ...) and runs that many tests at
+# once; wine-run picks the prefix CTest allocated. Without a resource file CTest runs
+# the tests one at a time in build/wineprefix. Any test added with add_test that runs
+# Wine takes these properties too.
+set(NV_WINE_TEST_PROPERTIES RESOURCE_GROUPS wineprefix:1)
+
 set(NV_WIN_LIBS crypt32 advapi32 netapi32 ole32 oleaut32 uuid rpcrt4 wtsapi32 version)
+include(${CMAKE_SOURCE_DIR}/cmake/hardening.cmake)
 
 # Everything a test may load or start at run time: the DLL, the tools, the store.
 add_custom_target(nv_runtime)
@@ -32,7 +42,9 @@ set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
 add_subdirectory(/usr/src/googletest ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
 include(GoogleTest)
 add_subdirectory(tests)
+add_subdirectory(tests/hardening)
 add_subdirectory(bench)
+nv_write_shipped_list()
 
 # The native tests (the portable trace decoder) run in the same CTest session. Whether
 # they exist is decided when CTest runs, so the order in which the two trees were

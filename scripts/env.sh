@@ -81,6 +81,34 @@ nv_wineserver_pid() {
     return 1
 }
 
+# The prefixes of a test run with N slots: $WINEPREFIX, then $WINEPREFIX-p1 ...
+# (cmake/wine-run.in maps CTest's slot pN to the same names).
+nv_test_prefixes() {
+    local i
+    echo "$WINEPREFIX"
+    for ((i = 1; i < $1; i++)); do echo "$WINEPREFIX-p$i"; done
+}
+
+# Runs a function once for every prefix of the test run (in parallel: wineboot
+# mostly waits), each with WINEPREFIX set to that prefix.
+nv_each_prefix() {
+    local p rc=0 pids=()
+    for p in "${prefixes[@]}"; do
+        ( export WINEPREFIX=$p; "$@" ) &
+        pids+=($!)
+    done
+    for p in "${pids[@]}"; do wait "$p" || rc=1; done
+    return $rc
+}
+
+# CTest's resource file: one "wineprefix" slot per prefix.
+nv_resource_spec() {
+    local i sep=""
+    printf '{"version": {"major": 1, "minor": 0}, "local": [{"wineprefix": ['
+    for ((i = 0; i < $1; i++)); do printf '%s{"id": "p%d", "slots": 1}' "$sep" "$i"; sep=", "; done
+    printf ']}]}\n'
+}
+
 nv_stop_wineserver() {
     if [ -d "$WINEPREFIX" ]; then
         "$NV_WINESERVER" -k </dev/null >/dev/null 2>&1 || true

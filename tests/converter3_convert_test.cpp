@@ -52,16 +52,7 @@ bool HasLogonSecret(const nvwriter::Db20User& u)
 
 nvwriter::Db20Template MakeTemplate(unsigned position, BYTE fill, LONG headerValue = 7)
 {
-    nvwriter::Db20Template t;
-    t.position = position;
-    t.format = 1;
-    t.flags = position;
-    t.type = {0x5A1E0C31, 0x8F2B, 0x4C7D, {0x9E, 0x10, 0x3B, 0x6A, 0x27, 0xD4, 0x81, 0x55}};
-    t.owner = {0x10203040, 0x5060, 0x7080, {fill, 2, 3, 4, 5, 6, 7, 8}};
-    t.data.assign(40 + fill % 16, fill);
-    t.size = static_cast<DWORD>(t.data.size());
-    t.headerValue = headerValue;
-    return t;
+    return SampleTemplate(position, fill, 40 + fill % 16, headerValue);
 }
 
 nvwriter::Db20Credential FingerprintEntry(DWORD mask, std::vector<nvwriter::Db20Template> templates)

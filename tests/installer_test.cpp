@@ -219,3 +219,17 @@ TEST_F(InstallerStoreTest, Converts20DatabaseIntoTheStoreThenCleansUp)
         EXPECT_EQ(user.secrets.size(), nvstore::inspect::ListSecrets(user.sidText).size()) << Narrow(user.sidText);
     }
 }
+
+TEST_F(InstallerTest, TheInstallerTurnsTheStrictConversionPolicyOn)
+{
+    const wchar_t kPolicy[] = L"SOFTWARE\\Norvane\\Policies\\Default";
+    ASSERT_FALSE(KeyExists(kPolicy, kView64));
+    const InstallerRun run = RunInstaller();
+    EXPECT_EQ(0u, run.exitCode) << Joined(run.log);
+    // In the library's own (64-bit) view, where Convert reads it.
+    RegValue value;
+    ASSERT_TRUE(GetValue(kPolicy, L"StrictConversion", kView64, &value));
+    EXPECT_EQ(DWORD(REG_DWORD), value.type);
+    EXPECT_EQ((std::vector<BYTE>{1, 0, 0, 0}), value.data);
+    EXPECT_FALSE(KeyExists(kPolicy, kView32));
+}

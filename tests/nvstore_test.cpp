@@ -516,8 +516,10 @@ TEST_F(NVStoreTest, EnrolmentCreatesKeyPairVerifierAndPayload)
                          kView64, &v1));
     ASSERT_TRUE(GetValue((std::wstring(L"SOFTWARE\\Norvane\\Store\\Users\\") + kSid2).c_str(), L"PasswordVerifier",
                          kView64, &v2));
-    EXPECT_EQ(32u, v1.data.size());
+    EXPECT_EQ(48u, v1.data.size()); // salt and verifier in one value
     EXPECT_NE(v1.data, v2.data);
+    EXPECT_FALSE(GetValue((std::wstring(L"SOFTWARE\\Norvane\\Store\\Users\\") + kSid).c_str(), L"PasswordSalt",
+                          kView64, &v2));
     const std::wstring raw(kPassword);
     const Bytes rawBytes(reinterpret_cast<const BYTE*>(raw.data()),
                          reinterpret_cast<const BYTE*>(raw.data() + raw.size()));

@@ -215,6 +215,30 @@ TEST(UnpackPasswordAndPinTest, PasswordAndPinAreHandedOut)
     EXPECT_EQ(L"4711", Str(u.pin));
 }
 
+TEST(UnpackPasswordAndPinTest, StringsWithOrWithoutTheirTerminatingZeroGiveTheSamePasswordAndPin)
+{
+    Unpacked bare, terminated, mixed;
+    Unpack(Scrambled(Seq({Uint(1), Bmp(L"Secret-1"), Bmp(L"4711")})), bare);
+    Unpack(Scrambled(Seq({Uint(1), Bmp(std::wstring(L"Secret-1") + L'\0'), Bmp(std::wstring(L"4711") + L'\0')})),
+           terminated);
+    Unpack(Scrambled(Seq({Uint(1), Bmp(std::wstring(L"Secret-1") + L'\0'), Bmp(L"4711")})), mixed);
+    for (Unpacked* u : {&bare, &terminated, &mixed}) {
+        ASSERT_EQ(S_OK, u->hr);
+        ASSERT_NE(nullptr, u->password);
+        ASSERT_NE(nullptr, u->pin);
+        EXPECT_EQ(L"Secret-1", Str(u->password));
+        EXPECT_EQ(8u, ::SysStringLen(u->password));
+        EXPECT_EQ(L"4711", Str(u->pin));
+        EXPECT_EQ(4u, ::SysStringLen(u->pin));
+    }
+    // A PIN that holds nothing but its terminator is no PIN.
+    Unpacked emptyPin;
+    Unpack(Scrambled(Seq({Uint(1), Bmp(std::wstring(L"pw") + L'\0'), Bmp(std::wstring(1, L'\0'))})), emptyPin);
+    ASSERT_EQ(S_OK, emptyPin.hr);
+    EXPECT_EQ(L"pw", Str(emptyPin.password));
+    EXPECT_EQ(nullptr, emptyPin.pin);
+}
+
 TEST(UnpackPasswordAndPinTest, VersionNineIsAcceptedVersionTenAndZeroAreBadData)
 {
     Unpacked v9;
@@ -368,11 +392,11 @@ TEST(UnpackPasswordAndPinTest, LongPasswordsSurvive)
 
 // ---- PackPassword -----------------------------------------------------------------
 
-TEST(PackPasswordTest, AbcUnscramblesToVersionOneAndTheString)
+TEST(PackPasswordTest, AbcUnscramblesToVersionOneAndTheStringWithItsTerminatingZero)
 {
     nv::CCryptBlob blob;
     PackPassword(L"abc", blob);
-    const Bytes expected{0x30, 0x0B, 0x02, 0x01, 0x01, 0x1E, 0x06, 0x00, 0x61, 0x00, 0x62, 0x00, 0x63};
+    const Bytes expected{0x30, 0x0D, 0x02, 0x01, 0x01, 0x1E, 0x08, 0x00, 0x61, 0x00, 0x62, 0x00, 0x63, 0x00, 0x00};
     ASSERT_EQ(expected.size(), blob.cbData);
     EXPECT_NE(expected, ToBytes(blob));
     EXPECT_EQ(expected, RefCfb(ToBytes(blob), true));
@@ -383,8 +407,8 @@ TEST(PackPasswordTest, NullPacksTheEmptyPassword)
 {
     nv::CCryptBlob blob;
     PackPassword(nullptr, blob);
-    EXPECT_EQ(7u, blob.cbData);
-    EXPECT_EQ((Bytes{0x30, 0x05, 0x02, 0x01, 0x01, 0x1E, 0x00}), RefCfb(ToBytes(blob), true));
+    EXPECT_EQ(9u, blob.cbData);
+    EXPECT_EQ((Bytes{0x30, 0x07, 0x02, 0x01, 0x01, 0x1E, 0x02, 0x00, 0x00}), RefCfb(ToBytes(blob), true));
     nv::CCryptBlob empty;
     PackPassword(L"", empty);
     EXPECT_EQ(ToBytes(blob), ToBytes(empty));
@@ -396,7 +420,22 @@ TEST(PackPasswordTest, ReplacesTheBlobsOldContent)
     const Bytes old(100, 0x5A);
     blob.Assign(old.data(), static_cast<DWORD>(old.size()));
     PackPassword(L"x", blob);
-    EXPECT_EQ((Bytes{0x30, 0x07, 0x02, 0x01, 0x01, 0x1E, 0x02, 0x00, 'x'}), RefCfb(ToBytes(blob), true));
+    EXPECT_EQ((Bytes{0x30, 0x09, 0x02, 0x01, 0x01, 0x1E, 0x04, 0x00, 'x', 0x00, 0x00}), RefCfb(ToBytes(blob), true));
+}
+
+TEST(PackPasswordTest, FifteenCharactersGiveThirtyTwoStringBytesEndingInZero)
+{
+    nv::CCryptBlob blob;
+    PackPassword(L"0123456789ABCDE", blob);
+    Bytes expected{0x30, 0x25, 0x02, 0x01, 0x01, 0x1E, 0x20};
+    for (char c : std::string("0123456789ABCDE")) {
+        expected.push_back(0x00);
+        expected.push_back(static_cast<BYTE>(c));
+    }
+    expected.push_back(0x00);
+    expected.push_back(0x00);
+    ASSERT_EQ(39u, expected.size());
+    EXPECT_EQ(expected, RefCfb(ToBytes(blob), true));
 }
 
 TEST(PackPasswordTest, UnpacksAgainToThePasswordAndNoPin)
@@ -715,8 +754,8 @@ TEST_F(SecretPackingTraceTest, PackPasswordTracesTheByteCountAndNotThePassword)
     PackPassword(L"abc", blob);
     nv::CCryptBlob longer;
     PackPassword(L"n0t-in-trace", longer);
-    EXPECT_EQ((std::vector<std::string>{"> PackPassword()", "U Data size = 13", "<", "> PackPassword()",
-                                        "U Data size = 31", "<"}),
+    EXPECT_EQ((std::vector<std::string>{"> PackPassword()", "U Data size = 15", "<", "> PackPassword()",
+                                        "U Data size = 33", "<"}),
               trace.Lines())
         << trace.Dump();
     EXPECT_FALSE(TraceHolds(L"n0t-in-trace"));

@@ -382,17 +382,18 @@ TEST_F(SecurityContextHostIdTest, SixteenBytesOfAnotherTypeThanBinaryAreReplaced
     ExpectReplacedHostId();
 }
 
-TEST_F(SecurityContextHostIdTest, HostIdThatCannotBeReadBackFailsWithEFail)
+TEST_F(SecurityContextHostIdTest, HostIdThatCannotBeReadFailsWithTheReadErrorAndWritesNothing)
 {
-    // The caller may write values and change the access list, but not read: the
-    // fresh identifier is written and the re-read still finds none.
+    // The caller may write values and change the access list, but not read: a read
+    // that fails is not a missing identifier, so none is written over it.
     CreateKeyWithSddl(kHostKey, kView32, L"D:(A;;0x40002;;;BA)");
     CFPSecurityContext ctx;
-    EXPECT_EQ(E_FAIL, ctx.FinalConstruct(kView32));
+    EXPECT_EQ(E_ACCESSDENIED, ctx.FinalConstruct(kView32));
     EXPECT_EQ(0u, ctx.m_hProv);
-    // The access list was replaced on the way, so the value can be read now.
+    // The access list was replaced on the way; no value was written.
     EXPECT_EQ(3u, DaclOf(kHostKey, kView32).size());
-    FreshHostId(kView32);
+    RegValue value;
+    EXPECT_FALSE(GetValue(kHostKey, L"HostId", kView32, &value));
 }
 
 TEST_F(SecurityContextHostIdTest, MissingContainerGivesTheProvidersError)

@@ -114,11 +114,38 @@ TEST(TypedBlobsTest, SignedNumbersEncodeAsMinimalTwosComplementIntegers)
     EXPECT_EQ((Bytes{0x02, 0x04, 0x80, 0x00, 0x00, 0x00}), Der(CNVIntBlob(INT_MIN)));
 }
 
-TEST(TypedBlobsTest, WideStringsEncodeAsBigEndianBmpStringsWithoutTerminator)
+TEST(TypedBlobsTest, WideStringsEncodeAsBigEndianBmpStringsWithTheirTerminatingZero)
 {
-    EXPECT_EQ((Bytes{0x1E, 0x06, 0x00, 0x61, 0x00, 0x62, 0x00, 0x63}), Der(CNVWStrBlob(L"abc")));
-    EXPECT_EQ((Bytes{0x1E, 0x00}), Der(CNVWStrBlob(L"")));
-    EXPECT_EQ((Bytes{0x1E, 0x04, 0x00, 0xE9, 0x20, 0xAC}), Der(CNVWStrBlob(L"\u00E9\u20AC")));
+    EXPECT_EQ((Bytes{0x1E, 0x08, 0x00, 0x61, 0x00, 0x62, 0x00, 0x63, 0x00, 0x00}), Der(CNVWStrBlob(L"abc")));
+    EXPECT_EQ((Bytes{0x1E, 0x02, 0x00, 0x00}), Der(CNVWStrBlob(L"")));
+    EXPECT_EQ((Bytes{0x1E, 0x02, 0x00, 0x00}), Der(CNVWStrBlob(nullptr)));
+    EXPECT_EQ((Bytes{0x1E, 0x06, 0x00, 0xE9, 0x20, 0xAC, 0x00, 0x00}), Der(CNVWStrBlob(L"\u00E9\u20AC")));
+}
+
+TEST(TypedBlobsTest, WideStringRawValuesWithoutTerminatorOrWithTrailingBytesEncodeOneTerminatedString)
+{
+    // The raw form is the string with its zero; a raw value without it, or with
+    // more after the first zero, still encodes the string and exactly one zero.
+    const BYTE bare[] = {'h', 0, 'i', 0};
+    EXPECT_EQ((Bytes{0x1E, 0x06, 0x00, 'h', 0x00, 'i', 0x00, 0x00}), Der(CNVAnyBlob(bare, 4, X509_ANY_STRING)));
+    const BYTE twoZeros[] = {'h', 0, 0, 0, 0, 0};
+    EXPECT_EQ((Bytes{0x1E, 0x04, 0x00, 'h', 0x00, 0x00}), Der(CNVAnyBlob(twoZeros, 6, X509_ANY_STRING)));
+    const BYTE odd[] = {'h', 0, 'i'};
+    EXPECT_EQ((Bytes{0x1E, 0x04, 0x00, 'h', 0x00, 0x00}), Der(CNVAnyBlob(odd, 3, X509_ANY_STRING)));
+    EXPECT_EQ((Bytes{0x1E, 0x02, 0x00, 0x00}), Der(CNVAnyBlob(X509_ANY_STRING)));
+}
+
+TEST(TypedBlobsTest, FifteenCharacterStringIsThirtyTwoBytesEndingInZero)
+{
+    const Bytes der = Der(CNVWStrBlob(L"ABCDEFGHIJKLMNO"));
+    Bytes expected{0x1E, 0x20};
+    for (char c = 'A'; c <= 'O'; ++c) {
+        expected.push_back(0x00);
+        expected.push_back(static_cast<BYTE>(c));
+    }
+    expected.push_back(0x00);
+    expected.push_back(0x00);
+    EXPECT_EQ(expected, der);
 }
 
 TEST(TypedBlobsTest, GuidsAndBytesEncodeAsOctetStrings)
@@ -137,7 +164,7 @@ TEST(TypedBlobsTest, AnyBlobWithAnotherStructureTypeEncodesByThatType)
     const BYTE le[] = {0x80, 0x00, 0x00, 0x00};
     EXPECT_EQ((Bytes{0x02, 0x02, 0x00, 0x80}), Der(CNVAnyBlob(le, 4, X509_MULTI_BYTE_UINT)));
     const BYTE wide[] = {'h', 0, 'i', 0, 0, 0};
-    EXPECT_EQ((Bytes{0x1E, 0x04, 0x00, 'h', 0x00, 'i'}), Der(CNVAnyBlob(wide, 6, X509_ANY_STRING)));
+    EXPECT_EQ((Bytes{0x1E, 0x06, 0x00, 'h', 0x00, 'i', 0x00, 0x00}), Der(CNVAnyBlob(wide, 6, X509_ANY_STRING)));
 }
 
 TEST(TypedBlobsTest, EncodeReplacesTheTargetsOldContent)
@@ -215,6 +242,30 @@ TEST(TypedBlobsTest, WideStringDecodeTakesBmpAndTheStringTypesNumericToVisible)
     EXPECT_EQ(L"", DecodeString({0x1E, 0x00}));
 }
 
+TEST(TypedBlobsTest, WideStringDecodeGivesTheSameValueWithOrWithoutTheTrailingZero)
+{
+    CNVWStrBlob with, without;
+    const Bytes withZero{0x1E, 0x06, 0x00, 'o', 0x00, 'k', 0x00, 0x00};
+    const Bytes withoutZero{0x1E, 0x04, 0x00, 'o', 0x00, 'k'};
+    with.Decode(withZero.data(), static_cast<DWORD>(withZero.size()));
+    without.Decode(withoutZero.data(), static_cast<DWORD>(withoutZero.size()));
+    EXPECT_EQ((Bytes{'o', 0, 'k', 0, 0, 0}), ToBytes(with));
+    EXPECT_EQ(ToBytes(without), ToBytes(with));
+    EXPECT_EQ(2u, with.Length());
+
+    const Bytes emptyWithZero{0x1E, 0x02, 0x00, 0x00};
+    with.Decode(emptyWithZero.data(), static_cast<DWORD>(emptyWithZero.size()));
+    EXPECT_EQ((Bytes{0, 0}), ToBytes(with));
+    const Bytes ia5WithZero{0x16, 0x03, 'o', 'k', 0x00};
+    with.Decode(ia5WithZero.data(), static_cast<DWORD>(ia5WithZero.size()));
+    EXPECT_EQ((Bytes{'o', 0, 'k', 0, 0, 0}), ToBytes(with));
+
+    // Encode, decode, encode again: one terminator, never two.
+    const Bytes once = Der(CNVWStrBlob(L"ok"));
+    with.Decode(once.data(), static_cast<DWORD>(once.size()));
+    EXPECT_EQ(once, Der(with));
+}
+
 TEST(TypedBlobsTest, WideStringDecodeLeavesTheBlobEmptyForOtherStringTypes)
 {
     EXPECT_EQ(L"<empty>", DecodeString({0x1B, 0x03, 'g', 'e', 'n'}));                         // general (10)
@@ -263,7 +314,8 @@ TEST(SequenceTest, ItemsEncodeAsSequenceOfAny)
     CNVWStrBlob(L"abc").Encode(text);
     nv::CCryptBlob seq;
     NVEncodeSequence({&version, &text}, seq);
-    EXPECT_EQ((Bytes{0x30, 0x0B, 0x02, 0x01, 0x01, 0x1E, 0x06, 0x00, 0x61, 0x00, 0x62, 0x00, 0x63}), ToBytes(seq));
+    EXPECT_EQ((Bytes{0x30, 0x0D, 0x02, 0x01, 0x01, 0x1E, 0x08, 0x00, 0x61, 0x00, 0x62, 0x00, 0x63, 0x00, 0x00}),
+              ToBytes(seq));
 
     NVEncodeSequence({}, seq);
     EXPECT_EQ((Bytes{0x30, 0x00}), ToBytes(seq));

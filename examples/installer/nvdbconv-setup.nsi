@@ -1,8 +1,10 @@
 ; nvdbconv-setup: the database step of the suite's installer, as an example client
 ; of NVDBConv.dll. The installer carries the library, loads it into its own process
-; (LoadLibrary + GetProcAddress through the System plug-in), asks GetDBVersion, calls
-; Convert, and then Cleanup when Convert succeeded or Rollback when it failed. Every
-; result code goes to the log file, one line each:
+; (LoadLibraryEx + GetProcAddress through the System plug-in), asks GetDBVersion, calls
+; Convert, and then Cleanup when Convert succeeded or Rollback when it failed. It turns
+; the strict conversion policy on first (StrictConversion = 1 under
+; HKLM\SOFTWARE\Norvane\Policies\Default). Every result code goes to the log file,
+; one line each:
 ;
 ;   LoadLibrary = ok
 ;   CoInitializeEx = 0x00000001
@@ -72,13 +74,23 @@ Section "Upgrade the database"
   ${EndIf}
   FileOpen $Log $R1 w
 
+  ; The strict conversion policy: Convert deletes a user's old data only once all
+  ; of that user reached the store; a user that did not stays for the next run.
+  ; The library reads the value in its own (64-bit) registry view.
+  SetRegView 64
+  WriteRegDWORD HKLM "SOFTWARE\Norvane\Policies\Default" "StrictConversion" 1
+  SetRegView default
+
   ; $PLUGINSDIR exists only after InitPluginsDir; without it the path is empty and
   ; the library cannot be loaded from there.
   InitPluginsDir
   SetOutPath $PLUGINSDIR
   File "/oname=NVDBConv.dll" "${NVDBCONV_DLL}"
 
-  System::Call "kernel32::LoadLibraryW(w '$PLUGINSDIR\NVDBConv.dll') p .r0"
+  ; By its full path, with its dependencies from the system directory only
+  ; (0x800, LOAD_LIBRARY_SEARCH_SYSTEM32): an installer started from a downloads
+  ; folder must not pick up a DLL planted beside it.
+  System::Call "kernel32::LoadLibraryExW(w '$PLUGINSDIR\NVDBConv.dll', p 0, i 0x800) p .r0"
   StrCpy $Module $0
   ${If} $Module P= 0
     System::Call "kernel32::GetLastError() i .r1"

@@ -42,9 +42,12 @@ inline void ThrowIfWin32Failed(LONG code)
 }
 
 // For calls that report through GetLastError (CryptoAPI and friends).
+// Every form of memory shortage is raised as E_OUTOFMEMORY.
 [[noreturn]] inline void ThrowLastError()
 {
     DWORD err = GetLastError();
+    if (err == ERROR_NOT_ENOUGH_MEMORY || err == static_cast<DWORD>(HResultFromWin32(ERROR_NOT_ENOUGH_MEMORY)))
+        ThrowHr(E_OUTOFMEMORY);
     ThrowHr(err == 0 ? E_FAIL : HResultFromWin32(static_cast<LONG>(err)));
 }
 

@@ -1,6 +1,7 @@
 #include "converter3/converter3.h"
 
 #include <sddl.h>
+#include <cstdio>
 #include <cwchar>
 #include <memory>
 #include <stdexcept>
@@ -9,7 +10,10 @@
 #include "common/handles.h"
 #include "common/hresult.h"
 #include "common/regkey.h"
+#include "common/apicalls.h"
 #include "converter3/authinfo.h"
+#include "converter3/conversion_policy.h"
+#include "converter3/held_users.h"
 #include "converter3/logon_info_name.h"
 #include "converter3/nvstore_api.h"
 #include "converter3/secretpacking.h"
@@ -58,6 +62,27 @@ I* Require(const nv::com_ptr<I>& p)
     return p.get();
 }
 
+// The password secret's unpacking is best effort about the bytes only: an empty or
+// malformed secret leaves the password empty, but a failure that says nothing about
+// the data (a memory shortage, an unexpected error) fails the user.
+bool IsDataVerdict(HRESULT hr) noexcept
+{
+    return SUCCEEDED(hr) || hr == nv::HResultFromWin32(ERROR_FILE_NOT_FOUND) ||
+           nv::IsDataErrorCode(static_cast<DWORD>(hr));
+}
+
+std::wstring WithCode(const wchar_t* what, const std::wstring& name, HRESULT hr)
+{
+    wchar_t code[16];
+    std::swprintf(code, 16, L"0x%08X", static_cast<unsigned>(hr));
+    std::wstring text(what);
+    if (!name.empty())
+        text += L" '" + name + L"'";
+    if (hr != S_OK)
+        text += std::wstring(L" (") + code + L")";
+    return text;
+}
+
 template <class I>
 nv::com_ptr<I> CreateStoreObject(const IID& iid)
 {
@@ -68,6 +93,28 @@ nv::com_ptr<I> CreateStoreObject(const IID& iid)
 }
 
 } // namespace
+
+// What the strict policy finds missing of one user. Under the default policy it
+// collects nothing, and the user's steps run exactly as before.
+class CConverter3::CMissingParts {
+public:
+    explicit CMissingParts(bool strict) noexcept : m_strict(strict) {}
+    bool Strict() const noexcept { return m_strict; }
+    void Add(const std::wstring& what)
+    {
+        if (!m_strict)
+            return;
+        if (!m_text.empty())
+            m_text += L"; ";
+        m_text += what;
+    }
+    bool Empty() const noexcept { return m_text.empty(); }
+    const std::wstring& Text() const noexcept { return m_text; }
+
+private:
+    bool m_strict;
+    std::wstring m_text;
+};
 
 CConverter3::CConverter3() : CBaseConverter(kTargetVersion, L"3.0", kDatabaseView) {}
 
@@ -127,6 +174,11 @@ HRESULT CConverter3::do_Convert()
     NV_USER_RECORD* pUsers = nullptr;
     DWORD cUsers = 0;
 
+    // Read once per Convert; a change of the policy takes effect with the next one.
+    const bool strict = nvconv3::ReadConversionPolicy() == nvconv3::ConversionPolicy::Strict;
+    if (strict)
+        NVTraceNS::Trace(scope, 0, "Conversion policy: strict");
+
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
         extractor = std::make_unique<LegacyNVDB2::CLocalDBUserExtractor>();
         nv::ThrowIfFailed(extractor->EnumerateUsers(&pUsers, &cUsers));
@@ -134,11 +186,22 @@ HRESULT CConverter3::do_Convert()
         for (DWORD i = 0; i < cUsers; ++i) {
             const NV_USER_RECORD& user = pUsers[i];
             std::wstring sid;
+            CMissingParts missing(strict);
+            bool converted = false;
             hrStatus = nv::Guarded([&]() -> HRESULT {
                 sid = SidString(user.pSid);
-                ConvertUser(*extractor, user, sid, hrStatus, scope);
+                ConvertUser(*extractor, user, sid, hrStatus, scope, missing);
+                converted = true;
                 return hrStatus;
             });
+            if (strict && !IsEqualGUID(user.guidUser, GUID_NULL)) {
+                if (converted)
+                    nvconv3::ForgetHeldUser(user.guidUser);
+                else
+                    nvconv3::RecordHeldUser(user.guidUser, sid, hrStatus,
+                                            missing.Empty() ? WithCode(L"conversion failed", L"", hrStatus)
+                                                            : missing.Text());
+            }
             NVTraceNS::Trace(scope, 0, "Conversion process is over for '%ls', 0x%08X", sid.c_str(),
                              static_cast<unsigned>(hrStatus));
         }
@@ -153,11 +216,19 @@ HRESULT CConverter3::do_Convert()
 }
 
 void CConverter3::ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, const NV_USER_RECORD& user,
-                              const std::wstring& sid, HRESULT& hrStatus, NVTraceNS::CTraceScope& scope)
+                              const std::wstring& sid, HRESULT& hrStatus, NVTraceNS::CTraceScope& scope,
+                              CMissingParts& missing)
 {
     NVTraceNS::Trace(scope, 0, "Conversion process began for '%ls'", sid.c_str());
     LegacyNVDB2::CNVSecretMap secrets;
-    nv::ThrowIfFailed(extractor.InternalLoadSecretsToMap(user, secrets));
+    HRESULT hrFieldEnum = S_OK;
+    nv::ThrowIfFailed(extractor.InternalLoadSecretsToMap(user, secrets, &hrFieldEnum));
+    if (FAILED(hrFieldEnum))
+        missing.Add(WithCode(L"fields not all listed", L"", hrFieldEnum));
+    for (const auto& entry : secrets) {
+        if (entry.second && entry.second->m_bLenient)
+            missing.Add(WithCode(L"secret malformed", static_cast<const wchar_t*>(entry.first), S_OK));
+    }
     CNVTemplateVector templates;
     nv::ThrowIfFailed(extractor.LoadTemplatesToVector(user.pSid, templates));
 
@@ -174,7 +245,11 @@ void CConverter3::ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, con
         NVTraceNS::Trace(scope, 0, "Read password secret from old DB");
         nv::CCoTaskCryptBlob content;
         passwordSecret->GetContent(nullptr, &content.cbData, &content.pbData);
-        UnpackPasswordAndPin(&content, password.put(), pin.put());
+        const HRESULT hrUnpack = UnpackPasswordAndPin(&content, password.put(), pin.put());
+        if (!IsDataVerdict(hrUnpack))
+            nv::ThrowHr(nv::IsOutOfMemoryCode(static_cast<DWORD>(hrUnpack)) ? E_OUTOFMEMORY : hrUnpack);
+        if (hrUnpack != S_OK)
+            missing.Add(WithCode(L"password secret not unpacked", L"", hrUnpack));
         nvconv3::LogonInfoName();
     }
 
@@ -255,10 +330,22 @@ void CConverter3::ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, con
                 copy.reset();
                 name = nvconv3::LogonInfoName().c_str();
             }
-            // A secret that cannot be sealed is left out; PutSecret's result is not
-            // looked at either.
-            if (SUCCEEDED(EncryptEx(blob, hProv, userKey.get(), CALG_3DES)))
-                userSecrets->PutSecret(name ? name : L"", &blob);
+            // A secret that cannot be sealed is left out, and PutSecret's result is
+            // not looked at, unless the strict policy is in force.
+            const HRESULT hrSeal = EncryptEx(blob, hProv, userKey.get(), CALG_3DES);
+            if (SUCCEEDED(hrSeal)) {
+                const HRESULT hrPut = userSecrets->PutSecret(name ? name : L"", &blob);
+                if (FAILED(hrPut))
+                    missing.Add(WithCode(L"secret not stored", name ? name : L"", hrPut));
+            } else {
+                missing.Add(WithCode(L"secret not sealed", name ? name : L"", hrSeal));
+            }
+        }
+    } else {
+        for (const auto& entry : secrets) {
+            if (entry.second && !entry.second->m_content.IsEmpty())
+                missing.Add(WithCode(L"secret not stored, no IUserSecrets", static_cast<const wchar_t*>(entry.first),
+                                     S_OK));
         }
     }
 
@@ -272,21 +359,49 @@ void CConverter3::ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, con
             if ((user.dwTemplateMask & (1u << position)) == 0)
                 continue;
             const CNVTemplatePtr& tmpl = templates.at(next++);
+            if (tmpl && tmpl->m_bLenient)
+                missing.Add(L"template malformed at position " + std::to_wstring(position));
             nv::CCryptBlob encoded;
             EncodeTemplate(*tmpl, encoded);
             hrStatus = userTemplates->PutTemplate(position, &encoded);
             nv::ThrowIfFailed(hrStatus);
         }
+        if (next < templates.size())
+            missing.Add(WithCode(L"templates beyond the position mask", std::to_wstring(templates.size() - next),
+                                 S_OK));
 
         nv::com_ptr<IUserPayload> userPayload;
         userObject.query(userPayload);
         if (userPayload) {
-            if (!payload.IsEmpty())
-                userPayload->PutPayload(&payload);
+            if (!payload.IsEmpty()) {
+                const HRESULT hrPayload = userPayload->PutPayload(&payload);
+                if (FAILED(hrPayload))
+                    missing.Add(WithCode(L"payload not stored", L"", hrPayload));
+            }
             nv::com_ptr<IUserRegistry> registry = CreateStoreObject<IUserRegistry>(nvstore::kIidUserRegistry);
-            if (registry && registry->CheckUser(sid.c_str(), nvstore::kUserIdKindSid) == S_FALSE)
-                registry->AddUser(userPayload.get());
+            if (registry) {
+                const HRESULT hrCheck = registry->CheckUser(sid.c_str(), nvstore::kUserIdKindSid);
+                if (hrCheck == S_FALSE) {
+                    const HRESULT hrAdd = registry->AddUser(userPayload.get());
+                    if (FAILED(hrAdd))
+                        missing.Add(WithCode(L"user not registered", L"", hrAdd));
+                } else if (FAILED(hrCheck)) {
+                    missing.Add(WithCode(L"registration not checked", L"", hrCheck));
+                }
+            }
         }
+    } else if (user.dwTemplateMask != 0) {
+        missing.Add(WithCode(L"templates not stored, no IUserTemplates", L"", S_OK));
+    }
+    if (extractor.HasDroppedTemplates(user.pSid))
+        missing.Add(WithCode(L"templates of a further fingerprint entry dropped", L"", S_OK));
+
+    if (!missing.Empty()) {
+        // Strict policy: the user stays in the old database and a later Convert
+        // tries it again; what already reached the store stays there.
+        NVTraceNS::Trace(scope, 0, "Incomplete user '%ls' keeps its old key: %ls", sid.c_str(),
+                         missing.Text().c_str());
+        nv::ThrowHr(nvconv3::NV_E_USER_INCOMPLETE);
     }
 
     wchar_t wszGuid[100] = L"";

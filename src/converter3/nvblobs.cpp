@@ -3,6 +3,7 @@
 #include <cstring>
 #include <cwchar>
 #include <utility>
+#include "common/apicalls.h"
 #include "common/hresult.h"
 
 namespace {
@@ -65,11 +66,11 @@ DWORD LoadLe32(const nv::CCryptBlob& blob)
 void NVEncodeObject(LPCSTR lpszStructType, const void* pvStructInfo, nv::CCryptBlob& out)
 {
     DWORD cb = 0;
-    if (!::CryptEncodeObject(kNVEncodingType, lpszStructType, pvStructInfo, nullptr, &cb))
+    if (!nv::CallCryptEncodeObject(kNVEncodingType, lpszStructType, pvStructInfo, nullptr, &cb))
         nv::ThrowLastError();
     nv::CCryptBlob encoded;
     encoded.Allocate(cb);
-    if (!::CryptEncodeObject(kNVEncodingType, lpszStructType, pvStructInfo, encoded.pbData, &cb))
+    if (!nv::CallCryptEncodeObject(kNVEncodingType, lpszStructType, pvStructInfo, encoded.pbData, &cb))
         nv::ThrowLastError();
     encoded.cbData = cb; // the second call may report fewer bytes than the size query
     out = std::move(encoded);
@@ -79,10 +80,10 @@ void NVDecodeObject(LPCSTR lpszStructType, const BYTE* pbDer, DWORD cbDer, nv::C
 {
     buffer.Free();
     DWORD cb = 0;
-    if (!::CryptDecodeObject(kNVEncodingType, lpszStructType, pbDer, cbDer, 0, nullptr, &cb))
+    if (!nv::CallCryptDecodeObject(kNVEncodingType, lpszStructType, pbDer, cbDer, 0, nullptr, &cb))
         nv::ThrowLastError();
     buffer.Allocate(cb);
-    if (!::CryptDecodeObject(kNVEncodingType, lpszStructType, pbDer, cbDer, 0, buffer.pbData, &cb)) {
+    if (!nv::CallCryptDecodeObject(kNVEncodingType, lpszStructType, pbDer, cbDer, 0, buffer.pbData, &cb)) {
         buffer.Free();
         nv::ThrowLastError();
     }
@@ -91,11 +92,24 @@ void NVDecodeObject(LPCSTR lpszStructType, const BYTE* pbDer, DWORD cbDer, nv::C
 void CNVAnyBlob::Encode(nv::CCryptBlob& der) const
 {
     if (IsStructType(m_lpszStructType, X509_ANY_STRING)) {
-        // The raw value ends in its terminating zero, which is not part of the string.
+        // The BMPString carries the string up to and including its terminating zero,
+        // as the raw value holds it: readers of the format take it as zero-terminated
+        // UTF-16. A raw value that lacks the terminator gets one here.
+        const DWORD maxChars = pbData ? cbData / sizeof(wchar_t) : 0;
+        const auto* chars = reinterpret_cast<const wchar_t*>(pbData);
+        DWORD n = 0;
+        while (n < maxChars && chars[n] != L'\0')
+            ++n;
         CERT_NAME_VALUE value{};
         value.dwValueType = CERT_RDN_BMP_STRING;
-        value.Value.pbData = pbData;
-        value.Value.cbData = cbData >= sizeof(wchar_t) ? cbData - sizeof(wchar_t) : 0;
+        value.Value.cbData = (n + 1) * sizeof(wchar_t);
+        nv::CCryptBlob terminated;
+        if (n < maxChars) {
+            value.Value.pbData = pbData;
+        } else {
+            std::memcpy(terminated.Allocate(value.Value.cbData), pbData, n * sizeof(wchar_t));
+            value.Value.pbData = terminated.pbData;
+        }
         NVEncodeObject(X509_ANY_STRING, &value, der);
         return;
     }
@@ -120,12 +134,19 @@ void CNVAnyBlob::Decode(const BYTE* pbDer, DWORD cbDer)
         const auto* value = reinterpret_cast<const CERT_NAME_VALUE*>(decoded.pbData);
         if (!IsAcceptedStringType(value->dwValueType))
             return;
+        // An item may carry the terminating zero or not; both give the same string,
+        // held once with its terminator.
         if (value->dwValueType == CERT_RDN_BMP_STRING) {
-            const DWORD chars = value->Value.cbData / sizeof(wchar_t);
+            DWORD chars = value->Value.cbData / sizeof(wchar_t);
+            const auto* src = reinterpret_cast<const wchar_t*>(value->Value.pbData);
+            if (chars && src[chars - 1] == L'\0')
+                --chars;
             BYTE* p = Allocate((chars + 1) * sizeof(wchar_t));
             std::memcpy(p, value->Value.pbData, chars * sizeof(wchar_t));
         } else {
-            const DWORD chars = value->Value.cbData;
+            DWORD chars = value->Value.cbData;
+            if (chars && value->Value.pbData[chars - 1] == 0)
+                --chars;
             auto* p = reinterpret_cast<wchar_t*>(Allocate((chars + 1) * sizeof(wchar_t)));
             for (DWORD i = 0; i < chars; ++i)
                 p[i] = static_cast<wchar_t>(value->Value.pbData[i]);

@@ -38,5 +38,7 @@ void PackPassword(const wchar_t* pwszPassword, nv::CCryptBlob& blob);
 // provider's own key-exchange key): SEQUENCE { OCTET STRING SIMPLEBLOB of a new
 // session key of algorithm algId under that key, OCTET STRING the content encrypted
 // with the session key }. On success the blob holds the sealed secret; on failure
-// it keeps its old content and the CryptoAPI code is returned.
+// it keeps its old content and the CryptoAPI code is returned. A memory shortage
+// (an allocation, or a call failing with an out-of-memory error) is raised as
+// E_OUTOFMEMORY instead: it says nothing about the secret.
 HRESULT EncryptEx(nv::CCryptBlob& blob, HCRYPTPROV hProv, HCRYPTKEY hPublicKey, ALG_ID algId);

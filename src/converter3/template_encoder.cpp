@@ -2,6 +2,7 @@
 
 #include <wincrypt.h>
 #include <vector>
+#include "common/apicalls.h"
 #include "common/hresult.h"
 
 namespace {
@@ -11,9 +12,9 @@ constexpr DWORD kEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
 std::vector<BYTE> Encode(LPCSTR structType, const void* value)
 {
     DWORD cb = 0;
-    nv::ThrowLastErrorIf(!::CryptEncodeObject(kEncoding, structType, value, nullptr, &cb));
+    nv::ThrowLastErrorIf(!nv::CallCryptEncodeObject(kEncoding, structType, value, nullptr, &cb));
     std::vector<BYTE> out(cb);
-    nv::ThrowLastErrorIf(!::CryptEncodeObject(kEncoding, structType, value, out.data(), &cb));
+    nv::ThrowLastErrorIf(!nv::CallCryptEncodeObject(kEncoding, structType, value, out.data(), &cb));
     out.resize(cb);
     return out;
 }

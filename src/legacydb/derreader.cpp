@@ -1,16 +1,25 @@
 #include "legacydb/derreader.h"
 
 #include <cstring>
+#include "common/apicalls.h"
+#include "common/hresult.h"
 #include "security/securitycontext.h"
 
 namespace LegacyNVDB2 {
 
 namespace {
 
+thread_local DWORD t_lenientReads = 0;
+
 DWORD LowBytesToDword(const BYTE* pb, DWORD cb) noexcept
 {
     // Only 1 to 4 bytes make a value; longer numbers are not truncated but refused.
-    if (cb < 1 || cb > 4 || !pb)
+    // No content bytes at all is how the coder gives an unsigned 0: not a fallback.
+    if (cb > 4 || (cb && !pb)) {
+        CountLenientRead();
+        return 0;
+    }
+    if (cb < 1)
         return 0;
     DWORD value = 0;
     std::memcpy(&value, pb, cb);
@@ -19,17 +28,35 @@ DWORD LowBytesToDword(const BYTE* pb, DWORD cb) noexcept
 
 } // namespace
 
+void RaiseOutOfMemory() { nv::ThrowHr(E_OUTOFMEMORY); }
+
+DWORD LenientReadCount() noexcept { return t_lenientReads; }
+
+void CountLenientRead() noexcept { ++t_lenientReads; }
+
 bool DecodeStruct(LPCSTR structType, DerView item, Bytes& out)
 {
     out.clear();
-    if (item.empty())
+    if (item.empty()) {
+        CountLenientRead();
         return false;
+    }
     DWORD cb = 0;
-    if (!::CryptDecodeObject(kDerEncoding, structType, item.pb, item.cb, 0, nullptr, &cb) || cb == 0)
+    if (!nv::CallCryptDecodeObject(kDerEncoding, structType, item.pb, item.cb, 0, nullptr, &cb)) {
+        nv::RaiseUnlessDataError(::GetLastError());
+        CountLenientRead();
         return false;
+    }
+    if (cb == 0) {
+        CountLenientRead();
+        return false;
+    }
     out.resize(cb);
-    if (!::CryptDecodeObject(kDerEncoding, structType, item.pb, item.cb, 0, out.data(), &cb)) {
+    if (!nv::CallCryptDecodeObject(kDerEncoding, structType, item.pb, item.cb, 0, out.data(), &cb)) {
+        const DWORD err = ::GetLastError();
         out.clear();
+        nv::RaiseUnlessDataError(err);
+        CountLenientRead();
         return false;
     }
     return true;
@@ -87,14 +114,20 @@ DWORD ReadSignedNumber(DerView item)
 GUID ReadGuid(DerView item)
 {
     Bytes content = ReadOctets(item);
+    if (content.size() != sizeof(GUID))
+        CountLenientRead();
     return nvsecurity::GuidFromNetworkBytes(content.data(), static_cast<DWORD>(content.size()));
 }
 
 FILETIME ReadTime(DerView item)
 {
     Bytes buf;
-    if (!DecodeStruct(X509_CHOICE_OF_TIME, item, buf) || buf.size() < sizeof(FILETIME))
+    if (!DecodeStruct(X509_CHOICE_OF_TIME, item, buf))
         return FILETIME{};
+    if (buf.size() < sizeof(FILETIME)) {
+        CountLenientRead();
+        return FILETIME{};
+    }
     FILETIME ft;
     std::memcpy(&ft, buf.data(), sizeof(ft));
     return ft;
@@ -109,7 +142,11 @@ std::wstring ReadText(DerView item)
     const DWORD type = value->dwValueType;
     const bool accepted = (type >= CERT_RDN_NUMERIC_STRING && type <= CERT_RDN_VISIBLE_STRING) ||
                           type == CERT_RDN_BMP_STRING || type == CERT_RDN_UTF8_STRING;
-    if (!accepted || !value->Value.pbData)
+    if (!accepted) {
+        CountLenientRead();
+        return {};
+    }
+    if (!value->Value.pbData)
         return {};
     // The writer stores the terminating zero inside the value; the value's own length
     // bounds the read when it does not.

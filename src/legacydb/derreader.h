@@ -3,7 +3,10 @@
 // Every item of a user record, a seal or a secret record is found by its place in a
 // SEQUENCE OF ANY and decoded with one CryptoAPI structure type. The readers are
 // lenient on purpose: an item that is missing (the list is too short) or that does
-// not decode gives its kind's empty value, never an error. Buffers that held decoded
+// not decode gives its kind's empty value, never an error. Lenient means lenient
+// about the bytes only: a coder call that fails for want of memory raises
+// E_OUTOFMEMORY, any other failure that is not a verdict on the data raises its
+// code, and so does a buffer that cannot be allocated. Buffers that held decoded
 // data are zeroed before they are freed, since the same readers open secret records.
 #pragma once
 #include <windows.h>
@@ -16,14 +19,26 @@
 
 namespace LegacyNVDB2 {
 
-// Allocator that clears every block before it gives it back.
+// Raises E_OUTOFMEMORY as the library's COM error.
+[[noreturn]] void RaiseOutOfMemory();
+
+// Allocator that clears every block before it gives it back; a block it cannot get
+// raises E_OUTOFMEMORY.
 template <class T>
 struct ZeroingAllocator {
     using value_type = T;
     ZeroingAllocator() noexcept = default;
     template <class U>
     ZeroingAllocator(const ZeroingAllocator<U>&) noexcept {}
-    T* allocate(std::size_t n) { return static_cast<T*>(::operator new(n * sizeof(T))); }
+    T* allocate(std::size_t n)
+    {
+        if (n > std::numeric_limits<std::size_t>::max() / sizeof(T))
+            RaiseOutOfMemory();
+        void* p = ::operator new(n * sizeof(T), std::nothrow);
+        if (!p)
+            RaiseOutOfMemory();
+        return static_cast<T*>(p);
+    }
     void deallocate(T* p, std::size_t n) noexcept
     {
         ::SecureZeroMemory(p, n * sizeof(T));
@@ -58,8 +73,17 @@ inline DerView ItemAt(const ItemList& list, std::size_t i) noexcept
 }
 
 // Decodes with the given structure type into a zeroing buffer; false (buffer empty)
-// when the bytes do not decode.
+// when the item is missing or the coder refuses the bytes as data. Other failures
+// of the coder are raised (see above).
 bool DecodeStruct(LPCSTR structType, DerView item, Bytes& out);
+
+// How many times the readers of this thread have fallen back to an empty value: an
+// item missing or refused as data, a number of more than 4 bytes, a GUID of another
+// length than 16, a text of another type. It only ever grows; the strict conversion
+// policy compares it before and after reading a template or a secret.
+DWORD LenientReadCount() noexcept;
+// Counts one fallback taken by a reader outside this file.
+void CountLenientRead() noexcept;
 
 // X509_CERT: the to-be-signed bytes (algorithm and signature are ignored).
 Bytes ReadEnvelope(DerView item);

@@ -57,11 +57,16 @@ class CNVTemplate {
 public:
     BI_TEMPLATE m_header{};
     std::vector<BYTE> m_data;
+    // True when the reader took an empty value for any part of the item (missing,
+    // refused as data, of the wrong size or kind): the template is not the one that
+    // was stored. Only the strict conversion policy looks at it.
+    bool m_bLenient = false;
 
     void Clear()
     {
         m_header = BI_TEMPLATE{};
         m_data.clear();
+        m_bLenient = false;
     }
 };
 
@@ -71,6 +76,9 @@ class CNVSecret {
 public:
     NV_SECRET_INFO m_info{};
     nv::CCryptBlob m_content; // the sealed secret (key blob + ciphertext)
+    // True when the field did not decode as a complete secret record (fewer than two
+    // items, or a part read as its empty value). Only the strict policy looks at it.
+    bool m_bLenient = false;
 
     // Opens the sealed content. Hands out a task-allocated copy of the plain bytes
     // (the caller frees it, after zeroing); true when content was produced. Raises

@@ -246,6 +246,13 @@ HRESULT CNVDBRegSet::ReadAnyField(const wchar_t* wszSubkey, const wchar_t* wszVa
 
 HRESULT CNVDBRegSet::EnumFields(const GUID& guidUser, std::vector<std::wstring>& fields)
 {
+    return EnumFields(guidUser, fields, nullptr);
+}
+
+HRESULT CNVDBRegSet::EnumFields(const GUID& guidUser, std::vector<std::wstring>& fields, HRESULT* phrEnum)
+{
+    if (phrEnum)
+        *phrEnum = S_OK;
     NVTraceNS::CTraceScope scope("CNVDBRegSet::EnumFields", NVTraceNS::kLevelVerbose);
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
         if (!m_hRoot)
@@ -264,7 +271,9 @@ HRESULT CNVDBRegSet::EnumFields(const GUID& guidUser, std::vector<std::wstring>&
         for (DWORD i = 0; i < cValues; ++i) {
             DWORD cch = cchMaxName + 1;
             // A failing index keeps the buffer as it was; the default value has no name.
-            ::RegEnumValueW(key, i, name.data(), &cch, nullptr, nullptr, nullptr, nullptr);
+            const LONG r = ::RegEnumValueW(key, i, name.data(), &cch, nullptr, nullptr, nullptr, nullptr);
+            if (r != ERROR_SUCCESS && phrEnum && *phrEnum == S_OK)
+                *phrEnum = nv::HResultFromWin32(r);
             if (name[0] != L'\0')
                 fields.emplace_back(name.data());
         }

@@ -29,6 +29,9 @@ public:
     HRESULT ReadField(const GUID& guidUser, const wchar_t* wszField, nv::CCryptBlob& blob);
     HRESULT ReadAnyField(const wchar_t* wszSubkey, const wchar_t* wszValue, nv::CCryptBlob& blob);
     HRESULT EnumFields(const GUID& guidUser, std::vector<std::wstring>& fields);
+    // The same listing; *phrEnum receives the first failure of a single value's
+    // enumeration (which the listing itself passes over), S_OK when there was none.
+    HRESULT EnumFields(const GUID& guidUser, std::vector<std::wstring>& fields, HRESULT* phrEnum);
 
     bool IsOpen() const noexcept { return m_hRoot != nullptr; }
     const std::wstring& GetUsersPath() const noexcept { return m_wstrUsersPath; }

@@ -2,6 +2,7 @@
 #include "legacydb/records.h"
 
 #include <cstring>
+#include "common/apicalls.h"
 #include "common/handles.h"
 #include "common/hresult.h"
 #include "legacydb/derreader.h"
@@ -48,9 +49,9 @@ LegacyNVDB2::Bytes SealForPublicKey(HCRYPTPROV hProv, const CRYPT_DATA_BLOB& pub
     auto encodeOctets = [](const Bytes& b) {
         CRYPT_DATA_BLOB blob{static_cast<DWORD>(b.size()), const_cast<BYTE*>(b.data())};
         DWORD cb = 0;
-        nv::ThrowLastErrorIf(!::CryptEncodeObject(kDerEncoding, X509_OCTET_STRING, &blob, nullptr, &cb));
+        nv::ThrowLastErrorIf(!nv::CallCryptEncodeObject(kDerEncoding, X509_OCTET_STRING, &blob, nullptr, &cb));
         Bytes out(cb);
-        nv::ThrowLastErrorIf(!::CryptEncodeObject(kDerEncoding, X509_OCTET_STRING, &blob, out.data(), &cb));
+        nv::ThrowLastErrorIf(!nv::CallCryptEncodeObject(kDerEncoding, X509_OCTET_STRING, &blob, out.data(), &cb));
         out.resize(cb);
         return out;
     };
@@ -59,9 +60,9 @@ LegacyNVDB2::Bytes SealForPublicKey(HCRYPTPROV hProv, const CRYPT_DATA_BLOB& pub
                              {static_cast<DWORD>(items[1].size()), items[1].data()}};
     CRYPT_SEQUENCE_OF_ANY seq{2, der};
     DWORD cb = 0;
-    nv::ThrowLastErrorIf(!::CryptEncodeObject(kDerEncoding, X509_SEQUENCE_OF_ANY, &seq, nullptr, &cb));
+    nv::ThrowLastErrorIf(!nv::CallCryptEncodeObject(kDerEncoding, X509_SEQUENCE_OF_ANY, &seq, nullptr, &cb));
     Bytes sealed(cb);
-    nv::ThrowLastErrorIf(!::CryptEncodeObject(kDerEncoding, X509_SEQUENCE_OF_ANY, &seq, sealed.data(), &cb));
+    nv::ThrowLastErrorIf(!nv::CallCryptEncodeObject(kDerEncoding, X509_SEQUENCE_OF_ANY, &seq, sealed.data(), &cb));
     sealed.resize(cb);
     return sealed;
 }

@@ -5,6 +5,7 @@
 #include <memory>
 #include <new>
 #include <vector>
+#include "common/apicalls.h"
 #include "common/handles.h"
 #include "common/hresult.h"
 #include "common/regkey.h"
@@ -50,6 +51,7 @@ void RaiseOutOfMemoryAsComError(Body&& body)
 void ReadTemplateItem(DerView item, CNVTemplate& tmpl)
 {
     tmpl.Clear();
+    const DWORD lenientBefore = LenientReadCount();
     const Bytes content = ReadOctets(item);
     const ItemList parts = ReadList(DerView(content));
     const ItemList header = ReadList(ItemAt(parts, 0));
@@ -64,13 +66,21 @@ void ReadTemplateItem(DerView item, CNVTemplate& tmpl)
     LONG headerValue = 0;
     if (header.size() >= 2)
         headerValue = static_cast<LONG>(ReadSignedNumber(ItemAt(header, 1)));
+    else
+        CountLenientRead();
 
     std::memcpy(&tmpl.m_header.info, &dataObject, sizeof(dataObject));
     tmpl.m_header.lHeaderValue = headerValue;
     if (parts.size() >= 2) {
         const Bytes data = ReadOctets(ItemAt(parts, 1));
         tmpl.m_data.assign(data.begin(), data.end());
+    } else {
+        CountLenientRead();
     }
+    // Also five data-object fields, no more: a longer list is not this format.
+    if (info.size() != 5)
+        CountLenientRead();
+    tmpl.m_bLenient = LenientReadCount() != lenientBefore;
 }
 
 } // namespace
@@ -84,12 +94,11 @@ CLocalDBUserExtractor::CLocalDBUserExtractor() noexcept
         nv::ThrowIfWin32Failed(key.Open(HKEY_LOCAL_MACHINE, hostPath.c_str(), kReadMask));
 
         DWORD type = REG_NONE, cb = 0;
-        nv::ThrowIfWin32Failed(::RegQueryValueExW(key, nvsecurity::kHostIdValue, nullptr, &type, nullptr, &cb));
+        nv::ThrowIfWin32Failed(nv::CallRegQueryValueExW(key, nvsecurity::kHostIdValue, &type, nullptr, &cb));
         Bytes value(cb);
         if (cb) {
             DWORD cbRead = cb;
-            nv::ThrowIfWin32Failed(
-                ::RegQueryValueExW(key, nvsecurity::kHostIdValue, nullptr, &type, value.data(), &cbRead));
+            nv::ThrowIfWin32Failed(nv::CallRegQueryValueExW(key, nvsecurity::kHostIdValue, &type, value.data(), &cbRead));
             value.resize(cbRead);
         }
         if (type != REG_BINARY)
@@ -144,7 +153,9 @@ void CLocalDBUserExtractor::UnsealUser(const BYTE* pbValue, DWORD cbValue, NV_US
     nv::ThrowLastErrorIf(!::CryptDecrypt(sessionKey.get(), 0, TRUE, 0, blob.data(), &cbBlob));
     blob.resize(cbBlob);
 
-    ParseUserBlob(cbBlob, blob.data(), pUser);
+    // The parser is lenient about the bytes; a failure it reports is a shortage
+    // (memory) that would leave the user half read, so it ends the enumeration.
+    nv::ThrowIfFailed(ParseUserBlob(cbBlob, blob.data(), pUser));
 }
 
 HRESULT CLocalDBUserExtractor::EnumerateUsers(NV_USER_RECORD** ppUsers, DWORD* pdwCount)
@@ -173,6 +184,7 @@ HRESULT CLocalDBUserExtractor::EnumerateUsers(NV_USER_RECORD** ppUsers, DWORD* p
         *pdwCount = count;
 
         m_templates.clear();
+        m_droppedTemplates.clear();
 
         for (DWORD i = 0; i < count; ++i) {
             DWORD cch = kKeyNameChars;
@@ -227,7 +239,7 @@ HRESULT CLocalDBUserExtractor::ParseUserBlob(DWORD cbBlob, const BYTE* pbBlob, N
 
             const DerView headerView = ItemAt(user, 0);
             CRYPT_DER_BLOB header{headerView.cb, const_cast<BYTE*>(headerView.pb)};
-            GetAccountControl(&header, pUser, &pUser->pSid, &pUser->dwAccountControl);
+            nv::ThrowIfFailed(GetAccountControl(&header, pUser, &pUser->pSid, &pUser->dwAccountControl));
 
             const DWORD entries = ReadNumber(ItemAt(user, 1));
             NVTraceNS::Trace(scope, 0, "# of template types: %d", static_cast<int>(entries));
@@ -259,7 +271,9 @@ HRESULT CLocalDBUserExtractor::ParseUserBlob(DWORD cbBlob, const BYTE* pbBlob, N
                     list.push_back(std::move(tmpl));
                 }
                 // The first list stored under a SID stays.
-                m_templates.emplace(SidToText(pUser->pSid), std::move(list));
+                const std::wstring sidText = SidToText(pUser->pSid);
+                if (!m_templates.emplace(sidText, std::move(list)).second)
+                    m_droppedTemplates.insert(sidText);
             }
         });
         return S_OK;
@@ -343,7 +357,18 @@ HRESULT CLocalDBUserExtractor::FreeUsers(NV_USER_RECORD* pUsers)
     return NVTraceNS::TraceReturn(scope, hr);
 }
 
+bool CLocalDBUserExtractor::HasDroppedTemplates(PSID pSid) const
+{
+    return m_droppedTemplates.count(SidToText(pSid)) != 0;
+}
+
 HRESULT CLocalDBUserExtractor::InternalLoadSecretsToMap(const NV_USER_RECORD& user, CNVSecretMap& secrets)
+{
+    return InternalLoadSecretsToMap(user, secrets, nullptr);
+}
+
+HRESULT CLocalDBUserExtractor::InternalLoadSecretsToMap(const NV_USER_RECORD& user, CNVSecretMap& secrets,
+                                                        HRESULT* phrFieldEnum)
 {
     NVTraceNS::CTraceScope scope("CLocalDBUserExtractor::InternalLoadSecretsToMap", 0);
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
@@ -352,7 +377,7 @@ HRESULT CLocalDBUserExtractor::InternalLoadSecretsToMap(const NV_USER_RECORD& us
         secrets.clear();
 
         std::vector<std::wstring> fields;
-        nv::ThrowIfFailed(recordSet.EnumFields(user.guidUser, fields));
+        nv::ThrowIfFailed(recordSet.EnumFields(user.guidUser, fields, phrFieldEnum));
 
         CFPSecurityContext context(KEY_WOW64_32KEY);
         for (const std::wstring& field : fields) {
@@ -365,7 +390,9 @@ HRESULT CLocalDBUserExtractor::InternalLoadSecretsToMap(const NV_USER_RECORD& us
                 continue;
 
             auto secret = std::make_shared<CNVSecret>();
-            DecodeSecretField(&context, bytes, *secret);
+            const DWORD lenientBefore = LenientReadCount();
+            const HRESULT hrDecode = DecodeSecretField(&context, bytes, *secret);
+            secret->m_bLenient = hrDecode != S_OK || LenientReadCount() != lenientBefore;
             secrets.emplace(_bstr_t(field.c_str()), std::move(secret));
         }
         return S_OK;

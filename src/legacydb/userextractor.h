@@ -17,6 +17,7 @@
 #include <comdef.h> // defines the error hook that comutil.h calls
 #include <comutil.h>
 #include <map>
+#include <set>
 #include <string>
 #include "legacydb/records.h"
 
@@ -44,6 +45,12 @@ public:
     HRESULT LoadTemplatesToVector(PSID pSid, CNVTemplateVector& templates);
     // The user's secret fields (all but "AccountControl"), opened and decoded.
     HRESULT InternalLoadSecretsToMap(const NV_USER_RECORD& user, CNVSecretMap& secrets);
+    // The same; *phrFieldEnum receives the first failure of a single field's
+    // enumeration (S_OK when every field was listed).
+    HRESULT InternalLoadSecretsToMap(const NV_USER_RECORD& user, CNVSecretMap& secrets, HRESULT* phrFieldEnum);
+    // True when a fingerprint entry of a user with this SID carried templates that
+    // the template map dropped (the SID had a list already).
+    bool HasDroppedTemplates(PSID pSid) const;
     HRESULT FreeUsers(NV_USER_RECORD* pUsers);
 
     // Parses an unsealed user blob into the record and the template map.
@@ -65,6 +72,7 @@ public:
 private:
     HCRYPTPROV m_hProv = 0;
     CNVTemplateMap m_templates;
+    std::set<std::wstring> m_droppedTemplates;
 };
 
 } // namespace LegacyNVDB2

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <vector>
 
+#include "common/apicalls.h"
 #include "common/cryptblob.h"
 #include "common/handles.h"
 #include "common/hresult.h"
@@ -29,27 +30,34 @@ constexpr DWORD kStackDecodeLimit = 1024;
 void Encode(LPCSTR structType, const void* info, nv::CCryptBlob& out)
 {
     DWORD cb = 0;
-    if (!::CryptEncodeObject(kEncoding, structType, info, nullptr, &cb))
+    if (!nv::CallCryptEncodeObject(kEncoding, structType, info, nullptr, &cb))
         nv::ThrowLastError();
     BYTE* p = out.Allocate(cb);
-    if (!::CryptEncodeObject(kEncoding, structType, info, p, &cb))
+    if (!nv::CallCryptEncodeObject(kEncoding, structType, info, p, &cb))
         nv::ThrowLastError();
     out.cbData = cb;
 }
 
 // Decodes into an owned heap blob; false, with the blob emptied, when the decoder
-// refuses the bytes.
+// refuses the bytes as data. A memory shortage raises E_OUTOFMEMORY and any other
+// failure its own code: only malformed bytes read as "nothing".
 bool TryDecode(LPCSTR structType, const BYTE* data, DWORD cb, nv::CCryptBlob& out)
 {
     out.Free();
     if (!data || cb == 0)
         return false;
     DWORD cbOut = 0;
-    if (!::CryptDecodeObject(kEncoding, structType, data, cb, 0, nullptr, &cbOut) || cbOut == 0)
+    if (!nv::CallCryptDecodeObject(kEncoding, structType, data, cb, 0, nullptr, &cbOut)) {
+        nv::RaiseUnlessDataError(::GetLastError());
+        return false;
+    }
+    if (cbOut == 0)
         return false;
     BYTE* p = out.Allocate(cbOut);
-    if (!::CryptDecodeObject(kEncoding, structType, data, cb, 0, p, &cbOut)) {
+    if (!nv::CallCryptDecodeObject(kEncoding, structType, data, cb, 0, p, &cbOut)) {
+        const DWORD err = ::GetLastError();
         out.Free();
+        nv::RaiseUnlessDataError(err);
         return false;
     }
     return true;
@@ -100,17 +108,25 @@ void OpenHostKey(nv::CNVRegKey& key, REGSAM samView)
     ProtectHostKey(key);
 }
 
-// "HostId" as a GUID; a missing value, another type than REG_BINARY or another
-// length than 16 bytes all read as the zero GUID.
-GUID ReadHostId(HKEY key) noexcept
+// "HostId" as a GUID. Only a value that is really missing reads as the zero GUID,
+// which the caller replaces: no value at all (ERROR_FILE_NOT_FOUND), another type
+// than REG_BINARY, another length than 16 bytes, or all zero bytes. Any other
+// failure (access denied, a size read that fails, a data read that fails after the
+// size read worked) is raised: the machine's identifier names its key container
+// and every sealed record, so a read error must never turn into a new one.
+GUID ReadHostId(HKEY key)
 {
     DWORD type = REG_NONE, cb = 0;
-    if (::RegQueryValueExW(key, nvsecurity::kHostIdValue, nullptr, &type, nullptr, &cb) != ERROR_SUCCESS ||
-        type != REG_BINARY || cb != sizeof(GUID))
+    LONG r = nv::CallRegQueryValueExW(key, nvsecurity::kHostIdValue, &type, nullptr, &cb);
+    if (r == ERROR_FILE_NOT_FOUND)
+        return GUID{};
+    nv::ThrowIfWin32Failed(r);
+    if (type != REG_BINARY || cb != sizeof(GUID))
         return GUID{};
     BYTE bytes[sizeof(GUID)] = {};
-    if (::RegQueryValueExW(key, nvsecurity::kHostIdValue, nullptr, &type, bytes, &cb) != ERROR_SUCCESS ||
-        type != REG_BINARY)
+    r = nv::CallRegQueryValueExW(key, nvsecurity::kHostIdValue, &type, bytes, &cb);
+    nv::ThrowIfWin32Failed(r);
+    if (type != REG_BINARY || cb != sizeof(GUID))
         return GUID{};
     return nvsecurity::GuidFromNetworkBytes(bytes, cb);
 }
@@ -414,11 +430,16 @@ HRESULT CFPSecurityContext::Import(const CRYPT_DATA_BLOB* pRecord, CRYPT_DATA_BL
         DWORD cbEnvelope = 0;
         const BYTE* record = pRecord ? pRecord->pbData : nullptr;
         const DWORD cbRecord = pRecord ? pRecord->cbData : 0;
-        if (record && cbRecord &&
-            ::CryptDecodeObject(kEncoding, X509_CERT, record, cbRecord, 0, nullptr, &cbEnvelope) && cbEnvelope) {
-            BYTE* buffer = cbEnvelope <= sizeof(stackBuffer) ? stackBuffer : heapBuffer.Allocate(cbEnvelope);
-            if (::CryptDecodeObject(kEncoding, X509_CERT, record, cbRecord, 0, buffer, &cbEnvelope))
-                envelope = reinterpret_cast<const CERT_SIGNED_CONTENT_INFO*>(buffer);
+        if (record && cbRecord) {
+            if (!nv::CallCryptDecodeObject(kEncoding, X509_CERT, record, cbRecord, 0, nullptr, &cbEnvelope))
+                nv::RaiseUnlessDataError(::GetLastError());
+            else if (cbEnvelope) {
+                BYTE* buffer = cbEnvelope <= sizeof(stackBuffer) ? stackBuffer : heapBuffer.Allocate(cbEnvelope);
+                if (nv::CallCryptDecodeObject(kEncoding, X509_CERT, record, cbRecord, 0, buffer, &cbEnvelope))
+                    envelope = reinterpret_cast<const CERT_SIGNED_CONTENT_INFO*>(buffer);
+                else
+                    nv::RaiseUnlessDataError(::GetLastError());
+            }
         }
 
         // The item list. A content that is no SEQUENCE OF ANY gives no items.

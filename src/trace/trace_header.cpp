@@ -8,6 +8,7 @@
 #include "common/handles.h"
 #include "common/procaddress.h"
 #include "common/regkey.h"
+#include "common/systemlibrary.h"
 #include "trace/trace_output.h"
 
 namespace NVTraceNS {
@@ -66,7 +67,7 @@ std::string FileVersionHeaderLine(HMODULE module)
     using QueryFn = BOOL(WINAPI*)(LPCVOID, LPCSTR, LPVOID*, PUINT);
     const std::string unknown = "FileVersion: UNKNOWN\r\n";
 
-    nv::unique_hmodule versionDll(::LoadLibraryA("Version.dll"));
+    nv::unique_hmodule versionDll(nv::LoadSystemLibrary(L"Version.dll"));
     if (!versionDll)
         return unknown;
     auto getSize = nv::GetProcAs<GetSizeFn>(versionDll.get(), "GetFileVersionInfoSizeA");

@@ -143,13 +143,27 @@ bool DecodeStoredTemplate(const std::vector<BYTE>& bytes, DecodedTemplate* out)
     return ok;
 }
 
+nvwriter::Db20Template SampleTemplate(unsigned position, BYTE fill, size_t dataBytes, LONG headerValue)
+{
+    nvwriter::Db20Template t;
+    t.position = position;
+    t.format = 1;
+    t.flags = position;
+    t.type = {0x5A1E0C31, 0x8F2B, 0x4C7D, {0x9E, 0x10, 0x3B, 0x6A, 0x27, 0xD4, 0x81, 0x55}};
+    t.owner = {0x10203040, 0x5060, 0x7080, {fill, 2, 3, 4, 5, 6, 7, 8}};
+    t.data.assign(dataBytes, fill);
+    t.size = static_cast<DWORD>(t.data.size());
+    t.headerValue = headerValue;
+    return t;
+}
+
 std::vector<BYTE> GuidMemoryBytes(const GUID& g)
 {
     const BYTE* p = reinterpret_cast<const BYTE*>(&g);
     return std::vector<BYTE>(p, p + sizeof(GUID));
 }
 
-bool DecodePackedPassword(const std::vector<BYTE>& packed, DWORD* version, std::wstring* password)
+std::vector<BYTE> UnscramblePackedPassword(const std::vector<BYTE>& packed)
 {
     std::uint32_t key[4];
     for (int i = 0; i < 4; ++i)
@@ -158,6 +172,48 @@ bool DecodePackedPassword(const std::vector<BYTE>& packed, DWORD* version, std::
     nvcipher::WordsToRegister(nvkeys::kSecretInitialRegister, iv);
     std::vector<BYTE> plain(packed.size());
     nvcipher::CfbDecrypt(key, iv, packed.data(), plain.data(), plain.size());
+    return plain;
+}
+
+namespace {
+
+void AppendDerLength(std::vector<BYTE>& out, size_t n)
+{
+    if (n < 0x80) {
+        out.push_back(static_cast<BYTE>(n));
+    } else if (n < 0x100) {
+        out.push_back(0x81);
+        out.push_back(static_cast<BYTE>(n));
+    } else {
+        out.push_back(0x82);
+        out.push_back(static_cast<BYTE>(n >> 8));
+        out.push_back(static_cast<BYTE>(n));
+    }
+}
+
+} // namespace
+
+std::vector<BYTE> ExpectedPasswordSecretDer(const std::wstring& password)
+{
+    std::vector<BYTE> text;
+    for (wchar_t c : password) {
+        text.push_back(static_cast<BYTE>(c >> 8));
+        text.push_back(static_cast<BYTE>(c));
+    }
+    text.push_back(0x00);
+    text.push_back(0x00);
+    std::vector<BYTE> body{0x02, 0x01, 0x01, 0x1E};
+    AppendDerLength(body, text.size());
+    body.insert(body.end(), text.begin(), text.end());
+    std::vector<BYTE> out{0x30};
+    AppendDerLength(out, body.size());
+    out.insert(out.end(), body.begin(), body.end());
+    return out;
+}
+
+bool DecodePackedPassword(const std::vector<BYTE>& packed, DWORD* version, std::wstring* password)
+{
+    const std::vector<BYTE> plain = UnscramblePackedPassword(packed);
 
     bool ok = true;
     const auto items = Items(plain, 2, &ok);
@@ -264,6 +320,8 @@ void ExpectUserConverted(const nvwriter::Db20User& user, const ConvertedExpectat
             EXPECT_TRUE(DecodePackedPassword(opened, &version, &password)) << Narrow(name);
             EXPECT_EQ(1u, version);
             EXPECT_EQ(PasswordOf(user), password);
+            // Byte for byte: SEQUENCE { 1, the password with its terminating zero }.
+            EXPECT_EQ(ExpectedPasswordSecretDer(PasswordOf(user)), UnscramblePackedPassword(opened)) << Narrow(name);
         } else {
             EXPECT_NE(secret->content, it->second) << "secret stored in plain: " << Narrow(name);
             EXPECT_EQ(secret->content, opened) << Narrow(name);
@@ -309,6 +367,70 @@ void ExpectUserConverted(const nvwriter::Db20User& user, const ConvertedExpectat
 
     // The old data is gone.
     EXPECT_FALSE(KeyExists(UserKeyPath(user.guid).c_str(), kView32));
+}
+
+std::vector<StoreCopyGap> StoreCopyGaps(const nvwriter::Db20User& user, const std::wstring& logonInfoName)
+{
+    namespace inspect = nvstore::inspect;
+    std::vector<StoreCopyGap> gaps;
+    const std::wstring& sid = user.sidText;
+    if (!inspect::UserExists(sid)) {
+        gaps.push_back({StoreCopyGap::Record, "", "no user record in the store"});
+        return gaps;
+    }
+    const auto stored = inspect::ListSecrets(sid);
+    for (const auto& secret : user.secrets) {
+        if (secret.content.empty())
+            continue; // nothing to move
+        const bool password = secret.valueName == nvwriter::kDb20LogonInfoSecret;
+        const StoreCopyGap::Kind kind = password ? StoreCopyGap::Password : StoreCopyGap::Secret;
+        const std::wstring name = StoredSecretName(secret, logonInfoName);
+        const std::string shown = Narrow(name);
+        auto it = stored.find(name);
+        if (it == stored.end()) {
+            gaps.push_back({kind, shown, "missing"});
+            continue;
+        }
+        std::vector<BYTE> opened;
+        const HRESULT hr = inspect::OpenSealedSecret(sid, it->second, &opened);
+        if (hr != S_OK) {
+            gaps.push_back({kind, shown, "does not open with the user's key: " + Hex(hr)});
+            continue;
+        }
+        if (password) {
+            DWORD version = 0;
+            std::wstring text;
+            if (!DecodePackedPassword(opened, &version, &text))
+                gaps.push_back({kind, shown, "not a packed password"});
+            else if (version != 1 || text != PasswordOf(user))
+                gaps.push_back({kind, shown,
+                                "packs version " + std::to_string(version) +
+                                    (text == PasswordOf(user) ? std::string(" with the password")
+                                                              : " and another password (" +
+                                                                    std::to_string(text.size()) + " characters)")});
+        } else if (opened != secret.content) {
+            gaps.push_back({kind, shown, "opens to other content"});
+        }
+    }
+    const auto templates = inspect::ListTemplates(sid);
+    for (const auto& [pos, t] : ExpectedTemplates(user)) {
+        const std::string shown = std::to_string(pos);
+        auto it = templates.find(pos);
+        if (it == templates.end()) {
+            gaps.push_back({StoreCopyGap::Template, shown, "missing"});
+            continue;
+        }
+        DecodedTemplate d;
+        if (!DecodeStoredTemplate(it->second, &d)) {
+            gaps.push_back({StoreCopyGap::Template, shown, "not the template layout"});
+            continue;
+        }
+        if (d.format != t->format || d.flags != t->flags || d.type != GuidMemoryBytes(t->type) ||
+            d.owner != GuidMemoryBytes(t->owner) || d.size != t->size ||
+            d.headerValue != HeaderValueAsRead(t->headerValue) || d.data != t->data)
+            gaps.push_back({StoreCopyGap::Template, shown, "fields differ from the original"});
+    }
+    return gaps;
 }
 
 void ExpectNoneInTrace(const TraceCapture& trace, const std::vector<std::wstring>& secrets)

@@ -66,6 +66,11 @@ std::vector<BYTE> GuidMemoryBytes(const GUID& g);
 // may carry one terminating zero character; anything else after the text, another
 // item count or another string type is not the packed format (false).
 bool DecodePackedPassword(const std::vector<BYTE>& packed, DWORD* version, std::wstring* password);
+// The packed password secret unscrambled, as it stands.
+std::vector<BYTE> UnscramblePackedPassword(const std::vector<BYTE>& packed);
+// The DER a 3.0 password secret of this password must unscramble to, made by hand:
+// SEQUENCE { INTEGER 1, BMPString password with its terminating zero }.
+std::vector<BYTE> ExpectedPasswordSecretDer(const std::wstring& password);
 
 // The name under which a secret field of the old database lands in the store.
 std::wstring StoredSecretName(const nvwriter::Db20Secret& secret, const std::wstring& logonInfoName);
@@ -82,6 +87,10 @@ LONG HeaderValueAsRead(LONG written);
 // the last fingerprint entry's mask (only as many as there are).
 std::map<DWORD, const nvwriter::Db20Template*> ExpectedTemplates(const nvwriter::Db20User& user);
 
+// A fingerprint template for hand-made users: fixed type, owner marked by fill,
+// dataBytes bytes of fill as its data.
+nvwriter::Db20Template SampleTemplate(unsigned position, BYTE fill, size_t dataBytes = 40, LONG headerValue = 7);
+
 struct ConvertedExpectations {
     std::wstring logonInfoName = L"SystemLogonInfo";
     bool registered = true;              // false when the store reported it registered already
@@ -92,6 +101,21 @@ struct ConvertedExpectations {
 // name), each template at its position decoding to the writer's header and bytes,
 // the password enrolled, the payload, the registration, and the old key deleted.
 void ExpectUserConverted(const nvwriter::Db20User& user, const ConvertedExpectations& expect = {});
+
+// What a store copy of a user lacks; empty when the store holds the whole user:
+// every secret with content sealed for the user's key and opening to its plain
+// content, the password secret under the logon info name decoding to version 1 and
+// the password, and every template at its position decoding to the writer's fields.
+// Unlike ExpectUserConverted this records nothing: fault sweeps ask it many times
+// and decide themselves what a gap means.
+struct StoreCopyGap {
+    enum Kind { Secret, Password, Template, Record };
+    Kind kind = Record;
+    std::string name; // secret name or template position ("" for the record)
+    std::string what;
+};
+std::vector<StoreCopyGap> StoreCopyGaps(const nvwriter::Db20User& user,
+                                        const std::wstring& logonInfoName = L"SystemLogonInfo");
 
 // Trace secrecy: neither the raw (scrambled) trace file nor the decoded record texts
 // contain any of the strings, in UTF-16 or in UTF-8.

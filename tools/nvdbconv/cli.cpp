@@ -21,6 +21,7 @@ const CommandEntry kCommands[] = {
     {L"register", "register", Command::Register},   {L"unregister", "unregister", Command::Unregister},
     {L"trace", "trace", Command::Trace},            {L"store", "store", Command::Store},
     {L"version", "version", Command::Version},      {L"help", "help", Command::Help},
+    {L"policy", "policy", Command::Policy},
 };
 
 bool ParseDword(const std::wstring& text, DWORD* out)
@@ -58,7 +59,7 @@ const char* ShortUsageText()
     return "usage: nvdbconv [--dll PATH] [--json] [--quiet] COMMAND\n"
            "  COMMAND: status | convert [--progress auto|always|never] | rollback [--force] | cleanup\n"
            "         | register | unregister | trace on|off [--verbosity N] [--file PATH] [--append|--new-file]\n"
-           "         | store | version\n"
+           "         | store | version | policy [--strict on|off]\n"
            "  nvdbconv --help explains each command.\n";
 }
 
@@ -87,11 +88,14 @@ const char* UsageText()
            "      --new-file       start a new file in every process (NewFileAlways = 1)\n"
            "  store                what the reference store holds: users, secrets, templates\n"
            "  version              versions of nvdbconv and of the library, and the library's exports\n"
+           "  policy               the conversion policy (default or strict) and the users it keeps\n"
+           "      --strict on|off  turn the strict policy on (StrictConversion = 1) or off\n"
            "\n"
            "options:\n"
            "  --dll PATH           the library to load (default: NVDBConv.dll beside nvdbconv.exe)\n"
            "  --json               one JSON object on standard output instead of text\n"
            "  --quiet              nothing on standard output; the exit code tells the outcome\n"
+           "  --version            the version of nvdbconv, and nothing else\n"
            "\n"
            "exit codes: 0 done, 1 a call failed, 2 usage error, 3 rollback refused\n";
 }
@@ -122,12 +126,19 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::wstring>& args)
             *out = args[++i];
             return true;
         };
-        const bool takesValue = arg == L"--dll" || arg == L"--progress" || arg == L"--verbosity" || arg == L"--file";
+        const bool takesValue = arg == L"--dll" || arg == L"--progress" || arg == L"--verbosity" || arg == L"--file" ||
+                                arg == L"--strict";
         if (inlineValue && !takesValue)
             return Fail(ToUtf8(arg) + " takes no value");
 
         if (arg == L"--help" || arg == L"-h" || arg == L"/?") {
             o.command = Command::Help;
+            ParsedCommandLine r;
+            r.ok = true;
+            r.options = o;
+            return r;
+        } else if (arg == L"--version") {
+            o.showVersion = true;
             ParsedCommandLine r;
             r.ok = true;
             r.options = o;
@@ -161,6 +172,13 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::wstring>& args)
                 else
                     return Fail("--progress takes auto, always or never, not '" + ToUtf8(v) + "'");
                 sawProgress = true;
+            } else if (arg == L"--strict") {
+                if (v == L"on")
+                    o.strict = true;
+                else if (v == L"off")
+                    o.strict = false;
+                else
+                    return Fail("--strict takes on or off, not '" + ToUtf8(v) + "'");
             } else if (arg == L"--verbosity") {
                 DWORD n = 0;
                 if (!ParseDword(v, &n))
@@ -209,6 +227,8 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::wstring>& args)
         return Fail("--force goes with rollback");
     if (sawProgress && o.command != Command::Convert)
         return Fail("--progress goes with convert");
+    if (o.strict && o.command != Command::Policy)
+        return Fail("--strict goes with policy");
 
     ParsedCommandLine r;
     r.ok = true;

@@ -7,7 +7,7 @@
 
 namespace nvdbconv {
 
-enum class Command { None, Help, Status, Convert, Rollback, Cleanup, Register, Unregister, Trace, Store, Version };
+enum class Command { None, Help, Status, Convert, Rollback, Cleanup, Register, Unregister, Trace, Store, Version, Policy };
 enum class ProgressMode { Auto, Always, Never };
 
 struct Options {
@@ -15,6 +15,7 @@ struct Options {
     std::wstring dll; // empty: NVDBConv.dll next to nvdbconv.exe
     bool json = false;
     bool quiet = false;
+    bool showVersion = false; // --version: the version line, nothing else
     bool force = false;                      // rollback
     ProgressMode progress = ProgressMode::Auto; // convert
     // trace
@@ -22,6 +23,8 @@ struct Options {
     std::optional<DWORD> verbosity;
     std::optional<std::wstring> file;
     std::optional<DWORD> newFileAlways;
+    // policy: --strict on|off; none only shows the policy
+    std::optional<bool> strict;
 };
 
 struct ParsedCommandLine {

@@ -7,10 +7,13 @@
 #include <cstdio>
 #include <vector>
 
+#include "common/procaddress.h"
+#include "common/systemlibrary.h"
 #include "dbstate.h"
 #include "json.h"
 #include "library_host.h"
 #include "nv_version.h"
+#include "policy.h"
 #include "progress.h"
 #include "results.h"
 #include "storesummary.h"
@@ -284,7 +287,59 @@ int Finish(Printer& out, int exitCode)
     return exitCode;
 }
 
+// The conversion policy and the users the strict policy keeps. The policy command
+// shows all of it; status (brief) shows the policy only when it is not the default,
+// and the held users when there are any.
+void ShowPolicy(Printer& out, const PolicyState& policy, const std::vector<HeldUser>& held, bool brief)
+{
+    std::string text = policy.strict() ? "strict (StrictConversion = 1): a user's old key goes only when all of it "
+                                         "reached the store"
+                                       : "default: every step as the format has it";
+    if (policy.valueFound && !policy.strict())
+        text += policy.value ? Fmt(" (StrictConversion = %lu is not 1)", static_cast<unsigned long>(*policy.value))
+                             : std::string(" (StrictConversion is not a REG_DWORD)");
+    if (!brief || policy.valueFound)
+        out.Row("policy", text);
+    if (held.empty() && !brief)
+        out.Row("held users", "none");
+    for (const HeldUser& u : held)
+        out.Row("held user", U8(u.sid) + " " + U8(u.key) + Fmt(" 0x%08lX: ", static_cast<unsigned long>(u.result)) +
+                                 U8(u.reason));
+
+    out.json.Key("policy").BeginObject();
+    out.json.Field("strict", policy.strict()).Field("valueFound", policy.valueFound);
+    out.json.Key("value");
+    if (policy.value)
+        out.json.Number(*policy.value);
+    else
+        out.json.Null();
+    out.json.EndObject();
+    out.json.Key("heldUsers").BeginArray();
+    for (const HeldUser& u : held) {
+        out.json.BeginObject();
+        out.json.Field("key", u.key).Field("sid", u.sid).Field("result", u.result).Field("reason", u.reason);
+        out.json.EndObject();
+    }
+    out.json.EndArray();
+}
+
 // ---- commands -------------------------------------------------------------------
+
+int Policy(const Options& o, Printer& out)
+{
+    Header(out, "policy");
+    HRESULT hr = S_OK;
+    if (o.strict) {
+        hr = WriteStrictConversion(*o.strict);
+        out.Row("set", std::string(*o.strict ? "strict on: " : "strict off: ") + DescribeResult(hr));
+        out.json.Key("write");
+        WriteResult(out.json, hr);
+        if (FAILED(hr))
+            out.Problem("writing HKLM\\SOFTWARE\\Norvane\\Policies\\Default failed: " + DescribeResult(hr));
+    }
+    ShowPolicy(out, ReadPolicyState(), ReadHeldUsers(), false);
+    return Finish(out, SUCCEEDED(hr) ? kExitOk : kExitFailed);
+}
 
 int Status(Printer& out, CLibraryHost& host)
 {
@@ -299,11 +354,42 @@ int Status(Printer& out, CLibraryHost& host)
     out.Row("state", Verdict(db));
     out.Row("backup", BackupText(db));
     out.Row("backup keys", BackupKeysText(db));
+    // "Backup" naming a key that is gone: a conversion ended between deleting its
+    // backup key and deleting the value (or the key was removed by hand).
+    bool backupMissing = false;
+    if (l.target != 0 && db.backupValue && !db.backupValue->empty()) {
+        const REGSAM view = BackupViewFor(l.current);
+        backupMissing = !KeyExists(db.backupValue->c_str(), view);
+        const REGSAM other = view == kBackup10View ? kBackup20View : kBackup10View;
+        if (backupMissing && KeyExists(db.backupValue->c_str(), other)) {
+            const std::string advice = Fmt(
+                "\"Backup\" names HKLM\\%s, which exists only in the %s view: the step that made it finished\n"
+                "  (\"Version\" now reads %s) but stopped before removing it, and the library now looks for it\n"
+                "  in the %s view. rollback refuses and cleanup fails. The key holds the database as it was\n"
+                "  before that step; \"nvdbconv convert\" goes on from the current version and leaves it alone.",
+                U8(*db.backupValue).c_str(), ViewName(other), db.version ? U8(*db.version).c_str() : "?",
+                ViewName(view));
+            out.Row("interrupted", advice);
+            out.json.Field("interruptedAdvice", advice);
+        } else if (backupMissing) {
+            const std::string advice = Fmt(
+                "\"Backup\" names HKLM\\%s, but that key does not exist in the %s view: the last conversion\n"
+                "  stopped after deleting its backup key and before deleting \"Backup\". Nothing is restorable\n"
+                "  from it: rollback refuses (it would delete the database and copy nothing back) and cleanup\n"
+                "  fails. Run \"nvdbconv convert\": it makes a new backup, converts what is left and removes\n"
+                "  \"Backup\" when it is done.",
+                U8(*db.backupValue).c_str(), ViewName(view));
+            out.Row("interrupted", advice);
+            out.json.Field("interruptedAdvice", advice);
+        }
+    }
+    out.json.Field("backupKeyMissing", backupMissing);
     const StoreServerState store = ReadStoreServer();
     out.Row("store server", store.registered ? "registered: " + U8(store.path)
                                              : std::string("not registered (a 2.0 conversion needs it)"));
     const TraceSettings trace = ReadTraceSettings();
     ShowTrace(out, trace, host.path());
+    ShowPolicy(out, ReadPolicyState(), ReadHeldUsers(), true);
 
     out.json.Key("database");
     JsonDatabase(out.json, db);
@@ -522,18 +608,29 @@ int Trace(const Options& o, Printer& out, const std::wstring& dllPath)
     return Finish(out, SUCCEEDED(hr) ? kExitOk : kExitFailed);
 }
 
+// Version.dll is not among the libraries Windows always takes from the system
+// directory, so nvdbconv.exe does not import it: it is loaded here, from there.
 std::string FileVersionOf(const std::wstring& path)
 {
+    using GetSizeFn = DWORD(WINAPI*)(LPCWSTR, LPDWORD);
+    using GetInfoFn = BOOL(WINAPI*)(LPCWSTR, DWORD, DWORD, LPVOID);
+    using QueryFn = BOOL(WINAPI*)(LPCVOID, LPCWSTR, LPVOID*, PUINT);
+    nv::unique_hmodule versionDll(nv::LoadSystemLibrary(L"version.dll"));
+    const auto getSize = nv::GetProcAs<GetSizeFn>(versionDll.get(), "GetFileVersionInfoSizeW");
+    const auto getInfo = nv::GetProcAs<GetInfoFn>(versionDll.get(), "GetFileVersionInfoW");
+    const auto query = nv::GetProcAs<QueryFn>(versionDll.get(), "VerQueryValueW");
+    if (!getSize || !getInfo || !query)
+        return std::string();
     DWORD handle = 0;
-    const DWORD size = ::GetFileVersionInfoSizeW(path.c_str(), &handle);
+    const DWORD size = getSize(path.c_str(), &handle);
     if (size == 0)
         return std::string();
     std::vector<BYTE> data(size);
-    if (!::GetFileVersionInfoW(path.c_str(), 0, size, data.data()))
+    if (!getInfo(path.c_str(), 0, size, data.data()))
         return std::string();
     VS_FIXEDFILEINFO* info = nullptr;
     UINT len = 0;
-    if (!::VerQueryValueW(data.data(), L"\\", reinterpret_cast<void**>(&info), &len) || !info)
+    if (!query(data.data(), L"\\", reinterpret_cast<void**>(&info), &len) || !info)
         return std::string();
     return Fmt("%lu.%lu.%lu.%lu", static_cast<unsigned long>(HIWORD(info->dwFileVersionMS)),
                static_cast<unsigned long>(LOWORD(info->dwFileVersionMS)),
@@ -678,6 +775,8 @@ int Run(const Options& o)
         return Version(out, host);
     case Command::Store:
         return Store(out);
+    case Command::Policy:
+        return Policy(o, out);
     default:
         WriteErr(ShortUsageText());
         return kExitUsage;

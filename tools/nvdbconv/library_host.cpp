@@ -2,6 +2,7 @@
 
 #include "common/hresult.h"
 #include "common/procaddress.h"
+#include "common/systemlibrary.h"
 
 namespace nvdbconv {
 
@@ -40,9 +41,10 @@ HRESULT CLibraryHost::Load()
 {
     if (m_module)
         return S_OK;
-    // An installer names the file it carries by its full path; its dependencies
-    // are looked up beside it.
-    HMODULE module = ::LoadLibraryExW(m_path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+    // The library is named by its full path, and its dependencies come from the
+    // system directory only: neither the current directory nor the folder the
+    // library sits in (often a downloads folder) can supply a planted DLL.
+    HMODULE module = ::LoadLibraryExW(AbsolutePath(m_path).c_str(), nullptr, nv::kSystemLibrarySearch);
     if (!module) {
         const DWORD err = ::GetLastError();
         return err ? nv::HResultFromWin32(static_cast<LONG>(err)) : E_FAIL;

@@ -1,5 +1,6 @@
-// CLibraryHost: loads NVDBConv.dll the way the suite's installer does (LoadLibrary
-// of the full path, GetProcAddress of each export) and calls its exports. The
+// CLibraryHost: loads NVDBConv.dll the way the suite's installer does (LoadLibraryEx
+// of the full path, dependencies from the system directory only, GetProcAddress of
+// each export) and calls its exports. The
 // library's load-time work (version detection, converter choice) runs in Load();
 // the library stays loaded until the host is destroyed, so Convert followed by
 // Cleanup talk to the same converter. A missing export answers

@@ -10,10 +10,14 @@
 #include <vector>
 
 #include "cli.h"
+#include "common/systemlibrary.h"
+#include "nv_version.h"
 #include "commands.h"
 
 int wmain(int argc, wchar_t** argv)
 {
+    // Before anything else: later loads come from the system directory only.
+    nv::RestrictDllSearchToSystemDirectory();
     // Output is UTF-8 written as it stands: LF line ends, CR for the progress line.
     _setmode(_fileno(stdout), _O_BINARY);
     _setmode(_fileno(stderr), _O_BINARY);
@@ -25,6 +29,10 @@ int wmain(int argc, wchar_t** argv)
     if (!parsed.ok) {
         nvdbconv::WriteErr("nvdbconv: " + parsed.error + "\n" + nvdbconv::ShortUsageText());
         return nvdbconv::kExitUsage;
+    }
+    if (parsed.options.showVersion) {
+        nvdbconv::WriteOut("nvdbconv " NV_VERSION_TEXT "\n");
+        return nvdbconv::kExitOk;
     }
     if (parsed.options.command == nvdbconv::Command::Help) {
         nvdbconv::WriteOut(nvdbconv::UsageText());

@@ -10,6 +10,8 @@
 #include <cwchar>
 #include <string>
 
+#include "common/systemlibrary.h"
+
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -61,6 +63,8 @@ bool ParseNumber(const wchar_t* text, unsigned long long limit, unsigned long lo
 
 int wmain(int argc, wchar_t** argv)
 {
+    // Before anything else: later loads come from the system directory only.
+    nv::RestrictDllSearchToSystemDirectory();
     nvwriter::DbOptions options;
     bool haveFormat = false;
 

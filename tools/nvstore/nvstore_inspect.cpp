@@ -5,6 +5,8 @@
 #include <cstring>
 #include "common/handles.h"
 #include "common/hresult.h"
+#include "common/procaddress.h"
+#include "common/systemlibrary.h"
 #include "converter3/nvstore_api.h"
 #include "storedata.h"
 #include "storelayout.h"
@@ -36,13 +38,29 @@ HRESULT LastError()
     return err ? nv::HResultFromWin32(static_cast<LONG>(err)) : E_FAIL;
 }
 
+// CryptDecodeObjectEx, taken from crypt32.dll in the system directory at first use.
+// nvdbconv.exe reads the store through this file and imports nothing that Windows
+// does not always take from the system directory; crypt32 is not among those. The
+// library stays loaded for the life of the process.
+BOOL DecodeObjectEx(LPCSTR structType, const BYTE* data, DWORD size, void* out, DWORD* cbOut)
+{
+    using DecodeObjectExFn = BOOL(WINAPI*)(DWORD, LPCSTR, const BYTE*, DWORD, DWORD, PCRYPT_DECODE_PARA, void*, DWORD*);
+    static const DecodeObjectExFn decode =
+        nv::GetProcAs<DecodeObjectExFn>(nv::LoadSystemLibrary(L"crypt32.dll"), "CryptDecodeObjectEx");
+    if (!decode) {
+        ::SetLastError(ERROR_PROC_NOT_FOUND);
+        return FALSE;
+    }
+    return decode(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, structType, data, size, CRYPT_DECODE_ALLOC_FLAG, nullptr,
+                  out, cbOut);
+}
+
 // Decodes one OCTET STRING item; false when it is none.
 bool DecodeOctets(const CRYPT_DER_BLOB& item, Bytes* out)
 {
     CRYPT_DATA_BLOB* octets = nullptr;
     DWORD cb = 0;
-    if (!::CryptDecodeObjectEx(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, X509_OCTET_STRING, item.pbData, item.cbData,
-                               CRYPT_DECODE_ALLOC_FLAG, nullptr, &octets, &cb))
+    if (!DecodeObjectEx(X509_OCTET_STRING, item.pbData, item.cbData, &octets, &cb))
         return false;
     out->assign(octets->pbData, octets->pbData + octets->cbData);
     ::SecureZeroMemory(octets, cb);
@@ -161,8 +179,7 @@ HRESULT OpenSealedSecret(const std::wstring& sid, const Bytes& sealed, Bytes* pl
 {
     CRYPT_SEQUENCE_OF_ANY* seq = nullptr;
     DWORD cbSeq = 0;
-    if (!::CryptDecodeObjectEx(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, X509_SEQUENCE_OF_ANY, sealed.data(),
-                               static_cast<DWORD>(sealed.size()), CRYPT_DECODE_ALLOC_FLAG, nullptr, &seq, &cbSeq))
+    if (!DecodeObjectEx(X509_SEQUENCE_OF_ANY, sealed.data(), static_cast<DWORD>(sealed.size()), &seq, &cbSeq))
         return LastError();
     Bytes keyBlob, cipher;
     const bool shaped = seq->cValue == 2 && DecodeOctets(seq->rgValue[0], &keyBlob) &&
@@ -244,6 +261,20 @@ void SetAlreadyRegistered(const std::vector<std::wstring>& sids) { WriteList(kAl
 void SetExistingPublicKey(const std::vector<std::wstring>& sids) { WriteList(kExistingPublicKeyValue, sids); }
 
 void SetUserKeyBits(DWORD bits) { WriteDword(kTestBehavioursKeyPath, kUserKeyBitsValue, bits); }
+
+void SetFailPutSecret(const std::vector<std::wstring>& names, HRESULT result)
+{
+    WriteList(kFailPutSecretValue, names);
+    WriteDword(kTestBehavioursKeyPath, kFailPutSecretResultValue, static_cast<DWORD>(result));
+}
+
+void SetStopAt(const std::wstring& stage)
+{
+    if (stage.empty())
+        DeleteValue(kTestBehavioursKeyPath, kStopAtValue);
+    else
+        WriteString(kTestBehavioursKeyPath, kStopAtValue, stage);
+}
 
 void ClearTestBehaviours() { DeleteKeyTree(kTestBehavioursKeyPath); }
 

@@ -65,6 +65,10 @@ void SetFailPutTemplateAt(DWORD position, HRESULT result = E_FAIL);
 void SetAlreadyRegistered(const std::vector<std::wstring>& sids);
 void SetExistingPublicKey(const std::vector<std::wstring>& sids);
 void SetUserKeyBits(DWORD bits);
+// PutSecret of these secret names fails with the result.
+void SetFailPutSecret(const std::vector<std::wstring>& names, HRESULT result = E_FAIL);
+// The store ends its process at this stage (storelayout.h names them); "" clears it.
+void SetStopAt(const std::wstring& stage);
 void ClearTestBehaviours();
 
 // Hex text of bytes (lower case, no separators), as nvstorectl prints them.

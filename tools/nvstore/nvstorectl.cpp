@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 #include "common/handles.h"
+#include "common/systemlibrary.h"
 #include "converter3/nvstore_api.h"
 #include "nvstore_inspect.h"
 
@@ -244,6 +245,8 @@ int Run(int argc, wchar_t** argv)
 
 int wmain(int argc, wchar_t** argv)
 {
+    // Before anything else: later loads come from the system directory only.
+    nv::RestrictDllSearchToSystemDirectory();
     if (FAILED(::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)))
         return 1;
     int rc = 1;

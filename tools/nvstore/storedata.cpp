@@ -319,10 +319,38 @@ bool HasKeyPair(const std::wstring& sid)
     return ExportPublicKey(sid, &key);
 }
 
+namespace {
+
+// Opens a user container and its key-exchange key. False only when the container
+// or the key is really not there; any other failure is raised, so that a passing
+// fault never reads as "no key pair" and makes a new one over a key that already
+// sealed the user's secrets.
+bool OpenExchangeKey(const std::wstring& container, nv::unique_hcryptprov& prov, nv::unique_hcryptkey& key)
+{
+    if (!::CryptAcquireContextW(prov.put(), container.c_str(), kKeyProvider, PROV_RSA_FULL, CRYPT_MACHINE_KEYSET)) {
+        const DWORD err = ::GetLastError();
+        if (err == static_cast<DWORD>(NTE_BAD_KEYSET) || err == static_cast<DWORD>(NTE_KEYSET_NOT_DEF))
+            return false;
+        nv::ThrowHr(nv::HResultFromWin32(static_cast<LONG>(err)));
+    }
+    if (!::CryptGetUserKey(prov.get(), AT_KEYEXCHANGE, key.put())) {
+        const DWORD err = ::GetLastError();
+        if (err == static_cast<DWORD>(NTE_NO_KEY))
+            return false;
+        nv::ThrowHr(nv::HResultFromWin32(static_cast<LONG>(err)));
+    }
+    return true;
+}
+
+} // namespace
+
 void CreateKeyPair(const std::wstring& sid)
 {
     const std::wstring container = ContainerName(sid);
-    DeleteContainer(container); // a leftover of a record that no longer exists
+    // Only reached when the user's record names no readable key pair, so nothing
+    // was sealed for a container of this name: a leftover (of a deleted record, or
+    // of a process stopped before it named its pair) is replaced.
+    DeleteContainer(container);
     {
         nv::unique_hcryptprov prov;
         if (!::CryptAcquireContextW(prov.put(), container.c_str(), kKeyProvider, PROV_RSA_FULL,
@@ -336,8 +364,11 @@ void CreateKeyPair(const std::wstring& sid)
             DeleteContainer(container);
             nv::ThrowHr(nv::HResultFromWin32(static_cast<LONG>(err)));
         }
+        StopIfAsked(kStageKeyPairGenerated);
         // The key becomes visible to other handles once this one is released.
     }
+    StopIfAsked(kStageKeyPairStored);
+    // Named in the user's record only once it is stored: from here on it is the key.
     WriteString(UserKeyPath(sid), kKeyContainerValue, container);
 }
 
@@ -347,10 +378,8 @@ bool ExportPublicKey(const std::wstring& sid, Bytes* out)
     if (!ReadString(UserKeyPath(sid), kKeyContainerValue, &container) || container.empty())
         return false;
     nv::unique_hcryptprov prov;
-    if (!::CryptAcquireContextW(prov.put(), container.c_str(), kKeyProvider, PROV_RSA_FULL, CRYPT_MACHINE_KEYSET))
-        return false;
     nv::unique_hcryptkey key;
-    if (!::CryptGetUserKey(prov.get(), AT_KEYEXCHANGE, key.put()))
+    if (!OpenExchangeKey(container, prov, key))
         return false;
     DWORD cb = 0;
     if (!::CryptExportKey(key.get(), 0, PUBLICKEYBLOB, 0, nullptr, &cb))
@@ -395,30 +424,52 @@ void DeleteAllStoreContainers()
         DeleteContainer(n);
 }
 
+namespace {
+
+// The salt and the verifier of a user's password: one value of salt and verifier
+// (written in one call, so no stop can leave a salt that does not match its
+// verifier), or the older pair of values.
+bool ReadPasswordVerifier(const std::wstring& sid, Bytes* salt, Bytes* verifier)
+{
+    const std::wstring path = UserKeyPath(sid);
+    Bytes stored;
+    if (!ReadBinary(path, kPasswordVerifierValue, &stored))
+        return false;
+    if (stored.size() == kSaltBytes + 32) {
+        salt->assign(stored.begin(), stored.begin() + kSaltBytes);
+        verifier->assign(stored.begin() + kSaltBytes, stored.end());
+        return true;
+    }
+    if (stored.size() != 32 || !ReadBinary(path, kPasswordSaltValue, salt))
+        return false;
+    verifier->swap(stored);
+    return true;
+}
+
+} // namespace
+
 bool HasPassword(const std::wstring& sid)
 {
-    Bytes verifier;
-    return ReadBinary(UserKeyPath(sid), kPasswordVerifierValue, &verifier) && verifier.size() == 32;
+    Bytes salt, verifier;
+    return ReadPasswordVerifier(sid, &salt, &verifier);
 }
 
 void SetPassword(const std::wstring& sid, const wchar_t* pwch, size_t cch)
 {
-    Bytes salt(kSaltBytes);
-    RandomBytes(salt.data(), kSaltBytes);
-    BYTE verifier[32];
-    Verifier(salt, pwch, cch, verifier);
+    Bytes record(kSaltBytes + 32);
+    RandomBytes(record.data(), kSaltBytes);
+    const Bytes salt(record.begin(), record.begin() + kSaltBytes);
+    Verifier(salt, pwch, cch, record.data() + kSaltBytes);
     const std::wstring path = UserKeyPath(sid);
-    WriteBinary(path, kPasswordSaltValue, salt.data(), kSaltBytes);
-    WriteBinary(path, kPasswordVerifierValue, verifier, sizeof(verifier));
-    ::SecureZeroMemory(verifier, sizeof(verifier));
+    WriteBinary(path, kPasswordVerifierValue, record.data(), static_cast<DWORD>(record.size()));
+    DeleteValue(path, kPasswordSaltValue); // the older layout's separate salt, if any
+    ::SecureZeroMemory(record.data(), record.size());
 }
 
 bool PasswordMatches(const std::wstring& sid, const wchar_t* pwch, size_t cch)
 {
-    const std::wstring path = UserKeyPath(sid);
     Bytes salt, stored;
-    if (!ReadBinary(path, kPasswordSaltValue, &salt) || !ReadBinary(path, kPasswordVerifierValue, &stored) ||
-        stored.size() != 32)
+    if (!ReadPasswordVerifier(sid, &salt, &stored))
         return false;
     BYTE verifier[32];
     Verifier(salt, pwch, cch, verifier);
@@ -442,10 +493,18 @@ void MakePayload(SecureBytes& out)
     RandomBytes(out.data(), kPayloadBytes);
 }
 
+void StopIfAsked(const wchar_t* stage)
+{
+    std::wstring stopAt;
+    if (ReadString(kTestBehavioursKeyPath, kStopAtValue, &stopAt) && ::_wcsicmp(stopAt.c_str(), stage) == 0)
+        ::TerminateProcess(::GetCurrentProcess(), kStopExitCode);
+}
+
 Behaviours ReadBehaviours()
 {
     Behaviours b{};
     const std::wstring path = kTestBehavioursKeyPath;
+
     b.failOpenUser = ReadStringList(path, kFailOpenUserValue);
     DWORD v = 0;
     b.failOpenUserResult = ReadDword(path, kFailOpenUserResultValue, &v) ? static_cast<HRESULT>(v)
@@ -458,6 +517,9 @@ Behaviours ReadBehaviours()
     b.alreadyRegistered = ReadStringList(path, kAlreadyRegisteredValue);
     b.existingPublicKey = ReadStringList(path, kExistingPublicKeyValue);
     b.userKeyBits = KeyBits();
+    b.failPutSecret = ReadStringList(path, kFailPutSecretValue);
+    b.failPutSecretResult = ReadDword(path, kFailPutSecretResultValue, &v) ? static_cast<HRESULT>(v)
+                                                                            : kDefaultFailPutSecretResult;
     return b;
 }
 

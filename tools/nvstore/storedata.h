@@ -79,9 +79,11 @@ std::vector<std::wstring> ListRegistered();
 // Key pairs.
 std::wstring ContainerName(const std::wstring& sid);
 bool HasKeyPair(const std::wstring& sid);
-// Creates a new key pair for the user (replacing any stale container of its name).
+// Creates a new key pair for the user (replacing any leftover container of its
+// name). The pair is named in the user's record only once it is stored.
 void CreateKeyPair(const std::wstring& sid);
 // The user's key-exchange public key as a PUBLICKEYBLOB; false without a key pair.
+// A container or key that cannot be read for another reason raises its error.
 bool ExportPublicKey(const std::wstring& sid, Bytes* out);
 void DeleteKeyPair(const std::wstring& sid);
 // Deletes every machine key container whose name starts with the store's prefix.
@@ -108,8 +110,13 @@ struct Behaviours {
     std::vector<std::wstring> alreadyRegistered;
     std::vector<std::wstring> existingPublicKey;
     DWORD userKeyBits;
+    std::vector<std::wstring> failPutSecret; // secret names whose PutSecret fails
+    HRESULT failPutSecretResult;
 };
 Behaviours ReadBehaviours();
+// Ends the process at once (exit code kStopExitCode) when the "StopAt" behaviour
+// names this stage: how tests leave the store as a killed process would.
+void StopIfAsked(const wchar_t* stage);
 // Whether a SID list (as written by tests, in any case) names the user.
 bool ListNames(const std::vector<std::wstring>& list, const std::wstring& sid);
 

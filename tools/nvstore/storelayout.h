@@ -6,8 +6,10 @@
 //       "IdKind"            REG_DWORD   the identifier kind (8)
 //       "KeyContainer"      REG_SZ      the machine key container of the user's RSA
 //                                       key pair (present once the pair exists)
-//       "PasswordSalt"      REG_BINARY  16 random bytes
-//       "PasswordVerifier"  REG_BINARY  SHA-256 verifier of salt and password
+//       "PasswordVerifier"  REG_BINARY  16 random bytes of salt, then the SHA-256
+//                                       verifier of salt and password (one value, so
+//                                       that salt and verifier change together)
+//       "PasswordSalt"      REG_BINARY  the salt of an older 32-byte verifier
 //       "FailedCount"       REG_DWORD   failed authentications since the last success
 //       "Payload"           REG_BINARY  the user's payload
 //       Secrets\            one REG_BINARY value per secret, named as the secret
@@ -25,6 +27,10 @@
 //       "ExistingPublicKey"  REG_MULTI_SZ (or REG_SZ)  SIDs that OpenUser starts with a
 //                                        key pair and a payload (no password yet)
 //       "UserKeyBits"        REG_DWORD   RSA modulus size of new key pairs (default 2048)
+//       "FailPutSecret"      REG_MULTI_SZ (or REG_SZ)  secret names whose PutSecret fails
+//       "FailPutSecretResult" REG_DWORD  that failure's code (default E_FAIL)
+//       "StopAt"             REG_SZ      a stage (below) at which the store ends its
+//                                        process at once, exit code kStopExitCode
 #pragma once
 #include <windows.h>
 
@@ -57,9 +63,23 @@ inline constexpr const wchar_t kFailPutTemplateResultValue[] = L"FailPutTemplate
 inline constexpr const wchar_t kAlreadyRegisteredValue[] = L"AlreadyRegistered";
 inline constexpr const wchar_t kExistingPublicKeyValue[] = L"ExistingPublicKey";
 inline constexpr const wchar_t kUserKeyBitsValue[] = L"UserKeyBits";
+inline constexpr const wchar_t kFailPutSecretValue[] = L"FailPutSecret";
+inline constexpr const wchar_t kFailPutSecretResultValue[] = L"FailPutSecretResult";
+inline constexpr const wchar_t kStopAtValue[] = L"StopAt";
+
+// Stages "StopAt" can name: a new key pair generated but not yet stored; a key pair
+// stored but not yet named in the user's record; an enrolment's payload written, its
+// password not yet set; a secret written; a template written.
+inline constexpr const wchar_t kStageKeyPairGenerated[] = L"KeyPairGenerated";
+inline constexpr const wchar_t kStageKeyPairStored[] = L"KeyPairStored";
+inline constexpr const wchar_t kStagePayloadWritten[] = L"PayloadWritten";
+inline constexpr const wchar_t kStageSecretStored[] = L"SecretStored";
+inline constexpr const wchar_t kStageTemplateStored[] = L"TemplateStored";
+inline constexpr UINT kStopExitCode = 0x5709;
 
 inline constexpr HRESULT kDefaultFailOpenUserResult = E_ACCESSDENIED;
 inline constexpr HRESULT kDefaultFailPutTemplateResult = E_FAIL;
+inline constexpr HRESULT kDefaultFailPutSecretResult = E_FAIL;
 inline constexpr DWORD kDefaultUserKeyBits = 2048;
 
 // User key pairs: machine key containers of the Enhanced provider, named by this

@@ -470,7 +470,9 @@ HRESULT CStoreObject::EnrollAuthentication(REFGUID authType, LPCWSTR pwszUserId,
         CreateUser(sid);
         if (!HasKeyPair(sid))
             CreateKeyPair(sid);
-        SetPassword(sid, password.data(), password.size());
+        // The payload before the password: a user with a password always has a
+        // payload, whenever the process may stop. One without a password takes the
+        // first one at Authenticate, as a provisioned account does.
         const std::wstring path = UserKeyPath(sid);
         if (pPayload && pPayload->cbData) {
             WriteBinary(path, kPayloadValue, pPayload->pbData, pPayload->cbData);
@@ -483,6 +485,8 @@ HRESULT CStoreObject::EnrollAuthentication(REFGUID authType, LPCWSTR pwszUserId,
             }
             ::SecureZeroMemory(existing.data(), existing.size());
         }
+        StopIfAsked(kStagePayloadWritten);
+        SetPassword(sid, password.data(), password.size());
         WriteDword(path, kFailedCountValue, 0);
 
         Bytes publicKey;
@@ -601,7 +605,11 @@ HRESULT CUserObject::PutSecret(LPCWSTR pwszName, const CRYPT_DATA_BLOB* pSecret)
             return E_INVALIDARG;
         CheckInBlob(pSecret);
         RequireUser(m_sid);
+        const Behaviours b = ReadBehaviours();
+        if (ListNames(b.failPutSecret, pwszName))
+            return b.failPutSecretResult;
         WriteBinary(UserSubkeyPath(m_sid, kSecretsSubkey), pwszName, pSecret->pbData, pSecret->cbData);
+        StopIfAsked(kStageSecretStored);
         return S_OK;
     });
 }
@@ -715,6 +723,7 @@ HRESULT CUserObject::PutTemplate(DWORD dwPosition, const CRYPT_DATA_BLOB* pTempl
         RequireUser(m_sid);
         WriteBinary(UserSubkeyPath(m_sid, kTemplatesSubkey), PositionName(dwPosition).c_str(), pTemplate->pbData,
                     pTemplate->cbData);
+        StopIfAsked(kStageTemplateStored);
         return S_OK;
     });
 }

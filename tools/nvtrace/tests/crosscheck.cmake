@@ -16,5 +16,6 @@ if(NV_NATIVE_BUILD_DIR)
             -DWORK_DIR=${CMAKE_CURRENT_BINARY_DIR}/crosscheck
             -P ${CMAKE_CURRENT_LIST_DIR}/crosscheck_run.cmake)
     # It writes the shared Tracing settings, as the Windows tests do.
-    set_tests_properties(nvtrace.CrossCheck.RealLibraryTraceDecodesNatively PROPERTIES RUN_SERIAL TRUE TIMEOUT 300)
+    set_tests_properties(nvtrace.CrossCheck.RealLibraryTraceDecodesNatively PROPERTIES
+        ${NV_WINE_TEST_PROPERTIES} TIMEOUT 300)
 endif()

@@ -1,0 +1,65 @@
+// Counting and failing hooks in a loaded module's import address table.
+//
+// Install() checks every import of the module against the catalog (an import of a
+// covered family that the catalog does not list is an error), and points each
+// import the catalog fails at a small generated thunk. While the hooks are armed,
+// every call through such a thunk is numbered from 1; depending on the mode the
+// call is passed on, failed with the catalog's result and last error, or the
+// process is ended with TerminateProcess from inside the hook. Calls made while
+// the hooks are disarmed (loading, unloading) are passed on and not counted.
+//
+// The thunks carry unwind data, so the stack of a failing call can be walked into
+// the module; the module-relative return addresses are recorded for the report.
+#pragma once
+#include <windows.h>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace nvfaults {
+
+enum class Mode {
+    Count, // pass every call, record each
+    Once,  // fail call N only
+    From,  // fail call N and every later one
+    Kill,  // end the process at call N
+};
+
+const char* ModeName(Mode mode);
+bool ParseMode(const std::string& text, Mode* mode);
+
+// Exit code of a process that the kill mode ended.
+constexpr UINT kKilledExitCode = 0x4B494C4C;
+
+struct CallRecord {
+    std::uint64_t number = 0;
+    std::string function; // "dll!name"
+    std::vector<std::uint32_t> frames; // module-relative return addresses, innermost first
+};
+
+struct HookSettings {
+    Mode mode = Mode::Count;
+    std::uint64_t n = 0;
+    // Where the kill mode writes its record before it ends the process.
+    std::wstring killRecordPath;
+};
+
+// Installs the hooks in the module's import table. False, with the reason, when
+// an import of a covered family is not classified or a slot cannot be patched.
+bool Install(HMODULE module, const HookSettings& settings, std::string* error);
+void Arm();
+void Disarm();
+
+std::uint64_t CallCount();
+std::uint64_t FailedCount();
+// Every counted call (count mode), or the first failed call (failing modes).
+const std::vector<CallRecord>& Records();
+
+// One line of the report file: "call <n> <function> <rva>,<rva>,...".
+std::string FormatRecord(const CallRecord& r);
+bool ParseRecord(const std::string& line, CallRecord* r);
+
+// The imports the catalog fails, as "dll!name" (for the report).
+std::vector<std::string> HookedImports();
+
+} // namespace nvfaults

@@ -1,0 +1,579 @@
+// nvfaults: fault injection and kill-and-restart for NVDBConv.dll.
+//
+//   nvfaults sweep --conversion 1.0|2.0 [--policy default|strict] [--modes once,from,kill]
+//                  [--first N] [--stride S] [--from N] [--to N] [--report FILE]
+//       Writes the database, counts the calls of a clean conversion, then for every
+//       chosen call number and mode runs the conversion in a child process with that
+//       call failed (once, or from there on) or the process killed there, runs the
+//       recovery an installer would (in this process, which never carries hooks,
+//       with a fresh load of the library), and checks that nothing was lost. Call numbers: 1..first, then every stride-th call, and the last call
+//       (--stride 1: every call); --from/--to limit the sweep to a range of call
+//       numbers, so that a full sweep can be split. Exit 0 when nothing was lost, 1 otherwise, 2 on a
+//       usage or set-up error.
+//   nvfaults child --mode count|once|from|kill --n N --out FILE
+//       One conversion under the hooks (used by sweep).
+#include <windows.h>
+#include <objbase.h>
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "common/procaddress.h"
+#include "fault_hooks.h"
+#include "fault_world.h"
+#include "pe_image.h"
+#include "support/dll_loader.h"
+#include "support/process_runner.h"
+#include "support/registry_sandbox.h"
+#include "support/store_sandbox.h"
+#include "nvdbconv/dbstate.h"
+
+using namespace nvfaults;
+
+namespace {
+
+constexpr int kExitOk = 0;
+constexpr int kExitLost = 1;
+constexpr int kExitUsage = 2;
+constexpr int kExitSetup = 3;
+constexpr DWORD kChildTimeoutMs = 120000;
+constexpr wchar_t kLibraryName[] = L"NVDBConv.dll";
+
+std::string HexCode(DWORD v)
+{
+    char text[16];
+    std::snprintf(text, sizeof(text), "0x%08X", static_cast<unsigned>(v));
+    return text;
+}
+
+std::map<std::string, std::string> ParseOptions(int argc, wchar_t** argv, int from)
+{
+    std::map<std::string, std::string> o;
+    for (int i = from; i < argc; ++i) {
+        std::string key = nvtest::Narrow(argv[i]);
+        if (key.rfind("--", 0) != 0)
+            continue;
+        key = key.substr(2);
+        if (i + 1 < argc && std::wcsncmp(argv[i + 1], L"--", 2) != 0)
+            o[key] = nvtest::Narrow(argv[++i]);
+        else
+            o[key] = "";
+    }
+    return o;
+}
+
+bool WriteText(const std::wstring& path, const std::string& text)
+{
+    FILE* f = _wfopen(path.c_str(), L"wb");
+    if (!f)
+        return false;
+    std::fwrite(text.data(), 1, text.size(), f);
+    std::fclose(f);
+    return true;
+}
+
+std::vector<std::string> ReadLines(const std::wstring& path)
+{
+    std::vector<std::string> lines;
+    FILE* f = _wfopen(path.c_str(), L"rb");
+    if (!f)
+        return lines;
+    std::string text;
+    char buffer[4096];
+    size_t n;
+    while ((n = std::fread(buffer, 1, sizeof(buffer), f)) > 0)
+        text.append(buffer, n);
+    std::fclose(f);
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line))
+        lines.push_back(line);
+    return lines;
+}
+
+// ---- child: one conversion under the hooks ------------------------------------
+
+int Child(const std::map<std::string, std::string>& o)
+{
+    HookSettings settings;
+    if (!o.count("mode") || !ParseMode(o.at("mode"), &settings.mode) || !o.count("out"))
+        return kExitUsage;
+    settings.n = o.count("n") ? std::stoull(o.at("n")) : 0;
+    const std::wstring out = nvtest::Widen(o.at("out"));
+    settings.killRecordPath = out;
+    // The installer's thread: COM initialised, apartment threaded.
+    CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+    HMODULE module = LoadLibraryW((nvtest::ExeDirectory() + kLibraryName).c_str());
+    if (!module) {
+        std::fprintf(stderr, "nvfaults: cannot load %ls\n", kLibraryName);
+        return kExitSetup;
+    }
+    std::string error;
+    if (!Install(module, settings, &error)) {
+        std::fprintf(stderr, "nvfaults: %s\n", error.c_str());
+        return kExitSetup;
+    }
+    using ActionFn = HRESULT(__stdcall*)();
+    auto convert = nv::GetProcAs<ActionFn>(module, "Convert");
+    Arm();
+    const HRESULT hr = convert();
+    Disarm();
+    std::string text = "result " + HexCode(static_cast<DWORD>(hr)) + "\ncalls " + std::to_string(CallCount()) +
+                       "\nfailed " + std::to_string(FailedCount()) + "\n";
+    for (const CallRecord& r : Records())
+        text += FormatRecord(r) + "\n";
+    WriteText(out, text);
+    FreeLibrary(module);
+    CoUninitialize();
+    return kExitOk;
+}
+
+// ---- recovery: what an installer does after a failed or interrupted run ------------
+//
+// Run in the sweeping process, which never carries hooks, with a fresh load of the
+// library: the faulted process is gone (or was killed) by then.
+//   - A 1.0 -> 2.0 step that already wrote "Version" = "2.0" is finished: Cleanup
+//     when a "Backup" value is left.
+//   - Otherwise Rollback when "Backup" names a backup key that exists in the view the
+//     converter uses for it (the rule nvdbconv applies), then Convert again.
+
+std::vector<std::string> Recover(Conversion conversion)
+{
+    std::vector<std::string> notes;
+    std::wstring backup;
+    const bool hasBackup = nvtest::GetString(nvdbconv::kDatabasePath, nvdbconv::kBackupValueName, nvtest::kView32,
+                                             &backup) &&
+                           !backup.empty();
+    {
+        nvtest::LoadedLibrary dll;
+        DWORD current = 0, target = 0;
+        dll.GetDBVersion(&current, &target);
+        if (conversion == Conversion::From10 && (current >> 16) == 2) {
+            if (hasBackup)
+                notes.push_back("cleanup " + HexCode(static_cast<DWORD>(dll.Cleanup())));
+            return notes;
+        }
+        if (target != 0 && hasBackup) {
+            const REGSAM view = nvdbconv::BackupViewFor(current);
+            if (nvtest::KeyExists(backup.c_str(), view)) {
+                const nvtest::RegTree before = nvtest::Snapshot(nvdbconv::kDatabasePath, nvtest::kView32);
+                const HRESULT hr = dll.Rollback();
+                const nvtest::RegTree after = nvtest::Snapshot(nvdbconv::kDatabasePath, nvtest::kView32);
+                const bool backupKept = nvtest::KeyExists(backup.c_str(), view);
+                notes.push_back("rollback " + HexCode(static_cast<DWORD>(hr)) +
+                                (before == after ? " database-unchanged" : " database-changed") +
+                                (backupKept ? " backup-kept" : " backup-gone"));
+            } else {
+                notes.push_back("rollback refused (\"Backup\" names a missing key)");
+            }
+        }
+    }
+    // A fresh load: the version is detected again after a rollback.
+    nvtest::LoadedLibrary dll;
+    notes.push_back("convert " + HexCode(static_cast<DWORD>(dll.Convert())));
+    return notes;
+}
+
+// ---- sweep -----------------------------------------------------------------------
+
+struct ChildOutcome {
+    bool started = false;
+    bool timedOut = false;
+    bool killed = false;
+    DWORD exitCode = 0;
+    std::string result;             // "0x........" of Convert
+    std::uint64_t calls = 0;
+    std::vector<CallRecord> records;
+};
+
+ChildOutcome RunChild(const std::wstring& args, const std::wstring& out)
+{
+    DeleteFileW(out.c_str());
+    const std::wstring exe = nvtest::ExeDirectory() + L"nvfaults.exe";
+    const nvtest::ProcessRun run = nvtest::RunProcess(nvtest::QuoteArg(exe) + L" " + args + L" --out " +
+                                                          nvtest::QuoteArg(out),
+                                                      kChildTimeoutMs);
+    ChildOutcome c;
+    c.started = run.started;
+    c.timedOut = run.timedOut;
+    c.exitCode = run.exitCode;
+    c.killed = run.exitCode == kKilledExitCode;
+    for (const std::string& line : ReadLines(out)) {
+        CallRecord r;
+        if (line.rfind("result ", 0) == 0)
+            c.result = line.substr(7);
+        else if (line.rfind("calls ", 0) == 0)
+            c.calls = std::stoull(line.substr(6));
+        else if (ParseRecord(line, &r))
+            c.records.push_back(r);
+    }
+    if (!run.err.empty())
+        c.result += " stderr: " + run.err;
+    return c;
+}
+
+struct Totals {
+    unsigned scenarios = 0, passed = 0, byDesign = 0, lost = 0, crashed = 0, notReached = 0, twoPlaces = 0;
+    std::map<std::string, unsigned> designCounts;
+};
+
+struct Sweep {
+    World* world;
+    Conversion conversion;
+    Policy policy;
+    SymbolTable symbols;
+    std::wstring tempDir;
+    FILE* report = nullptr;
+    std::map<std::string, Totals> totals; // by mode
+    std::vector<std::string> lossLines;
+    // A conversion process that died at an injected failure (no kill asked for): the
+    // recovery still has to lose nothing, so these count apart from losses.
+    std::vector<std::string> crashLines;
+
+    std::string Frames(const CallRecord& r) const
+    {
+        std::string s;
+        for (size_t i = 0; i < r.frames.size() && i < 6; ++i)
+            s += (i ? " < " : "") + symbols.Describe(r.frames[i]);
+        return s;
+    }
+    bool InFrames(const CallRecord& r, const char* name) const
+    {
+        for (std::uint32_t f : r.frames)
+            if (symbols.FunctionAt(f).find(name) != std::string::npos)
+                return true;
+        return false;
+    }
+
+    // The loss a numbered step of the conversion asks for under the default policy,
+    // or "" when the failure does not explain it.
+    std::string Attribute(const UserFinding& u, const CallRecord* first, Mode mode) const
+    {
+        if (policy != Policy::Default || !first || mode == Mode::Kill || u.missing.empty())
+            return "";
+        bool secretsOnly = true, passwordOnly = true;
+        for (const Piece& p : u.missing) {
+            secretsOnly &= p.kind == Piece::Secret || p.kind == Piece::Password;
+            passwordOnly &= p.kind == Piece::Password;
+        }
+        if (secretsOnly && InFrames(*first, "EncryptEx"))
+            return "secret-left-out-when-sealing-fails";
+        if (secretsOnly && first->function == "advapi32.dll!RegEnumValueW" && InFrames(*first, "EnumFields"))
+            return "field-enumeration-unchecked";
+        if (passwordOnly && InFrames(*first, "UnpackPasswordAndPin"))
+            return "password-left-empty-when-unpacking-fails";
+        return "";
+    }
+
+    static std::string Missing(const UserFinding& u)
+    {
+        std::string s;
+        for (const Piece& p : u.missing)
+            s += std::string(s.empty() ? "" : "; ") +
+                 (p.kind == Piece::Secret ? "secret " : p.kind == Piece::Password ? "password secret "
+                                                        : p.kind == Piece::Template ? "template " : "") +
+                 p.name + (p.name.empty() ? "" : ": ") + p.what;
+        return s;
+    }
+
+    void Scenario(Mode mode, std::uint64_t n, const CallRecord& planned)
+    {
+        std::string error;
+        Totals& t = totals[ModeName(mode)];
+        ++t.scenarios;
+        if (!world->Reset(policy, &error)) {
+            std::fprintf(stderr, "nvfaults: %s\n", error.c_str());
+            ++t.crashed;
+            return;
+        }
+        const ChildOutcome run = RunChild(L"child --mode " + nvtest::Widen(ModeName(mode)) + L" --n " +
+                                              std::to_wstring(n),
+                                          tempDir + L"run.txt");
+        const Inspection afterRun = world->Inspect();
+        const std::vector<std::string> recoveryLines = Recover(conversion);
+        const Inspection after = world->Inspect();
+
+        const CallRecord* first = run.records.empty() ? nullptr : &run.records.front();
+        std::set<std::string> design;
+        std::vector<std::string> problems;
+        std::string notes;
+        bool crashed = false;
+        if (!run.started || run.timedOut || (!run.killed && run.exitCode != 0)) {
+            crashed = true;
+            problems.push_back("conversion process " + std::string(run.timedOut ? "hung" : "died") + " (exit " +
+                               HexCode(run.exitCode) + ")");
+        }
+        if (mode == Mode::Kill && !run.killed && !crashed) {
+            ++t.notReached;
+            notes += " kill point not reached;";
+        }
+        for (const std::string& line : recoveryLines) {
+            notes += " " + line + ";";
+            if (line.rfind("rollback ", 0) == 0 && line.find("database-unchanged") != std::string::npos &&
+                line.find("backup-kept") != std::string::npos)
+                design.insert("rollback-in-own-view");
+        }
+        if (after.keptAfterFailedDelete > 0) {
+            design.insert("value-kept-when-its-delete-fails");
+            notes += " " + std::to_string(after.keptAfterFailedDelete) + " values the step deletes are still there;";
+        }
+        if (afterRun.hostIdChanged || after.hostIdChanged)
+            problems.push_back("HostId replaced");
+        // A user whose old key survived beside a complete store copy: by design when the
+        // key's delete failed (the conversion counts the user as converted anyway).
+        for (const UserFinding& u : afterRun.users)
+            if (u.inDatabase && u.inStore && mode != Mode::Kill && first && InFrames(*first, "DeleteKey"))
+                design.insert("old-key-kept-beside-store-copy");
+        for (const UserFinding& u : after.users)
+            if (u.TwoPlaces()) {
+                ++t.twoPlaces;
+                notes += " in two places at the end: " + u.user + ";";
+            }
+        for (const UserFinding& u : after.users) {
+            if (!u.Lost())
+                continue;
+            const std::string why = Attribute(u, first, mode);
+            const std::string text = u.user + (u.missing.empty() ? std::string() : " (" + Missing(u) + ")");
+            if (!why.empty()) {
+                design.insert(why);
+                notes += " by design " + why + ": " + text + ";";
+            } else {
+                problems.push_back("lost " + text);
+            }
+        }
+
+        std::string outcome;
+        if (!problems.empty()) {
+            outcome = crashed && problems.size() == 1 ? "crashed" : "lost";
+            if (outcome == "crashed")
+                ++t.crashed;
+            else
+                ++t.lost;
+        } else if (!design.empty()) {
+            outcome = "by-design";
+            ++t.byDesign;
+        } else {
+            outcome = "passed";
+            ++t.passed;
+        }
+        for (const std::string& d : design)
+            ++t.designCounts[d];
+        std::string designText;
+        for (const std::string& d : design)
+            designText += (designText.empty() ? "" : ",") + d;
+        std::string problemText;
+        for (const std::string& p : problems)
+            problemText += (problemText.empty() ? "" : "; ") + p;
+        const std::string where = first ? Frames(*first) : Frames(planned);
+        const std::string line = std::string(ConversionName(conversion)) + "\t" + PolicyName(policy) + "\t" +
+                                 ModeName(mode) + "\t" + std::to_string(n) + "\t" + planned.function + "\t" + where +
+                                 "\t" + outcome + "\t" + designText + "\t" + problemText + "\t" + "run " +
+                                 run.result + "; after run: " + afterRun.Summary() + ";" + notes +
+                                 " final: " + after.Summary();
+        if (report) {
+            std::fprintf(report, "%s\n", line.c_str());
+            std::fflush(report);
+        }
+        if (outcome == "lost")
+            lossLines.push_back(line);
+        else if (outcome == "crashed")
+            crashLines.push_back(line);
+    }
+};
+
+std::vector<std::uint64_t> CallNumbers(std::uint64_t calls, std::uint64_t first, std::uint64_t stride)
+{
+    std::vector<std::uint64_t> out;
+    for (std::uint64_t n = 1; n <= calls; ++n)
+        if (n <= first || (n - first) % stride == 0 || n == calls)
+            out.push_back(n);
+    return out;
+}
+
+int SweepCommand(const std::map<std::string, std::string>& o)
+{
+    Conversion conversion;
+    if (!o.count("conversion") || !ParseConversion(o.at("conversion"), &conversion)) {
+        std::fprintf(stderr, "nvfaults: --conversion 1.0|2.0 is required\n");
+        return kExitUsage;
+    }
+    std::vector<Policy> policies;
+    for (const std::string& p : {std::string("default"), std::string("strict")}) {
+        const std::string wanted = o.count("policy") ? o.at("policy") : "default";
+        if (wanted == p || wanted == "both") {
+            Policy policy;
+            ParsePolicy(p, &policy);
+            policies.push_back(policy);
+        }
+    }
+    if (policies.empty()) {
+        std::fprintf(stderr, "nvfaults: --policy default|strict|both\n");
+        return kExitUsage;
+    }
+    std::vector<Mode> modes;
+    {
+        std::istringstream list(o.count("modes") ? o.at("modes") : "once,from,kill");
+        std::string item;
+        while (std::getline(list, item, ',')) {
+            Mode m;
+            if (!ParseMode(item, &m) || m == Mode::Count) {
+                std::fprintf(stderr, "nvfaults: unknown mode %s\n", item.c_str());
+                return kExitUsage;
+            }
+            modes.push_back(m);
+        }
+    }
+    const std::uint64_t first = o.count("first") ? std::stoull(o.at("first")) : 0;
+    const std::uint64_t stride = std::max<std::uint64_t>(1, o.count("stride") ? std::stoull(o.at("stride")) : 1);
+    const std::uint64_t rangeFrom = o.count("from") ? std::stoull(o.at("from")) : 1;
+    const std::uint64_t rangeTo = o.count("to") ? std::stoull(o.at("to")) : UINT64_MAX;
+
+    wchar_t tempPath[MAX_PATH];
+    GetTempPathW(MAX_PATH, tempPath);
+    const std::wstring tempDir = std::wstring(tempPath) + L"nvfaults-" + std::to_wstring(GetCurrentProcessId()) + L"\\";
+    CreateDirectoryW(tempDir.c_str(), nullptr);
+
+    CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+    const HRESULT registered = nvtest::RegisterStoreServer();
+    if (FAILED(registered)) {
+        std::fprintf(stderr, "nvfaults: registering the reference store failed: %s\n", HexCode(registered).c_str());
+        return kExitSetup;
+    }
+    World world(conversion);
+    std::string error;
+    if (!world.Prepare(&error)) {
+        std::fprintf(stderr, "nvfaults: %s\n", error.c_str());
+        world.Dispose();
+        return kExitSetup;
+    }
+    FILE* report = nullptr;
+    if (o.count("report")) {
+        report = _wfopen(nvtest::Widen(o.at("report")).c_str(), L"ab");
+        if (!report) {
+            std::fprintf(stderr, "nvfaults: cannot open the report file\n");
+            return kExitUsage;
+        }
+    }
+
+    int rc = kExitOk;
+    const auto started = std::chrono::steady_clock::now();
+    for (Policy policy : policies) {
+        Sweep sweep;
+        sweep.world = &world;
+        sweep.conversion = conversion;
+        sweep.policy = policy;
+        sweep.tempDir = tempDir;
+        sweep.report = report;
+        if (!sweep.symbols.Load(nvtest::ExeDirectory() + kLibraryName))
+            std::printf("note: %ls has no symbol table; failing calls are shown by address\n", kLibraryName);
+
+        // The clean run: it must convert everything, and it numbers the calls.
+        if (!world.Reset(policy, &error)) {
+            std::fprintf(stderr, "nvfaults: %s\n", error.c_str());
+            rc = kExitSetup;
+            break;
+        }
+        const ChildOutcome clean = RunChild(L"child --mode count", tempDir + L"clean.txt");
+        if (clean.exitCode != 0 || clean.result != "0x00000000" || clean.calls == 0) {
+            std::fprintf(stderr, "nvfaults: the clean conversion failed: exit %s, Convert %s, %llu calls\n",
+                         HexCode(clean.exitCode).c_str(), clean.result.c_str(),
+                         static_cast<unsigned long long>(clean.calls));
+            rc = kExitSetup;
+            break;
+        }
+        if (conversion == Conversion::From10)
+            world.RecordConverted10();
+        const Inspection cleanState = world.Inspect();
+        bool cleanComplete = conversion == Conversion::From10 ? cleanState.converted10 : true;
+        for (const UserFinding& u : cleanState.users)
+            cleanComplete &= u.inStore && !u.inDatabase;
+        if (!cleanComplete) {
+            std::fprintf(stderr, "nvfaults: the clean conversion did not move everything: %s\n",
+                         cleanState.Summary().c_str());
+            rc = kExitSetup;
+            break;
+        }
+        std::map<std::string, unsigned> byFunction;
+        for (const CallRecord& r : clean.records)
+            ++byFunction[r.function];
+        std::printf("%s -> %s, %s policy: a clean run makes %llu calls through the hooks (",
+                    ConversionName(conversion), conversion == Conversion::From10 ? "2.0" : "3.0", PolicyName(policy),
+                    static_cast<unsigned long long>(clean.calls));
+        bool firstItem = true;
+        for (const auto& [f, count] : byFunction) {
+            std::printf("%s%s %u", firstItem ? "" : ", ", f.c_str() + f.find('!') + 1, count);
+            firstItem = false;
+        }
+        std::printf(")\n");
+        std::fflush(stdout);
+
+        const std::vector<std::uint64_t> numbers = CallNumbers(clean.calls, first, stride);
+        for (Mode mode : modes)
+            for (std::uint64_t n : numbers)
+                if (n >= rangeFrom && n <= rangeTo && n <= clean.records.size())
+                    sweep.Scenario(mode, n, clean.records[n - 1]);
+
+        for (Mode mode : modes) {
+            const Totals& t = sweep.totals[ModeName(mode)];
+            std::printf("  %-5s %u scenarios: %u passed, %u by design, %u lost, %u crashed", ModeName(mode),
+                        t.scenarios, t.passed, t.byDesign, t.lost, t.crashed);
+            if (mode == Mode::Kill)
+                std::printf(", %u kill points not reached", t.notReached);
+            std::printf("; users in two places at the end: %u\n", t.twoPlaces);
+            for (const auto& [name, count] : t.designCounts)
+                std::printf("        by design %-40s %u\n", name.c_str(), count);
+        }
+        for (const std::string& line : sweep.crashLines)
+            std::printf("  CRASHED %s\n", line.c_str());
+        for (const std::string& line : sweep.lossLines)
+            std::printf("  LOST %s\n", line.c_str());
+        if (!sweep.lossLines.empty())
+            rc = kExitLost;
+        std::fflush(stdout);
+    }
+    std::printf("  %.0f s\n",
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
+    if (report)
+        std::fclose(report);
+    world.Dispose();
+    for (const wchar_t* f : {L"run.txt", L"clean.txt"})
+        DeleteFileW((tempDir + f).c_str());
+    RemoveDirectoryW(tempDir.c_str());
+    CoUninitialize();
+    return rc;
+}
+
+void Usage()
+{
+    std::fprintf(stderr,
+                 "usage: nvfaults sweep --conversion 1.0|2.0 [--policy default|strict|both]\n"
+                 "                      [--modes once,from,kill] [--first N] [--stride S] [--from N] [--to N]\n"
+                 "                      [--report FILE]\n"
+                 "       nvfaults child --mode count|once|from|kill --n N --out FILE\n"
+                 );
+}
+
+} // namespace
+
+int wmain(int argc, wchar_t** argv)
+{
+    if (argc < 2) {
+        Usage();
+        return kExitUsage;
+    }
+    const std::wstring command = argv[1];
+    const auto options = ParseOptions(argc, argv, 2);
+    if (command == L"child")
+        return Child(options);
+    if (command == L"sweep")
+        return SweepCommand(options);
+    Usage();
+    return kExitUsage;
+}

@@ -1,0 +1,260 @@
+// Where the library takes code from at run time. The library's import table is
+// patched so that every LoadLibraryA/W and LoadLibraryExA/W it makes is recorded;
+// then a traced Convert, Rollback, Cleanup and the registration run, and every load
+// must name the system directory as its only search place and end up there.
+//
+// The trace header (the only place that loads a library) is written when the trace
+// file is opened, which happens at the first traced scope. So the library is loaded
+// with tracing off, the table is patched, tracing is switched on, and the library's
+// tick count is moved past its settings refresh interval through the same table.
+#include <windows.h>
+#include <gtest/gtest.h>
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "nv_version.h"
+#include "support/dll_loader.h"
+#include "support/process_runner.h"
+#include "support/registry_sandbox.h"
+#include "support/trace_capture.h"
+#include "writer/legacy_writer.h"
+
+using namespace nvtest;
+
+namespace {
+
+struct LoadCall {
+    std::string function;
+    std::wstring name;
+    DWORD flags = 0;
+    std::wstring loadedFrom; // the file of the module returned, empty on failure
+};
+
+std::vector<LoadCall> g_calls;
+std::atomic<DWORD> g_tickOffset{0};
+
+std::wstring ModulePath(HMODULE module)
+{
+    wchar_t path[MAX_PATH] = {};
+    const DWORD n = module ? ::GetModuleFileNameW(module, path, MAX_PATH) : 0;
+    return std::wstring(path, n);
+}
+
+HMODULE Record(const char* function, const std::wstring& name, DWORD flags, HMODULE result)
+{
+    const DWORD error = ::GetLastError();
+    g_calls.push_back({function, name, flags, ModulePath(result)});
+    ::SetLastError(error);
+    return result;
+}
+
+HMODULE WINAPI HookLoadLibraryA(LPCSTR name)
+{
+    return Record("LoadLibraryA", Widen(name ? name : ""), 0, ::LoadLibraryA(name));
+}
+HMODULE WINAPI HookLoadLibraryW(LPCWSTR name)
+{
+    return Record("LoadLibraryW", name ? name : L"", 0, ::LoadLibraryW(name));
+}
+HMODULE WINAPI HookLoadLibraryExA(LPCSTR name, HANDLE file, DWORD flags)
+{
+    return Record("LoadLibraryExA", Widen(name ? name : ""), flags, ::LoadLibraryExA(name, file, flags));
+}
+HMODULE WINAPI HookLoadLibraryExW(LPCWSTR name, HANDLE file, DWORD flags)
+{
+    return Record("LoadLibraryExW", name ? name : L"", flags, ::LoadLibraryExW(name, file, flags));
+}
+DWORD WINAPI HookGetTickCount() { return ::GetTickCount() + g_tickOffset.load(); }
+ULONGLONG WINAPI HookGetTickCount64() { return ::GetTickCount64() + g_tickOffset.load(); }
+
+// Replaces the import table entries of `module` named in `hooks`; restores them when
+// destroyed (before the module is freed).
+class ImportPatch {
+public:
+    ImportPatch(HMODULE module, const std::map<std::string, void*>& hooks)
+    {
+        auto* base = reinterpret_cast<BYTE*>(module);
+        auto* dos = reinterpret_cast<IMAGE_DOS_HEADER*>(base);
+        auto* nt = reinterpret_cast<IMAGE_NT_HEADERS64*>(base + dos->e_lfanew);
+        const IMAGE_DATA_DIRECTORY& dir = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
+        for (auto* d = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(base + dir.VirtualAddress); d->Name; ++d) {
+            auto* names = reinterpret_cast<IMAGE_THUNK_DATA64*>(base + d->OriginalFirstThunk);
+            auto* slots = reinterpret_cast<IMAGE_THUNK_DATA64*>(base + d->FirstThunk);
+            for (; names->u1.AddressOfData; ++names, ++slots) {
+                if (IMAGE_SNAP_BY_ORDINAL64(names->u1.Ordinal))
+                    continue;
+                const auto* byName = reinterpret_cast<IMAGE_IMPORT_BY_NAME*>(base + names->u1.AddressOfData);
+                const auto hook = hooks.find(reinterpret_cast<const char*>(byName->Name));
+                if (hook == hooks.end())
+                    continue;
+                m_patched.push_back({reinterpret_cast<ULONGLONG*>(&slots->u1.Function), slots->u1.Function});
+                m_names.push_back(hook->first);
+                Write(&slots->u1.Function, reinterpret_cast<ULONGLONG>(hook->second));
+            }
+        }
+    }
+    ~ImportPatch()
+    {
+        for (const Slot& s : m_patched)
+            Write(s.at, s.original);
+    }
+    const std::vector<std::string>& names() const { return m_names; }
+
+private:
+    struct Slot {
+        ULONGLONG* at;
+        ULONGLONG original;
+    };
+    static void Write(ULONGLONG* at, ULONGLONG value)
+    {
+        DWORD old = 0;
+        ASSERT_TRUE(::VirtualProtect(at, sizeof(*at), PAGE_READWRITE, &old));
+        *at = value;
+        ::VirtualProtect(at, sizeof(*at), old, &old);
+    }
+    std::vector<Slot> m_patched;
+    std::vector<std::string> m_names;
+};
+
+std::wstring SystemDirectory()
+{
+    wchar_t dir[MAX_PATH] = {};
+    const UINT n = ::GetSystemDirectoryW(dir, MAX_PATH);
+    return std::wstring(dir, n) + L"\\";
+}
+
+bool StartsWithNoCase(const std::wstring& text, const std::wstring& prefix)
+{
+    return text.size() >= prefix.size() &&
+           ::CompareStringOrdinal(text.c_str(), static_cast<int>(prefix.size()), prefix.c_str(),
+                                  static_cast<int>(prefix.size()), TRUE) == CSTR_EQUAL;
+}
+
+// What any load must look like: explicit flags that search the system directory and
+// nothing else, a bare file name, and the module found there.
+void ExpectSystemDirectoryOnly(const LoadCall& call)
+{
+    constexpr DWORD kOtherSearches = LOAD_WITH_ALTERED_SEARCH_PATH | LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR |
+                                     LOAD_LIBRARY_SEARCH_APPLICATION_DIR | LOAD_LIBRARY_SEARCH_USER_DIRS |
+                                     LOAD_LIBRARY_SEARCH_DEFAULT_DIRS;
+    char flags[16];
+    std::snprintf(flags, sizeof(flags), "0x%lX", static_cast<unsigned long>(call.flags));
+    SCOPED_TRACE(call.function + "(\"" + Narrow(call.name) + "\", flags " + flags + ")");
+    EXPECT_TRUE(call.function == "LoadLibraryExW" || call.function == "LoadLibraryExA")
+        << "a load without search flags takes the host's search order";
+    EXPECT_NE(0u, call.flags & LOAD_LIBRARY_SEARCH_SYSTEM32);
+    EXPECT_EQ(0u, call.flags & kOtherSearches);
+    EXPECT_EQ(std::wstring::npos, call.name.find_first_of(L"\\/:")) << "a path is loaded from wherever it points";
+    EXPECT_TRUE(StartsWithNoCase(call.loadedFrom, SystemDirectory()))
+        << "loaded from '" << Narrow(call.loadedFrom) << "'";
+}
+
+class LibraryLoadsTest : public RegistrySandbox {
+protected:
+    void TearDown() override
+    {
+        g_tickOffset = 0;
+        g_calls.clear();
+        RegistrySandbox::TearDown();
+    }
+};
+
+} // namespace
+
+TEST_F(LibraryLoadsTest, EveryLoadDuringTracedConvertRollbackCleanupAndRegistrationIsFromTheSystemDirectory)
+{
+    nvwriter::DbOptions options;
+    options.users = 4;
+    options.domains = 1;
+    nvwriter::DbRecord record;
+    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+
+    LoadedLibrary dll; // tracing is off: the library reads its settings and opens no file
+    ASSERT_TRUE(dll.loaded());
+    g_calls.clear();
+    HRESULT convert = E_UNEXPECTED, rollback = E_UNEXPECTED, cleanup = E_UNEXPECTED;
+    HRESULT registered = E_UNEXPECTED, unregistered = E_UNEXPECTED;
+    TraceCapture trace;
+    {
+        const ImportPatch patch(dll.module(), {{"LoadLibraryA", reinterpret_cast<void*>(&HookLoadLibraryA)},
+                                               {"LoadLibraryW", reinterpret_cast<void*>(&HookLoadLibraryW)},
+                                               {"LoadLibraryExA", reinterpret_cast<void*>(&HookLoadLibraryExA)},
+                                               {"LoadLibraryExW", reinterpret_cast<void*>(&HookLoadLibraryExW)},
+                                               {"GetTickCount", reinterpret_cast<void*>(&HookGetTickCount)},
+                                               {"GetTickCount64", reinterpret_cast<void*>(&HookGetTickCount64)}});
+        ASSERT_FALSE(patch.names().empty()) << "the library imports no loader function to watch";
+        trace.Start();
+        g_tickOffset = 10 * 60 * 1000; // past the refresh interval: the next scope reads the settings
+        convert = dll.Convert();
+        rollback = dll.Rollback();
+        cleanup = dll.Cleanup();
+        registered = dll.DllRegisterServer();
+        unregistered = dll.DllUnregisterServer();
+    }
+    dll.Unload();
+
+    EXPECT_EQ(S_OK, convert);
+    EXPECT_EQ(S_FALSE, rollback); // Convert cleaned up: no backup is left
+    EXPECT_EQ(S_FALSE, cleanup);
+    EXPECT_EQ(S_OK, registered);
+    EXPECT_EQ(S_OK, unregistered);
+    EXPECT_TRUE(trace.Contains("> CBaseConverter::Convert")) << trace.Dump();
+    EXPECT_TRUE(trace.Contains("> CNVComModule::RegisterServer"));
+    EXPECT_TRUE(trace.Contains("> CNVComModule::UnRegisterServer"));
+    // The header's version line needs the version library: the load happened, and worked.
+    const std::vector<std::string> header = trace.HeaderLines();
+    EXPECT_NE(header.end(), std::find(header.begin(), header.end(), std::string("FileVersion: ") + NV_VERSION_TEXT))
+        << trace.Dump();
+
+    ASSERT_FALSE(g_calls.empty()) << "no load was seen: the trace header was not written through the patched table";
+    for (const LoadCall& call : g_calls)
+        ExpectSystemDirectoryOnly(call);
+}
+
+// A version.dll planted beside nvdbconv.exe and the library (an installer started
+// from a downloads folder) and in the current directory is never loaded.
+TEST_F(LibraryLoadsTest, PlantedVersionLibraryBesideTheHostIsNotLoaded)
+{
+    wchar_t temp[MAX_PATH] = {};
+    ::GetTempPathW(MAX_PATH, temp);
+    const std::wstring dir = std::wstring(temp) + L"nvdbconv-planted-" + std::to_wstring(::GetCurrentProcessId()) + L"\\";
+    ASSERT_TRUE(::CreateDirectoryW(dir.c_str(), nullptr) || ::GetLastError() == ERROR_ALREADY_EXISTS);
+    for (const wchar_t* file : {L"nvdbconv.exe", L"NVDBConv.dll"})
+        ASSERT_TRUE(::CopyFileW((ExeDirectory() + file).c_str(), (dir + file).c_str(), FALSE));
+    // The probe exports none of the version functions: if it were taken, the file
+    // version could not be read.
+    ASSERT_TRUE(::CopyFileW((ExeDirectory() + L"planted_probe.dll").c_str(), (dir + L"version.dll").c_str(), FALSE));
+
+    // Control: a host that searches its own folder first does take the planted file.
+    ASSERT_TRUE(::CopyFileW((ExeDirectory() + L"unsafe_loader.exe").c_str(), (dir + L"unsafe_loader.exe").c_str(), FALSE));
+    wchar_t previous[MAX_PATH] = {};
+    ::GetCurrentDirectoryW(MAX_PATH, previous);
+    ASSERT_TRUE(::SetCurrentDirectoryW(dir.c_str()));
+    const ProcessRun control = RunProcess(QuoteArg(dir + L"unsafe_loader.exe"), 60000);
+    ::SetCurrentDirectoryW(previous);
+    EXPECT_EQ(0u, control.exitCode);
+    EXPECT_TRUE(StartsWithNoCase(Widen(control.out), dir)) << "the control host took '" << control.out << "'";
+
+    TraceCapture trace;
+    trace.Start();
+    ASSERT_TRUE(::SetCurrentDirectoryW(dir.c_str()));
+    const ProcessRun run = RunProcess(QuoteArg(dir + L"nvdbconv.exe") + L" version", 60000);
+    ::SetCurrentDirectoryW(previous);
+
+    EXPECT_TRUE(run.started);
+    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    EXPECT_NE(std::string::npos, run.out.find("file version")) << run.out;
+    EXPECT_NE(std::string::npos, run.out.find(NV_VERSION_TEXT)) << run.out;
+    EXPECT_EQ(std::string::npos, run.out.find("none (no version resource)")) << run.out;
+    const std::vector<std::string> header = trace.HeaderLines();
+    EXPECT_NE(header.end(), std::find(header.begin(), header.end(), std::string("FileVersion: ") + NV_VERSION_TEXT))
+        << trace.Dump();
+
+    for (const wchar_t* file : {L"nvdbconv.exe", L"NVDBConv.dll", L"version.dll", L"unsafe_loader.exe"})
+        ::DeleteFileW((dir + file).c_str());
+    ::RemoveDirectoryW(dir.c_str());
+}
