@@ -61,12 +61,15 @@ public:
     HRESULT GetAccountControl(const CRYPT_DER_BLOB* pHeader, NV_USER_RECORD* pUser, PSID* ppSid,
                               DWORD* pdwAccountControl);
 
+    // Opens a user's stored value (magic, seal version, sealed payload) with the
+    // container's key-exchange key and parses the user blob inside. Raises _com_error:
+    // NTE_BAD_DATA for a value that is no version 2 seal, CryptoAPI errors otherwise.
+    void UnsealUser(const BYTE* pbValue, DWORD cbValue, NV_USER_RECORD* pUser);
+
     HCRYPTPROV GetProvider() const noexcept { return m_hProv; }
     const CNVTemplateMap& GetTemplateMap() const noexcept { return m_templates; }
 
 private:
-    void UnsealUser(const BYTE* pbValue, DWORD cbValue, NV_USER_RECORD* pUser);
-
     HCRYPTPROV m_hProv = 0;
     CNVTemplateMap m_templates;
     std::set<std::wstring> m_droppedTemplates;

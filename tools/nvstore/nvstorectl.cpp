@@ -10,8 +10,8 @@
 //   nvstorectl register <sid>                    registers the user (AddUser)
 //   nvstorectl delete <sid>                      deletes the user
 //
-// Output is UTF-8 text; failures print "error 0x%08X" on stderr and exit with 1;
-// "show" of an unknown user exits with 2.
+// Output is UTF-8 text; failures print "error 0x%08X" on stderr and exit with 1, as
+// does a usage error (after the usage text); "show" of an unknown user exits with 2.
 #include <windows.h>
 #include <objbase.h>
 #include <algorithm>
@@ -60,8 +60,10 @@ Bytes Take(CRYPT_DATA_BLOB& blob)
 Bytes Hex(const wchar_t* text)
 {
     Bytes b;
-    if (!FromHex(text, &b))
+    if (!FromHex(text, &b)) {
+        std::fprintf(stderr, "nvstorectl: '%ls' is not hex (an even number of the digits 0-9, a-f)\n", text);
         throw Failure{E_INVALIDARG};
+    }
     return b;
 }
 

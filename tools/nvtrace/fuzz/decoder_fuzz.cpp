@@ -1,0 +1,76 @@
+// Coverage-guided fuzz target for the trace decoder (clang's libFuzzer).
+//
+// Every input is decoded, listed in both modes and checked against what the decoder
+// promises: it stops at an offset inside the file, every record it keeps re-encodes
+// to exactly the bytes it was read from, and the records follow each other without
+// gaps up to the end or the damage. A broken promise aborts, which libFuzzer reports
+// with the input that caused it.
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+
+#include "nvtracelib.h"
+
+namespace {
+
+void Require(bool condition, const char* what)
+{
+    if (!condition) {
+        std::fprintf(stderr, "decoder promise broken: %s\n", what);
+        std::abort();
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    const nvtrace::DecodedTrace trace = nvtrace::Decode(data, size);
+
+    if (!trace.ok) {
+        Require(trace.errorOffset <= size, "the error offset lies inside the file");
+        Require(!trace.error.empty(), "a failure says what was wrong");
+        Require(trace.error.find(std::to_string(trace.errorOffset)) != std::string::npos,
+                "the message names the byte offset");
+    }
+    if (!trace.records.empty()) {
+        Require(!trace.header.empty() && trace.header.front() == "trace3" && trace.header.back() == ".",
+                "records follow a complete header");
+    }
+
+    std::uint64_t next = trace.bodyOffset;
+    for (const nvtrace::Record& record : trace.records) {
+        Require(record.offset == next, "records follow each other without gaps");
+        Require(nvtrace::IsKnownKind(record.kind), "only known kinds are kept");
+        const std::vector<std::uint8_t> encoded = nvtrace::EncodeRecord(record.thread, record.kind, record.text);
+        Require(record.offset + encoded.size() <= size, "a record lies inside the file");
+        Require(std::memcmp(encoded.data(), data + record.offset, encoded.size()) == 0,
+                "a kept record re-encodes to the bytes it was read from");
+        next = record.offset + encoded.size();
+    }
+    if (trace.ok && !trace.header.empty())
+        Require(next == size, "a file decoded without error is read to its end");
+    if (!trace.ok && !trace.header.empty() && trace.header.back() == "." && trace.errorOffset >= trace.bodyOffset)
+        Require(trace.errorOffset == next, "decoding stops right after the last record it kept");
+
+    for (int raw = 0; raw < 2; ++raw) {
+        nvtrace::FormatOptions options;
+        options.raw = raw != 0;
+        if (!trace.records.empty()) {
+            options.filterThread = (size & 1) != 0;
+            options.thread = trace.records.front().thread;
+        }
+        std::ostringstream listing;
+        nvtrace::WriteListing(trace, options, listing);
+        if (options.raw && !options.filterThread) {
+            std::size_t lines = 0;
+            for (char c : listing.str())
+                lines += c == '\n';
+            Require(lines == trace.records.size(), "the raw listing has one line per record");
+        }
+    }
+    return 0;
+}
