@@ -83,6 +83,12 @@ DWORD ImageSize(HMODULE module)
 
 bool SymbolTable::Load(const std::wstring& path)
 {
+    // A shipped binary is stripped; its symbols sit in the debug file beside it.
+    return LoadFrom(path) || LoadFrom(path + L".debug");
+}
+
+bool SymbolTable::LoadFrom(const std::wstring& path)
+{
     m_symbols.clear();
     FILE* f = _wfopen(path.c_str(), L"rb");
     if (!f)

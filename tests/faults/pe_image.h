@@ -24,7 +24,8 @@ DWORD ImageSize(HMODULE module);
 // Function symbols of a DLL file, by relative virtual address.
 class SymbolTable {
 public:
-    // False when the file cannot be read or has no symbol table.
+    // False when neither the file nor its debug file (<file>.debug) can be read
+    // with a symbol table.
     bool Load(const std::wstring& path);
     // "name+0xoffset" (demangled, without parameter lists) of the function that
     // holds the address, or "?+0xrva".
@@ -38,6 +39,7 @@ private:
         std::string name;
     };
     std::vector<Symbol> m_symbols; // sorted by rva
+    bool LoadFrom(const std::wstring& path);
     const Symbol* Find(std::uint32_t rva) const;
 };
 
