@@ -19,7 +19,11 @@ bool IsDataErrorCode(DWORD code) noexcept
     // CRYPT_E_ASN1_ERROR (0x80093100) up to CRYPT_E_ASN1_NOEOD (0x80093202) and the
     // rest of that block.
     const bool asn1 = code >= 0x80093100u && code <= 0x800932FFu;
-    return asn1 || code == static_cast<DWORD>(CRYPT_E_BAD_ENCODE) || code == static_cast<DWORD>(NTE_BAD_DATA);
+    // A coder that ran off the end of malformed bytes catches its own fault and
+    // reports STATUS_ACCESS_VIOLATION: a verdict on the bytes, not on the machine.
+    const bool ranOffTheEnd = code == static_cast<DWORD>(STATUS_ACCESS_VIOLATION);
+    return asn1 || ranOffTheEnd || code == static_cast<DWORD>(CRYPT_E_BAD_ENCODE) ||
+           code == static_cast<DWORD>(NTE_BAD_DATA);
 }
 
 void RaiseUnlessDataError(DWORD lastError)

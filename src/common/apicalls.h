@@ -45,8 +45,9 @@ inline LONG CallRegQueryValueExW(HKEY hKey, LPCWSTR lpValueName, LPDWORD lpType,
 // as an HRESULT.
 bool IsOutOfMemoryCode(DWORD code) noexcept;
 
-// The coder's verdicts on the bytes themselves: CRYPT_E_ASN1_*, CRYPT_E_BAD_ENCODE
-// and NTE_BAD_DATA, as a last error or as an HRESULT.
+// The coder's verdicts on the bytes themselves: CRYPT_E_ASN1_*, CRYPT_E_BAD_ENCODE,
+// NTE_BAD_DATA and a read past the end that the coder caught itself
+// (STATUS_ACCESS_VIOLATION), as a last error or as an HRESULT.
 bool IsDataErrorCode(DWORD code) noexcept;
 
 // For a lenient reader after a coder call failed with this last error: returns for

@@ -1,5 +1,7 @@
 #include "legacydb/userextractor.h"
 
+#include <algorithm>
+
 #include <sddl.h>
 #include <cstring>
 #include <memory>
@@ -318,8 +320,11 @@ HRESULT CLocalDBUserExtractor::GetAccountControl(const CRYPT_DER_BLOB* pHeader, 
             *ppSid = nullptr;
         }
         // An invalid text leaves the SID null. Wine turns the empty text into S-1-0-0
-        // and can leave a freed block behind on failure, so neither is trusted.
-        if (!sidText.empty() && !::ConvertStringSidToSidW(sidText.c_str(), ppSid))
+        // and can leave a freed block behind on failure, so neither is trusted; and its
+        // parser loops forever on a digit outside ASCII, which no SID text holds.
+        const bool printableAscii = std::all_of(sidText.begin(), sidText.end(),
+                                                [](wchar_t c) { return c >= L' ' && c <= L'~'; });
+        if (!sidText.empty() && (!printableAscii || !::ConvertStringSidToSidW(sidText.c_str(), ppSid)))
             *ppSid = nullptr;
         return S_OK;
     });

@@ -100,6 +100,9 @@ const CatalogEntry kCatalog[] = {
     {"kernel32.dll", "GlobalFree", FailStyle::Pass, 0, "release"},
     {"kernel32.dll", "VirtualAlloc", FailStyle::NullPointer, kNoMemory, "out of memory"},
     {"kernel32.dll", "VirtualFree", FailStyle::Pass, 0, "release"},
+    // The stack protector's canary, drawn once while the library loads.
+    {"advapi32.dll", "CryptAcquireContextA", FailStyle::Pass, 0, "stack protector set-up at load only"},
+    {"advapi32.dll", "CryptGenRandom", FailStyle::Pass, 0, "stack protector set-up at load only"},
     // The run-time's page protection for its relocations and its memory map queries.
     {"kernel32.dll", "VirtualProtect", FailStyle::Pass, 0, "run-time start-up only"},
     {"kernel32.dll", "VirtualQuery", FailStyle::Pass, 0, "pure query"},

@@ -39,7 +39,7 @@ const std::map<std::string, std::set<std::string>> kAllowedImports = {
     {"NVDBConv.dll",
      {"advapi32.dll", "crypt32.dll", "kernel32.dll", "msvcrt.dll", "netapi32.dll", "ole32.dll", "oleaut32.dll"}},
     {"NVStore.dll", {"advapi32.dll", "kernel32.dll", "msvcrt.dll", "ole32.dll", "oleaut32.dll"}},
-    {"nvdbconv.exe", {"advapi32.dll", "kernel32.dll", "msvcrt.dll", "ole32.dll"}},
+    {"nvdbconv.exe", {"advapi32.dll", "kernel32.dll", "msvcrt.dll", "ole32.dll", "oleaut32.dll"}},
     {"nvdbgen.exe", {"advapi32.dll", "crypt32.dll", "kernel32.dll", "msvcrt.dll"}},
     {"nvstorectl.exe", {"advapi32.dll", "kernel32.dll", "msvcrt.dll", "ole32.dll", "oleaut32.dll"}},
     {"nvtrace.exe", {"advapi32.dll", "kernel32.dll", "msvcrt.dll"}},
