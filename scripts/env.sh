@@ -24,7 +24,7 @@ nv_build() {
     if [ ! -f "$NV_NATIVE_BUILD/build.ninja" ]; then
         cmake -S "$NV_ROOT" -B "$NV_NATIVE_BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release "${launcher[@]}" >/dev/null
     fi
-    cmake --build "$NV_NATIVE_BUILD" -j "$jobs"
+    cmake --build "$NV_NATIVE_BUILD" -j "$jobs" || return 1
     if [ ! -f "$NV_WIN_BUILD/build.ninja" ]; then
         cmake -S "$NV_ROOT" -B "$NV_WIN_BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release "${launcher[@]}" \
             -DCMAKE_TOOLCHAIN_FILE="$NV_ROOT/cmake/mingw-w64-x86_64.cmake" \
