@@ -363,6 +363,7 @@ TEST_F(Db20WriterTest, WritesTheDatabaseLayoutInThe32BitView)
 
 TEST_F(Db20WriterTest, TheMachineContainerHoldsAnExportable2048BitExchangeKey)
 {
+    nvwriter::SetHostKeyBits(0); // the product's size, not the sandbox's quick one
     const Db20Database db = Write(102, 1);
     nv::unique_hcryptprov prov = OpenMachineContainer(db.hostId);
     nv::unique_hcryptkey key;

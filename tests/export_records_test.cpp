@@ -104,6 +104,8 @@ struct ImportResult {
 
 class ExportRecordsTest : public ProvisionedHostTest {
 protected:
+    // The records' layout below is that of the product's 2048-bit host key.
+    ExportRecordsTest() { m_quickHostKey = false; }
     void SetUp() override
     {
         ProvisionedHostTest::SetUp();

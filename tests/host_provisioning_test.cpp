@@ -31,6 +31,8 @@ DWORD KeyParam(HCRYPTKEY key, DWORD param)
 
 class HostProvisioningTest : public RegistrySandbox {
 protected:
+    // These tests look at the key the product makes.
+    HostProvisioningTest() { m_quickHostKey = false; }
     void SetUp() override
     {
         RegistrySandbox::SetUp();

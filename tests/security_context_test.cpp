@@ -171,7 +171,11 @@ const std::vector<BYTE> kToBeSigned = {0x30, 0x08, 0x02, 0x01, 0x05, 0x04, 0x03,
 
 // ---- FinalConstruct -------------------------------------------------------
 
-class SecurityContextTest : public ProvisionedHostTest {};
+// Signatures and public keys are checked byte for byte against the product's 2048-bit key.
+class SecurityContextTest : public ProvisionedHostTest {
+protected:
+    SecurityContextTest() { m_quickHostKey = false; }
+};
 
 TEST_F(SecurityContextTest, FinalConstructAcquiresTheMachineContainerNamedByHostId)
 {

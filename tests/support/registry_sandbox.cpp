@@ -5,6 +5,8 @@
 #include <functional>
 #include <sstream>
 
+#include "writer/host_provisioning.h"
+
 namespace nvtest {
 
 namespace {
@@ -95,6 +97,18 @@ bool KeyExists(const wchar_t* path, REGSAM view)
     if (h)
         ::RegCloseKey(h);
     return h != nullptr;
+}
+
+void RegistrySandbox::SetUp()
+{
+    nvwriter::SetHostKeyBits(m_quickHostKey ? 1024 : 0);
+    WipeSuiteKeys();
+}
+
+void RegistrySandbox::TearDown()
+{
+    WipeSuiteKeys();
+    nvwriter::SetHostKeyBits(0);
 }
 
 void WipeSuiteKeys()

@@ -65,8 +65,14 @@ std::wstring Widen(const std::string& s);
 
 class RegistrySandbox : public ::testing::Test {
 protected:
-    void SetUp() override { WipeSuiteKeys(); }
-    void TearDown() override { WipeSuiteKeys(); }
+    void SetUp() override;
+    void TearDown() override;
+
+    // Machine containers that the legacy writer makes in this process get 1024-bit
+    // keys (nvwriter::SetHostKeyBits): a 2048-bit key costs a third of a second to
+    // make, and most tests make one. A test that looks at the key sets this to false
+    // before SetUp.
+    bool m_quickHostKey = true;
 };
 
 } // namespace nvtest

@@ -97,11 +97,19 @@ void WriteHostId(const GUID& id, REGSAM view)
                                       static_cast<DWORD>(bytes.size())));
 }
 
+namespace {
+DWORD g_hostKeyBits = kHostKeyBits;
+} // namespace
+
+DWORD HostKeyBits() { return g_hostKeyBits; }
+
+void SetHostKeyBits(DWORD bits) { g_hostKeyBits = bits ? bits : kHostKeyBits; }
+
 void CreateMachineContainer(const GUID& id)
 {
     nv::unique_hcryptprov prov = Acquire(id, CRYPT_NEWKEYSET);
     nv::unique_hcryptkey key;
-    if (!::CryptGenKey(prov.get(), AT_KEYEXCHANGE, (kHostKeyBits << 16) | CRYPT_EXPORTABLE, key.put()))
+    if (!::CryptGenKey(prov.get(), AT_KEYEXCHANGE, (HostKeyBits() << 16) | CRYPT_EXPORTABLE, key.put()))
         RaiseLastError();
     // Key before provider; the release of the creating handle publishes the key.
     key.reset();

@@ -38,6 +38,13 @@ void WriteHostId(const GUID& id, REGSAM view = KEY_WOW64_32KEY);
 
 // ---- machine key container ----------------------------------------------
 
+// The size of the key-exchange key that a new machine container gets: kHostKeyBits,
+// as the old product made it, unless this process asked for another size. Tests
+// that never look at the key ask for 1024 bits, which a provider makes in a tenth
+// of the time; 0 restores the product's size.
+DWORD HostKeyBits();
+void SetHostKeyBits(DWORD bits);
+
 // Creates the machine container of the identifier and its key, then releases the
 // creating handle: only then do other handles see the key. Raises NTE_EXISTS when
 // the container exists already.
