@@ -17,6 +17,7 @@
 #include "converter3/nvstore_api.h"
 #include "converter3/secretpacking.h"
 #include "nvstore_inspect.h"
+#include "storelayout.h"
 #include "security/securitycontext.h"
 #include "support/dll_loader.h"
 #include "support/key_containers.h"
@@ -1005,6 +1006,65 @@ TEST_F(NVStoreTest, EncryptExOutputOpensWithTheUsersPrivateKey)
     EXPECT_NE(S_OK, inspect::OpenSealedSecret(kSid2, stored, &opened));
     EXPECT_EQ(kNotFound, inspect::OpenStoredSecret(kSid, L"Missing", &opened));
     EXPECT_EQ(NTE_BAD_DATA, inspect::OpenSealedSecret(kSid, Bytes{0x30, 0x00}, &opened));
+}
+
+// Seals a packed password for the user under its "UserPublicKey" property, stores it as
+// "Primary" and opens it again with the user's private key, as the conversion and a
+// later logon would.
+void ExpectSealedSecretOpens(const wchar_t* sid)
+{
+    HRESULT hr = E_FAIL;
+    const Bytes publicKey = PublicKeyProperty(sid, &hr);
+    ASSERT_EQ(S_OK, hr);
+    nv::unique_hcryptprov prov;
+    ASSERT_TRUE(::CryptAcquireContextW(prov.put(), nullptr, nvstore::kKeyProvider, PROV_RSA_FULL, CRYPT_VERIFYCONTEXT));
+    nv::unique_hcryptkey userKey;
+    ASSERT_TRUE(::CryptImportKey(prov.get(), publicKey.data(), static_cast<DWORD>(publicKey.size()), 0, 0,
+                                 userKey.put()));
+    nv::CCryptBlob blob;
+    PackPassword(kPassword, blob);
+    const Bytes packed(blob.pbData, blob.pbData + blob.cbData);
+    ASSERT_EQ(S_OK, EncryptEx(blob, prov.get(), userKey.get(), CALG_3DES));
+    ASSERT_EQ(S_OK, OpenAs<IUserSecrets>(sid)->PutSecret(L"Primary", &blob));
+    Bytes opened;
+    ASSERT_EQ(S_OK, inspect::OpenStoredSecret(sid, L"Primary", &opened));
+    EXPECT_EQ(packed, opened);
+}
+
+DWORD FaultyKeyPairsLeft()
+{
+    RegValue v;
+    if (!GetValue(nvstore::kTestBehavioursKeyPath, nvstore::kFaultyKeyPairsValue, nvstore::kStoreView, &v) ||
+        v.data.size() != sizeof(DWORD))
+        return 0xFFFFFFFF;
+    DWORD left = 0;
+    std::memcpy(&left, v.data.data(), sizeof(left));
+    return left;
+}
+
+// The provider now and then stores a pair whose private key refuses what its public
+// key seals (NTE_BAD_DATA); named in the user's record, it would lose every secret
+// sealed for the user. The store checks each new pair and makes another.
+TEST_F(NVStoreTest, AKeyPairThatCannotOpenWhatItsPublicKeySealsIsReplacedBeforeTheUserNamesIt)
+{
+    inspect::SetFaultyKeyPairs(2);
+    ASSERT_EQ(S_OK, Enroll(kSid, kPassword));
+    EXPECT_EQ(0u, FaultyKeyPairsLeft()); // both damaged pairs were made, and thrown away
+    ExpectSealedSecretOpens(kSid);
+}
+
+TEST_F(NVStoreTest, ThreeDamagedKeyPairsInARowFailTheEnrolmentAndLeaveNoPairNamed)
+{
+    inspect::SetFaultyKeyPairs(3);
+    EXPECT_EQ(NTE_BAD_KEY, Enroll(kSid, kPassword));
+    EXPECT_EQ(0u, FaultyKeyPairsLeft());
+    HRESULT hr = S_OK;
+    EXPECT_TRUE(PublicKeyProperty(kSid, &hr).empty());
+    EXPECT_EQ(NTE_NO_KEY, hr);
+    EXPECT_FALSE(ContainerExists(std::wstring(nvstore::kContainerPrefix) + kSid));
+    // The next enrolment makes a sound pair.
+    ASSERT_EQ(S_OK, Enroll(kSid, kPassword));
+    ExpectSealedSecretOpens(kSid);
 }
 
 TEST_F(NVStoreTest, SealedWithTheSecurityContextsProviderOpensWithTheUsersPrivateKey)

@@ -262,6 +262,8 @@ void SetExistingPublicKey(const std::vector<std::wstring>& sids) { WriteList(kEx
 
 void SetUserKeyBits(DWORD bits) { WriteDword(kTestBehavioursKeyPath, kUserKeyBitsValue, bits); }
 
+void SetFaultyKeyPairs(DWORD count) { WriteDword(kTestBehavioursKeyPath, kFaultyKeyPairsValue, count); }
+
 void SetFailPutSecret(const std::vector<std::wstring>& names, HRESULT result)
 {
     WriteList(kFailPutSecretValue, names);

@@ -65,6 +65,9 @@ void SetFailPutTemplateAt(DWORD position, HRESULT result = E_FAIL);
 void SetAlreadyRegistered(const std::vector<std::wstring>& sids);
 void SetExistingPublicKey(const std::vector<std::wstring>& sids);
 void SetUserKeyBits(DWORD bits);
+// The next `count` key pairs the store makes are stored with a damaged private part
+// (0: none).
+void SetFaultyKeyPairs(DWORD count);
 // PutSecret of these secret names fails with the result.
 void SetFailPutSecret(const std::vector<std::wstring>& names, HRESULT result = E_FAIL);
 // The store ends its process at this stage (storelayout.h names them); "" clears it.

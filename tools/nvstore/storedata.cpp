@@ -343,11 +343,43 @@ bool OpenExchangeKey(const std::wstring& container, nv::unique_hcryptprov& prov,
     return true;
 }
 
-} // namespace
-
-void CreateKeyPair(const std::wstring& sid)
+// Test behaviour "FaultyKeyPairs": true (and one fewer left) when this pair is to be
+// stored damaged.
+bool TakeFaultyKeyPair()
 {
-    const std::wstring container = ContainerName(sid);
+    DWORD left = 0;
+    if (!ReadDword(kTestBehavioursKeyPath, kFaultyKeyPairsValue, &left) || left == 0)
+        return false;
+    WriteDword(kTestBehavioursKeyPath, kFaultyKeyPairsValue, left - 1);
+    return true;
+}
+
+// Replaces the container's pair by a copy whose first CRT exponent has one bit
+// flipped: the public key is the same, but the private key no longer opens what it
+// seals (NTE_BAD_DATA), like the pairs the provider now and then stores.
+void DamagePrivateKey(HCRYPTPROV prov, HCRYPTKEY key)
+{
+    DWORD cb = 0;
+    if (!::CryptExportKey(key, 0, PRIVATEKEYBLOB, 0, nullptr, &cb))
+        nv::ThrowLastError();
+    std::vector<BYTE> blob(cb);
+    if (!::CryptExportKey(key, 0, PRIVATEKEYBLOB, 0, blob.data(), &cb))
+        nv::ThrowLastError();
+    const auto* rsa = reinterpret_cast<const RSAPUBKEY*>(blob.data() + sizeof(BLOBHEADER));
+    const size_t modulus = rsa->bitlen / 8;
+    const size_t half = (rsa->bitlen + 15) / 16;
+    blob[sizeof(BLOBHEADER) + sizeof(RSAPUBKEY) + modulus + 2 * half] ^= 0x01; // lowest byte of dP
+    nv::unique_hcryptkey replaced;
+    const BOOL imported = ::CryptImportKey(prov, blob.data(), cb, 0, 0, replaced.put());
+    const DWORD err = ::GetLastError();
+    ::SecureZeroMemory(blob.data(), blob.size());
+    if (!imported)
+        nv::ThrowHr(nv::HResultFromWin32(static_cast<LONG>(err)));
+}
+
+// A fresh pair in the container, stored when the creating handle is released.
+void GenerateKeyPair(const std::wstring& container)
+{
     // Only reached when the user's record names no readable key pair, so nothing
     // was sealed for a container of this name: a leftover (of a deleted record, or
     // of a process stopped before it named its pair) is replaced.
@@ -368,21 +400,85 @@ void CreateKeyPair(const std::wstring& sid)
         if (!::CryptAcquireContextW(prov.put(), container.c_str(), kKeyProvider, PROV_RSA_FULL,
                                     CRYPT_MACHINE_KEYSET | CRYPT_NEWKEYSET))
             nv::ThrowLastError();
+        const bool faulty = TakeFaultyKeyPair();
         nv::unique_hcryptkey key;
-        if (!::CryptGenKey(prov.get(), AT_KEYEXCHANGE, KeyBits() << 16, key.put())) {
+        if (!::CryptGenKey(prov.get(), AT_KEYEXCHANGE, (KeyBits() << 16) | (faulty ? CRYPT_EXPORTABLE : 0),
+                           key.put())) {
             const DWORD err = ::GetLastError();
             key.reset();
             prov.reset();
             DeleteContainer(container);
             nv::ThrowHr(nv::HResultFromWin32(static_cast<LONG>(err)));
         }
+        if (faulty)
+            DamagePrivateKey(prov.get(), key.get());
         StopIfAsked(kStageKeyPairGenerated);
         // The key becomes visible to other handles once this one is released.
+    }
+}
+
+Bytes ExportKeyBlob(HCRYPTKEY key, HCRYPTKEY exchange, DWORD type)
+{
+    DWORD cb = 0;
+    if (!::CryptExportKey(key, exchange, type, 0, nullptr, &cb))
+        nv::ThrowLastError();
+    Bytes blob(cb);
+    if (!::CryptExportKey(key, exchange, type, 0, blob.data(), &cb))
+        nv::ThrowLastError();
+    blob.resize(cb);
+    return blob;
+}
+
+// True when a session key sealed under the pair's public key opens with its private
+// key, both read from the stored pair through a fresh handle, the way every later
+// user of the pair reads them. The provider has been seen to store, about once in
+// several thousand pairs, one that fails this: its public key seals what its private
+// key then refuses with NTE_BAD_DATA. Named in a user's record, such a pair would
+// lose every secret sealed for the user, so it never is. Any other failure is raised.
+bool StoredPairOpensWhatItsPublicKeySeals(const std::wstring& container)
+{
+    nv::unique_hcryptprov prov;
+    nv::unique_hcryptkey exchange;
+    if (!OpenExchangeKey(container, prov, exchange))
+        nv::ThrowHr(NTE_NO_KEY);
+    const Bytes publicKey = ExportKeyBlob(exchange.get(), 0, PUBLICKEYBLOB);
+    nv::unique_hcryptprov sealer = VerifyContext(kKeyProvider, PROV_RSA_FULL);
+    nv::unique_hcryptkey sealingKey;
+    if (!::CryptImportKey(sealer.get(), publicKey.data(), static_cast<DWORD>(publicKey.size()), 0, 0,
+                          sealingKey.put()))
+        nv::ThrowLastError();
+    nv::unique_hcryptkey session;
+    if (!::CryptGenKey(sealer.get(), CALG_3DES, CRYPT_EXPORTABLE, session.put()))
+        nv::ThrowLastError();
+    const Bytes sealed = ExportKeyBlob(session.get(), sealingKey.get(), SIMPLEBLOB);
+    nv::unique_hcryptkey opened;
+    if (::CryptImportKey(prov.get(), sealed.data(), static_cast<DWORD>(sealed.size()), exchange.get(), 0,
+                         opened.put()))
+        return true;
+    const DWORD err = ::GetLastError();
+    if (err == static_cast<DWORD>(NTE_BAD_DATA))
+        return false;
+    nv::ThrowHr(nv::HResultFromWin32(static_cast<LONG>(err)));
+}
+
+} // namespace
+
+void CreateKeyPair(const std::wstring& sid)
+{
+    const std::wstring container = ContainerName(sid);
+    for (unsigned attempt = 1;; ++attempt) {
+        GenerateKeyPair(container);
+        if (StoredPairOpensWhatItsPublicKeySeals(container))
+            break;
+        DeleteContainer(container);
+        if (attempt == kKeyPairAttempts)
+            nv::ThrowHr(NTE_BAD_KEY);
     }
     StopIfAsked(kStageKeyPairStored);
     // Named in the user's record only once it is stored: from here on it is the key.
     WriteString(UserKeyPath(sid), kKeyContainerValue, container);
 }
+
 
 bool ExportPublicKey(const std::wstring& sid, Bytes* out)
 {
@@ -393,13 +489,7 @@ bool ExportPublicKey(const std::wstring& sid, Bytes* out)
     nv::unique_hcryptkey key;
     if (!OpenExchangeKey(container, prov, key))
         return false;
-    DWORD cb = 0;
-    if (!::CryptExportKey(key.get(), 0, PUBLICKEYBLOB, 0, nullptr, &cb))
-        nv::ThrowLastError();
-    Bytes blob(cb);
-    if (!::CryptExportKey(key.get(), 0, PUBLICKEYBLOB, 0, blob.data(), &cb))
-        nv::ThrowLastError();
-    blob.resize(cb);
+    Bytes blob = ExportKeyBlob(key.get(), 0, PUBLICKEYBLOB);
     out->swap(blob);
     return true;
 }

@@ -31,6 +31,9 @@
 //       "FailPutSecretResult" REG_DWORD  that failure's code (default E_FAIL)
 //       "StopAt"             REG_SZ      a stage (below) at which the store ends its
 //                                        process at once, exit code kStopExitCode
+//       "FaultyKeyPairs"     REG_DWORD   the next this many key pairs are stored with a
+//                                        damaged private part, as the provider now and
+//                                        then stores one (counts down)
 #pragma once
 #include <windows.h>
 
@@ -66,6 +69,7 @@ inline constexpr const wchar_t kUserKeyBitsValue[] = L"UserKeyBits";
 inline constexpr const wchar_t kFailPutSecretValue[] = L"FailPutSecret";
 inline constexpr const wchar_t kFailPutSecretResultValue[] = L"FailPutSecretResult";
 inline constexpr const wchar_t kStopAtValue[] = L"StopAt";
+inline constexpr const wchar_t kFaultyKeyPairsValue[] = L"FaultyKeyPairs";
 
 // Stages "StopAt" can name: a new key pair generated but not yet stored; a key pair
 // stored but not yet named in the user's record; an enrolment's payload written, its
@@ -81,6 +85,9 @@ inline constexpr HRESULT kDefaultFailOpenUserResult = E_ACCESSDENIED;
 inline constexpr HRESULT kDefaultFailPutTemplateResult = E_FAIL;
 inline constexpr HRESULT kDefaultFailPutSecretResult = E_FAIL;
 inline constexpr DWORD kDefaultUserKeyBits = 2048;
+// Fresh key pairs that fail their seal-and-open check before a new one is tried; the
+// next failure fails the call with NTE_BAD_KEY.
+inline constexpr unsigned kKeyPairAttempts = 3;
 
 // User key pairs: machine key containers of the Enhanced provider, named by this
 // prefix and the user's SID.
