@@ -1,15 +1,18 @@
 // Shared helpers: result codes, the boundary helper, handle owners, the registry key
-// owner and its value reader and writer, byte blobs, and the block cipher.
+// owner and its value reader and writer, byte blobs, the block cipher, and the
+// classification and guard of the DER decoder's calls.
 #include <windows.h>
 #include <gtest/gtest.h>
 #include <cstring>
 #include <vector>
 
+#include "common/apicalls.h"
 #include "common/cryptblob.h"
 #include "common/handles.h"
 #include "common/hresult.h"
 #include "common/regkey.h"
 #include "common/tea_cfb.h"
+#include "support/api_faults.h"
 #include "support/registry_sandbox.h"
 
 using namespace nvtest;
@@ -225,4 +228,166 @@ TEST(CryptBlobTest, CopyAndMoveKeepIndependentBuffers)
     nv::CCryptBlob three(std::move(one));
     EXPECT_TRUE(one.IsEmpty());
     EXPECT_EQ(4u, three.cbData);
+}
+
+// ---- the DER decoder's calls -------------------------------------------------------
+
+namespace {
+
+using DerBytes = std::vector<BYTE>;
+
+// md5RSA without parameters.
+const DerBytes kMd5Rsa = {0x30, 0x0B, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x04};
+
+DerBytes Tlv(BYTE tag, const DerBytes& content)
+{
+    DerBytes out{tag};
+    if (content.size() < 0x80) {
+        out.push_back(static_cast<BYTE>(content.size()));
+    } else {
+        out.push_back(0x82);
+        out.push_back(static_cast<BYTE>(content.size() >> 8));
+        out.push_back(static_cast<BYTE>(content.size()));
+    }
+    out.insert(out.end(), content.begin(), content.end());
+    return out;
+}
+
+DerBytes Seq(std::initializer_list<DerBytes> items)
+{
+    DerBytes content;
+    for (const DerBytes& item : items)
+        content.insert(content.end(), item.begin(), item.end());
+    return Tlv(0x30, content);
+}
+
+// A signed content (X509_CERT): to-be-signed bytes, md5RSA, then the signature as given.
+DerBytes Envelope(const DerBytes& toBeSigned, const DerBytes& signature)
+{
+    return Seq({toBeSigned, kMd5Rsa, signature});
+}
+
+const DerBytes kToBeSigned = Seq({Tlv(0x04, {0x01, 0x02, 0x03})});
+
+struct GuardCase {
+    const char* name;
+    LPCSTR structType;
+    DerBytes bytes;
+};
+
+} // namespace
+
+TEST(DecodeGuardTest, AnEmptyBitStringNeverReachesTheCoder)
+{
+    const GuardCase cases[] = {
+        {"BIT STRING of no bytes", X509_BITS, {0x03, 0x00}},
+        {"the same, long form", X509_BITS, {0x03, 0x81, 0x00}},
+        {"the same, four length bytes", X509_BITS, {0x03, 0x84, 0x00, 0x00, 0x00, 0x00}},
+        {"followed by other bytes", X509_BITS, {0x03, 0x00, 0x04, 0x02, 0xAA, 0xBB}},
+        {"signature of no bytes", X509_CERT, Envelope(kToBeSigned, {0x03, 0x00})},
+        {"signature of no bytes, long form", X509_CERT, Envelope(kToBeSigned, {0x03, 0x81, 0x00})},
+        {"signature first", X509_CERT, Seq({{0x03, 0x00}, kMd5Rsa, {0x03, 0x02, 0x00, 0xAA}})},
+        {"public key of no bytes", X509_PUBLIC_KEY_INFO, Seq({kMd5Rsa, {0x03, 0x00}})},
+    };
+    for (const GuardCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        const DWORD cbBytes = static_cast<DWORD>(c.bytes.size());
+        EXPECT_TRUE(nv::HoldsEmptyBitString(c.structType, c.bytes.data(), cbBytes));
+        nvtest::ApiFaults faults;
+        DWORD cb = 0xdeadbeef;
+        ::SetLastError(0);
+        EXPECT_FALSE(nv::CallCryptDecodeObject(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, c.structType, c.bytes.data(),
+                                               cbBytes, 0, nullptr, &cb));
+        EXPECT_EQ(static_cast<DWORD>(CRYPT_E_ASN1_CORRUPT), ::GetLastError());
+        EXPECT_EQ(0xdeadbeefu, cb);
+        BYTE buffer[256];
+        cb = sizeof(buffer);
+        EXPECT_FALSE(nv::CallCryptDecodeObject(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, c.structType, c.bytes.data(),
+                                               cbBytes, 0, buffer, &cb));
+        EXPECT_EQ(0u, faults.DecodeCalls());
+    }
+}
+
+TEST(DecodeGuardTest, BitStringsWithContentAndOtherPlacesGoToTheCoder)
+{
+    const GuardCase cases[] = {
+        {"BIT STRING of its unused-bits byte only", X509_BITS, {0x03, 0x01, 0x00}},
+        {"BIT STRING of one byte", X509_BITS, {0x03, 0x02, 0x00, 0xA5}},
+        {"no BIT STRING type", X509_OCTET_STRING, {0x03, 0x00}},
+        {"a signature with content", X509_CERT, Envelope(kToBeSigned, {0x03, 0x03, 0x00, 0xAA, 0xBB})},
+        // Inside the to-be-signed bytes the coder copies, it does not decode.
+        {"an empty BIT STRING one level down", X509_CERT,
+         Envelope(Seq({{0x03, 0x00}}), {0x03, 0x03, 0x00, 0xAA, 0xBB})},
+        // The coder goes no further than an item of indefinite length.
+        {"after an item of indefinite length", X509_CERT, Seq({{0x30, 0x80, 0x00, 0x00}, {0x03, 0x00}})},
+        {"the type is not looked into", X509_SEQUENCE_OF_ANY, Seq({{0x03, 0x00}})},
+    };
+    for (const GuardCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_FALSE(nv::HoldsEmptyBitString(c.structType, c.bytes.data(), static_cast<DWORD>(c.bytes.size())));
+        nvtest::ApiFaults faults;
+        DWORD cb = 0;
+        nv::CallCryptDecodeObject(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, c.structType, c.bytes.data(),
+                                  static_cast<DWORD>(c.bytes.size()), 0, nullptr, &cb);
+        EXPECT_EQ(1u, faults.DecodeCalls());
+    }
+    EXPECT_FALSE(nv::HoldsEmptyBitString(X509_BITS, nullptr, 0));
+    EXPECT_FALSE(nv::HoldsEmptyBitString(X509_BITS, kToBeSigned.data(), 0));
+}
+
+TEST(DecodeGuardTest, AnEnvelopeWithAnEmptyBitStringInsideItsContentStillDecodes)
+{
+    const DerBytes toBeSigned = Seq({{0x03, 0x00}});
+    const DerBytes envelope = Envelope(toBeSigned, {0x03, 0x03, 0x00, 0xAA, 0xBB});
+    DWORD cb = 0;
+    ASSERT_TRUE(nv::CallCryptDecodeObject(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, X509_CERT, envelope.data(),
+                                          static_cast<DWORD>(envelope.size()), 0, nullptr, &cb));
+    std::vector<BYTE> buffer(cb);
+    ASSERT_TRUE(nv::CallCryptDecodeObject(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, X509_CERT, envelope.data(),
+                                          static_cast<DWORD>(envelope.size()), 0, buffer.data(), &cb));
+    const auto* info = reinterpret_cast<const CERT_SIGNED_CONTENT_INFO*>(buffer.data());
+    EXPECT_EQ(toBeSigned, DerBytes(info->ToBeSigned.pbData, info->ToBeSigned.pbData + info->ToBeSigned.cbData));
+}
+
+TEST(DecodeVerdictTest, DataErrorsOfTheDecoderAndWhatAStrictReaderRaises)
+{
+    struct Verdict {
+        DWORD lastError;
+        bool data;
+        HRESULT raised;
+    };
+    const Verdict verdicts[] = {
+        {static_cast<DWORD>(CRYPT_E_ASN1_BADTAG), true, CRYPT_E_ASN1_BADTAG},
+        {static_cast<DWORD>(CRYPT_E_ASN1_EOD), true, CRYPT_E_ASN1_EOD},
+        {static_cast<DWORD>(CRYPT_E_BAD_ENCODE), true, CRYPT_E_BAD_ENCODE},
+        {static_cast<DWORD>(NTE_BAD_DATA), true, NTE_BAD_DATA},
+        // A fault the coder caught, and a value it refused: malformed bytes, and
+        // never access denied or a bad argument of ours.
+        {static_cast<DWORD>(STATUS_ACCESS_VIOLATION), true, CRYPT_E_ASN1_CORRUPT},
+        {ERROR_INVALID_PARAMETER, true, CRYPT_E_ASN1_CORRUPT},
+        {static_cast<DWORD>(E_INVALIDARG), true, CRYPT_E_ASN1_CORRUPT},
+        {static_cast<DWORD>(E_OUTOFMEMORY), false, E_OUTOFMEMORY},
+        {ERROR_NOT_ENOUGH_MEMORY, false, E_OUTOFMEMORY},
+        {ERROR_OUTOFMEMORY, false, E_OUTOFMEMORY},
+        {ERROR_ACCESS_DENIED, false, HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED)},
+        {static_cast<DWORD>(NTE_BAD_KEYSET), false, NTE_BAD_KEYSET},
+        {0, false, E_FAIL},
+    };
+    for (const Verdict& v : verdicts) {
+        SCOPED_TRACE(v.lastError);
+        EXPECT_EQ(v.data, nv::IsDecodeDataError(v.lastError));
+        EXPECT_EQ(v.raised, nv::DecodeFailureResult(v.lastError));
+        HRESULT hr = S_OK;
+        try {
+            nv::RaiseUnlessDecodeDataError(v.lastError);
+        } catch (const _com_error& e) {
+            hr = e.Error();
+        }
+        EXPECT_EQ(v.data ? S_OK : v.raised, hr);
+    }
+    // The general rule, for encoders and results, stays narrow: a bad argument there
+    // is ours.
+    EXPECT_FALSE(nv::IsDataErrorCode(static_cast<DWORD>(E_INVALIDARG)));
+    EXPECT_FALSE(nv::IsDataErrorCode(ERROR_INVALID_PARAMETER));
+    EXPECT_TRUE(nv::IsDataErrorCode(static_cast<DWORD>(CRYPT_E_ASN1_CORRUPT)));
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "security/securitycontext.h"
+#include "support/api_faults.h"
 #include "support/key_containers.h"
 #include "support/registry_sandbox.h"
 #include "support/signed_records.h"
@@ -89,6 +90,24 @@ std::vector<BYTE> Encode(LPCSTR type, const void* info)
     std::vector<BYTE> out(cb);
     EXPECT_TRUE(::CryptEncodeObject(kDer, type, info, out.data(), &cb));
     out.resize(cb);
+    return out;
+}
+
+// A SEQUENCE around complete DER items.
+std::vector<BYTE> SequenceOf(std::initializer_list<std::vector<BYTE>> items)
+{
+    std::vector<BYTE> content;
+    for (const auto& item : items)
+        content.insert(content.end(), item.begin(), item.end());
+    std::vector<BYTE> out{0x30};
+    if (content.size() < 0x80) {
+        out.push_back(static_cast<BYTE>(content.size()));
+    } else {
+        out.push_back(0x82);
+        out.push_back(static_cast<BYTE>(content.size() >> 8));
+        out.push_back(static_cast<BYTE>(content.size()));
+    }
+    out.insert(out.end(), content.begin(), content.end());
     return out;
 }
 
@@ -450,6 +469,46 @@ TEST_F(ExportRecordsTest, IdentifierBitStringsOf15And17BytesYieldZeroGuids)
         Record({data, nvwriter::EncodeBitString(fifteen), nvwriter::EncodeBitString(kOtherHostIdBytes), time}));
     EXPECT_GUID_EQ(kOtherHostId, r.target);
     EXPECT_GUID_EQ(kZeroGuid, r.source);
+}
+
+TEST_F(ExportRecordsTest, IdentifierBitStringsWithoutAnyByteYieldZeroGuidsWithoutTheCoder)
+{
+    // A BIT STRING needs at least its unused-bits byte. Handed one without it, Wine's
+    // crypt32 copies whatever follows into a buffer it sized too small, over the heap.
+    const std::vector<BYTE> data = nvwriter::EncodeOctetString({0x05});
+    const std::vector<BYTE> time = nvwriter::EncodeTime(Now());
+    const std::vector<BYTE> record = Record({data, {0x03, 0x00}, {0x03, 0x81, 0x00}, time});
+    {
+        ApiFaults faults;
+        const ImportResult r = ImportAll(record);
+        EXPECT_EQ(0u, faults.DecodeCalls(X509_BITS));
+        EXPECT_EQ(S_OK, r.hr);
+        EXPECT_EQ((std::vector<BYTE>{0x05}), r.data);
+        EXPECT_GUID_EQ(kZeroGuid, r.target);
+        EXPECT_GUID_EQ(kZeroGuid, r.source);
+    }
+    // The other identifier of the record is still read.
+    ApiFaults faults;
+    const ImportResult r = ImportAll(Record({data, {0x03, 0x00}, nvwriter::EncodeBitString(kOtherHostIdBytes), time}));
+    EXPECT_EQ(2u, faults.DecodeCalls(X509_BITS)); // size, then the value, of item 2 only
+    EXPECT_GUID_EQ(kOtherHostId, r.target);
+    EXPECT_GUID_EQ(kZeroGuid, r.source);
+}
+
+TEST_F(ExportRecordsTest, ARecordWhoseSignatureHasNoByteImportsAsNothingAndDoesNotVerify)
+{
+    SignedRecord parts;
+    ASSERT_TRUE(DecodeSignedRecord(ExportOk({0xAA, 0xBB}), &parts));
+    const std::vector<BYTE> record = SequenceOf({parts.toBeSigned, kMd5RsaAlgorithm, {0x03, 0x00}});
+    ApiFaults faults;
+    const ImportResult r = ImportAll(record);
+    EXPECT_EQ(0u, faults.DecodeCalls(X509_CERT));
+    EXPECT_EQ(S_OK, r.hr);
+    EXPECT_TRUE(r.dataEmpty);
+    EXPECT_GUID_EQ(kZeroGuid, r.target);
+    EXPECT_GUID_EQ(kZeroGuid, r.source);
+    CRYPT_DATA_BLOB in = BlobOf(record);
+    EXPECT_EQ(S_FALSE, m_ctx.Verify(&in, nullptr));
 }
 
 TEST_F(ExportRecordsTest, SixteenByteBitStringWithUnusedBitsStillYieldsItsGuid)

@@ -364,6 +364,21 @@ TEST(UnpackPasswordAndPinTest, ContentThatIsNoSequenceFailsWithTheDecodeError)
     EXPECT_EQ(kSentinel, plain.password);
 }
 
+TEST(UnpackPasswordAndPinTest, ASequenceTheCoderRunsOffIsMalformedDataNotAccessDenied)
+{
+    // The SEQUENCE holds 2 bytes, its item claims 3. Wine's crypt32 reads far past
+    // the bytes, catches its own fault and reports STATUS_ACCESS_VIOLATION, which as
+    // HRESULT_FROM_WIN32 would read "access denied": classified first, it is the
+    // verdict "corrupt", which the conversion takes as malformed data.
+    const Bytes plain = {0x30, 0x81, 0x02, 0x01, 0x01, 0x1E, 0x18, 0x00, 0x54, 0x00,
+                         0x72, 0x84, 0x30, 0x00, 0x75, 0x00, 0x62, 0x00, 0x34};
+    Unpacked u;
+    Unpack(Scrambled(plain), u);
+    EXPECT_EQ(CRYPT_E_ASN1_CORRUPT, u.hr);
+    EXPECT_EQ(kSentinel, u.password);
+    EXPECT_EQ(kSentinel, u.pin);
+}
+
 TEST(UnpackPasswordAndPinTest, VersionItemThatIsNoNumberFailsWithTheDecodeError)
 {
     Unpacked u;

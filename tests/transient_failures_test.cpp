@@ -9,9 +9,11 @@
 #include <comdef.h>
 #include <gtest/gtest.h>
 #include <functional>
+#include <iterator>
 #include <string>
 #include <vector>
 
+#include "common/apicalls.h"
 #include "common/cryptblob.h"
 #include "common/handles.h"
 #include "common/hresult.h"
@@ -58,6 +60,23 @@ const FailureKind kKinds[] = {
 };
 
 const FailureKind kOutOfMemoryKinds[] = {kKinds[0], kKinds[1], kKinds[2]};
+
+// Decode failures that are verdicts on the bytes although no coder code says so: a
+// read past the end that the coder caught itself, and a value it refused as
+// impossible (Wine's crypt32 fails a time of month 24 with ERROR_INVALID_PARAMETER).
+const FailureKind kDecodeVerdictKinds[] = {
+    {static_cast<DWORD>(STATUS_ACCESS_VIOLATION), S_OK, "STATUS_ACCESS_VIOLATION"},
+    {ERROR_INVALID_PARAMETER, S_OK, "ERROR_INVALID_PARAMETER"},
+    {static_cast<DWORD>(E_INVALIDARG), S_OK, "E_INVALIDARG"},
+};
+
+// Every kind a failed decode can take.
+std::vector<FailureKind> DecodeKinds()
+{
+    std::vector<FailureKind> kinds(std::begin(kKinds), std::end(kKinds));
+    kinds.insert(kinds.end(), std::begin(kDecodeVerdictKinds), std::end(kDecodeVerdictKinds));
+    return kinds;
+}
 
 // The code a call raised as _com_error, S_OK when it returned.
 template <class Body>
@@ -125,7 +144,7 @@ TEST(LegacyReaderFailureTest, EachCoderCallOfEachReaderFailingWithEachKindOfErro
         }
         ASSERT_GE(calls, 2u) << c.name << ": size query and decode";
         for (unsigned n = 1; n <= calls; ++n) {
-            for (const FailureKind& kind : kKinds) {
+            for (const FailureKind& kind : DecodeKinds()) {
                 SCOPED_TRACE(std::string(c.name) + " call " + std::to_string(n) + " " + kind.name);
                 ApiFaults faults;
                 faults.FailDecode(n, kind.lastError);
@@ -191,10 +210,15 @@ TEST(SecretRecordFailureTest, EveryDecodeFailingWithOutOfMemoryRaisesIt)
             EXPECT_EQ(E_OUTOFMEMORY, Raised([&] { LegacyNVDB2::DecodeSecretField(nullptr, field, secret); }));
         }
         // A data error in the same place reads as that part's empty value.
-        ApiFaults faults;
-        faults.FailDecode(n, static_cast<DWORD>(CRYPT_E_ASN1_CORRUPT));
-        CNVSecret secret;
-        EXPECT_EQ(S_OK, Raised([&] { LegacyNVDB2::DecodeSecretField(nullptr, field, secret); })) << "call " << n;
+        std::vector<FailureKind> dataKinds(std::begin(kDecodeVerdictKinds), std::end(kDecodeVerdictKinds));
+        dataKinds.push_back({static_cast<DWORD>(CRYPT_E_ASN1_CORRUPT), S_OK, "CRYPT_E_ASN1_CORRUPT"});
+        for (const FailureKind& kind : dataKinds) {
+            ApiFaults faults;
+            faults.FailDecode(n, kind.lastError);
+            CNVSecret secret;
+            EXPECT_EQ(S_OK, Raised([&] { LegacyNVDB2::DecodeSecretField(nullptr, field, secret); }))
+                << "call " << n << " " << kind.name;
+        }
     }
 }
 
@@ -221,7 +245,7 @@ TEST_F(ProvisionedReaderFailureTest, ImportRaisesNothingButReportsOutOfMemoryAnd
     }
     ASSERT_GE(calls, 6u);
     for (unsigned n = 1; n <= calls; ++n) {
-        for (const FailureKind& kind : kKinds) {
+        for (const FailureKind& kind : DecodeKinds()) {
             SCOPED_TRACE("call " + std::to_string(n) + " " + kind.name);
             ApiFaults faults;
             faults.FailDecode(n, kind.lastError);
@@ -317,6 +341,36 @@ TEST_F(ProvisionedReaderFailureTest, ParseUserBlobReturnsOutOfMemoryFromEveryDec
     }
 }
 
+TEST_F(ProvisionedReaderFailureTest, ParseUserBlobStaysLenientWhenAnyDecodeIsAVerdictOnTheBytes)
+{
+    Db20User u;
+    u.guid = kGuid;
+    u.sidText = L"S-1-5-21-1-2-3-1001";
+    const Bytes blob = EncodeDb20UserBlob(0, u);
+    unsigned calls = 0;
+    {
+        ApiFaults faults;
+        LegacyNVDB2::CLocalDBUserExtractor extractor;
+        NV_USER_RECORD r{};
+        ASSERT_EQ(S_OK, extractor.ParseUserBlob(static_cast<DWORD>(blob.size()), blob.data(), &r));
+        calls = faults.DecodeCalls();
+        ::LocalFree(r.pSid);
+    }
+    ASSERT_GT(calls, 10u);
+    for (unsigned n = 1; n <= calls; ++n) {
+        for (const FailureKind& kind : kDecodeVerdictKinds) {
+            SCOPED_TRACE("call " + std::to_string(n) + " " + kind.name);
+            LegacyNVDB2::CLocalDBUserExtractor extractor;
+            NV_USER_RECORD r{};
+            ApiFaults faults;
+            faults.FailDecode(n, kind.lastError);
+            EXPECT_EQ(S_OK, extractor.ParseUserBlob(static_cast<DWORD>(blob.size()), blob.data(), &r));
+            if (r.pSid)
+                ::LocalFree(r.pSid);
+        }
+    }
+}
+
 // ---- the packing routines ------------------------------------------------------------
 
 TEST(PackingFailureTest, UnpackReturnsOutOfMemoryAndDataErrorsAsThemselves)
@@ -349,6 +403,20 @@ TEST(PackingFailureTest, UnpackReturnsOutOfMemoryAndDataErrorsAsThemselves)
             const HRESULT hr = UnpackPasswordAndPin(&in, &password, &pin);
             EXPECT_EQ(kind.raised == S_OK ? nv::HResultFromWin32(static_cast<LONG>(kind.lastError)) : kind.raised,
                       hr);
+            ::SysFreeString(password);
+            ::SysFreeString(pin);
+        }
+        // A caught fault or a refused value is classified before it becomes a result:
+        // it says "malformed" (never access denied, which HRESULT_FROM_WIN32 would
+        // make of STATUS_ACCESS_VIOLATION), so the conversion takes it as data.
+        for (const FailureKind& kind : kDecodeVerdictKinds) {
+            SCOPED_TRACE("call " + std::to_string(n) + " " + kind.name);
+            ApiFaults faults;
+            faults.FailDecode(n, kind.lastError);
+            BSTR password = nullptr, pin = nullptr;
+            const HRESULT hr = UnpackPasswordAndPin(&in, &password, &pin);
+            EXPECT_EQ(CRYPT_E_ASN1_CORRUPT, hr);
+            EXPECT_TRUE(nv::IsDataErrorCode(static_cast<DWORD>(hr)));
             ::SysFreeString(password);
             ::SysFreeString(pin);
         }

@@ -5,10 +5,12 @@
 #include <climits>
 #include <cstring>
 #include <type_traits>
+#include <string>
 #include <vector>
 
 #include <comdef.h>
 #include "converter3/nvblobs.h"
+#include "support/api_faults.h"
 
 namespace {
 
@@ -305,6 +307,47 @@ TEST(TypedBlobsTest, MalformedDerRaisesTheCryptoApiError)
     EXPECT_EQ(CRYPT_E_ASN1_EOD, DecodeError(u, {0x02, 0x05, 0x00}));
     CNVAnyBlob any;
     EXPECT_EQ(CRYPT_E_ASN1_BADTAG, DecodeError(any, {0x02, 0x01, 0x00}));
+}
+
+TEST(TypedBlobsTest, AFailedDecodeIsClassifiedBeforeItBecomesAResult)
+{
+    struct Case {
+        DWORD lastError;
+        HRESULT raised;
+    };
+    const Case cases[] = {
+        {static_cast<DWORD>(CRYPT_E_ASN1_BADTAG), CRYPT_E_ASN1_BADTAG},
+        // The coder's own caught fault and its refusal of an impossible value are
+        // verdicts on the bytes: never access denied or a bad argument.
+        {static_cast<DWORD>(STATUS_ACCESS_VIOLATION), CRYPT_E_ASN1_CORRUPT},
+        {ERROR_INVALID_PARAMETER, CRYPT_E_ASN1_CORRUPT},
+        {static_cast<DWORD>(E_INVALIDARG), CRYPT_E_ASN1_CORRUPT},
+        {ERROR_NOT_ENOUGH_MEMORY, E_OUTOFMEMORY},
+        {ERROR_ACCESS_DENIED, HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED)},
+    };
+    const Bytes der{0x02, 0x01, 0x05};
+    for (const Case& c : cases) {
+        for (unsigned call : {1u, 2u}) { // the size query, then the decode
+            SCOPED_TRACE(std::to_string(c.lastError) + " at call " + std::to_string(call));
+            nvtest::ApiFaults faults;
+            faults.FailDecode(call, c.lastError);
+            CNVULongBlob u(7);
+            EXPECT_EQ(c.raised, DecodeError(u, der));
+            EXPECT_TRUE(u.IsEmpty());
+        }
+    }
+    // No bytes at all are too little data, and the coder is not asked.
+    nvtest::ApiFaults faults;
+    CNVULongBlob u;
+    EXPECT_EQ(CRYPT_E_ASN1_EOD, DecodeError(u, Bytes()));
+    CNVSequence seq;
+    try {
+        seq.Decode(nullptr, 0);
+        ADD_FAILURE() << "nothing decoded as a sequence";
+    } catch (const _com_error& e) {
+        EXPECT_EQ(CRYPT_E_ASN1_EOD, e.Error());
+    }
+    EXPECT_EQ(0u, faults.DecodeCalls());
 }
 
 TEST(SequenceTest, ItemsEncodeAsSequenceOfAny)

@@ -8,7 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "legacydb/derreader.h"
 #include "legacydb/userextractor.h"
+#include "support/api_faults.h"
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
 #include "writer/db20_der.h"
@@ -206,6 +208,48 @@ TEST_F(UserRecordTest, ABlobThatIsNotDerGivesAnEmptyRecordAndTheAccountsKeyActCt
     EXPECT_EQ(0u, r.dwTemplateMask);
     EXPECT_EQ(0x77u, r.dwAccountControl);
     EXPECT_TRUE(m_extractor.GetTemplateMap().empty());
+}
+
+TEST_F(UserRecordTest, AnEnvelopeWhoseSignatureHasNoBytesReadsAsNoBlobWithoutTheCoder)
+{
+    // A BIT STRING needs at least its unused-bits byte. Handed one without it, Wine's
+    // crypt32 copies whatever follows into a buffer it sized too small, over the heap.
+    using namespace der20;
+    const DerBytes md5Rsa = {0x30, 0x0B, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x04};
+    const DerBytes list = Seq({StandardHeader(), Uint(0)});
+    const DerBytes toBeSigned = Seq({Octets(list), Uint(kDb20RecordVersion)});
+    const DerBytes blob = Seq({toBeSigned, md5Rsa, DerBytes{0x03, 0x00}});
+    {
+        ApiFaults faults;
+        const NV_USER_RECORD& r = Parse(blob);
+        EXPECT_EQ(0u, faults.DecodeCalls(X509_CERT));
+        EXPECT_TRUE(IsEqualGUID(GUID_NULL, r.guidUser));
+        EXPECT_EQ(nullptr, r.pSid);
+        EXPECT_TRUE(m_extractor.GetTemplateMap().empty());
+    }
+    // The same content with a signature of one byte is read.
+    const NV_USER_RECORD& r = Parse(Seq({toBeSigned, md5Rsa, DerBytes{0x03, 0x02, 0x00, 0x5A}}));
+    EXPECT_TRUE(IsEqualGUID(kUserGuid, r.guidUser));
+    EXPECT_EQ(std::wstring(kSid), SidOf(r));
+}
+
+TEST_F(UserRecordTest, AnImpossibleTimeReadsAsZeroAndTheRestOfTheHeaderIsRead)
+{
+    using namespace der20;
+    // UTCTime of month 24: the coder refuses the value (Wine's crypt32 with
+    // ERROR_INVALID_PARAMETER), a verdict on the bytes like any malformed item.
+    const DerBytes badTime = {0x17, 0x0D, '0', '6', '2', '4', '2', '3', '0', '2', '4', '2', '2', '8', 'Z'};
+    const DWORD before = LegacyNVDB2::LenientReadCount();
+    const FILETIME read = LegacyNVDB2::ReadTime(LegacyNVDB2::DerView(badTime.data(), static_cast<DWORD>(badTime.size())));
+    EXPECT_EQ(0u, read.dwLowDateTime);
+    EXPECT_EQ(0u, read.dwHighDateTime);
+    EXPECT_EQ(before + 1, LegacyNVDB2::LenientReadCount());
+
+    const DerBytes header = Seq({GuidOctets(kOwner), GuidOctets(kUserGuid), badTime, badTime, badTime, Text(L"Alice"),
+                                 Text(kSid), Uint(1), Uint(2)});
+    const NV_USER_RECORD& r = Parse(Wrap(Seq({header, Uint(0)})));
+    EXPECT_TRUE(IsEqualGUID(kUserGuid, r.guidUser));
+    EXPECT_EQ(std::wstring(kSid), SidOf(r));
 }
 
 TEST_F(UserRecordTest, AnEmptyBlobWithoutPolicyGivesAccountControlZero)

@@ -79,13 +79,18 @@ void NVEncodeObject(LPCSTR lpszStructType, const void* pvStructInfo, nv::CCryptB
 void NVDecodeObject(LPCSTR lpszStructType, const BYTE* pbDer, DWORD cbDer, nv::CCryptBlob& buffer)
 {
     buffer.Free();
+    // No bytes are too little data; the coder then only ever sees valid arguments,
+    // so that its failure is a verdict on the bytes (see DecodeFailureResult).
+    if (!pbDer || cbDer == 0)
+        nv::ThrowHr(CRYPT_E_ASN1_EOD);
     DWORD cb = 0;
     if (!nv::CallCryptDecodeObject(kNVEncodingType, lpszStructType, pbDer, cbDer, 0, nullptr, &cb))
-        nv::ThrowLastError();
+        nv::ThrowHr(nv::DecodeFailureResult(::GetLastError()));
     buffer.Allocate(cb);
     if (!nv::CallCryptDecodeObject(kNVEncodingType, lpszStructType, pbDer, cbDer, 0, buffer.pbData, &cb)) {
+        const DWORD err = ::GetLastError();
         buffer.Free();
-        nv::ThrowLastError();
+        nv::ThrowHr(nv::DecodeFailureResult(err));
     }
 }
 

@@ -87,7 +87,9 @@ public:
 void NVEncodeObject(LPCSTR lpszStructType, const void* pvStructInfo, nv::CCryptBlob& out);
 
 // Decodes a DER value into a zero-filled heap buffer (size query, then decode);
-// the structure lives at buffer.pbData.
+// the structure lives at buffer.pbData. A failure raises the coder's last error as
+// nv::DecodeFailureResult classifies it: E_OUTOFMEMORY, a data error's CRYPT_E_* or
+// NTE_BAD_DATA code, or the HRESULT of anything else.
 void NVDecodeObject(LPCSTR lpszStructType, const BYTE* pbDer, DWORD cbDer, nv::CCryptBlob& buffer);
 
 // A decoded SEQUENCE OF ANY. The items point into the object's own buffer, which

@@ -43,7 +43,7 @@ bool DecodeStruct(LPCSTR structType, DerView item, Bytes& out)
     }
     DWORD cb = 0;
     if (!nv::CallCryptDecodeObject(kDerEncoding, structType, item.pb, item.cb, 0, nullptr, &cb)) {
-        nv::RaiseUnlessDataError(::GetLastError());
+        nv::RaiseUnlessDecodeDataError(::GetLastError());
         CountLenientRead();
         return false;
     }
@@ -55,7 +55,7 @@ bool DecodeStruct(LPCSTR structType, DerView item, Bytes& out)
     if (!nv::CallCryptDecodeObject(kDerEncoding, structType, item.pb, item.cb, 0, out.data(), &cb)) {
         const DWORD err = ::GetLastError();
         out.clear();
-        nv::RaiseUnlessDataError(err);
+        nv::RaiseUnlessDecodeDataError(err);
         CountLenientRead();
         return false;
     }

@@ -49,7 +49,7 @@ bool TryDecode(LPCSTR structType, const BYTE* data, DWORD cb, nv::CCryptBlob& ou
         return false;
     DWORD cbOut = 0;
     if (!nv::CallCryptDecodeObject(kEncoding, structType, data, cb, 0, nullptr, &cbOut)) {
-        nv::RaiseUnlessDataError(::GetLastError());
+        nv::RaiseUnlessDecodeDataError(::GetLastError());
         return false;
     }
     if (cbOut == 0)
@@ -58,7 +58,7 @@ bool TryDecode(LPCSTR structType, const BYTE* data, DWORD cb, nv::CCryptBlob& ou
     if (!nv::CallCryptDecodeObject(kEncoding, structType, data, cb, 0, p, &cbOut)) {
         const DWORD err = ::GetLastError();
         out.Free();
-        nv::RaiseUnlessDataError(err);
+        nv::RaiseUnlessDecodeDataError(err);
         return false;
     }
     return true;
@@ -396,6 +396,10 @@ HRESULT CFPSecurityContext::Verify(const CRYPT_DATA_BLOB* pSigned, const CRYPT_D
         }
         const BYTE* data = pSigned ? pSigned->pbData : nullptr;
         const DWORD cb = pSigned ? pSigned->cbData : 0;
+        // The platform decodes the record itself here; one whose signature is an
+        // empty BIT STRING would overrun its buffer (see HoldsEmptyBitString).
+        if (nv::HoldsEmptyBitString(X509_CERT, data, cb))
+            return S_FALSE;
         const BOOL valid = ::CryptVerifyCertificateSignature(m_hProv, kEncoding, data, cb,
                                                              reinterpret_cast<CERT_PUBLIC_KEY_INFO*>(info.pbData));
         // A bad signature is an answer, not a failure.
@@ -475,13 +479,13 @@ HRESULT CFPSecurityContext::Import(const CRYPT_DATA_BLOB* pRecord, CRYPT_DATA_BL
         const DWORD cbRecord = pRecord ? pRecord->cbData : 0;
         if (record && cbRecord) {
             if (!nv::CallCryptDecodeObject(kEncoding, X509_CERT, record, cbRecord, 0, nullptr, &cbEnvelope))
-                nv::RaiseUnlessDataError(::GetLastError());
+                nv::RaiseUnlessDecodeDataError(::GetLastError());
             else if (cbEnvelope) {
                 BYTE* buffer = cbEnvelope <= sizeof(stackBuffer) ? stackBuffer : heapBuffer.Allocate(cbEnvelope);
                 if (nv::CallCryptDecodeObject(kEncoding, X509_CERT, record, cbRecord, 0, buffer, &cbEnvelope))
                     envelope = reinterpret_cast<const CERT_SIGNED_CONTENT_INFO*>(buffer);
                 else
-                    nv::RaiseUnlessDataError(::GetLastError());
+                    nv::RaiseUnlessDecodeDataError(::GetLastError());
             }
         }
 

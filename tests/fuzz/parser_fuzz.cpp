@@ -5,11 +5,12 @@
 //
 // Every input is placed at the very end of a page followed by a PAGE_NOACCESS page,
 // handed to the parser, and checked: no crash, no hang, no input slower than one
-// second, no read of the guard page (even one that a system DLL catches itself), and
-// only the result codes and outputs the format allows. A failing input is saved as
-// DIR/<parser>-<what>-<n>.bin; --replay runs saved inputs again (the parser is the
-// file name's first part). Exit codes: 0 nothing found, 1 findings, 2 usage or setup
-// error, 3 a crash (the input is saved first), 4 a hang.
+// second, no read of the guard page (even one that a system DLL catches itself), an
+// intact heap afterwards, and only the result codes and outputs the format allows.
+// A failing input is saved as DIR/<parser>-<what>-<n>.bin; --replay runs saved
+// inputs again (the parser is the file name's first part). Exit codes: 0 nothing
+// found, 1 findings, 2 usage or setup error, 3 a crash or a damaged heap (the input
+// is saved first), 4 a hang.
 #include <windows.h>
 #include <psapi.h>
 #include <comdef.h>
@@ -241,6 +242,21 @@ struct Stats {
     std::map<std::string, unsigned long long> mutations;
 };
 
+// Whether every heap of the process is still intact. A decoder that writes past the
+// buffer it was handed damages the heap without any fault of its own; the damage
+// shows much later as a crash or a hang with another input, so it is looked for
+// after every input.
+bool HeapsIntact()
+{
+    HANDLE heaps[64];
+    const DWORD n = ::GetProcessHeaps(64, heaps);
+    for (DWORD i = 0; i < n && i < 64; ++i) {
+        if (!::HeapValidate(heaps[i], 0, nullptr))
+            return false;
+    }
+    return true;
+}
+
 // Runs one input with every check; false when it is a finding (saved and reported).
 bool RunOne(Target& target, const Bytes& input, Stats& stats, const std::string& how)
 {
@@ -262,6 +278,15 @@ bool RunOne(Target& target, const Bytes& input, Stats& stats, const std::string&
         took = Seconds(Now() - started);
     }
     g_current.startedAt = 0;
+    if (!HeapsIntact()) {
+        // Nothing that runs after this can be trusted: stop as for a crash.
+        char saved[MAX_PATH], text[1024];
+        SaveInput(target.Name(), "heap", pb, cb, saved, sizeof(saved));
+        std::snprintf(text, sizeof(text), "HEAP DAMAGE in parser %s after an input (%s); input saved as %s\n",
+                      target.Name(), how.c_str(), saved);
+        Say(text);
+        ::TerminateProcess(::GetCurrentProcess(), 3);
+    }
 
     ++stats.inputs;
     ++stats.results[outcome.hr];

@@ -1,6 +1,7 @@
 #include "support/api_faults.h"
 
 #include <cwchar>
+#include <map>
 #include "common/apicalls.h"
 
 namespace nvtest {
@@ -9,6 +10,7 @@ namespace {
 
 struct FaultState {
     unsigned decodeCalls = 0;
+    std::map<ULONG_PTR, unsigned> decodeCallsByType; // the predefined (numbered) types
     unsigned decodeFailAt = 0;
     bool decodeFailOn = false; // every call from decodeFailAt on
     DWORD decodeError = 0;
@@ -27,6 +29,8 @@ BOOL WINAPI FaultyDecode(DWORD dwEncoding, LPCSTR lpszStructType, const BYTE* pb
                          DWORD dwFlags, void* pvStructInfo, DWORD* pcbStructInfo)
 {
     const unsigned n = ++g_state.decodeCalls;
+    if (IS_INTRESOURCE(lpszStructType))
+        ++g_state.decodeCallsByType[reinterpret_cast<ULONG_PTR>(lpszStructType)];
     if (g_state.decodeFailAt != 0 &&
         (n == g_state.decodeFailAt || (g_state.decodeFailOn && n > g_state.decodeFailAt))) {
         ::SetLastError(g_state.decodeError);
@@ -103,6 +107,12 @@ void ApiFaults::FailQueryValue(const std::wstring& valueName, unsigned n, LONG c
 }
 
 unsigned ApiFaults::DecodeCalls() const { return g_state.decodeCalls; }
+
+unsigned ApiFaults::DecodeCalls(LPCSTR structType) const
+{
+    const auto it = g_state.decodeCallsByType.find(reinterpret_cast<ULONG_PTR>(structType));
+    return it == g_state.decodeCallsByType.end() ? 0 : it->second;
+}
 unsigned ApiFaults::EncodeCalls() const { return g_state.encodeCalls; }
 unsigned ApiFaults::QueryValueCalls() const { return g_state.queryCalls; }
 

@@ -27,6 +27,9 @@ public:
     void FailQueryValue(const std::wstring& valueName, unsigned n, LONG code);
 
     unsigned DecodeCalls() const;
+    // The CryptDecodeObject calls that reached the platform with one of the
+    // predefined structure types (X509_CERT, X509_BITS, ...).
+    unsigned DecodeCalls(LPCSTR structType) const;
     unsigned EncodeCalls() const;
     unsigned QueryValueCalls() const;
 };
