@@ -6,6 +6,7 @@
 #include <cstring>
 #include <vector>
 
+#include "common/guidtext.h"
 #include "common/apicalls.h"
 #include "common/cryptblob.h"
 #include "common/handles.h"
@@ -390,4 +391,22 @@ TEST(DecodeVerdictTest, DataErrorsOfTheDecoderAndWhatAStrictReaderRaises)
     EXPECT_FALSE(nv::IsDataErrorCode(static_cast<DWORD>(E_INVALIDARG)));
     EXPECT_FALSE(nv::IsDataErrorCode(ERROR_INVALID_PARAMETER));
     EXPECT_TRUE(nv::IsDataErrorCode(static_cast<DWORD>(CRYPT_E_ASN1_CORRUPT)));
+}
+
+// ---- GuidText ------------------------------------------------------------------
+
+TEST(GuidTextTest, IsWhatStringFromGuid2WritesForEveryShapeOfGuid)
+{
+    const GUID guids[] = {
+        GUID{},
+        GUID{0xFFFFFFFF, 0xFFFF, 0xFFFF, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}},
+        GUID{0x0123ABCD, 0x0A0B, 0xC0D0, {0x00, 0x01, 0x9A, 0xBC, 0xDE, 0xF0, 0x10, 0x0F}},
+        GUID{0x7E57C0DE, 0x5EC1, 0x4A11, {0x8B, 0x3D, 0x00, 0x11, 0x22, 0x33, 0x44, 0x55}},
+    };
+    for (const GUID& g : guids) {
+        wchar_t expected[39] = {};
+        ASSERT_EQ(39, ::StringFromGUID2(g, expected, 39));
+        EXPECT_EQ(std::wstring(expected), nv::GuidText(g));
+    }
+    EXPECT_EQ(L"{0123ABCD-0A0B-C0D0-0001-9ABCDEF0100F}", nv::GuidText(guids[2]));
 }

@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <vector>
 #include "common/cryptblob.h"
+#include "common/guidtext.h"
 #include "common/handles.h"
 #include "common/hresult.h"
 #include "common/regkey.h"
@@ -407,9 +408,7 @@ void CConverter3::ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, con
         nv::ThrowHr(nvconv3::NV_E_USER_INCOMPLETE);
     }
 
-    wchar_t wszGuid[100] = L"";
-    ::StringFromGUID2(user.guidUser, wszGuid, 100);
-    const std::wstring path = std::wstring(kUserKeyPrefix) + wszGuid;
+    const std::wstring path = std::wstring(kUserKeyPrefix) + nv::GuidText(user.guidUser);
     // Only traced: a user whose old key stays is still counted as converted.
     const HRESULT hrDelete = DeleteKey(m_dbKey.m_hKey, path.c_str(), kDatabaseView);
     NVTraceNS::Trace(scope, 0, "DeleteKey('%ls'), 0x%08X", sid.c_str(), static_cast<unsigned>(hrDelete));

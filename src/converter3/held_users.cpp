@@ -1,6 +1,7 @@
 #include "converter3/held_users.h"
 
 #include <objbase.h>
+#include "common/guidtext.h"
 #include "common/handles.h"
 
 namespace nvconv3 {
@@ -9,9 +10,7 @@ namespace {
 
 std::wstring EntryPath(const GUID& guidUser)
 {
-    wchar_t wszGuid[40] = L"";
-    ::StringFromGUID2(guidUser, wszGuid, 40);
-    return std::wstring(kHeldUsersKeyPath) + L"\\" + wszGuid;
+    return std::wstring(kHeldUsersKeyPath) + L"\\" + nv::GuidText(guidUser);
 }
 
 LONG SetString(HKEY key, const wchar_t* name, const std::wstring& value) noexcept

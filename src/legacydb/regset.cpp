@@ -3,6 +3,7 @@
 #include <winternl.h>
 #include <atomic>
 #include <cstring>
+#include "common/guidtext.h"
 #include "common/hresult.h"
 #include "common/procaddress.h"
 #include "common/regkey.h"
@@ -180,9 +181,7 @@ HRESULT CNVDBRegSet::Open(const wchar_t* wszName, DWORD dwInitialValue)
 
 std::wstring CNVDBRegSet::UserKeyPath(const GUID& guidUser) const
 {
-    wchar_t text[100] = {};
-    ::StringFromGUID2(guidUser, text, 100);
-    return m_wstrDataPath + L"\\" + text;
+    return m_wstrDataPath + L"\\" + nv::GuidText(guidUser);
 }
 
 HRESULT CNVDBRegSet::ReadField(const GUID& guidUser, const wchar_t* wszField, nv::CCryptBlob& blob)
