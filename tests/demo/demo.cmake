@@ -11,4 +11,4 @@ add_test(NAME demo.SmallDatabaseBecomes30WithEveryUserAccountedFor
         -DNV_DEMO_DOMAINS=2
         -P ${CMAKE_CURRENT_LIST_DIR}/demo_check.cmake)
 set_tests_properties(demo.SmallDatabaseBecomes30WithEveryUserAccountedFor PROPERTIES
-    ${NV_WINE_TEST_PROPERTIES} TIMEOUT 300 LABELS demo)
+    ${NV_WINE_TEST_PROPERTIES} TIMEOUT 300 LABELS demo COST 20)
