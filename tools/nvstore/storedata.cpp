@@ -479,7 +479,6 @@ void CreateKeyPair(const std::wstring& sid)
     WriteString(UserKeyPath(sid), kKeyContainerValue, container);
 }
 
-
 bool ExportPublicKey(const std::wstring& sid, Bytes* out)
 {
     std::wstring container;
