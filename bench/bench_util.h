@@ -60,6 +60,7 @@ public:
             std::fprintf(stderr, "cannot load NVDBConv.dll: %lu\n", ::GetLastError());
     }
     explicit operator bool() const noexcept { return static_cast<bool>(m_dll); }
+    HMODULE module() const noexcept { return m_dll.get(); }
     // Convert's result; E_FAIL when the export is missing.
     HRESULT Convert()
     {

@@ -18,6 +18,7 @@
 
 #include "nv_version.h"
 #include "support/dll_loader.h"
+#include "support/import_patch.h"
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
@@ -70,55 +71,6 @@ HMODULE WINAPI HookLoadLibraryExW(LPCWSTR name, HANDLE file, DWORD flags)
 }
 DWORD WINAPI HookGetTickCount() { return ::GetTickCount() + g_tickOffset.load(); }
 ULONGLONG WINAPI HookGetTickCount64() { return ::GetTickCount64() + g_tickOffset.load(); }
-
-// Replaces the import table entries of `module` named in `hooks`; restores them when
-// destroyed (before the module is freed).
-class ImportPatch {
-public:
-    ImportPatch(HMODULE module, const std::map<std::string, void*>& hooks)
-    {
-        auto* base = reinterpret_cast<BYTE*>(module);
-        auto* dos = reinterpret_cast<IMAGE_DOS_HEADER*>(base);
-        auto* nt = reinterpret_cast<IMAGE_NT_HEADERS64*>(base + dos->e_lfanew);
-        const IMAGE_DATA_DIRECTORY& dir = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
-        for (auto* d = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(base + dir.VirtualAddress); d->Name; ++d) {
-            auto* names = reinterpret_cast<IMAGE_THUNK_DATA64*>(base + d->OriginalFirstThunk);
-            auto* slots = reinterpret_cast<IMAGE_THUNK_DATA64*>(base + d->FirstThunk);
-            for (; names->u1.AddressOfData; ++names, ++slots) {
-                if (IMAGE_SNAP_BY_ORDINAL64(names->u1.Ordinal))
-                    continue;
-                const auto* byName = reinterpret_cast<IMAGE_IMPORT_BY_NAME*>(base + names->u1.AddressOfData);
-                const auto hook = hooks.find(reinterpret_cast<const char*>(byName->Name));
-                if (hook == hooks.end())
-                    continue;
-                m_patched.push_back({reinterpret_cast<ULONGLONG*>(&slots->u1.Function), slots->u1.Function});
-                m_names.push_back(hook->first);
-                Write(&slots->u1.Function, reinterpret_cast<ULONGLONG>(hook->second));
-            }
-        }
-    }
-    ~ImportPatch()
-    {
-        for (const Slot& s : m_patched)
-            Write(s.at, s.original);
-    }
-    const std::vector<std::string>& names() const { return m_names; }
-
-private:
-    struct Slot {
-        ULONGLONG* at;
-        ULONGLONG original;
-    };
-    static void Write(ULONGLONG* at, ULONGLONG value)
-    {
-        DWORD old = 0;
-        ASSERT_TRUE(::VirtualProtect(at, sizeof(*at), PAGE_READWRITE, &old));
-        *at = value;
-        ::VirtualProtect(at, sizeof(*at), old, &old);
-    }
-    std::vector<Slot> m_patched;
-    std::vector<std::string> m_names;
-};
 
 std::wstring SystemDirectory()
 {
@@ -186,6 +138,7 @@ TEST_F(LibraryLoadsTest, EveryLoadDuringTracedConvertRollbackCleanupAndRegistrat
                                                {"LoadLibraryExW", reinterpret_cast<void*>(&HookLoadLibraryExW)},
                                                {"GetTickCount", reinterpret_cast<void*>(&HookGetTickCount)},
                                                {"GetTickCount64", reinterpret_cast<void*>(&HookGetTickCount64)}});
+        ASSERT_TRUE(patch.ok());
         ASSERT_FALSE(patch.names().empty()) << "the library imports no loader function to watch";
         trace.Start();
         g_tickOffset = 10 * 60 * 1000; // past the refresh interval: the next scope reads the settings
