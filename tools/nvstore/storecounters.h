@@ -1,7 +1,8 @@
 // Where the store spends its time, for benchmarks that must tell the store's share
 // of a conversion from the caller's: the time spent inside the store's operations
-// (every operation of its interfaces and the class factory's CreateInstance), and
-// within that the time its key-pair generation took. Counted from the module's load.
+// (every operation of its interfaces, QueryInterface and Release included, and the
+// class factory's CreateInstance), and within that the time its key-pair generation
+// took. Counted from the module's load.
 //
 // NVStore.dll exports NVStoreGetCounters (by name); a caller that has the store in
 // its own process reads them with GetProcAddress on the loaded module.

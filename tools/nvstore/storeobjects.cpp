@@ -164,6 +164,9 @@ CStoreObject::~CStoreObject() { --g_moduleCount; }
 
 HRESULT CStoreObject::QueryInterface(REFIID riid, void** ppv)
 {
+    // Counted as the store's own time: offering some interfaces reads the test
+    // behaviours from the registry.
+    COperationTimer timer;
     if (!ppv)
         return E_POINTER;
     *ppv = nullptr;
@@ -193,6 +196,7 @@ ULONG CStoreObject::AddRef() { return ++m_refs; }
 
 ULONG CStoreObject::Release()
 {
+    COperationTimer timer;
     const ULONG n = --m_refs;
     if (n == 0)
         delete this;
@@ -550,6 +554,9 @@ CUserObject::~CUserObject() { --g_moduleCount; }
 
 HRESULT CUserObject::QueryInterface(REFIID riid, void** ppv)
 {
+    // Counted as the store's own time: offering some interfaces reads the test
+    // behaviours from the registry.
+    COperationTimer timer;
     if (!ppv)
         return E_POINTER;
     *ppv = nullptr;
@@ -579,6 +586,7 @@ ULONG CUserObject::AddRef() { return ++m_refs; }
 
 ULONG CUserObject::Release()
 {
+    COperationTimer timer;
     const ULONG n = --m_refs;
     if (n == 0)
         delete this;
