@@ -14,6 +14,7 @@
 #include "nvstore_inspect.h"
 #include "support/conversion_fixture.h"
 #include "support/dll_loader.h"
+#include "support/import_patch.h"
 #include "support/registry_sandbox.h"
 
 using namespace nvtest;
@@ -223,6 +224,48 @@ TEST_F(Converter3ConvertTest, EveryUserMovesIntoTheStoreAndTheOldDatabaseIsRemov
     EXPECT_EQ(L"2.1", version);
     EXPECT_FALSE(KeyExists(kDbPath, kView64));
     ExpectNoneInTrace(trace, PasswordsAndPins(db));
+}
+
+// The store's class object is looked up once per conversion, however many users
+// need store objects; every object is still made afresh for its user.
+namespace {
+int g_classObjectCalls = 0;
+int g_createInstanceCalls = 0;
+decltype(&::CoGetClassObject) g_realGetClassObject = nullptr;
+decltype(&::CoCreateInstance) g_realCreateInstance = nullptr;
+HRESULT WINAPI CountedGetClassObject(REFCLSID clsid, DWORD context, COSERVERINFO* info, REFIID iid, void** out)
+{
+    ++g_classObjectCalls;
+    return g_realGetClassObject(clsid, context, info, iid, out);
+}
+HRESULT WINAPI CountedCreateInstance(REFCLSID clsid, IUnknown* outer, DWORD context, REFIID iid, void** out)
+{
+    ++g_createInstanceCalls;
+    return g_realCreateInstance(clsid, outer, context, iid, out);
+}
+} // namespace
+
+TEST_F(Converter3ConvertTest, OneConversionLooksTheStoreClassUpOnceForAllItsUsers)
+{
+    nvwriter::Db20Database db = MakeDatabase(4, 27);
+    WriteDatabase(db);
+    ASSERT_TRUE(StoreRegistered());
+    g_classObjectCalls = g_createInstanceCalls = 0;
+    {
+        LoadedLibrary dll;
+        ASSERT_TRUE(dll.loaded());
+        ImportPatch patch(dll.module(), {{"CoGetClassObject", reinterpret_cast<void*>(&CountedGetClassObject)},
+                                         {"CoCreateInstance", reinterpret_cast<void*>(&CountedCreateInstance)}});
+        ASSERT_TRUE(patch.ok());
+        g_realGetClassObject = reinterpret_cast<decltype(&::CoGetClassObject)>(patch.Original("CoGetClassObject"));
+        g_realCreateInstance = reinterpret_cast<decltype(&::CoCreateInstance)>(patch.Original("CoCreateInstance"));
+        ASSERT_NE(nullptr, g_realGetClassObject);
+        EXPECT_EQ(S_OK, dll.Convert());
+    }
+    EXPECT_EQ(1, g_classObjectCalls);
+    EXPECT_EQ(0, g_createInstanceCalls);
+    for (const auto& u : db.users)
+        ExpectUserConverted(u);
 }
 
 TEST_F(Converter3ConvertTest, OpenUserFailingForOneUserInTheMiddleLeavesItsKeyAndConvertsTheOthers)

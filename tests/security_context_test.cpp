@@ -11,8 +11,10 @@
 #include <string>
 #include <vector>
 
+#include "common/hresult.h"
 #include "security/securitycontext.h"
 #include "support/key_containers.h"
+#include "support/api_faults.h"
 #include "support/registry_sandbox.h"
 #include "support/signed_records.h"
 #include "support/trace_capture.h"
@@ -192,6 +194,56 @@ TEST_F(SecurityContextTest, FinalConstructAcquiresTheMachineContainerNamedByHost
     EXPECT_EQ(DWORD(REG_BINARY), value.type);
     EXPECT_EQ(kTestHostIdValue, value.data);
     EXPECT_FALSE(KeyExists(kHostKey, kView64));
+}
+
+TEST_F(SecurityContextTest, ContextsOfOneCacheReadTheHostKeyOnceAndShareOneProvider)
+{
+    nvsecurity::CProviderCache cache;
+    ApiFaults faults;
+    faults.FailQueryValue(L"HostId", 0, ERROR_SUCCESS); // counts, fails none
+    CFPSecurityContext first;
+    ASSERT_EQ(S_OK, first.FinalConstruct(kView32));
+    const unsigned readsByFirst = faults.QueryValueCalls();
+    EXPECT_EQ(2u, readsByFirst); // size, then data
+    CFPSecurityContext second;
+    ASSERT_EQ(S_OK, second.FinalConstruct(kView32));
+    EXPECT_EQ(readsByFirst, faults.QueryValueCalls()) << "the second context read HostId again";
+    EXPECT_EQ(first.m_hProv, second.m_hProv);
+    EXPECT_EQ(kTestContainerName, ContainerOf(second.m_hProv));
+    // Another view is another host key: it is read for itself (and is missing here,
+    // so that context makes one).
+    CFPSecurityContext otherView;
+    otherView.FinalConstruct(kView64);
+    EXPECT_GT(faults.QueryValueCalls(), readsByFirst);
+}
+
+TEST_F(SecurityContextTest, AFailedConstructionInACacheLeavesNothingBehind)
+{
+    nvsecurity::CProviderCache cache;
+    {
+        ApiFaults faults;
+        faults.FailQueryValue(L"HostId", 1, ERROR_ACCESS_DENIED);
+        CFPSecurityContext failed;
+        EXPECT_EQ(nv::HResultFromWin32(ERROR_ACCESS_DENIED), failed.FinalConstruct(kView32));
+        EXPECT_EQ(0u, failed.m_hProv);
+    }
+    ApiFaults faults;
+    faults.FailQueryValue(L"HostId", 0, ERROR_SUCCESS);
+    CFPSecurityContext next;
+    ASSERT_EQ(S_OK, next.FinalConstruct(kView32));
+    EXPECT_EQ(2u, faults.QueryValueCalls()) << "the next context took what a failed one left";
+    EXPECT_EQ(kTestContainerName, ContainerOf(next.m_hProv));
+}
+
+TEST_F(SecurityContextTest, WithoutACacheEveryContextReadsTheHostKey)
+{
+    ApiFaults faults;
+    faults.FailQueryValue(L"HostId", 0, ERROR_SUCCESS);
+    for (int i = 0; i < 2; ++i) {
+        CFPSecurityContext ctx;
+        ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+    }
+    EXPECT_EQ(4u, faults.QueryValueCalls());
 }
 
 TEST_F(SecurityContextTest, HostIdIsReadInBigEndianFieldOrder)

@@ -14,6 +14,7 @@
 #include "legacydb/secretrecord.h"
 #include "legacydb/userextractor.h"
 #include "support/key_containers.h"
+#include "support/api_faults.h"
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
 #include "writer/db20_der.h"
@@ -864,4 +865,45 @@ TEST_F(UserExtractorTest, GetContentTracesEachStepAndNoSecret)
     EXPECT_EQ(own, ownLines) << trace.Dump();
     for (const std::string& line : trace.AllLines())
         EXPECT_EQ(std::string::npos, line.find("password42")) << line;
+}
+
+TEST_F(UserExtractorTest, ASecondGetContentHandsOutTheSameBytesWithoutUnwrappingAgainAndTracesTheSame)
+{
+    Db20Database db = MakeDb20Database(SmallOptions(31, 1));
+    db.users[0].secrets.resize(1);
+    Db20Secret& s = db.users[0].secrets[0];
+    s.combined = false;
+    s.content = {'s', 'e', 'c', 'o', 'n', 'd', '7'};
+    WriteModel(db);
+    CLocalDBUserExtractor extractor;
+    NV_USER_RECORD* users = nullptr;
+    DWORD count = 0;
+    ASSERT_EQ(S_OK, extractor.EnumerateUsers(&users, &count));
+    CNVSecretMap secrets;
+    ASSERT_EQ(S_OK, extractor.InternalLoadSecretsToMap(users[0], secrets));
+    EXPECT_EQ(S_OK, extractor.FreeUsers(users));
+    ASSERT_EQ(1u, secrets.size());
+    CNVSecret& secret = *secrets.begin()->second;
+
+    std::vector<std::vector<std::string>> traces;
+    std::vector<unsigned> decodes;
+    for (int call = 0; call < 2; ++call) {
+        TraceCapture trace;
+        trace.Start();
+        ApiFaults faults; // counts the decoder's calls
+        bool produced = false;
+        EXPECT_EQ(s.content, ContentOf(secret, &produced));
+        EXPECT_TRUE(produced);
+        decodes.push_back(faults.DecodeCalls());
+        traces.push_back(trace.LinesInScope("CNVSecret::GetContent"));
+    }
+    EXPECT_GT(decodes[0], 0u);
+    EXPECT_EQ(0u, decodes[1]) << "the sealed content was read again";
+    EXPECT_FALSE(traces[0].empty());
+    EXPECT_EQ(traces[0], traces[1]);
+
+    // The kept bytes are the content itself: the sealed form is not looked at again.
+    secret.m_content.Assign(reinterpret_cast<const BYTE*>("garbage"), 7);
+    bool produced = false;
+    EXPECT_EQ(s.content, ContentOf(secret, &produced));
 }

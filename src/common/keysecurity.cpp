@@ -3,6 +3,7 @@
 #include <aclapi.h>
 #include <vector>
 
+#include "common/conversionscope.h"
 #include "common/handles.h"
 #include "common/hresult.h"
 
@@ -48,6 +49,16 @@ std::vector<BYTE> QueryTokenInformation(HANDLE token, TOKEN_INFORMATION_CLASS cl
 } // namespace
 
 bool CallerIsSystemOrAdministrator()
+{
+    bool privileged = false;
+    if (CConversionScope::FindPrivilege(&privileged))
+        return privileged;
+    privileged = TokenIsSystemOrAdministrator();
+    CConversionScope::RememberPrivilege(privileged);
+    return privileged;
+}
+
+bool TokenIsSystemOrAdministrator()
 {
     unique_handle_null token = OpenEffectiveToken();
     WellKnownSid system(WinLocalSystemSid);

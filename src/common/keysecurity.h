@@ -9,8 +9,10 @@ namespace nv {
 // True when the caller's effective token (the thread's while it impersonates, else
 // the process's) is LocalSystem or holds the Administrators group. A group present
 // only for deny checks (a restricted token) does not count. Raises _com_error when
-// the token cannot be read.
+// the token cannot be read. Inside a conversion scope the token is read once.
 bool CallerIsSystemOrAdministrator();
+// The same test, always read from the token.
+bool TokenIsSystemOrAdministrator();
 
 // Replaces the key's DACL by a protected one whose entries are all inherited by
 // subkeys (object and container inherit): LocalSystem and Administrators

@@ -1,13 +1,24 @@
 #include "common/regkey.h"
 
+#include <cwchar>
 #include <vector>
 
+#include "common/conversionscope.h"
+
 namespace nv {
+
+REGSAM ViewFlagsFrom(HKEY root, REGSAM view) noexcept
+{
+    // Predefined keys are the sign-extended values 0x80000000 to 0x80000060.
+    const auto value = static_cast<LONG_PTR>(reinterpret_cast<ULONG_PTR>(root));
+    const bool predefined = value >= static_cast<LONG>(0x80000000) && value <= static_cast<LONG>(0x80000060);
+    return predefined ? view : (view & ~(KEY_WOW64_32KEY | KEY_WOW64_64KEY));
+}
 
 LONG CNVRegKey::Open(HKEY root, const wchar_t* path, REGSAM access) noexcept
 {
     HKEY h = nullptr;
-    LONG r = ::RegOpenKeyExW(root, path, 0, access, &h);
+    LONG r = CConversionScope::OpenKey(root, path, access, &h);
     if (r == ERROR_SUCCESS) {
         Close();
         m_hKey = h;

@@ -34,6 +34,15 @@ public:
     operator HKEY() const noexcept { return m_hKey; }
 };
 
+// The view flags that an open or delete relative to `root` needs. A view flag
+// redirects only where a path crosses the redirected SOFTWARE key, which a path can
+// do only from a predefined root (HKEY_LOCAL_MACHINE and its kind): there the flags
+// are kept. A key handle the library opened itself lies below SOFTWARE, in the view
+// it was opened in, and the flag selects nothing more; under Wine it still costs a
+// walk of the path with a probe for a nested Wow6432Node at every part of it, so from
+// such a handle the flags are dropped.
+REGSAM ViewFlagsFrom(HKEY root, REGSAM view) noexcept;
+
 // Key-creation helper: RegCreateKeyExW with no class, non-volatile options.
 LONG CreateKey(HKEY root, const wchar_t* path, REGSAM access, HKEY* out,
                LPSECURITY_ATTRIBUTES sa = nullptr, DWORD* disposition = nullptr) noexcept;

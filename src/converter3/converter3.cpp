@@ -6,6 +6,7 @@
 #include <memory>
 #include <stdexcept>
 #include <vector>
+#include "common/conversionscope.h"
 #include "common/cryptblob.h"
 #include "common/guidtext.h"
 #include "common/handles.h"
@@ -84,16 +85,32 @@ std::wstring WithCode(const wchar_t* what, const std::wstring& name, HRESULT hr)
     return text;
 }
 
-template <class I>
-nv::com_ptr<I> CreateStoreObject(const IID& iid)
-{
-    nv::com_ptr<I> p;
-    // The result is not looked at: a missing object shows when it is used.
-    ::CoCreateInstance(nvstore::kClsidUserStore, nullptr, nvstore::kStoreClassContext, iid, p.put_void());
-    return p;
-}
-
 } // namespace
+
+// The store's objects of one conversion. Every user needs three, and each
+// CoCreateInstance looks the class up in the registry again (a dozen registry calls)
+// before the class object makes the object; so the class object is obtained once and
+// kept for the conversion. One that cannot be obtained is asked for again at the
+// next object: a failure costs that object, as a failed CoCreateInstance would.
+class CConverter3::CStoreObjects {
+public:
+    template <class I>
+    nv::com_ptr<I> Create(const IID& iid)
+    {
+        if (!m_factory) {
+            ::CoGetClassObject(nvstore::kClsidUserStore, nvstore::kStoreClassContext, nullptr, IID_IClassFactory,
+                               m_factory.put_void());
+        }
+        nv::com_ptr<I> p;
+        // The result is not looked at: a missing object shows when it is used.
+        if (m_factory)
+            m_factory->CreateInstance(nullptr, iid, p.put_void());
+        return p;
+    }
+
+private:
+    nv::com_ptr<IClassFactory> m_factory;
+};
 
 // What the strict policy finds missing of one user. Under the default policy it
 // collects nothing, and the user's steps run exactly as before.
@@ -168,8 +185,13 @@ HRESULT CConverter3::do_Convert()
 {
     NVTraceNS::CTraceScope scope("CConverter3::do_Convert", 0);
     // Every secret read opens a security context on the machine container: they
-    // share one open container for the whole conversion.
+    // share one open container and one look at the host key for the whole
+    // conversion. Every user's keys are opened by their full paths in the 32-bit
+    // view, and every user asks for the machine's names and the caller's privilege:
+    // the conversion scope answers those once.
+    nv::CConversionScope conversion;
     nvsecurity::CProviderCache providers;
+    CStoreObjects storeObjects;
     // The status of the last user shown in the trace. Set once, before the first
     // user, and deliberately not reset per user: a user for whom neither the key
     // read, a template nor a failure recorded anything shows its predecessor's.
@@ -194,7 +216,7 @@ HRESULT CConverter3::do_Convert()
             bool converted = false;
             hrStatus = nv::Guarded([&]() -> HRESULT {
                 sid = SidString(user.pSid);
-                ConvertUser(*extractor, user, sid, hrStatus, scope, missing);
+                ConvertUser(*extractor, storeObjects, user, sid, hrStatus, scope, missing);
                 converted = true;
                 return hrStatus;
             });
@@ -219,7 +241,8 @@ HRESULT CConverter3::do_Convert()
     return hr;
 }
 
-void CConverter3::ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, const NV_USER_RECORD& user,
+void CConverter3::ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, CStoreObjects& storeObjects,
+                              const NV_USER_RECORD& user,
                               const std::wstring& sid, HRESULT& hrStatus, NVTraceNS::CTraceScope& scope,
                               CMissingParts& missing)
 {
@@ -236,7 +259,7 @@ void CConverter3::ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, con
     CNVTemplateVector templates;
     nv::ThrowIfFailed(extractor.LoadTemplatesToVector(user.pSid, templates));
 
-    nv::com_ptr<IUserStore> store = CreateStoreObject<IUserStore>(nvstore::kIidUserStore);
+    nv::com_ptr<IUserStore> store = storeObjects.Create<IUserStore>(nvstore::kIidUserStore);
     nv::com_ptr<IUnknown> userObject;
     nv::ThrowIfFailed(Require(store)->OpenUser(sid.c_str(), nvstore::kUserIdKindSid, userObject.put()));
 
@@ -273,7 +296,7 @@ void CConverter3::ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, con
             providerRef.reset(hContextProv);
         const HCRYPTPROV hProv = hContextProv;
 
-        nv::com_ptr<IStoreService> authCreator = CreateStoreObject<IStoreService>(nvstore::kIidStoreService);
+        nv::com_ptr<IStoreService> authCreator = storeObjects.Create<IStoreService>(nvstore::kIidStoreService);
         nv::com_ptr<IAuthService> auth;
         if (authCreator)
             authCreator.query(auth);
@@ -382,7 +405,7 @@ void CConverter3::ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, con
                 if (FAILED(hrPayload))
                     missing.Add(WithCode(L"payload not stored", L"", hrPayload));
             }
-            nv::com_ptr<IUserRegistry> registry = CreateStoreObject<IUserRegistry>(nvstore::kIidUserRegistry);
+            nv::com_ptr<IUserRegistry> registry = storeObjects.Create<IUserRegistry>(nvstore::kIidUserRegistry);
             if (registry) {
                 const HRESULT hrCheck = registry->CheckUser(sid.c_str(), nvstore::kUserIdKindSid);
                 if (hrCheck == S_FALSE) {

@@ -38,13 +38,14 @@ public:
 
 private:
     class CMissingParts;
+    class CStoreObjects;
 
     // Steps of one user, from loading its secrets to deleting its old key. Failures
     // are raised; hrStatus takes the public key read and each template's result.
     // Under the strict policy, missing collects what did not reach the store, and a
     // user with anything missing fails with NV_E_USER_INCOMPLETE before its old key
     // is deleted.
-    void ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, const NV_USER_RECORD& user,
-                     const std::wstring& sid, HRESULT& hrStatus, NVTraceNS::CTraceScope& scope,
+    void ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, CStoreObjects& storeObjects,
+                     const NV_USER_RECORD& user, const std::wstring& sid, HRESULT& hrStatus, NVTraceNS::CTraceScope& scope,
                      CMissingParts& missing);
 };

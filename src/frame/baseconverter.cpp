@@ -26,6 +26,7 @@ struct FreeDeleter {
     void operator()(BYTE* p) const noexcept { std::free(p); }
 };
 
+
 } // namespace
 
 CBaseConverter::CBaseConverter(DWORD dwTargetVersion, const wchar_t* wszTargetVersion, REGSAM samDbView)
@@ -149,11 +150,14 @@ HRESULT CBaseConverter::CopyKey(HKEY hDstRoot, const wchar_t* wszDstPath, REGSAM
 {
     NVTraceNS::CTraceScope scope("CBaseConverter::CopyKey", 0);
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
+        // Below the first level the views select nothing more (nv::ViewFlagsFrom).
         nv::unique_hkey src;
-        nv::ThrowIfWin32Failed(::RegOpenKeyExW(hSrcRoot, wszSrcPath, 0, KEY_READ | samSrcView, src.put()));
+        nv::ThrowIfWin32Failed(
+            ::RegOpenKeyExW(hSrcRoot, wszSrcPath, 0, KEY_READ | nv::ViewFlagsFrom(hSrcRoot, samSrcView), src.put()));
         // No class and no security: new keys inherit their parent's security.
         nv::unique_hkey dst;
-        nv::ThrowIfWin32Failed(nv::CreateKey(hDstRoot, wszDstPath, KEY_ALL_ACCESS | samDstView, dst.put()));
+        nv::ThrowIfWin32Failed(nv::CreateKey(hDstRoot, wszDstPath,
+                                             KEY_ALL_ACCESS | nv::ViewFlagsFrom(hDstRoot, samDstView), dst.put()));
 
         wchar_t name[kNameBufferChars];
         for (DWORD index = 0;; ++index) {
@@ -195,17 +199,26 @@ HRESULT CBaseConverter::CopyKey(HKEY hDstRoot, const wchar_t* wszDstPath, REGSAM
 HRESULT CBaseConverter::DeleteKey(HKEY hRoot, const wchar_t* wszPath, REGSAM samView)
 {
     DeletePrivilege privilege;
-    return DeleteKeyTree(hRoot, wszPath, samView, privilege);
+    return DeleteKeyTree(hRoot, true, wszPath, samView, privilege);
 }
 
-HRESULT CBaseConverter::DeleteKeyTree(HKEY hRoot, const wchar_t* wszPath, REGSAM samView, DeletePrivilege& privilege)
+HRESULT CBaseConverter::DeleteKeyTree(HKEY hRoot, bool openRoot, const wchar_t* wszPath, REGSAM samView,
+                                      DeletePrivilege& privilege)
 {
     NVTraceNS::CTraceScope scope("CBaseConverter::DeleteKey", 0);
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
-        nv::unique_hkey parent;
-        nv::ThrowIfWin32Failed(::RegOpenKeyExW(hRoot, L"", 0, kDeleteParentAccess | samView, parent.put()));
+        // The parent handle: the root opened anew for the caller's call. The
+        // recursion's root is the target handle of the level above, which is already
+        // open with every right this needs (KEY_ALL_ACCESS holds KEY_READ | DELETE).
+        nv::unique_hkey ownParent;
+        // The view as the root needs it (nv::ViewFlagsFrom); the parent opened from it
+        // is the root itself, so the same flags serve beneath it.
+        const REGSAM view = nv::ViewFlagsFrom(hRoot, samView);
+        if (openRoot)
+            nv::ThrowIfWin32Failed(::RegOpenKeyExW(hRoot, L"", 0, kDeleteParentAccess | view, ownParent.put()));
+        const HKEY parent = openRoot ? ownParent.get() : hRoot;
         nv::unique_hkey target;
-        nv::ThrowIfWin32Failed(::RegOpenKeyExW(parent.get(), wszPath, 0, KEY_ALL_ACCESS | samView, target.put()));
+        nv::ThrowIfWin32Failed(::RegOpenKeyExW(parent, wszPath, 0, KEY_ALL_ACCESS | view, target.put()));
         if (!privilege.known) {
             privilege.privileged = nv::CallerIsSystemOrAdministrator();
             privilege.known = true;
@@ -227,12 +240,12 @@ HRESULT CBaseConverter::DeleteKeyTree(HKEY hRoot, const wchar_t* wszPath, REGSAM
             children.emplace_back(name);
         }
         for (const std::wstring& child : children)
-            nv::ThrowIfFailed(DeleteKeyTree(target.get(), child.c_str(), samView, privilege));
+            nv::ThrowIfFailed(DeleteKeyTree(target.get(), false, child.c_str(), samView, privilege));
 
         target.reset();
         // A path under a root such as HKEY_LOCAL_MACHINE crosses the redirected
         // SOFTWARE key, so the delete itself must name the view too.
-        nv::ThrowIfWin32Failed(::RegDeleteKeyExW(parent.get(), wszPath, samView, 0));
+        nv::ThrowIfWin32Failed(::RegDeleteKeyExW(parent, wszPath, view, 0));
         return S_OK;
     });
     return NVTraceNS::TraceReturn(scope, hr);

@@ -64,7 +64,10 @@ private:
         bool known = false;
         bool privileged = false;
     };
-    static HRESULT DeleteKeyTree(HKEY hRoot, const wchar_t* wszPath, REGSAM samView, DeletePrivilege& privilege);
+    // openRoot: open hRoot itself (empty path) as the parent, as the caller's call
+    // does; the recursion hands in its own open target handle instead.
+    static HRESULT DeleteKeyTree(HKEY hRoot, bool openRoot, const wchar_t* wszPath, REGSAM samView,
+                                 DeletePrivilege& privilege);
 
 protected:
     std::wstring m_wstrTargetVersion;

@@ -3,13 +3,15 @@
 #include <cstring>
 #include "common/apicalls.h"
 #include "common/hresult.h"
+#include "common/threadslot.h"
 #include "security/securitycontext.h"
 
 namespace LegacyNVDB2 {
 
 namespace {
 
-thread_local DWORD t_lenientReads = 0;
+// The lenient reads of this thread so far.
+nv::ThreadSlot g_lenientReads;
 
 DWORD LowBytesToDword(const BYTE* pb, DWORD cb) noexcept
 {
@@ -30,9 +32,9 @@ DWORD LowBytesToDword(const BYTE* pb, DWORD cb) noexcept
 
 void RaiseOutOfMemory() { nv::ThrowHr(E_OUTOFMEMORY); }
 
-DWORD LenientReadCount() noexcept { return t_lenientReads; }
+DWORD LenientReadCount() noexcept { return static_cast<DWORD>(g_lenientReads.GetNumber()); }
 
-void CountLenientRead() noexcept { ++t_lenientReads; }
+void CountLenientRead() noexcept { g_lenientReads.SetNumber(static_cast<DWORD>(g_lenientReads.GetNumber() + 1)); }
 
 bool DecodeStruct(LPCSTR structType, DerView item, Bytes& out)
 {

@@ -83,7 +83,16 @@ public:
     // Opens the sealed content. Hands out a task-allocated copy of the plain bytes
     // (the caller frees it, after zeroing); true when content was produced. Raises
     // _com_error on CryptoAPI failures. pPublicKey is never passed by the conversion.
+    // The content is unwrapped once: a later call hands out the bytes the first one
+    // opened (the conversion asks twice for the password secret, and an unwrap with
+    // the machine key is the most expensive step of a user). Every call still makes
+    // its security context and writes the same trace lines.
     bool GetContent(const CRYPT_DATA_BLOB* pPublicKey, DWORD* pcbData, BYTE** ppbData);
+
+private:
+    // The opened content, kept for a later GetContent; zeroed when freed.
+    nv::CCryptBlob m_plain;
+    bool m_bOpened = false;
 };
 
 using CNVTemplatePtr = std::shared_ptr<CNVTemplate>;

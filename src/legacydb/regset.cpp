@@ -3,6 +3,7 @@
 #include <winternl.h>
 #include <atomic>
 #include <cstring>
+#include "common/conversionscope.h"
 #include "common/guidtext.h"
 #include "common/hresult.h"
 #include "common/procaddress.h"
@@ -92,29 +93,44 @@ CNVDBRegSet::~CNVDBRegSet()
 
 std::wstring CNVDBRegSet::LocalStoreName()
 {
+    using nv::CConversionScope;
+    std::wstring name;
+    if (CConversionScope::FindName(CConversionScope::Name::LocalStore, &name))
+        return name;
+    // Kept by a conversion scope only when the server's type was read (and, on a
+    // domain controller, its domain's name): a failed call is asked again next time.
+    bool answered = false;
     DWORD type = 0;
     {
         NetBuffer info;
         if (s_netApi.pfnServerGetInfo(nullptr, 102, &info.p) == NERR_Success && info.p) {
             type = reinterpret_cast<const SERVER_INFO_102*>(info.p)->sv102_type;
+            answered = true;
         } else {
             info.reset();
-            if (s_netApi.pfnServerGetInfo(nullptr, 101, &info.p) == NERR_Success && info.p)
+            if (s_netApi.pfnServerGetInfo(nullptr, 101, &info.p) == NERR_Success && info.p) {
                 type = reinterpret_cast<const SERVER_INFO_101*>(info.p)->sv101_type;
+                answered = true;
+            }
         }
     }
     if (type & (SV_TYPE_DOMAIN_CTRL | SV_TYPE_DOMAIN_BAKCTRL)) {
         // A domain controller keeps its own users as the domain's store.
         NetBuffer info;
-        std::wstring domain;
+        answered = false;
         if (s_netApi.pfnWkstaGetInfo(nullptr, 100, &info.p) == NERR_Success && info.p) {
             const auto* wks = reinterpret_cast<const WKSTA_INFO_100*>(info.p);
             if (wks->wki100_langroup)
-                domain = wks->wki100_langroup;
+                name = wks->wki100_langroup;
+            answered = true;
         }
-        return domain;
+    } else {
+        name = CHostName().str();
+        answered = answered && !name.empty();
     }
-    return CHostName().str();
+    if (answered)
+        CConversionScope::RememberName(CConversionScope::Name::LocalStore, name);
+    return name;
 }
 
 HRESULT CNVDBRegSet::Open(const wchar_t* wszName, DWORD dwInitialValue)

@@ -91,17 +91,21 @@ bool CNVSecret::GetContent(const CRYPT_DATA_BLOB* pPublicKey, DWORD* pcbData, BY
     NVTraceNS::Trace(scope, 0, "Secret copied");
 
     NVTraceNS::Trace(scope, 0, "Decrypting Secret...");
-    nv::unique_hcryptkey exchangeKey;
-    nv::ThrowLastErrorIf(!::CryptGetUserKey(hProv, AT_KEYEXCHANGE, exchangeKey.put()));
-    const ItemList sealed = ReadList(DerView(work));
-    const Bytes keyBlob = ReadOctets(ItemAt(sealed, 0));
-    Bytes plain = ReadOctets(ItemAt(sealed, 1));
-    nv::unique_hcryptkey sessionKey;
-    nv::ThrowLastErrorIf(!::CryptImportKey(hProv, keyBlob.data(), static_cast<DWORD>(keyBlob.size()),
-                                           exchangeKey.get(), CRYPT_EXPORTABLE, sessionKey.put()));
-    DWORD cbPlain = static_cast<DWORD>(plain.size());
-    nv::ThrowLastErrorIf(!::CryptDecrypt(sessionKey.get(), 0, TRUE, 0, plain.data(), &cbPlain));
-    plain.resize(cbPlain);
+    if (!m_bOpened) {
+        nv::unique_hcryptkey exchangeKey;
+        nv::ThrowLastErrorIf(!::CryptGetUserKey(hProv, AT_KEYEXCHANGE, exchangeKey.put()));
+        const ItemList sealed = ReadList(DerView(work));
+        const Bytes keyBlob = ReadOctets(ItemAt(sealed, 0));
+        Bytes opened = ReadOctets(ItemAt(sealed, 1));
+        nv::unique_hcryptkey sessionKey;
+        nv::ThrowLastErrorIf(!::CryptImportKey(hProv, keyBlob.data(), static_cast<DWORD>(keyBlob.size()),
+                                               exchangeKey.get(), CRYPT_EXPORTABLE, sessionKey.put()));
+        DWORD cbPlain = static_cast<DWORD>(opened.size());
+        nv::ThrowLastErrorIf(!::CryptDecrypt(sessionKey.get(), 0, TRUE, 0, opened.data(), &cbPlain));
+        m_plain.Assign(opened.data(), cbPlain);
+        m_bOpened = true;
+    }
+    Bytes plain(m_plain.pbData, m_plain.pbData + m_plain.cbData);
     NVTraceNS::Trace(scope, 0, "Secret decrypted");
 
     if (pPublicKey && pPublicKey->cbData && pPublicKey->pbData) {
@@ -113,7 +117,5 @@ bool CNVSecret::GetContent(const CRYPT_DATA_BLOB* pPublicKey, DWORD* pcbData, BY
     nv::CCoTaskCryptBlob out(plain.data(), static_cast<DWORD>(plain.size()));
     *pcbData = out.cbData;
     *ppbData = out.Detach();
-    sessionKey.reset();
-    exchangeKey.reset();
     return true;
 }

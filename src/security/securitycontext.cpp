@@ -12,6 +12,7 @@
 #include "common/hresult.h"
 #include "common/keysecurity.h"
 #include "common/regkey.h"
+#include "common/threadslot.h"
 #include "trace/trace.h"
 
 using nvsecurity::kEncoding;
@@ -230,24 +231,26 @@ bool CallerIsPrivileged() noexcept
 }
 
 namespace {
-thread_local CProviderCache* t_providerCache = nullptr;
-}
+// The innermost cache of the thread.
+nv::ThreadSlot g_providerCache;
+CProviderCache* ThreadCache() noexcept { return static_cast<CProviderCache*>(g_providerCache.Get()); }
+} // namespace
 
-CProviderCache::CProviderCache() noexcept : m_outer(t_providerCache)
+CProviderCache::CProviderCache() noexcept : m_outer(ThreadCache())
 {
-    t_providerCache = this;
+    g_providerCache.Set(this);
 }
 
 CProviderCache::~CProviderCache()
 {
-    t_providerCache = m_outer;
+    g_providerCache.Set(m_outer);
     for (size_t i = 0; i < m_count; ++i)
         ::CryptReleaseContext(m_entries[i].hProv, 0);
 }
 
 bool CProviderCache::AcquireMachineContainer(const wchar_t* container, HCRYPTPROV* phProv) noexcept
 {
-    CProviderCache* cache = t_providerCache;
+    CProviderCache* cache = ThreadCache();
     if (cache && container) {
         for (size_t i = 0; i < cache->m_count; ++i) {
             Entry& e = cache->m_entries[i];
@@ -270,6 +273,30 @@ bool CProviderCache::AcquireMachineContainer(const wchar_t* container, HCRYPTPRO
     }
     *phProv = hProv;
     return true;
+}
+
+bool CProviderCache::FindHostContainer(REGSAM samView, wchar_t (&container)[kContainerNameChars]) noexcept
+{
+    const CProviderCache* cache = ThreadCache();
+    if (!cache)
+        return false;
+    for (size_t i = 0; i < cache->m_hostCount; ++i) {
+        if (cache->m_hosts[i].samView == samView) {
+            std::wmemcpy(container, cache->m_hosts[i].container, kContainerNameChars);
+            return true;
+        }
+    }
+    return false;
+}
+
+void CProviderCache::RememberHostContainer(REGSAM samView, const wchar_t (&container)[kContainerNameChars]) noexcept
+{
+    CProviderCache* cache = ThreadCache();
+    if (!cache || cache->m_hostCount == kMaxEntries)
+        return;
+    HostEntry& e = cache->m_hosts[cache->m_hostCount++];
+    e.samView = samView;
+    std::wmemcpy(e.container, container, kContainerNameChars);
 }
 
 } // namespace nvsecurity
@@ -296,18 +323,21 @@ HRESULT CFPSecurityContext::FinalConstruct(REGSAM samView)
         ::CryptReleaseContext(m_hProv, 0);
     m_hProv = 0;
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
-        nv::CNVRegKey key;
-        OpenHostKey(key, samView);
-        const GUID hostId = ReadOrCreateHostId(key);
-
         wchar_t container[nvsecurity::kContainerNameChars];
-        nvsecurity::FormatContainerName(hostId, container);
+        const bool known = nvsecurity::CProviderCache::FindHostContainer(samView, container);
+        nv::CNVRegKey key;
+        if (!known) {
+            OpenHostKey(key, samView);
+            nvsecurity::FormatContainerName(ReadOrCreateHostId(key), container);
+        }
         // The host service creates the container; here it is only opened.
         HCRYPTPROV hProv = 0;
         if (!nvsecurity::CProviderCache::AcquireMachineContainer(container, &hProv))
             nv::ThrowLastError();
         m_hProv = hProv;
         key.Close();
+        if (!known)
+            nvsecurity::CProviderCache::RememberHostContainer(samView, container);
         return S_OK;
     });
     return NVTraceNS::TraceReturn(scope, hr);

@@ -69,6 +69,8 @@ const CatalogEntry kCatalog[] = {
     // COM.
     {"ole32.dll", "CoCreateInstance", FailStyle::HResult, static_cast<DWORD>(REGDB_E_CLASSNOTREG),
      "class not registered"},
+    {"ole32.dll", "CoGetClassObject", FailStyle::HResult, static_cast<DWORD>(REGDB_E_CLASSNOTREG),
+     "class not registered"},
     {"ole32.dll", "CoCreateGuid", FailStyle::HResult, kOutOfMemory, "out of memory"},
     {"ole32.dll", "CoTaskMemAlloc", FailStyle::NullPointer, kNoMemory, "out of memory"},
     {"ole32.dll", "CoTaskMemFree", FailStyle::Pass, 0, "release"},

@@ -123,8 +123,8 @@ extern "C" int Decide(int index, ULONG_PTR* regs, ULONG_PTR* entryStack)
         g_records.push_back(std::move(r));
     }
     const CatalogEntry& e = *hook.entry;
-    if (std::strcmp(e.function, "CoCreateInstance") == 0) {
-        // Its fifth argument, the out pointer, is cleared as the real call does.
+    if (std::strcmp(e.function, "CoCreateInstance") == 0 || std::strcmp(e.function, "CoGetClassObject") == 0) {
+        // Their fifth argument, the out pointer, is cleared as the real calls do.
         void** out = reinterpret_cast<void**>(entryStack[5]);
         if (out)
             *out = nullptr;

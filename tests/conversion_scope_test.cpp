@@ -1,0 +1,220 @@
+// What a conversion looks up once: the per-thread slot that holds the scope, the
+// scope's opens below the vendor key, the view rule for opens from the library's own
+// handles, and the answers it keeps (privilege, machine names) and does not keep.
+#include <windows.h>
+#include <lm.h>
+#include <gtest/gtest.h>
+#include <string>
+#include <thread>
+
+#include "common/conversionscope.h"
+#include "common/keysecurity.h"
+#include "common/regkey.h"
+#include "common/threadslot.h"
+#include "legacydb/hostname.h"
+#include "legacydb/regset.h"
+#include "support/registry_sandbox.h"
+
+using namespace nvtest;
+using nv::CConversionScope;
+
+namespace {
+
+constexpr wchar_t kKeyPath[] = L"SOFTWARE\\Norvane\\ScopeTest\\Leaf";
+
+// Reads "Which" through the scope's open of kKeyPath; "" when it does not open.
+std::wstring WhichViewOpens(REGSAM view)
+{
+    HKEY key = nullptr;
+    if (CConversionScope::OpenKey(HKEY_LOCAL_MACHINE, kKeyPath, KEY_READ | view, &key) != ERROR_SUCCESS)
+        return L"";
+    std::wstring which;
+    nv::QueryStringValue(key, L"Which", which);
+    ::RegCloseKey(key);
+    return which;
+}
+
+} // namespace
+
+TEST(ThreadSlotTest, EachThreadSeesItsOwnValueAndTheLastErrorIsKept)
+{
+    nv::ThreadSlot slot;
+    EXPECT_EQ(nullptr, slot.Get());
+    ::SetLastError(ERROR_ACCESS_DENIED);
+    slot.SetNumber(41);
+    EXPECT_EQ(static_cast<DWORD>(ERROR_ACCESS_DENIED), ::GetLastError());
+    ::SetLastError(ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(41u, slot.GetNumber());
+    EXPECT_EQ(static_cast<DWORD>(ERROR_FILE_NOT_FOUND), ::GetLastError());
+
+    std::uintptr_t seenByOther = 99;
+    std::thread other([&] {
+        seenByOther = slot.GetNumber();
+        slot.SetNumber(7);
+    });
+    other.join();
+    EXPECT_EQ(0u, seenByOther);
+    EXPECT_EQ(41u, slot.GetNumber());
+}
+
+class ConversionScopeTest : public RegistrySandbox {
+protected:
+    void SetUp() override
+    {
+        RegistrySandbox::SetUp();
+        SetString(kKeyPath, L"Which", L"32", kView32);
+        SetString(kKeyPath, L"Which", L"64", kView64);
+    }
+};
+
+TEST_F(ConversionScopeTest, OpensBelowTheVendorKeyReachTheKeyOfTheRequestedView)
+{
+    for (int round = 0; round < 2; ++round) {
+        SCOPED_TRACE(round ? "with a scope" : "without a scope");
+        std::unique_ptr<CConversionScope> scope;
+        if (round)
+            scope = std::make_unique<CConversionScope>();
+        // Twice each: the second open goes through the kept vendor key.
+        for (int i = 0; i < 2; ++i) {
+            EXPECT_EQ(L"32", WhichViewOpens(KEY_WOW64_32KEY));
+            EXPECT_EQ(L"64", WhichViewOpens(KEY_WOW64_64KEY));
+        }
+        HKEY key = nullptr;
+        EXPECT_EQ(ERROR_FILE_NOT_FOUND,
+                  CConversionScope::OpenKey(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane\\ScopeTest\\Missing",
+                                            KEY_READ | KEY_WOW64_32KEY, &key));
+    }
+}
+
+TEST_F(ConversionScopeTest, PathsThatOnlyLookLikeTheVendorKeyAreOpenedAsGiven)
+{
+    CConversionScope scope;
+    // A sibling whose name starts like the vendor key's, in the 32-bit view only.
+    SetString(L"SOFTWARE\\NorvaneX", L"Which", L"sibling", kView32);
+    HKEY key = nullptr;
+    ASSERT_EQ(ERROR_SUCCESS,
+              CConversionScope::OpenKey(HKEY_LOCAL_MACHINE, L"SOFTWARE\\NorvaneX", KEY_READ | KEY_WOW64_32KEY, &key));
+    std::wstring which;
+    nv::QueryStringValue(key, L"Which", which);
+    ::RegCloseKey(key);
+    EXPECT_EQ(L"sibling", which);
+    EXPECT_EQ(ERROR_FILE_NOT_FOUND,
+              CConversionScope::OpenKey(HKEY_LOCAL_MACHINE, L"SOFTWARE\\NorvaneX", KEY_READ | KEY_WOW64_64KEY, &key));
+}
+
+TEST_F(ConversionScopeTest, ViewFlagsAreKeptFromPredefinedRootsAndDroppedFromOwnHandles)
+{
+    const REGSAM both = KEY_READ | KEY_WOW64_32KEY;
+    EXPECT_EQ(both, nv::ViewFlagsFrom(HKEY_LOCAL_MACHINE, both));
+    EXPECT_EQ(both, nv::ViewFlagsFrom(HKEY_CURRENT_USER, both));
+    EXPECT_EQ(both, nv::ViewFlagsFrom(HKEY_CLASSES_ROOT, both));
+    nv::CNVRegKey parent;
+    ASSERT_EQ(ERROR_SUCCESS, parent.Open(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane\\ScopeTest", KEY_READ | KEY_WOW64_32KEY));
+    EXPECT_EQ(static_cast<REGSAM>(KEY_READ), nv::ViewFlagsFrom(parent, both));
+    // The child opened from the 32-bit parent without a flag is the 32-bit child.
+    nv::CNVRegKey child;
+    ASSERT_EQ(ERROR_SUCCESS, child.Open(parent, L"Leaf", both));
+    std::wstring which;
+    nv::QueryStringValue(child, L"Which", which);
+    EXPECT_EQ(L"32", which);
+}
+
+TEST_F(ConversionScopeTest, AnswersAreKeptByTheInnermostScopeOnlyWhileItLives)
+{
+    bool privileged = false;
+    std::wstring name;
+    EXPECT_FALSE(CConversionScope::FindPrivilege(&privileged));
+    CConversionScope::RememberPrivilege(true); // no scope: dropped
+    EXPECT_FALSE(CConversionScope::FindPrivilege(&privileged));
+    {
+        CConversionScope outer;
+        CConversionScope::RememberName(CConversionScope::Name::Computer, L"OUTER");
+        {
+            CConversionScope inner;
+            EXPECT_FALSE(CConversionScope::FindName(CConversionScope::Name::Computer, &name));
+            CConversionScope::RememberName(CConversionScope::Name::Computer, L"INNER");
+            ASSERT_TRUE(CConversionScope::FindName(CConversionScope::Name::Computer, &name));
+            EXPECT_EQ(L"INNER", name);
+            EXPECT_FALSE(CConversionScope::FindName(CConversionScope::Name::LocalStore, &name));
+        }
+        ASSERT_TRUE(CConversionScope::FindName(CConversionScope::Name::Computer, &name));
+        EXPECT_EQ(L"OUTER", name);
+    }
+    EXPECT_FALSE(CConversionScope::FindName(CConversionScope::Name::Computer, &name));
+}
+
+TEST_F(ConversionScopeTest, ThePrivilegeIsReadFromTheTokenOnceAndIsTheTokensAnswer)
+{
+    const bool fromToken = nv::TokenIsSystemOrAdministrator();
+    CConversionScope scope;
+    bool kept = !fromToken;
+    EXPECT_FALSE(CConversionScope::FindPrivilege(&kept));
+    EXPECT_EQ(fromToken, nv::CallerIsSystemOrAdministrator());
+    ASSERT_TRUE(CConversionScope::FindPrivilege(&kept));
+    EXPECT_EQ(fromToken, kept);
+    // What the scope holds is what the next question gets.
+    CConversionScope::RememberPrivilege(!fromToken);
+    EXPECT_EQ(!fromToken, nv::CallerIsSystemOrAdministrator());
+}
+
+TEST_F(ConversionScopeTest, TheComputersNameIsReadOnceAndIsTheSystemsName)
+{
+    wchar_t system[MAX_COMPUTERNAME_LENGTH + 1] = {};
+    DWORD cch = MAX_COMPUTERNAME_LENGTH + 1;
+    ASSERT_TRUE(::GetComputerNameW(system, &cch));
+    CConversionScope scope;
+    EXPECT_EQ(std::wstring(system), CHostName().str());
+    CConversionScope::RememberName(CConversionScope::Name::Computer, L"KEPT");
+    EXPECT_EQ(L"KEPT", CHostName().str());
+}
+
+// The record set's view of the network functions, counted and failing on request.
+namespace {
+int g_serverCalls = 0;
+bool g_serverFails = false;
+NET_API_STATUS NET_API_FUNCTION CountedServerGetInfo(LMSTR server, DWORD level, LPBYTE* buffer)
+{
+    ++g_serverCalls;
+    if (g_serverFails)
+        return ERROR_ACCESS_DENIED;
+    return ::NetServerGetInfo(server, level, buffer);
+}
+} // namespace
+
+TEST_F(ConversionScopeTest, TheLocalStoreNameIsKeptOnlyWhenTheServersTypeWasRead)
+{
+    const CNVDBRegSet::NetApi saved = CNVDBRegSet::s_netApi;
+    CNVDBRegSet::s_netApi.pfnServerGetInfo = &CountedServerGetInfo;
+    g_serverCalls = 0;
+    g_serverFails = true;
+    const std::wstring mainDbUsers = L"SOFTWARE\\Norvane\\DB\\MainDB\\Users";
+    {
+        CConversionScope scope;
+        // Both levels fail: the computer's name is compared with, and it is not kept.
+        CNVDBRegSet failed;
+        ASSERT_EQ(S_OK, failed.Open(CHostName(), 0));
+        EXPECT_EQ(mainDbUsers, failed.GetUsersPath());
+        EXPECT_EQ(2, g_serverCalls);
+        std::wstring name;
+        EXPECT_FALSE(CConversionScope::FindName(CConversionScope::Name::LocalStore, &name));
+
+        g_serverFails = false;
+        CNVDBRegSet first;
+        ASSERT_EQ(S_OK, first.Open(CHostName(), 0));
+        EXPECT_EQ(mainDbUsers, first.GetUsersPath());
+        const int callsAfterFirst = g_serverCalls;
+        EXPECT_GT(callsAfterFirst, 2);
+        CNVDBRegSet second;
+        ASSERT_EQ(S_OK, second.Open(CHostName(), 0));
+        EXPECT_EQ(mainDbUsers, second.GetUsersPath());
+        EXPECT_EQ(callsAfterFirst, g_serverCalls) << "the kept answer asked the server again";
+        ASSERT_TRUE(CConversionScope::FindName(CConversionScope::Name::LocalStore, &name));
+        EXPECT_EQ(CHostName().str(), name);
+    }
+    // Without a scope every Open asks the server.
+    const int before = g_serverCalls;
+    CNVDBRegSet unscoped;
+    ASSERT_EQ(S_OK, unscoped.Open(CHostName(), 0));
+    EXPECT_GT(g_serverCalls, before);
+    CNVDBRegSet::s_netApi = saved;
+}
