@@ -205,6 +205,8 @@ HRESULT CConverter3::do_Convert()
     if (strict)
         NVTraceNS::Trace(scope, 0, "Conversion policy: strict");
 
+    // The strict policy's record of held users, listed at the first user it concerns.
+    std::unique_ptr<nvconv3::CHeldUsers> heldUsers;
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
         extractor = std::make_unique<LegacyNVDB2::CLocalDBUserExtractor>();
         nv::ThrowIfFailed(extractor->EnumerateUsers(&pUsers, &cUsers));
@@ -221,12 +223,14 @@ HRESULT CConverter3::do_Convert()
                 return hrStatus;
             });
             if (strict && !IsEqualGUID(user.guidUser, GUID_NULL)) {
+                if (!heldUsers)
+                    heldUsers = std::make_unique<nvconv3::CHeldUsers>();
                 if (converted)
-                    nvconv3::ForgetHeldUser(user.guidUser);
+                    heldUsers->Forget(user.guidUser);
                 else
-                    nvconv3::RecordHeldUser(user.guidUser, sid, hrStatus,
-                                            missing.Empty() ? WithCode(L"conversion failed", L"", hrStatus)
-                                                            : missing.Text());
+                    heldUsers->Record(user.guidUser, sid, hrStatus,
+                                      missing.Empty() ? WithCode(L"conversion failed", L"", hrStatus)
+                                                      : missing.Text());
             }
             NVTraceNS::Trace(scope, 0, "Conversion process is over for '%ls', 0x%08X", sid.c_str(),
                              static_cast<unsigned>(hrStatus));

@@ -3,6 +3,7 @@
 #include <objbase.h>
 #include "common/guidtext.h"
 #include "common/handles.h"
+#include "common/regkey.h"
 
 namespace nvconv3 {
 
@@ -21,14 +22,45 @@ LONG SetString(HKEY key, const wchar_t* name, const std::wstring& value) noexcep
 
 } // namespace
 
-void RecordHeldUser(const GUID& guidUser, const std::wstring& sid, HRESULT hrResult,
-                    const std::wstring& reason) noexcept
+CHeldUsers::CHeldUsers() noexcept
+{
+    try {
+        nv::CNVRegKey key;
+        const LONG r = key.Open(HKEY_LOCAL_MACHINE, kHeldUsersKeyPath, KEY_READ | kHeldUsersView);
+        if (r == ERROR_FILE_NOT_FOUND) {
+            m_listed = true;
+            return;
+        }
+        if (r != ERROR_SUCCESS)
+            return;
+        wchar_t name[256];
+        for (DWORD index = 0;; ++index) {
+            DWORD cch = sizeof(name) / sizeof(name[0]);
+            const LONG e = ::RegEnumKeyExW(key, index, name, &cch, nullptr, nullptr, nullptr, nullptr);
+            if (e == ERROR_NO_MORE_ITEMS)
+                break;
+            if (e != ERROR_SUCCESS) {
+                m_entries.clear();
+                return;
+            }
+            m_entries.insert(name);
+        }
+        m_listed = true;
+    } catch (...) {
+        m_entries.clear();
+        m_listed = false;
+    }
+}
+
+void CHeldUsers::Record(const GUID& guidUser, const std::wstring& sid, HRESULT hrResult,
+                        const std::wstring& reason) noexcept
 {
     try {
         nv::unique_hkey key;
         if (::RegCreateKeyExW(HKEY_LOCAL_MACHINE, EntryPath(guidUser).c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
                               KEY_SET_VALUE | kHeldUsersView, nullptr, key.put(), nullptr) != ERROR_SUCCESS)
             return;
+        m_entries.insert(nv::GuidText(guidUser));
         const DWORD result = static_cast<DWORD>(hrResult);
         SetString(key.get(), kHeldUserSidValue, sid);
         ::RegSetValueExW(key.get(), kHeldUserResultValue, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&result),
@@ -39,10 +71,14 @@ void RecordHeldUser(const GUID& guidUser, const std::wstring& sid, HRESULT hrRes
     }
 }
 
-void ForgetHeldUser(const GUID& guidUser) noexcept
+void CHeldUsers::Forget(const GUID& guidUser) noexcept
 {
     try {
-        ::RegDeleteKeyExW(HKEY_LOCAL_MACHINE, EntryPath(guidUser).c_str(), kHeldUsersView, 0);
+        const std::wstring name = nv::GuidText(guidUser);
+        if (m_listed && m_entries.find(name) == m_entries.end())
+            return;
+        if (::RegDeleteKeyExW(HKEY_LOCAL_MACHINE, EntryPath(guidUser).c_str(), kHeldUsersView, 0) == ERROR_SUCCESS)
+            m_entries.erase(name);
     } catch (...) {
     }
 }

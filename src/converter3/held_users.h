@@ -12,6 +12,8 @@
 // Recording is best effort: it never fails the conversion or changes a result.
 #pragma once
 #include <windows.h>
+#include <cwchar>
+#include <set>
 #include <string>
 
 namespace nvconv3 {
@@ -22,8 +24,24 @@ inline constexpr const wchar_t kHeldUserSidValue[] = L"SID";
 inline constexpr const wchar_t kHeldUserResultValue[] = L"Result";
 inline constexpr const wchar_t kHeldUserReasonValue[] = L"Reason";
 
-void RecordHeldUser(const GUID& guidUser, const std::wstring& sid, HRESULT hrResult,
-                    const std::wstring& reason) noexcept;
-void ForgetHeldUser(const GUID& guidUser) noexcept;
+// The entries as one conversion sees them: listed once when it starts, so that a
+// user without an entry (usually every user) costs no registry call when it is
+// moved. When the list cannot be read, every Forget tries the delete.
+class CHeldUsers {
+public:
+    CHeldUsers() noexcept;
+    void Record(const GUID& guidUser, const std::wstring& sid, HRESULT hrResult, const std::wstring& reason) noexcept;
+    void Forget(const GUID& guidUser) noexcept;
+
+private:
+    struct NoCase {
+        bool operator()(const std::wstring& a, const std::wstring& b) const noexcept
+        {
+            return ::_wcsicmp(a.c_str(), b.c_str()) < 0;
+        }
+    };
+    std::set<std::wstring, NoCase> m_entries;
+    bool m_listed = false;
+};
 
 } // namespace nvconv3
