@@ -5,17 +5,21 @@
 //       Writes the database, counts the calls of a clean conversion, then for every
 //       chosen call number and mode runs the conversion in a child process with that
 //       call failed (once, or from there on) or the process killed there, runs the
-//       recovery an installer would (in this process, which never carries hooks,
-//       with a fresh load of the library), and checks that nothing was lost. Call numbers: 1..first, then every stride-th call, and the last call
+//       recovery an installer would (in a fresh process, which never carries hooks),
+//       and checks that nothing was lost. Call numbers: 1..first, then every stride-th call, and the last call
 //       (--stride 1: every call); --from/--to limit the sweep to a range of call
 //       numbers, so that a full sweep can be split. Exit 0 when nothing was lost, 1 otherwise, 2 on a
 //       usage or set-up error.
 //   nvfaults child --mode count|once|from|kill --n N --out FILE
 //       One conversion under the hooks (used by sweep).
+//   nvfaults recover --conversion 1.0|2.0 --out FILE
+//       The installer's recovery after a faulted run (used by sweep).
 #include <windows.h>
 #include <objbase.h>
+#include <psapi.h>
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -43,7 +47,9 @@ constexpr int kExitOk = 0;
 constexpr int kExitLost = 1;
 constexpr int kExitUsage = 2;
 constexpr int kExitSetup = 3;
-constexpr DWORD kChildTimeoutMs = 120000;
+// A faulted conversion of the sweep's small databases ends within a second or two;
+// one still running after this long is stopped and reported as hung.
+constexpr DWORD kChildTimeoutMs = 30000;
 constexpr wchar_t kLibraryName[] = L"NVDBConv.dll";
 
 std::string HexCode(DWORD v)
@@ -137,8 +143,11 @@ int Child(const std::map<std::string, std::string>& o)
 
 // ---- recovery: what an installer does after a failed or interrupted run ------------
 //
-// Run in the sweeping process, which never carries hooks, with a fresh load of the
-// library: the faulted process is gone (or was killed) by then.
+// Run in a process of its own, which never carries hooks, as an installer that is
+// started again would: the faulted process is gone (or was killed) by then. (It also
+// keeps the sweep going: Wine 8 does not give back the thread-local storage slot of
+// a library with a TLS directory when it is unloaded, so one process can load the
+// library only about a thousand times.)
 //   - A 1.0 -> 2.0 step that already wrote "Version" = "2.0" is finished: Cleanup
 //     when a "Backup" value is left.
 //   - Otherwise Rollback when "Backup" names a backup key that exists in the view the
@@ -179,6 +188,20 @@ std::vector<std::string> Recover(Conversion conversion)
     nvtest::LoadedLibrary dll;
     notes.push_back("convert " + HexCode(static_cast<DWORD>(dll.Convert())));
     return notes;
+}
+
+int RecoverCommand(const std::map<std::string, std::string>& o)
+{
+    Conversion conversion;
+    if (!o.count("conversion") || !ParseConversion(o.at("conversion"), &conversion) || !o.count("out"))
+        return kExitUsage;
+    CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+    std::string text;
+    for (const std::string& line : Recover(conversion))
+        text += line + "\n";
+    WriteText(nvtest::Widen(o.at("out")), text);
+    CoUninitialize();
+    return kExitOk;
 }
 
 // ---- sweep -----------------------------------------------------------------------
@@ -297,7 +320,17 @@ struct Sweep {
                                               std::to_wstring(n),
                                           tempDir + L"run.txt");
         const Inspection afterRun = world->Inspect();
-        const std::vector<std::string> recoveryLines = Recover(conversion);
+        const std::wstring recoveryOut = tempDir + L"recovery.txt";
+        DeleteFileW(recoveryOut.c_str());
+        const nvtest::ProcessRun recovery =
+            nvtest::RunProcess(nvtest::QuoteArg(nvtest::ExeDirectory() + L"nvfaults.exe") + L" recover --conversion " +
+                                   nvtest::Widen(ConversionName(conversion)) + L" --out " +
+                                   nvtest::QuoteArg(recoveryOut),
+                               kChildTimeoutMs);
+        std::vector<std::string> recoveryLines = ReadLines(recoveryOut);
+        if (recovery.exitCode != 0 || recovery.timedOut)
+            recoveryLines.push_back("recovery process failed (exit " + HexCode(recovery.exitCode) +
+                                    (recovery.timedOut ? ", hung" : "") + ")" + recovery.err);
         const Inspection after = world->Inspect();
 
         const CallRecord* first = run.records.empty() ? nullptr : &run.records.front();
@@ -305,7 +338,14 @@ struct Sweep {
         std::vector<std::string> problems;
         std::string notes;
         bool crashed = false;
-        if (!run.started || run.timedOut || (!run.killed && run.exitCode != 0)) {
+        if (run.timedOut && mode == Mode::From && first && first->function == "advapi32.dll!RegEnumKeyExW" &&
+            InFrames(*first, "CollectNameIndex")) {
+            // The 1.0 step lists the domains under Cache by index and skips every index
+            // whose enumeration fails, until "no more items": when every call fails
+            // from here on, that end never comes.
+            design.insert("cache-listing-retries-failing-indexes");
+            notes += " conversion process hung in the Cache listing and was stopped;";
+        } else if (!run.started || run.timedOut || (!run.killed && run.exitCode != 0)) {
             crashed = true;
             problems.push_back("conversion process " + std::string(run.timedOut ? "hung" : "died") + " (exit " +
                                HexCode(run.exitCode) + ")");
@@ -395,6 +435,26 @@ std::vector<std::uint64_t> CallNumbers(std::uint64_t calls, std::uint64_t first,
         if (n <= first || (n - first) % stride == 0 || n == calls)
             out.push_back(n);
     return out;
+}
+
+// One line on standard error every hundred scenarios: how far, how long, and what
+// memory this process holds, so that a long sweep shows its progress and any leak.
+void Progress(size_t done, size_t total, Mode mode, std::uint64_t n,
+              std::chrono::steady_clock::time_point started)
+{
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    PROCESS_MEMORY_COUNTERS_EX mem{};
+    mem.cb = sizeof(mem);
+    GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&mem), sizeof(mem));
+    // The lowest free thread-local storage index: a slot that leaks shows as a rise.
+    const DWORD tls = TlsAlloc();
+    TlsFree(tls);
+    std::fprintf(stderr, "nvfaults: %zu of %zu scenarios (now %s %llu), %.0f s, %.2f s each; %.1f MB private, "
+                         "next TLS index %lu\n",
+                 done, total, ModeName(mode), static_cast<unsigned long long>(n), seconds,
+                 seconds / static_cast<double>(done), static_cast<double>(mem.PagefileUsage) / (1024.0 * 1024.0),
+                 static_cast<unsigned long>(tls));
+    std::fflush(stderr);
 }
 
 int SweepCommand(const std::map<std::string, std::string>& o)
@@ -515,10 +575,17 @@ int SweepCommand(const std::map<std::string, std::string>& o)
         std::fflush(stdout);
 
         const std::vector<std::uint64_t> numbers = CallNumbers(clean.calls, first, stride);
+        std::vector<std::pair<Mode, std::uint64_t>> planned;
         for (Mode mode : modes)
             for (std::uint64_t n : numbers)
                 if (n >= rangeFrom && n <= rangeTo && n <= clean.records.size())
-                    sweep.Scenario(mode, n, clean.records[n - 1]);
+                    planned.emplace_back(mode, n);
+        const auto sweepStarted = std::chrono::steady_clock::now();
+        for (size_t i = 0; i < planned.size(); ++i) {
+            sweep.Scenario(planned[i].first, planned[i].second, clean.records[planned[i].second - 1]);
+            if ((i + 1) % 100 == 0 || i + 1 == planned.size())
+                Progress(i + 1, planned.size(), planned[i].first, planned[i].second, sweepStarted);
+        }
 
         for (Mode mode : modes) {
             const Totals& t = sweep.totals[ModeName(mode)];
@@ -543,7 +610,7 @@ int SweepCommand(const std::map<std::string, std::string>& o)
     if (report)
         std::fclose(report);
     world.Dispose();
-    for (const wchar_t* f : {L"run.txt", L"clean.txt"})
+    for (const wchar_t* f : {L"run.txt", L"clean.txt", L"recovery.txt"})
         DeleteFileW((tempDir + f).c_str());
     RemoveDirectoryW(tempDir.c_str());
     CoUninitialize();
@@ -557,13 +624,33 @@ void Usage()
                  "                      [--modes once,from,kill] [--first N] [--stride S] [--from N] [--to N]\n"
                  "                      [--report FILE]\n"
                  "       nvfaults child --mode count|once|from|kill --n N --out FILE\n"
+                 "       nvfaults recover --conversion 1.0|2.0 --out FILE\n"
                  );
 }
 
 } // namespace
 
+// A sweep that the run-time ends with abort() names the call chain that asked for it.
+void OnAbort(int)
+{
+    void* frames[32];
+    const USHORT n = RtlCaptureStackBackTrace(1, 32, frames, nullptr);
+    std::fprintf(stderr, "nvfaults: abort() called:\n");
+    for (USHORT i = 0; i < n; ++i) {
+        HMODULE module = nullptr;
+        wchar_t name[MAX_PATH] = L"?";
+        if (GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                               static_cast<LPCWSTR>(frames[i]), &module))
+            GetModuleFileNameW(module, name, MAX_PATH);
+        std::fprintf(stderr, "  %p %ls+0x%llx\n", frames[i], name,
+                     static_cast<unsigned long long>(static_cast<BYTE*>(frames[i]) - reinterpret_cast<BYTE*>(module)));
+    }
+    std::fflush(stderr);
+}
+
 int wmain(int argc, wchar_t** argv)
 {
+    std::signal(SIGABRT, OnAbort);
     if (argc < 2) {
         Usage();
         return kExitUsage;
@@ -574,6 +661,8 @@ int wmain(int argc, wchar_t** argv)
         return Child(options);
     if (command == L"sweep")
         return SweepCommand(options);
+    if (command == L"recover")
+        return RecoverCommand(options);
     Usage();
     return kExitUsage;
 }
