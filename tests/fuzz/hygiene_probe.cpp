@@ -5,7 +5,9 @@
 //
 // PATTERNS holds one search string per line, "<label> <hex>", each byte XORed with
 // kMask, so the plain secrets never exist in this process except where the
-// conversion put them. Before Convert, the import tables of the library and of the
+// conversion put them. Patterns labelled "control-live..." and "control-freed..."
+// are planted by the probe itself, in a live and in a freed heap block, to show that
+// the search finds what is there. Before Convert, the import tables of the library and of the
 // modules it works with (the store, the crypto provider, crypt32, oleaut32, combase)
 // are patched so that every block those modules allocate is recorded with its
 // owner. After Convert returns, every committed, readable, private region is
@@ -40,7 +42,9 @@ Block* g_blocks = nullptr; // VirtualAlloc'd, so recording never allocates from 
 volatile LONG g_blockCount = 0;
 
 const char* const kOwners[] = {"unknown", "NVDBConv.dll", "NVStore.dll", "rsaenh.dll", "crypt32.dll",
-                               "oleaut32.dll", "combase.dll", "ole32.dll", "advapi32.dll"};
+                               "oleaut32.dll", "combase.dll", "ole32.dll", "advapi32.dll", "hygiene_probe"};
+// The probe's own blocks (the controls); not a module whose imports are patched.
+constexpr int kProbeOwner = 9;
 constexpr int kOwnerCount = sizeof(kOwners) / sizeof(kOwners[0]);
 
 void Record(const void* p, std::size_t size, int owner)
@@ -281,6 +285,28 @@ std::string Hex(std::uintptr_t v)
     return text;
 }
 
+// Controls, which the search must find: patterns labelled "control-live..." are
+// written into a heap block that stays allocated, "control-freed..." into one that is
+// freed without being cleared, as a careless owner would leave a secret. Planted
+// after Convert, so that the conversion's own allocations cannot reuse the freed one.
+bool PlantControls(const std::vector<Pattern>& patterns)
+{
+    for (const Pattern& p : patterns) {
+        const bool live = p.label.rfind("control-live", 0) == 0;
+        if (!live && p.label.rfind("control-freed", 0) != 0)
+            continue;
+        auto* block = static_cast<std::uint8_t*>(::HeapAlloc(::GetProcessHeap(), 0, 256 + p.masked.size()));
+        if (!block)
+            return false;
+        Record(block, 256 + p.masked.size(), kProbeOwner);
+        for (std::size_t i = 0; i < p.masked.size(); ++i)
+            block[64 + i] = p.masked[i] ^ kMask;
+        if (!live)
+            ::HeapFree(::GetProcessHeap(), 0, block);
+    }
+    return true;
+}
+
 } // namespace
 
 int wmain(int argc, wchar_t** argv)
@@ -308,6 +334,8 @@ int wmain(int argc, wchar_t** argv)
 
     g_blocks = static_cast<Block*>(::VirtualAlloc(nullptr, kMaxBlocks * sizeof(Block), MEM_RESERVE | MEM_COMMIT,
                                                   PAGE_READWRITE));
+
+
     ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
 
     wchar_t exe[MAX_PATH];
@@ -335,6 +363,8 @@ int wmain(int argc, wchar_t** argv)
     using ConvertFn = HRESULT(WINAPI*)();
     auto convert = reinterpret_cast<ConvertFn>(reinterpret_cast<void*>(::GetProcAddress(library, "Convert")));
     const HRESULT hr = convert ? convert() : E_NOINTERFACE;
+    if (!PlantControls(patterns))
+        return 2;
 
     // The stack below this frame was used by the calls that have returned.
     volatile BYTE marker = 0;

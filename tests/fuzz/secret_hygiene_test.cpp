@@ -123,6 +123,9 @@ protected:
         }
         for (std::size_t i = 0; i < m_contents.size(); ++i)
             m_patterns.push_back({"content" + std::to_string(i) + "-raw", m_contents[i]});
+        // What the probe plants itself: the search must find both.
+        m_patterns.push_back({"control-live-utf16le", Utf16Le(L"Hy9iene-Control-Live-" + std::to_wstring(seed))});
+        m_patterns.push_back({"control-freed-utf16le", Utf16Le(L"Hy9iene-Control-Freed-" + std::to_wstring(seed))});
         return db;
     }
 
@@ -162,7 +165,7 @@ protected:
         ASSERT_FALSE(report.empty());
         EXPECT_EQ("convert 0x00000000", report.back());
         std::map<std::string, int> byOwner;
-        bool scanned = false;
+        bool scanned = false, liveControl = false, freedControl = false;
         for (const std::string& line : report) {
             std::cout << "    probe: " << line << "\n";
             scanned |= line.rfind("scanned ", 0) == 0;
@@ -171,10 +174,17 @@ protected:
             std::istringstream fields(line);
             std::string hit, label, at, address, ownerWord, owner;
             fields >> hit >> label >> at >> address >> ownerWord >> owner;
+            if (label.rfind("control-", 0) == 0) {
+                liveControl |= label.rfind("control-live", 0) == 0;
+                freedControl |= label.rfind("control-freed", 0) == 0;
+                continue;
+            }
             ++byOwner[owner];
             EXPECT_NE("NVDBConv.dll", owner) << "a secret left in memory the library allocated: " << line;
         }
         EXPECT_TRUE(scanned);
+        EXPECT_TRUE(liveControl) << "the search did not find the pattern planted in a live heap block";
+        EXPECT_TRUE(freedControl) << "the search did not find the pattern planted in a freed heap block";
         for (const auto& [owner, n] : byOwner)
             std::cout << "    hits in memory of " << owner << ": " << n << "\n";
     }
