@@ -100,6 +100,14 @@ std::vector<BYTE> ContentOf(CNVSecret& secret, bool* produced)
     return out;
 }
 
+Db20Options SmallOptions(std::uint32_t seed, unsigned users)
+{
+    Db20Options o;
+    o.seed = seed;
+    o.userCount = users;
+    return o;
+}
+
 class UserExtractorTest : public RegistrySandbox {
 protected:
     void SetUp() override
@@ -119,6 +127,25 @@ protected:
         m_containers.Track(db.hostId);
         EXPECT_EQ(S_OK, WriteDb20Database(db));
         return db;
+    }
+
+    // One user with one plain secret of the given content, written and read back:
+    // the secret as the conversion gets it, not opened yet.
+    void LoadOnePlainSecret(unsigned seed, const std::vector<BYTE>& content, CNVSecretMap& secrets)
+    {
+        Db20Database db = MakeDb20Database(SmallOptions(seed, 1));
+        db.users[0].secrets.resize(1);
+        Db20Secret& s = db.users[0].secrets[0];
+        s.combined = false;
+        s.content = content;
+        WriteModel(db);
+        CLocalDBUserExtractor extractor;
+        NV_USER_RECORD* users = nullptr;
+        DWORD count = 0;
+        ASSERT_EQ(S_OK, extractor.EnumerateUsers(&users, &count));
+        ASSERT_EQ(S_OK, extractor.InternalLoadSecretsToMap(users[0], secrets));
+        EXPECT_EQ(S_OK, extractor.FreeUsers(users));
+        ASSERT_EQ(1u, secrets.size());
     }
 
     // The model users in the registry's enumeration order.
@@ -197,14 +224,6 @@ protected:
 
     ContainerJanitor m_containers;
 };
-
-Db20Options SmallOptions(std::uint32_t seed, unsigned users)
-{
-    Db20Options o;
-    o.seed = seed;
-    o.userCount = users;
-    return o;
-}
 
 } // namespace
 
@@ -836,25 +855,14 @@ TEST_F(UserExtractorTest, FreeUsersTracesInvalidArgument)
 
 TEST_F(UserExtractorTest, GetContentTracesEachStepAndNoSecret)
 {
-    Db20Database db = MakeDb20Database(SmallOptions(30, 1));
-    db.users[0].secrets.resize(1);
-    Db20Secret& s = db.users[0].secrets[0];
-    s.combined = false;
-    s.content = {'p', 'a', 's', 's', 'w', 'o', 'r', 'd', '4', '2'};
-    WriteModel(db);
-    CLocalDBUserExtractor extractor;
-    NV_USER_RECORD* users = nullptr;
-    DWORD count = 0;
-    ASSERT_EQ(S_OK, extractor.EnumerateUsers(&users, &count));
+    const std::vector<BYTE> content = {'p', 'a', 's', 's', 'w', 'o', 'r', 'd', '4', '2'};
     CNVSecretMap secrets;
-    ASSERT_EQ(S_OK, extractor.InternalLoadSecretsToMap(users[0], secrets));
-    EXPECT_EQ(S_OK, extractor.FreeUsers(users));
-    ASSERT_EQ(1u, secrets.size());
+    ASSERT_NO_FATAL_FAILURE(LoadOnePlainSecret(30, content, secrets));
 
     TraceCapture trace;
     trace.Start();
     bool produced = false;
-    EXPECT_EQ(s.content, ContentOf(*secrets.begin()->second, &produced));
+    EXPECT_EQ(content, ContentOf(*secrets.begin()->second, &produced));
     const std::vector<std::string> lines = trace.LinesInScope("CNVSecret::GetContent");
     const std::vector<std::string> own = {"U Encryption context created", "U Secret copied", "U Decrypting Secret...",
                                           "U Secret decrypted", "U Secret ready to be returned"};
@@ -869,20 +877,9 @@ TEST_F(UserExtractorTest, GetContentTracesEachStepAndNoSecret)
 
 TEST_F(UserExtractorTest, ASecondGetContentHandsOutTheSameBytesWithoutUnwrappingAgainAndTracesTheSame)
 {
-    Db20Database db = MakeDb20Database(SmallOptions(31, 1));
-    db.users[0].secrets.resize(1);
-    Db20Secret& s = db.users[0].secrets[0];
-    s.combined = false;
-    s.content = {'s', 'e', 'c', 'o', 'n', 'd', '7'};
-    WriteModel(db);
-    CLocalDBUserExtractor extractor;
-    NV_USER_RECORD* users = nullptr;
-    DWORD count = 0;
-    ASSERT_EQ(S_OK, extractor.EnumerateUsers(&users, &count));
+    const std::vector<BYTE> content = {'s', 'e', 'c', 'o', 'n', 'd', '7'};
     CNVSecretMap secrets;
-    ASSERT_EQ(S_OK, extractor.InternalLoadSecretsToMap(users[0], secrets));
-    EXPECT_EQ(S_OK, extractor.FreeUsers(users));
-    ASSERT_EQ(1u, secrets.size());
+    ASSERT_NO_FATAL_FAILURE(LoadOnePlainSecret(31, content, secrets));
     CNVSecret& secret = *secrets.begin()->second;
 
     std::vector<std::vector<std::string>> traces;
@@ -892,7 +889,7 @@ TEST_F(UserExtractorTest, ASecondGetContentHandsOutTheSameBytesWithoutUnwrapping
         trace.Start();
         ApiFaults faults; // counts the decoder's calls
         bool produced = false;
-        EXPECT_EQ(s.content, ContentOf(secret, &produced));
+        EXPECT_EQ(content, ContentOf(secret, &produced));
         EXPECT_TRUE(produced);
         decodes.push_back(faults.DecodeCalls());
         traces.push_back(trace.LinesInScope("CNVSecret::GetContent"));
@@ -905,5 +902,5 @@ TEST_F(UserExtractorTest, ASecondGetContentHandsOutTheSameBytesWithoutUnwrapping
     // The kept bytes are the content itself: the sealed form is not looked at again.
     secret.m_content.Assign(reinterpret_cast<const BYTE*>("garbage"), 7);
     bool produced = false;
-    EXPECT_EQ(s.content, ContentOf(secret, &produced));
+    EXPECT_EQ(content, ContentOf(secret, &produced));
 }

@@ -23,8 +23,11 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <string>
 #include <vector>
+
+#include "support/import_patch.h"
 
 namespace {
 
@@ -229,38 +232,17 @@ void* HookFor(int owner, Fn fn)
 }
 
 // Points the module's import slots of the allocation functions at the owner's hooks;
-// the number of slots patched.
+// the number of slots patched. The patches stay to the end: the probe ends with
+// TerminateProcess right after its search.
 int PatchImports(HMODULE module, int owner)
 {
-    auto* base = reinterpret_cast<BYTE*>(module);
-    auto* dos = reinterpret_cast<IMAGE_DOS_HEADER*>(base);
-    auto* nt = reinterpret_cast<IMAGE_NT_HEADERS*>(base + dos->e_lfanew);
-    const IMAGE_DATA_DIRECTORY& dir = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
-    if (!dir.VirtualAddress)
-        return 0;
-    int patched = 0;
-    for (auto* d = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(base + dir.VirtualAddress); d->Name; ++d) {
-        if (!d->OriginalFirstThunk)
-            continue;
-        auto* names = reinterpret_cast<IMAGE_THUNK_DATA*>(base + d->OriginalFirstThunk);
-        auto* slots = reinterpret_cast<IMAGE_THUNK_DATA*>(base + d->FirstThunk);
-        for (; names->u1.AddressOfData; ++names, ++slots) {
-            if (IMAGE_SNAP_BY_ORDINAL(names->u1.Ordinal))
-                continue;
-            const char* name = reinterpret_cast<IMAGE_IMPORT_BY_NAME*>(base + names->u1.AddressOfData)->Name;
-            for (int fn = 0; fn < kFnCount; ++fn) {
-                if (std::strcmp(name, kFnNames[fn]) != 0)
-                    continue;
-                DWORD old = 0;
-                ::VirtualProtect(&slots->u1.Function, sizeof(void*), PAGE_READWRITE, &old);
-                g_real[owner][fn] = reinterpret_cast<void*>(slots->u1.Function);
-                slots->u1.Function = reinterpret_cast<ULONG_PTR>(HookFor(owner, static_cast<Fn>(fn)));
-                ::VirtualProtect(&slots->u1.Function, sizeof(void*), old, &old);
-                ++patched;
-            }
-        }
-    }
-    return patched;
+    std::map<std::string, void*> hooks;
+    for (int fn = 0; fn < kFnCount; ++fn)
+        hooks.emplace(kFnNames[fn], HookFor(owner, static_cast<Fn>(fn)));
+    auto* patch = new nvtest::ImportPatch(module, hooks);
+    for (int fn = 0; fn < kFnCount; ++fn)
+        g_real[owner][fn] = patch->Original(kFnNames[fn]);
+    return static_cast<int>(patch->names().size());
 }
 
 // ---- the search ----------------------------------------------------------------

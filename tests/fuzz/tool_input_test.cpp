@@ -97,6 +97,16 @@ const Args kHostile = {L"", L"-", L"--", L"---", L"-x", L"--help=1", L"%s%s%s%n"
                        L"-1", L"0", L"4294967296", L"18446744073709551616", L"0x", L"1e9", L"nan", L" ", L"\t",
                        L"C:\\nonexistent\\x", L"\\\\?\\C:\\", L"NUL", L"CON", L"*", L"?", Long(300), Long(5000, L'9')};
 
+// How many random argument lists each tool gets: the count given, times
+// NV_TOOL_INPUT_SCALE when that is set (scripts/fuzz --full runs a long campaign so).
+int Draws(int n)
+{
+    wchar_t scale[16] = {};
+    const DWORD got = ::GetEnvironmentVariableW(L"NV_TOOL_INPUT_SCALE", scale, 16);
+    const long k = got > 0 && got < 16 ? std::wcstol(scale, nullptr, 10) : 1;
+    return n * static_cast<int>(k > 0 && k <= 10000 ? k : 1);
+}
+
 Args Random(std::mt19937& rng, const Args& words)
 {
     Args all = words;
@@ -145,7 +155,7 @@ TEST_F(ToolInputTest, NvdbconvSurvivesRandomArguments)
     const Args words = {L"status", L"convert", L"rollback", L"cleanup", L"trace", L"store", L"version", L"on",
                         L"off", L"--json", L"--quiet", L"--dll", L"--progress", L"never", L"always", L"--force",
                         L"--verbosity", L"10", L"--file", L"--append", L"--new-file", L"register", L"unregister"};
-    for (int i = 0; i < 40; ++i)
+    for (int i = 0; i < Draws(40); ++i)
         Check(kNvdbconv, Random(rng, words));
 }
 
@@ -168,7 +178,7 @@ TEST_F(ToolInputTest, NvdbgenSurvivesRandomArguments)
     // Small sizes only: a valid draw writes a real database.
     const Args words = {L"--format", L"1.0", L"2.0", L"--users", L"1", L"2", L"--domains", L"0", L"--users20",
                         L"--seed", L"7", L"--view", L"32", L"64", L"--wipe", L"--help"};
-    for (int i = 0; i < 25; ++i)
+    for (int i = 0; i < Draws(25); ++i)
         Check(kNvdbgen, Random(rng, words));
 }
 
@@ -190,7 +200,7 @@ TEST_F(ToolInputTest, NvstorectlSurvivesRandomArguments)
     std::mt19937 rng(2014);
     const Args words = {L"list", L"show", L"put-secret", L"put-template", L"put-payload", L"enroll", L"authenticate",
                         L"register", L"delete", L"S-1-5-21-1-2-3-1001", L"S-1-", L"00ff", L"31", L"32", L"pw"};
-    for (int i = 0; i < 30; ++i)
+    for (int i = 0; i < Draws(30); ++i)
         Check(kNvstorectl, Random(rng, words));
 }
 
@@ -244,6 +254,6 @@ TEST_F(ToolInputTest, NvtraceSurvivesRandomArgumentsAndFiles)
             bytes += static_cast<char>(rng());
         words.push_back(File(L"random" + std::to_wstring(i) + L".trc3", bytes));
     }
-    for (int i = 0; i < 30; ++i)
+    for (int i = 0; i < Draws(30); ++i)
         Check(kNvtrace, Random(rng, words));
 }
