@@ -25,6 +25,7 @@
 #include "legacydb/userextractor.h"
 #include "security/securitycontext.h"
 #include "support/api_faults.h"
+#include "support/import_patch.h"
 #include "support/conversion_fixture.h"
 #include "support/key_containers.h"
 #include "support/registry_sandbox.h"
@@ -622,6 +623,64 @@ TEST_P(ConversionOutOfMemoryTest, FailedDecodeCostsNothingAndTheNextConvertMoves
     EXPECT_EQ(S_OK, again.Convert());
     ExpectUserConverted(u);
 }
+
+// The copy of the password that the conversion packs into the store's password
+// secret cannot be made: a memory shortage, which fails the user (it keeps its old
+// key), not an empty password in the store. Under either policy; the next Convert
+// moves the user with its password.
+namespace {
+const wchar_t* g_refusedCopy = nullptr;
+decltype(&::SysAllocString) g_realSysAllocString = nullptr;
+BSTR WINAPI RefusingSysAllocString(const OLECHAR* text)
+{
+    if (text && g_refusedCopy && std::wcscmp(text, g_refusedCopy) == 0) {
+        ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return nullptr;
+    }
+    return g_realSysAllocString(text);
+}
+} // namespace
+
+class PasswordCopyOutOfMemoryTest : public Db20ConversionTest, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(PasswordCopyOutOfMemoryTest, TheUserFailsAndKeepsItsKeyAndTheNextConvertMovesItsPassword)
+{
+    if (GetParam())
+        SetDword(L"SOFTWARE\\Norvane\\Policies\\Default", L"StrictConversion", 1, kViewNative);
+    nvwriter::Db20Database db = MakeDatabase(1, 73);
+    nvwriter::Db20User& u = db.users[0];
+    nvwriter::Db20Secret* logon = nullptr;
+    for (nvwriter::Db20Secret& s : u.secrets)
+        if (s.combined)
+            logon = &s;
+    ASSERT_NE(nullptr, logon) << "the model user has no password secret";
+    logon->password = L"Copy-Me-If-You-Can-9";
+    logon->content = nvwriter::EncodeDb20CombinedSecret(*logon);
+    WriteDatabase(db);
+    {
+        nvtest::ImportPatch patch(::GetModuleHandleW(nullptr),
+                                  {{"SysAllocString", reinterpret_cast<void*>(&RefusingSysAllocString)}});
+        ASSERT_TRUE(patch.ok());
+        g_realSysAllocString = reinterpret_cast<decltype(&::SysAllocString)>(patch.Original("SysAllocString"));
+        ASSERT_NE(nullptr, g_realSysAllocString);
+        g_refusedCopy = logon->password.c_str();
+        CConverter3 converter;
+        EXPECT_EQ(S_OK, converter.Convert());
+        g_refusedCopy = nullptr;
+    }
+    EXPECT_TRUE(KeyExists(UserKeyPath(u.guid).c_str(), kView32)) << trace.Dump();
+    EXPECT_TRUE(trace.Contains("U Conversion process is over for '" + Narrow(u.sidText) + "', 0x8007000E"))
+        << trace.Dump();
+
+    CConverter3 again;
+    EXPECT_EQ(S_OK, again.Convert());
+    ExpectUserConverted(u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Policies, PasswordCopyOutOfMemoryTest, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                             return std::string(info.param ? "Strict" : "Default");
+                         });
 
 // A clean conversion of this user makes about 158 decode calls; the first ones read
 // the user records, the later ones the secrets and the password.

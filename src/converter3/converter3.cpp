@@ -355,8 +355,12 @@ void CConverter3::ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, CSt
             nv::CCryptBlob blob(content.pbData, content.cbData);
             const wchar_t* name = static_cast<const wchar_t*>(entry.first);
             if (IsLegacyPasswordSecret(entry.first)) {
-                // An empty password gives no copy; packing then takes the empty one.
+                // An empty password gives no copy; packing then takes the empty one. A
+                // copy that cannot be made is a memory shortage, not an empty password:
+                // the user fails and keeps its old key.
                 nv::unique_secure_bstr copy(password ? ::SysAllocString(password.get()) : nullptr);
+                if (password && !copy)
+                    nv::ThrowHr(E_OUTOFMEMORY);
                 PackPassword(copy.get(), blob);
                 copy.reset();
                 name = nvconv3::LogonInfoName().c_str();
