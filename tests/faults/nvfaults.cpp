@@ -216,13 +216,28 @@ struct ChildOutcome {
     std::vector<CallRecord> records;
 };
 
+// Starts this program again with the arguments. Now and then Wine fails to start a
+// process at all (CreateProcess fails; seen twice in 16,000 starts): such a start is
+// tried again, up to three times, before it counts as not started.
+nvtest::ProcessRun RunSelf(const std::wstring& args)
+{
+    const std::wstring command = nvtest::QuoteArg(nvtest::ExeDirectory() + L"nvfaults.exe") + L" " + args;
+    nvtest::ProcessRun run;
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        run = nvtest::RunProcess(command, kChildTimeoutMs);
+        if (run.started)
+            break;
+        std::fprintf(stderr, "nvfaults: could not start %ls (error %lu); trying again\n", args.c_str(),
+                     GetLastError());
+        Sleep(200);
+    }
+    return run;
+}
+
 ChildOutcome RunChild(const std::wstring& args, const std::wstring& out)
 {
     DeleteFileW(out.c_str());
-    const std::wstring exe = nvtest::ExeDirectory() + L"nvfaults.exe";
-    const nvtest::ProcessRun run = nvtest::RunProcess(nvtest::QuoteArg(exe) + L" " + args + L" --out " +
-                                                          nvtest::QuoteArg(out),
-                                                      kChildTimeoutMs);
+    const nvtest::ProcessRun run = RunSelf(args + L" --out " + nvtest::QuoteArg(out));
     ChildOutcome c;
     c.started = run.started;
     c.timedOut = run.timedOut;
@@ -259,6 +274,8 @@ struct Sweep {
     // A conversion process that died at an injected failure (no kill asked for): the
     // recovery still has to lose nothing, so these count apart from losses.
     std::vector<std::string> crashLines;
+    // A process of the sweep could not be started: the sweep stops.
+    bool harnessFailed = false;
 
     std::string Frames(const CallRecord& r) const
     {
@@ -322,15 +339,17 @@ struct Sweep {
         const Inspection afterRun = world->Inspect();
         const std::wstring recoveryOut = tempDir + L"recovery.txt";
         DeleteFileW(recoveryOut.c_str());
-        const nvtest::ProcessRun recovery =
-            nvtest::RunProcess(nvtest::QuoteArg(nvtest::ExeDirectory() + L"nvfaults.exe") + L" recover --conversion " +
-                                   nvtest::Widen(ConversionName(conversion)) + L" --out " +
-                                   nvtest::QuoteArg(recoveryOut),
-                               kChildTimeoutMs);
+        const nvtest::ProcessRun recovery = RunSelf(L"recover --conversion " +
+                                                    nvtest::Widen(ConversionName(conversion)) + L" --out " +
+                                                    nvtest::QuoteArg(recoveryOut));
         std::vector<std::string> recoveryLines = ReadLines(recoveryOut);
-        if (recovery.exitCode != 0 || recovery.timedOut)
-            recoveryLines.push_back("recovery process failed (exit " + HexCode(recovery.exitCode) +
-                                    (recovery.timedOut ? ", hung" : "") + ")" + recovery.err);
+        if (!run.started || !recovery.started) {
+            // Not a finding about the library: the sweep cannot go on.
+            std::fprintf(stderr, "nvfaults: the %s process of scenario %s %llu could not be started\n",
+                         run.started ? "recovery" : "conversion", ModeName(mode), static_cast<unsigned long long>(n));
+            harnessFailed = true;
+            return;
+        }
         const Inspection after = world->Inspect();
 
         const CallRecord* first = run.records.empty() ? nullptr : &run.records.front();
@@ -338,8 +357,10 @@ struct Sweep {
         std::vector<std::string> problems;
         std::string notes;
         bool crashed = false;
-        if (run.timedOut && mode == Mode::From && first && first->function == "advapi32.dll!RegEnumKeyExW" &&
-            InFrames(*first, "CollectNameIndex")) {
+        // A hung process writes no record: the planned call (from the clean run) says
+        // where the failures began.
+        if (run.timedOut && mode == Mode::From && planned.function == "advapi32.dll!RegEnumKeyExW" &&
+            InFrames(planned, "CollectNameIndex")) {
             // The 1.0 step lists the domains under Cache by index and skips every index
             // whose enumeration fails, until "no more items": when every call fails
             // from here on, that end never comes.
@@ -354,6 +375,9 @@ struct Sweep {
             ++t.notReached;
             notes += " kill point not reached;";
         }
+        if (recovery.exitCode != 0 || recovery.timedOut)
+            problems.push_back("recovery process failed (exit " + HexCode(recovery.exitCode) +
+                               (recovery.timedOut ? ", hung" : "") + ")" + recovery.err);
         for (const std::string& line : recoveryLines) {
             notes += " " + line + ";";
             if (line.rfind("rollback ", 0) == 0 && line.find("database-unchanged") != std::string::npos &&
@@ -581,7 +605,7 @@ int SweepCommand(const std::map<std::string, std::string>& o)
                 if (n >= rangeFrom && n <= rangeTo && n <= clean.records.size())
                     planned.emplace_back(mode, n);
         const auto sweepStarted = std::chrono::steady_clock::now();
-        for (size_t i = 0; i < planned.size(); ++i) {
+        for (size_t i = 0; i < planned.size() && !sweep.harnessFailed; ++i) {
             sweep.Scenario(planned[i].first, planned[i].second, clean.records[planned[i].second - 1]);
             if ((i + 1) % 100 == 0 || i + 1 == planned.size())
                 Progress(i + 1, planned.size(), planned[i].first, planned[i].second, sweepStarted);
@@ -603,6 +627,10 @@ int SweepCommand(const std::map<std::string, std::string>& o)
             std::printf("  LOST %s\n", line.c_str());
         if (!sweep.lossLines.empty())
             rc = kExitLost;
+        if (sweep.harnessFailed) {
+            rc = kExitSetup;
+            break;
+        }
         std::fflush(stdout);
     }
     std::printf("  %.0f s\n",
