@@ -242,6 +242,13 @@ TEST_F(ToolInputTest, NvtraceGivenFilesThatAreNoTracesSaysWhereTheDamageIs)
         const ProcessRun run = Check(kNvtrace, {path});
         EXPECT_EQ(run.exitCode, 2u) << Narrow(path) << "\n" << run.err;
     }
+    // Devices and folders open but are no traces; the console device would be read
+    // for ever (found by a long random campaign).
+    for (const std::wstring& path : {std::wstring(L"CON"), std::wstring(L"NUL"), m_dir}) {
+        const ProcessRun run = Check(kNvtrace, {path});
+        EXPECT_EQ(run.exitCode, 2u) << Narrow(path) << "\n" << run.err;
+        EXPECT_NE(run.err.find("is not a file"), std::string::npos) << Narrow(path) << "\n" << run.err;
+    }
 }
 
 TEST_F(ToolInputTest, NvtraceSurvivesRandomArgumentsAndFiles)

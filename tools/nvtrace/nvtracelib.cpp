@@ -1,5 +1,10 @@
 #include "nvtracelib.h"
 
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <sys/stat.h>
+#endif
 #include <algorithm>
 #include <cstring>
 #include <fstream>
@@ -228,8 +233,38 @@ DecodedTrace Decode(const std::uint8_t* data, std::size_t size)
     return trace;
 }
 
+namespace {
+
+// False for what opens but is no file: a device such as CON or /dev/tty, a pipe or a
+// folder. Reading one of those would wait for input that never comes (or fail
+// oddly), so the decoder refuses it by name. A path that does not open at all is left
+// to the reader, which says so.
+bool NotAPlainFile(const std::string& path)
+{
+#ifdef _WIN32
+    HANDLE h = ::CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                             nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    if (h == INVALID_HANDLE_VALUE)
+        return false;
+    BY_HANDLE_FILE_INFORMATION info{};
+    const bool plain = ::GetFileType(h) == FILE_TYPE_DISK && ::GetFileInformationByHandle(h, &info) &&
+                       !(info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY);
+    ::CloseHandle(h);
+    return !plain;
+#else
+    struct stat st{};
+    return ::stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode);
+#endif
+}
+
+} // namespace
+
 bool ReadWholeFile(const std::string& path, std::vector<std::uint8_t>& data, std::string& error)
 {
+    if (NotAPlainFile(path)) {
+        error = "'" + path + "' is not a file";
+        return false;
+    }
     std::ifstream in(path, std::ios::binary);
     if (!in) {
         error = "cannot open '" + path + "'";

@@ -174,6 +174,17 @@ TEST(NvtraceCliTest, MissingFile)
     EXPECT_EQ("nvtrace: cannot open '/nonexistent/dir/x.trc3'\n", r.err);
 }
 
+// A device or a folder opens but is no trace: refused at once, not read (a terminal
+// or a pipe would wait for input forever).
+TEST(NvtraceCliTest, DevicesAndFoldersAreRefusedAsNoFile)
+{
+    for (const std::string path : {"/dev/null", "/dev/zero", "/tmp"}) {
+        const CliResult r = RunTool({path});
+        EXPECT_EQ(2, r.code) << path;
+        EXPECT_EQ("nvtrace: '" + path + "' is not a file\n", r.err);
+    }
+}
+
 TEST(NvtraceCliTest, BuiltProgramExitCodesAndMessages)
 {
     const SampleTrace sample = Sample();
