@@ -88,16 +88,6 @@ MsiRun Msiexec(const std::wstring& action)
         << Narrow(PackagePath()) << " is missing: the build makes it with wixl (packages wixl and msitools)";
     ProcessRun process =
         RunProcess(L"msiexec.exe " + action + L" " + QuoteArg(PackagePath()) + L" /qn /l*v " + QuoteArg(log), 300000);
-    // Once in several full test runs Wine's msiexec fails to start at all (its
-    // loader reports STATUS_DLL_INIT_FAILED, and no log is written): such a launch is
-    // made once more, and said so. An installer that ran keeps its result.
-    constexpr DWORD kDllInitFailed = 0xC0000142;
-    if (process.exitCode == kDllInitFailed && ReadLog(log).empty()) {
-        std::fprintf(stderr, "msiexec did not start (0x%08lX, no log); starting it again\n",
-                     static_cast<unsigned long>(process.exitCode));
-        process =
-            RunProcess(L"msiexec.exe " + action + L" " + QuoteArg(PackagePath()) + L" /qn /l*v " + QuoteArg(log), 300000);
-    }
     EXPECT_TRUE(process.started);
     EXPECT_FALSE(process.timedOut);
     run.exitCode = process.exitCode;

@@ -1,5 +1,6 @@
 #include "support/process_runner.h"
 
+#include <cstdio>
 #include <vector>
 
 #include "common/handles.h"
@@ -30,9 +31,7 @@ std::string ReadWhole(HANDLE file)
     return text;
 }
 
-} // namespace
-
-ProcessRun RunProcess(const std::wstring& commandLine, DWORD timeoutMs)
+ProcessRun RunProcessOnce(const std::wstring& commandLine, DWORD timeoutMs)
 {
     ProcessRun run;
     nv::unique_hfile out = CaptureFile(L"pro");
@@ -63,6 +62,23 @@ ProcessRun RunProcess(const std::wstring& commandLine, DWORD timeoutMs)
     ::GetExitCodeProcess(pi.hProcess, &run.exitCode);
     run.out = ReadWhole(out.get());
     run.err = ReadWhole(err.get());
+    return run;
+}
+
+} // namespace
+
+ProcessRun RunProcess(const std::wstring& commandLine, DWORD timeoutMs)
+{
+    // Once in several full test runs under load, Wine's loader fails a child before its
+    // first instruction: STATUS_DLL_INIT_FAILED, not one byte written. Such a launch is
+    // made once more, and said so; a program that ran keeps its result.
+    constexpr DWORD kDllInitFailed = 0xC0000142;
+    ProcessRun run = RunProcessOnce(commandLine, timeoutMs);
+    if (run.started && run.exitCode == kDllInitFailed && run.out.empty() && run.err.empty()) {
+        std::fprintf(stderr, "process did not start (0x%08lX, no output); starting it again: %ls\n",
+                     static_cast<unsigned long>(run.exitCode), commandLine.c_str());
+        run = RunProcessOnce(commandLine, timeoutMs);
+    }
     return run;
 }
 
