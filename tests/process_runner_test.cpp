@@ -1,5 +1,5 @@
-// The process runner of the tool tests: a launch that Wine's loader failed before the
-// program ran is made once more; a program that ran keeps its result.
+// The process runner of the tool tests: a launch that Wine failed before the program
+// ran is made again; a program that ran keeps its result.
 #include <gtest/gtest.h>
 #include <windows.h>
 
@@ -53,14 +53,21 @@ protected:
 
 } // namespace
 
-TEST_F(CountedLaunches, ALoaderFailureWithoutOutputIsLaunchedOnceMore)
+TEST_F(CountedLaunches, ALoaderFailureWithoutOutputIsLaunchedAgainUpToThreeTimes)
 {
     // -1073741502 is STATUS_DLL_INIT_FAILED (0xC0000142) as cmd's exit takes it.
     ProcessRun run = Launch("-1073741502");
     EXPECT_TRUE(run.started);
     EXPECT_EQ(0xC0000142u, run.exitCode);
     EXPECT_EQ("", run.out);
-    EXPECT_EQ(2u, Launches());
+    EXPECT_EQ(3u, Launches());
+}
+
+TEST(ProcessRunnerTest, AProgramThatDoesNotExistIsNotStartedAndItsErrorIsKept)
+{
+    ProcessRun run = RunProcess(L"C:\\nonexistent\\no-such-program.exe");
+    EXPECT_FALSE(run.started);
+    EXPECT_EQ(static_cast<DWORD>(ERROR_FILE_NOT_FOUND), run.startError);
 }
 
 TEST_F(CountedLaunches, AProgramThatRanAndFailedKeepsItsResult)

@@ -216,22 +216,12 @@ struct ChildOutcome {
     std::vector<CallRecord> records;
 };
 
-// Starts this program again with the arguments. Now and then Wine fails to start a
-// process at all (CreateProcess fails; seen twice in 16,000 starts): such a start is
-// tried again, up to three times, before it counts as not started.
+// Starts this program again with the arguments (a launch that Wine fails before the
+// program runs is made again by the process runner).
 nvtest::ProcessRun RunSelf(const std::wstring& args)
 {
-    const std::wstring command = nvtest::QuoteArg(nvtest::ExeDirectory() + L"nvfaults.exe") + L" " + args;
-    nvtest::ProcessRun run;
-    for (int attempt = 0; attempt < 3; ++attempt) {
-        run = nvtest::RunProcess(command, kChildTimeoutMs);
-        if (run.started)
-            break;
-        std::fprintf(stderr, "nvfaults: could not start %ls (error %lu); trying again\n", args.c_str(),
-                     GetLastError());
-        Sleep(200);
-    }
-    return run;
+    return nvtest::RunProcess(nvtest::QuoteArg(nvtest::ExeDirectory() + L"nvfaults.exe") + L" " + args,
+                              kChildTimeoutMs);
 }
 
 ChildOutcome RunChild(const std::wstring& args, const std::wstring& out)

@@ -9,6 +9,7 @@ namespace nvtest {
 
 struct ProcessRun {
     bool started = false;
+    DWORD startError = 0; // GetLastError of a CreateProcessW that failed
     DWORD exitCode = 0xdeadbeef;
     bool timedOut = false;
     std::string out; // bytes as written
@@ -17,6 +18,9 @@ struct ProcessRun {
 
 // commandLine is passed to CreateProcessW as it stands (quote the program path).
 // A child still running after timeoutMs is terminated and reported as timed out.
+// A launch that Wine failed before the program ran (CreateProcessW answering
+// ERROR_INTERNAL_ERROR, or the loader's STATUS_DLL_INIT_FAILED with not one byte
+// written) is made again, up to three launches, and said so on standard error.
 ProcessRun RunProcess(const std::wstring& commandLine, DWORD timeoutMs = 120000);
 
 // Quotes one argument for the command line of a program using the usual rules.
