@@ -316,8 +316,6 @@ int wmain(int argc, wchar_t** argv)
 
     g_blocks = static_cast<Block*>(::VirtualAlloc(nullptr, kMaxBlocks * sizeof(Block), MEM_RESERVE | MEM_COMMIT,
                                                   PAGE_READWRITE));
-
-
     ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
 
     wchar_t exe[MAX_PATH];
