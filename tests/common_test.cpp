@@ -190,6 +190,45 @@ TEST_F(RegKeyTest, DwordReaderRefusesOtherTypes)
     EXPECT_EQ(0xDEADBEEFu, v);
 }
 
+TEST_F(RegKeyTest, BinaryReaderReadsSmallAndLargeValuesExactly)
+{
+    const std::vector<BYTE> small{1, 2, 3};
+    std::vector<BYTE> large(nv::kFirstBinaryReadBytes + 1000);
+    for (size_t i = 0; i < large.size(); ++i)
+        large[i] = static_cast<BYTE>(i * 7);
+    SetBinary(L"SOFTWARE\\Norvane", L"small", small, kView64);
+    SetBinary(L"SOFTWARE\\Norvane", L"large", large, kView64);
+    SetBinary(L"SOFTWARE\\Norvane", L"empty", {}, kView64);
+    nv::CNVRegKey key;
+    ASSERT_EQ(ERROR_SUCCESS, key.Open(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane", KEY_READ));
+    std::vector<BYTE> out;
+    ASSERT_EQ(ERROR_SUCCESS, nv::QueryBinaryValue(key, L"small", out));
+    EXPECT_EQ(small, out);
+    // A buffer that comes too small for the value takes its size and reads it again.
+    out.assign(2, 0xEE);
+    ASSERT_EQ(ERROR_SUCCESS, nv::QueryBinaryValue(key, L"large", out));
+    EXPECT_EQ(large, out);
+    out.clear();
+    ASSERT_EQ(ERROR_SUCCESS, nv::QueryBinaryValue(key, L"empty", out));
+    EXPECT_TRUE(out.empty());
+}
+
+TEST_F(RegKeyTest, BinaryReaderRefusesOtherTypesOfAnySizeAndReportsAMissingValue)
+{
+    SetString(L"SOFTWARE\\Norvane", L"sz", L"1", kView64);
+    SetBinary(L"SOFTWARE\\Norvane", L"largeSz", std::vector<BYTE>(nv::kFirstBinaryReadBytes * 2, 'a'), kView64,
+              REG_SZ);
+    SetDword(L"SOFTWARE\\Norvane", L"dw", 5, kView64);
+    nv::CNVRegKey key;
+    ASSERT_EQ(ERROR_SUCCESS, key.Open(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane", KEY_READ));
+    for (const wchar_t* name : {L"sz", L"largeSz", L"dw"}) {
+        std::vector<BYTE> out;
+        EXPECT_EQ(ERROR_INVALID_DATA, nv::QueryBinaryValue(key, name, out)) << Narrow(name);
+    }
+    std::vector<BYTE> out;
+    EXPECT_EQ(ERROR_FILE_NOT_FOUND, nv::QueryBinaryValue(key, L"missing", out));
+}
+
 TEST(CryptBlobTest, AssignCopiesAndReassignmentFreesTheOldData)
 {
     const BYTE a[] = {1, 2, 3};

@@ -218,3 +218,49 @@ TEST_F(ConversionScopeTest, TheLocalStoreNameIsKeptOnlyWhenTheServersTypeWasRead
     EXPECT_GT(g_serverCalls, before);
     CNVDBRegSet::s_netApi = saved;
 }
+
+// "Version" of the database in the 32-bit view; "" when it is missing.
+std::wstring DatabaseVersion()
+{
+    std::wstring v;
+    return GetString(L"SOFTWARE\\Norvane\\DB", L"Version", kView32, &v) ? v : L"";
+}
+
+TEST_F(ConversionScopeTest, TheDatabaseIsCheckedAndStampedAtTheFirstOpenOfAScopeOnly)
+{
+    const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
+    const wchar_t kUsers[] = L"SOFTWARE\\Norvane\\DB\\MainDB\\Users";
+    {
+        CConversionScope scope;
+        CNVDBRegSet first;
+        ASSERT_EQ(S_OK, first.Open(CHostName(), 7));
+        EXPECT_EQ(7u, first.GetUserListValue());
+        EXPECT_EQ(L"2.1", DatabaseVersion());
+        // Changed behind the scope's back: a later open in the scope relies on what the
+        // first one found and made.
+        SetString(kDb, L"Version", L"9.9", kView32);
+        SetDword(kUsers, L"", 3, kView32);
+        CNVDBRegSet second;
+        ASSERT_EQ(S_OK, second.Open(CHostName(), 0));
+        EXPECT_EQ(7u, second.GetUserListValue());
+        EXPECT_EQ(L"9.9", DatabaseVersion());
+        // Another store's users path is checked on its own.
+        CNVDBRegSet other;
+        ASSERT_EQ(S_OK, other.Open(L"OTHERHOST", 5));
+        EXPECT_EQ(5u, other.GetUserListValue());
+        EXPECT_EQ(L"2.1", DatabaseVersion());
+    }
+    // A new scope, and no scope, check everything again.
+    SetString(kDb, L"Version", L"9.9", kView32);
+    {
+        CConversionScope scope;
+        CNVDBRegSet again;
+        ASSERT_EQ(S_OK, again.Open(CHostName(), 0));
+        EXPECT_EQ(3u, again.GetUserListValue());
+        EXPECT_EQ(L"2.1", DatabaseVersion());
+    }
+    SetString(kDb, L"Version", L"9.9", kView32);
+    CNVDBRegSet unscoped;
+    ASSERT_EQ(S_OK, unscoped.Open(CHostName(), 0));
+    EXPECT_EQ(L"2.1", DatabaseVersion());
+}

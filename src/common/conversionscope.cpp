@@ -96,4 +96,22 @@ void CConversionScope::RememberName(Name which, const std::wstring& name)
     }
 }
 
+bool CConversionScope::FindOpenedDatabase(const std::wstring& usersPath, DWORD* userList)
+{
+    const CConversionScope* scope = Current();
+    if (!scope || !scope->m_databaseOpened || scope->m_openedUsersPath != usersPath)
+        return false;
+    *userList = scope->m_openedUserList;
+    return true;
+}
+
+void CConversionScope::RememberOpenedDatabase(const std::wstring& usersPath, DWORD userList)
+{
+    if (CConversionScope* scope = Current()) {
+        scope->m_openedUsersPath = usersPath;
+        scope->m_openedUserList = userList;
+        scope->m_databaseOpened = true;
+    }
+}
+
 } // namespace nv

@@ -15,6 +15,10 @@
 //     SystemOrAdministrator) is read from its token once.
 //   - The computer's name, and the name of the machine's own user store (the
 //     computer's name, or the domain's on a domain controller), are found once.
+//   - The legacy database's access object, opened once for every user, checks its
+//     users path, data path and "Version" stamp, and reads the users path's value,
+//     only the first time: what it found is kept for that users path. Nothing in a
+//     conversion changes them until the conversion has ended.
 //
 // An answer that cannot be found (a failed call) is not kept: the next question
 // asks again. Without a scope every call does all of it itself. Scopes nest: the
@@ -41,6 +45,10 @@ public:
     enum class Name { Computer, LocalStore };
     static bool FindName(Name which, std::wstring* name);
     static void RememberName(Name which, const std::wstring& name);
+    // The users path's value as the first open of that users path found it, the
+    // paths and the stamp being in place.
+    static bool FindOpenedDatabase(const std::wstring& usersPath, DWORD* userList);
+    static void RememberOpenedDatabase(const std::wstring& usersPath, DWORD userList);
 
 private:
     static CConversionScope* Current() noexcept;
@@ -51,6 +59,9 @@ private:
     bool m_privileged = false;
     bool m_nameKnown[2] = {};
     std::wstring m_names[2];
+    bool m_databaseOpened = false;
+    std::wstring m_openedUsersPath;
+    DWORD m_openedUserList = 0;
 };
 
 } // namespace nv

@@ -64,4 +64,32 @@ LONG SetStringValue(HKEY key, const wchar_t* name, const wchar_t* value, DWORD t
 // REG_DWORD reader: fails with ERROR_INVALID_DATA for any other type or size.
 LONG QueryDwordValue(HKEY key, const wchar_t* name, DWORD* value) noexcept;
 
+// REG_BINARY reader with as few queries as it takes: the first one offers the buffer
+// as it comes (kFirstBinaryReadBytes when it comes empty), and only a larger value is
+// read again after the buffer took the size the first query reported. On success the
+// buffer holds exactly the value's bytes. Any other type is ERROR_INVALID_DATA,
+// whichever query saw it; other failures are the query's own code. Buffer: a
+// byte vector or anything with resize, data and size.
+inline constexpr DWORD kFirstBinaryReadBytes = 4096;
+template <class Buffer>
+LONG QueryBinaryValue(HKEY key, const wchar_t* name, Buffer& buffer)
+{
+    if (buffer.size() == 0)
+        buffer.resize(kFirstBinaryReadBytes);
+    DWORD type = REG_NONE;
+    DWORD cb = static_cast<DWORD>(buffer.size());
+    LONG r = ::RegQueryValueExW(key, name, nullptr, &type, buffer.data(), &cb);
+    if ((r == ERROR_SUCCESS || r == ERROR_MORE_DATA) && type != REG_BINARY)
+        return ERROR_INVALID_DATA;
+    if (r == ERROR_MORE_DATA) {
+        buffer.resize(cb);
+        r = ::RegQueryValueExW(key, name, nullptr, &type, buffer.data(), &cb);
+        if (r == ERROR_SUCCESS && type != REG_BINARY)
+            return ERROR_INVALID_DATA;
+    }
+    if (r == ERROR_SUCCESS)
+        buffer.resize(cb);
+    return r;
+}
+
 } // namespace nv

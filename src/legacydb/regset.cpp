@@ -154,36 +154,45 @@ HRESULT CNVDBRegSet::Open(const wchar_t* wszName, DWORD dwInitialValue)
 
         CriticalSectionLock lock(m_cs);
         DWORD userList = dwInitialValue;
-        {
-            nv::CNVRegKey key;
-            if (key.Open(HKEY_LOCAL_MACHINE, usersPath.c_str(), kReadWriteMask) == ERROR_SUCCESS) {
-                DWORD value = 0;
-                if (nv::QueryDwordValue(key, nullptr, &value) == ERROR_SUCCESS)
-                    userList = value;
-            } else {
-                nv::ThrowIfWin32Failed(key.Create(HKEY_LOCAL_MACHINE, usersPath.c_str(), kAllAccessMask));
-                ::RegSetValueExW(key, nullptr, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&dwInitialValue),
-                                 sizeof(dwInitialValue));
-                CBaseConverter::GrantFullAccess(key, kUsersAccess);
+        // Within a conversion the paths and the stamp are checked for the first user
+        // only; every later one finds them as that check left them.
+        if (!nv::CConversionScope::FindOpenedDatabase(usersPath, &userList)) {
+            bool stamped = true;
+            {
+                nv::CNVRegKey key;
+                if (key.Open(HKEY_LOCAL_MACHINE, usersPath.c_str(), kReadWriteMask) == ERROR_SUCCESS) {
+                    DWORD value = 0;
+                    if (nv::QueryDwordValue(key, nullptr, &value) == ERROR_SUCCESS)
+                        userList = value;
+                } else {
+                    nv::ThrowIfWin32Failed(key.Create(HKEY_LOCAL_MACHINE, usersPath.c_str(), kAllAccessMask));
+                    ::RegSetValueExW(key, nullptr, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&dwInitialValue),
+                                     sizeof(dwInitialValue));
+                    CBaseConverter::GrantFullAccess(key, kUsersAccess);
+                }
             }
-        }
-        {
-            nv::CNVRegKey key;
-            if (key.Open(HKEY_LOCAL_MACHINE, dataPath.c_str(), kReadWriteMask) != ERROR_SUCCESS) {
-                nv::ThrowIfWin32Failed(key.Create(HKEY_LOCAL_MACHINE, dataPath.c_str(), kAllAccessMask));
-                CBaseConverter::GrantFullAccess(key, kUsersAccess);
+            {
+                nv::CNVRegKey key;
+                if (key.Open(HKEY_LOCAL_MACHINE, dataPath.c_str(), kReadWriteMask) != ERROR_SUCCESS) {
+                    nv::ThrowIfWin32Failed(key.Create(HKEY_LOCAL_MACHINE, dataPath.c_str(), kAllAccessMask));
+                    CBaseConverter::GrantFullAccess(key, kUsersAccess);
+                }
             }
-        }
-        {
-            nv::CNVRegKey key;
-            nv::ThrowIfWin32Failed(key.Open(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, kAllAccessMask));
-            wchar_t version[MAX_PATH] = {};
-            ULONG cch = MAX_PATH;
-            if (nv::QueryStringValue(key, L"Version", version, &cch) != ERROR_SUCCESS ||
-                std::wcscmp(version, kVersionStamp) != 0) {
-                NVTraceNS::Trace(scope, 0, "writing new version number: <%ls>", kVersionStamp);
-                nv::SetStringValue(key, L"Version", kVersionStamp);
+            {
+                nv::CNVRegKey key;
+                nv::ThrowIfWin32Failed(key.Open(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, kAllAccessMask));
+                wchar_t version[MAX_PATH] = {};
+                ULONG cch = MAX_PATH;
+                if (nv::QueryStringValue(key, L"Version", version, &cch) != ERROR_SUCCESS ||
+                    std::wcscmp(version, kVersionStamp) != 0) {
+                    NVTraceNS::Trace(scope, 0, "writing new version number: <%ls>", kVersionStamp);
+                    // Its result is not looked at; a stamp that did not take is tried
+                    // again at the next open.
+                    stamped = nv::SetStringValue(key, L"Version", kVersionStamp) == ERROR_SUCCESS;
+                }
             }
+            if (stamped)
+                nv::CConversionScope::RememberOpenedDatabase(usersPath, userList);
         }
 
         m_hRoot = HKEY_LOCAL_MACHINE;
@@ -230,29 +239,15 @@ HRESULT CNVDBRegSet::ReadAnyField(const wchar_t* wszSubkey, const wchar_t* wszVa
         }
         nv::ThrowIfWin32Failed(r);
 
-        DWORD type = REG_NONE, cb = 0;
-        r = ::RegQueryValueExW(key, wszValue, nullptr, &type, nullptr, &cb);
+        // A field of the usual size takes one query; a larger one a second.
+        std::vector<BYTE> buffer;
+        r = nv::QueryBinaryValue(key, wszValue, buffer);
         if (r == ERROR_FILE_NOT_FOUND) {
             NVTraceNS::Trace(scope, 0, "field not found");
             return S_FALSE;
         }
-        if (r == ERROR_SUCCESS) {
-            if (type != REG_BINARY)
-                nv::ThrowHr(nv::HResultFromWin32(ERROR_INVALID_DATA));
-        } else if (r != ERROR_MORE_DATA) {
-            nv::ThrowIfWin32Failed(r);
-        }
-
-        // Temporary of the reported size, rounded up to 16 bytes.
-        nv::CCryptBlob buffer;
-        buffer.Allocate((cb + 15) & ~DWORD(15));
-        DWORD cbRead = cb;
-        r = ::RegQueryValueExW(key, wszValue, nullptr, &type, buffer.pbData, &cbRead);
         nv::ThrowIfWin32Failed(r);
-        if (type != REG_BINARY)
-            nv::ThrowHr(nv::HResultFromWin32(ERROR_INVALID_DATA));
-
-        blob.Assign(buffer.pbData, cbRead);
+        blob.Assign(buffer.data(), static_cast<DWORD>(buffer.size()));
         NVTraceNS::Trace(scope, 0, "field read ok");
         return S_OK;
     });

@@ -203,19 +203,8 @@ HRESULT CLocalDBUserExtractor::EnumerateUsers(NV_USER_RECORD** ppUsers, DWORD* p
                 continue;
             }
 
-            DWORD type = REG_NONE, cb = 0;
-            r = ::RegQueryValueExW(user, nullptr, nullptr, &type, nullptr, &cb);
-            if (r == ERROR_SUCCESS && type != REG_BINARY)
-                r = ERROR_INVALID_DATA;
             Bytes value;
-            if (r == ERROR_SUCCESS) {
-                value.resize(cb);
-                DWORD cbRead = cb;
-                r = ::RegQueryValueExW(user, nullptr, nullptr, &type, value.data(), &cbRead);
-                if (r == ERROR_SUCCESS && type != REG_BINARY)
-                    r = ERROR_INVALID_DATA;
-                value.resize(cbRead);
-            }
+            r = nv::QueryBinaryValue(user, nullptr, value);
             if (r != ERROR_SUCCESS) {
                 NVTraceNS::Trace(scope, 0, "cannot get data from key: <%ls>", name);
                 NVTraceNS::TraceResult(scope, "", nv::HResultFromWin32(r));
