@@ -7,7 +7,7 @@
 // the library's own code.
 //
 //   api_profile [--conversion 1.0|2.0] [--users N] [--key-bits N] [--host-key-bits N] [--seed N]
-//               [--policy default|strict] [--top N] [--opens on|off]
+//               [--policy default|strict] [--top N] [--opens on|off] [--calls on|off]
 //
 // --conversion: 1.0 (a legacy 1.0 database, converted to 2.0) or 2.0 (default; a 2.0
 // database converted into the reference store). --key-bits: the size of the user key
@@ -15,7 +15,9 @@
 // --host-key-bits: the size of the machine's key-exchange key (default: the legacy
 // writer's, 2048); a small one leaves the registry and COM work in view. --top: how
 // many functions (and opened keys) to list (default 25). --opens on: also count the
-// keys the library opens, by root, access and path.
+// keys the library opens, by root, access and path. --calls on: print every registry,
+// security and CryptoAPI call as it is made ("call <name>", an open with its root,
+// access, path and result); with a few users it shows what one user costs.
 //
 // Timing wrappers cost about a microsecond a call, which the figures include; the
 // counts are exact. Time inside CoCreateInstance and CoGetClassObject includes what
@@ -93,6 +95,15 @@ private:
     NVSTORE_COUNTERS m_before{};
 };
 
+// --calls on: every registry, security and CryptoAPI call in order, one line each.
+bool g_sequence = false;
+
+bool InSequence(const char* name) noexcept
+{
+    return g_sequence && (!std::strncmp(name, "Reg", 3) || !std::strncmp(name, "Crypt", 5) ||
+                          !std::strcmp(name, "SetSecurityInfo"));
+}
+
 // One wrapper per imported function, made from its declared type: it times the call
 // and hands every argument and the result through unchanged (QueryPerformanceCounter
 // leaves the last error alone).
@@ -104,6 +115,8 @@ struct Timed<I, R(WINAPI*)(A...)> {
     {
         using Fn = R(WINAPI*)(A...);
         Stat& s = g_stats[I];
+        if (InSequence(s.name))
+            std::printf("call %s\n", s.name);
         const StoreTicksDuring store(std::strcmp(s.name, "CoCreateInstance") == 0 ||
                                      std::strcmp(s.name, "CoGetClassObject") == 0);
         LARGE_INTEGER t0, t1;
@@ -185,6 +198,12 @@ LSTATUS WINAPI CountedRegOpenKeyExW(HKEY root, LPCWSTR path, DWORD options, REGS
     ::QueryPerformanceCounter(&t1);
     ++s.calls;
     s.ticks += static_cast<ULONGLONG>(t1.QuadPart - t0.QuadPart);
+    if (g_sequence) {
+        const DWORD error = ::GetLastError();
+        std::printf("call RegOpenKeyExW %ls 0x%05lX %ls -> %ld\n", root == HKEY_LOCAL_MACHINE ? L"HKLM" : L"key",
+                    static_cast<unsigned long>(access), path ? path : L"(null)", static_cast<long>(r));
+        ::SetLastError(error);
+    }
     if (g_opens) {
         const DWORD error = ::GetLastError();
         wchar_t prefix[48];
@@ -207,6 +226,7 @@ struct Options {
     bool strict = false;
     unsigned top = 25;
     bool opens = false;
+    bool calls = false;
 };
 
 bool ParseArgs(int argc, char** argv, Options& o)
@@ -227,6 +247,8 @@ bool ParseArgs(int argc, char** argv, Options& o)
             o.strict = !std::strcmp(v, "strict");
         else if (!std::strcmp(argv[i], "--opens") && (!std::strcmp(v, "on") || !std::strcmp(v, "off")))
             o.opens = !std::strcmp(v, "on");
+        else if (!std::strcmp(argv[i], "--calls") && (!std::strcmp(v, "on") || !std::strcmp(v, "off")))
+            o.calls = !std::strcmp(v, "on");
         else if (!std::strcmp(argv[i], "--top"))
             o.top = static_cast<unsigned>(std::strtoul(v, nullptr, 10));
         else
@@ -256,13 +278,14 @@ int main(int argc, char** argv)
     Options options;
     if (!ParseArgs(argc, argv, options)) {
         std::fprintf(stderr, "usage: api_profile [--conversion 1.0|2.0] [--users N] [--key-bits N] [--host-key-bits N] [--seed N] "
-                             "[--policy default|strict] [--top N] [--opens on|off]\n");
+                             "[--policy default|strict] [--top N] [--opens on|off] [--calls on|off]\n");
         return 2;
     }
     g_stats = g_table;
     std::map<std::wstring, OpenStat> opens;
     if (options.opens)
         g_opens = &opens;
+    g_sequence = options.calls;
     if (FAILED(::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)))
         return 1;
 

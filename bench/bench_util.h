@@ -83,6 +83,16 @@ inline void Row(const char* figure, double ours, double floor, const char* goal,
     std::fflush(stdout);
 }
 
+// One figure whose ratio is measured pair by pair: the median of the ratios of
+// conversions that ran next to each other, which a slow drift of the machine over
+// the run moves less than a ratio of two medians. ours and floor are the medians.
+inline void PairedRow(const char* figure, double ours, double floor, double ratio, const char* goal,
+                      const char* unit)
+{
+    std::printf("ROW,%s,%.3f,%.3f,%.3f,%s,%s\n", figure, ours, floor, ratio, goal, unit);
+    std::fflush(stdout);
+}
+
 // A point of a scaling curve: users, then named per-user figures in ms.
 inline void CurvePoint(unsigned users, double total, double library, double floor, double store)
 {

@@ -6,7 +6,7 @@
 // under the user's public key, import that key).
 //
 //   convert20_bench [--users N[,N...]] [--policies default|strict|default,strict]
-//                   [--repeat N] [--key-bits N] [--host-key-bits N] [--seed N]
+//                   [--repeat N[,N...]] [--key-bits N] [--host-key-bits N] [--seed N]
 //                   [--trace FILE]
 //
 // --users: database sizes, smallest first; the first is the base of the scaling
@@ -14,14 +14,16 @@
 //   HKLM\SOFTWARE\Norvane\Policies\Default: "default" removes "StrictConversion",
 //   "strict" sets it to 1; with both, the first size is converted under each, one
 //   after the other, and the strict run is shown against the default one (the other
-//   sizes under the first policy given). --repeat: how often the first size is
-//   converted under each policy (the policies alternate, and the figures are the
-//   medians; default 3). --key-bits: the size of the users' key pairs that the store
-//   generates (its UserKeyBits; 2048 is the store's own default). --host-key-bits: the
-//   size of the machine's key-exchange key (default: the legacy writer's, 2048); a
-//   small one leaves the library's registry and COM work in view. --trace: the
-//   conversion writes a trace at verbosity 10 into FILE (a Windows path), for finding
-//   where the time goes; it costs time itself.
+//   sizes under the first policy given). --repeat: how often each size is converted,
+//   in the order of --users, the last count holding for the sizes after it (default
+//   3); the first size's conversions alternate the policies. Every figure of a size
+//   is the median of its conversions, each with its own floor loop right after it.
+//   --key-bits: the size of the users' key pairs that the store generates (its
+//   UserKeyBits; 2048 is the store's own default). --host-key-bits: the size of the
+//   machine's key-exchange key (default: the legacy writer's, 2048); a small one
+//   leaves the library's registry and COM work in view. --trace: the conversion
+//   writes a trace at verbosity 10 into FILE (a Windows path), for finding where the
+//   time goes; it costs time itself.
 //
 // Each conversion runs in a child process of its own (this program with
 // --convert-child), the way an installer loads the library: the peak private memory
@@ -64,7 +66,7 @@ constexpr char kFloorChildArg[] = "--floor-child";
 struct Options {
     std::vector<unsigned> sizes{100, 2000};
     std::vector<bool> strict{false};
-    unsigned repeat = 3;
+    std::vector<unsigned> repeat{3}; // per size; the last one holds for the sizes after it
     DWORD keyBits = 2048;
     DWORD hostKeyBits = 0; // the legacy writer's, the product's size
     unsigned long long seed = 1;
@@ -479,8 +481,8 @@ bool ParseArgs(int argc, char** argv, Options& o)
             else
                 return false;
         } else if (!std::strcmp(argv[i], "--repeat")) {
-            o.repeat = static_cast<unsigned>(std::strtoul(v, nullptr, 10));
-            if (o.repeat == 0)
+            o.repeat = ParseList(v);
+            if (o.repeat.empty() || std::count(o.repeat.begin(), o.repeat.end(), 0u) != 0)
                 return false;
         } else if (!std::strcmp(argv[i], "--host-key-bits")) {
             o.hostKeyBits = static_cast<DWORD>(std::strtoul(v, nullptr, 10));
@@ -498,6 +500,8 @@ bool ParseArgs(int argc, char** argv, Options& o)
 }
 
 const char* PolicyName(bool strict) { return strict ? "strict" : "default"; }
+
+unsigned RepeatOf(const Options& o, size_t size) { return o.repeat[std::min(size, o.repeat.size() - 1)]; }
 
 // The medians of several runs of one size and policy.
 RunResult Medians(const std::vector<RunResult>& runs)
@@ -546,7 +550,7 @@ int main(int argc, char** argv)
     Options options;
     if (!ParseArgs(argc, argv, options)) {
         std::fprintf(stderr, "usage: convert20_bench [--users N[,N...]] [--policies default|strict|default,strict] "
-                             "[--repeat N] [--key-bits N] [--host-key-bits N] [--seed N] [--trace FILE]\n");
+                             "[--repeat N[,N...]] [--key-bits N] [--host-key-bits N] [--seed N] [--trace FILE]\n");
         return 2;
     }
     if (FAILED(::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) {
@@ -554,11 +558,11 @@ int main(int argc, char** argv)
         return 1;
     }
 
-    // The first size under every policy, repeat times, the policies alternating so
-    // that neither always runs first; then every other size once, under the first.
+    // The first size under every policy, the policies alternating so that neither
+    // always runs first; then every other size under the first policy.
     const unsigned baseUsers = options.sizes.front();
     std::vector<std::vector<RunResult>> baseRuns(options.strict.size());
-    for (unsigned rep = 0; rep < options.repeat; ++rep) {
+    for (unsigned rep = 0; rep < RepeatOf(options, 0); ++rep) {
         for (size_t k = 0; k < options.strict.size(); ++k) {
             const size_t p = rep % 2 ? options.strict.size() - 1 - k : k;
             RunResult r;
@@ -574,12 +578,16 @@ int main(int argc, char** argv)
         base.push_back(Medians(runs));
     std::vector<RunResult> larger;
     for (size_t s = 1; s < options.sizes.size(); ++s) {
-        RunResult r;
-        if (!RunAndReport(options, options.sizes[s], options.strict.front(), r)) {
-            ::CoUninitialize();
-            return 1;
+        std::vector<RunResult> runs;
+        for (unsigned rep = 0; rep < RepeatOf(options, s); ++rep) {
+            RunResult r;
+            if (!RunAndReport(options, options.sizes[s], options.strict.front(), r)) {
+                ::CoUninitialize();
+                return 1;
+            }
+            runs.push_back(r);
         }
-        larger.push_back(r);
+        larger.push_back(Medians(runs));
     }
     ::CoUninitialize();
 
@@ -596,7 +604,7 @@ int main(int argc, char** argv)
         const char* policy = PolicyName(options.strict[p]);
         std::snprintf(figure, sizeof(figure),
                       "2.0->3.0 %u users %s: library per user (floor CryptoAPI loop; medians of %u)", baseUsers,
-                      policy, options.repeat);
+                      policy, RepeatOf(options, 0));
         nvbench::Row(figure, r.libraryMs, r.floorMs, "<=1.15", "ms/user");
         std::snprintf(figure, sizeof(figure), "2.0->3.0 %u users %s: total per user", baseUsers, policy);
         nvbench::Row(figure, r.totalMs, 0, "-", "ms/user");
@@ -616,8 +624,8 @@ int main(int argc, char** argv)
         std::snprintf(figure, sizeof(figure), "2.0->3.0 %u users: library per user (anchor %u users)",
                       options.sizes[s], baseUsers);
         nvbench::Row(figure, r.libraryMs, base.front().libraryMs, "<=1.10", "ms/user");
-        std::snprintf(figure, sizeof(figure), "2.0->3.0 %u users: library per user (floor CryptoAPI loop)",
-                      options.sizes[s]);
+        std::snprintf(figure, sizeof(figure), "2.0->3.0 %u users: library per user (floor CryptoAPI loop; medians of %u)",
+                      options.sizes[s], RepeatOf(options, s));
         nvbench::Row(figure, r.libraryMs, r.floorMs, "<=1.15", "ms/user");
         std::snprintf(figure, sizeof(figure), "2.0->3.0 %u users: total per user (anchor %u users)",
                       options.sizes[s], baseUsers);

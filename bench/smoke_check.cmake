@@ -30,14 +30,14 @@ foreach(figure
         "1.0->2.0 Convert 200 users \\(floor RegCopyTreeW\\+RegDeleteTreeW\\),[0-9.]+,[0-9.]+,[0-9.]+"
         "backup copy CopyKey \\(anchor RegCopyTreeW\\),[0-9.]+,[0-9.]+,[0-9.]+"
         "cleanup delete DeleteKey \\(anchor RegDeleteTreeW\\),[0-9.]+,[0-9.]+,[0-9.]+"
-        "Convert tracing off \\(anchor no Tracing key\\),[0-9.]+,[0-9.]+,[0-9.]+"
-        "Convert tracing on v10 file \\(anchor tracing off\\),[0-9.]+,[0-9.]+,[0-9.]+"
+        "Convert tracing off \\(anchor no Tracing key; median of run ratios\\),[0-9.]+,[0-9.]+,[0-9.]+"
+        "Convert tracing on v10 file \\(anchor tracing off; median of run ratios\\),[0-9.]+,[0-9.]+,[0-9.]+"
         "3 users default: library per user \\(floor CryptoAPI loop; medians of 1\\),[0-9.]+,[0-9.]+,[0-9.]+"
         "3 users strict: library per user \\(floor CryptoAPI loop; medians of 1\\),[0-9.]+,[0-9.]+,[0-9.]+"
         "3 users default: store's share per user"
         "strict library per user \\(anchor default\\),[0-9.]+,[0-9.]+,[0-9.]+"
         "6 users: library per user \\(anchor 3 users\\),[0-9.]+,[0-9.]+,[0-9.]+"
-        "6 users: library per user \\(floor CryptoAPI loop\\),[0-9.]+,[0-9.]+,[0-9.]+"
+        "6 users: library per user \\(floor CryptoAPI loop; medians of 1\\),[0-9.]+,[0-9.]+,[0-9.]+"
         "6 users: peak private memory of the conversion process,[0-9.]+")
     if(NOT csv MATCHES "${figure}")
         string(APPEND missing "\n  ${figure}")
