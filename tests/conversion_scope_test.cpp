@@ -219,6 +219,8 @@ TEST_F(ConversionScopeTest, TheLocalStoreNameIsKeptOnlyWhenTheServersTypeWasRead
     CNVDBRegSet::s_netApi = saved;
 }
 
+namespace {
+
 // "Version" of the database in the 32-bit view; "" when it is missing.
 std::wstring DatabaseVersion()
 {
@@ -226,41 +228,39 @@ std::wstring DatabaseVersion()
     return GetString(L"SOFTWARE\\Norvane\\DB", L"Version", kView32, &v) ? v : L"";
 }
 
+// Opens the database for the named store and checks the users path's value that the
+// open reports and the "Version" it leaves.
+void ExpectOpen(const std::wstring& store, DWORD initial, DWORD userList, const wchar_t* version)
+{
+    CNVDBRegSet set;
+    ASSERT_EQ(S_OK, set.Open(store.c_str(), initial));
+    EXPECT_EQ(userList, set.GetUserListValue());
+    EXPECT_EQ(version, DatabaseVersion());
+}
+
+} // namespace
+
 TEST_F(ConversionScopeTest, TheDatabaseIsCheckedAndStampedAtTheFirstOpenOfAScopeOnly)
 {
     const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
-    const wchar_t kUsers[] = L"SOFTWARE\\Norvane\\DB\\MainDB\\Users";
+    const std::wstring host = CHostName().str();
     {
         CConversionScope scope;
-        CNVDBRegSet first;
-        ASSERT_EQ(S_OK, first.Open(CHostName(), 7));
-        EXPECT_EQ(7u, first.GetUserListValue());
-        EXPECT_EQ(L"2.1", DatabaseVersion());
+        ExpectOpen(host, 7, 7, L"2.1");
         // Changed behind the scope's back: a later open in the scope relies on what the
         // first one found and made.
         SetString(kDb, L"Version", L"9.9", kView32);
-        SetDword(kUsers, L"", 3, kView32);
-        CNVDBRegSet second;
-        ASSERT_EQ(S_OK, second.Open(CHostName(), 0));
-        EXPECT_EQ(7u, second.GetUserListValue());
-        EXPECT_EQ(L"9.9", DatabaseVersion());
+        SetDword(L"SOFTWARE\\Norvane\\DB\\MainDB\\Users", L"", 3, kView32);
+        ExpectOpen(host, 0, 7, L"9.9");
         // Another store's users path is checked on its own.
-        CNVDBRegSet other;
-        ASSERT_EQ(S_OK, other.Open(L"OTHERHOST", 5));
-        EXPECT_EQ(5u, other.GetUserListValue());
-        EXPECT_EQ(L"2.1", DatabaseVersion());
+        ExpectOpen(L"OTHERHOST", 5, 5, L"2.1");
     }
     // A new scope, and no scope, check everything again.
     SetString(kDb, L"Version", L"9.9", kView32);
     {
         CConversionScope scope;
-        CNVDBRegSet again;
-        ASSERT_EQ(S_OK, again.Open(CHostName(), 0));
-        EXPECT_EQ(3u, again.GetUserListValue());
-        EXPECT_EQ(L"2.1", DatabaseVersion());
+        ExpectOpen(host, 0, 3, L"2.1");
     }
     SetString(kDb, L"Version", L"9.9", kView32);
-    CNVDBRegSet unscoped;
-    ASSERT_EQ(S_OK, unscoped.Open(CHostName(), 0));
-    EXPECT_EQ(L"2.1", DatabaseVersion());
+    ExpectOpen(host, 0, 3, L"2.1");
 }
