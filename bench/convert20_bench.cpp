@@ -3,7 +3,8 @@
 // that its key-pair generation) and the library's own, beside a floor measured in the
 // same run: a loop that does only the CryptoAPI work the format asks for, for the
 // same users and secrets (unseal the user record, open each secret, seal each secret
-// under the user's public key, import that key).
+// under the user's public key, import that key), once right before the conversion and
+// once right after it; the floor is the mean of the two.
 //
 //   convert20_bench [--users N[,N...]] [--policies default|strict|default,strict]
 //                   [--repeat N[,N...]] [--key-bits N] [--host-key-bits N] [--seed N]
@@ -327,12 +328,63 @@ int FloorChild(const wchar_t* path, const wchar_t* hostIdText)
     return 0;
 }
 
+// Public keys of the users' key size, standing in for the users' own keys in the floor
+// loop that runs before the conversion (the store makes the users' keys during it):
+// sealing under any public key of one size costs the same. Empty on failure.
+std::vector<std::vector<BYTE>> StandInPublicKeys(DWORD keyBits, size_t count)
+{
+    std::vector<std::vector<BYTE>> keys;
+    nv::unique_hcryptprov prov;
+    if (!::CryptAcquireContextW(prov.put(), nullptr, MS_ENH_RSA_AES_PROV_W, PROV_RSA_AES, CRYPT_VERIFYCONTEXT))
+        return keys;
+    for (size_t i = 0; i < count; ++i) {
+        nv::unique_hcryptkey pair;
+        DWORD cb = 0;
+        if (!::CryptGenKey(prov.get(), AT_KEYEXCHANGE, (keyBits << 16) | CRYPT_EXPORTABLE, pair.put()) ||
+            !::CryptExportKey(pair.get(), 0, PUBLICKEYBLOB, 0, nullptr, &cb))
+            return {};
+        std::vector<BYTE> blob(cb);
+        if (!::CryptExportKey(pair.get(), 0, PUBLICKEYBLOB, 0, blob.data(), &cb))
+            return {};
+        blob.resize(cb);
+        keys.push_back(std::move(blob));
+    }
+    return keys;
+}
+
+// The floor loop over these users in a fresh process: seconds, <0 on failure.
+double RunFloor(const std::vector<FloorUser>& users, const GUID& hostId, unsigned userCount)
+{
+    wchar_t self[MAX_PATH], temp[MAX_PATH];
+    ::GetModuleFileNameW(nullptr, self, MAX_PATH);
+    ::GetTempPathW(MAX_PATH, temp);
+    const std::wstring floorFile = std::wstring(temp) + L"convert20_bench_floor.bin";
+    if (!WriteFloorFile(floorFile, users)) {
+        std::fprintf(stderr, "cannot write %ls\n", floorFile.c_str());
+        return -1;
+    }
+    const nvtest::ProcessRun floorRun =
+        nvtest::RunProcess(nvtest::QuoteArg(self) + L" " + nvtest::Widen(kFloorChildArg) + L" " +
+                               nvtest::QuoteArg(floorFile) + L" " + nv::GuidText(hostId),
+                           120000 + userCount * 1000);
+    ::DeleteFileW(floorFile.c_str());
+    double seconds = -1;
+    const size_t at = floorRun.out.find("FLOOR ");
+    if (at == std::string::npos || std::sscanf(floorRun.out.c_str() + at, "FLOOR %lf", &seconds) != 1 ||
+        seconds < 0) {
+        std::fprintf(stderr, "the CryptoAPI floor loop failed:\n%s%s\n", floorRun.out.c_str(), floorRun.err.c_str());
+        return -1;
+    }
+    return seconds;
+}
+
 struct RunResult {
     double totalMs = 0;     // Convert, per user
     double storeMs = 0;     // inside the store's operations, per user
     double keyPairMs = 0;   // of which key-pair generation, per user
     double libraryMs = 0;   // total - store, per user
-    double floorMs = 0;     // the CryptoAPI loop, per user
+    double floorMs = 0;     // the CryptoAPI loop, per user: the mean of the two below
+    double floorBeforeMs = 0, floorAfterMs = 0; // right before and right after Convert
     double peakMB = 0;      // the conversion process's peak private bytes
     unsigned converted = 0; // users found in the store afterwards
 };
@@ -371,6 +423,44 @@ bool RunOnce(const Options& options, unsigned users, bool strict, RunResult& r)
         return false;
     }
 
+    // The floor's users, sealed as the old database holds them, and its first loop,
+    // right before the conversion, with public keys of the users' key size standing
+    // in for the users' own, which the store makes during the conversion. The second
+    // loop runs right after it with the users' own keys; the floor is the mean of the
+    // two, so that a machine that slows down or speeds up while a conversion runs
+    // weighs on both sides alike.
+    std::vector<FloorUser> floorUsers;
+    {
+        nv::unique_hcryptprov hProv = nvwriter::OpenMachineContainer(db.hostId);
+        nv::unique_hcryptkey exchange;
+        if (!hProv || !::CryptGetUserKey(hProv.get(), AT_KEYEXCHANGE, exchange.put()))
+            return false;
+        const std::vector<std::vector<BYTE>> standIns = StandInPublicKeys(options.keyBits, 8);
+        if (standIns.empty()) {
+            std::fprintf(stderr, "cannot make %lu-bit stand-in keys: %lu\n", static_cast<unsigned long>(options.keyBits),
+                         ::GetLastError());
+            return false;
+        }
+        for (const nvwriter::Db20User& user : db.users) {
+            FloorUser fu;
+            fu.publicKey = standIns[floorUsers.size() % standIns.size()];
+            const nvwriter::DerBytes record = nvwriter::EncodeDb20UserBlob(hProv.get(), user);
+            if (!Seal(hProv.get(), exchange.get(), std::vector<BYTE>(record.begin(), record.end()), fu.record))
+                return false;
+            for (const nvwriter::Db20Secret& s : user.secrets) {
+                if (s.content.empty())
+                    continue;
+                fu.secrets.emplace_back();
+                if (!Seal(hProv.get(), exchange.get(), s.content, fu.secrets.back()))
+                    return false;
+            }
+            floorUsers.push_back(std::move(fu));
+        }
+    }
+    const double floorBefore = RunFloor(floorUsers, db.hostId, users);
+    if (floorBefore < 0)
+        return false;
+
     // The conversion, in a process of its own.
     wchar_t self[MAX_PATH];
     ::GetModuleFileNameW(nullptr, self, MAX_PATH);
@@ -396,52 +486,21 @@ bool RunOnce(const Options& options, unsigned users, bool strict, RunResult& r)
     r.libraryMs = r.totalMs - r.storeMs;
     r.peakMB = static_cast<double>(c.peakBytes) / (1024.0 * 1024.0);
 
-    // The floor, for the same users and secrets, with the keys the store made.
-    nv::unique_hcryptprov hProv = nvwriter::OpenMachineContainer(db.hostId);
-    nv::unique_hcryptkey exchange;
-    if (!hProv || !::CryptGetUserKey(hProv.get(), AT_KEYEXCHANGE, exchange.put()))
-        return false;
-    std::vector<FloorUser> floorUsers;
-    for (const nvwriter::Db20User& user : db.users) {
-        FloorUser fu;
-        if (!nvstore::inspect::GetPublicKey(user.sidText, &fu.publicKey))
-            continue;
-        const nvwriter::DerBytes record = nvwriter::EncodeDb20UserBlob(hProv.get(), user);
-        if (!Seal(hProv.get(), exchange.get(), std::vector<BYTE>(record.begin(), record.end()), fu.record))
-            return false;
-        for (const nvwriter::Db20Secret& s : user.secrets) {
-            if (s.content.empty())
-                continue;
-            fu.secrets.emplace_back();
-            if (!Seal(hProv.get(), exchange.get(), s.content, fu.secrets.back()))
-                return false;
-        }
-        floorUsers.push_back(std::move(fu));
+    // The floor again, the same users and secrets, with the keys the store made (a
+    // user the store has no key for is left out; the run warns when one did not
+    // reach the store).
+    std::vector<FloorUser> kept;
+    for (size_t i = 0; i < db.users.size() && i < floorUsers.size(); ++i) {
+        if (nvstore::inspect::GetPublicKey(db.users[i].sidText, &floorUsers[i].publicKey))
+            kept.push_back(std::move(floorUsers[i]));
     }
-    exchange.reset();
-    hProv.reset();
-    // Timed in a fresh process too, as the conversion is: a process that has just
-    // sealed all of it would start warm.
-    wchar_t temp[MAX_PATH];
-    ::GetTempPathW(MAX_PATH, temp);
-    const std::wstring floorFile = std::wstring(temp) + L"convert20_bench_floor.bin";
-    if (!WriteFloorFile(floorFile, floorUsers)) {
-        std::fprintf(stderr, "cannot write %ls\n", floorFile.c_str());
+    const double floorAfter = RunFloor(kept, db.hostId, users);
+    if (floorAfter < 0)
         return false;
-    }
-    const nvtest::ProcessRun floorRun =
-        nvtest::RunProcess(nvtest::QuoteArg(self) + L" " + nvtest::Widen(kFloorChildArg) + L" " +
-                               nvtest::QuoteArg(floorFile) + L" " + nv::GuidText(db.hostId),
-                           120000 + users * 1000);
-    ::DeleteFileW(floorFile.c_str());
-    double floorSeconds = -1;
-    const size_t at = floorRun.out.find("FLOOR ");
-    if (at == std::string::npos || std::sscanf(floorRun.out.c_str() + at, "FLOOR %lf", &floorSeconds) != 1 ||
-        floorSeconds < 0) {
-        std::fprintf(stderr, "the CryptoAPI floor loop failed:\n%s%s\n", floorRun.out.c_str(), floorRun.err.c_str());
-        return false;
-    }
-    r.floorMs = floorSeconds * 1e3 / (floorUsers.empty() ? 1 : floorUsers.size());
+    const double perUser = 1e3 / (kept.empty() ? 1 : kept.size());
+    r.floorBeforeMs = floorBefore * 1e3 / (floorUsers.empty() ? 1 : floorUsers.size());
+    r.floorAfterMs = floorAfter * perUser;
+    r.floorMs = (r.floorBeforeMs + r.floorAfterMs) / 2;
 
     nvwriter::DeleteDb20Container(db);
     nvstore::inspect::DeleteStoreKeyContainers();
@@ -518,6 +577,8 @@ RunResult Medians(const std::vector<RunResult>& runs)
     m.keyPairMs = median(&RunResult::keyPairMs);
     m.libraryMs = median(&RunResult::libraryMs);
     m.floorMs = median(&RunResult::floorMs);
+    m.floorBeforeMs = median(&RunResult::floorBeforeMs);
+    m.floorAfterMs = median(&RunResult::floorAfterMs);
     m.peakMB = median(&RunResult::peakMB);
     m.converted = runs.empty() ? 0 : runs.front().converted;
     for (const RunResult& r : runs)
@@ -530,9 +591,10 @@ bool RunAndReport(const Options& options, unsigned users, bool strict, RunResult
     if (!RunOnce(options, users, strict, r))
         return false;
     std::printf("%u users, %s policy, %lu-bit user keys: %.2f ms per user in all; store %.2f (key pairs %.2f); "
-                "library %.2f; CryptoAPI floor %.2f; %u users in the store; peak private %.1f MB\n",
+                "library %.2f; CryptoAPI floor %.2f (before %.2f, after %.2f); %u users in the store; peak private "
+                "%.1f MB\n",
                 users, PolicyName(strict), static_cast<unsigned long>(options.keyBits), r.totalMs, r.storeMs,
-                r.keyPairMs, r.libraryMs, r.floorMs, r.converted, r.peakMB);
+                r.keyPairMs, r.libraryMs, r.floorMs, r.floorBeforeMs, r.floorAfterMs, r.converted, r.peakMB);
     if (r.converted != users)
         std::printf("warning: %u of %u users reached the store\n", r.converted, users);
     std::fflush(stdout);
