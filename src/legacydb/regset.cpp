@@ -9,6 +9,7 @@
 #include "common/procaddress.h"
 #include "common/regkey.h"
 #include "frame/baseconverter.h"
+#include "legacydb/derreader.h"
 #include "legacydb/hostname.h"
 #include "trace/trace.h"
 
@@ -239,8 +240,9 @@ HRESULT CNVDBRegSet::ReadAnyField(const wchar_t* wszSubkey, const wchar_t* wszVa
         }
         nv::ThrowIfWin32Failed(r);
 
-        // A field of the usual size takes one query; a larger one a second.
-        std::vector<BYTE> buffer;
+        // A field of the usual size takes one query; a larger one a second. The
+        // temporary is cleared before it is freed.
+        LegacyNVDB2::Bytes buffer;
         r = nv::QueryBinaryValue(key, wszValue, buffer);
         if (r == ERROR_FILE_NOT_FOUND) {
             NVTraceNS::Trace(scope, 0, "field not found");
