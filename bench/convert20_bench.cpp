@@ -51,6 +51,7 @@
 #include "nvstore_inspect.h"
 #include "storecounters.h"
 #include "support/process_runner.h"
+#include "support/signed_records.h"
 #include "support/store_sandbox.h"
 #include "writer/db20_writer.h"
 #include "writer/host_provisioning.h"
@@ -338,15 +339,13 @@ std::vector<std::vector<BYTE>> StandInPublicKeys(DWORD keyBits, size_t count)
     if (!::CryptAcquireContextW(prov.put(), nullptr, MS_ENH_RSA_AES_PROV_W, PROV_RSA_AES, CRYPT_VERIFYCONTEXT))
         return keys;
     for (size_t i = 0; i < count; ++i) {
+        // The new pair becomes the context's key-exchange key.
         nv::unique_hcryptkey pair;
-        DWORD cb = 0;
-        if (!::CryptGenKey(prov.get(), AT_KEYEXCHANGE, (keyBits << 16) | CRYPT_EXPORTABLE, pair.put()) ||
-            !::CryptExportKey(pair.get(), 0, PUBLICKEYBLOB, 0, nullptr, &cb))
+        if (!::CryptGenKey(prov.get(), AT_KEYEXCHANGE, keyBits << 16, pair.put()))
             return {};
-        std::vector<BYTE> blob(cb);
-        if (!::CryptExportKey(pair.get(), 0, PUBLICKEYBLOB, 0, blob.data(), &cb))
+        std::vector<BYTE> blob = nvtest::PublicKeyBlobOf(prov.get());
+        if (blob.empty())
             return {};
-        blob.resize(cb);
         keys.push_back(std::move(blob));
     }
     return keys;
