@@ -73,16 +73,6 @@ private:
     nv::unique_hmodule m_dll;
 };
 
-// One figure of the table. floor 0 means "no floor" (the ratio column stays empty).
-inline void Row(const char* figure, double ours, double floor, const char* goal, const char* unit)
-{
-    if (floor > 0)
-        std::printf("ROW,%s,%.3f,%.3f,%.3f,%s,%s\n", figure, ours, floor, ours / floor, goal, unit);
-    else
-        std::printf("ROW,%s,%.3f,,,%s,%s\n", figure, ours, goal, unit);
-    std::fflush(stdout);
-}
-
 // One figure whose ratio is measured pair by pair: the median of the ratios of
 // conversions that ran next to each other, which a slow drift of the machine over
 // the run moves less than a ratio of two medians. ours and floor are the medians.
@@ -90,6 +80,18 @@ inline void PairedRow(const char* figure, double ours, double floor, double rati
                       const char* unit)
 {
     std::printf("ROW,%s,%.3f,%.3f,%.3f,%s,%s\n", figure, ours, floor, ratio, goal, unit);
+    std::fflush(stdout);
+}
+
+// One figure of the table, its ratio ours / floor. floor 0 means "no floor" (the
+// ratio column stays empty).
+inline void Row(const char* figure, double ours, double floor, const char* goal, const char* unit)
+{
+    if (floor > 0) {
+        PairedRow(figure, ours, floor, ours / floor, goal, unit);
+        return;
+    }
+    std::printf("ROW,%s,%.3f,,,%s,%s\n", figure, ours, goal, unit);
     std::fflush(stdout);
 }
 

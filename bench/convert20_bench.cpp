@@ -18,7 +18,7 @@
 //   sizes under the first policy given). --repeat: how often each size is converted,
 //   in the order of --users, the last count holding for the sizes after it (default
 //   3); the first size's conversions alternate the policies. Every figure of a size
-//   is the median of its conversions, each with its own floor loop right after it.
+//   is the median of its conversions, each with its own floor loops around it.
 //   --key-bits: the size of the users' key pairs that the store generates (its
 //   UserKeyBits; 2048 is the store's own default). --host-key-bits: the size of the
 //   machine's key-exchange key (default: the legacy writer's, 2048); a small one
@@ -52,6 +52,7 @@
 #include "storecounters.h"
 #include "support/process_runner.h"
 #include "support/signed_records.h"
+#include "legacydb/derreader.h"
 #include "support/store_sandbox.h"
 #include "writer/db20_writer.h"
 #include "writer/host_provisioning.h"
@@ -124,7 +125,10 @@ struct FloorUser {
     std::vector<BYTE> publicKey;
 };
 
-bool Seal(HCRYPTPROV hProv, HCRYPTKEY exchange, const std::vector<BYTE>& plain, Sealed& out)
+// Seals plain bytes under the key: a fresh 3DES key as SIMPLEBLOB, and the bytes
+// encrypted in place in a buffer allocated at its final size, so that no copy of
+// the plain bytes is left behind in a freed block.
+bool Seal(HCRYPTPROV hProv, HCRYPTKEY exchange, const BYTE* plain, size_t cbPlain, Sealed& out)
 {
     nv::unique_hcryptkey session;
     if (!::CryptGenKey(hProv, CALG_3DES, CRYPT_EXPORTABLE, session.put()))
@@ -135,9 +139,9 @@ bool Seal(HCRYPTPROV hProv, HCRYPTKEY exchange, const std::vector<BYTE>& plain, 
     out.keyBlob.resize(cb);
     if (!::CryptExportKey(session.get(), exchange, SIMPLEBLOB, 0, out.keyBlob.data(), &cb))
         return false;
-    out.cipher = plain;
-    out.cipher.resize(plain.size() + 16);
-    DWORD cbData = static_cast<DWORD>(plain.size());
+    out.cipher.assign(cbPlain + 16, 0);
+    std::memcpy(out.cipher.data(), plain, cbPlain);
+    DWORD cbData = static_cast<DWORD>(cbPlain);
     if (!::CryptEncrypt(session.get(), 0, TRUE, 0, out.cipher.data(), &cbData,
                         static_cast<DWORD>(out.cipher.size())))
         return false;
@@ -145,13 +149,14 @@ bool Seal(HCRYPTPROV hProv, HCRYPTKEY exchange, const std::vector<BYTE>& plain, 
     return true;
 }
 
-bool Open(HCRYPTPROV hProv, HCRYPTKEY exchange, const Sealed& sealed, std::vector<BYTE>& plain)
+// Opens sealed bytes into plain, whose blocks are cleared before they are freed.
+bool Open(HCRYPTPROV hProv, HCRYPTKEY exchange, const Sealed& sealed, LegacyNVDB2::Bytes& plain)
 {
     nv::unique_hcryptkey session;
     if (!::CryptImportKey(hProv, sealed.keyBlob.data(), static_cast<DWORD>(sealed.keyBlob.size()), exchange,
                           CRYPT_EXPORTABLE, session.put()))
         return false;
-    plain = sealed.cipher;
+    plain.assign(sealed.cipher.begin(), sealed.cipher.end());
     DWORD cb = static_cast<DWORD>(plain.size());
     if (!::CryptDecrypt(session.get(), 0, TRUE, 0, plain.data(), &cb))
         return false;
@@ -166,7 +171,7 @@ double TimeFloor(HCRYPTPROV hProv, const std::vector<FloorUser>& users)
     nv::unique_hcryptkey exchange;
     if (!::CryptGetUserKey(hProv, AT_KEYEXCHANGE, exchange.put()))
         return -1;
-    std::vector<BYTE> plain;
+    LegacyNVDB2::Bytes plain;
     nvbench::Stopwatch watch;
     for (const FloorUser& u : users) {
         nv::unique_hcryptkey userKey;
@@ -179,10 +184,9 @@ double TimeFloor(HCRYPTPROV hProv, const std::vector<FloorUser>& users)
             if (!Open(hProv, exchange.get(), s, plain))
                 return -1;
             Sealed resealed;
-            if (!Seal(hProv, userKey.get(), plain, resealed))
+            if (!Seal(hProv, userKey.get(), plain.data(), plain.size(), resealed))
                 return -1;
         }
-        ::SecureZeroMemory(plain.data(), plain.size());
     }
     return watch.Seconds();
 }
@@ -352,7 +356,7 @@ std::vector<std::vector<BYTE>> StandInPublicKeys(DWORD keyBits, size_t count)
 }
 
 // The floor loop over these users in a fresh process: seconds, <0 on failure.
-double RunFloor(const std::vector<FloorUser>& users, const GUID& hostId, unsigned userCount)
+double RunFloor(const std::vector<FloorUser>& users, const GUID& hostId)
 {
     wchar_t self[MAX_PATH], temp[MAX_PATH];
     ::GetModuleFileNameW(nullptr, self, MAX_PATH);
@@ -365,7 +369,7 @@ double RunFloor(const std::vector<FloorUser>& users, const GUID& hostId, unsigne
     const nvtest::ProcessRun floorRun =
         nvtest::RunProcess(nvtest::QuoteArg(self) + L" " + nvtest::Widen(kFloorChildArg) + L" " +
                                nvtest::QuoteArg(floorFile) + L" " + nv::GuidText(hostId),
-                           120000 + userCount * 1000);
+                           static_cast<DWORD>(120000 + users.size() * 1000));
     ::DeleteFileW(floorFile.c_str());
     double seconds = -1;
     const size_t at = floorRun.out.find("FLOOR ");
@@ -444,19 +448,19 @@ bool RunOnce(const Options& options, unsigned users, bool strict, RunResult& r)
             FloorUser fu;
             fu.publicKey = standIns[floorUsers.size() % standIns.size()];
             const nvwriter::DerBytes record = nvwriter::EncodeDb20UserBlob(hProv.get(), user);
-            if (!Seal(hProv.get(), exchange.get(), std::vector<BYTE>(record.begin(), record.end()), fu.record))
+            if (!Seal(hProv.get(), exchange.get(), record.data(), record.size(), fu.record))
                 return false;
             for (const nvwriter::Db20Secret& s : user.secrets) {
                 if (s.content.empty())
                     continue;
                 fu.secrets.emplace_back();
-                if (!Seal(hProv.get(), exchange.get(), s.content, fu.secrets.back()))
+                if (!Seal(hProv.get(), exchange.get(), s.content.data(), s.content.size(), fu.secrets.back()))
                     return false;
             }
             floorUsers.push_back(std::move(fu));
         }
     }
-    const double floorBefore = RunFloor(floorUsers, db.hostId, users);
+    const double floorBefore = RunFloor(floorUsers, db.hostId);
     if (floorBefore < 0)
         return false;
 
@@ -493,12 +497,11 @@ bool RunOnce(const Options& options, unsigned users, bool strict, RunResult& r)
         if (nvstore::inspect::GetPublicKey(db.users[i].sidText, &floorUsers[i].publicKey))
             kept.push_back(std::move(floorUsers[i]));
     }
-    const double floorAfter = RunFloor(kept, db.hostId, users);
+    const double floorAfter = RunFloor(kept, db.hostId);
     if (floorAfter < 0)
         return false;
-    const double perUser = 1e3 / (kept.empty() ? 1 : kept.size());
-    r.floorBeforeMs = floorBefore * 1e3 / (floorUsers.empty() ? 1 : floorUsers.size());
-    r.floorAfterMs = floorAfter * perUser;
+    r.floorBeforeMs = floorBefore * 1e3 / static_cast<double>(std::max<size_t>(floorUsers.size(), 1));
+    r.floorAfterMs = floorAfter * 1e3 / static_cast<double>(std::max<size_t>(kept.size(), 1));
     r.floorMs = (r.floorBeforeMs + r.floorAfterMs) / 2;
 
     nvwriter::DeleteDb20Container(db);
