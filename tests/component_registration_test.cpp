@@ -15,6 +15,7 @@
 #include "com/nvdbconverter.h"
 #include "com/objectmap.h"
 #include "support/dll_loader.h"
+#include "support/process_runner.h"
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
 
@@ -228,24 +229,16 @@ TEST_F(DllRegistrationTest, DllRegisterServerAddsOnlyTheComponentEntry)
 
 namespace {
 
-// Runs a command line and returns its exit code (or ~0 when it cannot start).
-DWORD RunProcess(const std::wstring& commandLine)
+// Runs a command line and returns its exit code (or ~0 when it cannot start or hangs).
+DWORD RunAndWait(const std::wstring& commandLine)
 {
-    std::vector<wchar_t> cmd(commandLine.begin(), commandLine.end());
-    cmd.push_back(L'\0');
-    STARTUPINFOW si{};
-    si.cb = sizeof(si);
-    PROCESS_INFORMATION pi{};
-    if (!::CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi)) {
-        ADD_FAILURE() << "CreateProcess failed: " << ::GetLastError() << " for " << Narrow(commandLine);
+    const ProcessRun run = RunProcess(commandLine, 60000);
+    if (!run.started) {
+        ADD_FAILURE() << "CreateProcess failed: " << run.startError << " for " << Narrow(commandLine);
         return ~0u;
     }
-    EXPECT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(pi.hProcess, 60000));
-    DWORD code = ~0u;
-    ::GetExitCodeProcess(pi.hProcess, &code);
-    ::CloseHandle(pi.hThread);
-    ::CloseHandle(pi.hProcess);
-    return code;
+    EXPECT_FALSE(run.timedOut) << Narrow(commandLine);
+    return run.timedOut ? ~0u : run.exitCode;
 }
 
 std::wstring Regsvr32()
@@ -262,7 +255,7 @@ TEST_F(DllRegistrationTest, Regsvr32RegistersAndUnregistersTheBuiltDll)
     const std::wstring dllPath = ExeDirectory() + L"NVDBConv.dll";
     SetString(kSys, L"CNVOther", L"{00000000-0000-0000-0000-000000000001}:C:\\x.dll", kView64);
 
-    EXPECT_EQ(0u, RunProcess(L"\"" + Regsvr32() + L"\" /s \"" + dllPath + L"\""));
+    EXPECT_EQ(0u, RunAndWait(L"\"" + Regsvr32() + L"\" /s \"" + dllPath + L"\""));
     RegValue entry;
     ASSERT_TRUE(GetValue(kSys, L"CNVDBConverter", kView64, &entry));
     EXPECT_TRUE(Entry(dllPath) == entry) << Narrow(std::wstring(reinterpret_cast<const wchar_t*>(entry.data.data())));
@@ -274,14 +267,14 @@ TEST_F(DllRegistrationTest, Regsvr32RegistersAndUnregistersTheBuiltDll)
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane", kView32));
     ExpectNoComClassKeys();
 
-    EXPECT_EQ(0u, RunProcess(L"\"" + Regsvr32() + L"\" /u /s \"" + dllPath + L"\""));
+    EXPECT_EQ(0u, RunAndWait(L"\"" + Regsvr32() + L"\" /u /s \"" + dllPath + L"\""));
     EXPECT_EQ(std::vector<std::wstring>{L"CNVOther"}, ValueNames(kSys, kView64));
 
     // Removing the other entry too, the last unregistration removes the list key.
     DeleteValue(kSys, L"CNVOther", kView64);
-    EXPECT_EQ(0u, RunProcess(L"\"" + Regsvr32() + L"\" /s \"" + dllPath + L"\""));
+    EXPECT_EQ(0u, RunAndWait(L"\"" + Regsvr32() + L"\" /s \"" + dllPath + L"\""));
     EXPECT_TRUE(KeyExists(kSys, kView64));
-    EXPECT_EQ(0u, RunProcess(L"\"" + Regsvr32() + L"\" /u /s \"" + dllPath + L"\""));
+    EXPECT_EQ(0u, RunAndWait(L"\"" + Regsvr32() + L"\" /u /s \"" + dllPath + L"\""));
     EXPECT_FALSE(KeyExists(kSys, kView64));
     EXPECT_TRUE(KeyExists(kCore, kView64));
 }
@@ -289,7 +282,7 @@ TEST_F(DllRegistrationTest, Regsvr32RegistersAndUnregistersTheBuiltDll)
 TEST_F(DllRegistrationTest, Regsvr32ReportsFailedUnregistrationWhenNothingIsRegistered)
 {
     const std::wstring dllPath = ExeDirectory() + L"NVDBConv.dll";
-    EXPECT_NE(0u, RunProcess(L"\"" + Regsvr32() + L"\" /u /s \"" + dllPath + L"\""));
+    EXPECT_NE(0u, RunAndWait(L"\"" + Regsvr32() + L"\" /u /s \"" + dllPath + L"\""));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane", kView64));
 }
 

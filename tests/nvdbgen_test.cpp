@@ -6,10 +6,10 @@
 #include <algorithm>
 #include <string>
 
-#include "common/handles.h"
 #include "support/dll_loader.h"
 #include "support/key_containers.h"
 #include "support/legacy_db_tree.h"
+#include "support/process_runner.h"
 #include "support/registry_sandbox.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
@@ -20,57 +20,13 @@ namespace {
 
 constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
 
-struct ToolRun {
-    DWORD exitCode = 0xdeadbeef;
-    std::string out;
-    std::string err;
-};
-
-nv::unique_hfile TempFile(const wchar_t* tag)
+// nvdbgen started as its own process through the shared runner, which starts again a
+// launch that Wine failed before the program ran.
+ProcessRun RunTool(const std::wstring& args)
 {
-    wchar_t dir[MAX_PATH], path[MAX_PATH];
-    ::GetTempPathW(MAX_PATH, dir);
-    ::GetTempFileNameW(dir, tag, 0, path);
-    SECURITY_ATTRIBUTES sa{sizeof(sa), nullptr, TRUE};
-    return nv::unique_hfile(::CreateFileW(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                          &sa, CREATE_ALWAYS, FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE,
-                                          nullptr));
-}
-
-std::string ReadAll(HANDLE file)
-{
-    ::SetFilePointer(file, 0, nullptr, FILE_BEGIN);
-    std::string text;
-    char buf[4096];
-    DWORD n = 0;
-    while (::ReadFile(file, buf, sizeof(buf), &n, nullptr) && n)
-        text.append(buf, n);
-    return text;
-}
-
-ToolRun RunTool(const std::wstring& args)
-{
-    ToolRun run;
-    nv::unique_hfile out = TempFile(L"ngo");
-    nv::unique_hfile err = TempFile(L"nge");
-    EXPECT_TRUE(out && err);
-    std::wstring cmd = L"\"" + ExeDirectory() + L"nvdbgen.exe\" " + args;
-    STARTUPINFOW si{};
-    si.cb = sizeof(si);
-    si.dwFlags = STARTF_USESTDHANDLES;
-    si.hStdInput = nullptr;
-    si.hStdOutput = out.get();
-    si.hStdError = err.get();
-    PROCESS_INFORMATION pi{};
-    if (!::CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi)) {
-        ADD_FAILURE() << "cannot start nvdbgen: " << ::GetLastError();
-        return run;
-    }
-    nv::unique_handle_null process(pi.hProcess), thread(pi.hThread);
-    EXPECT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(pi.hProcess, 60000));
-    ::GetExitCodeProcess(pi.hProcess, &run.exitCode);
-    run.out = ReadAll(out.get());
-    run.err = ReadAll(err.get());
+    ProcessRun run = RunProcess(L"\"" + ExeDirectory() + L"nvdbgen.exe\" " + args, 60000);
+    EXPECT_TRUE(run.started) << "cannot start nvdbgen: " << run.startError;
+    EXPECT_FALSE(run.timedOut) << Narrow(args);
     return run;
 }
 
@@ -101,7 +57,7 @@ TEST_F(NvDbGenTest, UsageErrorsExitWith2AndExplainWithoutWriting)
         {L"--format 2.0 --users20 3", "--users20 goes with --format 1.0 (a 2.0 database takes --users)"},
     };
     for (const Case& c : cases) {
-        ToolRun run = RunTool(c.args);
+        ProcessRun run = RunTool(c.args);
         EXPECT_EQ(2u, run.exitCode) << Narrow(c.args);
         EXPECT_TRUE(Contains(run.err, std::string("nvdbgen: ") + c.message)) << Narrow(c.args) << "\n" << run.err;
         EXPECT_TRUE(Contains(run.err, "usage: nvdbgen --format 1.0|2.0")) << Narrow(c.args);
@@ -113,7 +69,7 @@ TEST_F(NvDbGenTest, UsageErrorsExitWith2AndExplainWithoutWriting)
 
 TEST_F(NvDbGenTest, HelpPrintsUsageAndExits0)
 {
-    ToolRun run = RunTool(L"--help");
+    ProcessRun run = RunTool(L"--help");
     EXPECT_EQ(0u, run.exitCode);
     EXPECT_TRUE(Contains(run.out, "usage: nvdbgen --format 1.0|2.0")) << run.out;
     EXPECT_FALSE(KeyExists(kDb, kView32));
@@ -121,7 +77,7 @@ TEST_F(NvDbGenTest, HelpPrintsUsageAndExits0)
 
 TEST_F(NvDbGenTest, Format10WritesWhatTheWriterLibraryWritesForTheSameSeed)
 {
-    ToolRun run = RunTool(L"--format 1.0 --users 30 --domains 3 --seed 7 --view 32");
+    ProcessRun run = RunTool(L"--format 1.0 --users 30 --domains 3 --seed 7 --view 32");
     ASSERT_EQ(0u, run.exitCode) << run.err;
     RegTree fromTool = Snapshot(kDb, kView32);
     EXPECT_FALSE(KeyExists(kDb, kView64));
@@ -158,13 +114,13 @@ TEST_F(NvDbGenTest, ExistingDatabaseNeedsWipe)
     ASSERT_EQ(0u, RunTool(L"--format 1.0 --users 4 --domains 1 --seed 1").exitCode);
     RegTree first = Snapshot(kDb, kView32);
 
-    ToolRun again = RunTool(L"--format 1.0 --users 9 --domains 2 --seed 2");
+    ProcessRun again = RunTool(L"--format 1.0 --users 9 --domains 2 --seed 2");
     EXPECT_EQ(1u, again.exitCode);
     EXPECT_TRUE(Contains(again.err, "already exists in the 32-bit view; use --wipe")) << again.err;
     RegTree unchanged = Snapshot(kDb, kView32);
     EXPECT_TRUE(first == unchanged) << DiffTrees(first, unchanged);
 
-    ToolRun wiped = RunTool(L"--format 1.0 --users 9 --domains 2 --seed 2 --wipe");
+    ProcessRun wiped = RunTool(L"--format 1.0 --users 9 --domains 2 --seed 2 --wipe");
     EXPECT_EQ(0u, wiped.exitCode) << wiped.err;
     nvwriter::DbOptions options;
     options.users = 9;
@@ -180,7 +136,7 @@ TEST_F(NvDbGenTest, ExistingDatabaseNeedsWipe)
 
 TEST_F(NvDbGenTest, View64WritesThe64BitViewOnly)
 {
-    ToolRun run = RunTool(L"--format 1.0 --users 3 --domains 1 --view 64");
+    ProcessRun run = RunTool(L"--format 1.0 --users 3 --domains 1 --view 64");
     ASSERT_EQ(0u, run.exitCode) << run.err;
     EXPECT_TRUE(Contains(run.out, "(64-bit view)")) << run.out;
     EXPECT_FALSE(KeyExists(kDb, kView32));
@@ -200,7 +156,7 @@ TEST_F(NvDbGenTest, Format20WritesTheSameLayoutAsTheWriterLibraryForTheSameSeed)
     ContainerJanitor containers;
     containers.Track(model.hostId);
 
-    ToolRun run = RunTool(L"--format 2.0 --users 5 --domains 1 --seed 9");
+    ProcessRun run = RunTool(L"--format 2.0 --users 5 --domains 1 --seed 9");
     ASSERT_EQ(0u, run.exitCode) << run.err;
     EXPECT_TRUE(Contains(run.out, "nvdbgen: wrote a format 2.0 database to HKLM\\SOFTWARE\\Norvane\\DB (32-bit view), seed 9"))
         << run.out;
@@ -237,7 +193,7 @@ TEST_F(NvDbGenTest, Users20AddsSealedUsersToA10DatabaseLikeTheWriterLibrary)
     ContainerJanitor containers;
     containers.Track(model.hostId);
 
-    ToolRun run = RunTool(L"--format 1.0 --users 6 --domains 2 --users20 4 --seed 11");
+    ProcessRun run = RunTool(L"--format 1.0 --users 6 --domains 2 --users20 4 --seed 11");
     ASSERT_EQ(0u, run.exitCode) << run.err;
     run.out.erase(std::remove(run.out.begin(), run.out.end(), '\r'), run.out.end());
     EXPECT_TRUE(Contains(run.out, "nvdbgen: wrote a format 1.0 database to HKLM\\SOFTWARE\\Norvane\\DB (32-bit view), seed 11"))

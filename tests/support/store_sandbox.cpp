@@ -2,11 +2,11 @@
 
 #include <objbase.h>
 #include <cwchar>
-#include <vector>
 #include "common/procaddress.h"
 #include "converter3/nvstore_api.h"
 #include "nvstore_inspect.h"
 #include "support/dll_loader.h"
+#include "support/process_runner.h"
 
 namespace nvtest {
 
@@ -37,45 +37,12 @@ HRESULT RegisterStoreServer()
 
 int RunAndCapture(const std::wstring& commandLine, std::string* output, DWORD timeoutMs)
 {
-    SECURITY_ATTRIBUTES sa{sizeof(sa), nullptr, TRUE};
-    HANDLE readEnd = nullptr, writeEnd = nullptr;
-    if (!::CreatePipe(&readEnd, &writeEnd, &sa, 0))
-        return -1;
-    ::SetHandleInformation(readEnd, HANDLE_FLAG_INHERIT, 0);
-    HANDLE nul = ::CreateFileW(L"NUL", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &sa,
-                               OPEN_EXISTING, 0, nullptr);
-    STARTUPINFOW si{};
-    si.cb = sizeof(si);
-    si.dwFlags = STARTF_USESTDHANDLES;
-    si.hStdInput = nul;
-    si.hStdOutput = writeEnd;
-    si.hStdError = nul;
-    PROCESS_INFORMATION pi{};
-    std::vector<wchar_t> cmd(commandLine.begin(), commandLine.end());
-    cmd.push_back(L'\0');
-    const BOOL started = ::CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr,
-                                          nullptr, &si, &pi);
-    ::CloseHandle(writeEnd);
-    if (nul != INVALID_HANDLE_VALUE)
-        ::CloseHandle(nul);
-    if (!started) {
-        ::CloseHandle(readEnd);
-        return -1;
-    }
-    std::string out;
-    char buf[4096];
-    DWORD n = 0;
-    while (::ReadFile(readEnd, buf, sizeof(buf), &n, nullptr) && n > 0)
-        out.append(buf, n);
-    ::CloseHandle(readEnd);
-    DWORD code = static_cast<DWORD>(-1);
-    if (::WaitForSingleObject(pi.hProcess, timeoutMs) == WAIT_OBJECT_0)
-        ::GetExitCodeProcess(pi.hProcess, &code);
-    ::CloseHandle(pi.hThread);
-    ::CloseHandle(pi.hProcess);
+    ProcessRun run = RunProcess(commandLine, timeoutMs);
     if (output)
-        *output = out;
-    return static_cast<int>(code);
+        *output = run.out;
+    if (!run.started || run.timedOut)
+        return -1;
+    return static_cast<int>(run.exitCode);
 }
 
 void StoreSandbox::SetUp()

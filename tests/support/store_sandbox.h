@@ -21,7 +21,8 @@ std::wstring RegisteredStoreServerPath();
 HRESULT RegisterStoreServer();
 
 // Runs a command line, waits for it, and gives its exit code and its standard
-// output (bytes as written). -1 when the process could not be started.
+// output (bytes as written). -1 when the process could not be started or did not end
+// within timeoutMs (it is then ended). Launches go through RunProcess.
 int RunAndCapture(const std::wstring& commandLine, std::string* output, DWORD timeoutMs = 60000);
 
 class StoreSandbox : public RegistrySandbox {
