@@ -95,6 +95,41 @@ inline void Row(const char* figure, double ours, double floor, const char* goal,
     std::fflush(stdout);
 }
 
+// The CPU time the wineserver has used so far, in seconds: user plus system time from
+// its /proc stat file (through Wine's Z: drive), the pid taken from the environment
+// variable NV_BENCH_WINESERVER_PID, which scripts/bench sets. Registry requests are
+// served there, and so is Wine's periodic rewrite of a changed hive into its .reg
+// file, which costs time in proportion to everything the hive holds. <0 when the
+// pid is not given or the file cannot be read.
+inline double WineserverCpuSeconds()
+{
+    char pid[32] = {};
+    const DWORD n = ::GetEnvironmentVariableA("NV_BENCH_WINESERVER_PID", pid, sizeof(pid));
+    if (n == 0 || n >= sizeof(pid))
+        return -1;
+    const std::string path = std::string("Z:\\proc\\") + pid + "\\stat";
+    nv::unique_hfile file(::CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                        OPEN_EXISTING, 0, nullptr));
+    if (!file)
+        return -1;
+    std::string text;
+    char buf[1024];
+    DWORD got = 0;
+    while (::ReadFile(file.get(), buf, sizeof(buf), &got, nullptr) && got)
+        text.append(buf, got);
+    // pid (comm) state ppid pgrp session tty tpgid flags minflt cminflt majflt cmajflt
+    // utime stime ...: the two times are the 12th and 13th fields after the name.
+    const size_t close = text.rfind(')');
+    if (close == std::string::npos)
+        return -1;
+    unsigned long long utime = 0, stime = 0;
+    if (std::sscanf(text.c_str() + close + 1, " %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %llu %llu", &utime,
+                    &stime) != 2)
+        return -1;
+    constexpr double kTicksPerSecond = 100.0; // USER_HZ on Linux
+    return static_cast<double>(utime + stime) / kTicksPerSecond;
+}
+
 // A point of a scaling curve: users, then named per-user figures in ms.
 inline void CurvePoint(unsigned users, double total, double library, double floor, double store)
 {

@@ -18,7 +18,8 @@
 //   sizes under the first policy given). --repeat: how often each size is converted,
 //   in the order of --users, the last count holding for the sizes after it (default
 //   3); the first size's conversions alternate the policies. Every figure of a size
-//   is the median of its conversions, each with its own floor loops around it.
+//   is the median of its conversions, each with its own floor loops around it, and the
+//   library's ratio to the floor is the median of the conversions' own ratios.
 //   --key-bits: the size of the users' key pairs that the store generates (its
 //   UserKeyBits; 2048 is the store's own default). --host-key-bits: the size of the
 //   machine's key-exchange key (default: the legacy writer's, 2048); a small one
@@ -31,6 +32,13 @@
 // it reports is the conversion's, not the benchmark's model of the database. The
 // floor loop runs in a fresh process as well (--floor-child), so that neither side
 // starts with the provider and its keys already warm.
+//
+// With NV_BENCH_WINESERVER_PID set (scripts/bench sets it), each conversion also
+// reports the wineserver's CPU time while it ran. The server answers the registry
+// calls of both the library and the store, and every 30 seconds it rewrites a changed
+// hive whole into its .reg file; with 10,000 users, the database, its backup key, the
+// store and the key containers make that file over 200 MB, and each rewrite holds the
+// server, on the benchmark's CPU, for about two seconds.
 //
 // It rewrites the suite's registry keys and the store, and deletes the machine and
 // store key containers it made: run it in a scratch Wine prefix (scripts/bench does).
@@ -389,6 +397,8 @@ struct RunResult {
     double floorMs = 0;     // the CryptoAPI loop, per user: the mean of the two below
     double floorBeforeMs = 0, floorAfterMs = 0; // right before and right after Convert
     double peakMB = 0;      // the conversion process's peak private bytes
+    double serverMs = -1;   // the wineserver's CPU time during the conversion, per user (<0: unknown)
+    double libraryToFloor = 0; // libraryMs / floorMs of one conversion; of several, their median
     unsigned converted = 0; // users found in the store afterwards
 };
 
@@ -467,8 +477,10 @@ bool RunOnce(const Options& options, unsigned users, bool strict, RunResult& r)
     // The conversion, in a process of its own.
     wchar_t self[MAX_PATH];
     ::GetModuleFileNameW(nullptr, self, MAX_PATH);
+    const double serverBefore = nvbench::WineserverCpuSeconds();
     const nvtest::ProcessRun child =
         nvtest::RunProcess(nvtest::QuoteArg(self) + L" " + nvtest::Widen(kChildArg), 120000 + users * 5000);
+    const double serverAfter = nvbench::WineserverCpuSeconds();
     ChildResult c;
     if (!child.started || child.timedOut || !ParseChildResult(child.out, c)) {
         std::fprintf(stderr, "the conversion process failed (exit 0x%08lX%s):\n%s%s\n",
@@ -488,6 +500,8 @@ bool RunOnce(const Options& options, unsigned users, bool strict, RunResult& r)
     r.keyPairMs = TicksToMs(c.keyPairTicks, c.frequency) / n;
     r.libraryMs = r.totalMs - r.storeMs;
     r.peakMB = static_cast<double>(c.peakBytes) / (1024.0 * 1024.0);
+    if (serverBefore >= 0 && serverAfter >= serverBefore)
+        r.serverMs = (serverAfter - serverBefore) * 1e3 / n;
 
     // The floor again, the same users and secrets, with the keys the store made (a
     // user the store has no key for is left out; the run warns when one did not
@@ -503,6 +517,7 @@ bool RunOnce(const Options& options, unsigned users, bool strict, RunResult& r)
     r.floorBeforeMs = floorBefore * 1e3 / static_cast<double>(std::max<size_t>(floorUsers.size(), 1));
     r.floorAfterMs = floorAfter * 1e3 / static_cast<double>(std::max<size_t>(kept.size(), 1));
     r.floorMs = (r.floorBeforeMs + r.floorAfterMs) / 2;
+    r.libraryToFloor = r.floorMs > 0 ? r.libraryMs / r.floorMs : 0;
 
     nvwriter::DeleteDb20Container(db);
     nvstore::inspect::DeleteStoreKeyContainers();
@@ -564,7 +579,10 @@ const char* PolicyName(bool strict) { return strict ? "strict" : "default"; }
 
 unsigned RepeatOf(const Options& o, size_t size) { return o.repeat[std::min(size, o.repeat.size() - 1)]; }
 
-// The medians of several runs of one size and policy.
+// The medians of several runs of one size and policy. The library's ratio to its floor
+// is the median of each conversion's own ratio (its floor loops ran right around it),
+// not the ratio of the two medians, which would set one conversion's library time
+// against another one's floor.
 RunResult Medians(const std::vector<RunResult>& runs)
 {
     auto median = [&runs](double RunResult::*field) {
@@ -582,6 +600,8 @@ RunResult Medians(const std::vector<RunResult>& runs)
     m.floorBeforeMs = median(&RunResult::floorBeforeMs);
     m.floorAfterMs = median(&RunResult::floorAfterMs);
     m.peakMB = median(&RunResult::peakMB);
+    m.serverMs = median(&RunResult::serverMs);
+    m.libraryToFloor = median(&RunResult::libraryToFloor);
     m.converted = runs.empty() ? 0 : runs.front().converted;
     for (const RunResult& r : runs)
         m.converted = std::min(m.converted, r.converted);
@@ -594,9 +614,12 @@ bool RunAndReport(const Options& options, unsigned users, bool strict, RunResult
         return false;
     std::printf("%u users, %s policy, %lu-bit user keys: %.2f ms per user in all; store %.2f (key pairs %.2f); "
                 "library %.2f; CryptoAPI floor %.2f (before %.2f, after %.2f); %u users in the store; peak private "
-                "%.1f MB\n",
+                "%.1f MB",
                 users, PolicyName(strict), static_cast<unsigned long>(options.keyBits), r.totalMs, r.storeMs,
                 r.keyPairMs, r.libraryMs, r.floorMs, r.floorBeforeMs, r.floorAfterMs, r.converted, r.peakMB);
+    if (r.serverMs >= 0)
+        std::printf("; wineserver CPU %.2f ms per user", r.serverMs);
+    std::printf("\n");
     if (r.converted != users)
         std::printf("warning: %u of %u users reached the store\n", r.converted, users);
     std::fflush(stdout);
@@ -667,9 +690,9 @@ int main(int argc, char** argv)
         const RunResult& r = base[p];
         const char* policy = PolicyName(options.strict[p]);
         std::snprintf(figure, sizeof(figure),
-                      "2.0->3.0 %u users %s: library per user (floor CryptoAPI loop; medians of %u)", baseUsers,
-                      policy, RepeatOf(options, 0));
-        nvbench::Row(figure, r.libraryMs, r.floorMs, "<=1.15", "ms/user");
+                      "2.0->3.0 %u users %s: library per user (floor CryptoAPI loop; median of %u runs' ratios)",
+                      baseUsers, policy, RepeatOf(options, 0));
+        nvbench::PairedRow(figure, r.libraryMs, r.floorMs, r.libraryToFloor, "<=1.15", "ms/user");
         std::snprintf(figure, sizeof(figure), "2.0->3.0 %u users %s: total per user", baseUsers, policy);
         nvbench::Row(figure, r.totalMs, 0, "-", "ms/user");
         std::snprintf(figure, sizeof(figure), "2.0->3.0 %u users %s: store's share per user", baseUsers, policy);
@@ -677,6 +700,11 @@ int main(int argc, char** argv)
         std::snprintf(figure, sizeof(figure), "2.0->3.0 %u users %s: of which the store's key-pair generation",
                       baseUsers, policy);
         nvbench::Row(figure, r.keyPairMs, 0, "not ours", "ms/user");
+    }
+    if (base.front().serverMs >= 0) {
+        std::snprintf(figure, sizeof(figure), "2.0->3.0 %u users: wineserver CPU per user while the conversion process ran",
+                      baseUsers);
+        nvbench::Row(figure, base.front().serverMs, 0, "platform", "ms/user");
     }
     if (options.strict.size() == 2) {
         std::snprintf(figure, sizeof(figure), "2.0->3.0 %u users: strict library per user (anchor default)",
@@ -688,12 +716,19 @@ int main(int argc, char** argv)
         std::snprintf(figure, sizeof(figure), "2.0->3.0 %u users: library per user (anchor %u users)",
                       options.sizes[s], baseUsers);
         nvbench::Row(figure, r.libraryMs, base.front().libraryMs, "<=1.10", "ms/user");
-        std::snprintf(figure, sizeof(figure), "2.0->3.0 %u users: library per user (floor CryptoAPI loop; medians of %u)",
+        std::snprintf(figure, sizeof(figure),
+                      "2.0->3.0 %u users: library per user (floor CryptoAPI loop; median of %u runs' ratios)",
                       options.sizes[s], RepeatOf(options, s));
-        nvbench::Row(figure, r.libraryMs, r.floorMs, "<=1.15", "ms/user");
+        nvbench::PairedRow(figure, r.libraryMs, r.floorMs, r.libraryToFloor, "<=1.15", "ms/user");
         std::snprintf(figure, sizeof(figure), "2.0->3.0 %u users: total per user (anchor %u users)",
                       options.sizes[s], baseUsers);
         nvbench::Row(figure, r.totalMs, base.front().totalMs, "<=1.10", "ms/user");
+        if (r.serverMs >= 0 && base.front().serverMs > 0) {
+            std::snprintf(figure, sizeof(figure),
+                          "2.0->3.0 %u users: wineserver CPU per user while the conversion process ran (anchor %u users)",
+                          options.sizes[s], baseUsers);
+            nvbench::Row(figure, r.serverMs, base.front().serverMs, "platform", "ms/user");
+        }
     }
     const RunResult& last = larger.empty() ? base.front() : larger.back();
     std::snprintf(figure, sizeof(figure), "2.0->3.0 %u users: peak private memory of the conversion process",

@@ -32,12 +32,14 @@ foreach(figure
         "cleanup delete DeleteKey \\(anchor RegDeleteTreeW\\),[0-9.]+,[0-9.]+,[0-9.]+"
         "Convert tracing off \\(anchor no Tracing key; median of run ratios\\),[0-9.]+,[0-9.]+,[0-9.]+"
         "Convert tracing on v10 file \\(anchor tracing off; median of run ratios\\),[0-9.]+,[0-9.]+,[0-9.]+"
-        "3 users default: library per user \\(floor CryptoAPI loop; medians of 1\\),[0-9.]+,[0-9.]+,[0-9.]+"
-        "3 users strict: library per user \\(floor CryptoAPI loop; medians of 1\\),[0-9.]+,[0-9.]+,[0-9.]+"
+        "3 users default: library per user \\(floor CryptoAPI loop; median of 1 runs' ratios\\),[0-9.]+,[0-9.]+,[0-9.]+"
+        "3 users strict: library per user \\(floor CryptoAPI loop; median of 1 runs' ratios\\),[0-9.]+,[0-9.]+,[0-9.]+"
         "3 users default: store's share per user"
         "strict library per user \\(anchor default\\),[0-9.]+,[0-9.]+,[0-9.]+"
         "6 users: library per user \\(anchor 3 users\\),[0-9.]+,[0-9.]+,[0-9.]+"
-        "6 users: library per user \\(floor CryptoAPI loop; medians of 1\\),[0-9.]+,[0-9.]+,[0-9.]+"
+        "6 users: library per user \\(floor CryptoAPI loop; median of 1 runs' ratios\\),[0-9.]+,[0-9.]+,[0-9.]+"
+        "3 users: wineserver CPU per user while the conversion process ran,[0-9.]+"
+        "6 users: wineserver CPU per user while the conversion process ran \\(anchor 3 users\\),[0-9.]+,[0-9.]+,[0-9.]+"
         "6 users: peak private memory of the conversion process,[0-9.]+")
     if(NOT csv MATCHES "${figure}")
         string(APPEND missing "\n  ${figure}")
