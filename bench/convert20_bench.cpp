@@ -702,8 +702,8 @@ int main(int argc, char** argv)
         nvbench::Row(figure, r.keyPairMs, 0, "not ours", "ms/user");
     }
     if (base.front().serverMs >= 0) {
-        std::snprintf(figure, sizeof(figure), "2.0->3.0 %u users: wineserver CPU per user while the conversion process ran",
-                      baseUsers);
+        std::snprintf(figure, sizeof(figure),
+                      "2.0->3.0 %u users: wineserver CPU per user while the conversion process ran", baseUsers);
         nvbench::Row(figure, base.front().serverMs, 0, "platform", "ms/user");
     }
     if (options.strict.size() == 2) {
@@ -725,7 +725,8 @@ int main(int argc, char** argv)
         nvbench::Row(figure, r.totalMs, base.front().totalMs, "<=1.10", "ms/user");
         if (r.serverMs >= 0 && base.front().serverMs > 0) {
             std::snprintf(figure, sizeof(figure),
-                          "2.0->3.0 %u users: wineserver CPU per user while the conversion process ran (anchor %u users)",
+                          "2.0->3.0 %u users: wineserver CPU per user while the conversion process ran "
+                          "(anchor %u users)",
                           options.sizes[s], baseUsers);
             nvbench::Row(figure, r.serverMs, base.front().serverMs, "platform", "ms/user");
         }
