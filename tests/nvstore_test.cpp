@@ -162,14 +162,33 @@ Bytes PublicKeyProperty(const wchar_t* sid, HRESULT* hr)
     return Take(blob);
 }
 
+constexpr wchar_t kEnhancedProvider[] = L"Microsoft Enhanced Cryptographic Provider v1.0";
+
 bool ContainerExists(const std::wstring& name)
 {
     HCRYPTPROV h = 0;
-    if (!::CryptAcquireContextW(&h, name.c_str(), L"Microsoft Enhanced Cryptographic Provider v1.0", PROV_RSA_FULL,
-                                CRYPT_MACHINE_KEYSET))
+    if (!::CryptAcquireContextW(&h, name.c_str(), kEnhancedProvider, PROV_RSA_FULL, CRYPT_MACHINE_KEYSET))
         return false;
     ::CryptReleaseContext(h, 0);
     return true;
+}
+
+// A machine container of that name, new and empty (any older one of the name deleted).
+bool CreateContainer(const std::wstring& name)
+{
+    HCRYPTPROV h = 0;
+    ::CryptAcquireContextW(&h, name.c_str(), kEnhancedProvider, PROV_RSA_FULL, CRYPT_MACHINE_KEYSET | CRYPT_DELETEKEYSET);
+    if (!::CryptAcquireContextW(&h, name.c_str(), kEnhancedProvider, PROV_RSA_FULL,
+                                CRYPT_MACHINE_KEYSET | CRYPT_NEWKEYSET))
+        return false;
+    ::CryptReleaseContext(h, 0);
+    return true;
+}
+
+void DeleteContainer(const std::wstring& name)
+{
+    HCRYPTPROV h = 0;
+    ::CryptAcquireContextW(&h, name.c_str(), kEnhancedProvider, PROV_RSA_FULL, CRYPT_MACHINE_KEYSET | CRYPT_DELETEKEYSET);
 }
 
 std::string WithoutCr(std::string s)
@@ -465,6 +484,27 @@ TEST_F(NVStoreTest, DeleteUserRemovesRecordKeyPairAndRegistration)
     EXPECT_FALSE(inspect::IsRegistered(kSid));
     EXPECT_FALSE(ContainerExists(container));
     EXPECT_EQ(S_FALSE, Store()->DeleteUser(kSid, 8));
+}
+
+// The fixtures, the fault sweeps and the benchmarks clean up with this between runs:
+// a container it misses is left in the machine's key store for good.
+TEST_F(NVStoreTest, DeleteStoreKeyContainersRemovesEveryStoreContainerAndNoOther)
+{
+    ASSERT_EQ(S_OK, Enroll(kSid, kPassword));
+    const std::wstring enrolled = std::wstring(nvstore::kContainerPrefix) + kSid;
+    const std::wstring leftover = std::wstring(nvstore::kContainerPrefix) + L"S-1-5-21-1-2-3-4242";
+    const std::wstring other = L"NVStoreTest-NotTheStores";
+    ASSERT_TRUE(CreateContainer(leftover)) << ::GetLastError();
+    ASSERT_TRUE(CreateContainer(other)) << ::GetLastError();
+    ASSERT_TRUE(ContainerExists(enrolled));
+    ASSERT_TRUE(ContainerExists(leftover));
+
+    inspect::DeleteStoreKeyContainers();
+    EXPECT_FALSE(ContainerExists(enrolled));
+    EXPECT_FALSE(ContainerExists(leftover));
+    EXPECT_TRUE(ContainerExists(other));
+    DeleteContainer(other);
+    EXPECT_FALSE(ContainerExists(other));
 }
 
 // ---- public key and enrolment --------------------------------------------------

@@ -504,20 +504,26 @@ void DeleteKeyPair(const std::wstring& sid)
 
 void DeleteAllStoreContainers()
 {
+    // Machine containers are listed on a machine-keyset context (CRYPT_FIRST, then
+    // CRYPT_NEXT). Wine's provider takes the machine flag from the listing call's own
+    // flags instead and, without it, lists the user's containers, so the list is also
+    // asked for that way; a provider that refuses the extra flag adds nothing.
+    constexpr DWORD kListings[] = {0, CRYPT_MACHINE_KEYSET};
     std::vector<std::wstring> names;
-    {
+    for (const DWORD machine : kListings) {
         nv::unique_hcryptprov prov = VerifyContext(kKeyProvider, PROV_RSA_FULL, CRYPT_MACHINE_KEYSET);
         std::vector<char> name(1024);
-        DWORD flags = CRYPT_FIRST;
+        DWORD flags = CRYPT_FIRST | machine;
         for (;;) {
             DWORD cb = static_cast<DWORD>(name.size());
             if (!::CryptGetProvParam(prov.get(), PP_ENUMCONTAINERS, reinterpret_cast<BYTE*>(name.data()), &cb, flags))
                 break;
-            flags = 0;
+            flags = CRYPT_NEXT | machine;
             std::wstring wide;
             for (const char* p = name.data(); *p; ++p)
                 wide += static_cast<wchar_t>(static_cast<unsigned char>(*p));
-            if (wide.compare(0, std::wcslen(kContainerPrefix), kContainerPrefix) == 0)
+            if (wide.compare(0, std::wcslen(kContainerPrefix), kContainerPrefix) == 0 &&
+                std::find(names.begin(), names.end(), wide) == names.end())
                 names.push_back(wide);
         }
     }
