@@ -8,6 +8,7 @@
 //
 //   api_profile [--conversion 1.0|2.0] [--users N] [--key-bits N] [--host-key-bits N] [--seed N]
 //               [--policy default|strict] [--top N] [--opens on|off] [--calls on|off]
+//               [--trace FILE]
 //
 // --conversion: 1.0 (a legacy 1.0 database, converted to 2.0) or 2.0 (default; a 2.0
 // database converted into the reference store). --key-bits: the size of the user key
@@ -17,7 +18,9 @@
 // many functions (and opened keys) to list (default 25). --opens on: also count the
 // keys the library opens, by root, access and path. --calls on: print every registry,
 // security and CryptoAPI call as it is made ("call <name>", an open with its root,
-// access, path and result); with a few users it shows what one user costs.
+// access, path and result); with a few users it shows what one user costs. --trace:
+// the conversion traces at verbosity 10 into FILE (a Windows path), so that the
+// trace file's share shows.
 //
 // Timing wrappers cost about a microsecond a call, which the figures include; the
 // counts are exact. Time inside CoCreateInstance and CoGetClassObject includes what
@@ -227,6 +230,7 @@ struct Options {
     unsigned top = 25;
     bool opens = false;
     bool calls = false;
+    std::wstring traceFile;
 };
 
 bool ParseArgs(int argc, char** argv, Options& o)
@@ -249,6 +253,8 @@ bool ParseArgs(int argc, char** argv, Options& o)
             o.opens = !std::strcmp(v, "on");
         else if (!std::strcmp(argv[i], "--calls") && (!std::strcmp(v, "on") || !std::strcmp(v, "off")))
             o.calls = !std::strcmp(v, "on");
+        else if (!std::strcmp(argv[i], "--trace") && *v)
+            o.traceFile.assign(v, v + std::strlen(v));
         else if (!std::strcmp(argv[i], "--top"))
             o.top = static_cast<unsigned>(std::strtoul(v, nullptr, 10));
         else
@@ -278,7 +284,7 @@ int main(int argc, char** argv)
     Options options;
     if (!ParseArgs(argc, argv, options)) {
         std::fprintf(stderr, "usage: api_profile [--conversion 1.0|2.0] [--users N] [--key-bits N] [--host-key-bits N] [--seed N] "
-                             "[--policy default|strict] [--top N] [--opens on|off] [--calls on|off]\n");
+                             "[--policy default|strict] [--top N] [--opens on|off] [--calls on|off] [--trace FILE]\n");
         return 2;
     }
     g_stats = g_table;
@@ -320,6 +326,10 @@ int main(int argc, char** argv)
         }
     }
 
+    if (!nvbench::SetTracing(true, options.traceFile.empty() ? nullptr : options.traceFile.c_str())) {
+        std::fprintf(stderr, "cannot write the trace settings\n");
+        return 1;
+    }
     HRESULT hr = E_FAIL;
     double seconds = 0;
     NVSTORE_COUNTERS before{}, after{};
@@ -347,6 +357,7 @@ int main(int argc, char** argv)
             return 1;
         }
     }
+    nvbench::SetTracing(false, nullptr);
     if (!options.conversion10) {
         nvwriter::DeleteDb20Container(db20);
         nvstore::inspect::DeleteStoreKeyContainers();

@@ -14,6 +14,8 @@
 
 #include "common/handles.h"
 #include "common/procaddress.h"
+#include "common/regkey.h"
+#include "trace/trace_output.h"
 
 namespace nvbench {
 
@@ -128,6 +130,27 @@ inline double WineserverCpuSeconds()
         return -1;
     constexpr double kTicksPerSecond = 100.0; // USER_HZ on Linux
     return static_cast<double>(utime + stime) / kTicksPerSecond;
+}
+
+// The library's trace settings as the benchmarks use them: the Tracing key (native
+// view) with DoTrace on or off, verbosity 10 and the file given; or, with no file, no
+// Tracing key at all. Whatever was there before is removed first.
+inline bool SetTracing(bool on, const wchar_t* file)
+{
+    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, NVTraceNS::kTracingKeyPath);
+    ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, NVTraceNS::kTracingKeyPath);
+    if (!file)
+        return true;
+    nv::CNVRegKey key;
+    if (key.Create(HKEY_LOCAL_MACHINE, NVTraceNS::kTracingKeyPath, KEY_ALL_ACCESS) != ERROR_SUCCESS)
+        return false;
+    const DWORD doTrace = on ? 1 : 0;
+    const DWORD verbosity = 10;
+    return ::RegSetValueExW(key, L"DoTrace", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&doTrace),
+                            sizeof(doTrace)) == ERROR_SUCCESS &&
+           ::RegSetValueExW(key, L"Verbosity", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&verbosity),
+                            sizeof(verbosity)) == ERROR_SUCCESS &&
+           nv::SetStringValue(key, L"FileName", file) == ERROR_SUCCESS;
 }
 
 // A point of a scaling curve: users, then named per-user figures in ms.

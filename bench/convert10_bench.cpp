@@ -30,7 +30,6 @@
 #include "bench_util.h"
 #include "common/regkey.h"
 #include "frame/baseconverter.h"
-#include "trace/trace_output.h"
 #include "writer/legacy_writer.h"
 
 namespace {
@@ -52,19 +51,8 @@ bool WriteDb(const nvwriter::DbOptions& options, nvwriter::DbRecord* record)
 
 void SetTracing(Tracing tracing)
 {
-    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, NVTraceNS::kTracingKeyPath);
-    ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, NVTraceNS::kTracingKeyPath);
     ::DeleteFileW(kTraceFile);
-    if (tracing == Tracing::NoKey)
-        return;
-    nv::CNVRegKey key;
-    if (key.Create(HKEY_LOCAL_MACHINE, NVTraceNS::kTracingKeyPath, KEY_ALL_ACCESS) != ERROR_SUCCESS)
-        return;
-    const DWORD on = tracing == Tracing::OnVerbose ? 1 : 0;
-    const DWORD verbosity = 10;
-    ::RegSetValueExW(key, L"DoTrace", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&on), sizeof(on));
-    ::RegSetValueExW(key, L"Verbosity", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&verbosity), sizeof(verbosity));
-    nv::SetStringValue(key, L"FileName", kTraceFile);
+    nvbench::SetTracing(tracing == Tracing::OnVerbose, tracing == Tracing::NoKey ? nullptr : kTraceFile);
 }
 
 // Times Convert of a freshly loaded library; <0 on failure.

@@ -414,16 +414,8 @@ bool RunOnce(const Options& options, unsigned users, bool strict, RunResult& r)
     nvwriter::SetHostKeyBits(options.hostKeyBits);
     if (!SetPolicy(strict))
         return false;
-    if (!options.traceFile.empty()) {
-        nv::CNVRegKey tracing;
-        const DWORD on = 1, verbosity = 10;
-        if (tracing.Create(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane\\Tracing", KEY_ALL_ACCESS) != ERROR_SUCCESS)
-            return false;
-        ::RegSetValueExW(tracing, L"DoTrace", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&on), sizeof(on));
-        ::RegSetValueExW(tracing, L"Verbosity", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&verbosity),
-                         sizeof(verbosity));
-        nv::SetStringValue(tracing, L"FileName", options.traceFile.c_str());
-    }
+    if (!options.traceFile.empty() && !nvbench::SetTracing(true, options.traceFile.c_str()))
+        return false;
 
     nvwriter::Db20Options dbOptions;
     dbOptions.seed = options.seed;
