@@ -906,3 +906,29 @@ TEST_F(TraceFacilityTest, FileOutputOpensTheConfiguredPathAndKeepsIt)
     EXPECT_EQ(7u, records[0].thread);
     EXPECT_EQ("U abc", nvtrace::CanonicalLine(records[0]));
 }
+
+// Two processes of one program trace into one file (the name carries the program and
+// the session, not the process): each record lands after whatever the other wrote.
+TEST_F(TraceFacilityTest, TwoOutputsOnOneFileEachAppendAfterTheOthersRecords)
+{
+    SetDword(kTracing, L"NewFileAlways", 0, kViewNative);
+    g_now = Time(2026, 11, 16, 8, 0, 0, 0);
+    {
+        NVTraceNS::CFileOutput first;
+        ASSERT_NE(INVALID_HANDLE_VALUE, first.m_hFile);
+        std::vector<std::uint8_t> a = {1, 0, 0, 0, 'U', 1, 0, 'a'};
+        first.Write(a.data(), a.size());
+        NVTraceNS::CFileOutput second; // finds the file in use and marks its reopening
+        ASSERT_NE(INVALID_HANDLE_VALUE, second.m_hFile);
+        std::vector<std::uint8_t> b = {1, 0, 0, 0, 'U', 2, 0, 'b', 'b'};
+        first.Write(b.data(), b.size());
+        std::vector<std::uint8_t> c = {2, 0, 0, 0, 'U', 3, 0, 'c', 'c', 'c'};
+        second.Write(c.data(), c.size());
+        std::vector<std::uint8_t> d = {1, 0, 0, 0, 'U', 4, 0, 'd', 'd', 'd', 'd'};
+        first.Write(d.data(), d.size());
+    }
+    const nvtrace::DecodedTrace decoded = trace.Decode();
+    ASSERT_TRUE(decoded.ok) << decoded.error;
+    EXPECT_EQ("trace3", decoded.header.front());
+    EXPECT_EQ((std::vector<std::string>{"U a", "N 11-16-2026", "U bb", "U ccc", "U dddd"}), trace.AllLines());
+}

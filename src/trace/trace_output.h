@@ -54,7 +54,7 @@ public:
 // settings and writes the header to an empty file or an 'N' record to an existing
 // one. A file that cannot be opened leaves the handle invalid, and Write then does
 // nothing. Write appends the record with its text scrambled in place, with one write
-// call, so several processes may share one file.
+// call on a handle that only appends, so several processes may share one file.
 class CFileOutput : public COutput {
 public:
     CFileOutput() noexcept;
