@@ -38,7 +38,8 @@
 // calls of both the library and the store, and every 30 seconds it rewrites a changed
 // hive whole into its .reg file; with 10,000 users, the database, its backup key, the
 // store and the key containers make that file over 200 MB, and each rewrite holds the
-// server, on the benchmark's CPU, for about two seconds.
+// server, on the benchmark's CPU, for about two seconds. scripts/bench holds those
+// rewrites off unless told otherwise (NV_BENCH_REGISTRY_SAVES=1).
 //
 // It rewrites the suite's registry keys and the store, and deletes the machine and
 // store key containers it made: run it in a scratch Wine prefix (scripts/bench does).

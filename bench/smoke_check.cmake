@@ -48,6 +48,16 @@ endforeach()
 if(out MATCHES "warning: [0-9]+ of [0-9]+ users reached the store")
     string(APPEND missing "\n  every user in the store (see the warning above)")
 endif()
+if(NOT out MATCHES "Wine's periodic registry saves during the run: (held off|left in)")
+    string(APPEND missing "\n  the line that says whether Wine's registry saves were held off")
+endif()
+# Held off by making the prefix's folder immutable: it must not stay so, or the build
+# tree could not be removed.
+execute_process(COMMAND lsattr -d ${NV_BENCH_OUT}/wineprefix OUTPUT_VARIABLE attributes RESULT_VARIABLE lsattr_rc
+                ERROR_QUIET)
+if(lsattr_rc EQUAL 0 AND attributes MATCHES "^[^ ]*i")
+    string(APPEND missing "\n  a prefix folder without the immutable flag after the run (${attributes})")
+endif()
 file(READ ${NV_BENCH_OUT}/scaling.csv curve)
 if(NOT curve MATCHES "\n3,[0-9.]+,[0-9.]+,[0-9.]+,[0-9.]+\n6,[0-9.]+,[0-9.]+,[0-9.]+,[0-9.]+")
     string(APPEND missing "\n  the scaling curve's points for 3 and 6 users")

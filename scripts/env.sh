@@ -36,8 +36,17 @@ nv_build() {
 # A fresh prefix inside the build tree.
 nv_fresh_prefix() {
     nv_stop_wineserver
+    nv_release_prefix_folder
     rm -rf "$WINEPREFIX"
     "$NV_WINE" wineboot --init </dev/null >/dev/null 2>&1
+}
+
+# scripts/bench makes the prefix's folder immutable while it measures (it holds off
+# Wine's periodic registry saves); a run that was killed may have left it so.
+nv_release_prefix_folder() {
+    if [ -d "$WINEPREFIX" ] && command -v chattr >/dev/null 2>&1; then
+        chattr -i "$WINEPREFIX" 2>/dev/null || true
+    fi
 }
 
 # A persistent server with its stdio detached: otherwise Wine's service processes
