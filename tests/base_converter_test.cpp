@@ -14,6 +14,8 @@
 
 #include "common/handles.h"
 #include "frame/baseconverter.h"
+#include "frame/paths.h"
+#include "support/import_patch.h"
 #include "support/registry_sandbox.h"
 #include "support/test_converter.h"
 #include "support/trace_capture.h"
@@ -638,13 +640,13 @@ TEST_F(BaseConverterTest, RollbackWhoseHookFailsReturnsHookCodeAfterRestoring)
 TEST_F(BaseConverterTest, RollbackKeepsSOkWhenCopyFailsAfterDatabaseWasDeleted)
 {
     FillDatabase(kView64);
-    SetString(kDb, L"Backup", L"SOFTWARE\\Norvane\\DB-gone", kView64);
-    TestConverter converter(0, 0, L"DB-gone");
+    SetString(kDb, L"Backup", kBackup20, kView64);
+    TestConverter converter(0, 0, L"DB-v2.0");
 
     EXPECT_EQ(S_OK, converter.Rollback());
     EXPECT_EQ(std::vector<std::string>{"do_Rollback"}, converter.calls);
     EXPECT_FALSE(KeyExists(kDb, kView64));
-    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB-gone", kView64));
+    EXPECT_FALSE(KeyExists(kBackup20, kView64));
 }
 
 TEST_F(BaseConverterTest, RollbackKeepsSOkWhenFirstDeleteFails)
@@ -1023,6 +1025,205 @@ TEST_F(BaseConverterTest, DeleteKeyByNonAdministratorDeletesOnlyWhatCallerMayDel
     EXPECT_FALSE(KeyExists(tree, kView64));
 }
 
+// A delete that fails after the grant leaves the key with System and
+// Administrators only: never a key every local user may write.
+namespace {
+
+LONG WINAPI FailingRegDeleteKeyExW(HKEY, LPCWSTR, REGSAM, DWORD)
+{
+    return ERROR_ACCESS_DENIED;
+}
+
+} // namespace
+
+TEST_F(BaseConverterTest, DeleteKeyFailingAfterTheGrantLeavesNoUsersEntry)
+{
+    const wchar_t* tree = L"SOFTWARE\\Norvane\\Tree";
+    const wchar_t* child = L"SOFTWARE\\Norvane\\Tree\\Child";
+    SetDword(tree, L"x", 1, kView64);
+    SetDword(child, L"y", 2, kView64);
+    ASSERT_NE(std::wstring::npos, DaclText(tree, kView64).find(L";;;BU)"))
+        << "the key should start with the Users entry it inherits";
+
+    HRESULT hr;
+    {
+        ImportPatch patch(::GetModuleHandleW(nullptr),
+                          {{"RegDeleteKeyExW", reinterpret_cast<void*>(&FailingRegDeleteKeyExW)}});
+        ASSERT_TRUE(patch.ok());
+        ASSERT_FALSE(patch.names().empty());
+        hr = CBaseConverter::DeleteKey(HKEY_LOCAL_MACHINE, tree, 0);
+    }
+    EXPECT_EQ(E_ACCESSDENIED, hr);
+    ASSERT_TRUE(KeyExists(child, kView64));
+    // Wine 8 does not keep the protected flag in the control word (see DaclEntries),
+    // so the entries are what can be compared.
+    EXPECT_EQ(std::wstring(L"(A;OICI;KA;;;SY)(A;OICI;KA;;;BA)"), DaclEntries(DaclText(tree, kView64)));
+    EXPECT_EQ(std::wstring(L"(A;OICI;KA;;;SY)(A;OICI;KA;;;BA)"), DaclEntries(DaclText(child, kView64)));
+}
+
+// ---------------------------------------------------------------------------
+// "Backup" naming a key the library never writes
+
+namespace {
+
+constexpr const wchar_t kVictim[] = L"SOFTWARE\\Norvane\\Victim";
+constexpr const wchar_t kVictimChild[] = L"SOFTWARE\\Norvane\\Victim\\Inner";
+constexpr const wchar_t kVictimDacl[] = L"D:P(A;CI;KA;;;SY)(A;CI;KA;;;BA)(A;CI;KR;;;WD)";
+
+// Owner, group and DACL of the key as the registry returns them.
+std::vector<BYTE> SecurityBytes(const wchar_t* path, REGSAM view)
+{
+    const SECURITY_INFORMATION what = OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION |
+                                      DACL_SECURITY_INFORMATION;
+    HKEY h = nullptr;
+    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, READ_CONTROL | view, &h) != ERROR_SUCCESS)
+        return {};
+    DWORD cb = 0;
+    ::RegGetKeySecurity(h, what, nullptr, &cb);
+    std::vector<BYTE> sd(cb);
+    const LONG r = cb ? ::RegGetKeySecurity(h, what, sd.data(), &cb) : ERROR_INVALID_DATA;
+    ::RegCloseKey(h);
+    if (r != ERROR_SUCCESS)
+        return {};
+    sd.resize(cb);
+    return sd;
+}
+
+// A key elsewhere under HKLM with a sentinel value, a subkey and a DACL of its own.
+struct PlantedVictim {
+    RegTree tree;
+    std::vector<BYTE> security;
+    std::vector<BYTE> childSecurity;
+};
+
+PlantedVictim PlantVictim(REGSAM view)
+{
+    SetString(kVictim, L"Sentinel", L"must survive", view);
+    SetDword(kVictimChild, L"Inner", 0xDEADBEEF, view);
+    SetDacl(kVictim, view, kVictimDacl);
+    PlantedVictim v{Snapshot(kVictim, view), SecurityBytes(kVictim, view), SecurityBytes(kVictimChild, view)};
+    EXPECT_FALSE(v.security.empty());
+    return v;
+}
+
+void ExpectVictimUntouched(const PlantedVictim& before, REGSAM view)
+{
+    const RegTree after = Snapshot(kVictim, view);
+    EXPECT_TRUE(before.tree == after) << DiffTrees(before.tree, after);
+    EXPECT_EQ(before.security, SecurityBytes(kVictim, view));
+    EXPECT_EQ(before.childSecurity, SecurityBytes(kVictimChild, view));
+    std::wstring sentinel;
+    EXPECT_TRUE(GetString(kVictim, L"Sentinel", view, &sentinel));
+    EXPECT_EQ(std::wstring(L"must survive"), sentinel);
+}
+
+} // namespace
+
+TEST(BackupPathTest, OnlyTheTwoBackupKeysOfTheLibraryAreAccepted)
+{
+    EXPECT_TRUE(nvframe::IsLibraryBackupPath(L"SOFTWARE\\Norvane\\DB-v1.0"));
+    EXPECT_TRUE(nvframe::IsLibraryBackupPath(L"SOFTWARE\\Norvane\\DB-v2.0"));
+    EXPECT_TRUE(nvframe::IsLibraryBackupPath(L"software\\NORVANE\\db-V2.0"));
+
+    EXPECT_FALSE(nvframe::IsLibraryBackupPath(nullptr));
+    EXPECT_FALSE(nvframe::IsLibraryBackupPath(L""));
+    EXPECT_FALSE(nvframe::IsLibraryBackupPath(L"SOFTWARE\\Norvane\\DB"));
+    EXPECT_FALSE(nvframe::IsLibraryBackupPath(L"SOFTWARE\\Norvane\\DB-v3.0"));
+    EXPECT_FALSE(nvframe::IsLibraryBackupPath(L"\\SOFTWARE\\Norvane\\DB-v1.0"));
+    EXPECT_FALSE(nvframe::IsLibraryBackupPath(L"SOFTWARE\\Norvane\\DB-v1.0\\"));
+    EXPECT_FALSE(nvframe::IsLibraryBackupPath(L"SOFTWARE\\Norvane\\DB-v1.0 "));
+    EXPECT_FALSE(nvframe::IsLibraryBackupPath(L" SOFTWARE\\Norvane\\DB-v1.0"));
+    EXPECT_FALSE(nvframe::IsLibraryBackupPath(L"SOFTWARE\\Norvane\\DB-v2.0\\Sub"));
+    EXPECT_FALSE(nvframe::IsLibraryBackupPath(L"SOFTWARE\\Norvane\\DB-v2.0\\..\\..\\..\\SAM"));
+    EXPECT_FALSE(nvframe::IsLibraryBackupPath(L"SOFTWARE\\Wow6432Node\\Norvane\\DB-v1.0"));
+    EXPECT_FALSE(nvframe::IsLibraryBackupPath(L"SAM\\SAM"));
+    EXPECT_FALSE(nvframe::IsLibraryBackupPath(L"SOFTWARE\\Norvane\\Victim"));
+}
+
+TEST_F(BaseConverterTest, CleanupRefusesForeignBackupValueAndLeavesThatKeyUntouched)
+{
+    FillDatabase(kView32);
+    const PlantedVictim victim = PlantVictim(kView32);
+    SetString(kDb, L"Backup", kVictim, kView32);
+    const RegTree db = Snapshot(kDb, kView32);
+    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+
+    EXPECT_EQ(E_ACCESSDENIED, converter.Cleanup());
+    // Refused as a failed delete is: the hook does not run.
+    EXPECT_TRUE(converter.calls.empty());
+    ExpectVictimUntouched(victim, kView32);
+    const RegTree after = Snapshot(kDb, kView32);
+    EXPECT_TRUE(db == after) << DiffTrees(db, after);
+}
+
+TEST_F(BaseConverterTest, RollbackRefusesForeignBackupValueKeepsDatabaseAndStillRunsHook)
+{
+    FillDatabase(kView64);
+    const PlantedVictim victim = PlantVictim(kView64);
+    SetString(kDb, L"Backup", kVictim, kView64);
+    const RegTree db = Snapshot(kDb, kView64);
+    TestConverter converter(0, 0, L"DB-v2.0");
+
+    EXPECT_EQ(E_ACCESSDENIED, converter.Rollback());
+    EXPECT_EQ(std::vector<std::string>{"do_Rollback"}, converter.calls);
+    ExpectVictimUntouched(victim, kView64);
+    const RegTree after = Snapshot(kDb, kView64);
+    EXPECT_TRUE(db == after) << DiffTrees(db, after);
+
+    // A failing hook still has the last word.
+    converter.rollbackResult = kHookFailure;
+    EXPECT_EQ(kHookFailure, converter.Rollback());
+    ExpectVictimUntouched(victim, kView64);
+}
+
+// A failed backup leaves a planted "Backup" in place for the rollback that Convert
+// calls: the path an attacker would take through Convert.
+TEST_F(BaseConverterTest, ConvertWhoseBackupFailsDoesNotRollBackFromForeignBackupValue)
+{
+    FillDatabase(kView64);
+    SetBinary(kDb, L"Hollow", {}, kView64);
+    const PlantedVictim victim = PlantVictim(kView64);
+    SetString(kDb, L"Backup", kVictim, kView64);
+    const RegTree db = Snapshot(kDb, kView64);
+    TestConverter converter(0, 0, L"DB-v2.0");
+
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY), converter.Convert());
+    EXPECT_EQ(std::vector<std::string>{"do_Rollback"}, converter.calls);
+    ExpectVictimUntouched(victim, kView64);
+    const RegTree after = Snapshot(kDb, kView64);
+    EXPECT_TRUE(db == after) << DiffTrees(db, after);
+}
+
+TEST_F(BaseConverterTest, SuccessfulConvertOverwritesForeignBackupValueAndLeavesThatKeyUntouched)
+{
+    FillDatabase(kView64);
+    const PlantedVictim victim = PlantVictim(kView64);
+    SetString(kDb, L"Backup", kVictim, kView64);
+    TestConverter converter(0, 0, L"DB-v2.0");
+
+    EXPECT_EQ(S_OK, converter.Convert());
+    EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Convert", "do_Cleanup"}), converter.calls);
+    ExpectVictimUntouched(victim, kView64);
+    EXPECT_FALSE(KeyExists(kBackup20, kView64));
+    std::wstring left;
+    EXPECT_FALSE(GetString(kDb, L"Backup", kView64, &left)) << "left: " << std::string(left.begin(), left.end());
+}
+
+TEST_F(BaseConverterTest, BackupValueInAnotherCaseStillNamesTheLibrarysBackupKey)
+{
+    FillDatabase(kView64);
+    const RegTree before = Snapshot(kDb, kView64);
+    TestConverter converter(0, 0, L"DB-v2.0");
+    ASSERT_EQ(S_OK, converter.Backup());
+    ChangeDatabase(kView64);
+    SetString(kDb, L"Backup", L"software\\norvane\\db-V2.0", kView64);
+
+    EXPECT_EQ(S_OK, converter.Rollback());
+    const RegTree after = Snapshot(kDb, kView64);
+    EXPECT_TRUE(before == after) << DiffTrees(before, after);
+    EXPECT_FALSE(KeyExists(kBackup20, kView64));
+}
+
 // ---------------------------------------------------------------------------
 // Trace
 
@@ -1143,6 +1344,25 @@ TEST_F(BaseConverterTraceTest, RollbackWhoseFirstDeleteFailsTracesOnlyThatDelete
                   "U restoring database from backup key SOFTWARE\\Norvane\\DB-v1.0",
                   "> CBaseConverter::DeleteKey", "E -2147024894 ", "<",
                   "<",
+              }),
+              trace.Lines())
+        << trace.Dump();
+}
+
+TEST_F(BaseConverterTraceTest, ForeignBackupValueIsNamedInTheTraceOfRollbackAndCleanup)
+{
+    SetString(kDb, L"Backup", L"SAM\\SAM", kView32);
+    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    EXPECT_EQ(E_ACCESSDENIED, converter.Rollback());
+    EXPECT_EQ(E_ACCESSDENIED, converter.Cleanup());
+    EXPECT_EQ((Lines{
+                  "> CBaseConverter::CBaseConverter", "<",
+                  "> CBaseConverter::Rollback",
+                  "U refusing \"Backup\" value SAM\\SAM: not a backup key of this library",
+                  "E -2147024891 ", "<",
+                  "> CBaseConverter::Cleanup",
+                  "U refusing \"Backup\" value SAM\\SAM: not a backup key of this library",
+                  "E -2147024891 ", "<",
               }),
               trace.Lines())
         << trace.Dump();

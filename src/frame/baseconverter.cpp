@@ -7,6 +7,7 @@
 
 #include "common/hresult.h"
 #include "common/keysecurity.h"
+#include "frame/paths.h"
 #include "trace/trace.h"
 
 const wchar_t* const CBaseConverter::s_wszBackupValue = L"Backup";
@@ -26,6 +27,13 @@ struct FreeDeleter {
     void operator()(BYTE* p) const noexcept { std::free(p); }
 };
 
+// A "Backup" value that names no backup key of this library: traced, and refused
+// with E_ACCESSDENIED before anything is deleted or copied.
+HRESULT RefuseForeignBackupPath(NVTraceNS::CTraceScope& scope, const std::wstring& path)
+{
+    NVTraceNS::Trace(scope, 0, "refusing \"Backup\" value %ls: not a backup key of this library", path.c_str());
+    return E_ACCESSDENIED;
+}
 
 } // namespace
 
@@ -98,7 +106,9 @@ HRESULT CBaseConverter::Rollback()
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
         HRESULT result;
         std::wstring path = ReadBackupPath();
-        if (!path.empty()) {
+        if (!path.empty() && !nvframe::IsLibraryBackupPath(path.c_str())) {
+            result = RefuseForeignBackupPath(scope, path);
+        } else if (!path.empty()) {
             NVTraceNS::Trace(scope, 0, "restoring database from backup key %ls", path.c_str());
             // The database is deleted and restored in the view word of the key owner
             // (0, the library's own view), whatever view it was opened in. Only the
@@ -128,6 +138,9 @@ HRESULT CBaseConverter::Cleanup()
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
         HRESULT result;
         std::wstring path = ReadBackupPath();
+        // A refused path fails the step as a failed delete would: the hook is skipped.
+        if (!path.empty() && !nvframe::IsLibraryBackupPath(path.c_str()))
+            return RefuseForeignBackupPath(scope, path);
         if (!path.empty()) {
             NVTraceNS::Trace(scope, 0, "cleaning up backup key %ls", path.c_str());
             nv::ThrowIfFailed(DeleteKey(HKEY_LOCAL_MACHINE, path.c_str(), GetBackupView()));
@@ -224,8 +237,10 @@ HRESULT CBaseConverter::DeleteKeyTree(HKEY hRoot, bool openRoot, const wchar_t* 
             privilege.known = true;
         }
         // S_FALSE when the DACL cannot be set: the delete is tried anyway.
+        // Users get no entry: a delete that fails after this (a subkey created in
+        // between, a handle held open, a kill) must not leave a key every user may write.
         if (privilege.privileged)
-            nv::ThrowIfFailed(nv::SetProtectedKeyDacl(target.get(), KEY_ALL_ACCESS));
+            nv::ThrowIfFailed(nv::SetProtectedKeyDacl(target.get(), 0));
 
         // List first, delete afterwards: deleting while enumerating shifts the indexes.
         std::vector<std::wstring> children;

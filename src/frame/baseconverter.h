@@ -7,6 +7,10 @@
 // word stays 0, and that 0 is what Backup passes as the source view and what
 // Rollback uses for the database key. The backup state lives in the registry (the
 // backup key and the "Backup" value), so a later process can roll back or clean up.
+// Rollback and Cleanup act only on a "Backup" that names one of the library's own
+// backup keys (nvframe::IsLibraryBackupPath); any other value is refused with
+// E_ACCESSDENIED and nothing is deleted or copied. DeleteKey's grant gives Users
+// nothing, so a delete that fails half way leaves no key that every user may write.
 // Every operation returns an HRESULT and never throws.
 #pragma once
 #include <windows.h>
