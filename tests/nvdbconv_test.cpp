@@ -564,6 +564,81 @@ TEST_F(NvdbconvRollbackTest, WithoutABackupValueRollbackRunsAndAnswersSFalse)
     EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(), Row("backup", "no \"Backup\" value"))) << run.out;
 }
 
+// "Backup" naming a key the library never writes: status calls it foreign and says
+// what to do; rollback and cleanup refuse it whatever the options, and the key it
+// names stays as it was.
+namespace {
+
+constexpr const wchar_t kForeignKey[] = L"SOFTWARE\\Norvane\\Victim";
+
+const std::string kForeignAdvice =
+    "\"Backup\" names HKLM\\SOFTWARE\\Norvane\\Victim, which is not a backup key of the library (only\n"
+    "  HKLM\\SOFTWARE\\Norvane\\DB-v1.0 and HKLM\\SOFTWARE\\Norvane\\DB-v2.0 are). The library never writes "
+    "anything else there:\n"
+    "  someone else set it, and Rollback and Cleanup would delete and copy that key elevated.\n"
+    "  The library refuses it (0x80070005), and so do rollback and cleanup here, with or\n"
+    "  without --force. Find out who can write HKLM\\SOFTWARE\\Norvane\\DB, then delete the value by hand\n"
+    "  (reg delete HKLM\\SOFTWARE\\Norvane\\DB /v Backup /reg:32 /f) and run \"nvdbconv status\" again.";
+
+} // namespace
+
+TEST_F(NvdbconvRollbackTest, StatusCallsAForeignBackupValueForeignAndSaysWhatToDo)
+{
+    Write10(4, 1, KEY_WOW64_32KEY);
+    SetString(kDb, L"Backup", kForeignKey, kView32);
+
+    ProcessRun run = Nvdbconv(L"status");
+    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    EXPECT_TRUE(Contains(run.out, Row("backup", "\"Backup\" = \"SOFTWARE\\Norvane\\Victim\" (FOREIGN)"))) << run.out;
+    EXPECT_TRUE(Contains(run.out, Row("foreign", kForeignAdvice))) << run.out;
+
+    const JsonValue doc = Json(Nvdbconv(L"--json status"));
+    EXPECT_TRUE(doc["backupForeign"].Bool());
+    EXPECT_EQ(kForeignAdvice, doc["foreignAdvice"].Text());
+    EXPECT_FALSE(doc["backupKeyMissing"].Bool());
+}
+
+TEST_F(NvdbconvRollbackTest, StatusOfTheLibrarysOwnBackupValueIsNotForeign)
+{
+    SetUpDatabaseInBothViews();
+    const JsonValue doc = Json(Nvdbconv(L"--json status"));
+    EXPECT_FALSE(doc["backupForeign"].Bool());
+    EXPECT_TRUE(doc["foreignAdvice"].IsMissing());
+}
+
+TEST_F(NvdbconvRollbackTest, RollbackAndCleanupRefuseAForeignBackupValueEvenWithForce)
+{
+    Write10(4, 1, KEY_WOW64_32KEY);
+    Write10(4, 1, KEY_WOW64_64KEY);
+    SetString(kDb, L"Backup", kForeignKey, kView32);
+    for (REGSAM view : {kView32, kView64})
+        SetString(kForeignKey, L"Sentinel", L"must survive", view);
+    const RegTree before32 = Snapshot(kDb, kView32);
+    const RegTree before64 = Snapshot(kDb, kView64);
+    const RegTree foreign32 = Snapshot(kForeignKey, kView32);
+    const RegTree foreign64 = Snapshot(kForeignKey, kView64);
+
+    for (const wchar_t* args : {L"rollback", L"rollback --force", L"cleanup"}) {
+        SCOPED_TRACE(Narrow(args));
+        const std::string operation = std::wstring(args).rfind(L"rollback", 0) == 0 ? "roll back" : "clean up";
+        ProcessRun run = Nvdbconv(args);
+        EXPECT_EQ(3u, run.exitCode) << run.out << run.err;
+        EXPECT_EQ("nvdbconv: refusing to " + operation + ": " + kForeignAdvice + "\n", run.err);
+        EXPECT_FALSE(Contains(run.out, "Rollback ")) << run.out;
+        EXPECT_FALSE(Contains(run.out, "Cleanup ")) << run.out;
+    }
+    const JsonValue doc = Json(Nvdbconv(L"--json rollback --force"));
+    EXPECT_TRUE(doc["refused"].Bool());
+    EXPECT_EQ("refusing to roll back: " + kForeignAdvice, doc["reason"].Text());
+    EXPECT_TRUE(doc["rollback"].IsMissing());
+    EXPECT_EQ(3, doc["exitCode"].Int());
+
+    EXPECT_EQ("", DiffTrees(before32, Snapshot(kDb, kView32)));
+    EXPECT_EQ("", DiffTrees(before64, Snapshot(kDb, kView64)));
+    EXPECT_EQ("", DiffTrees(foreign32, Snapshot(kForeignKey, kView32)));
+    EXPECT_EQ("", DiffTrees(foreign64, Snapshot(kForeignKey, kView64)));
+}
+
 TEST_F(NvdbconvRollbackTest, WithoutADatabaseThereIsNoConverterAndRollbackFails)
 {
     const JsonValue doc = Json(Nvdbconv(L"--json rollback"));

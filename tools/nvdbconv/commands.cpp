@@ -107,7 +107,33 @@ std::string BackupText(const DatabaseState& s)
 {
     if (!s.backupValue)
         return "no \"Backup\" value";
-    return "\"Backup\" = \"" + U8(*s.backupValue) + "\"";
+    return "\"Backup\" = \"" + U8(*s.backupValue) + "\"" + (s.backupForeign ? " (FOREIGN)" : "");
+}
+
+// What a foreign "Backup" means and what to do about it; empty when it is not.
+std::string ForeignBackupAdvice(const DatabaseState& s)
+{
+    if (!s.backupForeign)
+        return std::string();
+    return Fmt("\"Backup\" names HKLM\\%s, which is not a backup key of the library (only\n"
+               "  HKLM\\%s and HKLM\\%s are). The library never writes anything else there:\n"
+               "  someone else set it, and Rollback and Cleanup would delete and copy that key elevated.\n"
+               "  The library refuses it (0x80070005), and so do rollback and cleanup here, with or\n"
+               "  without --force. Find out who can write HKLM\\%s, then delete the value by hand\n"
+               "  (reg delete HKLM\\%s /v Backup /reg:32 /f) and run \"nvdbconv status\" again.",
+               U8(*s.backupValue).c_str(), U8(kBackup10Path).c_str(), U8(kBackup20Path).c_str(),
+               U8(kDatabasePath).c_str(), U8(kDatabasePath).c_str());
+}
+
+// rollback and cleanup stop on a foreign "Backup" whatever the options say.
+bool RefuseForeignBackup(Printer& out, const DatabaseState& s, const char* operation)
+{
+    if (!s.backupForeign)
+        return false;
+    const std::string explanation = Fmt("refusing to %s: ", operation) + ForeignBackupAdvice(s);
+    out.Problem(explanation);
+    out.json.Field("refused", true).Field("reason", explanation);
+    return true;
 }
 
 std::string BackupKeysText(const DatabaseState& s)
@@ -317,10 +343,16 @@ int Status(Printer& out, CLibraryHost& host)
     out.Row("state", Verdict(db));
     out.Row("backup", BackupText(db));
     out.Row("backup keys", BackupKeysText(db));
+    out.json.Field("backupForeign", db.backupForeign);
+    if (db.backupForeign) {
+        const std::string advice = ForeignBackupAdvice(db);
+        out.Row("foreign", advice);
+        out.json.Field("foreignAdvice", advice);
+    }
     // "Backup" naming a key that is gone: a conversion ended between deleting its
     // backup key and deleting the value (or the key was removed by hand).
     bool backupMissing = false;
-    if (l.target != 0 && db.backupValue && !db.backupValue->empty()) {
+    if (l.target != 0 && db.backupValue && !db.backupValue->empty() && !db.backupForeign) {
         const REGSAM view = BackupViewFor(l.current);
         backupMissing = !KeyExists(db.backupValue->c_str(), view);
         const REGSAM other = view == kBackup10View ? kBackup20View : kBackup10View;
@@ -456,6 +488,8 @@ int Rollback(const Options& o, Printer& out, CLibraryHost& host)
         return Finish(out, kExitFailed);
 
     out.Row("backup", BackupText(before));
+    if (RefuseForeignBackup(out, before, "roll back"))
+        return Finish(out, kExitRefused);
     // Rollback deletes the database key and then copies the backup key back. With a
     // converter present and "Backup" naming a key that is gone, only the delete
     // would happen.
@@ -508,6 +542,9 @@ int Cleanup(const Options&, Printer& out, CLibraryHost& host)
     if (FAILED(l.load))
         return Finish(out, kExitFailed);
     out.Row("backup", BackupText(before));
+    if (RefuseForeignBackup(out, before, "clean up"))
+        return Finish(out, kExitRefused);
+    out.json.Field("refused", false);
     const HRESULT hr = host.Cleanup();
     out.Row("Cleanup", DescribeResult(hr, "Cleanup"));
     out.json.Key("cleanup");

@@ -82,6 +82,8 @@ DatabaseState ReadDatabaseState()
         if (Open(kDatabasePath, kDatabaseView, db))
             state.backupValue = ReadString(db, kBackupValueName);
     }
+    state.backupForeign =
+        state.backupValue && !state.backupValue->empty() && !nvframe::IsLibraryBackupPath(state.backupValue->c_str());
     state.mainDb = KeyExists(kMainDbPath, kDatabaseView);
     state.usersKey = CountUserKeys(&state.userKeys);
     state.backup10 = KeyExists(kBackup10Path, kBackup10View);

@@ -9,14 +9,16 @@
 #include <utility>
 #include <vector>
 
+#include "frame/paths.h"
+
 namespace nvdbconv {
 
 // Paths relative to HKEY_LOCAL_MACHINE, as the suite lays them out.
 inline constexpr const wchar_t kDatabasePath[] = L"SOFTWARE\\Norvane\\DB";
 inline constexpr const wchar_t kMainDbPath[] = L"SOFTWARE\\Norvane\\DB\\MainDB";
 inline constexpr const wchar_t kUsersPath[] = L"SOFTWARE\\Norvane\\DB\\Data\\Users";
-inline constexpr const wchar_t kBackup10Path[] = L"SOFTWARE\\Norvane\\DB-v1.0";
-inline constexpr const wchar_t kBackup20Path[] = L"SOFTWARE\\Norvane\\DB-v2.0";
+inline constexpr const wchar_t* kBackup10Path = nvframe::kBackup10KeyPath;
+inline constexpr const wchar_t* kBackup20Path = nvframe::kBackup20KeyPath;
 inline constexpr const wchar_t kTracingPath[] = L"SOFTWARE\\Norvane\\Tracing";
 inline constexpr const wchar_t kBackupValueName[] = L"Backup";
 inline constexpr const wchar_t kVersionValueName[] = L"Version";
@@ -42,6 +44,9 @@ struct DatabaseState {
     bool usersKey = false;            // DB\Data\Users (32-bit view)
     DWORD userKeys = 0;
     std::optional<std::wstring> backupValue; // "Backup" in the database key (32-bit view)
+    // "Backup" holds text that names no backup key of the library: the library
+    // refuses to roll back or clean up from it, and so do rollback and cleanup here.
+    bool backupForeign = false;
     bool backup10 = false;            // DB-v1.0 in its view
     bool backup20 = false;            // DB-v2.0 in its view
 };
