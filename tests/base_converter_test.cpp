@@ -868,51 +868,6 @@ TEST_F(BaseConverterTest, DeleteKeyOfMissingKeyFailsWithFileNotFound)
 
 namespace {
 
-// The DACL's entries in SDDL form, without the control flags: Wine 8's
-// SetSecurityInfo does not carry PROTECTED_DACL_SECURITY_INFORMATION into the
-// key's control word, so the "P" that Windows shows never appears here.
-std::wstring DaclEntries(const std::wstring& sddl)
-{
-    size_t paren = sddl.find(L'(');
-    return paren == std::wstring::npos ? std::wstring() : sddl.substr(paren);
-}
-
-std::wstring DaclText(const wchar_t* path, REGSAM view)
-{
-    HKEY h = nullptr;
-    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, READ_CONTROL | view, &h) != ERROR_SUCCESS)
-        return L"<no key>";
-    PSECURITY_DESCRIPTOR sd = nullptr;
-    DWORD r = ::GetSecurityInfo(h, SE_REGISTRY_KEY, DACL_SECURITY_INFORMATION, nullptr, nullptr, nullptr, nullptr,
-                                &sd);
-    ::RegCloseKey(h);
-    if (r != ERROR_SUCCESS)
-        return L"<error>";
-    LPWSTR text = nullptr;
-    ::ConvertSecurityDescriptorToStringSecurityDescriptorW(sd, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &text,
-                                                           nullptr);
-    std::wstring out = text ? text : L"";
-    ::LocalFree(text);
-    ::LocalFree(sd);
-    return out;
-}
-
-void SetDacl(const wchar_t* path, REGSAM view, const wchar_t* sddl)
-{
-    HKEY h = nullptr;
-    ASSERT_EQ(ERROR_SUCCESS, ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, WRITE_DAC | view, &h));
-    PSECURITY_DESCRIPTOR sd = nullptr;
-    ASSERT_TRUE(::ConvertStringSecurityDescriptorToSecurityDescriptorW(sddl, SDDL_REVISION_1, &sd, nullptr));
-    BOOL present = FALSE, defaulted = FALSE;
-    PACL dacl = nullptr;
-    ::GetSecurityDescriptorDacl(sd, &present, &dacl, &defaulted);
-    EXPECT_EQ(ERROR_SUCCESS, ::SetSecurityInfo(h, SE_REGISTRY_KEY,
-                                               DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
-                                               nullptr, nullptr, dacl, nullptr));
-    ::LocalFree(sd);
-    ::RegCloseKey(h);
-}
-
 // Impersonates the process's own token with Administrators turned into a
 // deny-only group: a caller that is neither LocalSystem nor an administrator.
 class NonAdministratorScope {
@@ -963,7 +918,7 @@ TEST_F(BaseConverterTest, GrantFullAccessSetsProtectedDaclForSystemAdministrator
 
     // No Users entry for an empty mask.
     EXPECT_EQ(S_OK, CBaseConverter::GrantFullAccess(h, 0));
-    EXPECT_EQ(std::wstring(L"(A;OICI;KA;;;SY)(A;OICI;KA;;;BA)"), DaclEntries(DaclText(path, kView64)));
+    EXPECT_EQ(std::wstring(kAdministratorsOnlyEntries), DaclEntries(DaclText(path, kView64)));
     ::RegCloseKey(h);
 }
 
@@ -1057,8 +1012,8 @@ TEST_F(BaseConverterTest, DeleteKeyFailingAfterTheGrantLeavesNoUsersEntry)
     ASSERT_TRUE(KeyExists(child, kView64));
     // Wine 8 does not keep the protected flag in the control word (see DaclEntries),
     // so the entries are what can be compared.
-    EXPECT_EQ(std::wstring(L"(A;OICI;KA;;;SY)(A;OICI;KA;;;BA)"), DaclEntries(DaclText(tree, kView64)));
-    EXPECT_EQ(std::wstring(L"(A;OICI;KA;;;SY)(A;OICI;KA;;;BA)"), DaclEntries(DaclText(child, kView64)));
+    EXPECT_EQ(std::wstring(kAdministratorsOnlyEntries), DaclEntries(DaclText(tree, kView64)));
+    EXPECT_EQ(std::wstring(kAdministratorsOnlyEntries), DaclEntries(DaclText(child, kView64)));
 }
 
 // ---------------------------------------------------------------------------

@@ -570,6 +570,25 @@ TEST_F(NVStoreTest, EnrolmentCreatesKeyPairVerifierAndPayload)
             << "password in clear at " << Narrow(name);
 }
 
+// The store's keys hold password verifiers: nothing of them is readable by Users,
+// and a root an older store left with Users' read access is mended.
+TEST_F(NVStoreTest, EveryStoreKeyIsForSystemAndAdministratorsOnly)
+{
+    CreateKeyPath(L"SOFTWARE\\Norvane\\Store", kView64);
+    SetDacl(L"SOFTWARE\\Norvane\\Store", kView64, L"D:(A;CI;KR;;;BU)(A;CI;KA;;;BA)(A;CI;KA;;;SY)");
+    ASSERT_NE(std::wstring::npos, DaclText(L"SOFTWARE\\Norvane\\Store", kView64).find(L";;;BU)"));
+    ASSERT_EQ(S_OK, Enroll(kSid, kPassword));
+
+    const RegTree tree = Snapshot(L"SOFTWARE\\Norvane\\Store", kView64);
+    ASSERT_TRUE(tree.exists);
+    EXPECT_GE(tree.keys.size(), 3u); // the root, Users and the user's key at least
+    for (const std::wstring& rel : tree.keys) {
+        const std::wstring path = rel.empty() ? L"SOFTWARE\\Norvane\\Store" : L"SOFTWARE\\Norvane\\Store\\" + rel;
+        const std::wstring dacl = DaclText(path.c_str(), kView64);
+        EXPECT_EQ(std::wstring(kAdministratorsOnlyEntries), DaclEntries(dacl)) << Narrow(path);
+    }
+}
+
 TEST_F(NVStoreTest, DefaultKeyPairsAre2048Bit)
 {
     inspect::SetUserKeyBits(0); // out of range: the store's default

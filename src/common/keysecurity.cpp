@@ -1,6 +1,5 @@
 #include "common/keysecurity.h"
 
-#include <aclapi.h>
 #include <vector>
 
 #include "common/conversionscope.h"
@@ -10,19 +9,6 @@
 namespace nv {
 
 namespace {
-
-class WellKnownSid {
-public:
-    explicit WellKnownSid(WELL_KNOWN_SID_TYPE type)
-    {
-        DWORD cb = sizeof(m_buffer);
-        ThrowLastErrorIf(!::CreateWellKnownSid(type, nullptr, m_buffer, &cb));
-    }
-    PSID get() noexcept { return m_buffer; }
-
-private:
-    alignas(void*) BYTE m_buffer[SECURITY_MAX_SID_SIZE];
-};
 
 unique_handle_null OpenEffectiveToken()
 {
@@ -76,39 +62,6 @@ bool TokenIsSystemOrAdministrator()
             return true;
     }
     return false;
-}
-
-HRESULT SetProtectedKeyDacl(HKEY key, ACCESS_MASK usersMask)
-{
-    WellKnownSid system(WinLocalSystemSid);
-    WellKnownSid admins(WinBuiltinAdministratorsSid);
-    WellKnownSid users(WinBuiltinUsersSid);
-    struct Entry {
-        PSID sid;
-        ACCESS_MASK mask;
-    } entries[] = {
-        {system.get(), KEY_ALL_ACCESS},
-        {admins.get(), KEY_ALL_ACCESS},
-        {users.get(), usersMask},
-    };
-
-    DWORD cbAcl = sizeof(ACL);
-    for (const Entry& e : entries) {
-        if (e.mask != 0)
-            cbAcl += sizeof(ACCESS_ALLOWED_ACE) - sizeof(DWORD) + ::GetLengthSid(e.sid);
-    }
-    std::vector<BYTE> aclBuffer(cbAcl);
-    PACL acl = reinterpret_cast<PACL>(aclBuffer.data());
-    ThrowLastErrorIf(!::InitializeAcl(acl, cbAcl, ACL_REVISION));
-    for (const Entry& e : entries) {
-        if (e.mask == 0)
-            continue;
-        ThrowLastErrorIf(
-            !::AddAccessAllowedAceEx(acl, ACL_REVISION, OBJECT_INHERIT_ACE | CONTAINER_INHERIT_ACE, e.mask, e.sid));
-    }
-    DWORD r = ::SetSecurityInfo(key, SE_REGISTRY_KEY, DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
-                                nullptr, nullptr, acl, nullptr);
-    return r == ERROR_SUCCESS ? S_OK : S_FALSE;
 }
 
 } // namespace nv

@@ -1,8 +1,9 @@
 // Access control shared by every part of the library that protects or opens up a
-// registry key: the privilege test on the caller's token and the database's
-// standard key security (a protected DACL).
+// registry key: the privilege test on the caller's token, and (common/keydacl.h)
+// the database's standard key security, a protected DACL.
 #pragma once
 #include <windows.h>
+#include "common/keydacl.h"
 
 namespace nv {
 
@@ -13,11 +14,5 @@ namespace nv {
 bool CallerIsSystemOrAdministrator();
 // The same test, always read from the token.
 bool TokenIsSystemOrAdministrator();
-
-// Replaces the key's DACL by a protected one whose entries are all inherited by
-// subkeys (object and container inherit): LocalSystem and Administrators
-// KEY_ALL_ACCESS, Users usersMask (no entry when it is 0). S_OK when set, S_FALSE
-// when SetSecurityInfo refuses; raises _com_error when the list cannot be built.
-HRESULT SetProtectedKeyDacl(HKEY key, ACCESS_MASK usersMask);
 
 } // namespace nv

@@ -3,6 +3,7 @@
 #include <objbase.h>
 #include "common/guidtext.h"
 #include "common/handles.h"
+#include "common/keysecurity.h"
 #include "common/regkey.h"
 
 namespace nvconv3 {
@@ -56,8 +57,16 @@ void CHeldUsers::Record(const GUID& guidUser, const std::wstring& sid, HRESULT h
                         const std::wstring& reason) noexcept
 {
     try {
+        // Each level gets the list itself: a new key does not take its parent's
+        // entries everywhere (Wine gives every new key a default list), and an older
+        // release left these keys readable by Users. The entry is written even where
+        // a list cannot be set: a held user nobody hears of is worse than a record
+        // that names a SID and a reason.
+        const std::wstring entryPath = EntryPath(guidUser);
+        for (const wchar_t* path : {kConversionKeyPath, kHeldUsersKeyPath, entryPath.c_str()})
+            nv::ProtectKeyForAdministrators(HKEY_LOCAL_MACHINE, path, kHeldUsersView);
         nv::unique_hkey key;
-        if (::RegCreateKeyExW(HKEY_LOCAL_MACHINE, EntryPath(guidUser).c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
+        if (::RegCreateKeyExW(HKEY_LOCAL_MACHINE, entryPath.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
                               KEY_SET_VALUE | kHeldUsersView, nullptr, key.put(), nullptr) != ERROR_SUCCESS)
             return;
         m_entries.insert(nv::GuidText(guidUser));

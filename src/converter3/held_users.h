@@ -9,6 +9,9 @@
 // entry. Only the strict policy writes or removes entries; `nvdbconv status` reads
 // them for the user keys that are still there.
 //
+// The keys and every entry are kept for LocalSystem and Administrators only
+// (protected DACL, no Users entry), applied again whenever an entry is written.
+//
 // Recording is best effort: it never fails the conversion or changes a result.
 #pragma once
 #include <windows.h>
@@ -18,6 +21,7 @@
 
 namespace nvconv3 {
 
+inline constexpr const wchar_t kConversionKeyPath[] = L"SOFTWARE\\Norvane\\DBConversion";
 inline constexpr const wchar_t kHeldUsersKeyPath[] = L"SOFTWARE\\Norvane\\DBConversion\\HeldUsers";
 inline constexpr REGSAM kHeldUsersView = KEY_WOW64_32KEY;
 inline constexpr const wchar_t kHeldUserSidValue[] = L"SID";

@@ -1,5 +1,8 @@
 #include "support/registry_sandbox.h"
 
+#include <aclapi.h>
+#include <sddl.h>
+
 #include <algorithm>
 #include <cstring>
 #include <functional>
@@ -275,6 +278,48 @@ std::string DiffTrees(const RegTree& expected, const RegTree& actual)
         if (!expected.values.count(name))
             os << "extra value: " << Narrow(name) << "\n";
     return os.str();
+}
+
+std::wstring DaclText(const wchar_t* path, REGSAM view)
+{
+    HKEY h = nullptr;
+    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, READ_CONTROL | view, &h) != ERROR_SUCCESS)
+        return L"<no key>";
+    PSECURITY_DESCRIPTOR sd = nullptr;
+    DWORD r = ::GetSecurityInfo(h, SE_REGISTRY_KEY, DACL_SECURITY_INFORMATION, nullptr, nullptr, nullptr, nullptr,
+                                &sd);
+    ::RegCloseKey(h);
+    if (r != ERROR_SUCCESS)
+        return L"<error>";
+    LPWSTR text = nullptr;
+    ::ConvertSecurityDescriptorToStringSecurityDescriptorW(sd, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &text,
+                                                           nullptr);
+    std::wstring out = text ? text : L"";
+    ::LocalFree(text);
+    ::LocalFree(sd);
+    return out;
+}
+
+std::wstring DaclEntries(const std::wstring& sddl)
+{
+    size_t paren = sddl.find(L'(');
+    return paren == std::wstring::npos ? std::wstring() : sddl.substr(paren);
+}
+
+void SetDacl(const wchar_t* path, REGSAM view, const wchar_t* sddl)
+{
+    HKEY h = nullptr;
+    ASSERT_EQ(ERROR_SUCCESS, ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, WRITE_DAC | view, &h));
+    PSECURITY_DESCRIPTOR sd = nullptr;
+    ASSERT_TRUE(::ConvertStringSecurityDescriptorToSecurityDescriptorW(sddl, SDDL_REVISION_1, &sd, nullptr));
+    BOOL present = FALSE, defaulted = FALSE;
+    PACL dacl = nullptr;
+    ::GetSecurityDescriptorDacl(sd, &present, &dacl, &defaulted);
+    EXPECT_EQ(ERROR_SUCCESS, ::SetSecurityInfo(h, SE_REGISTRY_KEY,
+                                               DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
+                                               nullptr, nullptr, dacl, nullptr));
+    ::LocalFree(sd);
+    ::RegCloseKey(h);
 }
 
 } // namespace nvtest

@@ -57,6 +57,19 @@ RegTree Snapshot(const wchar_t* path, REGSAM view);
 std::vector<std::wstring> SubkeyNames(const wchar_t* path, REGSAM view);
 std::vector<std::wstring> ValueNames(const wchar_t* path, REGSAM view);
 
+// The key's DACL in SDDL form ("D:(A;OICI;KA;;;SY)..."); "<no key>" when the key
+// cannot be opened, "<error>" when its security cannot be read.
+std::wstring DaclText(const wchar_t* path, REGSAM view);
+// The entries of an SDDL text, without the "D:" and its control flags: Wine 8's
+// SetSecurityInfo does not carry PROTECTED_DACL_SECURITY_INFORMATION into the
+// key's control word, so the "P" that Windows shows never appears here.
+std::wstring DaclEntries(const std::wstring& sddl);
+// Replaces the key's DACL by the one of an SDDL text, protected; asserts on failure.
+void SetDacl(const wchar_t* path, REGSAM view, const wchar_t* sddl);
+// Protected keys of the project: LocalSystem and Administrators full control, inherited
+// by subkeys, and nothing for anyone else.
+constexpr const wchar_t kAdministratorsOnlyEntries[] = L"(A;OICI;KA;;;SY)(A;OICI;KA;;;BA)";
+
 // Human-readable difference of two trees (empty when equal), for assertion messages.
 std::string DiffTrees(const RegTree& expected, const RegTree& actual);
 

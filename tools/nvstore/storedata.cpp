@@ -7,6 +7,7 @@
 #include <cwchar>
 #include "common/handles.h"
 #include "common/hresult.h"
+#include "common/keydacl.h"
 #include "converter3/nvstore_api.h"
 #include "storecounters.h"
 #include "storelayout.h"
@@ -24,11 +25,36 @@ nv::unique_hkey OpenKey(const std::wstring& path, REGSAM access)
     return key;
 }
 
+// The store keeps password verifiers and users' keys' names: every key of it is for
+// LocalSystem and Administrators only. Whenever a create adds a key, each level from
+// the store's root down to it gets that security, so a root left from an older store
+// is mended as well. A key that cannot be protected is not written to.
+void ProtectStorePath(const std::wstring& path)
+{
+    const std::wstring root = kStoreKeyPath;
+    if (path.compare(0, root.size(), root) != 0 || (path.size() > root.size() && path[root.size()] != L'\\'))
+        nv::ThrowHr(E_INVALIDARG); // every key of the store lies under its root
+    std::wstring::size_type end = root.size();
+    for (;;) {
+        const HRESULT hr = nv::ProtectKeyForAdministrators(HKEY_LOCAL_MACHINE, path.substr(0, end).c_str(), kStoreView);
+        if (hr != S_OK)
+            nv::ThrowHr(FAILED(hr) ? hr : E_ACCESSDENIED);
+        if (end >= path.size())
+            return;
+        end = path.find(L'\\', end + 1);
+        if (end == std::wstring::npos)
+            end = path.size();
+    }
+}
+
 nv::unique_hkey CreateKey(const std::wstring& path)
 {
     nv::unique_hkey key;
+    DWORD disposition = 0;
     nv::ThrowIfWin32Failed(::RegCreateKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
-                                             KEY_READ | KEY_WRITE | kStoreView, nullptr, key.put(), nullptr));
+                                             KEY_READ | KEY_WRITE | kStoreView, nullptr, key.put(), &disposition));
+    if (disposition == REG_CREATED_NEW_KEY)
+        ProtectStorePath(path);
     return key;
 }
 

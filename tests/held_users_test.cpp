@@ -1,0 +1,68 @@
+// CHeldUsers: the record of users the strict policy kept in the old database. Its
+// keys are the project's own, beside the database: for LocalSystem and
+// Administrators only, whatever security an older release left on them.
+#include <windows.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "common/guidtext.h"
+#include "converter3/held_users.h"
+#include "support/registry_sandbox.h"
+
+using namespace nvtest;
+
+namespace {
+
+constexpr GUID kUser = {0x6f1e2d3c, 0x4b5a, 0x4978, {0x86, 0x95, 0xa4, 0xb3, 0xc2, 0xd1, 0xe0, 0xf7}};
+constexpr HRESULT kIncomplete = static_cast<HRESULT>(0x80040201);
+
+class HeldUsersTest : public RegistrySandbox {};
+
+std::wstring EntryPath()
+{
+    return std::wstring(nvconv3::kHeldUsersKeyPath) + L"\\" + nv::GuidText(kUser);
+}
+
+} // namespace
+
+TEST_F(HeldUsersTest, RecordLeavesItsKeysForSystemAndAdministratorsOnly)
+{
+    // As an older release left it: the keys inherit HKLM\SOFTWARE's entries,
+    // Users among them.
+    CreateKeyPath(nvconv3::kHeldUsersKeyPath, kView32);
+    ASSERT_NE(std::wstring::npos, DaclText(nvconv3::kConversionKeyPath, kView32).find(L";;;BU)"));
+    ASSERT_NE(std::wstring::npos, DaclText(nvconv3::kHeldUsersKeyPath, kView32).find(L";;;BU)"));
+
+    nvconv3::CHeldUsers held;
+    held.Record(kUser, L"S-1-5-21-1-2-3-1001", kIncomplete, L"secret not stored 'PIN' (0x80070005)");
+
+    EXPECT_EQ(std::wstring(kAdministratorsOnlyEntries), DaclEntries(DaclText(nvconv3::kConversionKeyPath, kView32)));
+    EXPECT_EQ(std::wstring(kAdministratorsOnlyEntries), DaclEntries(DaclText(nvconv3::kHeldUsersKeyPath, kView32)));
+    const std::wstring entry = DaclText(EntryPath().c_str(), kView32);
+    EXPECT_EQ(std::wstring::npos, entry.find(L";;;BU)")) << Narrow(entry);
+    EXPECT_NE(std::wstring::npos, entry.find(L";KA;;;SY)")) << Narrow(entry);
+    EXPECT_NE(std::wstring::npos, entry.find(L";KA;;;BA)")) << Narrow(entry);
+
+    std::wstring sid, reason;
+    DWORD result = 0;
+    EXPECT_TRUE(GetString(EntryPath().c_str(), nvconv3::kHeldUserSidValue, kView32, &sid));
+    EXPECT_EQ(std::wstring(L"S-1-5-21-1-2-3-1001"), sid);
+    EXPECT_TRUE(GetDword(EntryPath().c_str(), nvconv3::kHeldUserResultValue, kView32, &result));
+    EXPECT_EQ(static_cast<DWORD>(kIncomplete), result);
+    EXPECT_TRUE(GetString(EntryPath().c_str(), nvconv3::kHeldUserReasonValue, kView32, &reason));
+    EXPECT_EQ(std::wstring(L"secret not stored 'PIN' (0x80070005)"), reason);
+}
+
+TEST_F(HeldUsersTest, RecordOnAFreshMachineCreatesProtectedKeys)
+{
+    nvconv3::CHeldUsers held;
+    held.Record(kUser, L"S-1-5-21-1-2-3-1001", kIncomplete, L"user not registered (0x80004005)");
+
+    EXPECT_EQ(std::wstring(kAdministratorsOnlyEntries), DaclEntries(DaclText(nvconv3::kConversionKeyPath, kView32)));
+    EXPECT_EQ(std::wstring(kAdministratorsOnlyEntries), DaclEntries(DaclText(nvconv3::kHeldUsersKeyPath, kView32)));
+    const std::wstring entry = DaclText(EntryPath().c_str(), kView32);
+    EXPECT_EQ(std::wstring::npos, entry.find(L";;;BU)")) << Narrow(entry);
+    EXPECT_TRUE(KeyExists(EntryPath().c_str(), kView32));
+    EXPECT_FALSE(KeyExists(nvconv3::kConversionKeyPath, kView64));
+}
