@@ -271,3 +271,79 @@ TEST_F(StrictPolicyConversionTest, MalformedTemplateItemKeepsTheUserUnderStrictA
     EXPECT_EQ(2u, templates.size());
     EXPECT_TRUE(nvdbconv::ReadHeldUsers().empty()); // no user key left to hold
 }
+
+// A store whose user objects offer no IUserPayload, or that cannot make its
+// registry object: the user is never registered. Strict keeps the old key and says
+// why; the default policy converts the user as the format has it.
+namespace {
+
+struct StoreGap {
+    const char* name;
+    void (*set)(bool);
+    const char* missing;
+};
+
+const StoreGap kStoreGaps[] = {
+    {"NoUserPayload", &inspect::SetNoUserPayload, "payload not stored and user not registered, no IUserPayload"},
+    {"NoUserRegistry", &inspect::SetNoUserRegistry, "user not registered, no IUserRegistry"},
+};
+
+void PrintTo(const StoreGap& gap, std::ostream* os)
+{
+    *os << gap.name;
+}
+
+class StoreGapTest : public StrictPolicyConversionTest, public ::testing::WithParamInterface<StoreGap> {};
+
+} // namespace
+
+TEST_P(StoreGapTest, UserTheStoreCannotRegisterKeepsItsOldKeyUnderStrict)
+{
+    const nvwriter::Db20Database db = OneFullUser();
+    const nvwriter::Db20User& u = db.users[0];
+    WriteDatabase(db);
+    const RegTree oldKey = Snapshot(UserKeyPath(u.guid).c_str(), kView32);
+    SetStrict(true);
+    GetParam().set(true);
+
+    EXPECT_EQ(S_OK, ConvertOnce());
+
+    const std::string sid = Narrow(u.sidText);
+    const std::string missing = GetParam().missing;
+    const auto lines = OwnLines(trace, "CConverter3::do_Convert");
+    ASSERT_FALSE(lines.empty()) << trace.Dump();
+    EXPECT_TRUE(HasLine(lines, "U Incomplete user '" + sid + "' keeps its old key: " + missing)) << trace.Dump();
+    EXPECT_EQ("U Conversion process is over for '" + sid + "', " + Hex(kIncomplete), lines.back());
+    EXPECT_EQ("", DiffTrees(oldKey, Snapshot(UserKeyPath(u.guid).c_str(), kView32)));
+    EXPECT_FALSE(inspect::IsRegistered(u.sidText));
+    const auto held = nvdbconv::ReadHeldUsers();
+    ASSERT_EQ(1u, held.size());
+    EXPECT_EQ(u.sidText, held[0].sid);
+    EXPECT_EQ(static_cast<DWORD>(kIncomplete), held[0].result);
+    EXPECT_EQ(Widen(missing), held[0].reason);
+
+    // The store offers it again: a later Convert moves and registers the user.
+    inspect::ClearTestBehaviours();
+    EXPECT_EQ(S_OK, ConvertOnce());
+    ExpectUserConverted(u);
+    EXPECT_TRUE(inspect::IsRegistered(u.sidText));
+    EXPECT_TRUE(nvdbconv::ReadHeldUsers().empty());
+}
+
+TEST_P(StoreGapTest, DefaultPolicyConvertsAUserTheStoreCannotRegisterAsTheFormatHasIt)
+{
+    const nvwriter::Db20Database db = OneFullUser();
+    const nvwriter::Db20User& u = db.users[0];
+    WriteDatabase(db);
+    GetParam().set(true);
+
+    EXPECT_EQ(S_OK, ConvertOnce());
+
+    EXPECT_FALSE(KeyExists(UserKeyPath(u.guid).c_str(), kView32));
+    EXPECT_TRUE(inspect::UserExists(u.sidText));
+    EXPECT_FALSE(inspect::IsRegistered(u.sidText));
+    EXPECT_TRUE(nvdbconv::ReadHeldUsers().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Store, StoreGapTest, ::testing::ValuesIn(kStoreGaps),
+                         [](const ::testing::TestParamInfo<StoreGap>& info) { return std::string(info.param.name); });

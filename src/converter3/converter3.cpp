@@ -423,7 +423,11 @@ void CConverter3::ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, CSt
                 } else if (FAILED(hrCheck)) {
                     missing.Add(WithCode(L"registration not checked", L"", hrCheck));
                 }
+            } else {
+                missing.Add(WithCode(L"user not registered, no IUserRegistry", L"", S_OK));
             }
+        } else {
+            missing.Add(WithCode(L"payload not stored and user not registered, no IUserPayload", L"", S_OK));
         }
     } else if (user.dwTemplateMask != 0) {
         missing.Add(WithCode(L"templates not stored, no IUserTemplates", L"", S_OK));

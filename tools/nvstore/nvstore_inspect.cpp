@@ -250,6 +250,10 @@ void SetNoAuthService(bool on) { WriteSwitch(kNoAuthServiceValue, on); }
 
 void SetNoUserProperties(bool on) { WriteSwitch(kNoUserPropertiesValue, on); }
 
+void SetNoUserPayload(bool on) { WriteSwitch(kNoUserPayloadValue, on); }
+
+void SetNoUserRegistry(bool on) { WriteSwitch(kNoUserRegistryValue, on); }
+
 void SetFailPutTemplateAt(DWORD position, HRESULT result)
 {
     WriteDword(kTestBehavioursKeyPath, kFailPutTemplateAtValue, position);

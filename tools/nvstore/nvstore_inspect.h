@@ -61,6 +61,8 @@ Bytes BuildPasswordAuthInfo(DWORD kind, const std::wstring& first, const std::ws
 void SetFailOpenUser(const std::vector<std::wstring>& sids, HRESULT result = E_ACCESSDENIED);
 void SetNoAuthService(bool on);
 void SetNoUserProperties(bool on);
+void SetNoUserPayload(bool on);
+void SetNoUserRegistry(bool on);
 void SetFailPutTemplateAt(DWORD position, HRESULT result = E_FAIL);
 void SetAlreadyRegistered(const std::vector<std::wstring>& sids);
 void SetExistingPublicKey(const std::vector<std::wstring>& sids);

@@ -104,6 +104,8 @@ struct Behaviours {
     HRESULT failOpenUserResult;
     bool noAuthService;
     bool noUserProperties;
+    bool noUserPayload;
+    bool noUserRegistry;
     bool failPutTemplate;
     DWORD failPutTemplateAt;
     HRESULT failPutTemplateResult;

@@ -21,6 +21,8 @@
 //       "FailOpenUserResult" REG_DWORD   that failure's code (default E_ACCESSDENIED)
 //       "NoAuthService"      REG_DWORD   non-zero: no object offers IAuthService
 //       "NoUserProperties"   REG_DWORD   non-zero: user objects offer no IUserProperties
+//       "NoUserPayload"      REG_DWORD   non-zero: user objects offer no IUserPayload
+//       "NoUserRegistry"     REG_DWORD   non-zero: no object offers IUserRegistry
 //       "FailPutTemplateAt"  REG_DWORD   PutTemplate at this position fails
 //       "FailPutTemplateResult" REG_DWORD that failure's code (default E_FAIL)
 //       "AlreadyRegistered"  REG_MULTI_SZ (or REG_SZ)  SIDs CheckUser reports as registered
@@ -61,6 +63,8 @@ inline constexpr const wchar_t kFailOpenUserValue[] = L"FailOpenUser";
 inline constexpr const wchar_t kFailOpenUserResultValue[] = L"FailOpenUserResult";
 inline constexpr const wchar_t kNoAuthServiceValue[] = L"NoAuthService";
 inline constexpr const wchar_t kNoUserPropertiesValue[] = L"NoUserProperties";
+inline constexpr const wchar_t kNoUserPayloadValue[] = L"NoUserPayload";
+inline constexpr const wchar_t kNoUserRegistryValue[] = L"NoUserRegistry";
 inline constexpr const wchar_t kFailPutTemplateAtValue[] = L"FailPutTemplateAt";
 inline constexpr const wchar_t kFailPutTemplateResultValue[] = L"FailPutTemplateResult";
 inline constexpr const wchar_t kAlreadyRegisteredValue[] = L"AlreadyRegistered";

@@ -175,6 +175,13 @@ HRESULT CStoreObject::QueryInterface(REFIID riid, void** ppv)
     } else if (IsEqualIID(riid, kIidStoreService)) {
         *ppv = static_cast<IStoreService*>(this);
     } else if (IsEqualIID(riid, kIidUserRegistry)) {
+        bool offered = true;
+        nv::Guarded([&]() -> HRESULT {
+            offered = !ReadBehaviours().noUserRegistry;
+            return S_OK;
+        });
+        if (!offered)
+            return E_NOINTERFACE;
         *ppv = static_cast<IUserRegistry*>(this);
     } else if (IsEqualIID(riid, kIidAuthService)) {
         bool offered = true;
@@ -565,6 +572,13 @@ HRESULT CUserObject::QueryInterface(REFIID riid, void** ppv)
     } else if (IsEqualIID(riid, __uuidof(IUserTemplates))) {
         *ppv = static_cast<IUserTemplates*>(this);
     } else if (IsEqualIID(riid, __uuidof(IUserPayload))) {
+        bool offered = true;
+        nv::Guarded([&]() -> HRESULT {
+            offered = !ReadBehaviours().noUserPayload;
+            return S_OK;
+        });
+        if (!offered)
+            return E_NOINTERFACE;
         *ppv = static_cast<IUserPayload*>(this);
     } else if (IsEqualIID(riid, __uuidof(IUserProperties))) {
         bool offered = true;
