@@ -7,6 +7,7 @@
 
 #include "common/hresult.h"
 #include "common/keysecurity.h"
+#include "frame/conversionlock.h"
 #include "frame/paths.h"
 #include "trace/trace.h"
 
@@ -38,12 +39,44 @@ HRESULT RefuseForeignBackupPath(NVTraceNS::CTraceScope& scope, const std::wstrin
 } // namespace
 
 CBaseConverter::CBaseConverter(DWORD dwTargetVersion, const wchar_t* wszTargetVersion, REGSAM samDbView)
-    : m_wstrTargetVersion(wszTargetVersion ? wszTargetVersion : L""), m_dwTargetVersion(dwTargetVersion)
+    : m_samDbView(samDbView), m_wstrTargetVersion(wszTargetVersion ? wszTargetVersion : L""),
+      m_dwTargetVersion(dwTargetVersion)
 {
     NVTraceNS::CTraceScope scope("CBaseConverter::CBaseConverter", 0);
     // The view is only part of the open; the owner's view word stays 0 (see header).
     LONG r = m_dbKey.Open(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, kDbAccess | samDbView);
     NVTraceNS::TraceResult(scope, "", nv::HResultFromWin32(r));
+    m_wstrLoadedVersion = ReadVersion();
+}
+
+std::wstring CBaseConverter::ReadVersion()
+{
+    std::wstring version;
+    if (m_dbKey.m_hKey) {
+        wchar_t buffer[kBackupPathChars] = {};
+        ULONG cch = kBackupPathChars;
+        if (nv::QueryStringValue(m_dbKey.m_hKey, L"Version", buffer, &cch) == ERROR_SUCCESS)
+            version.assign(buffer);
+    }
+    return version;
+}
+
+HRESULT CBaseConverter::AfterLock(const nvframe::CConversionLock& lock, NVTraceNS::CTraceScope& scope,
+                                  bool forConvert)
+{
+    if (FAILED(lock.Result()) || !lock.Waited())
+        return lock.Result();
+    // The other holder may have deleted and restored the database key: a handle
+    // opened before would name the deleted key.
+    m_dbKey.Open(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, kDbAccess | m_samDbView);
+    if (!forConvert)
+        return S_OK;
+    const std::wstring now = ReadVersion();
+    if (now == m_wstrLoadedVersion)
+        return S_OK;
+    NVTraceNS::Trace(scope, 0, "the database changed while waiting: \"Version\" was %ls, is now %ls",
+                     m_wstrLoadedVersion.c_str(), now.c_str());
+    return nvframe::NV_E_CONVERSION_BUSY;
 }
 
 CBaseConverter::~CBaseConverter() = default;
@@ -56,7 +89,9 @@ HRESULT CBaseConverter::do_Cleanup() { return S_OK; }
 HRESULT CBaseConverter::Convert()
 {
     NVTraceNS::CTraceScope scope("CBaseConverter::Convert", 0);
+    nvframe::CConversionLock lock(scope);
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
+        nv::ThrowIfFailed(AfterLock(lock, scope, true));
         HRESULT step = Backup();
         if (SUCCEEDED(step))
             step = nv::Guarded([&]() -> HRESULT { return do_Convert(); });
@@ -103,7 +138,9 @@ std::wstring CBaseConverter::ReadBackupPath()
 HRESULT CBaseConverter::Rollback()
 {
     NVTraceNS::CTraceScope scope("CBaseConverter::Rollback", 0);
+    nvframe::CConversionLock lock(scope);
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
+        nv::ThrowIfFailed(AfterLock(lock, scope, false));
         HRESULT result;
         std::wstring path = ReadBackupPath();
         if (!path.empty() && !nvframe::IsLibraryBackupPath(path.c_str())) {
@@ -135,7 +172,9 @@ HRESULT CBaseConverter::Rollback()
 HRESULT CBaseConverter::Cleanup()
 {
     NVTraceNS::CTraceScope scope("CBaseConverter::Cleanup", 0);
+    nvframe::CConversionLock lock(scope);
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
+        nv::ThrowIfFailed(AfterLock(lock, scope, false));
         HRESULT result;
         std::wstring path = ReadBackupPath();
         // A refused path fails the step as a failed delete would: the hook is skipped.

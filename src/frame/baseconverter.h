@@ -11,11 +11,21 @@
 // backup keys (nvframe::IsLibraryBackupPath); any other value is refused with
 // E_ACCESSDENIED and nothing is deleted or copied. DeleteKey's grant gives Users
 // nothing, so a delete that fails half way leaves no key that every user may write.
+// Convert, Rollback and Cleanup hold the machine-wide conversion lock
+// (frame/conversionlock.h) for their length; after waiting for it they open the
+// database key again, and Convert refuses when "Version" changed meanwhile.
 // Every operation returns an HRESULT and never throws.
 #pragma once
 #include <windows.h>
 #include <string>
 #include "common/regkey.h"
+
+namespace nvframe {
+class CConversionLock;
+}
+namespace NVTraceNS {
+class CTraceScope;
+}
 
 class CBaseConverter {
 public:
@@ -72,6 +82,13 @@ private:
     // does; the recursion hands in its own open target handle instead.
     static HRESULT DeleteKeyTree(HKEY hRoot, bool openRoot, const wchar_t* wszPath, REGSAM samView,
                                  DeletePrivilege& privilege);
+    // After the conversion lock: its failure, or S_OK. When another holder made this
+    // one wait, the database key is opened again; for Convert, a "Version" other than
+    // the one this converter was made for fails with NV_E_CONVERSION_BUSY.
+    HRESULT AfterLock(const nvframe::CConversionLock& lock, NVTraceNS::CTraceScope& scope, bool forConvert);
+    std::wstring ReadVersion();
+    REGSAM m_samDbView;
+    std::wstring m_wstrLoadedVersion;
 
 protected:
     std::wstring m_wstrTargetVersion;
