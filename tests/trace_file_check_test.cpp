@@ -218,6 +218,19 @@ TEST_F(TraceFileCheckTest, FileWithASecondNameIsNotWritten)
 
 TEST_F(TraceFileCheckTest, ExistingFileOfAnotherOwnerIsNeitherAppendedToNorReplaced)
 {
+    // A file this account made earlier is appended to, as always.
+    const std::wstring own = dir + L"\\plain\\own.trc3";
+    UseFileName(own, false);
+    TraceOnce();
+    const std::string first = ReadBytes(own);
+    ASSERT_EQ("trace3\r\n", first.substr(0, 8));
+    UseFileName(own, true);
+    TraceOnce();
+    const std::string second = ReadBytes(own);
+    EXPECT_EQ(first, second.substr(0, first.size()));
+    EXPECT_GT(second.size(), first.size());
+    EXPECT_EQ(TraceFileVerdict::Accepted, VerdictOfAFileOutput());
+
     const std::wstring file = dir + L"\\plain\\host.trc3";
     WriteBytes(file, kPrecious);
     // Wine reports a file of another Unix user as owned by S-1-5-7.
@@ -234,21 +247,6 @@ TEST_F(TraceFileCheckTest, ExistingFileOfAnotherOwnerIsNeitherAppendedToNorRepla
         EXPECT_EQ(kPrecious, ReadBytes(file)) << "append " << append;
         EXPECT_EQ(TraceFileVerdict::ForeignOwner, VerdictOfAFileOutput()) << "append " << append;
     }
-}
-
-TEST_F(TraceFileCheckTest, ExistingFileOfThisAccountIsStillAppendedTo)
-{
-    const std::wstring file = dir + L"\\plain\\host.trc3";
-    UseFileName(file, false);
-    TraceOnce();
-    const std::string first = ReadBytes(file);
-    ASSERT_EQ("trace3\r\n", first.substr(0, 8));
-    UseFileName(file, true);
-    TraceOnce();
-    const std::string second = ReadBytes(file);
-    EXPECT_EQ(first, second.substr(0, first.size()));
-    EXPECT_GT(second.size(), first.size());
-    EXPECT_EQ(TraceFileVerdict::Accepted, VerdictOfAFileOutput());
 }
 
 // ---- network paths -----------------------------------------------------------------
@@ -345,22 +343,20 @@ TEST(TraceFolderSecurityTest, IsProtectedAndGivesSystemAndAdministratorsFullAcce
 
 // ---- the decision on recorded answers ------------------------------------------------
 
-TEST(TraceFileVerdictTest, PlainLocalFileIsAccepted)
+// The final path must name the file asked for; case and the long-path form aside.
+// Answers Windows gives for a junction C:\Logs -> C:\Windows\System32 on the path:
+// the handle's final path is the junction's target.
+TEST(TraceFileVerdictTest, FinalPathMustBeThePathAskedForIgnoringCase)
 {
     EXPECT_EQ(TraceFileVerdict::Accepted, NVTraceNS::JudgeTraceFile(PlainFile()));
     TraceFileFacts f = PlainFile();
-    f.finalPath = L"\\\\?\\C:\\programdata\\NORVANE\\setup.nvdbconv.dll.x64.1.trc3"; // case differs only
+    f.finalPath = L"\\\\?\\C:\\programdata\\NORVANE\\setup.nvdbconv.dll.x64.1.trc3";
     EXPECT_EQ(TraceFileVerdict::Accepted, NVTraceNS::JudgeTraceFile(f));
     f = PlainFile();
-    f.requested = L"\\\\?\\" + f.requested; // asked for in the long-path form
+    f.requested = L"\\\\?\\" + f.requested;
     EXPECT_EQ(TraceFileVerdict::Accepted, NVTraceNS::JudgeTraceFile(f));
-}
 
-// Answers Windows gives for a junction C:\Logs -> C:\Windows\System32 on the path:
-// the handle's final path is the junction's target.
-TEST(TraceFileVerdictTest, JunctionOnThePathIsRedirected)
-{
-    TraceFileFacts f = PlainFile();
+    f = PlainFile();
     f.requested = L"C:\\Logs\\setup.NVDBConv.dll.x64.1.trc3";
     f.finalPath = L"\\\\?\\C:\\Windows\\System32\\setup.NVDBConv.dll.x64.1.trc3";
     EXPECT_EQ(TraceFileVerdict::Redirected, NVTraceNS::JudgeTraceFile(f));

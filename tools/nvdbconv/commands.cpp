@@ -220,6 +220,7 @@ Loaded LoadAndAsk(CLibraryHost& host, Printer& out)
         out.json.Key("getDBVersion").Null();
         return l;
     }
+    WarnIfTraceUnwritten(out, host);
     l.version = host.GetDBVersion(&l.current, &l.target);
     out.Row("GetDBVersion", DescribeResult(l.version));
     if (SUCCEEDED(l.version))
@@ -232,6 +233,14 @@ Loaded LoadAndAsk(CLibraryHost& host, Printer& out)
     out.json.Field("target", l.target).Field("targetText", VersionText(l.target));
     out.json.EndObject();
     return l;
+}
+
+void WarnIfTraceUnwritten(const Printer& out, const CLibraryHost& host)
+{
+    if (host.unwrittenTrace())
+        out.Warning("the library did not write the trace file " + U8(*host.unwrittenTrace()) +
+                    ": it refuses a file reached through a link, a file with a second name or of another "
+                    "owner, and network paths (docs/SECURITY.md); this run has no trace");
 }
 
 void Header(Printer& out, const char* command)
@@ -538,6 +547,7 @@ int Registration(bool doRegister, Printer& out, CLibraryHost& host)
         out.Problem("cannot load " + U8(host.path()) + ": " + DescribeResult(load));
         return Finish(out, kExitFailed);
     }
+    WarnIfTraceUnwritten(out, host);
     const HRESULT hr = doRegister ? host.Register() : host.Unregister();
     out.Row(call, DescribeResult(hr));
     out.json.Key(doRegister ? "register" : "unregister");
@@ -631,6 +641,7 @@ int Version(Printer& out, CLibraryHost& host)
         out.Problem("cannot load " + U8(host.path()) + ": " + DescribeResult(load));
         return Finish(out, kExitFailed);
     }
+    WarnIfTraceUnwritten(out, host);
     std::string present, missing;
     out.json.Key("exports").BeginObject();
     for (size_t i = 0; i < kLibraryExportCount; ++i) {

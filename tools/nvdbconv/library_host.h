@@ -7,6 +7,7 @@
 // HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND) without calling anything.
 #pragma once
 #include <windows.h>
+#include <optional>
 #include <string>
 
 #include "common/handles.h"
@@ -24,6 +25,9 @@ public:
 
     // S_OK, or the loader's error as an HRESULT.
     HRESULT Load();
+    // After a load: the trace file the settings named when the library did not
+    // write it (it refuses links, other owners' files and network paths).
+    const std::optional<std::wstring>& unwrittenTrace() const { return m_unwrittenTrace; }
     bool loaded() const { return static_cast<bool>(m_module); }
     const std::wstring& path() const { return m_path; }
     bool HasExport(const char* name) const;
@@ -42,6 +46,7 @@ private:
     HRESULT Action(const char* name) const;
     std::wstring m_path;
     nv::unique_hmodule m_module;
+    std::optional<std::wstring> m_unwrittenTrace;
 };
 
 // The names the installer resolves, in the order the host checks them.
