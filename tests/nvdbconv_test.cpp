@@ -677,10 +677,9 @@ TEST_F(NvdbconvCommandsTest, TraceFileTheLibraryRefusedIsWarnedAbout)
     ASSERT_TRUE(::CreateDirectoryW((dir + L"\\target").c_str(), nullptr));
     ASSERT_TRUE(::CreateDirectoryW((dir + L"\\plain").c_str(), nullptr));
     ASSERT_TRUE(MakeUnixSymlink(dir + L"\\target", dir + L"\\link"));
-    const auto warning = [](const std::wstring& file) {
-        return "nvdbconv: warning: the library did not write the trace file " + Narrow(file) +
-               ": it refuses a file reached through a link, a file with a second name or of another owner, and "
-               "network paths (docs/SECURITY.md); this run has no trace\n";
+    const auto warning = [](const std::wstring& file, const char* reason) {
+        return "nvdbconv: warning: the library refused the trace file " + Narrow(file) + ": " + reason +
+               "; this run has no trace (docs/SECURITY.md)\n";
     };
 
     // A file it may write: no warning.
@@ -697,12 +696,24 @@ TEST_F(NvdbconvCommandsTest, TraceFileTheLibraryRefusedIsWarnedAbout)
     ASSERT_EQ(0u, Nvdbconv(L"--quiet trace on --file " + QuoteArg(linked)).exitCode);
     run = Nvdbconv(L"status");
     EXPECT_EQ(0u, run.exitCode) << "a refused trace changes no result";
-    EXPECT_EQ(warning(linked), run.err);
+    EXPECT_EQ(warning(linked, "a link on its path leads elsewhere"), run.err);
     EXPECT_EQ(INVALID_FILE_ATTRIBUTES, ::GetFileAttributesW((dir + L"\\target\\host.trc3").c_str()));
     run = Nvdbconv(L"--json status");
     EXPECT_EQ(0u, run.exitCode);
-    EXPECT_EQ(warning(linked), run.err);
+    EXPECT_EQ(warning(linked, "a link on its path leads elsewhere"), run.err);
     EXPECT_TRUE(Json(run)["trace"]["on"].Bool());
+
+    // A pattern-named file in TracePath folders behind the link: none are made there.
+    ASSERT_EQ(0u, Nvdbconv(L"--quiet trace on --new-file").exitCode);
+    DeleteValue(kTracing, L"FileName", kView64);
+    SetString(kTracing, L"TracePath", dir + L"\\link\\logs", kView64);
+    const std::wstring patterned =
+        dir + L"\\link\\logs\\nvdbconv.NVDBConv.dll.x64." + std::to_wstring(SessionOfThisProcess()) + L".trc3";
+    run = Nvdbconv(L"status");
+    EXPECT_EQ(0u, run.exitCode);
+    EXPECT_EQ(warning(patterned, "a link on its path leads elsewhere"), run.err);
+    EXPECT_EQ(INVALID_FILE_ATTRIBUTES, ::GetFileAttributesW((dir + L"\\target\\logs").c_str()));
+    DeleteValue(kTracing, L"TracePath", kView64);
 
     // An existing file of another owner, to be appended to: left as it was.
     const std::wstring foreign = dir + L"\\plain\\foreign.trc3";
@@ -717,7 +728,7 @@ TEST_F(NvdbconvCommandsTest, TraceFileTheLibraryRefusedIsWarnedAbout)
     ASSERT_EQ(0u, Nvdbconv(L"--quiet trace on --append --file " + QuoteArg(foreign)).exitCode);
     run = Nvdbconv(L"register");
     EXPECT_EQ(0u, run.exitCode);
-    EXPECT_EQ(warning(foreign), run.err);
+    EXPECT_EQ(warning(foreign, "another account owns it"), run.err);
     WIN32_FILE_ATTRIBUTE_DATA data = {};
     ASSERT_TRUE(::GetFileAttributesExW(foreign.c_str(), GetFileExInfoStandard, &data));
     EXPECT_EQ(6u, data.nFileSizeLow);

@@ -273,6 +273,39 @@ TEST_F(TraceFileCheckTest, UncFileNameIsNeverOpened)
     EXPECT_TRUE(RunUnix({"rm", "-rf", shareDir}));
 }
 
+// ---- the host's question: would it be refused? ------------------------------------
+
+TEST_F(TraceFileCheckTest, ProbeGivesTheVerdictWithoutCreatingOrChangingAnything)
+{
+    PlantLinkedFolder();
+    const std::wstring own = dir + L"\\plain\\own.trc3", foreign = dir + L"\\plain\\foreign.trc3";
+    WriteBytes(own, "mine");
+    WriteBytes(foreign, kPrecious);
+    ASSERT_TRUE(RunUnix({"chown", "nobody", UnixPathOf(foreign)})) << "giving the file away needs root";
+    WriteBytes(dir + L"\\target\\victim.trc3", kPrecious);
+    const struct {
+        std::wstring path;
+        TraceFileVerdict verdict;
+    } cases[] = {
+        {own, TraceFileVerdict::Accepted},
+        {dir + L"\\plain\\missing.trc3", TraceFileVerdict::Accepted},
+        {dir + L"\\plain\\no\\such\\folder\\t.trc3", TraceFileVerdict::Accepted}, // cannot be opened: no refusal
+        {foreign, TraceFileVerdict::ForeignOwner},
+        {dir + L"\\link\\victim.trc3", TraceFileVerdict::Redirected},
+        {dir + L"\\link\\missing.trc3", TraceFileVerdict::Redirected},
+        {dir + L"\\link\\logs\\setup\\t.trc3", TraceFileVerdict::Redirected}, // the link is the nearest folder
+        {L"\\\\localhost\\share\\t.trc3", TraceFileVerdict::NotALocalPath},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(c.verdict, NVTraceNS::ProbeTraceFile(c.path.c_str())) << Narrow(c.path);
+    EXPECT_EQ("mine", ReadBytes(own));
+    EXPECT_EQ(kPrecious, ReadBytes(foreign));
+    EXPECT_EQ(kPrecious, ReadBytes(dir + L"\\target\\victim.trc3"));
+    EXPECT_FALSE(Exists(dir + L"\\plain\\missing.trc3"));
+    EXPECT_FALSE(Exists(dir + L"\\target\\missing.trc3"));
+    EXPECT_FALSE(Exists(dir + L"\\target\\logs"));
+}
+
 // ---- folders made for the trace ----------------------------------------------------
 
 TEST_F(TraceFileCheckTest, FoldersMadeForTracePathGrantNothingToOtherUsers)

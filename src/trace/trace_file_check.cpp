@@ -115,25 +115,39 @@ TraceFileFacts FactsOf(HANDLE handle, const std::wstring& fullPath, bool existed
     return facts;
 }
 
-// The folder the file is to be created in, judged like the file (without an owner)
-// before anything is created in it, so that a link planted on the way does not even
-// get an empty file made where it points.
-bool FolderAccepted(const std::wstring& fullPath, TraceFileVerdict* verdict)
+// A folder, judged like a file without an owner; false when it cannot be opened.
+bool JudgeFolder(const std::wstring& folder, TraceFileVerdict* verdict)
 {
-    const std::size_t slash = fullPath.find_last_of(L'\\');
-    if (slash == std::wstring::npos)
-        return false;
-    std::wstring folder = fullPath.substr(0, slash);
-    if (folder.size() == 2 || folder.back() == L':')
-        folder += L'\\'; // a drive's root ("C:" alone would be its current folder)
     nv::unique_hfile handle(::CreateFileW(folder.c_str(), FILE_READ_ATTRIBUTES, kTraceFileShare | FILE_SHARE_DELETE,
                                           nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
     if (!handle)
-        return false; // the file's creation would fail as well
+        return false;
     TraceFileFacts facts = FactsOf(handle.get(), folder, false);
     facts.links = 1; // a folder's link count counts its subfolders
     *verdict = JudgeTraceFile(facts);
-    return *verdict == TraceFileVerdict::Accepted;
+    return true;
+}
+
+// The folder part of a full path ("C:\" for a file in a drive's root), or "".
+std::wstring FolderOf(const std::wstring& fullPath)
+{
+    const std::size_t slash = fullPath.find_last_of(L'\\');
+    if (slash == std::wstring::npos)
+        return std::wstring();
+    std::wstring folder = fullPath.substr(0, slash);
+    if (!folder.empty() && folder.back() == L':')
+        folder += L'\\'; // a drive's root ("C:" alone would be its current folder)
+    return folder;
+}
+
+// The folder the file is to be created in, judged before anything is created in
+// it, so that a link planted on the way does not even get an empty file made where
+// it points.
+bool FolderAccepted(const std::wstring& fullPath, TraceFileVerdict* verdict)
+{
+    const std::wstring folder = FolderOf(fullPath);
+    // A folder that cannot be opened fails the file's creation as well.
+    return !folder.empty() && JudgeFolder(folder, verdict) && *verdict == TraceFileVerdict::Accepted;
 }
 
 // Empties an accepted file through a second handle on the same open file (the
@@ -207,6 +221,33 @@ HANDLE OpenCheckedTraceFile(const wchar_t* path, DWORD access, bool append, Trac
         return file.release();
     } catch (...) {
         return INVALID_HANDLE_VALUE; // out of memory: no trace output
+    }
+}
+
+TraceFileVerdict ProbeTraceFile(const wchar_t* path) noexcept
+{
+    try {
+        const std::wstring full = FullPathOf(path);
+        if (full.empty())
+            return TraceFileVerdict::Accepted;
+        if (!IsLocalDrivePath(full))
+            return TraceFileVerdict::NotALocalPath;
+        nv::unique_hfile file(::CreateFileW(full.c_str(), FILE_READ_ATTRIBUTES | READ_CONTROL,
+                                            kTraceFileShare | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                                            FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+        if (file)
+            return JudgeTraceFile(FactsOf(file.get(), full, true));
+        // Missing: the nearest folder on the path that exists is where a link would be.
+        TraceFileVerdict verdict = TraceFileVerdict::Accepted;
+        for (std::wstring folder = FolderOf(full); !folder.empty(); folder = FolderOf(folder)) {
+            if (JudgeFolder(folder, &verdict))
+                return verdict;
+            if (folder.back() == L'\\')
+                break; // the drive's root
+        }
+        return TraceFileVerdict::Accepted;
+    } catch (...) {
+        return TraceFileVerdict::Accepted;
     }
 }
 

@@ -48,6 +48,12 @@ TraceFileVerdict JudgeTraceFile(const TraceFileFacts& facts);
 // call created and then refused is deleted again.
 HANDLE OpenCheckedTraceFile(const wchar_t* path, DWORD access, bool append, TraceFileVerdict* verdict) noexcept;
 
+// What the file at path would be judged, without creating or changing anything:
+// an existing file as OpenCheckedTraceFile judges it, a missing one by the nearest
+// folder on its path that exists. Accepted when nothing refusable is found. For a
+// host that asked for a trace and wants to say why none was written.
+TraceFileVerdict ProbeTraceFile(const wchar_t* path) noexcept;
+
 // The security of a folder the trace facility creates: a protected list giving
 // System and Administrators full access, inherited by what is created inside, and
 // nobody else anything. Owned by the caller (LocalFree); null when it cannot be built.

@@ -70,8 +70,8 @@ struct Loaded {
     DWORD target = 0;
 };
 Loaded LoadAndAsk(CLibraryHost& host, Printer& out);
-// After a load: warns when the library did not write the trace file asked for.
-void WarnIfTraceUnwritten(const Printer& out, const CLibraryHost& host);
+// After a load: warns when the library refused the trace file asked for.
+void WarnIfTraceRefused(const Printer& out, const CLibraryHost& host);
 
 // The first line of a command's output and the JSON document's opening; Finish
 // closes the document with the exit code, prints it and returns the code.

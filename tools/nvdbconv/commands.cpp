@@ -220,7 +220,7 @@ Loaded LoadAndAsk(CLibraryHost& host, Printer& out)
         out.json.Key("getDBVersion").Null();
         return l;
     }
-    WarnIfTraceUnwritten(out, host);
+    WarnIfTraceRefused(out, host);
     l.version = host.GetDBVersion(&l.current, &l.target);
     out.Row("GetDBVersion", DescribeResult(l.version));
     if (SUCCEEDED(l.version))
@@ -235,12 +235,11 @@ Loaded LoadAndAsk(CLibraryHost& host, Printer& out)
     return l;
 }
 
-void WarnIfTraceUnwritten(const Printer& out, const CLibraryHost& host)
+void WarnIfTraceRefused(const Printer& out, const CLibraryHost& host)
 {
-    if (host.unwrittenTrace())
-        out.Warning("the library did not write the trace file " + U8(*host.unwrittenTrace()) +
-                    ": it refuses a file reached through a link, a file with a second name or of another "
-                    "owner, and network paths (docs/SECURITY.md); this run has no trace");
+    if (const auto& refusal = host.traceRefusal())
+        out.Warning("the library refused the trace file " + U8(refusal->path) + ": " + refusal->reason +
+                    "; this run has no trace (docs/SECURITY.md)");
 }
 
 void Header(Printer& out, const char* command)
@@ -547,7 +546,7 @@ int Registration(bool doRegister, Printer& out, CLibraryHost& host)
         out.Problem("cannot load " + U8(host.path()) + ": " + DescribeResult(load));
         return Finish(out, kExitFailed);
     }
-    WarnIfTraceUnwritten(out, host);
+    WarnIfTraceRefused(out, host);
     const HRESULT hr = doRegister ? host.Register() : host.Unregister();
     out.Row(call, DescribeResult(hr));
     out.json.Key(doRegister ? "register" : "unregister");
@@ -641,7 +640,7 @@ int Version(Printer& out, CLibraryHost& host)
         out.Problem("cannot load " + U8(host.path()) + ": " + DescribeResult(load));
         return Finish(out, kExitFailed);
     }
-    WarnIfTraceUnwritten(out, host);
+    WarnIfTraceRefused(out, host);
     std::string present, missing;
     out.json.Key("exports").BeginObject();
     for (size_t i = 0; i < kLibraryExportCount; ++i) {

@@ -3,7 +3,6 @@
 #include "common/hresult.h"
 #include "common/procaddress.h"
 #include "common/systemlibrary.h"
-#include "tracewatch.h"
 
 namespace nvdbconv {
 
@@ -52,7 +51,7 @@ HRESULT CLibraryHost::Load()
         return err ? nv::HResultFromWin32(static_cast<LONG>(err)) : E_FAIL;
     }
     m_module.reset(module);
-    m_unwrittenTrace = trace.Unwritten();
+    m_traceRefusal = trace.Refusal();
     return S_OK;
 }
 

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "common/handles.h"
+#include "tracewatch.h"
 
 namespace nvdbconv {
 
@@ -25,9 +26,9 @@ public:
 
     // S_OK, or the loader's error as an HRESULT.
     HRESULT Load();
-    // After a load: the trace file the settings named when the library did not
-    // write it (it refuses links, other owners' files and network paths).
-    const std::optional<std::wstring>& unwrittenTrace() const { return m_unwrittenTrace; }
+    // After a load: the trace file the settings named when the library refused it
+    // (a link on the way, a second name, another owner, a network path).
+    const std::optional<TraceRefusal>& traceRefusal() const { return m_traceRefusal; }
     bool loaded() const { return static_cast<bool>(m_module); }
     const std::wstring& path() const { return m_path; }
     bool HasExport(const char* name) const;
@@ -46,7 +47,7 @@ private:
     HRESULT Action(const char* name) const;
     std::wstring m_path;
     nv::unique_hmodule m_module;
-    std::optional<std::wstring> m_unwrittenTrace;
+    std::optional<TraceRefusal> m_traceRefusal;
 };
 
 // The names the installer resolves, in the order the host checks them.

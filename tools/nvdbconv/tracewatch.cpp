@@ -2,6 +2,7 @@
 
 #include "common/handles.h"
 #include "common/regkey.h"
+#include "trace/trace_file_check.h"
 
 namespace nvdbconv {
 
@@ -39,6 +40,24 @@ std::vector<std::wstring> ComponentList(REGSAM view, const wchar_t* list)
     return names;
 }
 
+const char* ReasonText(NVTraceNS::TraceFileVerdict verdict)
+{
+    switch (verdict) {
+    case NVTraceNS::TraceFileVerdict::NotALocalPath:
+        return "it is not on a local drive";
+    case NVTraceNS::TraceFileVerdict::Redirected:
+        return "a link on its path leads elsewhere";
+    case NVTraceNS::TraceFileVerdict::ReparsePoint:
+        return "it is a link";
+    case NVTraceNS::TraceFileVerdict::HardLinked:
+        return "it has a second name";
+    case NVTraceNS::TraceFileVerdict::ForeignOwner:
+        return "another account owns it";
+    default:
+        return nullptr;
+    }
+}
+
 } // namespace
 
 CTraceFileWatch::CTraceFileWatch(const std::wstring& dllPath)
@@ -51,7 +70,7 @@ CTraceFileWatch::CTraceFileWatch(const std::wstring& dllPath)
     m_before = StateOf(m_path);
 }
 
-std::optional<std::wstring> CTraceFileWatch::Unwritten() const
+std::optional<TraceRefusal> CTraceFileWatch::Refusal() const
 {
     if (!m_due)
         return std::nullopt;
@@ -60,7 +79,10 @@ std::optional<std::wstring> CTraceFileWatch::Unwritten() const
                                           ::CompareFileTime(&after.written, &m_before.written) != 0);
     if (written)
         return std::nullopt;
-    return m_path;
+    const char* reason = ReasonText(NVTraceNS::ProbeTraceFile(m_path.c_str()));
+    if (!reason)
+        return std::nullopt;
+    return TraceRefusal{m_path, reason};
 }
 
 bool CTraceFileWatch::FileDue(const TraceSettings& settings, const std::wstring& component)

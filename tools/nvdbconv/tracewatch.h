@@ -1,11 +1,14 @@
-// CTraceFileWatch: did the library write the trace file its settings name?
+// CTraceFileWatch: did the library refuse the trace file its settings name?
 //
 // Tracing never fails its caller, so a trace file the library refuses (reached
 // through a link, with a second name, of another owner, on a network path) shows
 // only as a file that was not written. The watch notes the file before the library
 // is loaded and looks again afterwards: loading traces a level-0 scope
 // (CDBConverter::FinalConstruct), so when the settings send that scope to a file
-// and the file did not change, the library refused it.
+// and the file did not change, it was not written. The library's own check, run on
+// the path without touching anything, then says whether it was refused and why; a
+// file that merely could not be opened (a folder that does not exist) is no
+// refusal.
 #pragma once
 #include <windows.h>
 #include <optional>
@@ -15,14 +18,19 @@
 
 namespace nvdbconv {
 
+struct TraceRefusal {
+    std::wstring path;
+    std::string reason; // "a link on its path leads elsewhere"
+};
+
 class CTraceFileWatch {
 public:
     // Before the library at dllPath is loaded into this process.
     explicit CTraceFileWatch(const std::wstring& dllPath);
 
-    // After the load: the trace file's path when the load should have written it
-    // and did not; nothing when no file was due or it was written.
-    std::optional<std::wstring> Unwritten() const;
+    // After the load: the refusal when the load should have written the trace file
+    // and the library refused it; nothing otherwise.
+    std::optional<TraceRefusal> Refusal() const;
 
     // Whether the settings send a level-0 scope of the library named component (its
     // file base name) to a file: tracing on, file output, verbosity not negative and
