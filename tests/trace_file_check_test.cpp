@@ -253,7 +253,7 @@ TEST_F(TraceFileCheckTest, ExistingFileOfAnotherOwnerIsNeitherAppendedToNorRepla
 
 // Wine serves \\server\share from $WINEPREFIX/dosdevices/unc/server/share: the share
 // is real, and reachable, so only the check keeps the file off it.
-TEST_F(TraceFileCheckTest, UncFileNameIsNeverOpened)
+TEST_F(TraceFileCheckTest, UncFileNameOrTracePathIsNeverUsed)
 {
     std::string dosdevices = UnixPathOf(L"C:\\");
     ASSERT_GT(dosdevices.size(), 3u);
@@ -270,6 +270,12 @@ TEST_F(TraceFileCheckTest, UncFileNameIsNeverOpened)
     EXPECT_FALSE(Exists(unc + L"\\host.trc3"));
     EXPECT_EQ(TraceFileVerdict::NotALocalPath, VerdictOfAFileOutput());
     EXPECT_FALSE(Exists(unc + L"\\host.trc3"));
+
+    // Nor are TracePath folders made there.
+    DeleteValue(kTracing, L"FileName", kViewNative);
+    SetString(kTracing, L"TracePath", unc + L"\\logs", kViewNative);
+    TraceOnce();
+    EXPECT_FALSE(Exists(unc + L"\\logs"));
     EXPECT_TRUE(RunUnix({"rm", "-rf", shareDir}));
 }
 
@@ -433,6 +439,13 @@ TEST(TraceFileVerdictTest, NetworkAndDevicePathsAreNotLocal)
     EXPECT_EQ(TraceFileVerdict::NotALocalPath, NVTraceNS::JudgeTraceFile(f));
     for (const wchar_t* local : {L"C:\\t.trc3", L"z:\\t", L"\\\\?\\D:\\traces\\t.trc3"})
         EXPECT_TRUE(NVTraceNS::IsLocalDrivePath(local)) << Narrow(local);
+    // Paths as the settings give them: relative ones are local, a device name is not.
+    EXPECT_TRUE(NVTraceNS::IsLocalTracePath(L"logs\\setup"));
+    EXPECT_TRUE(NVTraceNS::IsLocalTracePath(L"C:\\logs\\..\\traces"));
+    EXPECT_FALSE(NVTraceNS::IsLocalTracePath(L"C:\\logs\\CON"));
+    EXPECT_FALSE(NVTraceNS::IsLocalTracePath(L"\\\\server\\share\\logs"));
+    EXPECT_FALSE(NVTraceNS::IsLocalTracePath(L"//server/share/logs"));
+    EXPECT_FALSE(NVTraceNS::IsLocalTracePath(nullptr));
 }
 
 TEST(TraceFileVerdictTest, FileWithAnotherNameIsRefused)

@@ -169,6 +169,15 @@ bool IsLocalDrivePath(const std::wstring& fullPath) noexcept
     return (drive >= L'A' && drive <= L'Z') || (drive >= L'a' && drive <= L'z');
 }
 
+bool IsLocalTracePath(const wchar_t* path) noexcept
+{
+    try {
+        return path && IsLocalDrivePath(FullPathOf(path));
+    } catch (...) {
+        return false;
+    }
+}
+
 TraceFileVerdict JudgeTraceFile(const TraceFileFacts& facts)
 {
     if (!IsLocalDrivePath(facts.requested))

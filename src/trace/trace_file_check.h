@@ -39,6 +39,9 @@ enum class TraceFileVerdict {
 // not a device.
 bool IsLocalDrivePath(const std::wstring& fullPath) noexcept;
 
+// The same for a path as given (relative paths against the current folder).
+bool IsLocalTracePath(const wchar_t* path) noexcept;
+
 // The decision on the facts; Accepted only for a plain local file.
 TraceFileVerdict JudgeTraceFile(const TraceFileFacts& facts);
 

@@ -190,6 +190,10 @@ void CreateTraceDirectories(const wchar_t* path) noexcept
     const std::size_t length = std::wcslen(path);
     if (length == 0 || length >= kTracePathChars)
         return;
+    // Not even a look at a share: that would reach a server with this process's
+    // credentials, and the file there is refused anyway.
+    if (!IsLocalTracePath(path))
+        return;
     // Created folders are for administrators only, whoever may write to their parent.
     nv::unique_hlocal descriptor(NewTraceFolderSecurity());
     if (!descriptor)

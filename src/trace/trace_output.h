@@ -94,7 +94,7 @@ bool BuildTracePath(HKEY key, wchar_t (&path)[kTracePathChars]) noexcept;
 
 // Creates every missing folder of a directory path, from the drive down, each with
 // NewTraceFolderSecurity; stops at the first folder that cannot be created and at
-// an existing one that is a link.
+// an existing one that is a link, and does nothing for a UNC or device path.
 void CreateTraceDirectories(const wchar_t* path) noexcept;
 
 // The terminal-services session of the process, asked for once (0 when unknown).
