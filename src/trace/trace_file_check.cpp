@@ -2,7 +2,6 @@
 // link, ask the system what was opened, decide, and only then empty the file.
 #include "trace/trace_file_check.h"
 
-#include <aclapi.h>
 #include <sddl.h>
 
 #include <cwchar>
@@ -69,14 +68,20 @@ std::wstring SidText(PSID sid)
     return text;
 }
 
+// Read straight from the handle: the file is often first opened while the library
+// loads, and this needs no helper library loaded behind the loader lock.
 std::wstring OwnerOf(HANDLE handle)
 {
+    union {
+        SECURITY_DESCRIPTOR_RELATIVE descriptor;
+        BYTE bytes[sizeof(SECURITY_DESCRIPTOR_RELATIVE) + SECURITY_MAX_SID_SIZE];
+    } buffer;
+    DWORD needed = 0;
     PSID owner = nullptr;
-    PSECURITY_DESCRIPTOR descriptor = nullptr;
-    if (::GetSecurityInfo(handle, SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr, nullptr, nullptr,
-                          &descriptor) != ERROR_SUCCESS)
+    BOOL defaulted = FALSE;
+    if (!::GetKernelObjectSecurity(handle, OWNER_SECURITY_INFORMATION, &buffer, sizeof(buffer), &needed) ||
+        !::GetSecurityDescriptorOwner(&buffer, &owner, &defaulted))
         return std::wstring();
-    nv::unique_hlocal held(descriptor);
     return SidText(owner);
 }
 
