@@ -26,6 +26,7 @@
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
 #include "support/store_sandbox.h"
+#include "support/unix_side.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -739,6 +740,81 @@ TEST_F(NvdbconvCommandsTest, WithoutFileNameTheTraceFileIsNamedAfterTheHostInTra
         << "the library wrote no file at " << Narrow(expected);
     ::DeleteFileW(expected.c_str());
     RemoveDirectoryTree(dir);
+}
+
+// The library refuses a trace file behind a planted link or of another owner
+// without a word (tracing never fails its caller); nvdbconv, which asked for the
+// trace, says so. Links and the foreign owner are made on Wine's Unix side.
+TEST_F(NvdbconvCommandsTest, TraceFileTheLibraryRefusedIsWarnedAbout)
+{
+    ASSERT_TRUE(UnderWine());
+    const std::wstring dir = TempDirectory(L"nvdbconv-refused");
+    ASSERT_TRUE(::CreateDirectoryW((dir + L"\\target").c_str(), nullptr));
+    ASSERT_TRUE(::CreateDirectoryW((dir + L"\\plain").c_str(), nullptr));
+    ASSERT_TRUE(MakeUnixSymlink(dir + L"\\target", dir + L"\\link"));
+    const auto warning = [](const std::wstring& file, const char* reason) {
+        return "nvdbconv: warning: the library refused the trace file " + Narrow(file) + ": " + reason +
+               "; this run has no trace (docs/SECURITY.md)\n";
+    };
+
+    // A file it may write: no warning.
+    const std::wstring plain = dir + L"\\plain\\host.trc3";
+    ASSERT_EQ(0u, Nvdbconv(L"--quiet trace on --new-file --file " + QuoteArg(plain)).exitCode);
+    ProcessRun run = Nvdbconv(L"status");
+    EXPECT_EQ(0u, run.exitCode);
+    EXPECT_EQ("", run.err);
+    EXPECT_TRUE(::GetFileAttributesW(plain.c_str()) != INVALID_FILE_ATTRIBUTES);
+
+    // The same name behind the link: nothing is created there, and the host says so
+    // in text and in JSON mode (standard output stays one JSON document).
+    const std::wstring linked = dir + L"\\link\\host.trc3";
+    ASSERT_EQ(0u, Nvdbconv(L"--quiet trace on --file " + QuoteArg(linked)).exitCode);
+    run = Nvdbconv(L"status");
+    EXPECT_EQ(0u, run.exitCode) << "a refused trace changes no result";
+    EXPECT_EQ(warning(linked, "a link on its path leads elsewhere"), run.err);
+    EXPECT_EQ(INVALID_FILE_ATTRIBUTES, ::GetFileAttributesW((dir + L"\\target\\host.trc3").c_str()));
+    run = Nvdbconv(L"--json status");
+    EXPECT_EQ(0u, run.exitCode);
+    EXPECT_EQ(warning(linked, "a link on its path leads elsewhere"), run.err);
+    EXPECT_TRUE(Json(run)["trace"]["on"].Bool());
+
+    // A pattern-named file in TracePath folders behind the link: none are made there.
+    ASSERT_EQ(0u, Nvdbconv(L"--quiet trace on --new-file").exitCode);
+    DeleteValue(kTracing, L"FileName", kView64);
+    SetString(kTracing, L"TracePath", dir + L"\\link\\logs", kView64);
+    const std::wstring patterned =
+        dir + L"\\link\\logs\\nvdbconv.NVDBConv.dll.x64." + std::to_wstring(SessionOfThisProcess()) + L".trc3";
+    run = Nvdbconv(L"status");
+    EXPECT_EQ(0u, run.exitCode);
+    EXPECT_EQ(warning(patterned, "a link on its path leads elsewhere"), run.err);
+    EXPECT_EQ(INVALID_FILE_ATTRIBUTES, ::GetFileAttributesW((dir + L"\\target\\logs").c_str()));
+    DeleteValue(kTracing, L"TracePath", kView64);
+
+    // An existing file of another owner, to be appended to: left as it was.
+    const std::wstring foreign = dir + L"\\plain\\foreign.trc3";
+    {
+        HANDLE f = ::CreateFileW(foreign.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+        ASSERT_NE(INVALID_HANDLE_VALUE, f);
+        DWORD written = 0;
+        ::WriteFile(f, "theirs", 6, &written, nullptr);
+        ::CloseHandle(f);
+    }
+    ASSERT_TRUE(RunUnix({"chown", "nobody", UnixPathOf(foreign)})) << "giving the file away needs root";
+    ASSERT_EQ(0u, Nvdbconv(L"--quiet trace on --append --file " + QuoteArg(foreign)).exitCode);
+    run = Nvdbconv(L"register");
+    EXPECT_EQ(0u, run.exitCode);
+    EXPECT_EQ(warning(foreign, "another account owns it"), run.err);
+    WIN32_FILE_ATTRIBUTE_DATA data = {};
+    ASSERT_TRUE(::GetFileAttributesExW(foreign.c_str(), GetFileExInfoStandard, &data));
+    EXPECT_EQ(6u, data.nFileSizeLow);
+
+    // No file is due when the library's component is switched off: no warning.
+    SetDword(L"SOFTWARE\\Norvane\\Tracing\\ComponentsNOT", L"nvdbconv", 1, kView64);
+    run = Nvdbconv(L"version");
+    EXPECT_EQ(0u, run.exitCode);
+    EXPECT_EQ("", run.err);
+
+    EXPECT_TRUE(RunUnix({"rm", "-rf", UnixPathOf(dir)}));
 }
 
 TEST_F(NvdbconvCommandsTest, VersionShowsBothVersionsAndTheExports)

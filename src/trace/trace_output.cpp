@@ -11,6 +11,7 @@
 #include "common/regkey.h"
 #include "common/tea_cfb.h"
 #include "trace/trace.h"
+#include "trace/trace_file_check.h"
 #include "trace/trace_keys.h"
 
 namespace NVTraceNS {
@@ -38,9 +39,8 @@ CFileOutput::CFileOutput() noexcept
     DWORD newFileAlways = 1;
     const bool append = key && nv::QueryDwordValue(key.get(), L"NewFileAlways", &newFileAlways) == ERROR_SUCCESS &&
                         newFileAlways == 0;
-    m_hFile = ::CreateFileW(m_szPath, kAppendAccess, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                            append ? OPEN_ALWAYS : CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN,
-                            nullptr);
+    // Refused (a link, a network path, a file of someone else's): no trace output.
+    m_hFile = OpenCheckedTraceFile(m_szPath, kAppendAccess, append, &m_verdict);
     if (m_hFile == INVALID_HANDLE_VALUE)
         return;
 
@@ -190,6 +190,15 @@ void CreateTraceDirectories(const wchar_t* path) noexcept
     const std::size_t length = std::wcslen(path);
     if (length == 0 || length >= kTracePathChars)
         return;
+    // Not even a look at a share: that would reach a server with this process's
+    // credentials, and the file there is refused anyway.
+    if (!IsLocalTracePath(path))
+        return;
+    // Created folders are for administrators only, whoever may write to their parent.
+    nv::unique_hlocal descriptor(NewTraceFolderSecurity());
+    if (!descriptor)
+        return;
+    SECURITY_ATTRIBUTES security = {sizeof(security), descriptor.get(), FALSE};
     wchar_t prefix[kTracePathChars + 2];
     for (std::size_t i = 1; i <= length; ++i) {
         if (i < length && path[i] != L'\\')
@@ -207,9 +216,13 @@ void CreateTraceDirectories(const wchar_t* path) noexcept
         HANDLE search = ::FindFirstFileW(pattern, &found);
         if (search != INVALID_HANDLE_VALUE) {
             ::FindClose(search);
+            // Nothing is created beyond a link: the file would be refused there anyway.
+            const DWORD attributes = ::GetFileAttributesW(prefix);
+            if (i > 2 && attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT))
+                return;
             continue;
         }
-        if (!::CreateDirectoryW(prefix, nullptr))
+        if (!::CreateDirectoryW(prefix, &security))
             return;
     }
 }

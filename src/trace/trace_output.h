@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "trace/trace_file_check.h"
+
 namespace NVTraceNS {
 
 // Sizes of the record format and of the line buffers.
@@ -52,8 +54,8 @@ public:
 
 // The trace file. Construction opens (or creates) the file named by the Tracing
 // settings and writes the header to an empty file or an 'N' record to an existing
-// one. A file that cannot be opened leaves the handle invalid, and Write then does
-// nothing. Write appends the record with its text scrambled in place, with one write
+// one. A file that cannot be opened, or that OpenCheckedTraceFile refuses, leaves
+// the handle invalid, and Write then does nothing. Write appends the record with its text scrambled in place, with one write
 // call on a handle that only appends, so several processes may share one file.
 class CFileOutput : public COutput {
 public:
@@ -66,6 +68,8 @@ public:
 
     HANDLE m_hFile = INVALID_HANDLE_VALUE;
     wchar_t m_szPath[kTracePathChars] = {};
+    // Why the file was refused; Accepted when it was not judged or was taken.
+    TraceFileVerdict m_verdict = TraceFileVerdict::Accepted;
 
 private:
     void WriteHeader() noexcept;
@@ -88,8 +92,9 @@ bool ReadStringSetting(HKEY key, const wchar_t* name, wchar_t (&value)[kTracePat
 // pattern with TracePath or the library's directory). False when no path results.
 bool BuildTracePath(HKEY key, wchar_t (&path)[kTracePathChars]) noexcept;
 
-// Creates every missing folder of a directory path, from the drive down; stops at
-// the first folder that cannot be created.
+// Creates every missing folder of a directory path, from the drive down, each with
+// NewTraceFolderSecurity; stops at the first folder that cannot be created and at
+// an existing one that is a link, and does nothing for a UNC or device path.
 void CreateTraceDirectories(const wchar_t* path) noexcept;
 
 // The terminal-services session of the process, asked for once (0 when unknown).

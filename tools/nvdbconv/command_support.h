@@ -34,6 +34,8 @@ public:
         if (!m_options.json)
             WriteErr("nvdbconv: " + text + "\n");
     }
+    // Something to know that changes no result: on standard error in every mode.
+    void Warning(const std::string& text) const { WriteErr("nvdbconv: warning: " + text + "\n"); }
     void Finish()
     {
         if (m_options.json && !m_options.quiet)
@@ -68,6 +70,8 @@ struct Loaded {
     DWORD target = 0;
 };
 Loaded LoadAndAsk(CLibraryHost& host, Printer& out);
+// After a load: warns when the library refused the trace file asked for.
+void WarnIfTraceRefused(const Printer& out, const CLibraryHost& host);
 
 // The first line of a command's output and the JSON document's opening; Finish
 // closes the document with the exit code, prints it and returns the code.

@@ -246,6 +246,7 @@ Loaded LoadAndAsk(CLibraryHost& host, Printer& out)
         out.json.Key("getDBVersion").Null();
         return l;
     }
+    WarnIfTraceRefused(out, host);
     l.version = host.GetDBVersion(&l.current, &l.target);
     out.Row("GetDBVersion", DescribeResult(l.version));
     if (SUCCEEDED(l.version))
@@ -258,6 +259,13 @@ Loaded LoadAndAsk(CLibraryHost& host, Printer& out)
     out.json.Field("target", l.target).Field("targetText", VersionText(l.target));
     out.json.EndObject();
     return l;
+}
+
+void WarnIfTraceRefused(const Printer& out, const CLibraryHost& host)
+{
+    if (const auto& refusal = host.traceRefusal())
+        out.Warning("the library refused the trace file " + U8(refusal->path) + ": " + refusal->reason +
+                    "; this run has no trace (docs/SECURITY.md)");
 }
 
 void Header(Printer& out, const char* command)
@@ -575,6 +583,7 @@ int Registration(bool doRegister, Printer& out, CLibraryHost& host)
         out.Problem("cannot load " + U8(host.path()) + ": " + DescribeResult(load));
         return Finish(out, kExitFailed);
     }
+    WarnIfTraceRefused(out, host);
     const HRESULT hr = doRegister ? host.Register() : host.Unregister();
     out.Row(call, DescribeResult(hr));
     out.json.Key(doRegister ? "register" : "unregister");
@@ -668,6 +677,7 @@ int Version(Printer& out, CLibraryHost& host)
         out.Problem("cannot load " + U8(host.path()) + ": " + DescribeResult(load));
         return Finish(out, kExitFailed);
     }
+    WarnIfTraceRefused(out, host);
     std::string present, missing;
     out.json.Key("exports").BeginObject();
     for (size_t i = 0; i < kLibraryExportCount; ++i) {

@@ -44,12 +44,14 @@ HRESULT CLibraryHost::Load()
     // The library is named by its full path, and its dependencies come from the
     // system directory only: neither the current directory nor the folder the
     // library sits in (often a downloads folder) can supply a planted DLL.
+    const CTraceFileWatch trace(AbsolutePath(m_path));
     HMODULE module = ::LoadLibraryExW(AbsolutePath(m_path).c_str(), nullptr, nv::kSystemLibrarySearch);
     if (!module) {
         const DWORD err = ::GetLastError();
         return err ? nv::HResultFromWin32(static_cast<LONG>(err)) : E_FAIL;
     }
     m_module.reset(module);
+    m_traceRefusal = trace.Refusal();
     return S_OK;
 }
 

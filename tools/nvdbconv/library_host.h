@@ -7,9 +7,11 @@
 // HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND) without calling anything.
 #pragma once
 #include <windows.h>
+#include <optional>
 #include <string>
 
 #include "common/handles.h"
+#include "tracewatch.h"
 
 namespace nvdbconv {
 
@@ -24,6 +26,9 @@ public:
 
     // S_OK, or the loader's error as an HRESULT.
     HRESULT Load();
+    // After a load: the trace file the settings named when the library refused it
+    // (a link on the way, a second name, another owner, a network path).
+    const std::optional<TraceRefusal>& traceRefusal() const { return m_traceRefusal; }
     bool loaded() const { return static_cast<bool>(m_module); }
     const std::wstring& path() const { return m_path; }
     bool HasExport(const char* name) const;
@@ -42,6 +47,7 @@ private:
     HRESULT Action(const char* name) const;
     std::wstring m_path;
     nv::unique_hmodule m_module;
+    std::optional<TraceRefusal> m_traceRefusal;
 };
 
 // The names the installer resolves, in the order the host checks them.

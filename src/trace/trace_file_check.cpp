@@ -1,0 +1,277 @@
+// The trace file's safety checks: open without truncating or following a final
+// link, ask the system what was opened, decide, and only then empty the file.
+#include "trace/trace_file_check.h"
+
+#include <sddl.h>
+
+#include <cwchar>
+
+#include "common/handles.h"
+
+namespace NVTraceNS {
+
+namespace {
+
+constexpr const wchar_t kLongPathPrefix[] = L"\\\\?\\";
+constexpr const wchar_t kUncPrefix[] = L"UNC\\";
+constexpr const wchar_t kSystemSid[] = L"S-1-5-18";
+constexpr const wchar_t kAdministratorsSid[] = L"S-1-5-32-544";
+// System and Administrators full access, inherited by files and folders below;
+// protected, so nothing is inherited from a parent users may write to.
+constexpr const wchar_t kTraceFolderSddl[] = L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)";
+
+// Sharing as the trace file has always been opened: other tracing processes may
+// append to it and anyone allowed may read it meanwhile.
+constexpr DWORD kTraceFileShare = FILE_SHARE_READ | FILE_SHARE_WRITE;
+
+std::wstring WithoutLongPathPrefix(const std::wstring& path)
+{
+    const std::size_t n = std::wcslen(kLongPathPrefix);
+    return path.compare(0, n, kLongPathPrefix) == 0 ? path.substr(n) : path;
+}
+
+bool SameText(const std::wstring& a, const std::wstring& b) noexcept
+{
+    return ::CompareStringOrdinal(a.c_str(), static_cast<int>(a.size()), b.c_str(), static_cast<int>(b.size()),
+                                  TRUE) == CSTR_EQUAL;
+}
+
+std::wstring FullPathOf(const wchar_t* path)
+{
+    wchar_t buffer[MAX_PATH * 2];
+    const DWORD n = ::GetFullPathNameW(path, MAX_PATH * 2, buffer, nullptr);
+    return (n == 0 || n >= MAX_PATH * 2) ? std::wstring() : std::wstring(buffer, n);
+}
+
+// The long form (no 8.3 names) of an existing path, or the path as given.
+std::wstring LongPathOf(const std::wstring& path)
+{
+    wchar_t buffer[MAX_PATH * 2];
+    const DWORD n = ::GetLongPathNameW(path.c_str(), buffer, MAX_PATH * 2);
+    return (n == 0 || n >= MAX_PATH * 2) ? path : std::wstring(buffer, n);
+}
+
+std::wstring FinalPathOf(HANDLE handle)
+{
+    wchar_t buffer[MAX_PATH * 2];
+    const DWORD n =
+        ::GetFinalPathNameByHandleW(handle, buffer, MAX_PATH * 2, FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
+    return (n == 0 || n >= MAX_PATH * 2) ? std::wstring() : std::wstring(buffer, n);
+}
+
+std::wstring SidText(PSID sid)
+{
+    wchar_t* text = nullptr;
+    if (!sid || !::ConvertSidToStringSidW(sid, &text))
+        return std::wstring();
+    nv::unique_hlocal owner(text);
+    return text;
+}
+
+// Read straight from the handle: the file is often first opened while the library
+// loads, and this needs no helper library loaded behind the loader lock.
+std::wstring OwnerOf(HANDLE handle)
+{
+    union {
+        SECURITY_DESCRIPTOR_RELATIVE descriptor;
+        BYTE bytes[sizeof(SECURITY_DESCRIPTOR_RELATIVE) + SECURITY_MAX_SID_SIZE];
+    } buffer;
+    DWORD needed = 0;
+    PSID owner = nullptr;
+    BOOL defaulted = FALSE;
+    if (!::GetKernelObjectSecurity(handle, OWNER_SECURITY_INFORMATION, &buffer, sizeof(buffer), &needed) ||
+        !::GetSecurityDescriptorOwner(&buffer, &owner, &defaulted))
+        return std::wstring();
+    return SidText(owner);
+}
+
+std::wstring ProcessUser()
+{
+    nv::unique_handle_null token;
+    if (!::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, token.put()))
+        return std::wstring();
+    union {
+        TOKEN_USER user;
+        BYTE bytes[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
+    } info;
+    DWORD size = 0;
+    if (!::GetTokenInformation(token.get(), TokenUser, &info, sizeof(info), &size))
+        return std::wstring();
+    return SidText(info.user.User.Sid);
+}
+
+TraceFileFacts FactsOf(HANDLE handle, const std::wstring& fullPath, bool existed)
+{
+    TraceFileFacts facts;
+    facts.requested = LongPathOf(fullPath);
+    facts.finalPath = FinalPathOf(handle);
+    BY_HANDLE_FILE_INFORMATION info = {};
+    if (::GetFileInformationByHandle(handle, &info)) {
+        facts.attributes = info.dwFileAttributes;
+        facts.links = info.nNumberOfLinks;
+    } else {
+        facts.attributes = INVALID_FILE_ATTRIBUTES; // judged as a reparse point: refused
+    }
+    facts.existed = existed;
+    if (existed) {
+        facts.owner = OwnerOf(handle);
+        facts.processUser = ProcessUser();
+    }
+    return facts;
+}
+
+// A folder, judged like a file without an owner; false when it cannot be opened.
+bool JudgeFolder(const std::wstring& folder, TraceFileVerdict* verdict)
+{
+    nv::unique_hfile handle(::CreateFileW(folder.c_str(), FILE_READ_ATTRIBUTES, kTraceFileShare | FILE_SHARE_DELETE,
+                                          nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    if (!handle)
+        return false;
+    TraceFileFacts facts = FactsOf(handle.get(), folder, false);
+    facts.links = 1; // a folder's link count counts its subfolders
+    *verdict = JudgeTraceFile(facts);
+    return true;
+}
+
+// The folder part of a full path ("C:\" for a file in a drive's root), or "".
+std::wstring FolderOf(const std::wstring& fullPath)
+{
+    const std::size_t slash = fullPath.find_last_of(L'\\');
+    if (slash == std::wstring::npos)
+        return std::wstring();
+    std::wstring folder = fullPath.substr(0, slash);
+    if (!folder.empty() && folder.back() == L':')
+        folder += L'\\'; // a drive's root ("C:" alone would be its current folder)
+    return folder;
+}
+
+// The folder the file is to be created in, judged before anything is created in
+// it, so that a link planted on the way does not even get an empty file made where
+// it points.
+bool FolderAccepted(const std::wstring& fullPath, TraceFileVerdict* verdict)
+{
+    const std::wstring folder = FolderOf(fullPath);
+    // A folder that cannot be opened fails the file's creation as well.
+    return !folder.empty() && JudgeFolder(folder, verdict) && *verdict == TraceFileVerdict::Accepted;
+}
+
+// Empties an accepted file through a second handle on the same open file (the
+// append-only handle cannot set the end of file), never through its path again.
+bool Truncate(HANDLE handle) noexcept
+{
+    nv::unique_hfile writer(::ReOpenFile(handle, FILE_WRITE_DATA | SYNCHRONIZE, kTraceFileShare, 0));
+    return writer && ::SetEndOfFile(writer.get());
+}
+
+} // namespace
+
+bool IsLocalDrivePath(const std::wstring& fullPath) noexcept
+{
+    const std::wstring path = WithoutLongPathPrefix(fullPath);
+    if (path.size() < 3 || path[1] != L':' || path[2] != L'\\')
+        return false;
+    const wchar_t drive = path[0];
+    return (drive >= L'A' && drive <= L'Z') || (drive >= L'a' && drive <= L'z');
+}
+
+bool IsLocalTracePath(const wchar_t* path) noexcept
+{
+    try {
+        return path && IsLocalDrivePath(FullPathOf(path));
+    } catch (...) {
+        return false;
+    }
+}
+
+TraceFileVerdict JudgeTraceFile(const TraceFileFacts& facts)
+{
+    if (!IsLocalDrivePath(facts.requested))
+        return TraceFileVerdict::NotALocalPath;
+    const std::wstring opened = WithoutLongPathPrefix(facts.finalPath);
+    if (opened.compare(0, std::wcslen(kUncPrefix), kUncPrefix) == 0 || !IsLocalDrivePath(opened))
+        return TraceFileVerdict::NotALocalPath; // a drive letter mapped to a share, or no answer
+    if (facts.attributes & FILE_ATTRIBUTE_REPARSE_POINT)
+        return TraceFileVerdict::ReparsePoint;
+    if (!SameText(WithoutLongPathPrefix(facts.requested), opened))
+        return TraceFileVerdict::Redirected;
+    if (facts.links > 1)
+        return TraceFileVerdict::HardLinked;
+    if (facts.existed && !SameText(facts.owner, kSystemSid) && !SameText(facts.owner, kAdministratorsSid) &&
+        (facts.processUser.empty() || !SameText(facts.owner, facts.processUser)))
+        return TraceFileVerdict::ForeignOwner;
+    return TraceFileVerdict::Accepted;
+}
+
+HANDLE OpenCheckedTraceFile(const wchar_t* path, DWORD access, bool append, TraceFileVerdict* verdict) noexcept
+{
+    TraceFileVerdict ignored = TraceFileVerdict::Accepted;
+    if (!verdict)
+        verdict = &ignored;
+    try {
+        const std::wstring full = FullPathOf(path);
+        if (full.empty())
+            return INVALID_HANDLE_VALUE;
+        if (!IsLocalDrivePath(full)) {
+            *verdict = TraceFileVerdict::NotALocalPath; // never opened: no share is contacted
+            return INVALID_HANDLE_VALUE;
+        }
+        if (!FolderAccepted(full, verdict))
+            return INVALID_HANDLE_VALUE;
+        // Never "create always": that would truncate whatever a planted link points
+        // at before anything could be checked. A link in the last part is opened
+        // itself, not followed, so it shows as a reparse point.
+        nv::unique_hfile file(::CreateFileW(full.c_str(), access | READ_CONTROL, kTraceFileShare, nullptr, OPEN_ALWAYS,
+                                            FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN |
+                                                FILE_FLAG_OPEN_REPARSE_POINT,
+                                            nullptr));
+        if (!file)
+            return INVALID_HANDLE_VALUE;
+        const bool existed = ::GetLastError() == ERROR_ALREADY_EXISTS;
+        *verdict = JudgeTraceFile(FactsOf(file.get(), full, existed));
+        if (*verdict != TraceFileVerdict::Accepted)
+            return INVALID_HANDLE_VALUE;
+        if (existed && !append && !Truncate(file.get()))
+            return INVALID_HANDLE_VALUE;
+        return file.release();
+    } catch (...) {
+        return INVALID_HANDLE_VALUE; // out of memory: no trace output
+    }
+}
+
+TraceFileVerdict ProbeTraceFile(const wchar_t* path) noexcept
+{
+    try {
+        const std::wstring full = FullPathOf(path);
+        if (full.empty())
+            return TraceFileVerdict::Accepted;
+        if (!IsLocalDrivePath(full))
+            return TraceFileVerdict::NotALocalPath;
+        nv::unique_hfile file(::CreateFileW(full.c_str(), FILE_READ_ATTRIBUTES | READ_CONTROL,
+                                            kTraceFileShare | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                                            FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+        if (file)
+            return JudgeTraceFile(FactsOf(file.get(), full, true));
+        // Missing: the nearest folder on the path that exists is where a link would be.
+        TraceFileVerdict verdict = TraceFileVerdict::Accepted;
+        for (std::wstring folder = FolderOf(full); !folder.empty(); folder = FolderOf(folder)) {
+            if (JudgeFolder(folder, &verdict))
+                return verdict;
+            if (folder.back() == L'\\')
+                break; // the drive's root
+        }
+        return TraceFileVerdict::Accepted;
+    } catch (...) {
+        return TraceFileVerdict::Accepted;
+    }
+}
+
+PSECURITY_DESCRIPTOR NewTraceFolderSecurity() noexcept
+{
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(kTraceFolderSddl, SDDL_REVISION_1, &descriptor,
+                                                                nullptr))
+        return nullptr;
+    return descriptor;
+}
+
+} // namespace NVTraceNS

@@ -1,0 +1,490 @@
+// The trace file's safety checks: a link, a second name, a file of someone else's
+// or a network path never gets trace output, and folders made for the trace are
+// for administrators only. The planted links, hard links and foreign files are made
+// for real on the Unix side of Wine (support/unix_side.h); the cases Wine cannot
+// show (a junction, a link opened as itself, a drive mapped to a share, a file owned
+// by a user of a domain) are judged from the answers Windows gives for them.
+#include <windows.h>
+#include <aclapi.h>
+#include <sddl.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include "common/handles.h"
+#include "support/trace_capture.h"
+#include "support/unix_side.h"
+#include "trace/trace.h"
+#include "trace/trace_file_check.h"
+#include "trace/trace_output.h"
+
+using namespace nvtest;
+using NVTraceNS::TraceFileFacts;
+using NVTraceNS::TraceFileVerdict;
+
+namespace {
+
+constexpr const wchar_t kTracing[] = L"SOFTWARE\\Norvane\\Tracing";
+constexpr const char kPrecious[] = "precious bytes of somebody else's file";
+constexpr DWORD kLinkedFolder = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT; // 0x410
+
+std::wstring TempDir()
+{
+    wchar_t dir[MAX_PATH];
+    const DWORD n = ::GetTempPathW(MAX_PATH, dir);
+    return std::wstring(dir, n);
+}
+
+bool Exists(const std::wstring& path) { return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
+
+void WriteBytes(const std::wstring& path, const std::string& bytes)
+{
+    nv::unique_hfile file(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+    ASSERT_TRUE(file) << Narrow(path);
+    DWORD written = 0;
+    ASSERT_TRUE(::WriteFile(file.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr));
+}
+
+std::string ReadBytes(const std::wstring& path)
+{
+    nv::unique_hfile file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                        OPEN_EXISTING, 0, nullptr));
+    if (!file)
+        return "<" + std::to_string(::GetLastError()) + ">";
+    char buffer[4096];
+    DWORD read = 0;
+    if (!::ReadFile(file.get(), buffer, sizeof(buffer), &read, nullptr))
+        return "<read failed>";
+    return std::string(buffer, read);
+}
+
+std::wstring SidText(PSID sid)
+{
+    wchar_t* text = nullptr;
+    if (!::ConvertSidToStringSidW(sid, &text))
+        return L"?";
+    std::wstring result(text);
+    ::LocalFree(text);
+    return result;
+}
+
+// The facts of an ordinary trace file the library created at C:\ProgramData\Norvane.
+TraceFileFacts PlainFile()
+{
+    TraceFileFacts f;
+    f.requested = L"C:\\ProgramData\\Norvane\\setup.NVDBConv.dll.x64.1.trc3";
+    f.finalPath = L"\\\\?\\C:\\ProgramData\\Norvane\\setup.NVDBConv.dll.x64.1.trc3";
+    f.attributes = FILE_ATTRIBUTE_ARCHIVE;
+    f.links = 1;
+    f.existed = false;
+    return f;
+}
+
+} // namespace
+
+// Each test works in a folder of its own under %TEMP%, removed on the Unix side
+// afterwards (rm does not follow the links the test planted).
+class TraceFileCheckTest : public TraceCaptureTest {
+protected:
+    void SetUp() override
+    {
+        TraceCaptureTest::SetUp();
+        ASSERT_TRUE(UnderWine()) << "these cases are planted on Wine's Unix side";
+        static std::atomic<unsigned> counter{0};
+        dir = TempDir() + L"nvtfc_" + std::to_wstring(::GetCurrentProcessId()) + L"_" + std::to_wstring(counter++);
+        ASSERT_TRUE(::CreateDirectoryW(dir.c_str(), nullptr));
+        ASSERT_TRUE(::CreateDirectoryW((dir + L"\\target").c_str(), nullptr));
+        ASSERT_TRUE(::CreateDirectoryW((dir + L"\\plain").c_str(), nullptr));
+    }
+    void TearDown() override
+    {
+        TraceCapture::ResetInProcess();
+        const std::string unixDir = UnixPathOf(dir);
+        if (!unixDir.empty()) {
+            EXPECT_TRUE(RunUnix({"rm", "-rf", unixDir}));
+        }
+        TraceCaptureTest::TearDown();
+    }
+
+    // dir\link: a planted link to dir\target, as Windows code sees it.
+    void PlantLinkedFolder()
+    {
+        ASSERT_TRUE(MakeUnixSymlink(dir + L"\\target", dir + L"\\link"));
+        ASSERT_EQ(kLinkedFolder, ::GetFileAttributesW((dir + L"\\link").c_str()));
+    }
+
+    // One traced scope in a fresh trace state, the file closed afterwards.
+    static void TraceOnce()
+    {
+        TraceCapture::ResetInProcess();
+        {
+            NVTraceNS::CTraceScope scope("CFoo::Bar", 0);
+            NVTraceNS::Trace(scope, 0, "inside");
+        }
+        TraceCapture::ResetInProcess();
+    }
+
+    // The verdict a file output reaches on the current settings; its handle must be
+    // invalid whenever the verdict is a refusal.
+    static TraceFileVerdict VerdictOfAFileOutput()
+    {
+        NVTraceNS::CFileOutput output;
+        if (output.m_verdict != TraceFileVerdict::Accepted) {
+            EXPECT_EQ(INVALID_HANDLE_VALUE, output.m_hFile);
+        }
+        return output.m_verdict;
+    }
+
+    void UseFileName(const std::wstring& path, bool append)
+    {
+        SetString(kTracing, L"FileName", path, kViewNative);
+        SetDword(kTracing, L"NewFileAlways", append ? 0 : 1, kViewNative);
+    }
+
+    std::wstring dir;
+};
+
+// ---- links planted on the path -----------------------------------------------------
+
+TEST_F(TraceFileCheckTest, NewFileThroughALinkedFolderLeavesTheFileThereUntouched)
+{
+    PlantLinkedFolder();
+    WriteBytes(dir + L"\\target\\victim.trc3", kPrecious);
+    UseFileName(dir + L"\\link\\victim.trc3", false);
+    TraceOnce();
+    EXPECT_EQ(kPrecious, ReadBytes(dir + L"\\target\\victim.trc3")) << "truncated through the link";
+    EXPECT_EQ(TraceFileVerdict::Redirected, VerdictOfAFileOutput());
+    EXPECT_EQ(kPrecious, ReadBytes(dir + L"\\target\\victim.trc3"));
+}
+
+TEST_F(TraceFileCheckTest, AppendingThroughALinkedFolderAddsNothingToTheFileThere)
+{
+    PlantLinkedFolder();
+    WriteBytes(dir + L"\\target\\victim.trc3", kPrecious);
+    UseFileName(dir + L"\\link\\victim.trc3", true);
+    TraceOnce();
+    EXPECT_EQ(kPrecious, ReadBytes(dir + L"\\target\\victim.trc3")) << "appended to through the link";
+    EXPECT_EQ(TraceFileVerdict::Redirected, VerdictOfAFileOutput());
+}
+
+TEST_F(TraceFileCheckTest, MissingFileBehindALinkedFolderIsNotCreatedThere)
+{
+    PlantLinkedFolder();
+    UseFileName(dir + L"\\link\\new.trc3", true);
+    TraceOnce();
+    EXPECT_FALSE(Exists(dir + L"\\target\\new.trc3"));
+    EXPECT_EQ(TraceFileVerdict::Redirected, VerdictOfAFileOutput());
+    EXPECT_FALSE(Exists(dir + L"\\target\\new.trc3"));
+}
+
+TEST_F(TraceFileCheckTest, TracePathThroughALinkedFolderCreatesNothingBeyondTheLink)
+{
+    PlantLinkedFolder();
+    DeleteValue(kTracing, L"FileName", kViewNative);
+    SetString(kTracing, L"TracePath", dir + L"\\link\\logs\\setup", kViewNative);
+    TraceOnce();
+    EXPECT_FALSE(Exists(dir + L"\\target\\logs"));
+}
+
+TEST_F(TraceFileCheckTest, FileThatIsALinkIsNotFollowed)
+{
+    WriteBytes(dir + L"\\target\\victim.trc3", kPrecious);
+    ASSERT_TRUE(MakeUnixSymlink(dir + L"\\target\\victim.trc3", dir + L"\\plain\\host.trc3"));
+    for (bool append : {false, true}) {
+        UseFileName(dir + L"\\plain\\host.trc3", append);
+        TraceOnce();
+        EXPECT_EQ(kPrecious, ReadBytes(dir + L"\\target\\victim.trc3")) << "append " << append;
+        // Wine follows a link even when asked to open the link itself; the final
+        // path then names the target (Windows would show the link's reparse point).
+        EXPECT_EQ(TraceFileVerdict::Redirected, VerdictOfAFileOutput()) << "append " << append;
+    }
+}
+
+TEST_F(TraceFileCheckTest, FileWithASecondNameIsNotWritten)
+{
+    WriteBytes(dir + L"\\target\\victim.trc3", kPrecious);
+    ASSERT_TRUE(RunUnix({"ln", UnixPathOf(dir + L"\\target\\victim.trc3"), UnixPathOf(dir + L"\\plain\\host.trc3")}));
+    for (bool append : {false, true}) {
+        UseFileName(dir + L"\\plain\\host.trc3", append);
+        TraceOnce();
+        EXPECT_EQ(kPrecious, ReadBytes(dir + L"\\target\\victim.trc3")) << "append " << append;
+        EXPECT_EQ(TraceFileVerdict::HardLinked, VerdictOfAFileOutput()) << "append " << append;
+    }
+}
+
+// ---- a file of someone else's ------------------------------------------------------
+
+TEST_F(TraceFileCheckTest, ExistingFileOfAnotherOwnerIsNeitherAppendedToNorReplaced)
+{
+    // A file this account made earlier is appended to, as always.
+    const std::wstring own = dir + L"\\plain\\own.trc3";
+    UseFileName(own, false);
+    TraceOnce();
+    const std::string first = ReadBytes(own);
+    ASSERT_EQ("trace3\r\n", first.substr(0, 8));
+    UseFileName(own, true);
+    TraceOnce();
+    const std::string second = ReadBytes(own);
+    EXPECT_EQ(first, second.substr(0, first.size()));
+    EXPECT_GT(second.size(), first.size());
+    EXPECT_EQ(TraceFileVerdict::Accepted, VerdictOfAFileOutput());
+
+    const std::wstring file = dir + L"\\plain\\host.trc3";
+    WriteBytes(file, kPrecious);
+    // Wine reports a file of another Unix user as owned by S-1-5-7.
+    ASSERT_TRUE(RunUnix({"chown", "nobody", UnixPathOf(file)})) << "giving the file away needs root (CI runs as root)";
+    PSID owner = nullptr;
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    ASSERT_EQ(ERROR_SUCCESS, ::GetNamedSecurityInfoW(file.c_str(), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION,
+                                                     &owner, nullptr, nullptr, nullptr, &descriptor));
+    EXPECT_EQ(L"S-1-5-7", SidText(owner));
+    ::LocalFree(descriptor);
+    for (bool append : {true, false}) {
+        UseFileName(file, append);
+        TraceOnce();
+        EXPECT_EQ(kPrecious, ReadBytes(file)) << "append " << append;
+        EXPECT_EQ(TraceFileVerdict::ForeignOwner, VerdictOfAFileOutput()) << "append " << append;
+    }
+}
+
+// ---- network paths -----------------------------------------------------------------
+
+// Wine serves \\server\share from $WINEPREFIX/dosdevices/unc/server/share: the share
+// is real, and reachable, so only the check keeps the file off it.
+TEST_F(TraceFileCheckTest, UncFileNameOrTracePathIsNeverUsed)
+{
+    std::string dosdevices = UnixPathOf(L"C:\\");
+    ASSERT_GT(dosdevices.size(), 3u);
+    dosdevices = dosdevices.substr(0, dosdevices.find_last_of('/', dosdevices.size() - 2)); // drop "c:/"
+    const std::string share = "nvtfc" + std::to_string(::GetCurrentProcessId());
+    const std::string shareDir = dosdevices + "/unc/localhost/" + share;
+    ASSERT_TRUE(RunUnix({"mkdir", "-p", shareDir}));
+    const std::wstring unc = L"\\\\localhost\\" + Widen(share);
+    WriteBytes(unc + L"\\reachable.txt", "yes");
+    EXPECT_EQ("yes", ReadBytes(unc + L"\\reachable.txt")) << "Wine does not serve the share";
+
+    UseFileName(unc + L"\\host.trc3", false);
+    TraceOnce();
+    EXPECT_FALSE(Exists(unc + L"\\host.trc3"));
+    EXPECT_EQ(TraceFileVerdict::NotALocalPath, VerdictOfAFileOutput());
+    EXPECT_FALSE(Exists(unc + L"\\host.trc3"));
+
+    // Nor are TracePath folders made there.
+    DeleteValue(kTracing, L"FileName", kViewNative);
+    SetString(kTracing, L"TracePath", unc + L"\\logs", kViewNative);
+    TraceOnce();
+    EXPECT_FALSE(Exists(unc + L"\\logs"));
+    EXPECT_TRUE(RunUnix({"rm", "-rf", shareDir}));
+}
+
+// ---- the host's question: would it be refused? ------------------------------------
+
+TEST_F(TraceFileCheckTest, ProbeGivesTheVerdictWithoutCreatingOrChangingAnything)
+{
+    PlantLinkedFolder();
+    const std::wstring own = dir + L"\\plain\\own.trc3", foreign = dir + L"\\plain\\foreign.trc3";
+    WriteBytes(own, "mine");
+    WriteBytes(foreign, kPrecious);
+    ASSERT_TRUE(RunUnix({"chown", "nobody", UnixPathOf(foreign)})) << "giving the file away needs root";
+    WriteBytes(dir + L"\\target\\victim.trc3", kPrecious);
+    const struct {
+        std::wstring path;
+        TraceFileVerdict verdict;
+    } cases[] = {
+        {own, TraceFileVerdict::Accepted},
+        {dir + L"\\plain\\missing.trc3", TraceFileVerdict::Accepted},
+        {dir + L"\\plain\\no\\such\\folder\\t.trc3", TraceFileVerdict::Accepted}, // cannot be opened: no refusal
+        {foreign, TraceFileVerdict::ForeignOwner},
+        {dir + L"\\link\\victim.trc3", TraceFileVerdict::Redirected},
+        {dir + L"\\link\\missing.trc3", TraceFileVerdict::Redirected},
+        {dir + L"\\link\\logs\\setup\\t.trc3", TraceFileVerdict::Redirected}, // the link is the nearest folder
+        {L"\\\\localhost\\share\\t.trc3", TraceFileVerdict::NotALocalPath},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(c.verdict, NVTraceNS::ProbeTraceFile(c.path.c_str())) << Narrow(c.path);
+    EXPECT_EQ("mine", ReadBytes(own));
+    EXPECT_EQ(kPrecious, ReadBytes(foreign));
+    EXPECT_EQ(kPrecious, ReadBytes(dir + L"\\target\\victim.trc3"));
+    EXPECT_FALSE(Exists(dir + L"\\plain\\missing.trc3"));
+    EXPECT_FALSE(Exists(dir + L"\\target\\missing.trc3"));
+    EXPECT_FALSE(Exists(dir + L"\\target\\logs"));
+}
+
+// ---- folders made for the trace ----------------------------------------------------
+
+TEST_F(TraceFileCheckTest, FoldersMadeForTracePathGrantNothingToOtherUsers)
+{
+    DeleteValue(kTracing, L"FileName", kViewNative);
+    SetString(kTracing, L"TracePath", dir + L"\\plain\\logs\\setup", kViewNative);
+    TraceOnce();
+    ASSERT_TRUE(Exists(dir + L"\\plain\\logs\\setup"));
+    PSID everyone = nullptr, users = nullptr, authenticated = nullptr;
+    ASSERT_TRUE(::ConvertStringSidToSidW(L"S-1-1-0", &everyone));
+    ASSERT_TRUE(::ConvertStringSidToSidW(L"S-1-5-32-545", &users));
+    ASSERT_TRUE(::ConvertStringSidToSidW(L"S-1-5-11", &authenticated));
+    for (const wchar_t* folder : {L"\\plain\\logs", L"\\plain\\logs\\setup"}) {
+        PACL dacl = nullptr;
+        PSECURITY_DESCRIPTOR descriptor = nullptr;
+        ASSERT_EQ(ERROR_SUCCESS, ::GetNamedSecurityInfoW((dir + folder).c_str(), SE_FILE_OBJECT,
+                                                         DACL_SECURITY_INFORMATION, nullptr, nullptr, &dacl, nullptr,
+                                                         &descriptor));
+        ASSERT_NE(nullptr, dacl) << Narrow(folder) << ": no list means access for everyone";
+        unsigned granted = 0;
+        for (DWORD i = 0; i < dacl->AceCount; ++i) {
+            ACE_HEADER* header = nullptr;
+            ASSERT_TRUE(::GetAce(dacl, i, reinterpret_cast<void**>(&header)));
+            if (header->AceType != ACCESS_ALLOWED_ACE_TYPE)
+                continue;
+            PSID sid = &reinterpret_cast<ACCESS_ALLOWED_ACE*>(header)->SidStart;
+            if (::EqualSid(sid, everyone) || ::EqualSid(sid, users) || ::EqualSid(sid, authenticated)) {
+                ++granted;
+                ADD_FAILURE() << Narrow(folder) << " grants " << Narrow(SidText(sid)) << " access 0x" << std::hex
+                              << reinterpret_cast<ACCESS_ALLOWED_ACE*>(header)->Mask;
+            }
+        }
+        EXPECT_EQ(0u, granted);
+        ::LocalFree(descriptor);
+    }
+    ::LocalFree(everyone);
+    ::LocalFree(users);
+    ::LocalFree(authenticated);
+}
+
+// Wine keeps no protected flag and no Administrators entry on a folder (it maps the
+// list onto Unix permissions), so the descriptor the folders are created with is
+// checked as it is handed to CreateDirectoryW.
+TEST(TraceFolderSecurityTest, IsProtectedAndGivesSystemAndAdministratorsFullAccessAndNobodyElseAny)
+{
+    nv::unique_hlocal descriptor(NVTraceNS::NewTraceFolderSecurity());
+    ASSERT_TRUE(descriptor);
+    SECURITY_DESCRIPTOR_CONTROL control = 0;
+    DWORD revision = 0;
+    ASSERT_TRUE(::GetSecurityDescriptorControl(descriptor.get(), &control, &revision));
+    EXPECT_EQ(SE_DACL_PROTECTED, control & SE_DACL_PROTECTED);
+    BOOL present = FALSE, defaulted = TRUE;
+    PACL dacl = nullptr;
+    ASSERT_TRUE(::GetSecurityDescriptorDacl(descriptor.get(), &present, &dacl, &defaulted));
+    ASSERT_TRUE(present);
+    ASSERT_NE(nullptr, dacl);
+    ASSERT_EQ(2u, dacl->AceCount);
+    const wchar_t* const expected[] = {L"S-1-5-18", L"S-1-5-32-544"};
+    for (DWORD i = 0; i < 2; ++i) {
+        ACCESS_ALLOWED_ACE* ace = nullptr;
+        ASSERT_TRUE(::GetAce(dacl, i, reinterpret_cast<void**>(&ace)));
+        EXPECT_EQ(ACCESS_ALLOWED_ACE_TYPE, ace->Header.AceType) << i;
+        EXPECT_EQ(OBJECT_INHERIT_ACE | CONTAINER_INHERIT_ACE, ace->Header.AceFlags) << i;
+        EXPECT_EQ(static_cast<ACCESS_MASK>(FILE_ALL_ACCESS), ace->Mask) << i;
+        EXPECT_EQ(expected[i], SidText(&ace->SidStart)) << i;
+    }
+}
+
+// ---- the decision on recorded answers ------------------------------------------------
+
+// The final path must name the file asked for; case and the long-path form aside.
+// Answers Windows gives for a junction C:\Logs -> C:\Windows\System32 on the path:
+// the handle's final path is the junction's target.
+TEST(TraceFileVerdictTest, FinalPathMustBeThePathAskedForIgnoringCase)
+{
+    EXPECT_EQ(TraceFileVerdict::Accepted, NVTraceNS::JudgeTraceFile(PlainFile()));
+    TraceFileFacts f = PlainFile();
+    f.finalPath = L"\\\\?\\C:\\programdata\\NORVANE\\setup.nvdbconv.dll.x64.1.trc3";
+    EXPECT_EQ(TraceFileVerdict::Accepted, NVTraceNS::JudgeTraceFile(f));
+    f = PlainFile();
+    f.requested = L"\\\\?\\" + f.requested;
+    EXPECT_EQ(TraceFileVerdict::Accepted, NVTraceNS::JudgeTraceFile(f));
+
+    f = PlainFile();
+    f.requested = L"C:\\Logs\\setup.NVDBConv.dll.x64.1.trc3";
+    f.finalPath = L"\\\\?\\C:\\Windows\\System32\\setup.NVDBConv.dll.x64.1.trc3";
+    EXPECT_EQ(TraceFileVerdict::Redirected, NVTraceNS::JudgeTraceFile(f));
+    f.existed = true;
+    f.owner = L"S-1-5-18";
+    EXPECT_EQ(TraceFileVerdict::Redirected, NVTraceNS::JudgeTraceFile(f));
+}
+
+// A symbolic link or mount point in the last part, opened as itself
+// (FILE_FLAG_OPEN_REPARSE_POINT): same path, reparse point attribute.
+TEST(TraceFileVerdictTest, ReparsePointOpenedAsItselfIsRefused)
+{
+    TraceFileFacts f = PlainFile();
+    f.attributes = FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_REPARSE_POINT;
+    f.existed = true;
+    f.owner = L"S-1-5-21-1004336348-1177238915-682003330-1001";
+    EXPECT_EQ(TraceFileVerdict::ReparsePoint, NVTraceNS::JudgeTraceFile(f));
+    f.owner = L"S-1-5-32-544"; // whoever owns the link
+    EXPECT_EQ(TraceFileVerdict::ReparsePoint, NVTraceNS::JudgeTraceFile(f));
+}
+
+TEST(TraceFileVerdictTest, NetworkAndDevicePathsAreNotLocal)
+{
+    TraceFileFacts f = PlainFile();
+    for (const wchar_t* requested : {L"\\\\server\\share\\t.trc3", L"\\\\?\\UNC\\server\\share\\t.trc3",
+                                     L"\\\\.\\pipe\\trace", L"\\\\.\\CON", L"\\??\\C:\\t.trc3", L"C:t.trc3", L""}) {
+        f.requested = requested;
+        f.finalPath = requested;
+        EXPECT_EQ(TraceFileVerdict::NotALocalPath, NVTraceNS::JudgeTraceFile(f)) << Narrow(requested);
+        EXPECT_FALSE(NVTraceNS::IsLocalDrivePath(requested)) << Narrow(requested);
+    }
+    // A drive letter mapped to a share: the final path is the share's.
+    f = PlainFile();
+    f.requested = L"N:\\traces\\t.trc3";
+    f.finalPath = L"\\\\?\\UNC\\server\\share\\traces\\t.trc3";
+    EXPECT_EQ(TraceFileVerdict::NotALocalPath, NVTraceNS::JudgeTraceFile(f));
+    // A volume without a drive letter, and no final path at all.
+    f.finalPath = L"\\\\?\\Volume{4c1b02c1-d990-11dc-99ae-806e6f6e6963}\\t.trc3";
+    EXPECT_EQ(TraceFileVerdict::NotALocalPath, NVTraceNS::JudgeTraceFile(f));
+    f.finalPath = L"";
+    EXPECT_EQ(TraceFileVerdict::NotALocalPath, NVTraceNS::JudgeTraceFile(f));
+    for (const wchar_t* local : {L"C:\\t.trc3", L"z:\\t", L"\\\\?\\D:\\traces\\t.trc3"})
+        EXPECT_TRUE(NVTraceNS::IsLocalDrivePath(local)) << Narrow(local);
+    // Paths as the settings give them: relative ones are local, a device name is not.
+    EXPECT_TRUE(NVTraceNS::IsLocalTracePath(L"logs\\setup"));
+    EXPECT_TRUE(NVTraceNS::IsLocalTracePath(L"C:\\logs\\..\\traces"));
+    EXPECT_FALSE(NVTraceNS::IsLocalTracePath(L"C:\\logs\\CON"));
+    EXPECT_FALSE(NVTraceNS::IsLocalTracePath(L"\\\\server\\share\\logs"));
+    EXPECT_FALSE(NVTraceNS::IsLocalTracePath(L"//server/share/logs"));
+    EXPECT_FALSE(NVTraceNS::IsLocalTracePath(nullptr));
+}
+
+TEST(TraceFileVerdictTest, FileWithAnotherNameIsRefused)
+{
+    TraceFileFacts f = PlainFile();
+    f.existed = true;
+    f.owner = L"S-1-5-18";
+    f.links = 2;
+    EXPECT_EQ(TraceFileVerdict::HardLinked, NVTraceNS::JudgeTraceFile(f));
+}
+
+TEST(TraceFileVerdictTest, ExistingFileMustBeOwnedBySystemAdministratorsOrThisAccount)
+{
+    const std::wstring self = L"S-1-5-21-1004336348-1177238915-682003330-500";
+    TraceFileFacts f = PlainFile();
+    f.existed = true;
+    f.processUser = self;
+    const struct {
+        const wchar_t* owner;
+        TraceFileVerdict verdict;
+    } cases[] = {
+        {L"S-1-5-18", TraceFileVerdict::Accepted},
+        {L"S-1-5-32-544", TraceFileVerdict::Accepted},
+        {L"S-1-5-21-1004336348-1177238915-682003330-500", TraceFileVerdict::Accepted},
+        {L"S-1-5-21-1004336348-1177238915-682003330-1001", TraceFileVerdict::ForeignOwner}, // a user
+        {L"S-1-5-32-545", TraceFileVerdict::ForeignOwner},                                // Users
+        {L"S-1-5-80-956008885-3418522649-1831038044-1853292631-2271478464", TraceFileVerdict::ForeignOwner},
+        {L"S-1-5-7", TraceFileVerdict::ForeignOwner}, // as Wine shows another Unix user
+        {L"", TraceFileVerdict::ForeignOwner},        // the owner could not be read
+    };
+    for (const auto& c : cases) {
+        f.owner = c.owner;
+        EXPECT_EQ(c.verdict, NVTraceNS::JudgeTraceFile(f)) << Narrow(c.owner);
+    }
+    // Without a known account of our own, only System and Administrators count.
+    f.processUser.clear();
+    f.owner = L"";
+    EXPECT_EQ(TraceFileVerdict::ForeignOwner, NVTraceNS::JudgeTraceFile(f));
+    // A file this open created is ours whatever its owner reads.
+    f.existed = false;
+    EXPECT_EQ(TraceFileVerdict::Accepted, NVTraceNS::JudgeTraceFile(f));
+}
