@@ -22,15 +22,19 @@ add_link_options(-fstack-protector-strong
                  LINKER:--no-insert-timestamp)
 
 # Every binary the project ships (the release script and the binary checks read
-# this list from shipped-binaries.txt in the bin folder).
+# this list from shipped-binaries.txt in the bin folder), and the test and demo
+# tools built the same way (demo-binaries.txt: the binary checks read it, a release
+# leaves them out).
 set_property(GLOBAL PROPERTY NV_SHIPPED_TARGETS "")
+set_property(GLOBAL PROPERTY NV_DEMO_TARGETS "")
 
-# nv_ship(target [DESCRIPTION text]): marks a binary as shipped. Its debug
-# information goes into <file>.debug beside it, the binary is stripped and gets a
-# debug link to that file. With DESCRIPTION, the target also gets the project's
-# version resource (cmake/version.rc.in), the same numbers in every binary.
+# nv_ship(target [DEMO] [DESCRIPTION text]): marks a binary as shipped, or with
+# DEMO as a test and demo tool that is built and checked like a shipped one. Its
+# debug information goes into <file>.debug beside it, the binary is stripped and
+# gets a debug link to that file. With DESCRIPTION, the target also gets the
+# project's version resource (cmake/version.rc.in), the same numbers in every binary.
 function(nv_ship target)
-    cmake_parse_arguments(PARSE_ARGV 1 arg "" "DESCRIPTION" "")
+    cmake_parse_arguments(PARSE_ARGV 1 arg "DEMO" "DESCRIPTION" "")
     if(arg_DESCRIPTION)
         get_target_property(type ${target} TYPE)
         get_target_property(name ${target} OUTPUT_NAME)
@@ -56,16 +60,23 @@ function(nv_ship target)
                 $<TARGET_FILE:${target}>
         COMMENT "Splitting the debug information of $<TARGET_FILE_NAME:${target}>"
         VERBATIM)
-    set_property(GLOBAL APPEND PROPERTY NV_SHIPPED_TARGETS ${target})
+    if(arg_DEMO)
+        set_property(GLOBAL APPEND PROPERTY NV_DEMO_TARGETS ${target})
+    else()
+        set_property(GLOBAL APPEND PROPERTY NV_SHIPPED_TARGETS ${target})
+    endif()
 endfunction()
 
 # Written once every target exists: one file name per line, for the release script
 # and the binary checks.
 function(nv_write_shipped_list)
-    get_property(targets GLOBAL PROPERTY NV_SHIPPED_TARGETS)
-    set(names "")
-    foreach(t IN LISTS targets)
-        string(APPEND names "$<TARGET_FILE_NAME:${t}>\n")
+    foreach(list SHIPPED DEMO)
+        get_property(targets GLOBAL PROPERTY NV_${list}_TARGETS)
+        set(names "")
+        foreach(t IN LISTS targets)
+            string(APPEND names "$<TARGET_FILE_NAME:${t}>\n")
+        endforeach()
+        string(TOLOWER ${list} file)
+        file(GENERATE OUTPUT ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/${file}-binaries.txt CONTENT "${names}")
     endforeach()
-    file(GENERATE OUTPUT ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/shipped-binaries.txt CONTENT "${names}")
 endfunction()

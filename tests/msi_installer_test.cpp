@@ -4,6 +4,7 @@
 // action, and the commit action cleans up. The tests read msiexec's exit code, the
 // verbose log (every result the custom actions report) and the registry afterwards.
 #include <windows.h>
+#include <msi.h>
 #include <gtest/gtest.h>
 #include <cstdio>
 #include <algorithm>
@@ -12,6 +13,7 @@
 
 #include "nvstore_inspect.h"
 #include "support/dll_loader.h"
+#include "support/import_patch.h"
 #include "support/key_containers.h"
 #include "support/legacy_db_tree.h"
 #include "support/process_runner.h"
@@ -212,4 +214,68 @@ TEST_F(MsiInstallerTest, AFailingConvertFailsTheInstallWith1603AndRunsTheRollbac
     EXPECT_FALSE(GetDword(kPolicy, L"StrictConversion", kView64, &strict));
     EXPECT_FALSE(FileExists(InstalledLibrary()));
     EXPECT_TRUE(KeyExists(L"SOFTWARE\\Norvane\\DB-v1.0", kView32));
+}
+
+namespace {
+
+// What the custom action asked the loader for while its LoadLibraryExW was refused.
+struct CaLoad {
+    std::wstring name;
+    DWORD flags;
+};
+std::vector<CaLoad> g_caLoads;
+std::wstring g_caLibraryPath;
+
+UINT WINAPI FakeMsiGetPropertyW(MSIHANDLE, LPCWSTR name, LPWSTR value, DWORD* size)
+{
+    if (!name || std::wstring(name) != L"CustomActionData")
+        return ERROR_UNKNOWN_PROPERTY;
+    const DWORD length = static_cast<DWORD>(g_caLibraryPath.size());
+    if (!value || *size <= length) {
+        *size = length;
+        return ERROR_MORE_DATA;
+    }
+    std::copy(g_caLibraryPath.begin(), g_caLibraryPath.end(), value);
+    value[length] = L'\0';
+    *size = length;
+    return ERROR_SUCCESS;
+}
+
+// A system that refuses the restricted search answers ERROR_INVALID_PARAMETER.
+HMODULE WINAPI RefusingLoadLibraryExW(LPCWSTR name, HANDLE, DWORD flags)
+{
+    g_caLoads.push_back({name ? name : L"", flags});
+    ::SetLastError(ERROR_INVALID_PARAMETER);
+    return nullptr;
+}
+
+} // namespace
+
+// The custom action loads the library by its full path with the system directory
+// as the only search place for its dependencies, and where that load is refused it
+// fails the install instead of trying again with a search that takes the
+// installer's folders.
+TEST(MsiCustomAction, LoadsTheLibraryOnlyWithTheSystemDirectorySearchAndFailsWithoutFallback)
+{
+    g_caLoads.clear();
+    g_caLibraryPath = ExeDirectory() + L"NVDBConv.dll";
+    const HMODULE ca = ::LoadLibraryW((ExeDirectory() + L"nvdbconv_ca.dll").c_str());
+    ASSERT_NE(nullptr, ca);
+    using ActionFn = UINT(WINAPI*)(MSIHANDLE);
+    const auto convert = reinterpret_cast<ActionFn>(reinterpret_cast<void*>(::GetProcAddress(ca, "NvConvertDatabase")));
+    ASSERT_NE(nullptr, convert);
+    UINT result = 0;
+    {
+        const ImportPatch patch(ca, {{"MsiGetPropertyW", reinterpret_cast<void*>(&FakeMsiGetPropertyW)},
+                                     {"LoadLibraryExW", reinterpret_cast<void*>(&RefusingLoadLibraryExW)}});
+        ASSERT_TRUE(patch.ok());
+        ASSERT_EQ(2u, patch.names().size()) << "the custom action no longer imports what the test replaces";
+        result = convert(0);
+    }
+    ::FreeLibrary(ca);
+
+    EXPECT_EQ(static_cast<UINT>(ERROR_INSTALL_FAILURE), result);
+    ASSERT_EQ(1u, g_caLoads.size());
+    EXPECT_EQ(g_caLibraryPath, g_caLoads[0].name);
+    EXPECT_EQ(static_cast<DWORD>(LOAD_LIBRARY_SEARCH_SYSTEM32), g_caLoads[0].flags);
 }

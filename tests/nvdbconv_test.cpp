@@ -848,9 +848,10 @@ TEST_F(NvdbconvStoreTest, StoreListsUsersSecretsTemplatesPayloadAndRegistration)
 {
     const std::wstring ctl = QuoteArg(ExeDirectory() + L"nvstorectl.exe");
     const std::wstring sid = L"S-1-5-21-1-2-3-1001";
-    for (const std::wstring& args : {L"enroll " + sid + L" pw", L"put-secret " + sid + L" Mail 0102",
-                                     L"put-secret " + sid + L" VPN 03", L"put-template " + sid + L" 3 aa",
-                                     L"put-template " + sid + L" 0 bb", L"register " + sid})
+    ASSERT_EQ(0u, RunProcessWithInput(ctl + L" enroll " + sid, "pw\n").exitCode);
+    for (const std::wstring& args : {L"put-secret " + sid + L" Mail 0102", L"put-secret " + sid + L" VPN 03",
+                                     L"put-template " + sid + L" 3 aa", L"put-template " + sid + L" 0 bb",
+                                     L"register " + sid})
         ASSERT_EQ(0u, RunProcess(ctl + L" " + args).exitCode) << Narrow(args);
 
     ProcessRun run = Nvdbconv(L"--json store");

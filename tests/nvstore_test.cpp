@@ -21,6 +21,7 @@
 #include "security/securitycontext.h"
 #include "support/dll_loader.h"
 #include "support/key_containers.h"
+#include "support/process_runner.h"
 #include "support/store_sandbox.h"
 #include "writer/host_provisioning.h"
 
@@ -1214,17 +1215,17 @@ TEST_F(NVStoreTest, DataPersistsIntoAFreshProcess)
 
     EXPECT_EQ(0, RunAndCapture(L"\"" + ExeDirectory() + L"nvstorectl.exe\" list", &out));
     EXPECT_EQ(Narrow(kSid) + "\n", WithoutCr(out));
-    EXPECT_EQ(0, RunAndCapture(L"\"" + ExeDirectory() + L"nvstorectl.exe\" authenticate " + kSid + L" \"" +
-                                   kPassword + L"\"",
-                               &out));
-    EXPECT_EQ("payload feed\nfailed 0\n", WithoutCr(out));
+    const ProcessRun authenticated = RunProcessWithInput(
+        L"\"" + ExeDirectory() + L"nvstorectl.exe\" authenticate " + kSid, Narrow(kPassword) + "\r\n");
+    EXPECT_EQ(0u, authenticated.exitCode) << authenticated.err;
+    EXPECT_EQ("payload feed\nfailed 0\n", WithoutCr(authenticated.out));
 }
 
 TEST_F(NVStoreTest, DataWrittenByAnotherProcessIsSeenHere)
 {
     const std::wstring ctl = L"\"" + ExeDirectory() + L"nvstorectl.exe\" ";
     std::string out;
-    ASSERT_EQ(0, RunAndCapture(ctl + L"enroll " + kSid2 + L" \"pass word\"", &out));
+    ASSERT_EQ(0u, RunProcessWithInput(ctl + L"enroll " + kSid2, "pass word\n").exitCode);
     ASSERT_EQ(0, RunAndCapture(ctl + L"put-secret " + kSid2 + L" Note 00ff10", &out));
     ASSERT_EQ(0, RunAndCapture(ctl + L"put-template " + kSid2 + L" 7 0102", &out));
     ASSERT_EQ(0, RunAndCapture(ctl + L"register " + kSid2, &out));
@@ -1238,6 +1239,33 @@ TEST_F(NVStoreTest, DataWrittenByAnotherProcessIsSeenHere)
     EXPECT_EQ((std::map<DWORD, Bytes>{{7, {1, 2}}}), inspect::ListTemplates(kSid2));
     EXPECT_EQ(S_OK, Registry()->CheckUser(kSid2, 8));
     EXPECT_EQ(S_OK, Authenticate(kSid2, L"pass word").hr);
+}
+
+// A password on a command line can be read by every process of the machine while
+// the tool runs: nvstorectl takes it from standard input only.
+TEST_F(NVStoreTest, NvstorectlTakesThePasswordFromStandardInputNeverFromTheCommandLine)
+{
+    const std::wstring ctl = L"\"" + ExeDirectory() + L"nvstorectl.exe\" ";
+    const ProcessRun onCommandLine = RunProcessWithInput(ctl + L"enroll " + kSid2 + L" pw", "pw\n");
+    EXPECT_EQ(1u, onCommandLine.exitCode);
+    EXPECT_NE(std::string::npos, onCommandLine.err.find("usage: nvstorectl")) << onCommandLine.err;
+    EXPECT_TRUE(inspect::ListUsers().empty());
+
+    const ProcessRun noInput = RunProcess(ctl + L"enroll " + kSid2);
+    EXPECT_EQ(1u, noInput.exitCode);
+    EXPECT_EQ("nvstorectl: the password is read from the first line of standard input\nerror 0x800700E8\n",
+              WithoutCr(noInput.err));
+    EXPECT_TRUE(inspect::ListUsers().empty());
+
+    const ProcessRun enrolled = RunProcessWithInput(ctl + L"enroll " + kSid2, "p\xC3\xA4ss word\r\nnext line\n");
+    ASSERT_EQ(0u, enrolled.exitCode) << enrolled.err;
+    EXPECT_EQ(S_OK, Authenticate(kSid2, L"p\u00E4ss word").hr);
+
+    const ProcessRun wrong = RunProcessWithInput(ctl + L"authenticate " + kSid2, "pass word\n");
+    EXPECT_EQ(1u, wrong.exitCode);
+    const ProcessRun right = RunProcessWithInput(ctl + L"authenticate " + kSid2, "p\xC3\xA4ss word\n");
+    EXPECT_EQ(0u, right.exitCode) << right.err;
+    EXPECT_EQ(0u, WithoutCr(right.out).rfind("payload ", 0)) << right.out;
 }
 
 TEST_F(NVStoreTest, DataSurvivesUnloadingTheServer)

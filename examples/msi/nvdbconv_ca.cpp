@@ -97,11 +97,11 @@ public:
             return;
         }
         // The full path, and the system folder for its dependencies: nothing is
-        // picked up from the current or the installer's temporary folder.
-        m_module = ::LoadLibraryExW(path.c_str(), nullptr,
-                                    LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_SEARCH_SYSTEM32);
-        if (!m_module)
-            m_module = ::LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+        // picked up from the current or the installer's temporary folder. There is
+        // no second try with the ordinary search: where the system refuses this
+        // one, the action fails rather than search the folders a DLL could be
+        // planted in.
+        m_module = ::LoadLibraryExW(path.c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
         if (!m_module)
             Log(install, L"cannot load %ls: error %lu", path.c_str(), ::GetLastError());
         else

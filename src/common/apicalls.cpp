@@ -1,10 +1,11 @@
 #include "common/apicalls.h"
 
 #include "common/hresult.h"
+#include "common/systemimports.h"
 
 namespace nv {
 
-const ApiCalls kPlatformApiCalls = {&::CryptDecodeObject, &::CryptEncodeObject, &::RegQueryValueExW};
+const ApiCalls kPlatformApiCalls = {&sys::CryptDecodeObject, &sys::CryptEncodeObject, &::RegQueryValueExW};
 
 ApiCalls g_apiCalls = kPlatformApiCalls;
 

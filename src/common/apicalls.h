@@ -22,7 +22,8 @@ struct ApiCalls {
 
 // The calls in use; the real functions unless a test replaced one.
 extern ApiCalls g_apiCalls;
-// The real functions, for tests to restore and to forward to.
+// The platform's functions (crypt32's found in the system directory on their first
+// call, common/systemimports.h), for tests to restore and to forward to.
 extern const ApiCalls kPlatformApiCalls;
 
 // CryptDecodeObject through the table, after HoldsEmptyBitString: bytes that hold

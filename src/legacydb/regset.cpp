@@ -8,6 +8,7 @@
 #include "common/hresult.h"
 #include "common/procaddress.h"
 #include "common/regkey.h"
+#include "common/systemimports.h"
 #include "frame/baseconverter.h"
 #include "legacydb/derreader.h"
 #include "legacydb/hostname.h"
@@ -77,8 +78,8 @@ constexpr ACCESS_MASK kUsersAccess = KEY_READ;
 
 } // namespace
 
-const CNVDBRegSet::NetApi CNVDBRegSet::s_defaultNetApi = {&::NetServerGetInfo, &::NetWkstaGetInfo,
-                                                          &::NetApiBufferFree};
+const CNVDBRegSet::NetApi CNVDBRegSet::s_defaultNetApi = {&nv::sys::NetServerGetInfo, &nv::sys::NetWkstaGetInfo,
+                                                          &nv::sys::NetApiBufferFree};
 CNVDBRegSet::NetApi CNVDBRegSet::s_netApi = CNVDBRegSet::s_defaultNetApi;
 
 CNVDBRegSet::CNVDBRegSet()

@@ -39,7 +39,8 @@ public:
     DWORD GetUserListValue() const noexcept { return m_dwUserList; }
 
     // The network functions behind the domain-controller test. Tests put their own in
-    // place to play a domain controller; the default is netapi32.
+    // place to play a domain controller; the default is netapi32, found in the system
+    // directory (common/systemimports.h).
     struct NetApi {
         NET_API_STATUS(WINAPI* pfnServerGetInfo)(LMSTR, DWORD, LPBYTE*);
         NET_API_STATUS(WINAPI* pfnWkstaGetInfo)(LMSTR, DWORD, LPBYTE*);

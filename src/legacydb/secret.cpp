@@ -5,6 +5,7 @@
 #include "common/apicalls.h"
 #include "common/handles.h"
 #include "common/hresult.h"
+#include "common/systemimports.h"
 #include "legacydb/derreader.h"
 #include "security/securitycontext.h"
 #include "trace/trace.h"
@@ -25,7 +26,7 @@ LegacyNVDB2::Bytes SealForPublicKey(HCRYPTPROV hProv, const CRYPT_DATA_BLOB& pub
                                    decoded))
         nv::ThrowLastError();
     nv::unique_hcryptkey recipient;
-    nv::ThrowLastErrorIf(!::CryptImportPublicKeyInfo(
+    nv::ThrowLastErrorIf(!nv::sys::CryptImportPublicKeyInfo(
         hProv, kDerEncoding, reinterpret_cast<CERT_PUBLIC_KEY_INFO*>(decoded.data()), recipient.put()));
     nv::unique_hcryptkey session;
     nv::ThrowLastErrorIf(!::CryptGenKey(hProv, CALG_3DES, CRYPT_EXPORTABLE, session.put()));

@@ -10,6 +10,7 @@
 #include "common/cryptblob.h"
 #include "common/handles.h"
 #include "common/hresult.h"
+#include "common/systemimports.h"
 #include "common/keysecurity.h"
 #include "common/regkey.h"
 #include "common/threadslot.h"
@@ -69,10 +70,11 @@ bool TryDecode(LPCSTR structType, const BYTE* data, DWORD cb, nv::CCryptBlob& ou
 void ExportPublicKeyInfo(HCRYPTPROV hProv, nv::CCryptBlob& out)
 {
     DWORD cb = 0;
-    if (!::CryptExportPublicKeyInfo(hProv, kKeyExchange, kEncoding, nullptr, &cb))
+    if (!nv::sys::CryptExportPublicKeyInfo(hProv, kKeyExchange, kEncoding, nullptr, &cb))
         nv::ThrowLastError();
     BYTE* p = out.Allocate(cb);
-    if (!::CryptExportPublicKeyInfo(hProv, kKeyExchange, kEncoding, reinterpret_cast<CERT_PUBLIC_KEY_INFO*>(p), &cb))
+    if (!nv::sys::CryptExportPublicKeyInfo(hProv, kKeyExchange, kEncoding, reinterpret_cast<CERT_PUBLIC_KEY_INFO*>(p),
+                                           &cb))
         nv::ThrowLastError();
 }
 
@@ -390,13 +392,13 @@ HRESULT CFPSecurityContext::SignBLOB(const CRYPT_DATA_BLOB* pToBeSigned, CRYPT_D
         algorithm.pszObjId = const_cast<LPSTR>(pszOid ? pszOid : nvsecurity::kMd5RsaOid);
 
         DWORD cbSignature = 0;
-        if (!::CryptSignCertificate(hProv, dwKeySpec, kEncoding, pToBeSigned->pbData, pToBeSigned->cbData, &algorithm,
-                                    nullptr, nullptr, &cbSignature))
+        if (!nv::sys::CryptSignCertificate(hProv, dwKeySpec, kEncoding, pToBeSigned->pbData, pToBeSigned->cbData,
+                                           &algorithm, nullptr, nullptr, &cbSignature))
             nv::ThrowIfWin32Failed(static_cast<LONG>(::GetLastError()));
         nv::CCryptBlob signature;
         signature.Allocate(cbSignature);
-        if (!::CryptSignCertificate(hProv, dwKeySpec, kEncoding, pToBeSigned->pbData, pToBeSigned->cbData, &algorithm,
-                                    nullptr, signature.pbData, &cbSignature))
+        if (!nv::sys::CryptSignCertificate(hProv, dwKeySpec, kEncoding, pToBeSigned->pbData, pToBeSigned->cbData,
+                                           &algorithm, nullptr, signature.pbData, &cbSignature))
             nv::ThrowLastError();
 
         CERT_SIGNED_CONTENT_INFO record{};
@@ -430,8 +432,8 @@ HRESULT CFPSecurityContext::Verify(const CRYPT_DATA_BLOB* pSigned, const CRYPT_D
         // empty BIT STRING would overrun its buffer (see HoldsEmptyBitString).
         if (nv::HoldsEmptyBitString(X509_CERT, data, cb))
             return S_FALSE;
-        const BOOL valid = ::CryptVerifyCertificateSignature(m_hProv, kEncoding, data, cb,
-                                                             reinterpret_cast<CERT_PUBLIC_KEY_INFO*>(info.pbData));
+        const BOOL valid = nv::sys::CryptVerifyCertificateSignature(m_hProv, kEncoding, data, cb,
+                                                                    reinterpret_cast<CERT_PUBLIC_KEY_INFO*>(info.pbData));
         // A bad signature is an answer, not a failure.
         return valid ? S_OK : S_FALSE;
     });

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstring>
+#include <iterator>
 
 namespace nvfaults {
 
@@ -129,6 +130,8 @@ std::string Lower(std::string s)
     std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     return s;
 }
+
+std::vector<CatalogEntry> Catalog() { return std::vector<CatalogEntry>(std::begin(kCatalog), std::end(kCatalog)); }
 
 const CatalogEntry* FindEntry(const std::string& dll, const std::string& function)
 {

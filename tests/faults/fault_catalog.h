@@ -32,6 +32,9 @@ struct CatalogEntry {
     const char* note;     // why it is passed through, or what the error means
 };
 
+// Every entry.
+std::vector<CatalogEntry> Catalog();
+
 // The entry for an import, or null when the import is not listed.
 const CatalogEntry* FindEntry(const std::string& dll, const std::string& function);
 

@@ -1,9 +1,11 @@
 #include "fault_hooks.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <sstream>
 
+#include "common/systemlibrary.h"
 #include "fault_catalog.h"
 #include "pe_image.h"
 
@@ -15,9 +17,11 @@ struct Hook {
     const CatalogEntry* entry = nullptr;
     std::string name; // dll!function
     void* original = nullptr;
+    void** slot = nullptr; // the import slot; null for a function the module finds at run time
 };
 
 std::vector<Hook> g_hooks;
+std::vector<std::string> g_unclassifiedRunTime;
 HookSettings g_settings;
 ULONG_PTR g_moduleBase = 0;
 ULONG_PTR g_moduleEnd = 0;
@@ -195,6 +199,73 @@ void EmitThunk(BYTE* at, int index, void* original)
     PutBytes(u, {0x00, 0x00});        // padding to an even count
 }
 
+// "crypt32.dll" for a module loaded from C:\windows\system32\crypt32.dll.
+std::string ModuleFileName(HMODULE module)
+{
+    char path[MAX_PATH] = {};
+    const DWORD n = GetModuleFileNameA(module, path, MAX_PATH);
+    const std::string full(path, n);
+    const size_t slash = full.find_last_of("\\/");
+    return Lower(slash == std::string::npos ? full : full.substr(slash + 1));
+}
+
+// Stands in for GetProcAddress in the module's import table. The library finds the
+// functions of the libraries it does not import (crypt32, netapi32) through it; an
+// address that a hook was made for is answered with the hook's thunk, so those
+// calls are counted and failed like imported ones.
+FARPROC WINAPI HookGetProcAddress(HMODULE module, LPCSTR name)
+{
+    FARPROC address = GetProcAddress(module, name);
+    if (!address || IS_INTRESOURCE(name))
+        return address;
+    const DWORD error = GetLastError();
+    for (size_t i = 0; i < g_hooks.size(); ++i)
+        if (!g_hooks[i].slot && g_hooks[i].original == reinterpret_cast<void*>(address))
+            return reinterpret_cast<FARPROC>(reinterpret_cast<void*>(g_code + i * kSlotSize));
+    const std::string dll = ModuleFileName(module);
+    if (IsCoveredFamily(dll, name) && !FindEntry(dll, name))
+        g_unclassifiedRunTime.push_back(dll + "!" + name);
+    SetLastError(error);
+    return address;
+}
+
+struct PlannedHook {
+    const CatalogEntry* entry;
+    std::string name;
+    void* original;
+    void** slot;
+};
+
+// Hooks for the catalog's failing entries of the libraries the module does not
+// import: the functions it can only reach through GetProcAddress.
+void PlanRunTimeHooks(const std::vector<ImportSlot>& imports, std::vector<PlannedHook>* plan)
+{
+    std::vector<std::string> imported;
+    for (const ImportSlot& s : imports)
+        imported.push_back(Lower(s.dll));
+    static const std::vector<CatalogEntry> catalog = Catalog();
+    for (const CatalogEntry& e : catalog) {
+        if (e.style == FailStyle::Pass || std::find(imported.begin(), imported.end(), e.dll) != imported.end())
+            continue;
+        // The library's own way of loading these: the system directory only.
+        const std::string dll = e.dll;
+        const HMODULE library = nv::LoadSystemLibrary(std::wstring(dll.begin(), dll.end()).c_str());
+        void* original = library ? reinterpret_cast<void*>(GetProcAddress(library, e.function)) : nullptr;
+        if (original)
+            plan->push_back({&e, std::string(e.dll) + "!" + e.function, original, nullptr});
+    }
+}
+
+bool PatchSlot(void** slot, void* target)
+{
+    DWORD old = 0;
+    if (!VirtualProtect(slot, sizeof(void*), PAGE_READWRITE, &old))
+        return false;
+    *slot = target;
+    VirtualProtect(slot, sizeof(void*), old, &old);
+    return true;
+}
+
 } // namespace
 
 const char* ModeName(Mode mode)
@@ -226,8 +297,11 @@ bool Install(HMODULE module, const HookSettings& settings, std::string* error)
     const std::vector<ImportSlot> imports = ListImports(module);
 
     std::string unclassified;
-    std::vector<std::pair<const ImportSlot*, const CatalogEntry*>> toHook;
+    std::vector<PlannedHook> toHook;
+    void** getProcAddressSlot = nullptr;
     for (const ImportSlot& s : imports) {
+        if (Lower(s.dll) == "kernel32.dll" && s.function == "GetProcAddress")
+            getProcAddressSlot = s.slot;
         const CatalogEntry* e = FindEntry(s.dll, s.function);
         if (!e) {
             if (IsCoveredFamily(s.dll, s.function))
@@ -235,8 +309,10 @@ bool Install(HMODULE module, const HookSettings& settings, std::string* error)
             continue;
         }
         if (e->style != FailStyle::Pass)
-            toHook.emplace_back(&s, e);
+            toHook.push_back({e, Lower(s.dll) + "!" + s.function, *s.slot, s.slot});
     }
+    if (getProcAddressSlot)
+        PlanRunTimeHooks(imports, &toHook);
     if (!unclassified.empty()) {
         *error = "imports of covered families that the fault catalog does not classify:" + unclassified;
         return false;
@@ -250,12 +326,13 @@ bool Install(HMODULE module, const HookSettings& settings, std::string* error)
     }
     g_functionTable = reinterpret_cast<RUNTIME_FUNCTION*>(g_code + toHook.size() * kSlotSize);
     g_hooks.clear();
+    g_unclassifiedRunTime.clear();
     for (size_t i = 0; i < toHook.size(); ++i) {
-        const ImportSlot& s = *toHook[i].first;
         Hook h;
-        h.entry = toHook[i].second;
-        h.name = Lower(s.dll) + "!" + s.function;
-        h.original = *s.slot;
+        h.entry = toHook[i].entry;
+        h.name = toHook[i].name;
+        h.original = toHook[i].original;
+        h.slot = toHook[i].slot;
         g_hooks.push_back(h);
         BYTE* at = g_code + i * kSlotSize;
         EmitThunk(at, static_cast<int>(i), h.original);
@@ -269,18 +346,19 @@ bool Install(HMODULE module, const HookSettings& settings, std::string* error)
         *error = "RtlAddFunctionTable failed";
         return false;
     }
-    for (size_t i = 0; i < toHook.size(); ++i) {
-        void** slot = toHook[i].first->slot;
-        DWORD old = 0;
-        if (!VirtualProtect(slot, sizeof(void*), PAGE_READWRITE, &old)) {
+    for (size_t i = 0; i < toHook.size(); ++i)
+        if (toHook[i].slot && !PatchSlot(toHook[i].slot, g_code + i * kSlotSize)) {
             *error = "cannot unprotect the import slot of " + g_hooks[i].name;
             return false;
         }
-        *slot = g_code + i * kSlotSize;
-        VirtualProtect(slot, sizeof(void*), old, &old);
+    if (getProcAddressSlot && !PatchSlot(getProcAddressSlot, reinterpret_cast<void*>(&HookGetProcAddress))) {
+        *error = "cannot unprotect the import slot of kernel32.dll!GetProcAddress";
+        return false;
     }
     return true;
 }
+
+std::vector<std::string> UnclassifiedRunTimeImports() { return g_unclassifiedRunTime; }
 
 void Arm() { g_armed = true; }
 void Disarm() { g_armed = false; }

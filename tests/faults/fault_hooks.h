@@ -46,6 +46,9 @@ struct HookSettings {
 
 // Installs the hooks in the module's import table. False, with the reason, when
 // an import of a covered family is not classified or a slot cannot be patched.
+// The catalog's functions of libraries the module does not import get hooks too:
+// the module's GetProcAddress is patched to hand out those hooks instead of the
+// functions, so calls it makes through addresses it looked up are covered as well.
 bool Install(HMODULE module, const HookSettings& settings, std::string* error);
 void Arm();
 void Disarm();
@@ -58,6 +61,11 @@ const std::vector<CallRecord>& Records();
 // One line of the report file: "call <n> <function> <rva>,<rva>,...".
 std::string FormatRecord(const CallRecord& r);
 bool ParseRecord(const std::string& line, CallRecord* r);
+
+// Functions of covered families that the module looked up with GetProcAddress and
+// the catalog does not classify, as "dll!name": like such an import, they stop the
+// sweep.
+std::vector<std::string> UnclassifiedRunTimeImports();
 
 // The imports the catalog fails, as "dll!name" (for the report).
 std::vector<std::string> HookedImports();

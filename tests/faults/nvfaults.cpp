@@ -131,6 +131,14 @@ int Child(const std::map<std::string, std::string>& o)
     Arm();
     const HRESULT hr = convert();
     Disarm();
+    std::string unclassified;
+    for (const std::string& name : UnclassifiedRunTimeImports())
+        unclassified += " " + name;
+    if (!unclassified.empty()) {
+        std::fprintf(stderr, "nvfaults: functions of covered families that the library looked up and the fault "
+                             "catalog does not classify:%s\n", unclassified.c_str());
+        return kExitSetup;
+    }
     std::string text = "result " + HexCode(static_cast<DWORD>(hr)) + "\ncalls " + std::to_string(CallCount()) +
                        "\nfailed " + std::to_string(FailedCount()) + "\n";
     for (const CallRecord& r : Records())

@@ -1,9 +1,12 @@
 // What a security reviewer checks in every binary the project ships, read from the
-// files in the bin folder (the list is shipped-binaries.txt, written by the build):
+// files in the bin folder (the lists are shipped-binaries.txt, what a release
+// ships, and demo-binaries.txt, the test and demo tools, which get the same
+// checks; the build writes both):
 // ASLR with high-entropy addresses, DEP, a relocation table, no section both
 // writable and executable, the stack protector in use, stripped with a debug link
 // whose CRC matches the debug file beside it, a version resource, the exact export
-// list of the library, and the static imports against an allow-list.
+// list of the library, and the imports (static and delay-loaded) against an
+// allow-list.
 #include <windows.h>
 #include <gtest/gtest.h>
 #include <algorithm>
@@ -31,28 +34,32 @@ const std::set<std::string> kAlwaysFromSystemDirectory = {
     "oleaut32.dll", "rpcrt4.dll", "sechost.dll",  "shell32.dll", "shlwapi.dll", "user32.dll",
 };
 
-// Every static import of every shipped binary, exactly. A new one fails the test
-// until someone has looked at it and added it here (for nvdbconv.exe it must also be
-// in kAlwaysFromSystemDirectory); one that is gone fails until it is dropped here.
+// Every import of every binary, exactly, static and delay-loaded. A new one fails
+// the test until someone has looked at it and added it here (and it must be in
+// kAlwaysFromSystemDirectory: each of these is loaded by an elevated installer or
+// run elevated); one that is gone fails until it is dropped here. crypt32 and
+// netapi32 are reached at run time from the system directory instead.
 // (The stack protector's support library takes its canary from advapi32.)
 const std::map<std::string, std::set<std::string>> kAllowedImports = {
-    {"NVDBConv.dll",
-     {"advapi32.dll", "crypt32.dll", "kernel32.dll", "msvcrt.dll", "netapi32.dll", "ole32.dll", "oleaut32.dll"}},
+    {"NVDBConv.dll", {"advapi32.dll", "kernel32.dll", "msvcrt.dll", "ole32.dll", "oleaut32.dll"}},
     {"NVStore.dll", {"advapi32.dll", "kernel32.dll", "msvcrt.dll", "ole32.dll", "oleaut32.dll"}},
     {"nvdbconv.exe", {"advapi32.dll", "kernel32.dll", "msvcrt.dll", "ole32.dll", "oleaut32.dll"}},
-    {"nvdbgen.exe", {"advapi32.dll", "crypt32.dll", "kernel32.dll", "msvcrt.dll"}},
+    {"nvdbgen.exe", {"advapi32.dll", "kernel32.dll", "msvcrt.dll"}},
     {"nvstorectl.exe", {"advapi32.dll", "kernel32.dll", "msvcrt.dll", "ole32.dll", "oleaut32.dll"}},
     {"nvtrace.exe", {"advapi32.dll", "kernel32.dll", "msvcrt.dll"}},
 };
+
+// What a release ships; the other binaries above are test and demo tools.
+const std::vector<std::string> kReleased = {"NVDBConv.dll", "nvdbconv.exe", "nvtrace.exe"};
 
 const std::vector<std::string> kLibraryExports = {"Cleanup",           "Convert",          "DllCanUnloadNow",
                                                   "DllGetClassObject", "DllRegisterServer", "DllUnregisterServer",
                                                   "GetDBVersion",      "Rollback"};
 
-std::vector<std::string> ShippedBinaries()
+std::vector<std::string> ListedBinaries(const wchar_t* listName)
 {
     std::vector<std::string> names;
-    const std::vector<BYTE> list = ReadFileBytes(ExeDirectory() + L"shipped-binaries.txt");
+    const std::vector<BYTE> list = ReadFileBytes(ExeDirectory() + listName);
     std::string line;
     for (BYTE b : list) {
         if (b == '\n' || b == '\r') {
@@ -65,6 +72,19 @@ std::vector<std::string> ShippedBinaries()
     }
     if (!line.empty())
         names.push_back(line);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::vector<std::string> ReleasedBinaries() { return ListedBinaries(L"shipped-binaries.txt"); }
+std::vector<std::string> DemoBinaries() { return ListedBinaries(L"demo-binaries.txt"); }
+
+std::vector<std::string> AllBinaries()
+{
+    std::vector<std::string> names = ReleasedBinaries();
+    for (const std::string& name : DemoBinaries())
+        names.push_back(name);
+    std::sort(names.begin(), names.end());
     return names;
 }
 
@@ -97,14 +117,22 @@ std::string ParamName(const ::testing::TestParamInfo<std::string>& info)
 
 } // namespace
 
-TEST(ShippedBinaries, ListNamesTheLibraryTheStoreAndEveryTool)
+TEST(ShippedBinaries, ListsNameTheLibraryTheStoreAndEveryTool)
 {
-    std::vector<std::string> names = ShippedBinaries();
-    std::sort(names.begin(), names.end());
     std::vector<std::string> expected;
     for (const auto& entry : kAllowedImports)
         expected.push_back(entry.first);
-    EXPECT_EQ(expected, names) << "a shipped binary needs its line in kAllowedImports";
+    EXPECT_EQ(expected, AllBinaries()) << "a binary needs its line in kAllowedImports";
+}
+
+// The store and the database writer are for tests and demonstrations: a release
+// ships the library, its host and the trace decoder only.
+TEST(ShippedBinaries, ReleaseListHoldsTheLibraryTheHostAndTheDecoderOnly)
+{
+    std::vector<std::string> expected = kReleased;
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(expected, ReleasedBinaries());
+    EXPECT_EQ((std::vector<std::string>{"NVStore.dll", "nvdbgen.exe", "nvstorectl.exe"}), DemoBinaries());
 }
 
 TEST_P(ShippedBinary, HasAslrHighEntropyAndDep)
@@ -200,7 +228,25 @@ TEST_P(ShippedBinary, ImportsExactlyItsAllowedLibraries)
     EXPECT_TRUE(gone.empty()) << GetParam() << " no longer imports " << Join(gone) << ": drop it from kAllowedImports";
 }
 
-INSTANTIATE_TEST_SUITE_P(Bin, ShippedBinary, ::testing::ValuesIn(ShippedBinaries()), ParamName);
+// Each of them runs elevated or is loaded by an elevated installer, from a folder
+// where a DLL may have been planted: whatever the loader resolves before its code
+// runs, and whatever a delay load resolves through the default search, must be
+// something Windows takes from the system directory only.
+TEST_P(ShippedBinary, ImportsOnlyWhatWindowsTakesFromTheSystemDirectory)
+{
+    const std::vector<std::string> dlls = pe.ImportedDlls();
+    ASSERT_FALSE(dlls.empty());
+    for (const std::string& dll : dlls)
+        EXPECT_EQ(1u, kAlwaysFromSystemDirectory.count(dll)) << GetParam() << " imports " << dll;
+    for (const PeImport& import : pe.Imports())
+        EXPECT_FALSE(import.delayed) << GetParam() << ": " << import.dll << ": delay loads search the default path";
+    const auto allowed = kAllowedImports.find(GetParam());
+    ASSERT_NE(kAllowedImports.end(), allowed);
+    for (const std::string& dll : allowed->second)
+        EXPECT_EQ(1u, kAlwaysFromSystemDirectory.count(dll)) << "allow-list of " << GetParam() << " names " << dll;
+}
+
+INSTANTIATE_TEST_SUITE_P(Bin, ShippedBinary, ::testing::ValuesIn(AllBinaries()), ParamName);
 GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(ShippedBinary);
 
 TEST(ShippedBinaries, LibraryExportsExactlyItsEightFunctions)
@@ -211,19 +257,22 @@ TEST(ShippedBinaries, LibraryExportsExactlyItsEightFunctions)
     EXPECT_EQ(kLibraryExports, pe.Exports());
 }
 
-TEST(ShippedBinaries, CommandLineHostImportsOnlyWhatWindowsTakesFromTheSystemDirectory)
+// The import checks see delay loads as MinGW links them: GNU ld leaves the
+// delay-load directory empty, and the descriptors are found in the sections.
+TEST(ShippedBinaries, ImportReaderSeesADelayLoadedLibrary)
 {
     PeFile pe;
     std::string error;
-    ASSERT_TRUE(pe.Read(ExeDirectory() + L"nvdbconv.exe", &error)) << error;
-    const std::vector<std::string> dlls = pe.ImportedDlls();
-    ASSERT_FALSE(dlls.empty());
-    for (const std::string& dll : dlls)
-        EXPECT_EQ(1u, kAlwaysFromSystemDirectory.count(dll)) << "nvdbconv.exe imports " << dll;
+    ASSERT_TRUE(pe.Read(ExeDirectory() + L"delayload_probe.dll", &error)) << error;
+    std::vector<PeImport> delayed;
     for (const PeImport& import : pe.Imports())
-        EXPECT_FALSE(import.delayed) << import.dll << ": delay loads search the default path";
-    for (const std::string& dll : kAllowedImports.at("nvdbconv.exe"))
-        EXPECT_EQ(1u, kAlwaysFromSystemDirectory.count(dll)) << "allow-list of nvdbconv.exe names " << dll;
+        if (import.delayed)
+            delayed.push_back(import);
+    ASSERT_EQ(1u, delayed.size()) << Join(pe.ImportedDlls());
+    EXPECT_EQ("crypt32.dll", delayed[0].dll);
+    EXPECT_EQ(std::vector<std::string>{"CryptDecodeObject"}, delayed[0].functions);
+    const std::vector<std::string> dlls = pe.ImportedDlls();
+    EXPECT_NE(dlls.end(), std::find(dlls.begin(), dlls.end(), std::string("crypt32.dll"))) << Join(dlls);
 }
 
 // The checks read what they claim to: a file without the protections fails them.

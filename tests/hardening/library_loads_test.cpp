@@ -10,6 +10,7 @@
 #include <windows.h>
 #include <gtest/gtest.h>
 #include <algorithm>
+#include <cctype>
 #include <atomic>
 #include <cstdio>
 #include <map>
@@ -17,11 +18,14 @@
 #include <vector>
 
 #include "nv_version.h"
+#include "nvstore_inspect.h"
 #include "support/dll_loader.h"
 #include "support/import_patch.h"
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
+#include "support/store_sandbox.h"
 #include "support/trace_capture.h"
+#include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
 using namespace nvtest;
@@ -210,4 +214,142 @@ TEST_F(LibraryLoadsTest, PlantedVersionLibraryBesideTheHostIsNotLoaded)
     for (const wchar_t* file : {L"nvdbconv.exe", L"NVDBConv.dll", L"version.dll", L"unsafe_loader.exe"})
         ::DeleteFileW((dir + file).c_str());
     ::RemoveDirectoryW(dir.c_str());
+}
+
+namespace {
+
+// A folder that holds a host, the library and planted copies of crypt32.dll and
+// netapi32.dll, with Wine told to prefer a crypt32.dll or netapi32.dll found on the
+// search path over its own in that host (as Windows takes any DLL that is not a
+// KnownDLL from the application's folder first). Wine reads WINEDLLOVERRIDES only
+// from the environment it was started with, not from what a Windows parent hands
+// its child, so the override is the host's entry under AppDefaults in the
+// registry. The hosts run with that folder as their current directory too, as an
+// installer started from a downloads folder does.
+constexpr wchar_t kHostOverrides[] = L"Software\\Wine\\AppDefaults\\plain_loader.exe\\DllOverrides";
+constexpr wchar_t kHostDefaults[] = L"Software\\Wine\\AppDefaults\\plain_loader.exe";
+
+class PlantedSystemLibraryTest : public StoreSandbox {
+protected:
+    void SetUp() override
+    {
+        StoreSandbox::SetUp();
+        wchar_t temp[MAX_PATH] = {};
+        ::GetTempPathW(MAX_PATH, temp);
+        m_dir = std::wstring(temp) + L"nvdbconv-planted-sys-" + std::to_wstring(::GetCurrentProcessId()) + L"\\";
+        ASSERT_TRUE(::CreateDirectoryW(m_dir.c_str(), nullptr) || ::GetLastError() == ERROR_ALREADY_EXISTS);
+        for (const auto& copy : Copies())
+            ASSERT_TRUE(::CopyFileW((ExeDirectory() + copy.first).c_str(), (m_dir + copy.second).c_str(), FALSE))
+                << Narrow(copy.first);
+        HKEY key = nullptr;
+        ASSERT_EQ(ERROR_SUCCESS, ::RegCreateKeyExW(HKEY_CURRENT_USER, kHostOverrides, 0, nullptr, 0, KEY_SET_VALUE,
+                                                   nullptr, &key, nullptr));
+        static const wchar_t kNativeFirst[] = L"native,builtin";
+        for (const wchar_t* dll : {L"crypt32", L"netapi32"})
+            EXPECT_EQ(ERROR_SUCCESS, ::RegSetValueExW(key, dll, 0, REG_SZ, reinterpret_cast<const BYTE*>(kNativeFirst),
+                                                      sizeof(kNativeFirst)));
+        ::RegCloseKey(key);
+    }
+    void TearDown() override
+    {
+        ::RegDeleteTreeW(HKEY_CURRENT_USER, kHostDefaults);
+        for (const auto& copy : Copies())
+            ::DeleteFileW((m_dir + copy.second).c_str());
+        ::RemoveDirectoryW(m_dir.c_str());
+        if (m_wroteDatabase)
+            nvwriter::DeleteDb20Container(m_db);
+        StoreSandbox::TearDown();
+    }
+
+    static std::vector<std::pair<std::wstring, std::wstring>> Copies()
+    {
+        return {{L"plain_loader.exe", L"plain_loader.exe"},
+                {L"NVDBConv.dll", L"NVDBConv.dll"},
+                {L"static_import_probe.dll", L"static_import_probe.dll"},
+                {L"planted_crypt32.dll", L"crypt32.dll"},
+                {L"planted_netapi32.dll", L"netapi32.dll"}};
+    }
+
+    // plain_loader on a file of the folder, run from the folder; its output lines in
+    // lower case (the loader names a module as the importer spelled it).
+    std::vector<std::string> PlainLoad(const std::wstring& file, const std::wstring& extra)
+    {
+        wchar_t previous[MAX_PATH] = {};
+        ::GetCurrentDirectoryW(MAX_PATH, previous);
+        EXPECT_TRUE(::SetCurrentDirectoryW(m_dir.c_str()));
+        const ProcessRun run =
+            RunProcess(QuoteArg(m_dir + L"plain_loader.exe") + L" " + QuoteArg(m_dir + file) + extra);
+        ::SetCurrentDirectoryW(previous);
+        EXPECT_TRUE(run.started);
+        EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+        std::vector<std::string> lines;
+        std::string line;
+        for (char c : WithoutCarriageReturns(run.out)) {
+            if (c == '\n') {
+                lines.push_back(line);
+                line.clear();
+            } else {
+                line += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+            }
+        }
+        return lines;
+    }
+
+    static std::string Line(const std::string& dll, const std::wstring& path, const char* kind)
+    {
+        std::string line = dll + " " + Narrow(path) + " " + kind;
+        for (char& c : line)
+            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        return line;
+    }
+
+    std::wstring m_dir;
+    nvwriter::Db20Database m_db;
+    bool m_wroteDatabase = false;
+};
+
+} // namespace
+
+// The control: a DLL that imports crypt32 and netapi32, loaded with a plain
+// LoadLibrary, takes the planted copies. This is what the library did while it
+// imported them.
+TEST_F(PlantedSystemLibraryTest, ADllThatImportsCrypt32AndNetapi32TakesThePlantedCopies)
+{
+    const std::vector<std::string> lines = PlainLoad(L"static_import_probe.dll", L"");
+    EXPECT_EQ((std::vector<std::string>{Line("crypt32.dll", m_dir + L"crypt32.dll", "planted"),
+                                        Line("netapi32.dll", m_dir + L"netapi32.dll", "planted")}),
+              lines);
+}
+
+// The library loaded with a plain LoadLibrary beside planted copies takes neither:
+// it imports neither library.
+TEST_F(PlantedSystemLibraryTest, LibraryLoadedPlainlyBesidePlantedCopiesLoadsNeither)
+{
+    const std::vector<std::string> loaded = PlainLoad(L"NVDBConv.dll", L"");
+    EXPECT_EQ((std::vector<std::string>{"crypt32.dll - none", "netapi32.dll - none"}), loaded);
+}
+
+// A 2.0 -> 3.0 Convert in that host asks netapi32 for the server's type and finds
+// it in the system directory, not the planted copy. (crypt32 is not planted for the
+// conversion: Wine's crypto provider imports crypt32 itself and, in a host that
+// loads plainly, takes a planted copy through its own import; the library has no
+// say in that.)
+TEST_F(PlantedSystemLibraryTest, ConvertInAPlainHostFindsNetapi32InTheSystemDirectory)
+{
+    ASSERT_TRUE(::DeleteFileW((m_dir + L"crypt32.dll").c_str()));
+    nvwriter::Db20Options options;
+    options.seed = 2718;
+    options.userCount = 2;
+    options.domainCount = 1;
+    m_db = nvwriter::MakeDb20Database(options);
+    ASSERT_EQ(S_OK, nvwriter::WriteDb20Database(m_db));
+    m_wroteDatabase = true;
+    nvstore::inspect::SetUserKeyBits(512);
+
+    const std::vector<std::string> converted = PlainLoad(L"NVDBConv.dll", L" convert");
+    EXPECT_EQ((std::vector<std::string>{"convert 0x00000000",
+                                        Line("crypt32.dll", SystemDirectory() + L"crypt32.dll", "system"),
+                                        Line("netapi32.dll", SystemDirectory() + L"netapi32.dll", "system")}),
+              converted);
+    EXPECT_EQ(m_db.users.size(), nvstore::inspect::ListUsers().size());
 }

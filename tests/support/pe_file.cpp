@@ -183,16 +183,9 @@ std::vector<PeImport> PeFile::Imports() const
         thunks(d.OriginalFirstThunk ? d.OriginalFirstThunk : d.FirstThunk, &import);
         imports.push_back(import);
     }
-    const IMAGE_DATA_DIRECTORY& delay = directory(IMAGE_DIRECTORY_ENTRY_DELAY_IMPORT);
-    for (DWORD i = 0; delay.VirtualAddress && i < 4096; ++i) {
-        const BYTE* p = AtRva(delay.VirtualAddress + i * sizeof(IMAGE_DELAYLOAD_DESCRIPTOR),
-                              sizeof(IMAGE_DELAYLOAD_DESCRIPTOR));
-        if (!p)
-            break;
+    for (DWORD rva : DelayDescriptors()) {
         IMAGE_DELAYLOAD_DESCRIPTOR d;
-        std::memcpy(&d, p, sizeof(d));
-        if (d.DllNameRVA == 0)
-            break;
+        std::memcpy(&d, AtRva(rva, sizeof(d)), sizeof(d));
         PeImport import;
         import.delayed = true;
         import.dll = StringAtRva(d.DllNameRVA);
@@ -200,6 +193,81 @@ std::vector<PeImport> PeFile::Imports() const
         imports.push_back(import);
     }
     return imports;
+}
+
+// The delay-load directory when the linker filled it. GNU ld does not: the
+// descriptors that a delay-load import library (dlltool --output-delaylib) brings
+// lie in a section with nothing pointing at them but the library's own thunks. So
+// without a directory every section is searched for them: a descriptor with RVA
+// attributes whose library name is a "*.dll" string, whose module handle and
+// address table lie in the image, and whose name table starts with an import by
+// name or by ordinal.
+std::vector<DWORD> PeFile::DelayDescriptors() const
+{
+    constexpr DWORD kSize = sizeof(IMAGE_DELAYLOAD_DESCRIPTOR);
+    std::vector<DWORD> found;
+    const IMAGE_DATA_DIRECTORY& delay = directory(IMAGE_DIRECTORY_ENTRY_DELAY_IMPORT);
+    if (delay.VirtualAddress) {
+        for (DWORD i = 0; i < 4096; ++i) {
+            const DWORD rva = delay.VirtualAddress + i * kSize;
+            const BYTE* p = AtRva(rva, kSize);
+            if (!p)
+                break;
+            IMAGE_DELAYLOAD_DESCRIPTOR d;
+            std::memcpy(&d, p, sizeof(d));
+            if (d.DllNameRVA == 0)
+                break;
+            found.push_back(rva);
+        }
+        return found;
+    }
+    for (const PeSection& s : sections) {
+        const DWORD extent = std::min(s.rawSize, s.virtualSize ? s.virtualSize : s.rawSize);
+        for (DWORD at = 0; at + kSize <= extent; at += 4) {
+            const DWORD rva = s.virtualAddress + at;
+            if (LooksLikeDelayDescriptor(rva))
+                found.push_back(rva);
+        }
+    }
+    return found;
+}
+
+bool PeFile::LooksLikeDelayDescriptor(DWORD rva) const
+{
+    const BYTE* p = AtRva(rva, sizeof(IMAGE_DELAYLOAD_DESCRIPTOR));
+    if (!p)
+        return false;
+    IMAGE_DELAYLOAD_DESCRIPTOR d;
+    std::memcpy(&d, p, sizeof(d));
+    if (d.Attributes.AllAttributes != 1 || !d.DllNameRVA || !d.ModuleHandleRVA || !d.ImportAddressTableRVA ||
+        !d.ImportNameTableRVA)
+        return false;
+    if (!InImage(d.ModuleHandleRVA) || !InImage(d.ImportAddressTableRVA))
+        return false;
+    const std::string name = StringAtRva(d.DllNameRVA);
+    if (name.size() < 5 || name.size() > 255 || Lower(name.substr(name.size() - 4)) != ".dll")
+        return false;
+    for (char c : name)
+        if (c < 0x21 || c > 0x7e)
+            return false;
+    const BYTE* first = AtRva(d.ImportNameTableRVA, 8);
+    if (!first)
+        return false;
+    ULONGLONG thunk;
+    std::memcpy(&thunk, first, 8);
+    if (thunk == 0)
+        return false;
+    if (thunk & IMAGE_ORDINAL_FLAG64)
+        return (thunk & ~(IMAGE_ORDINAL_FLAG64 | 0xFFFFull)) == 0;
+    return thunk < 0x80000000ull && !StringAtRva(static_cast<DWORD>(thunk) + 2).empty();
+}
+
+bool PeFile::InImage(DWORD rva) const
+{
+    for (const PeSection& s : sections)
+        if (rva >= s.virtualAddress && rva - s.virtualAddress < std::max(s.virtualSize, s.rawSize))
+            return true;
+    return false;
 }
 
 std::vector<std::string> PeFile::ImportedDlls() const

@@ -46,7 +46,9 @@ public:
 
     const IMAGE_DATA_DIRECTORY& directory(unsigned index) const;
     const PeSection* section(const std::string& name) const;
-    // Imports of the import table and of the delay-load table, in file order.
+    // Imports of the import table and of the delay-load descriptors (those of the
+    // directory, or those found in the sections when the linker left it empty), in
+    // file order.
     std::vector<PeImport> Imports() const;
     std::vector<std::string> ImportedDlls() const; // lower case, both tables
     std::vector<std::string> Exports() const;      // exported names, sorted
@@ -65,6 +67,9 @@ public:
 
 private:
     std::string StringAtRva(DWORD rva) const;
+    std::vector<DWORD> DelayDescriptors() const; // RVAs
+    bool LooksLikeDelayDescriptor(DWORD rva) const;
+    bool InImage(DWORD rva) const;
     std::vector<BYTE> m_bytes;
     DWORD m_stringTable = 0; // file offset of the COFF string table, 0 when none
 };

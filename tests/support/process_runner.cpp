@@ -31,20 +31,35 @@ std::string ReadWhole(HANDLE file)
     return text;
 }
 
-ProcessRun RunProcessOnce(const std::wstring& commandLine, DWORD timeoutMs)
+// Standard input: the bytes in a temporary file, read from its start; NUL for none.
+nv::unique_hfile InputFile(const std::string* input)
+{
+    if (!input) {
+        SECURITY_ATTRIBUTES sa{sizeof(sa), nullptr, TRUE};
+        return nv::unique_hfile(::CreateFileW(L"NUL", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, &sa,
+                                              OPEN_EXISTING, 0, nullptr));
+    }
+    nv::unique_hfile file = CaptureFile(L"pri");
+    DWORD written = 0;
+    if (!file || !::WriteFile(file.get(), input->data(), static_cast<DWORD>(input->size()), &written, nullptr) ||
+        written != input->size())
+        return nv::unique_hfile();
+    ::SetFilePointer(file.get(), 0, nullptr, FILE_BEGIN);
+    return file;
+}
+
+ProcessRun RunProcessOnce(const std::wstring& commandLine, const std::string* input, DWORD timeoutMs)
 {
     ProcessRun run;
     nv::unique_hfile out = CaptureFile(L"pro");
     nv::unique_hfile err = CaptureFile(L"pre");
-    SECURITY_ATTRIBUTES sa{sizeof(sa), nullptr, TRUE};
-    nv::unique_hfile nul(::CreateFileW(L"NUL", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, &sa, OPEN_EXISTING,
-                                       0, nullptr));
-    if (!out || !err)
+    nv::unique_hfile in = InputFile(input);
+    if (!out || !err || (input && !in))
         return run;
     STARTUPINFOW si{};
     si.cb = sizeof(si);
     si.dwFlags = STARTF_USESTDHANDLES;
-    si.hStdInput = nul ? nul.get() : nullptr;
+    si.hStdInput = in ? in.get() : nullptr;
     si.hStdOutput = out.get();
     si.hStdError = err.get();
     PROCESS_INFORMATION pi{};
@@ -71,6 +86,16 @@ ProcessRun RunProcessOnce(const std::wstring& commandLine, DWORD timeoutMs)
 
 ProcessRun RunProcess(const std::wstring& commandLine, DWORD timeoutMs)
 {
+    return RunProcessWithInput(commandLine, nullptr, timeoutMs);
+}
+
+ProcessRun RunProcessWithInput(const std::wstring& commandLine, const std::string& input, DWORD timeoutMs)
+{
+    return RunProcessWithInput(commandLine, &input, timeoutMs);
+}
+
+ProcessRun RunProcessWithInput(const std::wstring& commandLine, const std::string* input, DWORD timeoutMs)
+{
     // Now and then under load Wine fails a launch before the program runs: CreateProcessW
     // answers ERROR_INTERNAL_ERROR (twice in 16,000 starts of a fault sweep), or the
     // loader ends the child with STATUS_DLL_INIT_FAILED before it wrote a byte. Such a
@@ -78,7 +103,7 @@ ProcessRun RunProcess(const std::wstring& commandLine, DWORD timeoutMs)
     constexpr DWORD kDllInitFailed = 0xC0000142;
     constexpr int kLaunches = 3;
     for (int launch = 1;; ++launch) {
-        ProcessRun run = RunProcessOnce(commandLine, timeoutMs);
+        ProcessRun run = RunProcessOnce(commandLine, input, timeoutMs);
         const bool neverRan = run.started ? run.exitCode == kDllInitFailed && run.out.empty() && run.err.empty()
                                           : run.startError == ERROR_INTERNAL_ERROR;
         if (!neverRan || launch == kLaunches)

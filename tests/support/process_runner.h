@@ -22,6 +22,10 @@ struct ProcessRun {
 // ERROR_INTERNAL_ERROR, or the loader's STATUS_DLL_INIT_FAILED with not one byte
 // written) is made again, up to three launches, and said so on standard error.
 ProcessRun RunProcess(const std::wstring& commandLine, DWORD timeoutMs = 120000);
+// The same with these bytes as standard input (a file the child reads from its start).
+ProcessRun RunProcessWithInput(const std::wstring& commandLine, const std::string& input, DWORD timeoutMs = 120000);
+// Standard input from `input`, or empty when it is null.
+ProcessRun RunProcessWithInput(const std::wstring& commandLine, const std::string* input, DWORD timeoutMs);
 
 // Quotes one argument for the command line of a program using the usual rules.
 std::wstring QuoteArg(const std::wstring& arg);

@@ -5,10 +5,14 @@
 //   nvstorectl put-secret <sid> <name> <hex>     stores a secret
 //   nvstorectl put-template <sid> <pos> <hex>    stores a template
 //   nvstorectl put-payload <sid> <hex>           stores the payload
-//   nvstorectl enroll <sid> <password>           password enrolment (key pair, payload)
-//   nvstorectl authenticate <sid> <password>     prints the payload and the failed count
+//   nvstorectl enroll <sid>                      password enrolment (key pair, payload)
+//   nvstorectl authenticate <sid>                prints the payload and the failed count
 //   nvstorectl register <sid>                    registers the user (AddUser)
 //   nvstorectl delete <sid>                      deletes the user
+//
+// enroll and authenticate read the password from the first line of standard input
+// (UTF-8), never from the command line, which other processes of the machine can
+// read while the tool runs.
 //
 // Output is UTF-8 text; failures print "error 0x%08X" on stderr and exit with 1, as
 // does a usage error (after the usage text); "show" of an unknown user exits with 2.
@@ -92,6 +96,63 @@ nv::com_ptr<IAuthService> AuthService()
     nv::com_ptr<IAuthService> auth;
     Check(service.query(auth));
     return auth;
+}
+
+// The password: the first line of standard input, without its line end, as UTF-8.
+// Every buffer that held it is cleared before it goes. No line at all fails with
+// ERROR_NO_DATA, bytes that are not UTF-8 with ERROR_NO_UNICODE_TRANSLATION, a
+// line longer than kMaxPasswordBytes with E_INVALIDARG.
+constexpr DWORD kMaxPasswordBytes = 1024;
+
+Bytes PasswordAuthInfo()
+{
+    char line[kMaxPasswordBytes + 1];
+    wchar_t wide[kMaxPasswordBytes + 1];
+    DWORD length = 0;
+    bool gotAny = false, ended = false;
+    const HANDLE input = ::GetStdHandle(STD_INPUT_HANDLE);
+    char c = 0;
+    DWORD n = 0;
+    while (length <= kMaxPasswordBytes && ::ReadFile(input, &c, 1, &n, nullptr) && n == 1) {
+        gotAny = true;
+        if (c == '\n') {
+            ended = true;
+            break;
+        }
+        line[length++] = c;
+    }
+    HRESULT hr = S_OK;
+    if (!gotAny)
+        hr = HRESULT_FROM_WIN32(ERROR_NO_DATA);
+    else if (!ended && length > kMaxPasswordBytes)
+        hr = E_INVALIDARG;
+    if (SUCCEEDED(hr) && length && line[length - 1] == '\r')
+        --length;
+    int chars = 0;
+    if (SUCCEEDED(hr) && length) {
+        chars = ::MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, line, static_cast<int>(length), wide,
+                                      static_cast<int>(kMaxPasswordBytes));
+        if (chars <= 0)
+            hr = HRESULT_FROM_WIN32(ERROR_NO_UNICODE_TRANSLATION);
+    }
+    ::SecureZeroMemory(line, sizeof(line));
+    c = 0;
+    if (FAILED(hr)) {
+        ::SecureZeroMemory(wide, sizeof(wide));
+        std::fputs("nvstorectl: the password is read from the first line of standard input\n", stderr);
+        throw Failure{hr};
+    }
+    std::wstring password(wide, static_cast<size_t>(chars));
+    ::SecureZeroMemory(wide, sizeof(wide));
+    Bytes info;
+    try {
+        info = nvstore::inspect::BuildPasswordAuthInfo(nvstore::kPasswordAuthKind, password, password);
+    } catch (...) {
+        ::SecureZeroMemory(&password[0], password.size() * sizeof(wchar_t));
+        throw;
+    }
+    ::SecureZeroMemory(&password[0], password.size() * sizeof(wchar_t));
+    return info;
 }
 
 int Show(const wchar_t* sid)
@@ -199,8 +260,8 @@ int Run(int argc, wchar_t** argv)
         Check(OpenAs<IUserPayload>(argv[2])->PutPayload(&blob));
         return 0;
     }
-    if (cmd == L"enroll" && argc == 4) {
-        Bytes info = nvstore::inspect::BuildPasswordAuthInfo(nvstore::kPasswordAuthKind, argv[3], argv[3]);
+    if (cmd == L"enroll" && argc == 3) {
+        Bytes info = PasswordAuthInfo();
         CRYPT_DATA_BLOB infoBlob{static_cast<DWORD>(info.size()), info.data()};
         CRYPT_DATA_BLOB empty{};
         CRYPT_DATA_BLOB extra{};
@@ -211,8 +272,8 @@ int Run(int argc, wchar_t** argv)
         Print(L"publickey " + std::to_wstring(Take(extra).size()));
         return 0;
     }
-    if (cmd == L"authenticate" && argc == 4) {
-        Bytes info = nvstore::inspect::BuildPasswordAuthInfo(nvstore::kPasswordAuthKind, argv[3], argv[3]);
+    if (cmd == L"authenticate" && argc == 3) {
+        Bytes info = PasswordAuthInfo();
         CRYPT_DATA_BLOB infoBlob{static_cast<DWORD>(info.size()), info.data()};
         CRYPT_DATA_BLOB payload{}, extra{};
         DWORD failed = 0;
@@ -235,8 +296,9 @@ int Run(int argc, wchar_t** argv)
         return 0;
     }
     std::fputs("usage: nvstorectl list | show <sid> | put-secret <sid> <name> <hex> | put-template <sid> <pos> <hex>\n"
-               "       | put-payload <sid> <hex> | enroll <sid> <password> | authenticate <sid> <password>\n"
-               "       | register <sid> | delete <sid>\n",
+               "       | put-payload <sid> <hex> | enroll <sid> | authenticate <sid>\n"
+               "       | register <sid> | delete <sid>\n"
+               "enroll and authenticate read the password from the first line of standard input.\n",
                stderr);
     return 1;
 }

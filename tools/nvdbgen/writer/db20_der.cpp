@@ -1,6 +1,7 @@
 #include "writer/db20_der.h"
 
 #include "common/hresult.h"
+#include "common/systemimports.h"
 #include "writer/host_provisioning.h"
 
 namespace nvwriter {
@@ -9,9 +10,9 @@ namespace der20 {
 DerBytes Encode(LPCSTR structType, const void* structInfo)
 {
     DWORD cb = 0;
-    nv::ThrowLastErrorIf(!::CryptEncodeObject(kEncoding, structType, structInfo, nullptr, &cb));
+    nv::ThrowLastErrorIf(!nv::sys::CryptEncodeObject(kEncoding, structType, structInfo, nullptr, &cb));
     DerBytes out(cb);
-    nv::ThrowLastErrorIf(!::CryptEncodeObject(kEncoding, structType, structInfo, out.data(), &cb));
+    nv::ThrowLastErrorIf(!nv::sys::CryptEncodeObject(kEncoding, structType, structInfo, out.data(), &cb));
     out.resize(cb);
     return out;
 }

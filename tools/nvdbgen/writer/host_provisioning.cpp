@@ -2,6 +2,8 @@
 
 #include <comdef.h>
 
+#include "common/systemimports.h"
+
 namespace nvwriter {
 
 namespace {
@@ -35,10 +37,10 @@ struct Wiped {
 std::vector<BYTE> EncodeStruct(LPCSTR type, const void* info)
 {
     DWORD cb = 0;
-    if (!::CryptEncodeObject(kDer, type, info, nullptr, &cb))
+    if (!nv::sys::CryptEncodeObject(kDer, type, info, nullptr, &cb))
         RaiseLastError();
     std::vector<BYTE> out(cb);
-    if (!::CryptEncodeObject(kDer, type, info, out.data(), &cb))
+    if (!nv::sys::CryptEncodeObject(kDer, type, info, out.data(), &cb))
         RaiseLastError();
     out.resize(cb);
     return out;
@@ -153,11 +155,11 @@ void ProvisionHost(const GUID& id, REGSAM view)
 std::vector<BYTE> PublicKeyInfoOf(HCRYPTPROV hProv)
 {
     DWORD cb = 0;
-    if (!::CryptExportPublicKeyInfo(hProv, AT_KEYEXCHANGE, kDer, nullptr, &cb))
+    if (!nv::sys::CryptExportPublicKeyInfo(hProv, AT_KEYEXCHANGE, kDer, nullptr, &cb))
         RaiseLastError();
     std::vector<BYTE> info(cb);
     auto* pInfo = reinterpret_cast<CERT_PUBLIC_KEY_INFO*>(info.data());
-    if (!::CryptExportPublicKeyInfo(hProv, AT_KEYEXCHANGE, kDer, pInfo, &cb))
+    if (!nv::sys::CryptExportPublicKeyInfo(hProv, AT_KEYEXCHANGE, kDer, pInfo, &cb))
         RaiseLastError();
     return EncodeStruct(X509_PUBLIC_KEY_INFO, pInfo);
 }
@@ -190,12 +192,12 @@ std::vector<BYTE> MakeSignedSequence(HCRYPTPROV hProv, const std::vector<std::ve
     CRYPT_ALGORITHM_IDENTIFIER algorithm{};
     algorithm.pszObjId = const_cast<LPSTR>(signatureOid);
     DWORD cb = 0;
-    if (!::CryptSignAndEncodeCertificate(hProv, AT_KEYEXCHANGE, kDer, X509_SEQUENCE_OF_ANY, &sequence, &algorithm,
-                                         nullptr, nullptr, &cb))
+    if (!nv::sys::CryptSignAndEncodeCertificate(hProv, AT_KEYEXCHANGE, kDer, X509_SEQUENCE_OF_ANY, &sequence,
+                                                &algorithm, nullptr, nullptr, &cb))
         RaiseLastError();
     std::vector<BYTE> record(cb);
-    if (!::CryptSignAndEncodeCertificate(hProv, AT_KEYEXCHANGE, kDer, X509_SEQUENCE_OF_ANY, &sequence, &algorithm,
-                                         nullptr, record.data(), &cb))
+    if (!nv::sys::CryptSignAndEncodeCertificate(hProv, AT_KEYEXCHANGE, kDer, X509_SEQUENCE_OF_ANY, &sequence,
+                                                &algorithm, nullptr, record.data(), &cb))
         RaiseLastError();
     record.resize(cb);
     return record;
