@@ -157,6 +157,22 @@ bool IsPublicKeyProperty(LPCWSTR name) { return ::_wcsicmp(name, kPropertyUserPu
 
 } // namespace
 
+namespace {
+
+// Whether a test behaviour leaves an interface offered; a behaviour that cannot be
+// read switches nothing off.
+bool Offered(bool Behaviours::*switchedOff)
+{
+    bool offered = true;
+    nv::Guarded([&]() -> HRESULT {
+        offered = !(ReadBehaviours().*switchedOff);
+        return S_OK;
+    });
+    return offered;
+}
+
+} // namespace
+
 // ---- CStoreObject ---------------------------------------------------------------
 
 CStoreObject::CStoreObject() noexcept { ++g_moduleCount; }
@@ -175,21 +191,11 @@ HRESULT CStoreObject::QueryInterface(REFIID riid, void** ppv)
     } else if (IsEqualIID(riid, kIidStoreService)) {
         *ppv = static_cast<IStoreService*>(this);
     } else if (IsEqualIID(riid, kIidUserRegistry)) {
-        bool offered = true;
-        nv::Guarded([&]() -> HRESULT {
-            offered = !ReadBehaviours().noUserRegistry;
-            return S_OK;
-        });
-        if (!offered)
+        if (!Offered(&Behaviours::noUserRegistry))
             return E_NOINTERFACE;
         *ppv = static_cast<IUserRegistry*>(this);
     } else if (IsEqualIID(riid, kIidAuthService)) {
-        bool offered = true;
-        nv::Guarded([&]() -> HRESULT {
-            offered = !ReadBehaviours().noAuthService;
-            return S_OK;
-        });
-        if (!offered)
+        if (!Offered(&Behaviours::noAuthService))
             return E_NOINTERFACE;
         *ppv = static_cast<IAuthService*>(this);
     } else {
@@ -572,21 +578,11 @@ HRESULT CUserObject::QueryInterface(REFIID riid, void** ppv)
     } else if (IsEqualIID(riid, __uuidof(IUserTemplates))) {
         *ppv = static_cast<IUserTemplates*>(this);
     } else if (IsEqualIID(riid, __uuidof(IUserPayload))) {
-        bool offered = true;
-        nv::Guarded([&]() -> HRESULT {
-            offered = !ReadBehaviours().noUserPayload;
-            return S_OK;
-        });
-        if (!offered)
+        if (!Offered(&Behaviours::noUserPayload))
             return E_NOINTERFACE;
         *ppv = static_cast<IUserPayload*>(this);
     } else if (IsEqualIID(riid, __uuidof(IUserProperties))) {
-        bool offered = true;
-        nv::Guarded([&]() -> HRESULT {
-            offered = !ReadBehaviours().noUserProperties;
-            return S_OK;
-        });
-        if (!offered)
+        if (!Offered(&Behaviours::noUserProperties))
             return E_NOINTERFACE;
         *ppv = static_cast<IUserProperties*>(this);
     } else {
