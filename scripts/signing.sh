@@ -186,7 +186,8 @@ nv_verify_checksums() {
     work=$(mktemp -d) || return 1
     # The purpose is checked below: OpenSSL 3.0 has no code-signing purpose of its own.
     if ! openssl cms -verify -binary -inform DER -in "$dir/SHA256SUMS.sig" -content "$dir/SHA256SUMS" \
-        "${ca[@]}" -purpose any -signer "$work/signer.pem" -out /dev/null 2>&1; then
+        "${ca[@]}" -purpose any -signer "$work/signer.pem" -out /dev/null >"$work/log" 2>&1; then
+        sed 's/^/    /' "$work/log"
         echo "the signature of SHA256SUMS does not verify"; rc=1
     elif ! openssl x509 -in "$work/signer.pem" -noout -ext extendedKeyUsage 2>/dev/null | grep -q 'Code Signing'; then
         echo "SHA256SUMS was not signed by a code-signing certificate"; rc=1
