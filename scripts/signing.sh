@@ -229,7 +229,7 @@ nv_authenticode_signer() {
 NV_RELEASE_PACKAGES=(mingw-w64 mingw-w64-common mingw-w64-x86-64-dev g++-mingw-w64-x86-64
     g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix-runtime
     gcc-mingw-w64-base binutils-mingw-w64-x86-64 cmake cmake-data ninja-build nsis nsis-common
-    wixl wixl-data libmsi0 osslsigncode openssl libssl3 wine64 libwine git)
+    wixl wixl-data libmsi0 msitools libgcab-1.0-0 osslsigncode openssl libssl3 wine64 libwine git)
 
 # nv_release_toolchain: the toolchain record (dist/TOOLCHAIN.txt): each package's
 # installed version, and the compiler's own version line.
