@@ -9,4 +9,7 @@ mkdir -p "$outdir"
     echo "EXPORTS"
     "$nm" "$importlib" | sed -n 's/.* I __imp_\(.*\)$/\1/p' | sort -u
 } >"$outdir/$name.def"
-"$dlltool" --input-def "$outdir/$name.def" --dllname "$name.dll" --output-delaylib "$outdir/lib$name.a"
+# dlltool names the archive's members and their symbols after the output path: run it
+# in OUTDIR with a bare name, so that where the tree is built does not reach the bytes.
+cd "$outdir"
+"$dlltool" --input-def "$name.def" --dllname "$name.dll" --output-delaylib "lib$name.a"

@@ -1,13 +1,17 @@
-# Authenticode signing shared by scripts/release and the signing test. Source it.
+# Signing shared by scripts/release and the signing tests. Source it.
 #
 # The signing identity comes from the environment:
 #   NV_SIGN_PKCS12 (+ NV_SIGN_PASSWORD_FILE)     a PKCS#12 file, or
 #   NV_SIGN_CERT + NV_SIGN_KEY (+ NV_SIGN_PASSWORD_FILE)   PEM certificate chain and key;
-#   NV_SIGN_CAFILE       CA bundle to verify against (default: osslsigncode's own);
-#   NV_SIGN_TIMESTAMP_URL  RFC 3161 timestamp server (none: no timestamp).
-# With none of them named, nv_sign_use_test_identity makes a throw-away test
-# certificate with openssl. It is labelled as such in its subject and in the output:
-# a file signed with it proves nothing about who built it.
+#   NV_SIGN_CAFILE       CA bundle to verify against (default: the system's bundle);
+#   NV_SIGN_TIMESTAMP_URL  RFC 3161 timestamp server.
+# scripts/release demands an identity and a timestamp server unless it is asked for a
+# test release (--test-signing): then nv_sign_use_test_identity makes a throw-away
+# test certificate with openssl, labelled as such in its subject and in the output.
+# A file signed with it proves nothing about who built it.
+#
+# The files are signed with Authenticode (osslsigncode); SHA256SUMS gets a detached
+# CMS signature (openssl cms, DER, SHA-256) by the same certificate, SHA256SUMS.sig.
 
 NV_SIGN_TEST_SUBJECT="/O=NVDBConv THROW-AWAY TEST SIGNING/CN=NVDBConv test signing - NOT A RELEASE CERTIFICATE"
 NV_SIGN_TEST_CA_SUBJECT="/O=NVDBConv THROW-AWAY TEST SIGNING/CN=NVDBConv test signing CA - NOT TRUSTED"
@@ -95,4 +99,148 @@ nv_same_unsigned() {
         awk -v c="$checksum" '$1 < c + 1 || $1 > c + 4 { bad = 1 } END { exit bad }' || rc=1
     rm -rf "$dir"
     return $rc
+}
+
+# nv_sign_identity_problem: says what is wrong with the identity the environment
+# names (nothing, and true, when each named file is there and readable).
+nv_sign_identity_problem() {
+    local v f
+    if [ -n "${NV_SIGN_PKCS12:-}" ] && { [ -n "${NV_SIGN_CERT:-}" ] || [ -n "${NV_SIGN_KEY:-}" ]; }; then
+        echo "name either NV_SIGN_PKCS12 or NV_SIGN_CERT and NV_SIGN_KEY, not both"; return 1
+    fi
+    if [ -z "${NV_SIGN_PKCS12:-}" ] && { [ -z "${NV_SIGN_CERT:-}" ] || [ -z "${NV_SIGN_KEY:-}" ]; }; then
+        echo "NV_SIGN_CERT and NV_SIGN_KEY go together"; return 1
+    fi
+    for v in NV_SIGN_PKCS12 NV_SIGN_CERT NV_SIGN_KEY NV_SIGN_PASSWORD_FILE NV_SIGN_CAFILE; do
+        f=${!v:-}
+        [ -z "$f" ] || [ -r "$f" ] || { echo "$v names '$f', which is not a readable file"; return 1; }
+    done
+}
+
+# nv_sign_passin: the -passin argument openssl needs for the identity's key.
+nv_sign_passin() {
+    if [ -n "${NV_SIGN_PASSWORD_FILE:-}" ]; then
+        printf '%s\n' -passin "file:$NV_SIGN_PASSWORD_FILE"
+    elif [ -n "${NV_SIGN_PKCS12:-}" ]; then
+        printf '%s\n' -passin pass:
+    fi
+}
+
+# nv_sign_probe DIR: signs a two-line script in DIR with the identity (and the
+# timestamp server, when one is named) and verifies it: a wrong password, a key that
+# does not belong to the certificate, a certificate the CA bundle does not trust or a
+# timestamp server that does not answer shows here, before anything is built.
+nv_sign_probe() {
+    local dir=$1
+    mkdir -p "$dir" && printf 'Write-Output "signing probe"\r\n' >"$dir/probe.ps1" || return 1
+    nv_sign_file "$dir/probe.ps1" "$dir/probe-signed.ps1" "signing probe" 2>&1 || return 1
+    if [ -n "${NV_SIGN_TIMESTAMP_URL:-}" ]; then
+        nv_sign_verify_timestamped "$dir/probe-signed.ps1" 2>&1
+    else
+        nv_sign_verify "$dir/probe-signed.ps1" 2>&1
+    fi
+}
+
+# nv_sign_verify_timestamped FILE: nv_sign_verify, and the signature carries a timestamp.
+nv_sign_verify_timestamped() {
+    local out rc
+    out=$(nv_sign_verify "$1" 2>&1)
+    rc=$?
+    printf '%s\n' "$out"
+    [ "$rc" -eq 0 ] || return 1
+    ! grep -q 'Timestamp is not available' <<<"$out" || { echo "no timestamp in $1"; return 1; }
+}
+
+# nv_sign_checksums DIR: DIR/SHA256SUMS.sig, a detached CMS signature (DER, SHA-256)
+# of DIR/SHA256SUMS by the identity, with the certificates of its chain.
+nv_sign_checksums() {
+    local dir=$1 work key rc=0 passin chain=()
+    mapfile -t passin < <(nv_sign_passin)
+    work=$(mktemp -d) || return 1
+    if [ -n "${NV_SIGN_PKCS12:-}" ]; then
+        openssl pkcs12 -in "$NV_SIGN_PKCS12" "${passin[@]}" -nokeys -clcerts -out "$work/signer.pem" </dev/null &&
+            openssl pkcs12 -in "$NV_SIGN_PKCS12" "${passin[@]}" -nokeys -cacerts -out "$work/chain.pem" </dev/null ||
+            rc=1
+        key=$NV_SIGN_PKCS12
+    else
+        # The first certificate of the file is the signer's; the rest is its chain.
+        awk '/-----BEGIN CERTIFICATE-----/ { n++ } n == 1' "$NV_SIGN_CERT" >"$work/signer.pem"
+        awk '/-----BEGIN CERTIFICATE-----/ { n++ } n > 1' "$NV_SIGN_CERT" >"$work/chain.pem"
+        key=$NV_SIGN_KEY
+    fi
+    grep -q 'BEGIN CERTIFICATE' "$work/chain.pem" 2>/dev/null && chain=(-certfile "$work/chain.pem")
+    [ "$rc" -ne 0 ] || openssl cms -sign -binary -md sha256 -in "$dir/SHA256SUMS" -signer "$work/signer.pem" \
+        -inkey "$key" "${passin[@]}" "${chain[@]}" -outform DER -out "$dir/SHA256SUMS.sig" </dev/null || rc=1
+    rm -rf "$work"
+    return $rc
+}
+
+# nv_verify_checksums DIR [SIGNER_PEM]: the signature DIR/SHA256SUMS.sig of
+# DIR/SHA256SUMS verifies against NV_SIGN_CAFILE (default: the system's bundle) and
+# was made by a code-signing certificate (written to SIGNER_PEM when given); SHA256SUMS
+# lists every other file in DIR, and nothing else, and each has its checksum.
+nv_verify_checksums() {
+    local dir=$1 signer_out=${2:-} work rc=0 ca=()
+    [ -n "${NV_SIGN_CAFILE:-}" ] && ca=(-CAfile "$NV_SIGN_CAFILE")
+    [ -f "$dir/SHA256SUMS" ] && [ -f "$dir/SHA256SUMS.sig" ] || { echo "no SHA256SUMS or SHA256SUMS.sig in $dir"; return 1; }
+    work=$(mktemp -d) || return 1
+    # The purpose is checked below: OpenSSL 3.0 has no code-signing purpose of its own.
+    if ! openssl cms -verify -binary -inform DER -in "$dir/SHA256SUMS.sig" -content "$dir/SHA256SUMS" \
+        "${ca[@]}" -purpose any -signer "$work/signer.pem" -out /dev/null >"$work/log" 2>&1; then
+        sed 's/^/    /' "$work/log"
+        echo "the signature of SHA256SUMS does not verify"; rc=1
+    elif ! openssl x509 -in "$work/signer.pem" -noout -ext extendedKeyUsage 2>/dev/null | grep -q 'Code Signing'; then
+        echo "SHA256SUMS was not signed by a code-signing certificate"; rc=1
+    fi
+    if [ "$rc" -eq 0 ]; then
+        sed 's/^[0-9a-f]\{64\} [ *]//' "$dir/SHA256SUMS" | sort >"$work/listed"
+        (cd "$dir" && find . -maxdepth 1 -type f ! -name SHA256SUMS ! -name SHA256SUMS.sig -printf '%f\n' | sort) >"$work/present"
+        if ! cmp -s "$work/listed" "$work/present"; then
+            echo "SHA256SUMS does not list exactly the files of $dir:"
+            diff "$work/listed" "$work/present" | sed -n 's/^< /    listed, not present: /p; s/^> /    present, not listed: /p'
+            rc=1
+        elif ! (cd "$dir" && sha256sum --strict --quiet -c SHA256SUMS); then
+            rc=1
+        fi
+    fi
+    [ "$rc" -ne 0 ] || [ -z "$signer_out" ] || cp "$work/signer.pem" "$signer_out"
+    rm -rf "$work"
+    return $rc
+}
+
+# nv_cert_id PEM: the certificate's issuer and serial, as nv_authenticode_signer gives them.
+nv_cert_id() {
+    local serial issuer
+    serial=$(openssl x509 -in "$1" -noout -serial | sed 's/^serial=0*//') || return 1
+    issuer=$(openssl x509 -in "$1" -noout -issuer -nameopt compat | sed 's/^issuer=//') || return 1
+    printf '%s %s\n' "${serial^^}" "$issuer"
+}
+
+# nv_authenticode_signer FILE: the issuer and serial of the certificate that made the
+# file's (first) Authenticode signature; run after nv_sign_verify has passed.
+nv_authenticode_signer() {
+    nv_sign_verify "$1" 2>/dev/null | awk '
+        /^Signer.s certificate:/ { s = 1 }
+        s && /Issuer :/ { sub(/^[ \t]*Issuer : /, ""); issuer = $0 }
+        s && /Serial :/ { serial = toupper($3); sub(/^0+/, "", serial); print serial " " issuer; exit }'
+}
+
+# The Debian packages that build, sign and check a release.
+NV_RELEASE_PACKAGES=(mingw-w64 mingw-w64-common mingw-w64-x86-64-dev g++-mingw-w64-x86-64
+    g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix-runtime
+    gcc-mingw-w64-base binutils-mingw-w64-x86-64 cmake cmake-data ninja-build nsis nsis-common
+    wixl wixl-data libmsi0 msitools libgcab-1.0-0 osslsigncode openssl libssl3 wine64 libwine git)
+
+# nv_release_toolchain: the toolchain record (dist/TOOLCHAIN.txt): each package's
+# installed version, and the compiler's own version line.
+nv_release_toolchain() {
+    local p v
+    echo "# Debian packages that built, signed and checked this release (dpkg-query)"
+    [ -r /etc/debian_version ] && echo "debian $(cat /etc/debian_version)"
+    for p in "${NV_RELEASE_PACKAGES[@]}"; do
+        v=$(dpkg-query -W -f='${Version} ${Architecture}' "$p" 2>/dev/null) && [ -n "$v" ] || v="(not installed)"
+        echo "$p $v"
+    done
+    echo "# x86_64-w64-mingw32-g++-posix --version"
+    x86_64-w64-mingw32-g++-posix --version 2>/dev/null | head -n 1
 }

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# release_refuses_dirty_tree.sh SOURCE_DIR: scripts/release, run in a clone of the
-# committed tree with one uncommitted change and then with one untracked file,
-# refuses at once (exit 1, naming the reason) and builds nothing.
+# release_refuses_dirty_tree.sh SOURCE_DIR: scripts/release --test-signing, run in a
+# clone of the committed tree with one uncommitted change and then with one untracked
+# file, refuses at once (exit 1, naming the reason) and builds nothing.
 set -uo pipefail
 src=$1
 work=$(mktemp -d)
@@ -12,7 +12,7 @@ cp "$src/scripts/release" "$src/scripts/signing.sh" "$src/scripts/env.sh" "$work
 failures=0
 expect_refusal() {
     local what=$1 out rc
-    out=$(cd "$work/repo" && NV_BUILD_DIR="$work/build" bash scripts/release 2>&1)
+    out=$(cd "$work/repo" && NV_BUILD_DIR="$work/build" bash scripts/release --test-signing 2>&1)
     rc=$?
     if [ "$rc" -eq 1 ] && grep -q 'uncommitted changes' <<<"$out" && [ ! -e "$work/build" ] && [ ! -e "$work/repo/dist" ]; then
         echo "ok:   refused with $what"
