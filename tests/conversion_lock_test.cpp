@@ -5,9 +5,11 @@
 // caller; and two processes converting one database end with every user moved once.
 #include <windows.h>
 #include <aclapi.h>
+#include <psapi.h>
 #include <sddl.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <functional>
 #include <string>
 #include <thread>
@@ -39,7 +41,14 @@ public:
     {
         // The handle outlives the thread: a mutex whose last handle closed is gone
         // rather than abandoned.
-        m_mutex.reset(::CreateMutexW(nullptr, FALSE, nvframe::kConversionMutexName));
+        // Made as the library makes it, so that its owner is the one another
+        // converter's lock would have.
+        PSECURITY_DESCRIPTOR sd = nullptr;
+        ::ConvertStringSecurityDescriptorToSecurityDescriptorW(L"D:P(A;;GA;;;SY)(A;;GA;;;BA)", SDDL_REVISION_1, &sd,
+                                                               nullptr);
+        nv::unique_hlocal sdOwner(sd);
+        SECURITY_ATTRIBUTES sa{sizeof(sa), sd, FALSE};
+        m_mutex.reset(::CreateMutexW(&sa, FALSE, nvframe::kConversionMutexName));
         m_thread = std::thread([this, abandon] {
             const HANDLE mutex = m_mutex.get();
             m_ok = mutex && ::WaitForSingleObject(mutex, 5000) == WAIT_OBJECT_0;
@@ -181,8 +190,46 @@ TEST_F(ConversionLockTest, DatabaseChangedWhileWaitingMakesConvertRefuse)
     const RegTree after = Snapshot(kDb, kView32);
     EXPECT_TRUE(expected == after) << DiffTrees(expected, after);
     EXPECT_TRUE(HasLine(trace.LinesInScope("CBaseConverter::Convert"),
-                        "U the database changed while waiting: \"Version\" was 1.0, is now 2.0"))
+                        "U the database changed since this converter last saw it: Version 1.0, no MainDB, now "
+                        "Version 2.0, no MainDB"))
         << trace.Dump();
+}
+
+// Another process converted the database between this converter's load and its
+// Convert, without this one ever waiting: it refuses all the same.
+TEST_F(ConversionLockTest, DatabaseChangedBeforeTheCallMakesConvertRefuseWithoutAWait)
+{
+    FillDatabase();
+    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    CreateKeyPath(L"SOFTWARE\\Norvane\\DB\\MainDB", kView32);
+    const RegTree before = Snapshot(kDb, kView32);
+
+    EXPECT_EQ(nvframe::NV_E_CONVERSION_BUSY, converter.Convert());
+    EXPECT_TRUE(converter.calls.empty());
+    EXPECT_FALSE(KeyExists(kBackup10, kView32));
+    EXPECT_EQ("", DiffTrees(before, Snapshot(kDb, kView32)));
+    EXPECT_EQ((std::vector<std::string>{
+                  "U the database changed since this converter last saw it: Version 1.0, no MainDB, now Version "
+                  "1.0, MainDB present",
+                  "E -2147024726 ",
+              }),
+              trace.LinesInScope("CBaseConverter::Convert"))
+        << trace.Dump();
+}
+
+// What the converter does itself is not another converter's change: a second
+// Convert of the same load runs as the format has it.
+TEST_F(ConversionLockTest, ConvertersOwnChangesDoNotMakeItsNextConvertRefuse)
+{
+    FillDatabase();
+    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    converter.convertWork = [] { SetString(kDb, L"Version", L"2.0", kView32); };
+    EXPECT_EQ(S_OK, converter.Convert());
+    converter.convertWork = [] { SetString(kDb, L"Version", L"2.5", kView32); };
+    EXPECT_EQ(S_OK, converter.Convert());
+    EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Convert", "do_Cleanup", "do_Backup", "do_Convert",
+                                        "do_Cleanup"}),
+              converter.calls);
 }
 
 TEST_F(ConversionLockTest, LockOfAHolderThatEndedWithoutReleasingItIsTakenOver)
@@ -200,12 +247,69 @@ TEST_F(ConversionLockTest, LockOfAHolderThatEndedWithoutReleasingItIsTakenOver)
         << trace.Dump();
 }
 
+// A mutex of the lock's name that another account made first (here: owned by
+// Users, open to Everyone, held) stalls nobody: the conversion goes on without it.
+TEST_F(ConversionLockTest, LockMadeByAnotherAccountIsNotWaitedFor)
+{
+    FillDatabase();
+    PSECURITY_DESCRIPTOR sd = nullptr;
+    ASSERT_TRUE(::ConvertStringSecurityDescriptorToSecurityDescriptorW(L"O:BUD:(A;;GA;;;WD)", SDDL_REVISION_1, &sd,
+                                                                       nullptr));
+    nv::unique_hlocal sdOwner(sd);
+    SECURITY_ATTRIBUTES sa{sizeof(sa), sd, FALSE};
+    nv::unique_handle_null squatted(::CreateMutexW(&sa, FALSE, nvframe::kConversionMutexName));
+    ASSERT_TRUE(squatted);
+    PSID owner = nullptr;
+    PSECURITY_DESCRIPTOR read = nullptr;
+    ASSERT_EQ(DWORD(ERROR_SUCCESS), ::GetSecurityInfo(squatted.get(), SE_KERNEL_OBJECT, OWNER_SECURITY_INFORMATION,
+                                                      &owner, nullptr, nullptr, nullptr, &read));
+    nv::unique_hlocal readOwner(read);
+    BYTE users[SECURITY_MAX_SID_SIZE];
+    DWORD cb = sizeof(users);
+    ASSERT_TRUE(::CreateWellKnownSid(WinBuiltinUsersSid, nullptr, users, &cb));
+    ASSERT_TRUE(::EqualSid(owner, users)) << "the platform did not keep the owner the mutex was made with";
+
+    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    nvframe::g_conversionLockWaitMs = 200;
+    // Held by a thread of its own, so that this thread's wait would time out.
+    LockHolder holder;
+    ASSERT_TRUE(holder.ok());
+    EXPECT_EQ(S_OK, converter.Convert());
+    EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Convert", "do_Cleanup"}), converter.calls);
+    EXPECT_TRUE(HasLine(trace.LinesInScope("CBaseConverter::Convert"),
+                        "U conversion lock Global\\NVDBConv.Conversion belongs to another account: going on "
+                        "without it"))
+        << trace.Dump();
+}
+
+TEST(ConversionLockOwnerTest, OnlySystemAdministratorsAndThisAccountAreTrusted)
+{
+    auto sid = [](const wchar_t* text) {
+        PSID p = nullptr;
+        EXPECT_TRUE(::ConvertStringSidToSidW(text, &p));
+        return nv::unique_hlocal(p);
+    };
+    const nv::unique_hlocal system = sid(L"S-1-5-18"), admins = sid(L"S-1-5-32-544"), users = sid(L"S-1-5-32-545"),
+                            everyone = sid(L"S-1-1-0"), self = sid(L"S-1-5-21-1-2-3-1000"),
+                            other = sid(L"S-1-5-21-1-2-3-1001");
+    EXPECT_TRUE(nvframe::IsTrustedLockOwner(system.get(), self.get()));
+    EXPECT_TRUE(nvframe::IsTrustedLockOwner(admins.get(), self.get()));
+    EXPECT_TRUE(nvframe::IsTrustedLockOwner(self.get(), self.get()));
+    EXPECT_FALSE(nvframe::IsTrustedLockOwner(users.get(), self.get()));
+    EXPECT_FALSE(nvframe::IsTrustedLockOwner(everyone.get(), self.get()));
+    EXPECT_FALSE(nvframe::IsTrustedLockOwner(other.get(), self.get()));
+    EXPECT_FALSE(nvframe::IsTrustedLockOwner(other.get(), nullptr));
+    EXPECT_FALSE(nvframe::IsTrustedLockOwner(nullptr, self.get()));
+}
+
 TEST_F(ConversionLockTest, TheLockIsForSystemAndAdministratorsOnly)
 {
     NVTraceNS::CTraceScope scope("test", 0);
-    nvframe::CConversionLock lock(scope);
+    unsigned depth = 0;
+    nvframe::CConversionLock lock(scope, depth);
     ASSERT_EQ(S_OK, lock.Result());
-    EXPECT_FALSE(lock.Waited());
+    EXPECT_TRUE(lock.Outermost());
+    EXPECT_EQ(1u, depth);
     nv::unique_handle_null mutex(::OpenMutexW(READ_CONTROL, FALSE, nvframe::kConversionMutexName));
     ASSERT_TRUE(mutex);
     PSECURITY_DESCRIPTOR sd = nullptr;
@@ -219,32 +323,119 @@ TEST_F(ConversionLockTest, TheLockIsForSystemAndAdministratorsOnly)
     EXPECT_EQ(std::wstring(L"(A;;GA;;;SY)(A;;GA;;;BA)"), DaclEntries(text));
 }
 
-// Two installers converting one database at once: the test holds the lock while
-// both start, so that both load the library for the 2.0 database and wait; one
-// then converts every user, the other finds the database changed and stops.
+// Two installers converting one database at once: the test holds the lock until
+// both have loaded the library for the 2.0 database (so both converters are made
+// for it) and are on their way to the lock; one then converts every user, the other
+// finds the database converted and stops.
+namespace {
+
+// A child process with standard error in a file of its own.
+class Child {
+public:
+    explicit Child(const std::wstring& commandLine, const std::wstring& errPath) : m_errPath(errPath)
+    {
+        SECURITY_ATTRIBUTES inherit{sizeof(inherit), nullptr, TRUE};
+        m_err.reset(::CreateFileW(errPath.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit, CREATE_ALWAYS,
+                                  FILE_ATTRIBUTE_NORMAL, nullptr));
+        STARTUPINFOW si{};
+        si.cb = sizeof(si);
+        si.dwFlags = STARTF_USESTDHANDLES;
+        si.hStdError = m_err.get();
+        si.hStdOutput = m_err.get();
+        std::wstring cmd = commandLine;
+        PROCESS_INFORMATION pi{};
+        if (::CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi)) {
+            m_process.reset(pi.hProcess);
+            ::CloseHandle(pi.hThread);
+        }
+    }
+    bool started() const { return static_cast<bool>(m_process); }
+    // True once the child has the library loaded (its converter is made at load).
+    bool HasLoaded(const wchar_t* module) const
+    {
+        HMODULE modules[512];
+        DWORD cb = 0;
+        if (!::K32EnumProcessModules(m_process.get(), modules, sizeof(modules), &cb))
+            return false;
+        for (DWORD i = 0; i < cb / sizeof(HMODULE); ++i) {
+            wchar_t name[MAX_PATH];
+            if (::K32GetModuleBaseNameW(m_process.get(), modules[i], name, MAX_PATH) && ::_wcsicmp(name, module) == 0)
+                return true;
+        }
+        return false;
+    }
+    DWORD Wait(DWORD ms)
+    {
+        DWORD code = 0xdeadbeef;
+        if (::WaitForSingleObject(m_process.get(), ms) == WAIT_OBJECT_0)
+            ::GetExitCodeProcess(m_process.get(), &code);
+        m_err.reset();
+        return code;
+    }
+    std::string Output() const
+    {
+        std::string text;
+        FILE* f = ::_wfopen(m_errPath.c_str(), L"rb");
+        if (!f)
+            return text;
+        char buffer[4096];
+        size_t n;
+        while ((n = std::fread(buffer, 1, sizeof(buffer), f)) > 0)
+            text.append(buffer, n);
+        std::fclose(f);
+        return text;
+    }
+
+private:
+    std::wstring m_errPath;
+    nv::unique_hfile m_err;
+    nv::unique_handle_null m_process;
+};
+
 class TwoConvertersTest : public Db20ConversionTest {};
+
+} // namespace
 
 TEST_F(TwoConvertersTest, TwoProcessesConvertingOneDatabaseMoveEveryUserOnce)
 {
     const nvwriter::Db20Database db = MakeDatabase(6, 71);
     WriteDatabase(db);
     const std::wstring command = QuoteArg(ExeDirectory() + L"nvdbconv.exe") + L" --quiet convert";
-    ProcessRun runs[2];
+    wchar_t tmp[MAX_PATH];
+    ::GetTempPathW(MAX_PATH, tmp);
+    const std::wstring base = std::wstring(tmp) + L"nvlock-" + std::to_wstring(::GetCurrentProcessId());
+    DWORD codes[2] = {0xdeadbeef, 0xdeadbeef};
+    std::string outputs[2];
     {
         LockHolder holder;
         ASSERT_TRUE(holder.ok());
-        holder.ReleaseAfter(3000);
-        std::thread first([&] { runs[0] = RunProcess(command); });
-        std::thread second([&] { runs[1] = RunProcess(command); });
-        first.join();
-        second.join();
+        Child first(command, base + L"-1.txt");
+        Child second(command, base + L"-2.txt");
+        ASSERT_TRUE(first.started());
+        ASSERT_TRUE(second.started());
+        bool loaded = false;
+        for (int i = 0; i < 600 && !loaded; ++i) {
+            loaded = first.HasLoaded(L"NVDBConv.dll") && second.HasLoaded(L"NVDBConv.dll");
+            if (!loaded)
+                ::Sleep(50);
+        }
+        ASSERT_TRUE(loaded) << "the children did not load the library within 30 s";
+        // Both are past their load; the first Convert of each now meets the held lock.
+        ::Sleep(500);
+        holder.Release();
+        codes[0] = first.Wait(120000);
+        codes[1] = second.Wait(120000);
+        outputs[0] = first.Output();
+        outputs[1] = second.Output();
     }
-    const int converted = (runs[0].exitCode == 0) + (runs[1].exitCode == 0);
-    EXPECT_EQ(1, converted) << "first: " << runs[0].exitCode << "\n" << runs[0].out << runs[0].err
-                            << "\nsecond: " << runs[1].exitCode << "\n" << runs[1].out << runs[1].err;
-    const ProcessRun& loser = runs[0].exitCode == 0 ? runs[1] : runs[0];
-    EXPECT_EQ(1u, loser.exitCode) << loser.out << loser.err;
-    EXPECT_NE(std::string::npos, loser.err.find("0x800700AA NV_E_CONVERSION_BUSY")) << loser.err;
+    ::DeleteFileW((base + L"-1.txt").c_str());
+    ::DeleteFileW((base + L"-2.txt").c_str());
+    const int converted = (codes[0] == 0) + (codes[1] == 0);
+    EXPECT_EQ(1, converted) << "first: " << codes[0] << "\n" << outputs[0] << "\nsecond: " << codes[1] << "\n"
+                            << outputs[1];
+    const int loser = codes[0] == 0 ? 1 : 0;
+    EXPECT_EQ(1u, codes[loser]) << outputs[loser];
+    EXPECT_NE(std::string::npos, outputs[loser].find("0x800700AA NV_E_CONVERSION_BUSY")) << outputs[loser];
 
     for (const nvwriter::Db20User& u : db.users)
         ExpectUserConverted(u);

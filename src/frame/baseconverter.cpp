@@ -46,36 +46,49 @@ CBaseConverter::CBaseConverter(DWORD dwTargetVersion, const wchar_t* wszTargetVe
     // The view is only part of the open; the owner's view word stays 0 (see header).
     LONG r = m_dbKey.Open(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, kDbAccess | samDbView);
     NVTraceNS::TraceResult(scope, "", nv::HResultFromWin32(r));
-    m_wstrLoadedVersion = ReadVersion();
+    m_wstrSeenState = ReadDatabaseState();
 }
 
-std::wstring CBaseConverter::ReadVersion()
+std::wstring CBaseConverter::ReadDatabaseState()
 {
-    std::wstring version;
+    std::wstring state = L"Version ";
+    bool mainDb = false;
     if (m_dbKey.m_hKey) {
         wchar_t buffer[kBackupPathChars] = {};
         ULONG cch = kBackupPathChars;
         if (nv::QueryStringValue(m_dbKey.m_hKey, L"Version", buffer, &cch) == ERROR_SUCCESS)
-            version.assign(buffer);
+            state += buffer;
+        else
+            state += L"(none)";
+        nv::unique_hkey key;
+        mainDb = ::RegOpenKeyExW(m_dbKey.m_hKey, L"MainDB", 0, KEY_READ, key.put()) == ERROR_SUCCESS;
+    } else {
+        state += L"(no database)";
     }
-    return version;
+    return state + (mainDb ? L", MainDB present" : L", no MainDB");
+}
+
+void CBaseConverter::RememberDatabaseState(const nvframe::CConversionLock& lock)
+{
+    if (lock.Outermost() && SUCCEEDED(lock.Result()))
+        m_wstrSeenState = ReadDatabaseState();
 }
 
 HRESULT CBaseConverter::AfterLock(const nvframe::CConversionLock& lock, NVTraceNS::CTraceScope& scope,
                                   bool forConvert)
 {
-    if (FAILED(lock.Result()) || !lock.Waited())
+    if (FAILED(lock.Result()) || !lock.Outermost())
         return lock.Result();
-    // The other holder may have deleted and restored the database key: a handle
-    // opened before would name the deleted key.
+    // Another process may have deleted and restored the database key since this
+    // converter last used it: a handle opened before would name the deleted key.
     m_dbKey.Open(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, kDbAccess | m_samDbView);
     if (!forConvert)
         return S_OK;
-    const std::wstring now = ReadVersion();
-    if (now == m_wstrLoadedVersion)
+    const std::wstring now = ReadDatabaseState();
+    if (now == m_wstrSeenState)
         return S_OK;
-    NVTraceNS::Trace(scope, 0, "the database changed while waiting: \"Version\" was %ls, is now %ls",
-                     m_wstrLoadedVersion.c_str(), now.c_str());
+    NVTraceNS::Trace(scope, 0, "the database changed since this converter last saw it: %ls, now %ls",
+                     m_wstrSeenState.c_str(), now.c_str());
     return nvframe::NV_E_CONVERSION_BUSY;
 }
 
@@ -89,7 +102,7 @@ HRESULT CBaseConverter::do_Cleanup() { return S_OK; }
 HRESULT CBaseConverter::Convert()
 {
     NVTraceNS::CTraceScope scope("CBaseConverter::Convert", 0);
-    nvframe::CConversionLock lock(scope);
+    nvframe::CConversionLock lock(scope, m_lockDepth);
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
         nv::ThrowIfFailed(AfterLock(lock, scope, true));
         HRESULT step = Backup();
@@ -104,6 +117,9 @@ HRESULT CBaseConverter::Convert()
         }
         return S_OK;
     });
+    // This operation's own changes are not another converter's.
+    if (hr != nvframe::NV_E_CONVERSION_BUSY)
+        RememberDatabaseState(lock);
     return NVTraceNS::TraceReturn(scope, hr);
 }
 
@@ -138,7 +154,7 @@ std::wstring CBaseConverter::ReadBackupPath()
 HRESULT CBaseConverter::Rollback()
 {
     NVTraceNS::CTraceScope scope("CBaseConverter::Rollback", 0);
-    nvframe::CConversionLock lock(scope);
+    nvframe::CConversionLock lock(scope, m_lockDepth);
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
         nv::ThrowIfFailed(AfterLock(lock, scope, false));
         HRESULT result;
@@ -166,13 +182,16 @@ HRESULT CBaseConverter::Rollback()
             result = hook;
         return result;
     });
+    // This operation's own changes are not another converter's.
+    if (hr != nvframe::NV_E_CONVERSION_BUSY)
+        RememberDatabaseState(lock);
     return NVTraceNS::TraceReturn(scope, hr);
 }
 
 HRESULT CBaseConverter::Cleanup()
 {
     NVTraceNS::CTraceScope scope("CBaseConverter::Cleanup", 0);
-    nvframe::CConversionLock lock(scope);
+    nvframe::CConversionLock lock(scope, m_lockDepth);
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
         nv::ThrowIfFailed(AfterLock(lock, scope, false));
         HRESULT result;
@@ -194,6 +213,9 @@ HRESULT CBaseConverter::Cleanup()
             result = hook;
         return result;
     });
+    // This operation's own changes are not another converter's.
+    if (hr != nvframe::NV_E_CONVERSION_BUSY)
+        RememberDatabaseState(lock);
     return NVTraceNS::TraceReturn(scope, hr);
 }
 

@@ -12,8 +12,11 @@
 // E_ACCESSDENIED and nothing is deleted or copied. DeleteKey's grant gives Users
 // nothing, so a delete that fails half way leaves no key that every user may write.
 // Convert, Rollback and Cleanup hold the machine-wide conversion lock
-// (frame/conversionlock.h) for their length; after waiting for it they open the
-// database key again, and Convert refuses when "Version" changed meanwhile.
+// (frame/conversionlock.h) for their length. Taking it, they open the database key
+// again (another process may have deleted and restored it since), and Convert
+// refuses with NV_E_CONVERSION_BUSY when the database is no longer the one this
+// converter last saw ("Version" and whether MainDB exists): another process has
+// converted it in between.
 // Every operation returns an HRESULT and never throws.
 #pragma once
 #include <windows.h>
@@ -82,13 +85,18 @@ private:
     // does; the recursion hands in its own open target handle instead.
     static HRESULT DeleteKeyTree(HKEY hRoot, bool openRoot, const wchar_t* wszPath, REGSAM samView,
                                  DeletePrivilege& privilege);
-    // After the conversion lock: its failure, or S_OK. When another holder made this
-    // one wait, the database key is opened again; for Convert, a "Version" other than
-    // the one this converter was made for fails with NV_E_CONVERSION_BUSY.
+    // After the conversion lock: its failure, or S_OK. The operation's own lock opens
+    // the database key again; for Convert, a database other than the one last seen
+    // fails with NV_E_CONVERSION_BUSY.
     HRESULT AfterLock(const nvframe::CConversionLock& lock, NVTraceNS::CTraceScope& scope, bool forConvert);
-    std::wstring ReadVersion();
+    // What tells one database state from the next: "Version", and MainDB present
+    // or not. Read at construction and again at the end of each operation, so that
+    // only another process's changes count.
+    std::wstring ReadDatabaseState();
+    void RememberDatabaseState(const nvframe::CConversionLock& lock);
     REGSAM m_samDbView;
-    std::wstring m_wstrLoadedVersion;
+    std::wstring m_wstrSeenState;
+    unsigned m_lockDepth = 0;
 
 protected:
     std::wstring m_wstrTargetVersion;

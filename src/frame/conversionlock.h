@@ -5,15 +5,19 @@
 // store's key generation can replace a key the other already sealed secrets with.
 // So Convert, Rollback and Cleanup hold a machine-wide named mutex for their length.
 // A caller that finds it held waits up to g_conversionLockWaitMs and then fails
-// with NV_E_CONVERSION_BUSY, having changed nothing. The mutex is owned per thread
-// and counts recursion, so the Rollback or Cleanup that Convert runs itself takes
-// it again at no cost. A holder that ended without releasing it (a killed process)
-// leaves it abandoned: the next caller owns it and goes on, as the backup state in
-// the registry is what recovery works from.
+// with NV_E_CONVERSION_BUSY, having changed nothing. A holder that ended without
+// releasing it (a killed process) leaves it abandoned: the next caller owns it and
+// goes on.
 //
-// The mutex is created with a DACL for LocalSystem and Administrators only; a name
-// someone else created first and did not let us open fails with
-// HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED).
+// The converter counts the locks it holds (its operations run on one thread): the
+// Rollback or Cleanup that Convert runs itself only counts, with no system call that
+// could fail between a finished conversion and its clean-up.
+//
+// The mutex is created with a DACL for LocalSystem and Administrators only. Any
+// account may create a mutex of that name first; one whose owner is not LocalSystem,
+// Administrators or this process's own account, or that does not let us open it, is
+// not ours: the operation goes on without the lock (traced) rather than let another
+// account stall every installer.
 #pragma once
 #include <windows.h>
 #include "common/handles.h"
@@ -23,30 +27,40 @@ namespace nvframe {
 
 inline constexpr const wchar_t kConversionMutexName[] = L"Global\\NVDBConv.Conversion";
 // What a caller gets when another conversion holds the lock for the whole wait, or
-// when the database it was loaded for changed while it waited.
+// when the database it was loaded for changed before it got the lock.
 inline constexpr HRESULT NV_E_CONVERSION_BUSY = HRESULT_FROM_WIN32(ERROR_BUSY);
 // The wait; long enough for another process's Rollback or Cleanup, far shorter than
 // a whole conversion. Unit tests shorten it; the library exports nothing of it.
 extern DWORD g_conversionLockWaitMs;
 
+// Whether a conversion lock found already made, whose owner is this SID, is one a
+// trusted caller made: LocalSystem, Administrators, or the account this process
+// runs as (self).
+bool IsTrustedLockOwner(PSID owner, PSID self) noexcept;
+
 class CConversionLock {
 public:
-    // Takes the lock, tracing into the operation's scope when it has to wait.
-    explicit CConversionLock(NVTraceNS::CTraceScope& scope) noexcept;
+    // depth: the number of locks the converter holds; the lock counts itself in it
+    // while it lives, and only the outermost one takes the mutex.
+    CConversionLock(NVTraceNS::CTraceScope& scope, unsigned& depth) noexcept;
     ~CConversionLock();
     CConversionLock(const CConversionLock&) = delete;
     CConversionLock& operator=(const CConversionLock&) = delete;
 
-    // S_OK when held; NV_E_CONVERSION_BUSY or the open's failure otherwise.
+    // S_OK when the operation may go on; NV_E_CONVERSION_BUSY or the failure otherwise.
     HRESULT Result() const noexcept { return m_hr; }
-    // True when another thread or process held the lock as this one asked for it.
-    bool Waited() const noexcept { return m_waited; }
+    // True for the operation's own lock, false for one nested in another operation.
+    bool Outermost() const noexcept { return m_outermost; }
 
 private:
+    void Take(NVTraceNS::CTraceScope& scope) noexcept;
+
+    unsigned& m_depth;
     nv::unique_handle_null m_mutex;
-    HRESULT m_hr = E_FAIL;
+    HRESULT m_hr = E_UNEXPECTED;
+    bool m_counted = false;
+    bool m_outermost = false;
     bool m_held = false;
-    bool m_waited = false;
 };
 
 } // namespace nvframe
