@@ -881,7 +881,7 @@ TEST_F(NvdbconvStoreTest, StoreListsUsersSecretsTemplatesPayloadAndRegistration)
     EXPECT_EQ(2, doc["totals"]["templates"].Int());
 
     run = Nvdbconv(L"store");
-    EXPECT_TRUE(Contains(run.out, Row("total", "1 users, 2 secrets (0 open with their user's key), 2 templates")))
+    EXPECT_TRUE(Contains(run.out, Row("total", "1 user, 2 secrets (0 open with their user's key), 2 templates")))
         << run.out;
     EXPECT_TRUE(Contains(run.out, "secrets 2 (0 open with the user's key): Mail, VPN, templates 2 at 0,3, payload "
                                   "yes, registered"))

@@ -57,8 +57,16 @@ int Check(Printer& out)
     JsonDatabase(out.json, db);
 
     const StoreServerState store = ReadStoreServer();
-    const bool needsStore = layout == "2.0" || (layout == "1.0" && db.usersKey && db.userKeys > 0);
+    // Only the next step is judged: 1.0 -> 2.0 stays in the registry and moves no
+    // user, so neither the store nor the users' records stand in its way.
+    const bool movesUsers = layout == "2.0";
     const LegacyUsers legacy = ReadLegacyUsers(true);
+    // Any step begins with the backup, which fails on an empty value.
+    const std::optional<EmptyValue> empty =
+        layout == "1.0" || layout == "2.0" ? FindEmptyValue() : std::optional<EmptyValue>();
+    if (empty)
+        out.Row("backup", "would fail: " + EmptyValueText(*empty));
+    JsonEmptyValue(out.json, empty);
 
     std::string host;
     if (FAILED(legacy.hostId))
@@ -91,17 +99,18 @@ int Check(Printer& out)
     WriteResult(out.json, legacy.enumeration);
 
     size_t failing = 0;
-    out.Row("users", legacy.usersKey ? Fmt("%zu under Data\\Users", legacy.users.size())
+    out.Row("users", legacy.usersKey ? Fmt("%zu under Data\\Users", legacy.users.size()) +
+                                           (movesUsers ? "" : " (the next step does not move them)")
                                      : std::string("none (no Data\\Users key)"));
     out.json.Key("users").BeginArray();
     for (const LegacyUser& u : legacy.users) {
-        const std::string obstacle = Obstacle(u, store.registered);
+        const std::string obstacle = movesUsers ? Obstacle(u, store.registered) : std::string();
         if (!obstacle.empty())
             ++failing;
         std::string line = "    " + U8(u.key) + "  " + (u.sid.empty() ? std::string("(no SID)") : U8(u.sid));
         if (SUCCEEDED(u.record) && u.record != S_FALSE)
-            line += Fmt(": record ok, %zu templates (mask 0x%08lX), %zu secrets, ", u.templates,
-                        static_cast<unsigned long>(u.templateMask), u.secrets) +
+            line += Fmt(": record ok, %s (mask 0x%08lX), %s, ", Counted(u.templates, "template").c_str(),
+                        static_cast<unsigned long>(u.templateMask), Counted(u.secrets, "secret").c_str()) +
                     PasswordText(u);
         out.Line(line);
         if (!obstacle.empty())
@@ -130,19 +139,26 @@ int Check(Printer& out)
     out.json.EndArray();
 
     std::string verdict;
-    if (!needsStore && layout != "2.0")
-        verdict = layout == "1.0" ? "the 1.0 -> 2.0 step moves no user; nothing stands in its way"
-                                  : "no user to move";
+    if (empty)
+        verdict = Fmt("the %s -> %s step would fail before converting anything: ", layout.c_str(),
+                      layout == "1.0" ? "2.0" : "3.0") +
+                  EmptyValueText(*empty);
+    else if (!movesUsers)
+        verdict = layout == "1.0"   ? std::string("the 1.0 -> 2.0 step moves no user; nothing stands in its way")
+                  : layout == "3.0" ? AlreadyConvertedText() + "; no user to move"
+                                    : std::string("no user to move");
     else if (failing == 0)
-        verdict = Fmt("all %zu users would convert", legacy.users.size());
+        verdict = legacy.users.size() == 1 ? std::string("the 1 user would convert")
+                                           : Fmt("all %zu users would convert", legacy.users.size());
     else
-        verdict = Fmt("%zu of %zu users would not convert and would keep their old data", failing,
-                      legacy.users.size());
+        verdict = Fmt("%zu of %s would not convert and would keep their old data", failing,
+                      Counted(legacy.users.size(), "user").c_str());
     out.Row("verdict", verdict);
     out.json.Field("wouldFail", failing).Field("verdict", verdict);
-    if (failing)
+    const bool fails = failing || empty;
+    if (fails)
         out.Problem(verdict);
-    return Finish(out, failing ? kExitUsersRemained : kExitOk);
+    return Finish(out, fails ? kExitUsersRemained : kExitOk);
 }
 
 } // namespace nvdbconv

@@ -15,6 +15,10 @@ namespace nvdbconv {
 
 std::string Fmt(const char* format, ...);
 std::string U8(const std::wstring& text);
+// "1 user", "0 users", "3 users": the noun in the singular for one only.
+std::string Counted(unsigned long long n, const char* noun);
+// The plural of the noun unless n is one ("of 1 user", "of 3 users").
+std::string Noun(unsigned long long n, const char* noun);
 
 // Where the command's output goes: text lines, or one JSON document, or nothing.
 class Printer {
@@ -60,6 +64,11 @@ std::string Verdict(const DatabaseState& s);
 std::string UserKeysText(const DatabaseState& s);
 std::string BackupText(const DatabaseState& s);
 void JsonDatabase(JsonWriter& json, const DatabaseState& s);
+// What convert and upgrade say of a database whose layout is already 3.0.
+std::string AlreadyConvertedText();
+// "HKLM\SOFTWARE\Norvane\DB\...: value "X" is empty; the backup cannot copy empty values"
+std::string EmptyValueText(const EmptyValue& v);
+void JsonEmptyValue(JsonWriter& json, const std::optional<EmptyValue>& v);
 
 // Loads the library and asks GetDBVersion, printing both results. When the load
 // failed the command cannot go on.

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "common/procaddress.h"
+#include "com/componentregistrar.h"
 #include "common/systemlibrary.h"
 #include "dbstate.h"
 #include "json.h"
@@ -35,6 +36,10 @@ std::string Fmt(const char* format, ...)
 
 std::string U8(const std::wstring& text) { return ToUtf8(text); }
 
+std::string Noun(unsigned long long n, const char* noun) { return std::string(noun) + (n == 1 ? "" : "s"); }
+
+std::string Counted(unsigned long long n, const char* noun) { return std::to_string(n) + " " + Noun(n, noun); }
+
 std::string VersionText(DWORD version)
 {
     return std::to_string(version >> 16) + "." + std::to_string(version & 0xFFFF);
@@ -58,23 +63,42 @@ std::string DatabasePlace(const DatabaseState& s)
     return "none (no HKLM\\SOFTWARE\\Norvane\\DB in either view)";
 }
 
-// The format the registry shows. A 2.0 database whose users have all moved into
-// the store and whose old keys are gone is the 3.0 layout ("Version" stays 2.0).
+// The format the registry shows. A database key with no Data and no MainDB is the
+// 3.0 layout whatever "Version" reads (after 2.0 -> 3.0 it still reads 2.x).
 std::string LayoutOf(const DatabaseState& s)
 {
     if (!s.in32 && !s.in64)
         return "none";
+    if (s.layout30)
+        return "3.0";
     if (!s.version)
         return "unknown";
     const DWORD major = static_cast<DWORD>(std::wcstoul(s.version->c_str(), nullptr, 10));
     if (major == 1)
         return "1.0";
-    if (major == 2 || major == 3) {
-        if (s.mainDb || (s.usersKey && s.userKeys > 0))
-            return "2.0";
-        return "3.0";
-    }
+    if (major == 2 || major == 3)
+        return "2.0";
     return "unknown";
+}
+
+std::string AlreadyConvertedText()
+{
+    return "already converted: format 3.0 (no Data and no MainDB under HKLM\\SOFTWARE\\Norvane\\DB)";
+}
+
+std::string EmptyValueText(const EmptyValue& v)
+{
+    return "HKLM\\" + U8(v.key) + ": value \"" + U8(v.name) + "\" is empty; the backup cannot copy empty values";
+}
+
+void JsonEmptyValue(JsonWriter& json, const std::optional<EmptyValue>& v)
+{
+    json.Key("emptyValue");
+    if (!v) {
+        json.Null();
+        return;
+    }
+    json.BeginObject().Field("key", L"HKLM\\" + v->key).Field("value", v->name).EndObject();
 }
 
 std::string Verdict(const DatabaseState& s)
@@ -86,7 +110,7 @@ std::string Verdict(const DatabaseState& s)
         return "format 1.0: convert rewrites it to 2.0";
     if (layout == "2.0") {
         if (s.usersKey && s.userKeys > 0)
-            return Fmt("format 2.0: %lu users to move into the store (convert)", static_cast<unsigned long>(s.userKeys));
+            return "format 2.0: " + Counted(s.userKeys, "user") + " to move into the store (convert)";
         if (s.usersKey)
             return "format 2.0, every user moved: cleanup removes the old keys";
         return "format 2.0, no users under Data\\Users: convert has nobody to move";
@@ -418,11 +442,19 @@ int Convert(const Options& o, Printer& out, CLibraryHost& host)
     if (FAILED(l.load))
         return Finish(out, kExitFailed);
 
+    // The library still offers 2.x -> 3.0 for a finished database ("Version" stays
+    // 2.x); Convert would back it up and then fail on the missing Data\Users.
+    out.json.Field("alreadyConverted", before.layout30);
+    if (before.layout30) {
+        out.Row("state", AlreadyConvertedText() + "; Convert not called");
+        return Finish(out, kExitOk);
+    }
+
     // A 2.0 conversion moves users out of Data\Users one by one: show how far it is.
     const bool movesUsers = (l.current >> 16) == 2 && l.target != 0;
     if (movesUsers)
-        out.Row("users", before.usersKey ? Fmt("%lu user keys under Data\\Users to move into the store",
-                                               static_cast<unsigned long>(before.userKeys))
+        out.Row("users", before.usersKey ? Counted(before.userKeys, "user key") +
+                                               " under Data\\Users to move into the store"
                                          : std::string("none (no Data\\Users key)"));
     if (movesUsers && RefuseWithoutStore(out, o.force, before.userKeys))
         return Finish(out, kExitRefused);
@@ -445,6 +477,7 @@ int Convert(const Options& o, Printer& out, CLibraryHost& host)
     if (movesUsers)
         poller.Start();
 
+    const std::optional<EmptyValue> empty = FindEmptyValue();
     const HRESULT hr = host.Convert();
     ProgressSample progress;
     if (movesUsers)
@@ -453,6 +486,11 @@ int Convert(const Options& o, Printer& out, CLibraryHost& host)
     out.Row("Convert", DescribeResult(hr));
     out.json.Key("convert");
     WriteResult(out.json, hr);
+    // The backup's refusal of an empty value reads as "not enough memory": name it.
+    const bool emptyValueFailed = empty && hr == HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY);
+    if (emptyValueFailed)
+        out.Row("cause", EmptyValueText(*empty));
+    JsonEmptyValue(out.json, empty);
 
     const DatabaseState after = ReadDatabaseState();
     if (movesUsers) {
@@ -475,7 +513,7 @@ int Convert(const Options& o, Printer& out, CLibraryHost& host)
     out.json.Key("after");
     JsonDatabase(out.json, after);
     if (FAILED(hr)) {
-        out.Problem("Convert failed: " + DescribeResult(hr));
+        out.Problem("Convert failed: " + DescribeResult(hr) + (emptyValueFailed ? ": " + EmptyValueText(*empty) : ""));
         return Finish(out, kExitFailed);
     }
     // S_OK does not mean that every user moved: name those who kept their old data.
@@ -584,10 +622,19 @@ int Registration(bool doRegister, Printer& out, CLibraryHost& host)
         return Finish(out, kExitFailed);
     }
     WarnIfTraceRefused(out, host);
+    // Uninstallers unregister without asking first: with no component list there is
+    // nothing to remove, and the library's "file not found" for it is no failure.
+    const bool listBefore = KeyExists(kSysComponentsKeyPath, 0);
     const HRESULT hr = doRegister ? host.Register() : host.Unregister();
+    const bool nothingRegistered = !doRegister && !listBefore && hr == HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
     out.Row(call, DescribeResult(hr));
     out.json.Key(doRegister ? "register" : "unregister");
     WriteResult(out.json, hr);
+    if (!doRegister) {
+        out.json.Field("nothingRegistered", nothingRegistered);
+        if (nothingRegistered)
+            out.Row("unregistered", "nothing was registered (no HKLM\\SOFTWARE\\Norvane\\Core\\SysComponents)");
+    }
     const auto components = ReadComponents();
     out.Row("components", components.empty() ? std::string("none in HKLM\\SOFTWARE\\Norvane\\Core\\SysComponents")
                                              : Fmt("%zu in HKLM\\SOFTWARE\\Norvane\\Core\\SysComponents",
@@ -598,9 +645,9 @@ int Registration(bool doRegister, Printer& out, CLibraryHost& host)
         out.json.Field(U8(name).c_str(), text);
     }
     out.json.EndObject();
-    if (FAILED(hr))
+    if (FAILED(hr) && !nothingRegistered)
         out.Problem(std::string(call) + " failed: " + DescribeResult(hr));
-    return Finish(out, SUCCEEDED(hr) ? kExitOk : kExitFailed);
+    return Finish(out, SUCCEEDED(hr) || nothingRegistered ? kExitOk : kExitFailed);
 }
 
 int Trace(const Options& o, Printer& out, const std::wstring& dllPath)
@@ -739,8 +786,9 @@ int Store(Printer& out)
         out.json.EndObject();
     }
     out.json.EndArray();
-    out.Row("total", Fmt("%zu users, %zu secrets (%zu open with their user's key), %zu templates", s.users.size(),
-                         s.secrets(), s.secretsOpen(), s.templates()));
+    out.Row("total", Fmt("%s, %s (%zu open with their user's key), %s", Counted(s.users.size(), "user").c_str(),
+                         Counted(s.secrets(), "secret").c_str(), s.secretsOpen(),
+                         Counted(s.templates(), "template").c_str()));
     out.json.Key("totals").BeginObject();
     out.json.Field("users", s.users.size()).Field("registered", s.registered);
     out.json.Field("secrets", s.secrets()).Field("secretsOpen", s.secretsOpen()).Field("templates", s.templates());

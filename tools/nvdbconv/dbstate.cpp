@@ -5,6 +5,7 @@
 #include "com/componentregistrar.h"
 #include "common/regkey.h"
 #include "converter3/nvstore_api.h"
+#include "frame/dblayout.h"
 
 namespace nvdbconv {
 
@@ -88,8 +89,42 @@ DatabaseState ReadDatabaseState()
     state.usersKey = CountUserKeys(&state.userKeys);
     state.backup10 = KeyExists(kBackup10Path, kBackup10View);
     state.backup20 = KeyExists(kBackup20Path, kBackup20View);
+    state.layout30 = nvframe::IsDatabaseLayout30();
     return state;
 }
+
+namespace {
+
+std::optional<EmptyValue> FindEmptyValueUnder(const std::wstring& path)
+{
+    nv::CNVRegKey key;
+    if (!Open(path.c_str(), kDatabaseView, key))
+        return std::nullopt;
+    std::vector<wchar_t> name(16384);
+    for (DWORD i = 0;; ++i) {
+        DWORD cch = static_cast<DWORD>(name.size());
+        DWORD cb = 0;
+        const LONG r = ::RegEnumValueW(key, i, name.data(), &cch, nullptr, nullptr, nullptr, &cb);
+        if (r == ERROR_NO_MORE_ITEMS)
+            break;
+        if (r != ERROR_SUCCESS && r != ERROR_MORE_DATA)
+            break;
+        if (cb == 0)
+            return EmptyValue{path, std::wstring(name.data(), cch)};
+    }
+    for (DWORD i = 0;; ++i) {
+        DWORD cch = static_cast<DWORD>(name.size());
+        if (::RegEnumKeyExW(key, i, name.data(), &cch, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS)
+            break;
+        if (auto found = FindEmptyValueUnder(path + L"\\" + std::wstring(name.data(), cch)))
+            return found;
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+std::optional<EmptyValue> FindEmptyValue() { return FindEmptyValueUnder(kDatabasePath); }
 
 REGSAM BackupViewFor(DWORD databaseVersion)
 {

@@ -49,8 +49,22 @@ struct DatabaseState {
     bool backupForeign = false;
     bool backup10 = false;            // DB-v1.0 in its view
     bool backup20 = false;            // DB-v2.0 in its view
+    // No Data and no MainDB under the database key (nvframe::IsDatabaseLayout30):
+    // converted, whatever "Version" reads.
+    bool layout30 = false;
 };
 DatabaseState ReadDatabaseState();
+
+// A value of zero bytes under the database key. The backup refuses to copy one
+// (CopyKey fails with HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY)), so Convert
+// fails before it converts anything.
+struct EmptyValue {
+    std::wstring key;  // full path under HKLM, e.g. SOFTWARE\Norvane\DB\MainDB
+    std::wstring name; // empty for the key's default value
+};
+// The first one the backup would meet: the database key in the view the converters
+// read it from, values before subkeys, in registry order, as the backup copies.
+std::optional<EmptyValue> FindEmptyValue();
 
 // The view of the backup key that the converter for a database version works with.
 REGSAM BackupViewFor(DWORD databaseVersion);

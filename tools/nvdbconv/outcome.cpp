@@ -78,8 +78,8 @@ int ReportRemainingUsers(Printer& out, const std::vector<RemainingUser>& users, 
     if (users.empty())
         return kExitOk;
 
-    out.Row("kept old data", Fmt("%zu of %lu users (Convert answered S_OK all the same)", users.size(),
-                                 static_cast<unsigned long>(total)));
+    out.Row("kept old data", Fmt("%zu of %s (Convert answered S_OK all the same)", users.size(),
+                                 Counted(total, "user").c_str()));
     bool anyStatus = false;
     for (const RemainingUser& u : users) {
         std::string line = "    " + U8(u.key) + "  " + (u.sid.empty() ? std::string("(SID unreadable)") : U8(u.sid));
@@ -91,9 +91,9 @@ int ReportRemainingUsers(Printer& out, const std::vector<RemainingUser>& users, 
     }
     if (!anyStatus)
         out.Line("    (each user's status is in the library's trace: nvdbconv trace on, then convert again)");
-    out.Problem(Fmt("%zu of %lu users kept their old data under HKLM\\SOFTWARE\\Norvane\\DB\\Data\\Users "
+    out.Problem(Fmt("%zu of %s kept their old data under HKLM\\SOFTWARE\\Norvane\\DB\\Data\\Users "
                     "(exit code %d)",
-                    users.size(), static_cast<unsigned long>(total), kExitUsersRemained));
+                    users.size(), Counted(total, "user").c_str(), kExitUsersRemained));
     return kExitUsersRemained;
 }
 
@@ -110,9 +110,9 @@ bool RefuseWithoutStore(Printer& out, bool force, DWORD userKeys)
     const std::string explanation = Fmt(
         "refusing to convert 2.0 -> 3.0: the storage server is not registered.\n"
         "  The 2.0 -> 3.0 step moves each user into the storage server. Without it none of the\n"
-        "  %lu users can be moved: every one would keep the old data and Convert would still answer\n"
+        "  %s can be moved: every one would keep the old data and Convert would still answer\n"
         "  S_OK. Register the server first (regsvr32 NVStore.dll), or run again with --force.",
-        static_cast<unsigned long>(userKeys));
+        Counted(userKeys, "user").c_str());
     out.Problem(explanation);
     out.json.Field("refused", true).Field("reason", explanation);
     return true;

@@ -85,6 +85,30 @@ std::optional<HRESULT> ResultIn(const std::string& json, const char* member)
     return static_cast<HRESULT>(v);
 }
 
+// A string member of the child's JSON ("targetText":"3.0"); nullopt when absent.
+std::optional<std::string> TextIn(const std::string& json, const char* member)
+{
+    const std::string key = std::string("\"") + member + "\":\"";
+    const size_t at = json.find(key);
+    if (at == std::string::npos)
+        return std::nullopt;
+    const size_t end = json.find('"', at + key.size());
+    if (end == std::string::npos)
+        return std::nullopt;
+    return json.substr(at + key.size(), end - at - key.size());
+}
+
+// What the step was to reach: the target the child's library reported for the
+// database, or the next format when it reported none. A failed step leaves the
+// database where it was, so the layout afterwards cannot label it.
+std::string StepTarget(const std::string& childJson, const std::string& from)
+{
+    const std::optional<std::string> target = TextIn(childJson, "targetText");
+    if (target && *target != "0.0")
+        return *target;
+    return from == "1.0" ? "2.0" : "3.0";
+}
+
 std::string Trimmed(std::string text)
 {
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
@@ -105,7 +129,10 @@ int Upgrade(const Options& o, Printer& out, const std::wstring& dllPath)
     std::string layout = LayoutOf(state);
     out.Row("database", Verdict(state));
 
+    // Finished before this run: no step runs and nothing is called.
+    const bool alreadyConverted = state.layout30;
     std::string chain = layout;
+    std::string failureCause;
     DWORD usersTotal = 0, usersLeft = 0;
     bool movedUsers = false;
     int exitCode = kExitOk;
@@ -122,6 +149,7 @@ int Upgrade(const Options& o, Printer& out, const std::wstring& dllPath)
             }
             usersTotal = state.usersKey ? state.userKeys : 0;
         }
+        const std::optional<EmptyValue> empty = FindEmptyValue();
         std::wstring cmd = Quoted(SelfPath()) + L" --dll " + Quoted(dllPath) + L" --json";
         if (o.force)
             cmd += L" --force";
@@ -130,8 +158,12 @@ int Upgrade(const Options& o, Printer& out, const std::wstring& dllPath)
         const std::optional<HRESULT> hr = ResultIn(run.out, "convert");
         const DatabaseState after = ReadDatabaseState();
         const std::string next = LayoutOf(after);
+        const std::string target = StepTarget(run.out, layout);
+        const bool emptyValueFailed = empty && hr && *hr == HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY);
+        if (emptyValueFailed)
+            failureCause = EmptyValueText(*empty);
 
-        out.json.BeginObject().Field("step", step).Field("from", layout).Field("to", next);
+        out.json.BeginObject().Field("step", step).Field("from", layout).Field("to", target).Field("reached", next);
         out.json.Field("started", run.started).Field("exitCode", static_cast<long long>(run.exitCode));
         out.json.Key("child");
         const std::string doc = Trimmed(run.out);
@@ -141,10 +173,12 @@ int Upgrade(const Options& o, Printer& out, const std::wstring& dllPath)
             out.json.Null();
         out.json.EndObject();
 
-        std::string line = Fmt("step %d: %s -> %s, Convert ", step, layout.c_str(), next.c_str());
+        std::string line = Fmt("step %d: %s -> %s, Convert ", step, layout.c_str(), target.c_str());
         line += hr ? DescribeResult(*hr) : std::string("not called");
         line += Fmt(", exit %lu", static_cast<unsigned long>(run.exitCode));
         out.Line("  " + line);
+        if (emptyValueFailed)
+            out.Line("    cause: " + failureCause);
         if (toStore) {
             movedUsers = true;
             usersLeft = after.usersKey ? after.userKeys : 0;
@@ -178,17 +212,20 @@ int Upgrade(const Options& o, Printer& out, const std::wstring& dllPath)
     out.json.EndArray();
 
     std::string summary = chain;
-    if (exitCode == kExitOk)
+    if (alreadyConverted)
+        summary = AlreadyConvertedText() + "; nothing to do";
+    else if (exitCode == kExitOk)
         summary += layout == "none" ? ": no database, nothing to do" : " done";
     else if (exitCode == kExitUsersRemained)
         summary += " stopped: users kept their old data";
     else
-        summary += " failed";
+        summary += " failed" + (failureCause.empty() ? std::string() : ": " + failureCause);
     if (movedUsers)
-        summary += Fmt(", %lu of %lu users in the store", static_cast<unsigned long>(usersTotal - std::min(usersLeft, usersTotal)),
-                       static_cast<unsigned long>(usersTotal));
+        summary += Fmt(", %lu of %lu %s in the store",
+                       static_cast<unsigned long>(usersTotal - std::min(usersLeft, usersTotal)),
+                       static_cast<unsigned long>(usersTotal), Noun(usersTotal, "user").c_str());
     out.Row("upgrade", summary);
-    out.json.Field("chain", chain).Field("summary", summary);
+    out.json.Field("chain", chain).Field("summary", summary).Field("alreadyConverted", alreadyConverted);
     out.json.Key("users").BeginObject().Field("total", usersTotal).Field("left", usersLeft).EndObject();
     out.json.Key("after");
     JsonDatabase(out.json, ReadDatabaseState());

@@ -1,0 +1,372 @@
+// nvdbconv as installers run it, blindly and more than once, as processes under
+// Wine: a database whose layout is already 3.0 is converted, whatever "Version"
+// reads, and convert and upgrade leave it alone; unregister with nothing registered
+// succeeds; a failed step is labelled by the format it was to reach; counts of one
+// are singular; check judges only the next step; and the empty value on which the
+// backup fails is named by check, convert and upgrade.
+#include <windows.h>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+#include "converter3/nvstore_api.h"
+#include "nvdbconv/results.h"
+#include "support/dll_loader.h"
+#include "support/json_reader.h"
+#include "support/key_containers.h"
+#include "support/process_runner.h"
+#include "support/registry_sandbox.h"
+#include "support/store_sandbox.h"
+#include "writer/db20_writer.h"
+#include "writer/legacy_writer.h"
+
+using namespace nvtest;
+
+namespace {
+
+constexpr const wchar_t kNorvane[] = L"SOFTWARE\\Norvane";
+constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
+constexpr const wchar_t kMainDb[] = L"SOFTWARE\\Norvane\\DB\\MainDB";
+constexpr const wchar_t kBackup20[] = L"SOFTWARE\\Norvane\\DB-v2.0";
+constexpr const wchar_t kComponents[] = L"SOFTWARE\\Norvane\\Core\\SysComponents";
+
+const std::string kAlreadyConverted =
+    "already converted: format 3.0 (no Data and no MainDB under HKLM\\SOFTWARE\\Norvane\\DB)";
+
+struct ToolRun {
+    DWORD exitCode = 0;
+    std::string out, err;
+};
+
+ToolRun Nvdbconv(const std::wstring& args)
+{
+    const ProcessRun run = RunProcess(QuoteArg(ExeDirectory() + L"nvdbconv.exe") + L" " + args, 300000);
+    EXPECT_TRUE(run.started) << Narrow(args);
+    EXPECT_FALSE(run.timedOut) << Narrow(args);
+    return {run.exitCode, WithoutCarriageReturns(run.out), WithoutCarriageReturns(run.err)};
+}
+
+JsonValue Json(const ToolRun& run)
+{
+    JsonValue doc;
+    std::string error;
+    EXPECT_TRUE(ParseJson(run.out, &doc, &error)) << error << "\n" << run.out;
+    return doc;
+}
+
+bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+// "  label           value\n", as the host lays out its text rows.
+std::string Row(const std::string& label, const std::string& value)
+{
+    std::string line = "  " + label;
+    line.resize(std::max<size_t>(line.size(), 17), ' ');
+    return line + " " + value + "\n";
+}
+
+std::string Described(HRESULT hr) { return nvdbconv::DescribeResult(hr); }
+
+std::wstring StoreClassKey()
+{
+    wchar_t clsid[64] = {};
+    ::StringFromGUID2(nvstore::kClsidUserStore, clsid, 64);
+    return std::wstring(L"SOFTWARE\\Classes\\CLSID\\") + clsid;
+}
+
+// The container is tracked (which deletes any old one) before the writer makes it.
+void Write20(ContainerJanitor& containers, unsigned users)
+{
+    nvwriter::Db20Options options;
+    options.seed = 4242;
+    options.userCount = users;
+    options.domainCount = 1;
+    const nvwriter::Db20Database db = nvwriter::MakeDb20Database(options);
+    containers.Track(db.hostId);
+    ASSERT_EQ(S_OK, nvwriter::WriteDb20Database(db));
+}
+
+// A 1.0 database; with users20 it already holds that many 2.0-style users.
+void Write10(ContainerJanitor& containers, unsigned users20 = 0)
+{
+    nvwriter::DbOptions options;
+    options.users = 4;
+    options.domains = 1;
+    options.users20 = users20;
+    options.wipe = true;
+    if (users20)
+        containers.Track(nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options)).hostId);
+    nvwriter::DbRecord record;
+    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+}
+
+// Both views of everything the suite keeps.
+struct Suite {
+    RegTree v32, v64;
+};
+Suite SnapshotSuite() { return {Snapshot(kNorvane, kView32), Snapshot(kNorvane, kView64)}; }
+
+void ExpectSuiteUnchanged(const Suite& before, int line)
+{
+    const Suite after = SnapshotSuite();
+    EXPECT_TRUE(before.v32 == after.v32) << "line " << line << ", 32-bit view:\n" << DiffTrees(before.v32, after.v32);
+    EXPECT_TRUE(before.v64 == after.v64) << "line " << line << ", 64-bit view:\n" << DiffTrees(before.v64, after.v64);
+}
+
+const std::string kEmptyValueInMainDb =
+    "HKLM\\SOFTWARE\\Norvane\\DB\\MainDB: value \"Blank\" is empty; the backup cannot copy empty values";
+
+} // namespace
+
+class NvdbconvFinishedTest : public StoreSandbox {};
+
+// The installer's sequence: upgrade, then (another installer, or a rerun) convert.
+// Convert would back the finished database up and fail on the missing Data\Users,
+// leaving "Backup" and a DB-v2.0 key behind.
+TEST_F(NvdbconvFinishedTest, ConvertAfterUpgradeSaysAlreadyConvertedAndChangesNothing)
+{
+    ContainerJanitor containers;
+    Write20(containers, 3);
+    const ToolRun upgrade = Nvdbconv(L"upgrade");
+    ASSERT_EQ(0u, upgrade.exitCode) << upgrade.out << upgrade.err;
+    // Finished as the format has it: "Version" reads 2.1, no Data, no MainDB.
+    std::wstring version;
+    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    EXPECT_EQ(L"2.1", version);
+    ASSERT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Data", kView32));
+    ASSERT_FALSE(KeyExists(kMainDb, kView32));
+    const Suite before = SnapshotSuite();
+
+    ToolRun run = Nvdbconv(L"convert");
+    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    EXPECT_TRUE(Contains(run.out, Row("version", "2.1 (0x00020001) -> target 3.0 (0x00030000)"))) << run.out;
+    EXPECT_TRUE(Contains(run.out, Row("state", kAlreadyConverted + "; Convert not called"))) << run.out;
+    EXPECT_FALSE(Contains(run.out, "  Convert ")) << run.out;
+    EXPECT_EQ("", run.err);
+    ExpectSuiteUnchanged(before, __LINE__);
+
+    run = Nvdbconv(L"--json convert");
+    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    const JsonValue doc = Json(run);
+    EXPECT_TRUE(doc["alreadyConverted"].Bool());
+    EXPECT_FALSE(doc.Has("convert")); // never called
+    EXPECT_EQ("3.0", doc["before"]["layout"].Text());
+    EXPECT_EQ(0, doc["exitCode"].Int());
+    ExpectSuiteUnchanged(before, __LINE__);
+    EXPECT_FALSE(KeyExists(kBackup20, kView64));
+}
+
+TEST_F(NvdbconvFinishedTest, UpgradeOfAConvertedDatabaseSaysSoAndChangesNothing)
+{
+    ContainerJanitor containers;
+    Write20(containers, 3);
+    ASSERT_EQ(0u, Nvdbconv(L"upgrade").exitCode);
+    const Suite before = SnapshotSuite();
+
+    ToolRun run = Nvdbconv(L"upgrade");
+    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    EXPECT_TRUE(Contains(run.out, Row("upgrade", kAlreadyConverted + "; nothing to do"))) << run.out;
+    EXPECT_FALSE(Contains(run.out, "  step ")) << run.out;
+    EXPECT_EQ("", run.err);
+    ExpectSuiteUnchanged(before, __LINE__);
+
+    run = Nvdbconv(L"--json upgrade");
+    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    const JsonValue doc = Json(run);
+    EXPECT_TRUE(doc["alreadyConverted"].Bool());
+    EXPECT_EQ(0u, doc["steps"].Size());
+    EXPECT_EQ(kAlreadyConverted + "; nothing to do", doc["summary"].Text());
+    ExpectSuiteUnchanged(before, __LINE__);
+}
+
+// The layout decides, not "Version": a database key without Data and MainDB is
+// converted whether it reads 2.0 (a 2.0 -> 3.0 step finished by another host),
+// 2.1 or 3.0.
+TEST_F(NvdbconvFinishedTest, ALayout30DatabaseIsConvertedWhateverVersionReads)
+{
+    for (const wchar_t* text : {L"2.0", L"2.1", L"3.0"}) {
+        SCOPED_TRACE(Narrow(text));
+        ASSERT_TRUE(DeleteTree(kDb, kView32));
+        SetString(kDb, L"Version", text, kView32);
+        SetString(L"SOFTWARE\\Norvane\\DB\\Policies", L"Kept", L"yes", kView32);
+        const Suite before = SnapshotSuite();
+        for (const wchar_t* command : {L"convert", L"upgrade"}) {
+            const ToolRun run = Nvdbconv(command);
+            EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+            EXPECT_TRUE(Contains(run.out, kAlreadyConverted)) << run.out;
+            EXPECT_EQ("", run.err);
+            ExpectSuiteUnchanged(before, __LINE__);
+        }
+    }
+}
+
+// A 2.0 database with users still under Data\Users is not finished: convert runs.
+TEST_F(NvdbconvFinishedTest, A20DatabaseWithUsersLeftIsStillConverted)
+{
+    ContainerJanitor containers;
+    Write20(containers, 2);
+    const ToolRun run = Nvdbconv(L"convert");
+    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    EXPECT_FALSE(Contains(run.out, "already converted")) << run.out;
+    EXPECT_TRUE(Contains(run.out, Row("Convert", Described(S_OK)))) << run.out;
+    EXPECT_FALSE(KeyExists(kMainDb, kView32));
+}
+
+class NvdbconvInstallerTest : public StoreSandbox {};
+
+TEST_F(NvdbconvInstallerTest, UnregisterWithNothingRegisteredSucceedsTwice)
+{
+    ASSERT_FALSE(KeyExists(kComponents, kView64));
+    for (int i = 0; i < 2; ++i) {
+        SCOPED_TRACE(i);
+        const ToolRun run = Nvdbconv(L"unregister");
+        EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+        EXPECT_TRUE(Contains(run.out, Row("DllUnregisterServer", Described(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)))))
+            << run.out;
+        EXPECT_TRUE(Contains(
+            run.out, Row("unregistered", "nothing was registered (no HKLM\\SOFTWARE\\Norvane\\Core\\SysComponents)")))
+            << run.out;
+        EXPECT_EQ("", run.err);
+        EXPECT_FALSE(KeyExists(kComponents, kView64));
+    }
+    const ToolRun json = Nvdbconv(L"--json unregister");
+    EXPECT_EQ(0u, json.exitCode);
+    const JsonValue doc = Json(json);
+    EXPECT_TRUE(doc["nothingRegistered"].Bool());
+    EXPECT_EQ(0, doc["exitCode"].Int());
+}
+
+// Unregistering what is registered is still judged by the library's answer alone.
+TEST_F(NvdbconvInstallerTest, UnregisterAfterRegisterIsNotNothingRegistered)
+{
+    ASSERT_EQ(0u, Nvdbconv(L"register").exitCode);
+    const ToolRun run = Nvdbconv(L"--json unregister");
+    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    const JsonValue doc = Json(run);
+    EXPECT_FALSE(doc["nothingRegistered"].Bool());
+    EXPECT_EQ("0x00000000", doc["unregister"]["hr"].Text());
+    EXPECT_FALSE(KeyExists(kComponents, kView64));
+}
+
+TEST_F(NvdbconvInstallerTest, OneUserIsCountedInTheSingular)
+{
+    ContainerJanitor containers;
+    Write20(containers, 1);
+    ASSERT_TRUE(DeleteTree(StoreClassKey().c_str(), kView64));
+
+    ToolRun run = Nvdbconv(L"status");
+    EXPECT_TRUE(Contains(run.out, Row("state", "format 2.0: 1 user to move into the store (convert)"))) << run.out;
+
+    run = Nvdbconv(L"convert");
+    EXPECT_EQ(3u, run.exitCode) << run.out << run.err;
+    EXPECT_TRUE(Contains(run.out, Row("users", "1 user key under Data\\Users to move into the store"))) << run.out;
+    EXPECT_TRUE(Contains(run.err, "none of the\n  1 user can be moved: every one")) << run.err;
+
+    run = Nvdbconv(L"convert --force");
+    EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
+    EXPECT_TRUE(Contains(run.out, Row("kept old data", "1 of 1 user (Convert answered S_OK all the same)"))) << run.out;
+    EXPECT_TRUE(Contains(run.err, "nvdbconv: 1 of 1 user kept their old data under "
+                                  "HKLM\\SOFTWARE\\Norvane\\DB\\Data\\Users (exit code 4)\n"))
+        << run.err;
+
+    run = Nvdbconv(L"check");
+    EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
+    EXPECT_TRUE(Contains(run.out, Row("verdict", "1 of 1 user would not convert and would keep their old data")))
+        << run.out;
+}
+
+// The 1.0 -> 2.0 step stays in the registry: the store, which only the next step
+// needs, is no obstacle, and its users are not judged yet.
+TEST_F(NvdbconvInstallerTest, CheckOfA10DatabaseJudgesOnlyTheStepTo20)
+{
+    ContainerJanitor containers;
+    Write10(containers, 3);
+    ASSERT_TRUE(DeleteTree(StoreClassKey().c_str(), kView64));
+    const Suite before = SnapshotSuite();
+
+    ToolRun run = Nvdbconv(L"check");
+    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    EXPECT_FALSE(Contains(run.out, "would fail")) << run.out;
+    EXPECT_TRUE(Contains(run.out, Row("users", "3 under Data\\Users (the next step does not move them)"))) << run.out;
+    // Listed, one of them with a single template, without a verdict on each.
+    EXPECT_TRUE(Contains(run.out, ": record ok, 1 template (mask 0x00000002), 2 secrets, password secret opens\n"))
+        << run.out;
+    EXPECT_TRUE(Contains(run.out, Row("verdict", "the 1.0 -> 2.0 step moves no user; nothing stands in its way")))
+        << run.out;
+    EXPECT_EQ("", run.err);
+
+    run = Nvdbconv(L"--json check");
+    EXPECT_EQ(0u, run.exitCode);
+    const JsonValue doc = Json(run);
+    EXPECT_EQ(0, doc["wouldFail"].Int());
+    EXPECT_TRUE(doc["emptyValue"].IsNull());
+    ASSERT_EQ(3u, doc["users"].Size());
+    for (size_t i = 0; i < 3; ++i)
+        EXPECT_TRUE(doc["users"][i]["reason"].IsNull());
+    ExpectSuiteUnchanged(before, __LINE__);
+}
+
+class NvdbconvEmptyValueTest : public StoreSandbox {
+protected:
+    void SetUp() override
+    {
+        StoreSandbox::SetUp();
+        Write10(m_containers);
+        // Zero bytes: the backup's copy refuses it.
+        SetBinary(kMainDb, L"Blank", {}, kView32);
+    }
+    ContainerJanitor m_containers;
+};
+
+TEST_F(NvdbconvEmptyValueTest, CheckNamesTheKeyAndTheValueAndExits4)
+{
+    const Suite before = SnapshotSuite();
+    ToolRun run = Nvdbconv(L"check");
+    EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
+    EXPECT_TRUE(Contains(run.out, Row("backup", "would fail: " + kEmptyValueInMainDb))) << run.out;
+    const std::string verdict = "the 1.0 -> 2.0 step would fail before converting anything: " + kEmptyValueInMainDb;
+    EXPECT_TRUE(Contains(run.out, Row("verdict", verdict))) << run.out;
+    EXPECT_EQ("nvdbconv: " + verdict + "\n", run.err);
+
+    run = Nvdbconv(L"--json check");
+    EXPECT_EQ(4u, run.exitCode);
+    const JsonValue doc = Json(run);
+    EXPECT_EQ("HKLM\\SOFTWARE\\Norvane\\DB\\MainDB", doc["emptyValue"]["key"].Text());
+    EXPECT_EQ("Blank", doc["emptyValue"]["value"].Text());
+    ExpectSuiteUnchanged(before, __LINE__);
+}
+
+TEST_F(NvdbconvEmptyValueTest, ConvertNamesTheKeyAndTheValueWhenTheBackupFails)
+{
+    const HRESULT refused = HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY);
+    const ToolRun run = Nvdbconv(L"convert");
+    EXPECT_EQ(1u, run.exitCode) << run.out << run.err;
+    EXPECT_TRUE(Contains(run.out, Row("Convert", Described(refused)) + Row("cause", kEmptyValueInMainDb)))
+        << run.out;
+    EXPECT_EQ("nvdbconv: Convert failed: " + Described(refused) + ": " + kEmptyValueInMainDb + "\n", run.err);
+    std::wstring version;
+    EXPECT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    EXPECT_EQ(L"1.0", version);
+}
+
+// A failed step is labelled by the format it was to reach (not "1.0 -> 1.0"), and
+// the summary names the value.
+TEST_F(NvdbconvEmptyValueTest, UpgradeLabelsTheFailedStepByItsTargetAndNamesTheValue)
+{
+    const HRESULT refused = HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY);
+    ToolRun run = Nvdbconv(L"upgrade");
+    EXPECT_EQ(1u, run.exitCode) << run.out << run.err;
+    EXPECT_TRUE(Contains(run.out, "  step 1: 1.0 -> 2.0, Convert " + Described(refused) + ", exit 1\n"
+                                  "    cause: " + kEmptyValueInMainDb + "\n"))
+        << run.out;
+    EXPECT_TRUE(Contains(run.out, Row("upgrade", "1.0 failed: " + kEmptyValueInMainDb))) << run.out;
+    EXPECT_EQ("nvdbconv: upgrade failed: 1.0 failed: " + kEmptyValueInMainDb + "\n", run.err);
+
+    run = Nvdbconv(L"--json upgrade");
+    EXPECT_EQ(1u, run.exitCode);
+    const JsonValue doc = Json(run);
+    ASSERT_EQ(1u, doc["steps"].Size());
+    EXPECT_EQ("1.0", doc["steps"][0]["from"].Text());
+    EXPECT_EQ("2.0", doc["steps"][0]["to"].Text());
+    EXPECT_EQ("1.0", doc["steps"][0]["reached"].Text());
+    EXPECT_EQ("Blank", doc["steps"][0]["child"]["emptyValue"]["value"].Text());
+}
