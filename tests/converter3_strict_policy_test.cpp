@@ -286,6 +286,8 @@ struct StoreGap {
 const StoreGap kStoreGaps[] = {
     {"NoUserPayload", &inspect::SetNoUserPayload, "payload not stored and user not registered, no IUserPayload"},
     {"NoUserRegistry", &inspect::SetNoUserRegistry, "user not registered, no IUserRegistry"},
+    {"NoUserTemplates", &inspect::SetNoUserTemplates,
+     "templates not stored, no IUserTemplates; payload not stored and user not registered, no IUserTemplates"},
 };
 
 void PrintTo(const StoreGap& gap, std::ostream* os)
@@ -347,3 +349,28 @@ TEST_P(StoreGapTest, DefaultPolicyConvertsAUserTheStoreCannotRegisterAsTheFormat
 
 INSTANTIATE_TEST_SUITE_P(Store, StoreGapTest, ::testing::ValuesIn(kStoreGaps),
                          [](const ::testing::TestParamInfo<StoreGap>& info) { return std::string(info.param.name); });
+
+// A user without fingerprints, in a store whose user objects offer no IUserTemplates:
+// the payload and the registration hang off the templates step, so strict keeps it.
+TEST_F(StrictPolicyConversionTest, UserWithoutTemplatesIsHeldWhenTheStoreOffersNoIUserTemplates)
+{
+    nvwriter::Db20Database db = OneFullUser();
+    db.users[0].credentials.clear();
+    const nvwriter::Db20User& u = db.users[0];
+    WriteDatabase(db);
+    const RegTree oldKey = Snapshot(UserKeyPath(u.guid).c_str(), kView32);
+    SetStrict(true);
+    inspect::SetNoUserTemplates(true);
+
+    EXPECT_EQ(S_OK, ConvertOnce());
+
+    const std::string sid = Narrow(u.sidText);
+    const std::string missing = "payload not stored and user not registered, no IUserTemplates";
+    const auto lines = OwnLines(trace, "CConverter3::do_Convert");
+    EXPECT_TRUE(HasLine(lines, "U Incomplete user '" + sid + "' keeps its old key: " + missing)) << trace.Dump();
+    EXPECT_EQ("", DiffTrees(oldKey, Snapshot(UserKeyPath(u.guid).c_str(), kView32)));
+    EXPECT_FALSE(inspect::IsRegistered(u.sidText));
+    const auto held = nvdbconv::ReadHeldUsers();
+    ASSERT_EQ(1u, held.size());
+    EXPECT_EQ(Widen(missing), held[0].reason);
+}

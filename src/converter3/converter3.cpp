@@ -429,8 +429,12 @@ void CConverter3::ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, CSt
         } else {
             missing.Add(WithCode(L"payload not stored and user not registered, no IUserPayload", L"", S_OK));
         }
-    } else if (user.dwTemplateMask != 0) {
-        missing.Add(WithCode(L"templates not stored, no IUserTemplates", L"", S_OK));
+    } else {
+        // The payload and the registration hang off the templates step: without
+        // IUserTemplates the user is never registered, templates or not.
+        if (user.dwTemplateMask != 0)
+            missing.Add(WithCode(L"templates not stored, no IUserTemplates", L"", S_OK));
+        missing.Add(WithCode(L"payload not stored and user not registered, no IUserTemplates", L"", S_OK));
     }
     if (extractor.HasDroppedTemplates(user.pSid))
         missing.Add(WithCode(L"templates of a further fingerprint entry dropped", L"", S_OK));

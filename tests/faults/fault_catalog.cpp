@@ -50,6 +50,7 @@ const CatalogEntry kCatalog[] = {
     {"advapi32.dll", "GetTokenInformation", FailStyle::BoolFalse, kAccessDenied, "access denied"},
     {"advapi32.dll", "SetSecurityInfo", FailStyle::Win32Result, kAccessDenied, "access denied"},
     {"advapi32.dll", "GetKernelObjectSecurity", FailStyle::BoolFalse, kAccessDenied, "access denied"},
+    {"advapi32.dll", "GetSecurityInfo", FailStyle::Win32Result, kAccessDenied, "access denied"},
     {"advapi32.dll", "GetSecurityDescriptorOwner", FailStyle::Pass, 0, "pure query"},
     {"advapi32.dll", "ConvertStringSecurityDescriptorToSecurityDescriptorW", FailStyle::BoolFalse, kNoMemory,
      "out of memory"},

@@ -252,6 +252,8 @@ void SetNoUserProperties(bool on) { WriteSwitch(kNoUserPropertiesValue, on); }
 
 void SetNoUserPayload(bool on) { WriteSwitch(kNoUserPayloadValue, on); }
 
+void SetNoUserTemplates(bool on) { WriteSwitch(kNoUserTemplatesValue, on); }
+
 void SetNoUserRegistry(bool on) { WriteSwitch(kNoUserRegistryValue, on); }
 
 void SetFailPutTemplateAt(DWORD position, HRESULT result)

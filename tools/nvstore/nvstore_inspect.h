@@ -62,6 +62,7 @@ void SetFailOpenUser(const std::vector<std::wstring>& sids, HRESULT result = E_A
 void SetNoAuthService(bool on);
 void SetNoUserProperties(bool on);
 void SetNoUserPayload(bool on);
+void SetNoUserTemplates(bool on);
 void SetNoUserRegistry(bool on);
 void SetFailPutTemplateAt(DWORD position, HRESULT result = E_FAIL);
 void SetAlreadyRegistered(const std::vector<std::wstring>& sids);

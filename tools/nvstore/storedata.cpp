@@ -645,6 +645,7 @@ Behaviours ReadBehaviours()
     b.noAuthService = ReadDword(path, kNoAuthServiceValue, &v) && v != 0;
     b.noUserProperties = ReadDword(path, kNoUserPropertiesValue, &v) && v != 0;
     b.noUserPayload = ReadDword(path, kNoUserPayloadValue, &v) && v != 0;
+    b.noUserTemplates = ReadDword(path, kNoUserTemplatesValue, &v) && v != 0;
     b.noUserRegistry = ReadDword(path, kNoUserRegistryValue, &v) && v != 0;
     b.failPutTemplate = ReadDword(path, kFailPutTemplateAtValue, &b.failPutTemplateAt);
     b.failPutTemplateResult = ReadDword(path, kFailPutTemplateResultValue, &v) ? static_cast<HRESULT>(v)

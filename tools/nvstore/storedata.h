@@ -105,6 +105,7 @@ struct Behaviours {
     bool noAuthService;
     bool noUserProperties;
     bool noUserPayload;
+    bool noUserTemplates;
     bool noUserRegistry;
     bool failPutTemplate;
     DWORD failPutTemplateAt;

@@ -22,6 +22,7 @@
 //       "NoAuthService"      REG_DWORD   non-zero: no object offers IAuthService
 //       "NoUserProperties"   REG_DWORD   non-zero: user objects offer no IUserProperties
 //       "NoUserPayload"      REG_DWORD   non-zero: user objects offer no IUserPayload
+//       "NoUserTemplates"    REG_DWORD   non-zero: user objects offer no IUserTemplates
 //       "NoUserRegistry"     REG_DWORD   non-zero: no object offers IUserRegistry
 //       "FailPutTemplateAt"  REG_DWORD   PutTemplate at this position fails
 //       "FailPutTemplateResult" REG_DWORD that failure's code (default E_FAIL)
@@ -64,6 +65,7 @@ inline constexpr const wchar_t kFailOpenUserResultValue[] = L"FailOpenUserResult
 inline constexpr const wchar_t kNoAuthServiceValue[] = L"NoAuthService";
 inline constexpr const wchar_t kNoUserPropertiesValue[] = L"NoUserProperties";
 inline constexpr const wchar_t kNoUserPayloadValue[] = L"NoUserPayload";
+inline constexpr const wchar_t kNoUserTemplatesValue[] = L"NoUserTemplates";
 inline constexpr const wchar_t kNoUserRegistryValue[] = L"NoUserRegistry";
 inline constexpr const wchar_t kFailPutTemplateAtValue[] = L"FailPutTemplateAt";
 inline constexpr const wchar_t kFailPutTemplateResultValue[] = L"FailPutTemplateResult";

@@ -576,6 +576,8 @@ HRESULT CUserObject::QueryInterface(REFIID riid, void** ppv)
     if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, __uuidof(IUserSecrets))) {
         *ppv = static_cast<IUserSecrets*>(this);
     } else if (IsEqualIID(riid, __uuidof(IUserTemplates))) {
+        if (!Offered(&Behaviours::noUserTemplates))
+            return E_NOINTERFACE;
         *ppv = static_cast<IUserTemplates*>(this);
     } else if (IsEqualIID(riid, __uuidof(IUserPayload))) {
         if (!Offered(&Behaviours::noUserPayload))
