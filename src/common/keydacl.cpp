@@ -1,6 +1,7 @@
 #include "common/keydacl.h"
 
 #include <aclapi.h>
+#include <sddl.h>
 #include <vector>
 
 #include "common/handles.h"
@@ -47,12 +48,27 @@ HRESULT SetProtectedKeyDacl(HKEY key, ACCESS_MASK usersMask)
     return r == ERROR_SUCCESS ? S_OK : S_FALSE;
 }
 
+PSECURITY_DESCRIPTOR NewAdministratorsOnlyKeySecurity() noexcept
+{
+    PSECURITY_DESCRIPTOR sd = nullptr;
+    if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(L"D:P(A;OICI;KA;;;SY)(A;OICI;KA;;;BA)",
+                                                                SDDL_REVISION_1, &sd, nullptr))
+        return nullptr;
+    return sd;
+}
+
 HRESULT ProtectKeyForAdministrators(HKEY root, const wchar_t* path, REGSAM view) noexcept
 {
     return Guarded([&]() -> HRESULT {
+        // A key this makes has the list from its first moment; one that was there
+        // gets it set.
+        unique_hlocal security(NewAdministratorsOnlyKeySecurity());
+        if (!security)
+            ThrowHr(E_OUTOFMEMORY);
+        SECURITY_ATTRIBUTES sa{sizeof(sa), security.get(), FALSE};
         unique_hkey key;
         ThrowIfWin32Failed(::RegCreateKeyExW(root, path, 0, nullptr, REG_OPTION_NON_VOLATILE,
-                                             READ_CONTROL | WRITE_DAC | view, nullptr, key.put(), nullptr));
+                                             READ_CONTROL | WRITE_DAC | view, &sa, key.put(), nullptr));
         return SetProtectedKeyDacl(key.get(), 0);
     });
 }

@@ -29,4 +29,9 @@ HRESULT SetProtectedKeyDacl(HKEY key, ACCESS_MASK usersMask);
 // SetSecurityInfo refuses, the create's failure as an HRESULT. Never throws.
 HRESULT ProtectKeyForAdministrators(HKEY root, const wchar_t* path, REGSAM view) noexcept;
 
+// The same list as a security descriptor for RegCreateKeyExW, so that a new key is
+// never open to others, not even for a moment (LocalFree it); null when it cannot
+// be built.
+PSECURITY_DESCRIPTOR NewAdministratorsOnlyKeySecurity() noexcept;
+
 } // namespace nv

@@ -49,10 +49,16 @@ void ProtectStorePath(const std::wstring& path)
 
 nv::unique_hkey CreateKey(const std::wstring& path)
 {
+    // A new key is made with the list already on it: set afterwards, it would leave
+    // a moment in which another account could open the key and keep the handle.
+    nv::unique_hlocal security(nv::NewAdministratorsOnlyKeySecurity());
+    if (!security)
+        nv::ThrowHr(E_OUTOFMEMORY);
+    SECURITY_ATTRIBUTES sa{sizeof(sa), security.get(), FALSE};
     nv::unique_hkey key;
     DWORD disposition = 0;
     nv::ThrowIfWin32Failed(::RegCreateKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
-                                             KEY_READ | KEY_WRITE | kStoreView, nullptr, key.put(), &disposition));
+                                             KEY_READ | KEY_WRITE | kStoreView, &sa, key.put(), &disposition));
     if (disposition == REG_CREATED_NEW_KEY)
         ProtectStorePath(path);
     return key;
