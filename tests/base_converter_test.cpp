@@ -17,6 +17,7 @@
 #include "frame/paths.h"
 #include "support/import_patch.h"
 #include "support/registry_sandbox.h"
+#include "support/token_scope.h"
 #include "support/test_converter.h"
 #include "support/trace_capture.h"
 
@@ -868,36 +869,6 @@ TEST_F(BaseConverterTest, DeleteKeyOfMissingKeyFailsWithFileNotFound)
 
 namespace {
 
-// Impersonates the process's own token with Administrators turned into a
-// deny-only group: a caller that is neither LocalSystem nor an administrator.
-class NonAdministratorScope {
-public:
-    NonAdministratorScope()
-    {
-        nv::unique_handle_null process;
-        EXPECT_TRUE(::OpenProcessToken(::GetCurrentProcess(), TOKEN_ALL_ACCESS, process.put()));
-        BYTE admins[SECURITY_MAX_SID_SIZE];
-        DWORD cb = sizeof(admins);
-        EXPECT_TRUE(::CreateWellKnownSid(WinBuiltinAdministratorsSid, nullptr, admins, &cb));
-        SID_AND_ATTRIBUTES disable{admins, 0};
-        nv::unique_handle_null restricted;
-        EXPECT_TRUE(::CreateRestrictedToken(process.get(), 0, 1, &disable, 0, nullptr, 0, nullptr,
-                                            restricted.put()));
-        nv::unique_handle_null impersonation;
-        EXPECT_TRUE(::DuplicateTokenEx(restricted.get(), TOKEN_ALL_ACCESS, nullptr, SecurityImpersonation,
-                                       TokenImpersonation, impersonation.put()));
-        m_active = ::SetThreadToken(nullptr, impersonation.get()) != FALSE;
-        EXPECT_TRUE(m_active);
-    }
-    ~NonAdministratorScope()
-    {
-        if (m_active)
-            ::RevertToSelf();
-    }
-
-private:
-    bool m_active = false;
-};
 
 constexpr const wchar_t kGrantedEntries[] = L"(A;OICI;KA;;;SY)(A;OICI;KA;;;BA)(A;OICI;KA;;;BU)";
 

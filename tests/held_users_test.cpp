@@ -8,7 +8,9 @@
 
 #include "common/guidtext.h"
 #include "converter3/held_users.h"
+#include "nvdbconv/policy.h"
 #include "support/registry_sandbox.h"
+#include "support/token_scope.h"
 
 using namespace nvtest;
 
@@ -68,4 +70,22 @@ TEST_F(HeldUsersTest, RecordOnAFreshMachineCreatesProtectedKeys)
     ExpectKeysForAdministratorsOnly();
     EXPECT_TRUE(KeyExists(EntryPath().c_str(), kView32));
     EXPECT_FALSE(KeyExists(nvconv3::kConversionKeyPath, kView64));
+}
+
+// The record is for administrators: an account without admin rights cannot read it,
+// and nvdbconv says so instead of showing no held users.
+TEST_F(HeldUsersTest, AnAccountWithoutAdminRightsCannotReadTheRecordAndIsToldSo)
+{
+    // The entry is listed only while the user's old key is there.
+    CreateKeyPath((std::wstring(L"SOFTWARE\\Norvane\\DB\\Data\\Users\\") + nv::GuidText(kUser)).c_str(), kView32);
+    nvconv3::CHeldUsers held;
+    held.Record(kUser, L"S-1-5-21-1-2-3-1001", kIncomplete, L"user not registered (0x80004005)");
+    ASSERT_EQ(1u, nvdbconv::ReadHeldUsers().size());
+    EXPECT_TRUE(nvdbconv::HeldUsersReadable());
+    {
+        NonAdministratorScope nonAdmin;
+        EXPECT_FALSE(nvdbconv::HeldUsersReadable());
+        EXPECT_TRUE(nvdbconv::ReadHeldUsers().empty());
+    }
+    EXPECT_TRUE(nvdbconv::HeldUsersReadable());
 }

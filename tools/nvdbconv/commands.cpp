@@ -320,7 +320,11 @@ void ShowPolicy(Printer& out, const PolicyState& policy, const std::vector<HeldU
                              : std::string(" (StrictConversion is not a REG_DWORD)");
     if (!brief || policy.valueFound)
         out.Row("policy", text);
-    if (held.empty() && !brief)
+    const bool readable = HeldUsersReadable();
+    if (!readable)
+        out.Row("held users", "not readable by this account (the record is for administrators): run nvdbconv "
+                              "elevated to see them");
+    else if (held.empty() && !brief)
         out.Row("held users", "none");
     for (const HeldUser& u : held)
         out.Row("held user", U8(u.sid) + " " + U8(u.key) + Fmt(" 0x%08lX: ", static_cast<unsigned long>(u.result)) +
@@ -334,6 +338,7 @@ void ShowPolicy(Printer& out, const PolicyState& policy, const std::vector<HeldU
     else
         out.json.Null();
     out.json.EndObject();
+    out.json.Field("heldUsersReadable", readable);
     out.json.Key("heldUsers").BeginArray();
     for (const HeldUser& u : held) {
         out.json.BeginObject();

@@ -68,6 +68,13 @@ HRESULT WriteStrictConversion(bool on)
     return nv::HResultFromWin32(r);
 }
 
+bool HeldUsersReadable()
+{
+    nv::unique_hkey held;
+    return ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, nvconv3::kHeldUsersKeyPath, 0, KEY_READ | nvconv3::kHeldUsersView,
+                           held.put()) != ERROR_ACCESS_DENIED;
+}
+
 std::vector<HeldUser> ReadHeldUsers()
 {
     std::vector<HeldUser> users;

@@ -31,5 +31,9 @@ struct HeldUser {
 // Entries of the users that the strict policy kept, for the user keys that are still
 // under Data\Users, in registry order.
 std::vector<HeldUser> ReadHeldUsers();
+// False when the record exists but this account may not read it: the record is for
+// LocalSystem and Administrators only, so an account without admin rights sees no
+// entries even where there are some.
+bool HeldUsersReadable();
 
 } // namespace nvdbconv
