@@ -8,6 +8,8 @@
 #include "common/hresult.h"
 #include "common/keysecurity.h"
 #include "frame/conversionlock.h"
+#include "frame/dblayout.h"
+#include "frame/dbconverter.h"
 #include "frame/paths.h"
 #include "trace/trace.h"
 
@@ -85,11 +87,27 @@ HRESULT CBaseConverter::AfterLock(const nvframe::CConversionLock& lock, NVTraceN
     if (!forConvert)
         return S_OK;
     const std::wstring now = ReadDatabaseState();
-    if (now == m_wstrSeenState)
+    if (now == m_wstrSeenState || StillConverts())
         return S_OK;
     NVTraceNS::Trace(scope, 0, "the database changed since this converter last saw it: %ls, now %ls",
                      m_wstrSeenState.c_str(), now.c_str());
     return nvframe::NV_E_CONVERSION_BUSY;
+}
+
+bool CBaseConverter::StillConverts()
+{
+    wchar_t buffer[kBackupPathChars] = {};
+    ULONG cch = kBackupPathChars;
+    if (!m_dbKey.m_hKey || nv::QueryStringValue(m_dbKey.m_hKey, L"Version", buffer, &cch) != ERROR_SUCCESS)
+        return false;
+    const DWORD major = nvframe::ParseDatabaseVersion(buffer) >> 16;
+    const DWORD targetMajor = m_dwTargetVersion >> 16;
+    // The holder makes the 3.0 converter for a 2.x database, and for a 3.x one that
+    // still has MainDB.
+    const bool fromFormat = major + 1 == targetMajor || (targetMajor == 3 && major == 3);
+    // A 2.x database whose users are all moved keeps "Version" 2.x: only its layout
+    // tells that the step is done.
+    return fromFormat && !(targetMajor == 3 && nvframe::IsDatabaseLayout30());
 }
 
 CBaseConverter::~CBaseConverter() = default;

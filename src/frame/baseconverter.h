@@ -14,9 +14,9 @@
 // Convert, Rollback and Cleanup hold the machine-wide conversion lock
 // (frame/conversionlock.h) for their length. Taking it, they open the database key
 // again (another process may have deleted and restored it since), and Convert
-// refuses with NV_E_CONVERSION_BUSY when the database is no longer the one this
-// converter last saw ("Version" and whether MainDB exists): another process has
-// converted it in between.
+// refuses with NV_E_CONVERSION_BUSY when the database changed since this converter
+// last saw it ("Version" and whether MainDB exists) into one it does not convert:
+// another process has converted it in between.
 // Every operation returns an HRESULT and never throws.
 #pragma once
 #include <windows.h>
@@ -93,6 +93,11 @@ private:
     // or not. Read at construction and again at the end of each operation, so that
     // only another process's changes count.
     std::wstring ReadDatabaseState();
+    // Whether the database as it now stands is still one this converter converts:
+    // of the format it upgrades from, and for the 3.0 step not laid out as 3.0
+    // already. A database another party replaced by another one of the same format
+    // is converted as the format has it.
+    bool StillConverts();
     void RememberDatabaseState(const nvframe::CConversionLock& lock);
     REGSAM m_samDbView;
     std::wstring m_wstrSeenState;

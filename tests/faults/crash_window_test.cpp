@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "fault_child_test.h"
 #include "fault_hooks.h"
 #include "fault_world.h"
 #include "nvstore_inspect.h"
@@ -37,53 +38,12 @@ ProcessRun RunTool(const std::wstring& exe, const std::wstring& args)
     return run;
 }
 
-std::vector<nvfaults::CallRecord> CallsOf(const std::wstring& file)
-{
-    std::vector<nvfaults::CallRecord> calls;
-    FILE* f = _wfopen(file.c_str(), L"rb");
-    if (!f)
-        return calls;
-    char line[4096];
-    while (std::fgets(line, sizeof(line), f)) {
-        nvfaults::CallRecord r;
-        std::string text(line);
-        while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
-            text.pop_back();
-        if (nvfaults::ParseRecord(text, &r))
-            calls.push_back(r);
-    }
-    std::fclose(f);
-    return calls;
-}
 
 bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
-class CrashWindowTest : public StoreSandbox {
+class CrashWindowTest : public nvfaults::FaultChildTest {
 protected:
-    void SetUp() override
-    {
-        StoreSandbox::SetUp();
-        m_db = nvfaults::FaultDatabase20();
-        wchar_t tmp[MAX_PATH];
-        GetTempPathW(MAX_PATH, tmp);
-        m_calls = std::wstring(tmp) + L"nvfaults-crash-window-" + std::to_wstring(GetCurrentProcessId()) + L".txt";
-    }
-    void TearDown() override
-    {
-        DeleteFileW(m_calls.c_str());
-        nvwriter::DeleteDb20Container(m_db);
-        StoreSandbox::TearDown();
-    }
-    void WriteFreshDatabase()
-    {
-        WipeSuiteKeys();
-        inspect::DeleteStoreKeyContainers();
-        ASSERT_EQ(S_OK, nvwriter::WriteDb20Database(m_db));
-        inspect::SetUserKeyBits(512);
-    }
-
-    nvwriter::Db20Database m_db;
-    std::wstring m_calls;
+    CrashWindowTest() : FaultChildTest(L"crash-window") {}
 };
 
 } // namespace
@@ -99,7 +59,7 @@ TEST_F(CrashWindowTest, KillBetweenBackupDeleteAndBackupValueDeleteThenStatusExp
     inspect::SetFailOpenUser({failing.sidText});
     ProcessRun count = RunTool(L"nvfaults.exe", L"child --mode count --out " + QuoteArg(m_calls));
     ASSERT_EQ(0u, count.exitCode) << count.err;
-    const std::vector<nvfaults::CallRecord> calls = CallsOf(m_calls);
+    const std::vector<nvfaults::CallRecord> calls = nvfaults::ReadCallRecords(m_calls);
     ASSERT_FALSE(calls.empty());
     nvfaults::SymbolTable symbols;
     ASSERT_TRUE(symbols.Load(ExeDirectory() + L"NVDBConv.dll"));

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "fault_child_test.h"
 #include "fault_hooks.h"
 #include "fault_world.h"
 #include "nvstore_inspect.h"
@@ -21,24 +22,6 @@ namespace inspect = nvstore::inspect;
 
 namespace {
 
-std::vector<nvfaults::CallRecord> CallsOf(const std::wstring& file)
-{
-    std::vector<nvfaults::CallRecord> calls;
-    FILE* f = _wfopen(file.c_str(), L"rb");
-    if (!f)
-        return calls;
-    char line[4096];
-    while (std::fgets(line, sizeof(line), f)) {
-        std::string text(line);
-        while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
-            text.pop_back();
-        nvfaults::CallRecord r;
-        if (nvfaults::ParseRecord(text, &r))
-            calls.push_back(r);
-    }
-    std::fclose(f);
-    return calls;
-}
 
 std::string ResultOf(const std::wstring& file)
 {
@@ -54,29 +37,9 @@ std::string ResultOf(const std::wstring& file)
     return text;
 }
 
-class FaultHooksTest : public StoreSandbox {
+class FaultHooksTest : public nvfaults::FaultChildTest {
 protected:
-    void SetUp() override
-    {
-        StoreSandbox::SetUp();
-        m_db = nvfaults::FaultDatabase20();
-        wchar_t tmp[MAX_PATH];
-        GetTempPathW(MAX_PATH, tmp);
-        m_calls = std::wstring(tmp) + L"nvfaults-run-time-" + std::to_wstring(GetCurrentProcessId()) + L".txt";
-    }
-    void TearDown() override
-    {
-        DeleteFileW(m_calls.c_str());
-        nvwriter::DeleteDb20Container(m_db);
-        StoreSandbox::TearDown();
-    }
-    void WriteFreshDatabase()
-    {
-        WipeSuiteKeys();
-        inspect::DeleteStoreKeyContainers();
-        ASSERT_EQ(S_OK, nvwriter::WriteDb20Database(m_db));
-        inspect::SetUserKeyBits(512);
-    }
+    FaultHooksTest() : FaultChildTest(L"run-time") {}
     ProcessRun Child(const std::wstring& args)
     {
         ProcessRun run = RunProcess(QuoteArg(ExeDirectory() + L"nvfaults.exe") + L" child " + args + L" --out " +
@@ -85,9 +48,6 @@ protected:
         EXPECT_FALSE(run.timedOut);
         return run;
     }
-
-    nvwriter::Db20Database m_db;
-    std::wstring m_calls;
 };
 
 } // namespace
@@ -100,7 +60,7 @@ TEST_F(FaultHooksTest, ConversionCountsTheCrypt32AndNetapi32CallsTheLibraryLooks
     EXPECT_EQ("result 0x00000000", ResultOf(m_calls));
     // The same functions that were counted while the library imported them.
     std::set<std::string> seen;
-    for (const nvfaults::CallRecord& c : CallsOf(m_calls))
+    for (const nvfaults::CallRecord& c : nvfaults::ReadCallRecords(m_calls))
         if (c.function.rfind("crypt32.dll!", 0) == 0 || c.function.rfind("netapi32.dll!", 0) == 0)
             seen.insert(c.function);
     EXPECT_EQ((std::set<std::string>{"crypt32.dll!CryptDecodeObject", "crypt32.dll!CryptEncodeObject",
@@ -114,7 +74,7 @@ TEST_F(FaultHooksTest, FailingALookedUpCrypt32CallFailsThatCall)
     const ProcessRun count = Child(L"--mode count");
     ASSERT_EQ(0u, count.exitCode) << count.err;
     std::uint64_t firstDecode = 0;
-    for (const nvfaults::CallRecord& c : CallsOf(m_calls))
+    for (const nvfaults::CallRecord& c : nvfaults::ReadCallRecords(m_calls))
         if (!firstDecode && c.function == "crypt32.dll!CryptDecodeObject")
             firstDecode = c.number;
     ASSERT_NE(0u, firstDecode);
@@ -122,7 +82,7 @@ TEST_F(FaultHooksTest, FailingALookedUpCrypt32CallFailsThatCall)
     ASSERT_NO_FATAL_FAILURE(WriteFreshDatabase());
     const ProcessRun failed = Child(L"--mode once --n " + std::to_wstring(firstDecode));
     ASSERT_EQ(0u, failed.exitCode) << failed.err;
-    const std::vector<nvfaults::CallRecord> records = CallsOf(m_calls);
+    const std::vector<nvfaults::CallRecord> records = nvfaults::ReadCallRecords(m_calls);
     ASSERT_EQ(1u, records.size());
     EXPECT_EQ(firstDecode, records[0].number);
     EXPECT_EQ("crypt32.dll!CryptDecodeObject", records[0].function);
