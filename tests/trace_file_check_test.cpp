@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "common/handles.h"
+#include "support/import_patch.h"
 #include "support/trace_capture.h"
 #include "support/unix_side.h"
 #include "trace/trace.h"
@@ -200,6 +201,56 @@ TEST_F(TraceFileCheckTest, FileThatIsALinkIsNotFollowed)
         // path then names the target (Windows would show the link's reparse point).
         EXPECT_EQ(TraceFileVerdict::Redirected, VerdictOfAFileOutput()) << "append " << append;
     }
+}
+
+// The race a planted link can win: the trace file's folder is swapped for a link
+// after it was judged and before the file is opened. The open is hooked to make the
+// swap, so the race is won every time, and the file is opened where the link points.
+namespace {
+
+std::wstring g_raceFile, g_raceDir;
+bool g_swapped = false;
+decltype(&::CreateFileW) g_realCreateFileW = nullptr;
+
+HANDLE WINAPI SwapFolderThenCreateFileW(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
+                                        DWORD disposition, DWORD flags, HANDLE templateFile)
+{
+    if (!g_swapped && name && g_raceFile == name && disposition == OPEN_ALWAYS) {
+        g_swapped = ::MoveFileW((g_raceDir + L"\\plain").c_str(), (g_raceDir + L"\\judged").c_str()) &&
+                    MakeUnixSymlink(g_raceDir + L"\\target", g_raceDir + L"\\plain");
+    }
+    return g_realCreateFileW(name, access, share, security, disposition, flags, templateFile);
+}
+
+} // namespace
+
+TEST_F(TraceFileCheckTest, FileCreatedWhereALinkLedIsDeletedAgainAndAnExistingOneKept)
+{
+    ImportPatch patch(::GetModuleHandleW(nullptr),
+                      {{"CreateFileW", reinterpret_cast<void*>(SwapFolderThenCreateFileW)}});
+    ASSERT_TRUE(patch.ok());
+    g_realCreateFileW = reinterpret_cast<decltype(&::CreateFileW)>(patch.Original("CreateFileW"));
+    ASSERT_NE(nullptr, g_realCreateFileW);
+    g_raceFile = dir + L"\\plain\\host.trc3";
+    g_raceDir = dir;
+
+    // Nothing there: the open creates the file at the link's target, and the
+    // refused file is removed again.
+    UseFileName(g_raceFile, false);
+    g_swapped = false;
+    EXPECT_EQ(TraceFileVerdict::Redirected, VerdictOfAFileOutput());
+    ASSERT_TRUE(g_swapped);
+    EXPECT_FALSE(Exists(dir + L"\\target\\host.trc3")) << "the refused new file was left where the link led";
+    EXPECT_FALSE(Exists(dir + L"\\judged\\host.trc3"));
+
+    // A file already there is someone's: refused, and neither emptied nor removed.
+    ASSERT_TRUE(RunUnix({"rm", UnixPathOf(dir) + "/plain"})); // the link
+    ASSERT_TRUE(::MoveFileW((dir + L"\\judged").c_str(), (dir + L"\\plain").c_str()));
+    WriteBytes(dir + L"\\target\\host.trc3", kPrecious);
+    g_swapped = false;
+    EXPECT_EQ(TraceFileVerdict::Redirected, VerdictOfAFileOutput());
+    ASSERT_TRUE(g_swapped);
+    EXPECT_EQ(kPrecious, ReadBytes(dir + L"\\target\\host.trc3"));
 }
 
 TEST_F(TraceFileCheckTest, FileWithASecondNameIsNotWritten)
