@@ -9,7 +9,9 @@
 #include <sddl.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -328,6 +330,62 @@ TEST_F(TraceFileCheckTest, UncFileNameOrTracePathIsNeverUsed)
     TraceOnce();
     EXPECT_FALSE(Exists(unc + L"\\logs"));
     EXPECT_TRUE(RunUnix({"rm", "-rf", shareDir}));
+}
+
+namespace {
+
+// Wine here cannot map a drive letter to a share, so the drive-type answers are
+// given in the system's place: Z:, Wine's view of the Unix root and so reachable,
+// is reported as mapped to a share. Every root asked about is kept.
+std::vector<std::wstring> g_rootsAsked;
+
+UINT WINAPI ZIsAShare(LPCWSTR root)
+{
+    g_rootsAsked.emplace_back(root);
+    return (root[0] == L'Z' || root[0] == L'z') ? DRIVE_REMOTE : ::GetDriveTypeW(root);
+}
+
+struct DriveTypeAnswers {
+    DriveTypeAnswers()
+    {
+        g_rootsAsked.clear();
+        NVTraceNS::g_pfnDriveTypeForTests = ZIsAShare;
+    }
+    ~DriveTypeAnswers() { NVTraceNS::g_pfnDriveTypeForTests = nullptr; }
+};
+
+} // namespace
+
+TEST_F(TraceFileCheckTest, DriveMappedToAShareIsNeitherOpenedNorSearched)
+{
+    // dir on Z:, through the prefix's drive_c rather than its link dosdevices/c:, so
+    // that no folder on the way is a link and TracePath folders would be made.
+    std::string unixDir = UnixPathOf(dir);
+    const std::size_t link = unixDir.find("/dosdevices/c:/");
+    ASSERT_NE(std::string::npos, link) << unixDir;
+    unixDir.replace(link, std::strlen("/dosdevices/c:/"), "/drive_c/");
+    std::wstring mapped = L"Z:" + Widen(unixDir);
+    for (wchar_t& c : mapped)
+        c = c == L'/' ? L'\\' : c;
+    ASSERT_TRUE(Exists(mapped + L"\\plain")) << "Z: is not the Unix root";
+    DriveTypeAnswers answers;
+
+    EXPECT_FALSE(NVTraceNS::IsLocalTracePath(mapped.c_str()));
+    EXPECT_TRUE(NVTraceNS::IsLocalTracePath((dir + L"\\plain").c_str()));
+    EXPECT_EQ(TraceFileVerdict::NotALocalPath, NVTraceNS::ProbeTraceFile((mapped + L"\\plain\\t.trc3").c_str()));
+
+    UseFileName(mapped + L"\\plain\\host.trc3", false);
+    TraceOnce();
+    EXPECT_FALSE(Exists(dir + L"\\plain\\host.trc3"));
+    EXPECT_EQ(TraceFileVerdict::NotALocalPath, VerdictOfAFileOutput());
+    EXPECT_FALSE(Exists(dir + L"\\plain\\host.trc3"));
+
+    DeleteValue(kTracing, L"FileName", kViewNative);
+    SetString(kTracing, L"TracePath", mapped + L"\\plain\\logs", kViewNative);
+    TraceOnce();
+    EXPECT_FALSE(Exists(dir + L"\\plain\\logs"));
+    // The answers were the system's to give, for Z:'s root.
+    EXPECT_NE(g_rootsAsked.end(), std::find(g_rootsAsked.begin(), g_rootsAsked.end(), L"Z:\\"));
 }
 
 // ---- the host's question: would it be refused? ------------------------------------

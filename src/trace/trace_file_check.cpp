@@ -189,10 +189,27 @@ bool IsLocalDrivePath(const std::wstring& fullPath) noexcept
     return (drive >= L'A' && drive <= L'Z') || (drive >= L'a' && drive <= L'z');
 }
 
+UINT(WINAPI* g_pfnDriveTypeForTests)(LPCWSTR root) = nullptr;
+
+namespace {
+
+// A drive letter mapped to a share looks local by its text alone; the system says
+// where it leads.
+bool IsOnALocalDrive(const std::wstring& fullPath)
+{
+    if (!IsLocalDrivePath(fullPath))
+        return false;
+    const wchar_t root[] = {WithoutLongPathPrefix(fullPath)[0], L':', L'\\', L'\0'};
+    const UINT type = g_pfnDriveTypeForTests ? g_pfnDriveTypeForTests(root) : ::GetDriveTypeW(root);
+    return type != DRIVE_REMOTE;
+}
+
+} // namespace
+
 bool IsLocalTracePath(const wchar_t* path) noexcept
 {
     try {
-        return path && IsLocalDrivePath(FullPathOf(path));
+        return path && IsOnALocalDrive(FullPathOf(path));
     } catch (...) {
         return false;
     }
@@ -226,7 +243,7 @@ HANDLE OpenCheckedTraceFile(const wchar_t* path, DWORD access, bool append, Trac
         const std::wstring full = FullPathOf(path);
         if (full.empty())
             return INVALID_HANDLE_VALUE;
-        if (!IsLocalDrivePath(full)) {
+        if (!IsOnALocalDrive(full)) {
             *verdict = TraceFileVerdict::NotALocalPath; // never opened: no share is contacted
             return INVALID_HANDLE_VALUE;
         }
@@ -263,7 +280,7 @@ TraceFileVerdict ProbeTraceFile(const wchar_t* path) noexcept
         const std::wstring full = FullPathOf(path);
         if (full.empty())
             return TraceFileVerdict::Accepted;
-        if (!IsLocalDrivePath(full))
+        if (!IsOnALocalDrive(full))
             return TraceFileVerdict::NotALocalPath;
         nv::unique_hfile file(::CreateFileW(full.c_str(), FILE_READ_ATTRIBUTES | READ_CONTROL,
                                             kTraceFileShare | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
