@@ -7,9 +7,12 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "nv_version.h"
@@ -17,9 +20,11 @@
 #include "nvdbconv/json.h"
 #include "nvdbconv/progress.h"
 #include "nvdbconv/results.h"
+#include "nvdbconv/tracewatch.h"
 #include "nvstore_inspect.h"
 #include "nvtracelib.h"
 #include "support/dll_loader.h"
+#include "support/import_patch.h"
 #include "support/json_reader.h"
 #include "support/legacy_db_tree.h"
 #include "support/key_containers.h"
@@ -815,6 +820,74 @@ TEST_F(NvdbconvCommandsTest, TraceFileTheLibraryRefusedIsWarnedAbout)
     EXPECT_EQ("", run.err);
 
     EXPECT_TRUE(RunUnix({"rm", "-rf", UnixPathOf(dir)}));
+}
+
+namespace {
+
+// Every path the test process's own CreateFileW calls name, nvdbconv's code linked
+// into it included.
+std::vector<std::wstring> g_created;
+decltype(&::CreateFileW) g_realCreateFileW = nullptr;
+
+HANDLE WINAPI RecordingCreateFileW(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
+                                   DWORD disposition, DWORD flags, HANDLE templateFile)
+{
+    g_created.emplace_back(name ? name : L"");
+    return g_realCreateFileW(name, access, share, security, disposition, flags, templateFile);
+}
+
+} // namespace
+
+// A trace file on a share: nvdbconv runs elevated, so its look at the file before
+// and after the library's load must not open it either (that would reach the server
+// with its credentials). Wine serves \\localhost\<share> from its prefix; the
+// watch runs in this process with its opens recorded.
+TEST_F(NvdbconvCommandsTest, TraceFileOnAShareIsNotOpenedByTheHostsWatch)
+{
+    ASSERT_TRUE(UnderWine());
+    std::string dosdevices = UnixPathOf(L"C:\\");
+    ASSERT_GT(dosdevices.size(), 3u);
+    dosdevices = dosdevices.substr(0, dosdevices.find_last_of('/', dosdevices.size() - 2)); // drop "c:/"
+    const std::string share = "nvdbconvunc" + std::to_string(::GetCurrentProcessId());
+    const std::string shareDir = dosdevices + "/unc/localhost/" + share;
+    ASSERT_TRUE(RunUnix({"mkdir", "-p", shareDir}));
+    const std::wstring onShare = L"\\\\localhost\\" + Widen(share) + L"\\host.trc3";
+    {
+        HANDLE f = ::CreateFileW(onShare.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+        ASSERT_NE(INVALID_HANDLE_VALUE, f) << "Wine does not serve the share";
+        ::CloseHandle(f);
+    }
+    const std::wstring dir = TempDirectory(L"nvdbconv-watched");
+    const std::wstring local = dir + L"\\host.trc3";
+
+    ImportPatch patch(::GetModuleHandleW(nullptr), {{"CreateFileW", reinterpret_cast<void*>(RecordingCreateFileW)}});
+    ASSERT_TRUE(patch.ok());
+    g_realCreateFileW = reinterpret_cast<decltype(&::CreateFileW)>(patch.Original("CreateFileW"));
+    ASSERT_NE(nullptr, g_realCreateFileW);
+    const auto watched = [] {
+        g_created.clear();
+        const nvdbconv::CTraceFileWatch watch(LibraryPath());
+        const std::optional<nvdbconv::TraceRefusal> refusal = watch.Refusal();
+        return std::make_pair(refusal, g_created);
+    };
+
+    // A local file is looked at before and after: the recording sees the watch.
+    ASSERT_EQ(0u, Nvdbconv(L"--quiet trace on --new-file --file " + QuoteArg(local)).exitCode);
+    auto [refusal, opened] = watched();
+    EXPECT_FALSE(refusal.has_value());
+    // Twice by the watch, once by the library's probe of a file not written.
+    EXPECT_EQ(3, std::count(opened.begin(), opened.end(), local));
+
+    ASSERT_EQ(0u, Nvdbconv(L"--quiet trace on --new-file --file " + QuoteArg(onShare)).exitCode);
+    std::tie(refusal, opened) = watched();
+    ASSERT_TRUE(refusal.has_value());
+    EXPECT_EQ(onShare, refusal->path);
+    EXPECT_EQ("it is not on a local drive", refusal->reason);
+    for (const std::wstring& name : opened)
+        EXPECT_EQ(std::wstring::npos, name.find(Widen(share))) << "opened " << Narrow(name);
+
+    EXPECT_TRUE(RunUnix({"rm", "-rf", shareDir}));
+    RemoveDirectoryTree(dir);
 }
 
 TEST_F(NvdbconvCommandsTest, VersionShowsBothVersionsAndTheExports)

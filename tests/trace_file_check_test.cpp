@@ -9,11 +9,14 @@
 #include <sddl.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include "common/handles.h"
+#include "support/import_patch.h"
 #include "support/trace_capture.h"
 #include "support/unix_side.h"
 #include "trace/trace.h"
@@ -202,6 +205,56 @@ TEST_F(TraceFileCheckTest, FileThatIsALinkIsNotFollowed)
     }
 }
 
+// The race a planted link can win: the trace file's folder is swapped for a link
+// after it was judged and before the file is opened. The open is hooked to make the
+// swap, so the race is won every time, and the file is opened where the link points.
+namespace {
+
+std::wstring g_raceFile, g_raceDir;
+bool g_swapped = false;
+decltype(&::CreateFileW) g_realCreateFileW = nullptr;
+
+HANDLE WINAPI SwapFolderThenCreateFileW(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
+                                        DWORD disposition, DWORD flags, HANDLE templateFile)
+{
+    if (!g_swapped && name && g_raceFile == name && disposition == OPEN_ALWAYS) {
+        g_swapped = ::MoveFileW((g_raceDir + L"\\plain").c_str(), (g_raceDir + L"\\judged").c_str()) &&
+                    MakeUnixSymlink(g_raceDir + L"\\target", g_raceDir + L"\\plain");
+    }
+    return g_realCreateFileW(name, access, share, security, disposition, flags, templateFile);
+}
+
+} // namespace
+
+TEST_F(TraceFileCheckTest, FileCreatedWhereALinkLedIsDeletedAgainAndAnExistingOneKept)
+{
+    ImportPatch patch(::GetModuleHandleW(nullptr),
+                      {{"CreateFileW", reinterpret_cast<void*>(SwapFolderThenCreateFileW)}});
+    ASSERT_TRUE(patch.ok());
+    g_realCreateFileW = reinterpret_cast<decltype(&::CreateFileW)>(patch.Original("CreateFileW"));
+    ASSERT_NE(nullptr, g_realCreateFileW);
+    g_raceFile = dir + L"\\plain\\host.trc3";
+    g_raceDir = dir;
+
+    // Nothing there: the open creates the file at the link's target, and the
+    // refused file is removed again.
+    UseFileName(g_raceFile, false);
+    g_swapped = false;
+    EXPECT_EQ(TraceFileVerdict::Redirected, VerdictOfAFileOutput());
+    ASSERT_TRUE(g_swapped);
+    EXPECT_FALSE(Exists(dir + L"\\target\\host.trc3")) << "the refused new file was left where the link led";
+    EXPECT_FALSE(Exists(dir + L"\\judged\\host.trc3"));
+
+    // A file already there is someone's: refused, and neither emptied nor removed.
+    ASSERT_TRUE(RunUnix({"rm", UnixPathOf(dir) + "/plain"})); // the link
+    ASSERT_TRUE(::MoveFileW((dir + L"\\judged").c_str(), (dir + L"\\plain").c_str()));
+    WriteBytes(dir + L"\\target\\host.trc3", kPrecious);
+    g_swapped = false;
+    EXPECT_EQ(TraceFileVerdict::Redirected, VerdictOfAFileOutput());
+    ASSERT_TRUE(g_swapped);
+    EXPECT_EQ(kPrecious, ReadBytes(dir + L"\\target\\host.trc3"));
+}
+
 TEST_F(TraceFileCheckTest, FileWithASecondNameIsNotWritten)
 {
     WriteBytes(dir + L"\\target\\victim.trc3", kPrecious);
@@ -277,6 +330,62 @@ TEST_F(TraceFileCheckTest, UncFileNameOrTracePathIsNeverUsed)
     TraceOnce();
     EXPECT_FALSE(Exists(unc + L"\\logs"));
     EXPECT_TRUE(RunUnix({"rm", "-rf", shareDir}));
+}
+
+namespace {
+
+// Wine here cannot map a drive letter to a share, so the drive-type answers are
+// given in the system's place: Z:, Wine's view of the Unix root and so reachable,
+// is reported as mapped to a share. Every root asked about is kept.
+std::vector<std::wstring> g_rootsAsked;
+
+UINT WINAPI ZIsAShare(LPCWSTR root)
+{
+    g_rootsAsked.emplace_back(root);
+    return (root[0] == L'Z' || root[0] == L'z') ? DRIVE_REMOTE : ::GetDriveTypeW(root);
+}
+
+struct DriveTypeAnswers {
+    DriveTypeAnswers()
+    {
+        g_rootsAsked.clear();
+        NVTraceNS::g_pfnDriveTypeForTests = ZIsAShare;
+    }
+    ~DriveTypeAnswers() { NVTraceNS::g_pfnDriveTypeForTests = nullptr; }
+};
+
+} // namespace
+
+TEST_F(TraceFileCheckTest, DriveMappedToAShareIsNeitherOpenedNorSearched)
+{
+    // dir on Z:, through the prefix's drive_c rather than its link dosdevices/c:, so
+    // that no folder on the way is a link and TracePath folders would be made.
+    std::string unixDir = UnixPathOf(dir);
+    const std::size_t link = unixDir.find("/dosdevices/c:/");
+    ASSERT_NE(std::string::npos, link) << unixDir;
+    unixDir.replace(link, std::strlen("/dosdevices/c:/"), "/drive_c/");
+    std::wstring mapped = L"Z:" + Widen(unixDir);
+    for (wchar_t& c : mapped)
+        c = c == L'/' ? L'\\' : c;
+    ASSERT_TRUE(Exists(mapped + L"\\plain")) << "Z: is not the Unix root";
+    DriveTypeAnswers answers;
+
+    EXPECT_FALSE(NVTraceNS::IsLocalTracePath(mapped.c_str()));
+    EXPECT_TRUE(NVTraceNS::IsLocalTracePath((dir + L"\\plain").c_str()));
+    EXPECT_EQ(TraceFileVerdict::NotALocalPath, NVTraceNS::ProbeTraceFile((mapped + L"\\plain\\t.trc3").c_str()));
+
+    UseFileName(mapped + L"\\plain\\host.trc3", false);
+    TraceOnce();
+    EXPECT_FALSE(Exists(dir + L"\\plain\\host.trc3"));
+    EXPECT_EQ(TraceFileVerdict::NotALocalPath, VerdictOfAFileOutput());
+    EXPECT_FALSE(Exists(dir + L"\\plain\\host.trc3"));
+
+    DeleteValue(kTracing, L"FileName", kViewNative);
+    SetString(kTracing, L"TracePath", mapped + L"\\plain\\logs", kViewNative);
+    TraceOnce();
+    EXPECT_FALSE(Exists(dir + L"\\plain\\logs"));
+    // The answers were the system's to give, for Z:'s root.
+    EXPECT_NE(g_rootsAsked.end(), std::find(g_rootsAsked.begin(), g_rootsAsked.end(), L"Z:\\"));
 }
 
 // ---- the host's question: would it be refused? ------------------------------------

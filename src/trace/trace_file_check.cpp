@@ -23,6 +23,11 @@ constexpr const wchar_t kTraceFolderSddl[] = L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;B
 // Sharing as the trace file has always been opened: other tracing processes may
 // append to it and anyone allowed may read it meanwhile.
 constexpr DWORD kTraceFileShare = FILE_SHARE_READ | FILE_SHARE_WRITE;
+// The open that may create the file also lets it be deleted while it is checked, so
+// that a file it created and then refused can be removed through a second handle on
+// it (holding DELETE itself would lock out every opener that does not share
+// deletion). An accepted file is then held through a handle shared as always.
+constexpr DWORD kCreatingShare = kTraceFileShare | FILE_SHARE_DELETE;
 
 std::wstring WithoutLongPathPrefix(const std::wstring& path)
 {
@@ -163,6 +168,16 @@ bool Truncate(HANDLE handle) noexcept
     return writer && ::SetEndOfFile(writer.get());
 }
 
+// Removes a file this process created and then refused, through the file opened and
+// not its path: the path is where a link led somewhere else.
+void DeleteCreated(HANDLE handle) noexcept
+{
+    nv::unique_hfile deleter(::ReOpenFile(handle, DELETE, kCreatingShare, 0));
+    FILE_DISPOSITION_INFO disposition = {TRUE};
+    if (deleter)
+        ::SetFileInformationByHandle(deleter.get(), FileDispositionInfo, &disposition, sizeof(disposition));
+}
+
 } // namespace
 
 bool IsLocalDrivePath(const std::wstring& fullPath) noexcept
@@ -174,10 +189,27 @@ bool IsLocalDrivePath(const std::wstring& fullPath) noexcept
     return (drive >= L'A' && drive <= L'Z') || (drive >= L'a' && drive <= L'z');
 }
 
+UINT(WINAPI* g_pfnDriveTypeForTests)(LPCWSTR root) = nullptr;
+
+namespace {
+
+// A drive letter mapped to a share looks local by its text alone; the system says
+// where it leads.
+bool IsOnALocalDrive(const std::wstring& fullPath)
+{
+    if (!IsLocalDrivePath(fullPath))
+        return false;
+    const wchar_t root[] = {WithoutLongPathPrefix(fullPath)[0], L':', L'\\', L'\0'};
+    const UINT type = g_pfnDriveTypeForTests ? g_pfnDriveTypeForTests(root) : ::GetDriveTypeW(root);
+    return type != DRIVE_REMOTE;
+}
+
+} // namespace
+
 bool IsLocalTracePath(const wchar_t* path) noexcept
 {
     try {
-        return path && IsLocalDrivePath(FullPathOf(path));
+        return path && IsOnALocalDrive(FullPathOf(path));
     } catch (...) {
         return false;
     }
@@ -211,7 +243,7 @@ HANDLE OpenCheckedTraceFile(const wchar_t* path, DWORD access, bool append, Trac
         const std::wstring full = FullPathOf(path);
         if (full.empty())
             return INVALID_HANDLE_VALUE;
-        if (!IsLocalDrivePath(full)) {
+        if (!IsOnALocalDrive(full)) {
             *verdict = TraceFileVerdict::NotALocalPath; // never opened: no share is contacted
             return INVALID_HANDLE_VALUE;
         }
@@ -220,7 +252,7 @@ HANDLE OpenCheckedTraceFile(const wchar_t* path, DWORD access, bool append, Trac
         // Never "create always": that would truncate whatever a planted link points
         // at before anything could be checked. A link in the last part is opened
         // itself, not followed, so it shows as a reparse point.
-        nv::unique_hfile file(::CreateFileW(full.c_str(), access | READ_CONTROL, kTraceFileShare, nullptr, OPEN_ALWAYS,
+        nv::unique_hfile file(::CreateFileW(full.c_str(), access | READ_CONTROL, kCreatingShare, nullptr, OPEN_ALWAYS,
                                             FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN |
                                                 FILE_FLAG_OPEN_REPARSE_POINT,
                                             nullptr));
@@ -228,11 +260,15 @@ HANDLE OpenCheckedTraceFile(const wchar_t* path, DWORD access, bool append, Trac
             return INVALID_HANDLE_VALUE;
         const bool existed = ::GetLastError() == ERROR_ALREADY_EXISTS;
         *verdict = JudgeTraceFile(FactsOf(file.get(), full, existed));
-        if (*verdict != TraceFileVerdict::Accepted)
+        if (*verdict != TraceFileVerdict::Accepted) {
+            if (!existed)
+                DeleteCreated(file.get());
             return INVALID_HANDLE_VALUE;
-        if (existed && !append && !Truncate(file.get()))
+        }
+        nv::unique_hfile kept(::ReOpenFile(file.get(), access, kTraceFileShare, FILE_FLAG_SEQUENTIAL_SCAN));
+        if (!kept || (existed && !append && !Truncate(kept.get())))
             return INVALID_HANDLE_VALUE;
-        return file.release();
+        return kept.release();
     } catch (...) {
         return INVALID_HANDLE_VALUE; // out of memory: no trace output
     }
@@ -244,7 +280,7 @@ TraceFileVerdict ProbeTraceFile(const wchar_t* path) noexcept
         const std::wstring full = FullPathOf(path);
         if (full.empty())
             return TraceFileVerdict::Accepted;
-        if (!IsLocalDrivePath(full))
+        if (!IsOnALocalDrive(full))
             return TraceFileVerdict::NotALocalPath;
         nv::unique_hfile file(::CreateFileW(full.c_str(), FILE_READ_ATTRIBUTES | READ_CONTROL,
                                             kTraceFileShare | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,

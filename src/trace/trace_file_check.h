@@ -39,8 +39,15 @@ enum class TraceFileVerdict {
 // not a device.
 bool IsLocalDrivePath(const std::wstring& fullPath) noexcept;
 
-// The same for a path as given (relative paths against the current folder).
+// The same for a path as given (relative paths against the current folder), and
+// false as well on a drive letter the system reports as mapped to a share
+// (DRIVE_REMOTE). OpenCheckedTraceFile and ProbeTraceFile ask this before they open
+// or search anything.
 bool IsLocalTracePath(const wchar_t* path) noexcept;
+
+// The drive-type query behind that answer; null for GetDriveTypeW. Tests set it to
+// answer for a drive mapped to a share, which the test platform cannot make.
+extern UINT(WINAPI* g_pfnDriveTypeForTests)(LPCWSTR root);
 
 // The decision on the facts; Accepted only for a plain local file.
 TraceFileVerdict JudgeTraceFile(const TraceFileFacts& facts);

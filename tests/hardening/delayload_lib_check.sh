@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # delayload_lib_check.sh SOURCE_DIR DLLTOOL NM IMPORTLIB: cmake/delayload-lib.sh,
 # run for one import library into two folders at different paths, writes the same
-# bytes, and no member of the archive is named after its folder (a release built at
-# another path must link the same nvdbconv.exe).
+# bytes, and no member of the archive is named after its folder (a build at another
+# path links the same binary with it).
 set -uo pipefail
 src=$1 dlltool=$2 nm=$3 importlib=$4
 work=$(mktemp -d)

@@ -4,6 +4,7 @@
 # with the version dpkg-query reports for it, and the cross compiler's version line.
 set -uo pipefail
 src=$1
+command -v dpkg-query >/dev/null || { echo "FAIL: dpkg-query is missing: the record is made on Debian"; exit 1; }
 source "$src/scripts/signing.sh"
 record=$(nv_release_toolchain) || { echo "FAIL: nv_release_toolchain failed"; exit 1; }
 failures=0

@@ -109,9 +109,13 @@ bool CTraceFileWatch::FileDue(const TraceSettings& settings, const std::wstring&
 CTraceFileWatch::FileState CTraceFileWatch::StateOf(const std::wstring& path)
 {
     FileState state;
+    // As the library's own checks: a share is not even looked at (that would reach
+    // its server with this elevated process's credentials), nor is a link followed.
+    if (!NVTraceNS::IsLocalTracePath(path.c_str()))
+        return state;
     nv::unique_hfile file(::CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES,
                                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
-                                        FILE_ATTRIBUTE_NORMAL, nullptr));
+                                        FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
     BY_HANDLE_FILE_INFORMATION info = {};
     if (!file || !::GetFileInformationByHandle(file.get(), &info))
         return state;

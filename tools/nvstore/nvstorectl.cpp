@@ -261,24 +261,28 @@ int Run(int argc, wchar_t** argv)
         return 0;
     }
     if (cmd == L"enroll" && argc == 3) {
+        // The service first: once the password is read, nothing may throw before
+        // its copy is cleared.
+        const nv::com_ptr<IAuthService> auth = AuthService();
         Bytes info = PasswordAuthInfo();
         CRYPT_DATA_BLOB infoBlob{static_cast<DWORD>(info.size()), info.data()};
         CRYPT_DATA_BLOB empty{};
         CRYPT_DATA_BLOB extra{};
-        const HRESULT hr = AuthService()->EnrollAuthentication(nvstore::kAuthTypePassword, argv[2],
-                                                               nvstore::kUserIdKindSid, &empty, &infoBlob, &extra);
+        const HRESULT hr = auth->EnrollAuthentication(nvstore::kAuthTypePassword, argv[2], nvstore::kUserIdKindSid,
+                                                      &empty, &infoBlob, &extra);
         ::SecureZeroMemory(info.data(), info.size());
         Check(hr);
         Print(L"publickey " + std::to_wstring(Take(extra).size()));
         return 0;
     }
     if (cmd == L"authenticate" && argc == 3) {
+        const nv::com_ptr<IAuthService> auth = AuthService(); // before the password, as above
         Bytes info = PasswordAuthInfo();
         CRYPT_DATA_BLOB infoBlob{static_cast<DWORD>(info.size()), info.data()};
         CRYPT_DATA_BLOB payload{}, extra{};
         DWORD failed = 0;
-        const HRESULT hr = AuthService()->Authenticate(nvstore::kAuthTypePassword, argv[2], nvstore::kUserIdKindSid,
-                                                       &infoBlob, &payload, &failed, &extra);
+        const HRESULT hr = auth->Authenticate(nvstore::kAuthTypePassword, argv[2], nvstore::kUserIdKindSid, &infoBlob,
+                                              &payload, &failed, &extra);
         ::SecureZeroMemory(info.data(), info.size());
         Check(hr);
         Take(extra);
