@@ -106,11 +106,11 @@ protected:
         nvframe::g_conversionLockWaitMs = m_savedWait;
         TraceCaptureTest::TearDown();
     }
-    void FillDatabase()
+    void FillDatabase(REGSAM view = kView32)
     {
-        SetString(kDb, L"Version", L"1.0", kView32);
-        SetDword(kDb, L"Flags", 7, kView32);
-        SetString(L"SOFTWARE\\Norvane\\DB\\Data\\Users\\S-1-5-21-7-8-9-1001", L"Name", L"alice", kView32);
+        SetString(kDb, L"Version", L"1.0", view);
+        SetDword(kDb, L"Flags", 7, view);
+        SetString(L"SOFTWARE\\Norvane\\DB\\Data\\Users\\S-1-5-21-7-8-9-1001", L"Name", L"alice", view);
     }
 
     DWORD m_savedWait = 0;
@@ -160,7 +160,7 @@ TEST_F(ConversionLockTest, ReleasedWithinTheWaitConvertGoesOn)
     nvframe::g_conversionLockWaitMs = 20000;
     LockHolder holder;
     ASSERT_TRUE(holder.ok());
-    holder.ReleaseAfter(300);
+    holder.ReleaseAfter(1500);
 
     EXPECT_EQ(S_OK, converter.Convert());
     EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Convert", "do_Cleanup"}), converter.calls);
@@ -247,6 +247,47 @@ TEST_F(ConversionLockTest, LockOfAHolderThatEndedWithoutReleasingItIsTakenOver)
         << trace.Dump();
 }
 
+// Another thread of the same process calling into the same converter waits for the
+// first as another process would: the converter's count of its locks is per thread.
+TEST_F(ConversionLockTest, SecondThreadOnTheSameConverterWaitsForTheFirst)
+{
+    FillDatabase();
+    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    nvframe::g_conversionLockWaitMs = 200;
+    nv::unique_handle_null inside(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    nv::unique_handle_null goOn(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    converter.convertWork = [&] {
+        ::SetEvent(inside.get());
+        ::WaitForSingleObject(goOn.get(), 30000);
+    };
+    HRESULT first = E_FAIL;
+    std::thread converting([&] { first = converter.Convert(); });
+    ASSERT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(inside.get(), 30000));
+
+    EXPECT_EQ(nvframe::NV_E_CONVERSION_BUSY, converter.Cleanup());
+    ::SetEvent(goOn.get());
+    converting.join();
+    EXPECT_EQ(S_OK, first);
+    EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Convert", "do_Cleanup"}), converter.calls);
+}
+
+// A Rollback deletes and restores the key the converter's handle named; what the
+// converter remembers of the database is read through a handle opened anew, so its
+// next Convert is not taken for another converter's work.
+TEST_F(ConversionLockTest, ConvertAfterItsOwnRollbackRunsAgain)
+{
+    // In the library's own view, where Rollback deletes and restores it.
+    FillDatabase(kView64);
+    TestConverter converter(0, 0, L"DB-v2.0");
+    converter.convertResult = static_cast<HRESULT>(0x80041234);
+    EXPECT_EQ(static_cast<HRESULT>(0x80041234), converter.Convert());
+    converter.convertResult = S_OK;
+    EXPECT_EQ(S_OK, converter.Convert());
+    EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Convert", "do_Rollback", "do_Backup", "do_Convert",
+                                        "do_Cleanup"}),
+              converter.calls);
+}
+
 // A mutex of the lock's name that another account made first (here: owned by
 // Users, open to Everyone, held) stalls nobody: the conversion goes on without it.
 TEST_F(ConversionLockTest, LockMadeByAnotherAccountIsNotWaitedFor)
@@ -305,11 +346,12 @@ TEST(ConversionLockOwnerTest, OnlySystemAdministratorsAndThisAccountAreTrusted)
 TEST_F(ConversionLockTest, TheLockIsForSystemAndAdministratorsOnly)
 {
     NVTraceNS::CTraceScope scope("test", 0);
-    unsigned depth = 0;
-    nvframe::CConversionLock lock(scope, depth);
+    nvframe::LockCount count;
+    nvframe::CConversionLock lock(scope, count);
     ASSERT_EQ(S_OK, lock.Result());
     EXPECT_TRUE(lock.Outermost());
-    EXPECT_EQ(1u, depth);
+    EXPECT_EQ(1u, count.depth);
+    EXPECT_EQ(::GetCurrentThreadId(), count.thread);
     nv::unique_handle_null mutex(::OpenMutexW(READ_CONTROL, FALSE, nvframe::kConversionMutexName));
     ASSERT_TRUE(mutex);
     PSECURITY_DESCRIPTOR sd = nullptr;
@@ -320,6 +362,7 @@ TEST_F(ConversionLockTest, TheLockIsForSystemAndAdministratorsOnly)
     ASSERT_TRUE(::ConvertSecurityDescriptorToStringSecurityDescriptorW(sd, SDDL_REVISION_1,
                                                                        DACL_SECURITY_INFORMATION, &text, nullptr));
     nv::unique_hlocal textOwner(text);
+    // As Wine reads it back; Windows maps the generic right to the mutex's own bits.
     EXPECT_EQ(std::wstring(L"(A;;GA;;;SY)(A;;GA;;;BA)"), DaclEntries(text));
 }
 
@@ -420,8 +463,9 @@ TEST_F(TwoConvertersTest, TwoProcessesConvertingOneDatabaseMoveEveryUserOnce)
                 ::Sleep(50);
         }
         ASSERT_TRUE(loaded) << "the children did not load the library within 30 s";
-        // Both are past their load; the first Convert of each now meets the held lock.
-        ::Sleep(500);
+        // Both are past their load (each makes its converter while the library loads);
+        // the first Convert of each now meets the held lock.
+        ::Sleep(1500);
         holder.Release();
         codes[0] = first.Wait(120000);
         codes[1] = second.Wait(120000);

@@ -70,10 +70,28 @@ std::wstring CBaseConverter::ReadDatabaseState()
     return state + (mainDb ? L", MainDB present" : L", no MainDB");
 }
 
-void CBaseConverter::RememberDatabaseState(const nvframe::CConversionLock& lock)
+void CBaseConverter::RememberDatabaseState(const nvframe::CConversionLock& lock, NVTraceNS::CTraceScope& scope)
 {
-    if (lock.Outermost() && SUCCEEDED(lock.Result()))
-        m_wstrSeenState = ReadDatabaseState();
+    if (!lock.Outermost() || FAILED(lock.Result()))
+        return;
+    // A Rollback of this operation deleted and restored the key the handle named.
+    ReopenDatabaseKey(scope);
+    m_wstrSeenState = ReadDatabaseState();
+}
+
+HRESULT CBaseConverter::ReopenDatabaseKey(NVTraceNS::CTraceScope& scope)
+{
+    // Another process may have deleted and restored the database key since this
+    // converter last used it: a handle opened before would name the deleted key.
+    const LONG r = m_dbKey.Open(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, kDbAccess | m_samDbView);
+    if (r == ERROR_SUCCESS)
+        return S_OK;
+    NVTraceNS::TraceResult(scope, "database key opened again", nv::HResultFromWin32(r));
+    if (r == ERROR_FILE_NOT_FOUND) {
+        m_dbKey.Close(); // gone: no handle to a deleted key
+        return S_OK;
+    }
+    return nv::HResultFromWin32(r);
 }
 
 HRESULT CBaseConverter::AfterLock(const nvframe::CConversionLock& lock, NVTraceNS::CTraceScope& scope,
@@ -81,11 +99,9 @@ HRESULT CBaseConverter::AfterLock(const nvframe::CConversionLock& lock, NVTraceN
 {
     if (FAILED(lock.Result()) || !lock.Outermost())
         return lock.Result();
-    // Another process may have deleted and restored the database key since this
-    // converter last used it: a handle opened before would name the deleted key.
-    m_dbKey.Open(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, kDbAccess | m_samDbView);
-    if (!forConvert)
-        return S_OK;
+    const HRESULT reopened = ReopenDatabaseKey(scope);
+    if (FAILED(reopened) || !forConvert)
+        return reopened;
     const std::wstring now = ReadDatabaseState();
     if (now == m_wstrSeenState || StillConverts())
         return S_OK;
@@ -120,7 +136,7 @@ HRESULT CBaseConverter::do_Cleanup() { return S_OK; }
 HRESULT CBaseConverter::Convert()
 {
     NVTraceNS::CTraceScope scope("CBaseConverter::Convert", 0);
-    nvframe::CConversionLock lock(scope, m_lockDepth);
+    nvframe::CConversionLock lock(scope, m_locks);
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
         nv::ThrowIfFailed(AfterLock(lock, scope, true));
         HRESULT step = Backup();
@@ -137,7 +153,7 @@ HRESULT CBaseConverter::Convert()
     });
     // This operation's own changes are not another converter's.
     if (hr != nvframe::NV_E_CONVERSION_BUSY)
-        RememberDatabaseState(lock);
+        RememberDatabaseState(lock, scope);
     return NVTraceNS::TraceReturn(scope, hr);
 }
 
@@ -172,7 +188,7 @@ std::wstring CBaseConverter::ReadBackupPath()
 HRESULT CBaseConverter::Rollback()
 {
     NVTraceNS::CTraceScope scope("CBaseConverter::Rollback", 0);
-    nvframe::CConversionLock lock(scope, m_lockDepth);
+    nvframe::CConversionLock lock(scope, m_locks);
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
         nv::ThrowIfFailed(AfterLock(lock, scope, false));
         HRESULT result;
@@ -202,14 +218,14 @@ HRESULT CBaseConverter::Rollback()
     });
     // This operation's own changes are not another converter's.
     if (hr != nvframe::NV_E_CONVERSION_BUSY)
-        RememberDatabaseState(lock);
+        RememberDatabaseState(lock, scope);
     return NVTraceNS::TraceReturn(scope, hr);
 }
 
 HRESULT CBaseConverter::Cleanup()
 {
     NVTraceNS::CTraceScope scope("CBaseConverter::Cleanup", 0);
-    nvframe::CConversionLock lock(scope, m_lockDepth);
+    nvframe::CConversionLock lock(scope, m_locks);
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
         nv::ThrowIfFailed(AfterLock(lock, scope, false));
         HRESULT result;
@@ -233,7 +249,7 @@ HRESULT CBaseConverter::Cleanup()
     });
     // This operation's own changes are not another converter's.
     if (hr != nvframe::NV_E_CONVERSION_BUSY)
-        RememberDatabaseState(lock);
+        RememberDatabaseState(lock, scope);
     return NVTraceNS::TraceReturn(scope, hr);
 }
 

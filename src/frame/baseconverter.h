@@ -23,9 +23,7 @@
 #include <string>
 #include "common/regkey.h"
 
-namespace nvframe {
-class CConversionLock;
-}
+#include "frame/conversionlock.h"
 namespace NVTraceNS {
 class CTraceScope;
 }
@@ -98,10 +96,13 @@ private:
     // already. A database another party replaced by another one of the same format
     // is converted as the format has it.
     bool StillConverts();
-    void RememberDatabaseState(const nvframe::CConversionLock& lock);
+    void RememberDatabaseState(const nvframe::CConversionLock& lock, NVTraceNS::CTraceScope& scope);
+    // Opens the database key anew; a key that is gone leaves no handle (S_OK), any
+    // other failure is the answer.
+    HRESULT ReopenDatabaseKey(NVTraceNS::CTraceScope& scope);
     REGSAM m_samDbView;
     std::wstring m_wstrSeenState;
-    unsigned m_lockDepth = 0;
+    nvframe::LockCount m_locks;
 
 protected:
     std::wstring m_wstrTargetVersion;

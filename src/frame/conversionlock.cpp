@@ -4,6 +4,8 @@
 #include <sddl.h>
 #include <vector>
 
+#include "common/keysecurity.h"
+
 namespace nvframe {
 
 DWORD g_conversionLockWaitMs = 30000;
@@ -35,25 +37,42 @@ std::vector<BYTE> TokenSid(HANDLE token, TOKEN_INFORMATION_CLASS cls) noexcept
     }
 }
 
-// The owner of the lock someone made before us is one we trust: LocalSystem,
+// Whether the owner of the lock someone made before us is one we trust: LocalSystem,
 // Administrators, or this process's own account, as its user or as the owner its
 // token gives new objects (Wine gives them the primary group, not Administrators).
-bool OwnerIsTrusted(HANDLE mutex) noexcept
+// S_OK trusted, S_FALSE not; a failure to read it is that failure.
+HRESULT OwnerIsTrusted(HANDLE mutex) noexcept
 {
     PSID owner = nullptr;
     PSECURITY_DESCRIPTOR sd = nullptr;
-    if (::GetSecurityInfo(mutex, SE_KERNEL_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr, nullptr, nullptr,
-                          &sd) != ERROR_SUCCESS)
-        return false;
+    const DWORD r = ::GetSecurityInfo(mutex, SE_KERNEL_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr, nullptr,
+                                      nullptr, &sd);
+    if (r != ERROR_SUCCESS)
+        return HRESULT_FROM_WIN32(r);
     nv::unique_hlocal sdOwner(sd);
     nv::unique_handle_null token;
-    if (!::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, token.put()))
-        return false;
+    if (!::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, token.put())) {
+        const DWORD error = ::GetLastError();
+        return error ? HRESULT_FROM_WIN32(error) : E_UNEXPECTED;
+    }
     const std::vector<BYTE> user = TokenSid(token.get(), TokenUser);
     const std::vector<BYTE> defaultOwner = TokenSid(token.get(), TokenOwner);
-    PSID userSid = user.empty() ? nullptr : reinterpret_cast<const TOKEN_USER*>(user.data())->User.Sid;
-    PSID ownerSid = defaultOwner.empty() ? nullptr : reinterpret_cast<const TOKEN_OWNER*>(defaultOwner.data())->Owner;
-    return IsTrustedLockOwner(owner, userSid) || IsTrustedLockOwner(owner, ownerSid);
+    if (user.empty() || defaultOwner.empty())
+        return E_UNEXPECTED;
+    PSID userSid = reinterpret_cast<const TOKEN_USER*>(user.data())->User.Sid;
+    PSID ownerSid = reinterpret_cast<const TOKEN_OWNER*>(defaultOwner.data())->Owner;
+    return IsTrustedLockOwner(owner, userSid) || IsTrustedLockOwner(owner, ownerSid) ? S_OK : S_FALSE;
+}
+
+// Whether the caller may go on when the mutex someone made keeps it out: only
+// LocalSystem or an administrator, whom a lock of ours would have let in.
+bool CallerIsPrivileged() noexcept
+{
+    try {
+        return nv::TokenIsSystemOrAdministrator();
+    } catch (...) {
+        return false;
+    }
 }
 
 } // namespace
@@ -66,15 +85,20 @@ bool IsTrustedLockOwner(PSID owner, PSID self) noexcept
            (self && ::IsValidSid(self) && ::EqualSid(owner, self));
 }
 
-CConversionLock::CConversionLock(NVTraceNS::CTraceScope& scope, unsigned& depth) noexcept : m_depth(depth)
+CConversionLock::CConversionLock(NVTraceNS::CTraceScope& scope, LockCount& count) noexcept : m_count(count)
 {
-    m_outermost = m_depth == 0;
+    const DWORD thread = ::GetCurrentThreadId();
+    // Nested only on the thread that holds the outer lock; another thread of this
+    // process takes the mutex, which makes it wait for the first.
+    m_outermost = m_count.depth == 0 || m_count.thread != thread;
     if (m_outermost)
         Take(scope);
     else
         m_hr = S_OK;
-    if (SUCCEEDED(m_hr)) {
-        ++m_depth;
+    // Another thread that got the mutex after the first let go finds the count at 0.
+    if (SUCCEEDED(m_hr) && (m_count.depth == 0 || m_count.thread == thread)) {
+        m_count.thread = thread;
+        ++m_count.depth;
         m_counted = true;
     }
 }
@@ -93,7 +117,13 @@ void CConversionLock::Take(NVTraceNS::CTraceScope& scope) noexcept
     const DWORD created = ::GetLastError();
     if (!m_mutex) {
         if (created == ERROR_ACCESS_DENIED) {
-            // Made by an account that keeps us out: not a lock of ours.
+            if (!CallerIsPrivileged()) {
+                // Ours keeps out whoever is not an administrator.
+                m_hr = E_ACCESSDENIED;
+                NVTraceNS::Trace(scope, 0, "conversion lock %ls cannot be opened", kConversionMutexName);
+                return;
+            }
+            // Made by an account that keeps administrators out: not a lock of ours.
             NVTraceNS::Trace(scope, 0, "conversion lock %ls belongs to another account: going on without it",
                              kConversionMutexName);
             m_hr = S_OK;
@@ -103,12 +133,20 @@ void CConversionLock::Take(NVTraceNS::CTraceScope& scope) noexcept
         NVTraceNS::Trace(scope, 0, "conversion lock %ls cannot be opened", kConversionMutexName);
         return;
     }
-    if (created == ERROR_ALREADY_EXISTS && !OwnerIsTrusted(m_mutex.get())) {
-        NVTraceNS::Trace(scope, 0, "conversion lock %ls belongs to another account: going on without it",
-                         kConversionMutexName);
-        m_mutex.reset();
-        m_hr = S_OK;
-        return;
+    if (created == ERROR_ALREADY_EXISTS) {
+        const HRESULT trusted = OwnerIsTrusted(m_mutex.get());
+        if (FAILED(trusted)) {
+            m_hr = trusted;
+            NVTraceNS::Trace(scope, 0, "the owner of conversion lock %ls cannot be read", kConversionMutexName);
+            return;
+        }
+        if (trusted == S_FALSE) {
+            NVTraceNS::Trace(scope, 0, "conversion lock %ls belongs to another account: going on without it",
+                             kConversionMutexName);
+            m_mutex.reset();
+            m_hr = S_OK;
+            return;
+        }
     }
     DWORD wait = ::WaitForSingleObject(m_mutex.get(), 0);
     if (wait == WAIT_TIMEOUT) {
@@ -142,7 +180,7 @@ void CConversionLock::Take(NVTraceNS::CTraceScope& scope) noexcept
 CConversionLock::~CConversionLock()
 {
     if (m_counted)
-        --m_depth;
+        --m_count.depth;
     if (m_held)
         ::ReleaseMutex(m_mutex.get());
 }

@@ -9,15 +9,18 @@
 // releasing it (a killed process) leaves it abandoned: the next caller owns it and
 // goes on.
 //
-// The converter counts the locks it holds (its operations run on one thread): the
-// Rollback or Cleanup that Convert runs itself only counts, with no system call that
-// could fail between a finished conversion and its clean-up.
+// The converter counts the locks it holds and on which thread: the Rollback or
+// Cleanup that Convert runs itself on that thread only counts, with no system call
+// that could fail between a finished conversion and its clean-up. Another thread of
+// the same process takes the mutex, and so waits for the first.
 //
 // The mutex is created with a DACL for LocalSystem and Administrators only. Any
 // account may create a mutex of that name first; one whose owner is not LocalSystem,
-// Administrators or this process's own account, or that does not let us open it, is
-// not ours: the operation goes on without the lock (traced) rather than let another
-// account stall every installer.
+// Administrators or this process's own account, or that does not let an administrator
+// or LocalSystem open it, is not ours: the operation goes on without the lock (traced)
+// rather than let another account stall every installer. A caller without admin rights
+// that may not open the mutex fails with E_ACCESSDENIED; an owner that cannot be read
+// fails the operation with that error.
 #pragma once
 #include <windows.h>
 #include "common/handles.h"
@@ -38,11 +41,17 @@ extern DWORD g_conversionLockWaitMs;
 // runs as (self).
 bool IsTrustedLockOwner(PSID owner, PSID self) noexcept;
 
+// The locks one converter holds: how many, and on which thread.
+struct LockCount {
+    unsigned depth = 0;
+    DWORD thread = 0;
+};
+
 class CConversionLock {
 public:
-    // depth: the number of locks the converter holds; the lock counts itself in it
-    // while it lives, and only the outermost one takes the mutex.
-    CConversionLock(NVTraceNS::CTraceScope& scope, unsigned& depth) noexcept;
+    // count: the converter's; the lock counts itself in it while it lives, and only
+    // the outermost one on a thread takes the mutex.
+    CConversionLock(NVTraceNS::CTraceScope& scope, LockCount& count) noexcept;
     ~CConversionLock();
     CConversionLock(const CConversionLock&) = delete;
     CConversionLock& operator=(const CConversionLock&) = delete;
@@ -55,7 +64,7 @@ public:
 private:
     void Take(NVTraceNS::CTraceScope& scope) noexcept;
 
-    unsigned& m_depth;
+    LockCount& m_count;
     nv::unique_handle_null m_mutex;
     HRESULT m_hr = E_UNEXPECTED;
     bool m_counted = false;
