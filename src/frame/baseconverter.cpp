@@ -86,11 +86,13 @@ HRESULT CBaseConverter::ReopenDatabaseKey(NVTraceNS::CTraceScope& scope)
     const LONG r = m_dbKey.Open(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, kDbAccess | m_samDbView);
     if (r == ERROR_SUCCESS)
         return S_OK;
-    NVTraceNS::TraceResult(scope, "database key opened again", nv::HResultFromWin32(r));
     if (r == ERROR_FILE_NOT_FOUND) {
-        m_dbKey.Close(); // gone: no handle to a deleted key
+        // Gone (or never there, as the constructor's trace says): no handle to a
+        // deleted key, and the operation goes on as it does without a database.
+        m_dbKey.Close();
         return S_OK;
     }
+    NVTraceNS::TraceResult(scope, "database key opened again", nv::HResultFromWin32(r));
     return nv::HResultFromWin32(r);
 }
 
