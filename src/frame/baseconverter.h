@@ -22,11 +22,7 @@
 #include <windows.h>
 #include <string>
 #include "common/regkey.h"
-
 #include "frame/conversionlock.h"
-namespace NVTraceNS {
-class CTraceScope;
-}
 
 class CBaseConverter {
 public:

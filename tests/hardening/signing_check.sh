@@ -11,22 +11,7 @@ source "$(dirname "$0")/../../scripts/signing.sh"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 failures=0
-check() { # check DESCRIPTION COMMAND...: the command must succeed
-    local what=$1; shift
-    if "$@" >"$work/out.txt" 2>&1; then
-        echo "ok:   $what"
-    else
-        echo "FAIL: $what"; sed 's/^/      /' "$work/out.txt"; failures=$((failures + 1))
-    fi
-}
-refused() { # refused DESCRIPTION COMMAND...: the command must fail
-    local what=$1; shift
-    if "$@" >"$work/out.txt" 2>&1; then
-        echo "FAIL: $what (verification passed)"; sed 's/^/      /' "$work/out.txt"; failures=$((failures + 1))
-    else
-        echo "ok:   $what"
-    fi
-}
+source "$(dirname "${BASH_SOURCE[0]}")/check_steps.sh"
 
 nv_sign_use_test_identity "$work/identity" || { echo "FAIL: openssl could not make the test certificate"; exit 1; }
 mkdir -p "$out"
