@@ -83,6 +83,49 @@ void WriteKillRecord(const CallRecord& r)
     CloseHandle(f);
 }
 
+bool IsAllocation(const CatalogEntry& e) { return e.style == FailStyle::NullPointer; }
+
+CallRecord MakeRecord(std::uint64_t number, const std::string& function, bool allocation, ULONG_PTR returnAddress)
+{
+    CallRecord r;
+    r.number = number;
+    r.function = function;
+    r.allocation = allocation;
+    CaptureFrames(returnAddress, &r.frames);
+    return r;
+}
+
+bool DecideCore(const std::string& function, bool allocation, ULONG_PTR returnAddress)
+{
+    const std::uint64_t number = ++g_calls;
+    switch (g_settings.mode) {
+    case Mode::Count:
+        g_records.push_back(MakeRecord(number, function, allocation, returnAddress));
+        return false;
+    case Mode::Kill:
+        if (number == g_settings.n) {
+            WriteKillRecord(MakeRecord(number, function, allocation, returnAddress));
+            TerminateProcess(GetCurrentProcess(), kKilledExitCode);
+        }
+        return false;
+    case Mode::Once:
+        if (number != g_settings.n)
+            return false;
+        break;
+    case Mode::From:
+        if (number < g_settings.n || allocation)
+            return false;
+        break;
+    case Mode::OomFrom:
+        if (number < g_settings.n || !allocation)
+            return false;
+        break;
+    }
+    if (g_failed++ == 0)
+        g_records.push_back(MakeRecord(number, function, allocation, returnAddress));
+    return true;
+}
+
 // Called by every thunk: 0 passes the call on, 1 fails it with g_failValue.
 extern "C" int Decide(int index, ULONG_PTR* regs, ULONG_PTR* entryStack)
 {
@@ -91,42 +134,11 @@ extern "C" int Decide(int index, ULONG_PTR* regs, ULONG_PTR* entryStack)
         return 0;
     const DWORD lastError = GetLastError();
     const Hook& hook = g_hooks[static_cast<size_t>(index)];
-    const std::uint64_t number = ++g_calls;
-    const Mode mode = g_settings.mode;
-    if (mode == Mode::Count) {
-        CallRecord r;
-        r.number = number;
-        r.function = hook.name;
-        CaptureFrames(entryStack[0], &r.frames);
-        g_records.push_back(std::move(r));
-        SetLastError(lastError);
-        return 0;
-    }
-    if (mode == Mode::Kill) {
-        if (number == g_settings.n) {
-            CallRecord r;
-            r.number = number;
-            r.function = hook.name;
-            CaptureFrames(entryStack[0], &r.frames);
-            WriteKillRecord(r);
-            TerminateProcess(GetCurrentProcess(), kKilledExitCode);
-        }
-        SetLastError(lastError);
-        return 0;
-    }
-    const bool fail = mode == Mode::Once ? number == g_settings.n : number >= g_settings.n;
-    if (!fail) {
-        SetLastError(lastError);
-        return 0;
-    }
-    if (g_failed++ == 0) {
-        CallRecord r;
-        r.number = number;
-        r.function = hook.name;
-        CaptureFrames(entryStack[0], &r.frames);
-        g_records.push_back(std::move(r));
-    }
     const CatalogEntry& e = *hook.entry;
+    if (!DecideCore(hook.name, IsAllocation(e), entryStack[0])) {
+        SetLastError(lastError);
+        return 0;
+    }
     if (std::strcmp(e.function, "CoCreateInstance") == 0 || std::strcmp(e.function, "CoGetClassObject") == 0) {
         // Their fifth argument, the out pointer, is cleared as the real calls do.
         void** out = reinterpret_cast<void**>(entryStack[5]);
@@ -268,12 +280,23 @@ bool PatchSlot(void** slot, void* target)
 
 } // namespace
 
+bool DecideCall(const std::string& function, bool allocation, ULONG_PTR returnAddress)
+{
+    if (!g_armed)
+        return false;
+    const DWORD lastError = GetLastError();
+    const bool fail = DecideCore(function, allocation, returnAddress);
+    SetLastError(lastError);
+    return fail;
+}
+
 const char* ModeName(Mode mode)
 {
     switch (mode) {
     case Mode::Count: return "count";
     case Mode::Once: return "once";
     case Mode::From: return "from";
+    case Mode::OomFrom: return "oom-from";
     case Mode::Kill: return "kill";
     }
     return "?";
@@ -281,7 +304,7 @@ const char* ModeName(Mode mode)
 
 bool ParseMode(const std::string& text, Mode* mode)
 {
-    for (Mode m : {Mode::Count, Mode::Once, Mode::From, Mode::Kill})
+    for (Mode m : {Mode::Count, Mode::Once, Mode::From, Mode::OomFrom, Mode::Kill})
         if (text == ModeName(m)) {
             *mode = m;
             return true;
@@ -376,7 +399,7 @@ std::vector<std::string> HookedImports()
 
 std::string FormatRecord(const CallRecord& r)
 {
-    std::string s = "call " + std::to_string(r.number) + " " + r.function + " ";
+    std::string s = "call " + std::to_string(r.number) + " " + r.function + (r.allocation ? " alloc " : " api ");
     char hex[16];
     for (size_t i = 0; i < r.frames.size(); ++i) {
         std::snprintf(hex, sizeof(hex), "%s%x", i ? "," : "", r.frames[i]);
@@ -390,9 +413,11 @@ std::string FormatRecord(const CallRecord& r)
 bool ParseRecord(const std::string& line, CallRecord* r)
 {
     std::istringstream in(line);
-    std::string word, frames;
-    if (!(in >> word) || word != "call" || !(in >> r->number >> r->function >> frames))
+    std::string word, kind, frames;
+    if (!(in >> word) || word != "call" || !(in >> r->number >> r->function >> kind >> frames) ||
+        (kind != "alloc" && kind != "api"))
         return false;
+    r->allocation = kind == "alloc";
     r->frames.clear();
     if (frames == "-")
         return true;

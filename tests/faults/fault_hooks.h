@@ -19,10 +19,13 @@
 namespace nvfaults {
 
 enum class Mode {
-    Count, // pass every call, record each
-    Once,  // fail call N only
-    From,  // fail call N and every later one
-    Kill,  // end the process at call N
+    Count,   // pass every call, record each
+    Once,    // fail call N only
+    From,    // fail call N and every later call that is not an allocation: the registry,
+             // crypto and COM stay broken while memory works (a locked hive, a broken
+             // provider)
+    OomFrom, // fail call N and every later allocation; the other calls work
+    Kill,    // end the process at call N
 };
 
 const char* ModeName(Mode mode);
@@ -33,7 +36,8 @@ constexpr UINT kKilledExitCode = 0x4B494C4C;
 
 struct CallRecord {
     std::uint64_t number = 0;
-    std::string function; // "dll!name"
+    std::string function; // "dll!name", or "store!Interface::Method" at the store boundary
+    bool allocation = false; // an allocation (the "oom-from" mode fails these from N on)
     std::vector<std::uint32_t> frames; // module-relative return addresses, innermost first
 };
 
@@ -50,6 +54,12 @@ struct HookSettings {
 // the module's GetProcAddress is patched to hand out those hooks instead of the
 // functions, so calls it makes through addresses it looked up are covered as well.
 bool Install(HMODULE module, const HookSettings& settings, std::string* error);
+
+// The one decision for a numbered call, for the import thunks and for any other call
+// site the harness counts (the store boundary): true when the call is to fail. In the
+// kill mode, the process ends here at call N. returnAddress is the caller's, in the
+// module; it starts the call chain recorded for the report.
+bool DecideCall(const std::string& function, bool allocation, ULONG_PTR returnAddress);
 void Arm();
 void Disarm();
 
@@ -58,7 +68,7 @@ std::uint64_t FailedCount();
 // Every counted call (count mode), or the first failed call (failing modes).
 const std::vector<CallRecord>& Records();
 
-// One line of the report file: "call <n> <function> <rva>,<rva>,...".
+// One line of the report file: "call <n> <function> alloc|api <rva>,<rva>,...".
 std::string FormatRecord(const CallRecord& r);
 bool ParseRecord(const std::string& line, CallRecord* r);
 
