@@ -3,6 +3,7 @@
 #include <aclapi.h>
 #include <cstdlib>
 #include <memory>
+#include <new>
 #include <vector>
 
 #include "common/hresult.h"
@@ -76,7 +77,13 @@ void CBaseConverter::RememberDatabaseState(const nvframe::CConversionLock& lock,
         return;
     // A Rollback of this operation deleted and restored the key the handle named.
     ReopenDatabaseKey(scope);
-    m_wstrSeenState = ReadDatabaseState();
+    try {
+        m_wstrSeenState = ReadDatabaseState();
+    } catch (const std::bad_alloc&) {
+        // Out of memory after the operation: nothing is remembered, so the next
+        // operation judges the database by what it finds (StillConverts).
+        m_wstrSeenState.clear();
+    }
 }
 
 HRESULT CBaseConverter::ReopenDatabaseKey(NVTraceNS::CTraceScope& scope)

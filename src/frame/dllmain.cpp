@@ -7,12 +7,14 @@
 #include "com/nvcommodule.h"
 #include "com/objectmap.h"
 #include "frame/dbconverter.h"
+#include "frame/oomreserve.h"
 #include "trace/trace.h"
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE hInstance, DWORD reason, LPVOID /*reserved*/)
 {
     switch (reason) {
     case DLL_PROCESS_ATTACH:
+        nvframe::PrepareThreadForFailures();
         NVTraceNS::SetModuleHandle(hInstance);
         g_NVComModule.Init(g_NVObjectMap, hInstance, &nvcom::kLIBID_NVDBConvLib);
         ::DisableThreadLibraryCalls(hInstance);

@@ -4,21 +4,25 @@
 
 #include "com/nvcommodule.h"
 #include "frame/dbconverter.h"
+#include "frame/oomreserve.h"
 
 extern "C" {
 
 HRESULT __stdcall Convert()
 {
+    nvframe::PrepareThreadForFailures();
     return g_DBConverter.Convert();
 }
 
 HRESULT __stdcall Rollback()
 {
+    nvframe::PrepareThreadForFailures();
     return g_DBConverter.Rollback();
 }
 
 HRESULT __stdcall Cleanup()
 {
+    nvframe::PrepareThreadForFailures();
     return g_DBConverter.Cleanup();
 }
 
