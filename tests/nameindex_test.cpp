@@ -186,6 +186,36 @@ TEST_F(NameIndexTest, EnumerationErrorOnOneSubkeySkipsItAndTheOthersAreStillList
               list);
 }
 
+// A locked hive fails every index: the listing would never reach "no more items".
+// It ends after a bounded run of failures with the last error, and a run of failures
+// shorter than the bound is still skipped.
+TEST_F(NameIndexTest, ListingThatFailsOnEveryIndexEndsWithTheLastErrorAfterABoundedRun)
+{
+    CreateKeyPath(Sub(L"Cache\\D0").c_str(), kView32);
+    OpenDb();
+    DWORD calls = 0;
+    auto locked = [&](HKEY, DWORD, wchar_t*, DWORD*) -> LONG {
+        ++calls;
+        return ERROR_ACCESS_DENIED;
+    };
+    nv::NameIndexMap map;
+    nv::PolicyKeyList list;
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED), Collect(map, list, locked));
+    EXPECT_EQ(nv::kMaxFailedSubkeysInARow, calls);
+
+    // One short of the bound, then the real listing: every domain is still found.
+    calls = 0;
+    auto flaky = [&](HKEY key, DWORD index, wchar_t* name, DWORD* cch) -> LONG {
+        if (++calls < nv::kMaxFailedSubkeysInARow)
+            return ERROR_ACCESS_DENIED;
+        return nv::EnumRegistrySubkey(key, index - (nv::kMaxFailedSubkeysInARow - 1), name, cch);
+    };
+    map.clear();
+    list.clear();
+    ASSERT_EQ(S_OK, Collect(map, list, flaky));
+    EXPECT_EQ(L"Cache\\D0\\Users\\Index\\NameIndex", map.at(L"D0"));
+}
+
 TEST_F(NameIndexTest, ContainersAreFilledNotCleared)
 {
     CreateKeyPath(Sub(L"Cache\\DOM").c_str(), kView32);

@@ -37,6 +37,7 @@ void CollectNameIndexesAndPolicies(HKEY hDatabase, REGSAM samView, const SubkeyE
         CNVRegKey cache;
         // No Cache key just means no cached domains.
         if (cache.Open(hDatabase, kCacheKeyName, KEY_READ | samView) == ERROR_SUCCESS) {
+            DWORD failedInARow = 0;
             for (DWORD index = 0;; ++index) {
                 wchar_t name[kRegistryNameBufferChars];
                 DWORD cch = kRegistryNameBufferChars - 1;
@@ -44,8 +45,15 @@ void CollectNameIndexesAndPolicies(HKEY hDatabase, REGSAM samView, const SubkeyE
                 if (r == ERROR_NO_MORE_ITEMS)
                     break;
                 // A subkey that cannot be listed is left out; the others still count.
-                if (r != ERROR_SUCCESS)
+                // A listing that fails on every index (a hive that stays locked) never
+                // reaches "no more items": after a long run of failures it ends the
+                // conversion with the last error instead of looping for ever.
+                if (r != ERROR_SUCCESS) {
+                    if (++failedInARow >= kMaxFailedSubkeysInARow)
+                        ThrowHr(HResultFromWin32(r));
                     continue;
+                }
+                failedInARow = 0;
                 const std::wstring store = cachePrefix + name;
                 nameIndexes[name] = store + kStoreNameIndexSuffix;
                 policyKeys.push_back(store + kStorePoliciesSuffix);

@@ -45,9 +45,13 @@ LONG EnumRegistrySubkey(HKEY key, DWORD index, wchar_t* name, DWORD* cchName) no
 // size the system asks for; a failure that names no larger size is raised.
 std::wstring GetNetBiosComputerName(DWORD initialChars = MAX_PATH);
 
+// Cache listings that fail on this many indexes in a row end with the last error.
+constexpr DWORD kMaxFailedSubkeysInARow = 1024;
+
 // Fills the map and the list from the database key: every subkey of Cache (an
-// enumeration error on one index skips that index), then the machine's store under
-// the computer's name, which replaces a domain of the same name.
+// enumeration error on one index skips that index; kMaxFailedSubkeysInARow of them in
+// a row raise the last one), then the machine's store under the computer's name,
+// which replaces a domain of the same name.
 void CollectNameIndexesAndPolicies(HKEY hDatabase, REGSAM samView, const SubkeyEnumerator& enumSubkey,
                                    NameIndexMap& nameIndexes, PolicyKeyList& policyKeys);
 
