@@ -83,6 +83,8 @@ void WriteKillRecord(const CallRecord& r)
     CloseHandle(f);
 }
 
+constexpr std::uint64_t kMaxFailedRecords = 20000;
+
 bool IsAllocation(const CatalogEntry& e) { return e.style == FailStyle::NullPointer; }
 
 CallRecord MakeRecord(std::uint64_t number, const std::string& function, bool allocation, ULONG_PTR returnAddress)
@@ -121,7 +123,9 @@ bool DecideCore(const std::string& function, bool allocation, ULONG_PTR returnAd
             return false;
         break;
     }
-    if (g_failed++ == 0)
+    // Every failed call is kept (up to a bound): the sweep charges each loss it
+    // excuses to one failed call.
+    if (g_failed++ < kMaxFailedRecords)
         g_records.push_back(MakeRecord(number, function, allocation, returnAddress));
     return true;
 }

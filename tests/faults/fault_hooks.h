@@ -65,7 +65,7 @@ void Disarm();
 
 std::uint64_t CallCount();
 std::uint64_t FailedCount();
-// Every counted call (count mode), or the first failed call (failing modes).
+// Every counted call (count mode), or every failed call, in order (failing modes).
 const std::vector<CallRecord>& Records();
 
 // One line of the report file: "call <n> <function> alloc|api <rva>,<rva>,...".

@@ -1,5 +1,6 @@
 #include "fault_world.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "converter3/conversion_policy.h"
@@ -241,6 +242,9 @@ Inspection World::Inspect() const
     // Where the backup of that name lives: a 1.0 database keeps it in the 32-bit view.
     const REGSAM backupView = backup == kBackup10Path ? kView32 : kView64;
     out.backupKey = out.backupValue && !backup.empty() && KeyExists(backup.c_str(), backupView);
+    const wchar_t* ownBackup = m_conversion == Conversion::From10 ? kBackup10Path : kBackup20Path;
+    out.backupKeyLeft = KeyExists(ownBackup, kView32) || KeyExists(ownBackup, kView64);
+    GetString(kDbPath, L"Version", kView32, &out.version);
 
     if (m_conversion == Conversion::From10) {
         RegTree now = Snapshot(kDbPath, kView32);
@@ -248,6 +252,7 @@ Inspection World::Inspect() const
         withoutBackup.values.erase(L"|Backup");
         if (m_converted10.exists && withoutBackup == m_converted10) {
             out.converted10 = true;
+            out.converted10KeepingValues = true;
             return out;
         }
         // Once "Version" reads 2.0 the step is done: the values it deletes (16-byte name
@@ -276,6 +281,26 @@ Inspection World::Inspect() const
             if (f.Lost() && !meantToGo && !rewritten)
                 out.users.push_back(f);
         }
+        // Finished, every value of the result there as the step writes it, and nothing
+        // else but values the step meant to delete.
+        bool onlyKept = finished && out.users.empty();
+        auto has = [](const std::vector<std::wstring>& keys, const std::wstring& k) {
+            return std::find(keys.begin(), keys.end(), k) != keys.end();
+        };
+        for (const std::wstring& k : m_converted10.keys)
+            onlyKept &= has(now.keys, k);
+        for (const std::wstring& k : now.keys)
+            onlyKept &= has(m_converted10.keys, k) || has(m_original10.keys, k);
+        for (const auto& [name, value] : m_converted10.values) {
+            auto it = now.values.find(name);
+            onlyKept &= it != now.values.end() && it->second == value;
+        }
+        for (const auto& [name, value] : withoutBackup.values)
+            if (!m_converted10.values.count(name)) {
+                auto original = m_original10.values.find(name);
+                onlyKept &= original != m_original10.values.end() && original->second == value;
+            }
+        out.converted10KeepingValues = onlyKept;
         return out;
     }
 
@@ -290,7 +315,8 @@ Inspection World::Inspect() const
             const std::wstring saved = std::wstring(kBackup20Path) + L"\\Data\\Users\\" + key;
             f.inBackup = Snapshot(saved.c_str(), kView64) == original;
         }
-        f.missing = StoreCopyGaps(u);
+        f.oldKey = KeyExists(UserKeyPath(u.guid).c_str(), kView32);
+        f.missing = StoreCopyGaps(u, L"SystemLogonInfo", true);
         f.inStore = f.missing.empty();
         out.users.push_back(f);
     }

@@ -35,7 +35,9 @@ struct UserFinding {
     bool inDatabase = false;
     bool inBackup = false;
     bool inStore = false;
-    std::vector<Piece> missing; // what the store copy lacks (2.0, when not in the store)
+    bool oldKey = false;        // 2.0: the user's key under Data\Users is there, in any state
+    std::vector<Piece> missing; // what the store copy lacks (2.0: data, payload, public key,
+                                // registration, the password authenticating)
     bool Lost() const { return !inDatabase && !inBackup && !inStore; }
     bool TwoPlaces() const { return (inDatabase || inBackup) && inStore; }
 };
@@ -43,11 +45,16 @@ struct UserFinding {
 struct Inspection {
     std::vector<UserFinding> users; // 2.0: every user; 1.0: only values not found
     bool converted10 = false;       // 1.0: the database is the complete 2.0 result
+    // 1.0: the 2.0 result, except values the step deletes whose delete failed (the
+    // step goes on without them)
+    bool converted10KeepingValues = false;
     unsigned keptAfterFailedDelete = 0; // 1.0: values the finished step meant to delete
     bool hostIdChanged = false;
     bool backupValue = false;       // "Backup" in the database key
     std::wstring backupPath;
     bool backupKey = false;         // the key it names, in the converter's view
+    bool backupKeyLeft = false;     // a backup key of this conversion, in either view
+    std::wstring version;           // "Version" of the database ("" when missing)
     std::string Summary() const;    // one line: where the data is
 };
 

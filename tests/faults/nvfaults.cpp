@@ -1,16 +1,26 @@
 // nvfaults: fault injection and kill-and-restart for NVDBConv.dll.
 //
-//   nvfaults sweep --conversion 1.0|2.0 [--policy default|strict] [--modes once,from,kill]
-//                  [--first N] [--stride S] [--from N] [--to N] [--report FILE]
+//   nvfaults sweep --conversion 1.0|2.0 [--policy default|strict|both]
+//                  [--modes once,from,oom-from,kill] [--first N] [--stride S] [--from N] [--to N]
+//                  [--sites [--seed S]] [--report FILE]
 //       Writes the database, counts the calls of a clean conversion, then for every
 //       chosen call number and mode runs the conversion in a child process with that
-//       call failed (once, or from there on) or the process killed there, runs the
-//       recovery an installer would (in a fresh process, which never carries hooks),
-//       and checks that nothing was lost. Call numbers: 1..first, then every stride-th call, and the last call
-//       (--stride 1: every call); --from/--to limit the sweep to a range of call
-//       numbers, so that a full sweep can be split. Exit 0 when nothing was lost, 1 otherwise, 2 on a
-//       usage or set-up error.
-//   nvfaults child --mode count|once|from|kill --n N --out FILE
+//       call failed once ("once"), every registry, crypto, COM and store call failed
+//       from there on with memory working ("from"), every allocation failed from there
+//       on ("oom-from"), or the process killed there ("kill"); then runs the installer's
+//       recovery (in a fresh process, which never carries hooks) until it changes nothing,
+//       and judges the end state: every user whole in the store, less what a failed
+//       call excuses by design, no old user key, no backup, "Version" as a clean run
+//       leaves it.
+//       Call numbers: 1..first, then every stride-th call, and the last call (--stride 1:
+//       every call); --from/--to limit the sweep to a range of call numbers, so that a
+//       full sweep can be split. --sites instead runs one scenario per call site (called
+//       function and calling function), the call and mode chosen by the seed (printed;
+//       random when not given).
+//       Exit 0 when every scenario passed (or passed by design); 1 when any lost data,
+//       left the conversion unfinished, crashed, hung, missed its kill point or could not
+//       reset the world; 2 on a usage error; 3 on a set-up error.
+//   nvfaults child --mode count|once|from|oom-from|kill --n N --out FILE
 //       One conversion under the hooks (used by sweep).
 //   nvfaults recover --conversion 1.0|2.0 --out FILE
 //       The installer's recovery after a faulted run (used by sweep).
@@ -30,6 +40,8 @@
 #include <vector>
 
 #include "common/procaddress.h"
+#include "frame/dblayout.h"
+#include "frame/paths.h"
 #include "fault_hooks.h"
 #include "fault_world.h"
 #include "pe_image.h"
@@ -143,6 +155,8 @@ int Child(const std::map<std::string, std::string>& o)
                        "\nfailed " + std::to_string(FailedCount()) + "\n";
     for (const CallRecord& r : Records())
         text += FormatRecord(r) + "\n";
+    // The last line: without it the sweep knows the file is not this run's whole answer.
+    text += "end\n";
     WriteText(out, text);
     FreeLibrary(module);
     CoUninitialize();
@@ -156,12 +170,36 @@ int Child(const std::map<std::string, std::string>& o)
 // keeps the sweep going: Wine 8 does not give back the thread-local storage slot of
 // a library with a TLS directory when it is unloaded, so one process can load the
 // library only about a thousand times.)
-//   - A 1.0 -> 2.0 step that already wrote "Version" = "2.0" is finished: Cleanup
-//     when a "Backup" value is left.
+// Each round applies nvdbconv's rules once:
+//   - A finished step is not run again: Cleanup when it left a "Backup" value. The
+//     1.0 -> 2.0 step is finished once "Version" reads 2.0, the 2.0 -> 3.0 step once
+//     the database has the 3.0 layout (no Data, no MainDB).
 //   - Otherwise Rollback when "Backup" names a backup key that exists in the view the
-//     converter uses for it (the rule nvdbconv applies), then Convert again.
+//     converter uses for it, then Convert again in a fresh load.
+// Rounds go on until one changes nothing in the suite's keys (both views), at most
+// kRecoveryRounds: the end state is then judged by the sweep.
+constexpr int kRecoveryRounds = 3;
 
-std::vector<std::string> Recover(Conversion conversion)
+nvtest::RegTree SuiteState(REGSAM view) { return nvtest::Snapshot(L"SOFTWARE\\Norvane", view); }
+
+// True when the 2.0 database holds no user key under Data\Users (or no such key).
+bool NoUserKeyLeft()
+{
+    HKEY users = nullptr;
+    const LONG r = RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane\\DB\\Data\\Users", 0,
+                                 KEY_READ | KEY_WOW64_32KEY, &users);
+    if (r == ERROR_FILE_NOT_FOUND)
+        return true;
+    if (r != ERROR_SUCCESS)
+        return false;
+    DWORD subkeys = 1;
+    const LONG q = RegQueryInfoKeyW(users, nullptr, nullptr, nullptr, &subkeys, nullptr, nullptr, nullptr, nullptr,
+                                    nullptr, nullptr, nullptr);
+    RegCloseKey(users);
+    return q == ERROR_SUCCESS && subkeys == 0;
+}
+
+std::vector<std::string> RecoverRound(Conversion conversion)
 {
     std::vector<std::string> notes;
     std::wstring backup;
@@ -172,8 +210,34 @@ std::vector<std::string> Recover(Conversion conversion)
         nvtest::LoadedLibrary dll;
         DWORD current = 0, target = 0;
         dll.GetDBVersion(&current, &target);
-        if (conversion == Conversion::From10 && (current >> 16) == 2) {
-            if (hasBackup)
+        // A finished step is not converted again: 1.0 once "Version" reads 2.0; 2.0
+        // once the 3.0 layout is there, whatever "Version" reads, or once every user is
+        // moved (no user key under Data\Users) and only the old keys are left. Cleanup
+        // removes what it left: a backup, and the old keys of a 2.0 database.
+        const bool layout30 = conversion == Conversion::From20 && nvframe::IsDatabaseLayout30();
+        const bool finished = conversion == Conversion::From10 ? (current >> 16) == 2
+                                                               : layout30 || NoUserKeyLeft();
+        if (finished) {
+            // A "Backup" naming a backup key of the library that is in neither view: the
+            // run stopped between deleting the key and deleting the value. Nothing can be
+            // restored from it and Cleanup fails on the missing key, so the installer
+            // removes the value itself.
+            if (hasBackup && nvframe::IsLibraryBackupPath(backup.c_str()) &&
+                !nvtest::KeyExists(backup.c_str(), nvtest::kView32) &&
+                !nvtest::KeyExists(backup.c_str(), nvtest::kView64)) {
+                HKEY db = nullptr;
+                LSTATUS r = RegOpenKeyExW(HKEY_LOCAL_MACHINE, nvdbconv::kDatabasePath, 0,
+                                          KEY_SET_VALUE | KEY_WOW64_32KEY, &db);
+                if (r == ERROR_SUCCESS) {
+                    r = RegDeleteValueW(db, nvdbconv::kBackupValueName);
+                    RegCloseKey(db);
+                }
+                notes.push_back("dangling \"Backup\" removed " + HexCode(static_cast<DWORD>(r)));
+                if (conversion == Conversion::From20 && !layout30)
+                    notes.push_back("cleanup " + HexCode(static_cast<DWORD>(dll.Cleanup())));
+                return notes;
+            }
+            if (hasBackup || (conversion == Conversion::From20 && !layout30))
                 notes.push_back("cleanup " + HexCode(static_cast<DWORD>(dll.Cleanup())));
             return notes;
         }
@@ -198,6 +262,21 @@ std::vector<std::string> Recover(Conversion conversion)
     return notes;
 }
 
+std::vector<std::string> Recover(Conversion conversion)
+{
+    std::vector<std::string> notes;
+    for (int round = 1; round <= kRecoveryRounds; ++round) {
+        const nvtest::RegTree before32 = SuiteState(nvtest::kView32), before64 = SuiteState(nvtest::kView64);
+        for (const std::string& line : RecoverRound(conversion))
+            notes.push_back("round " + std::to_string(round) + " " + line);
+        if (SuiteState(nvtest::kView32) == before32 && SuiteState(nvtest::kView64) == before64) {
+            notes.push_back("round " + std::to_string(round) + " changed nothing");
+            break;
+        }
+    }
+    return notes;
+}
+
 int RecoverCommand(const std::map<std::string, std::string>& o)
 {
     Conversion conversion;
@@ -207,6 +286,7 @@ int RecoverCommand(const std::map<std::string, std::string>& o)
     std::string text;
     for (const std::string& line : Recover(conversion))
         text += line + "\n";
+    text += "end\n";
     WriteText(nvtest::Widen(o.at("out")), text);
     CoUninitialize();
     return kExitOk;
@@ -218,6 +298,8 @@ struct ChildOutcome {
     bool started = false;
     bool timedOut = false;
     bool killed = false;
+    bool complete = false;          // the child wrote its whole answer ("end")
+    bool killRecord = false;        // the kill hook wrote its record before ending the process
     DWORD exitCode = 0;
     std::string result;             // "0x........" of Convert
     std::uint64_t calls = 0;
@@ -243,7 +325,11 @@ ChildOutcome RunChild(const std::wstring& args, const std::wstring& out)
     c.killed = run.exitCode == kKilledExitCode;
     for (const std::string& line : ReadLines(out)) {
         CallRecord r;
-        if (line.rfind("result ", 0) == 0)
+        if (line == "end")
+            c.complete = true;
+        else if (line.rfind("killed ", 0) == 0)
+            c.killRecord = true;
+        else if (line.rfind("result ", 0) == 0)
             c.result = line.substr(7);
         else if (line.rfind("calls ", 0) == 0)
             c.calls = std::stoull(line.substr(6));
@@ -255,10 +341,62 @@ ChildOutcome RunChild(const std::wstring& args, const std::wstring& out)
     return c;
 }
 
+// A scenario's verdict. Only "passed" and "by-design" let a sweep succeed.
+enum class Verdict { Passed, ByDesign, Lost, Unfinished, Crashed, Hung, NotReached, ResetFailed };
+
+const char* VerdictName(Verdict v)
+{
+    switch (v) {
+    case Verdict::Passed: return "passed";
+    case Verdict::ByDesign: return "by-design";
+    case Verdict::Lost: return "lost";
+    case Verdict::Unfinished: return "unfinished";
+    case Verdict::Crashed: return "crashed";
+    case Verdict::Hung: return "hung";
+    case Verdict::NotReached: return "kill-not-reached";
+    case Verdict::ResetFailed: return "reset-failed";
+    }
+    return "?";
+}
+
 struct Totals {
-    unsigned scenarios = 0, passed = 0, byDesign = 0, lost = 0, crashed = 0, notReached = 0, twoPlaces = 0;
-    std::map<std::string, unsigned> designCounts;
+    unsigned scenarios = 0, twoPlaces = 0;
+    std::map<Verdict, unsigned> verdicts;
+    std::map<std::string, unsigned> designCounts; // by-design name -> scenarios
+    std::map<std::string, unsigned> designPieces; // by-design name -> pieces it excused
 };
+
+// What the library leaves out by design under the default policy, each with the step
+// of the conversion that does it. A failed call excuses at most what that one call
+// could cost: each rule counts the failed calls it applies to, and each counts for one
+// secret (or one password) of one user.
+struct Excuse {
+    const char* name;
+    const char* step;
+    bool passwordOnly;
+};
+
+const Excuse kSealing{"secret-left-out-when-sealing-fails",
+                      "secrets part: a secret whose sealing with the user's public key fails is left out", false};
+const Excuse kStoring{"secret-left-out-when-put-fails",
+                      "secrets part: PutSecret's result is not looked at; a secret the store refuses is left out",
+                      false};
+const Excuse kFieldEnumeration{"field-enumeration-unchecked",
+                               "secret loading: a field whose enumeration fails is skipped, its secret not loaded",
+                               false};
+// What a scenario may leave behind by design besides lost pieces.
+const Excuse kBackupUnnamed{"backup-key-unnamed-when-its-name-is-not-stored",
+                            "Backup: the \"Backup\" value is written after the copy and its result is not looked "
+                            "at; the conversion goes on and its Cleanup finds no name, so the copy stays",
+                            false};
+const Excuse kBackup10OutOfView{"finished-1.0-backup-outside-cleanup-view",
+                                "Cleanup after the 1.0 step: once \"Version\" reads 2.0 the library looks for "
+                                "DB-v1.0 in the 64-bit view, and the 1.0 backup in the 32-bit view stays",
+                                false};
+const Excuse kPasswordUnpacking{"password-left-empty-when-unpacking-fails",
+                                "password: a password secret that does not unpack (a verdict on its data) leaves the "
+                                "password empty",
+                                true};
 
 struct Sweep {
     World* world;
@@ -268,10 +406,10 @@ struct Sweep {
     std::wstring tempDir;
     FILE* report = nullptr;
     std::map<std::string, Totals> totals; // by mode
-    std::vector<std::string> lossLines;
-    // A conversion process that died at an injected failure (no kill asked for): the
-    // recovery still has to lose nothing, so these count apart from losses.
-    std::vector<std::string> crashLines;
+    // "Version" as the clean run leaves it (2.0 -> 3.0).
+    std::wstring cleanVersion;
+    // Every scenario that did not pass (or pass by design): each fails the sweep.
+    std::vector<std::string> failLines;
     // A process of the sweep could not be started: the sweep stops.
     bool harnessFailed = false;
 
@@ -290,24 +428,58 @@ struct Sweep {
         return false;
     }
 
-    // The loss a numbered step of the conversion asks for under the default policy,
-    // or "" when the failure does not explain it.
-    std::string Attribute(const UserFinding& u, const CallRecord* first, Mode mode) const
+    // The rule that excuses losses caused by this failed call, or null.
+    const Excuse* ExcuseFor(const CallRecord& r) const
     {
-        if (policy != Policy::Default || !first || mode == Mode::Kill || u.missing.empty())
-            return "";
-        bool secretsOnly = true, passwordOnly = true;
+        if (InFrames(r, "EncryptEx"))
+            return &kSealing;
+        if (r.function.rfind("store!", 0) == 0 && r.function.find("::PutSecret") != std::string::npos)
+            return &kStoring;
+        if (r.function == "advapi32.dll!RegEnumValueW" && InFrames(r, "EnumFields"))
+            return &kFieldEnumeration;
+        // The password rule covers verdicts on the data only: a memory shortage in
+        // the unpacking fails the user instead.
+        if (!r.allocation && InFrames(r, "UnpackPasswordAndPin"))
+            return &kPasswordUnpacking;
+        return nullptr;
+    }
+
+    // Charges each missing secret or password of the final state to a failed call
+    // whose rule covers it (under the default policy only); returns what no failed
+    // call covers.
+    std::vector<Piece> ChargeToFailedCalls(const UserFinding& u, std::map<const Excuse*, unsigned>* budget,
+                                           std::set<std::string>* design, Totals* t) const
+    {
+        std::vector<Piece> left;
+        const Excuse* passwordRule = nullptr;
         for (const Piece& p : u.missing) {
-            secretsOnly &= p.kind == Piece::Secret || p.kind == Piece::Password;
-            passwordOnly &= p.kind == Piece::Password;
+            if (policy != Policy::Default || (p.kind != Piece::Secret && p.kind != Piece::Password)) {
+                left.push_back(p);
+                continue;
+            }
+            // The password secret and its authentication are one password.
+            if (p.kind == Piece::Password && passwordRule)
+                continue;
+            const Excuse* used = nullptr;
+            // A password goes to the password rule first, so that the others stay for
+            // secrets.
+            for (bool passwordPass : {true, false})
+                for (auto& [rule, count] : *budget)
+                    if (!used && count > 0 && rule->passwordOnly == passwordPass &&
+                        (!rule->passwordOnly || p.kind == Piece::Password)) {
+                        used = rule;
+                        --count;
+                    }
+            if (!used) {
+                left.push_back(p);
+                continue;
+            }
+            design->insert(used->name);
+            ++t->designPieces[used->name];
+            if (p.kind == Piece::Password)
+                passwordRule = used;
         }
-        if (secretsOnly && InFrames(*first, "EncryptEx"))
-            return "secret-left-out-when-sealing-fails";
-        if (secretsOnly && first->function == "advapi32.dll!RegEnumValueW" && InFrames(*first, "EnumFields"))
-            return "field-enumeration-unchecked";
-        if (passwordOnly && InFrames(*first, "UnpackPasswordAndPin"))
-            return "password-left-empty-when-unpacking-fails";
-        return "";
+        return left;
     }
 
     static std::string Missing(const UserFinding& u)
@@ -327,8 +499,8 @@ struct Sweep {
         Totals& t = totals[ModeName(mode)];
         ++t.scenarios;
         if (!world->Reset(policy, &error)) {
-            std::fprintf(stderr, "nvfaults: %s\n", error.c_str());
-            ++t.crashed;
+            ++t.verdicts[Verdict::ResetFailed];
+            Record(mode, n, planned, planned, Verdict::ResetFailed, {}, {"reset failed: " + error}, "");
             return;
         }
         const ChildOutcome run = RunChild(L"child --mode " + nvtest::Widen(ModeName(mode)) + L" --n " +
@@ -350,35 +522,40 @@ struct Sweep {
         }
         const Inspection after = world->Inspect();
 
-        const CallRecord* first = run.records.empty() ? nullptr : &run.records.front();
         std::set<std::string> design;
         std::vector<std::string> problems;
         std::string notes;
-        bool crashed = false;
-        // A hung process writes no record: the planned call (from the clean run) says
-        // where the failures began.
-        if (run.timedOut && mode == Mode::From && planned.function == "advapi32.dll!RegEnumKeyExW" &&
-            InFrames(planned, "CollectNameIndex")) {
-            // The 1.0 step lists the domains under Cache by index and skips every index
-            // whose enumeration fails, until "no more items": when every call fails
-            // from here on, that end never comes.
-            design.insert("cache-listing-retries-failing-indexes");
-            notes += " conversion process hung in the Cache listing and was stopped;";
-        } else if (!run.started || run.timedOut || (!run.killed && run.exitCode != 0)) {
-            crashed = true;
-            problems.push_back("conversion process " + std::string(run.timedOut ? "hung" : "died") + " (exit " +
-                               HexCode(run.exitCode) + ")");
+        // The conversion process. Only two ends are honest: the requested kill, with
+        // the hook's record; or Convert returning, with the whole answer written and
+        // exit code 0. Anything else (a stack overflow, an abort, an exit without the
+        // answer) is a crash, whatever the exit code says.
+        Verdict processVerdict = Verdict::Passed;
+        if (run.timedOut) {
+            processVerdict = Verdict::Hung;
+            problems.push_back("conversion process hung and was stopped");
+        } else if (mode == Mode::Kill && run.killed && run.killRecord) {
+            // the kill point was reached
+        } else if (run.exitCode == 0 && run.complete && !run.result.empty()) {
+            if (mode == Mode::Kill) {
+                processVerdict = Verdict::NotReached;
+                problems.push_back("kill point not reached (the run made fewer calls)");
+            }
+        } else {
+            processVerdict = Verdict::Crashed;
+            problems.push_back("conversion process ended without its answer (exit " + HexCode(run.exitCode) +
+                               (run.complete ? "" : ", no result") + ")");
         }
-        if (mode == Mode::Kill && !run.killed && !crashed) {
-            ++t.notReached;
-            notes += " kill point not reached;";
+        const bool recoveryComplete = !recoveryLines.empty() && recoveryLines.back() == "end";
+        if (recovery.timedOut || recovery.exitCode != 0 || !recoveryComplete) {
+            processVerdict = recovery.timedOut ? Verdict::Hung : Verdict::Crashed;
+            problems.push_back("recovery process " + std::string(recovery.timedOut ? "hung" : "ended without its answer") +
+                               " (exit " + HexCode(recovery.exitCode) + ")" + recovery.err);
         }
-        if (recovery.exitCode != 0 || recovery.timedOut)
-            problems.push_back("recovery process failed (exit " + HexCode(recovery.exitCode) +
-                               (recovery.timedOut ? ", hung" : "") + ")" + recovery.err);
         for (const std::string& line : recoveryLines) {
+            if (line == "end")
+                continue;
             notes += " " + line + ";";
-            if (line.rfind("rollback ", 0) == 0 && line.find("database-unchanged") != std::string::npos &&
+            if (line.find("rollback ") != std::string::npos && line.find("database-unchanged") != std::string::npos &&
                 line.find("backup-kept") != std::string::npos)
                 design.insert("rollback-in-own-view");
         }
@@ -388,65 +565,110 @@ struct Sweep {
         }
         if (afterRun.hostIdChanged || after.hostIdChanged)
             problems.push_back("HostId replaced");
-        // A user whose old key survived beside a complete store copy: by design when the
-        // key's delete failed (the conversion counts the user as converted anyway).
-        for (const UserFinding& u : afterRun.users)
-            if (u.inDatabase && u.inStore && mode != Mode::Kill && first && InFrames(*first, "DeleteKey"))
-                design.insert("old-key-kept-beside-store-copy");
         for (const UserFinding& u : after.users)
             if (u.TwoPlaces()) {
                 ++t.twoPlaces;
                 notes += " in two places at the end: " + u.user + ";";
             }
-        for (const UserFinding& u : after.users) {
-            if (!u.Lost())
-                continue;
-            const std::string why = Attribute(u, first, mode);
-            const std::string text = u.user + (u.missing.empty() ? std::string() : " (" + Missing(u) + ")");
-            if (!why.empty()) {
-                design.insert(why);
-                notes += " by design " + why + ": " + text + ";";
+
+        // The end state the recovery must reach.
+        bool lost = false, unfinished = false;
+        std::map<const Excuse*, unsigned> budget;
+        if (mode != Mode::Kill)
+            for (const CallRecord& r : run.records)
+                if (const Excuse* e = ExcuseFor(r))
+                    ++budget[e];
+        if (conversion == Conversion::From10) {
+            for (const UserFinding& u : after.users)
+                if (u.Lost()) {
+                    lost = true;
+                    problems.push_back("lost " + u.user);
+                }
+            if (!after.converted10 && !after.converted10KeepingValues) {
+                unfinished = true;
+                problems.push_back("the database is not the converted 2.0 database at the end: " + after.Summary());
+            }
+        } else {
+            for (const UserFinding& u : after.users) {
+                const std::vector<Piece> left = ChargeToFailedCalls(u, &budget, &design, &t);
+                if (left.empty())
+                    continue;
+                UserFinding rest = u;
+                rest.missing = left;
+                // Only in a backup key, or nowhere whole: the next Convert's cleanup
+                // deletes the backup, and Rollback in the library's view never brings
+                // it back.
+                lost = true;
+                problems.push_back("lost " + u.user + " (" + Missing(rest) + ")" +
+                                   (u.inBackup ? ", whole only in the backup key" : "") +
+                                   (u.inDatabase ? ", whole only in the old database" : ""));
+            }
+            for (const UserFinding& u : after.users)
+                if (u.oldKey) {
+                    unfinished = true;
+                    problems.push_back("old user key left: " + u.user);
+                }
+            if (after.version != cleanVersion) {
+                unfinished = true;
+                problems.push_back("\"Version\" reads " + nvtest::Narrow(after.version) + ", the clean run leaves " +
+                                   nvtest::Narrow(cleanVersion));
+            }
+        }
+        if (after.backupValue || after.backupKeyLeft) {
+            bool unnamedByDesign = false;
+            for (const CallRecord& r : run.records)
+                unnamedByDesign |= mode != Mode::Kill && r.function == "advapi32.dll!RegSetValueExW" &&
+                                   InFrames(r, "CBaseConverter::Backup");
+            if (!after.backupValue && unnamedByDesign) {
+                design.insert(kBackupUnnamed.name);
+            } else if (conversion == Conversion::From10 && after.converted10KeepingValues &&
+                       (!after.backupValue || _wcsicmp(after.backupPath.c_str(), nvframe::kBackup10KeyPath) == 0)) {
+                design.insert(kBackup10OutOfView.name);
             } else {
-                problems.push_back("lost " + text);
+                unfinished = true;
+                problems.push_back("backup left at the end: " + after.Summary());
             }
         }
 
-        std::string outcome;
-        if (!problems.empty()) {
-            outcome = crashed && problems.size() == 1 ? "crashed" : "lost";
-            if (outcome == "crashed")
-                ++t.crashed;
-            else
-                ++t.lost;
-        } else if (!design.empty()) {
-            outcome = "by-design";
-            ++t.byDesign;
-        } else {
-            outcome = "passed";
-            ++t.passed;
-        }
+        Verdict verdict;
+        if (processVerdict != Verdict::Passed)
+            verdict = processVerdict;
+        else if (lost || (!problems.empty() && !unfinished))
+            verdict = Verdict::Lost;
+        else if (unfinished)
+            verdict = Verdict::Unfinished;
+        else if (!design.empty())
+            verdict = Verdict::ByDesign;
+        else
+            verdict = Verdict::Passed;
+        ++t.verdicts[verdict];
         for (const std::string& d : design)
             ++t.designCounts[d];
+        const CallRecord& where = run.records.empty() ? planned : run.records.front();
+        Record(mode, n, planned, where, verdict, design, problems,
+               "run " + run.result + "; after run: " + afterRun.Summary() + ";" + notes + " final: " + after.Summary());
+    }
+
+    void Record(Mode mode, std::uint64_t n, const CallRecord& planned, const CallRecord& where, Verdict verdict,
+                const std::set<std::string>& design, const std::vector<std::string>& problems,
+                const std::string& notes)
+    {
         std::string designText;
         for (const std::string& d : design)
             designText += (designText.empty() ? "" : ",") + d;
         std::string problemText;
         for (const std::string& p : problems)
             problemText += (problemText.empty() ? "" : "; ") + p;
-        const std::string where = first ? Frames(*first) : Frames(planned);
         const std::string line = std::string(ConversionName(conversion)) + "\t" + PolicyName(policy) + "\t" +
-                                 ModeName(mode) + "\t" + std::to_string(n) + "\t" + planned.function + "\t" + where +
-                                 "\t" + outcome + "\t" + designText + "\t" + problemText + "\t" + "run " +
-                                 run.result + "; after run: " + afterRun.Summary() + ";" + notes +
-                                 " final: " + after.Summary();
+                                 ModeName(mode) + "\t" + std::to_string(n) + "\t" + planned.function + "\t" +
+                                 Frames(where) + "\t" + VerdictName(verdict) + "\t" + designText + "\t" +
+                                 problemText + "\t" + notes;
         if (report) {
             std::fprintf(report, "%s\n", line.c_str());
             std::fflush(report);
         }
-        if (outcome == "lost")
-            lossLines.push_back(line);
-        else if (outcome == "crashed")
-            crashLines.push_back(line);
+        if (verdict != Verdict::Passed && verdict != Verdict::ByDesign)
+            failLines.push_back(line);
     }
 };
 
@@ -456,6 +678,40 @@ std::vector<std::uint64_t> CallNumbers(std::uint64_t calls, std::uint64_t first,
     for (std::uint64_t n = 1; n <= calls; ++n)
         if (n <= first || (n - first) % stride == 0 || n == calls)
             out.push_back(n);
+    return out;
+}
+
+// A persistent failure starts at a call of its own kind.
+bool Applies(Mode mode, const CallRecord& r)
+{
+    return !(mode == Mode::From && r.allocation) && !(mode == Mode::OomFrom && !r.allocation);
+}
+
+// Scenarios for each distinct call site (the function called and the library function
+// calling it), one per mode that applies to its kind of call: which of the site's
+// calls each mode takes turns with the seed, so that runs with different seeds cover
+// different calls and a failing seed can be run again.
+std::vector<std::pair<Mode, std::uint64_t>> SampleSites(const std::vector<CallRecord>& calls,
+                                                        const SymbolTable& symbols, const std::vector<Mode>& modes,
+                                                        std::uint64_t seed)
+{
+    std::vector<std::string> order;
+    std::map<std::string, std::vector<std::uint64_t>> sites;
+    for (const CallRecord& r : calls) {
+        const std::string key = r.function + " @ " + (r.frames.empty() ? "?" : symbols.FunctionAt(r.frames[0]));
+        if (!sites.count(key))
+            order.push_back(key);
+        sites[key].push_back(r.number);
+    }
+    // Every mode that applies to the site's kind of call, each at a call of its own.
+    std::vector<std::pair<Mode, std::uint64_t>> out;
+    for (size_t m = 0; m < modes.size(); ++m)
+        for (size_t i = 0; i < order.size(); ++i) {
+            const std::vector<std::uint64_t>& numbers = sites[order[i]];
+            const std::uint64_t n = numbers[(seed + i * 7919 + m * 104729) % numbers.size()];
+            if (Applies(modes[m], calls[n - 1]))
+                out.emplace_back(modes[m], n);
+        }
     return out;
 }
 
@@ -501,7 +757,7 @@ int SweepCommand(const std::map<std::string, std::string>& o)
     }
     std::vector<Mode> modes;
     {
-        std::istringstream list(o.count("modes") ? o.at("modes") : "once,from,kill");
+        std::istringstream list(o.count("modes") ? o.at("modes") : "once,from,oom-from,kill");
         std::string item;
         while (std::getline(list, item, ',')) {
             Mode m;
@@ -516,6 +772,9 @@ int SweepCommand(const std::map<std::string, std::string>& o)
     const std::uint64_t stride = std::max<std::uint64_t>(1, o.count("stride") ? std::stoull(o.at("stride")) : 1);
     const std::uint64_t rangeFrom = o.count("from") ? std::stoull(o.at("from")) : 1;
     const std::uint64_t rangeTo = o.count("to") ? std::stoull(o.at("to")) : UINT64_MAX;
+    const bool sampleSites = o.count("sites") != 0;
+    const std::uint64_t seed = o.count("seed") ? std::stoull(o.at("seed"))
+                                               : (GetTickCount64() ^ (static_cast<std::uint64_t>(GetCurrentProcessId()) << 20)) % 1000000;
 
     wchar_t tempPath[MAX_PATH];
     GetTempPathW(MAX_PATH, tempPath);
@@ -573,9 +832,11 @@ int SweepCommand(const std::map<std::string, std::string>& o)
         if (conversion == Conversion::From10)
             world.RecordConverted10();
         const Inspection cleanState = world.Inspect();
-        bool cleanComplete = conversion == Conversion::From10 ? cleanState.converted10 : true;
+        bool cleanComplete = clean.complete && !cleanState.backupValue && !cleanState.backupKeyLeft &&
+                             (conversion == Conversion::From10 ? cleanState.converted10 : true);
         for (const UserFinding& u : cleanState.users)
-            cleanComplete &= u.inStore && !u.inDatabase;
+            cleanComplete &= u.inStore && !u.inDatabase && !u.oldKey;
+        sweep.cleanVersion = cleanState.version;
         if (!cleanComplete) {
             std::fprintf(stderr, "nvfaults: the clean conversion did not move everything: %s\n",
                          cleanState.Summary().c_str());
@@ -596,12 +857,21 @@ int SweepCommand(const std::map<std::string, std::string>& o)
         std::printf(")\n");
         std::fflush(stdout);
 
-        const std::vector<std::uint64_t> numbers = CallNumbers(clean.calls, first, stride);
         std::vector<std::pair<Mode, std::uint64_t>> planned;
-        for (Mode mode : modes)
-            for (std::uint64_t n : numbers)
-                if (n >= rangeFrom && n <= rangeTo && n <= clean.records.size())
-                    planned.emplace_back(mode, n);
+        if (sampleSites) {
+            planned = SampleSites(clean.records, sweep.symbols, modes, seed);
+            std::printf("  every call site in every mode that applies: %zu scenarios, seed %llu (the same "
+                        "scenarios again: --sites --seed %llu)\n",
+                        planned.size(), static_cast<unsigned long long>(seed), static_cast<unsigned long long>(seed));
+        } else {
+            const std::vector<std::uint64_t> numbers = CallNumbers(clean.calls, first, stride);
+            for (Mode mode : modes)
+                for (std::uint64_t n : numbers)
+                    if (n >= rangeFrom && n <= rangeTo && n <= clean.records.size() &&
+                        Applies(mode, clean.records[n - 1]))
+                        planned.emplace_back(mode, n);
+        }
+        std::fflush(stdout);
         const auto sweepStarted = std::chrono::steady_clock::now();
         for (size_t i = 0; i < planned.size() && !sweep.harnessFailed; ++i) {
             sweep.Scenario(planned[i].first, planned[i].second, clean.records[planned[i].second - 1]);
@@ -611,19 +881,34 @@ int SweepCommand(const std::map<std::string, std::string>& o)
 
         for (Mode mode : modes) {
             const Totals& t = sweep.totals[ModeName(mode)];
-            std::printf("  %-5s %u scenarios: %u passed, %u by design, %u lost, %u crashed", ModeName(mode),
-                        t.scenarios, t.passed, t.byDesign, t.lost, t.crashed);
-            if (mode == Mode::Kill)
-                std::printf(", %u kill points not reached", t.notReached);
+            std::printf("  %-8s %u scenarios:", ModeName(mode), t.scenarios);
+            bool firstVerdict = true;
+            for (Verdict v : {Verdict::Passed, Verdict::ByDesign, Verdict::Lost, Verdict::Unfinished,
+                              Verdict::Crashed, Verdict::Hung, Verdict::NotReached, Verdict::ResetFailed}) {
+                const auto it = t.verdicts.find(v);
+                const unsigned count = it == t.verdicts.end() ? 0 : it->second;
+                // The first four always, the rarer ones when they happened.
+                if (count || v == Verdict::Passed || v == Verdict::ByDesign || v == Verdict::Lost ||
+                    v == Verdict::Crashed)
+                    std::printf("%s %u %s", firstVerdict ? "" : ",", count, VerdictName(v));
+                firstVerdict = false;
+            }
             std::printf("; users in two places at the end: %u\n", t.twoPlaces);
-            for (const auto& [name, count] : t.designCounts)
-                std::printf("        by design %-40s %u\n", name.c_str(), count);
+            for (const auto& [name, count] : t.designCounts) {
+                const auto pieces = t.designPieces.find(name);
+                std::printf("        by design %-40s %u scenarios", name.c_str(), count);
+                if (pieces != t.designPieces.end())
+                    std::printf(", %u pieces", pieces->second);
+                for (const Excuse* e : {&kSealing, &kStoring, &kFieldEnumeration, &kPasswordUnpacking,
+                                        &kBackupUnnamed, &kBackup10OutOfView})
+                    if (name == e->name)
+                        std::printf(" (%s)", e->step);
+                std::printf("\n");
+            }
         }
-        for (const std::string& line : sweep.crashLines)
-            std::printf("  CRASHED %s\n", line.c_str());
-        for (const std::string& line : sweep.lossLines)
-            std::printf("  LOST %s\n", line.c_str());
-        if (!sweep.lossLines.empty())
+        for (const std::string& line : sweep.failLines)
+            std::printf("  FAILED %s\n", line.c_str());
+        if (!sweep.failLines.empty())
             rc = kExitLost;
         if (sweep.harnessFailed) {
             rc = kExitSetup;
@@ -647,9 +932,9 @@ void Usage()
 {
     std::fprintf(stderr,
                  "usage: nvfaults sweep --conversion 1.0|2.0 [--policy default|strict|both]\n"
-                 "                      [--modes once,from,kill] [--first N] [--stride S] [--from N] [--to N]\n"
-                 "                      [--report FILE]\n"
-                 "       nvfaults child --mode count|once|from|kill --n N --out FILE\n"
+                 "                      [--modes once,from,oom-from,kill] [--first N] [--stride S] [--from N]\n"
+                 "                      [--to N] [--sites [--seed S]] [--report FILE]\n"
+                 "       nvfaults child --mode count|once|from|oom-from|kill --n N --out FILE\n"
                  "       nvfaults recover --conversion 1.0|2.0 --out FILE\n"
                  );
 }

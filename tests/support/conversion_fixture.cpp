@@ -369,7 +369,7 @@ void ExpectUserConverted(const nvwriter::Db20User& user, const ConvertedExpectat
     EXPECT_FALSE(KeyExists(UserKeyPath(user.guid).c_str(), kView32));
 }
 
-std::vector<StoreCopyGap> StoreCopyGaps(const nvwriter::Db20User& user, const std::wstring& logonInfoName)
+std::vector<StoreCopyGap> StoreCopyGaps(const nvwriter::Db20User& user, const std::wstring& logonInfoName, bool whole)
 {
     namespace inspect = nvstore::inspect;
     std::vector<StoreCopyGap> gaps;
@@ -429,6 +429,18 @@ std::vector<StoreCopyGap> StoreCopyGaps(const nvwriter::Db20User& user, const st
             d.owner != GuidMemoryBytes(t->owner) || d.size != t->size ||
             d.headerValue != HeaderValueAsRead(t->headerValue) || d.data != t->data)
             gaps.push_back({StoreCopyGap::Template, shown, "fields differ from the original"});
+    }
+    if (whole) {
+        inspect::Bytes bytes;
+        if (!inspect::GetPayload(sid, &bytes))
+            gaps.push_back({StoreCopyGap::Record, "payload", "missing"});
+        if (!inspect::GetPublicKey(sid, &bytes))
+            gaps.push_back({StoreCopyGap::Record, "public key", "missing"});
+        if (!inspect::IsRegistered(sid))
+            gaps.push_back({StoreCopyGap::Record, "registration", "missing"});
+        const std::wstring password = PasswordOf(user);
+        if (!password.empty() && !inspect::CheckPassword(sid, password))
+            gaps.push_back({StoreCopyGap::Password, "authentication", "the password does not authenticate"});
     }
     return gaps;
 }

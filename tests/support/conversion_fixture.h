@@ -114,8 +114,11 @@ struct StoreCopyGap {
     std::string name; // secret name or template position ("" for the record)
     std::string what;
 };
+// What the store copy of the user lacks: its data (secrets open to their bytes,
+// templates at their positions), and with whole set also what makes the user usable
+// (payload, public key, registration, the password authenticates).
 std::vector<StoreCopyGap> StoreCopyGaps(const nvwriter::Db20User& user,
-                                        const std::wstring& logonInfoName = L"SystemLogonInfo");
+                                        const std::wstring& logonInfoName = L"SystemLogonInfo", bool whole = false);
 
 // Trace secrecy: neither the raw (scrambled) trace file nor the decoded record texts
 // contain any of the strings, in UTF-16 or in UTF-8.
