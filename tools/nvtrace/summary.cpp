@@ -95,6 +95,20 @@ bool QuotedAfter(const std::string& text, const std::string& lead, const std::st
     return ParseHex(text, close + 1 + tail.size(), *code);
 }
 
+// "<lead><sid><tail><rest>": the SID and the rest.
+bool SidAndRest(const std::string& text, const char* lead, const char* tail, std::string& sid, std::string& rest)
+{
+    const std::string l(lead), t(tail);
+    if (text.compare(0, l.size(), l) != 0)
+        return false;
+    const std::size_t at = text.find(t, l.size());
+    if (at == std::string::npos)
+        return false;
+    sid = text.substr(l.size(), at - l.size());
+    rest = text.substr(at + t.size());
+    return true;
+}
+
 // Days since 1970-01-01 of a civil date.
 std::int64_t DaysFromCivil(int y, unsigned m, unsigned d)
 {
@@ -332,6 +346,12 @@ TraceSummary Summarize(const DecodedTrace& trace)
                 SummaryUser& u = user(sid);
                 u.deleteSeen = true;
                 u.deleteResult = code;
+            } else {
+                std::string rest;
+                if (SidAndRest(r.text, kIncompleteUserLead, kMovedWithGapsTail, sid, rest))
+                    user(sid).gaps = rest;
+                else if (SidAndRest(r.text, kIncompleteUserLead, kKeepsOldKeyTail, sid, rest))
+                    user(sid).heldFor = rest;
             }
         }
     }
@@ -373,11 +393,15 @@ void WriteSummary(const TraceSummary& summary, std::ostream& out, std::size_t sl
     }
 
     if (!summary.users.empty()) {
-        std::size_t moved = 0;
-        for (const SummaryUser& u : summary.users)
+        std::size_t moved = 0, withGaps = 0;
+        for (const SummaryUser& u : summary.users) {
             moved += u.moved() ? 1 : 0;
-        out << "\nusers (2.0 -> 3.0): " << summary.users.size() << ", " << moved << " moved, "
-            << summary.users.size() - moved << " kept their old data\n";
+            withGaps += u.movedWithGaps() ? 1 : 0;
+        }
+        out << "\nusers (2.0 -> 3.0): " << summary.users.size() << ", " << moved << " moved";
+        if (withGaps)
+            out << " (" << withGaps << " with gaps)";
+        out << ", " << summary.users.size() - moved << " kept their old data\n";
         std::size_t width = 3;
         for (const SummaryUser& u : summary.users)
             width = std::max(width, u.sid.size());
@@ -385,14 +409,18 @@ void WriteSummary(const TraceSummary& summary, std::ostream& out, std::size_t sl
         for (const SummaryUser& u : summary.users) {
             out << "  " << u.sid << std::string(width - u.sid.size(), ' ') << "  ";
             out << (u.over ? Hex8(u.status) : std::string("(no end)  ")) << "  ";
-            if (u.moved()) {
+            if (u.movedWithGaps()) {
+                out << "moved with gaps: " << u.gaps;
+            } else if (u.moved()) {
                 out << "moved";
             } else if (u.deleteSeen) {
                 out << "in the store, but its old key stayed (DeleteKey " << Hex8(u.deleteResult) << ')';
             } else {
                 out << "kept its old data";
                 const CodeText text = DescribeCode(u.status);
-                if (u.over && u.status != 0 && !text.name.empty())
+                if (!u.heldFor.empty())
+                    out << ": " << u.heldFor;
+                else if (u.over && u.status != 0 && !text.name.empty())
                     out << ": " << text.name << " \"" << text.message << '"';
             }
             if (summary.processes.size() > 1)
