@@ -109,6 +109,24 @@ bool SidAndRest(const std::string& text, const char* lead, const char* tail, std
     return true;
 }
 
+// "value "<name>" of <key> is empty: the backup cannot copy empty values", the
+// library's words for a value its backup refused, in nvdbconv's form.
+bool EmptyValueLine(const std::string& text, std::string& shown)
+{
+    static const std::string lead = "value \"", middle = "\" of ",
+                             tail = " is empty: the backup cannot copy empty values";
+    if (text.compare(0, lead.size(), lead) != 0 || text.size() < lead.size() + tail.size() ||
+        text.compare(text.size() - tail.size(), tail.size(), tail) != 0)
+        return false;
+    const std::size_t at = text.rfind(middle, text.size() - tail.size());
+    if (at == std::string::npos || at < lead.size())
+        return false;
+    const std::string name = text.substr(lead.size(), at - lead.size());
+    const std::string key = text.substr(at + middle.size(), text.size() - tail.size() - at - middle.size());
+    shown = key + ": value \"" + name + "\" is empty; the backup cannot copy empty values";
+    return true;
+}
+
 // Days since 1970-01-01 of a civil date.
 std::int64_t DaysFromCivil(int y, unsigned m, unsigned d)
 {
@@ -348,7 +366,9 @@ TraceSummary Summarize(const DecodedTrace& trace)
                 u.deleteResult = code;
             } else {
                 std::string rest;
-                if (SidAndRest(r.text, kIncompleteUserLead, kMovedWithGapsTail, sid, rest))
+                if (EmptyValueLine(r.text, rest))
+                    summary.emptyValues.push_back(rest);
+                else if (SidAndRest(r.text, kIncompleteUserLead, kMovedWithGapsTail, sid, rest))
                     user(sid).gaps = rest;
                 else if (SidAndRest(r.text, kIncompleteUserLead, kKeepsOldKeyTail, sid, rest))
                     user(sid).heldFor = rest;
@@ -390,6 +410,12 @@ void WriteSummary(const TraceSummary& summary, std::ostream& out, std::size_t sl
         if (!f.text.empty())
             out << ", text: " << f.text;
         out << '\n';
+    }
+
+    if (!summary.emptyValues.empty()) {
+        out << "\nvalues the backup refused: " << summary.emptyValues.size() << '\n';
+        for (const std::string& v : summary.emptyValues)
+            out << "  " << v << '\n';
     }
 
     if (!summary.users.empty()) {

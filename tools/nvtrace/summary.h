@@ -79,6 +79,9 @@ struct TraceSummary {
     std::vector<SummaryUser> users;
     std::vector<SummaryScope> scopes; // by total time, longest first
     std::size_t unclosedScopes = 0;   // entered but never left (process ended or file cut)
+    // Values the backup refused, from "value "<name>" of <key> is empty: ..." lines,
+    // as "<key>: value "<name>" is empty; the backup cannot copy empty values".
+    std::vector<std::string> emptyValues;
 };
 
 TraceSummary Summarize(const DecodedTrace& trace);

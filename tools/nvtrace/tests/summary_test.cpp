@@ -152,6 +152,25 @@ TEST(NvtraceSummaryTest, UsersMovedWithGapsAndHeldUsersAreNamedWithWhatIsMissing
         << text;
 }
 
+// The backup's refusal of an empty value shows as a memory shortage; the library's
+// line naming the value is listed with its key.
+TEST(NvtraceSummaryTest, AValueTheBackupRefusedIsNamedWithItsKey)
+{
+    SampleTrace s;
+    s.Add(5, '>', "CBaseConverter::Backup").Add(5, '>', "CBaseConverter::CopyKey").Add(5, 'E', "-2147024888 ")
+        .Add(5, '<')
+        .Add(5, 'U', "value \"Blank\" of HKLM\\SOFTWARE\\Norvane\\DB\\MainDB is empty: the backup cannot copy empty "
+                     "values")
+        .Add(5, 'E', "-2147024888 ").Add(5, '<');
+    const nvtrace::TraceSummary summary = nvtrace::Summarize(nvtrace::Decode(s.bytes()));
+    const std::string shown =
+        "HKLM\\SOFTWARE\\Norvane\\DB\\MainDB: value \"Blank\" is empty; the backup cannot copy empty values";
+    ASSERT_EQ(1u, summary.emptyValues.size());
+    EXPECT_EQ(shown, summary.emptyValues[0]);
+    const std::string text = SummaryText(s);
+    EXPECT_NE(std::string::npos, text.find("\nvalues the backup refused: 1\n  " + shown + "\n")) << text;
+}
+
 TEST(NvtraceSummaryTest, RepeatedFailuresAreCountedAndOpenScopesReported)
 {
     SampleTrace s;
