@@ -1231,6 +1231,7 @@ TEST_F(BaseConverterTraceTest, EmptyValueTracesTheCopyFailureAndAnEmptyRollback)
                   "> CBaseConverter::Convert",
                   "> CBaseConverter::Backup",
                   "> CBaseConverter::CopyKey", "E -2147024888 ", "<",
+                  "U value \"Hollow\" of HKLM\\SOFTWARE\\Norvane\\DB is empty: the backup cannot copy empty values",
                   "E -2147024888 ",
                   "<",
                   "> CBaseConverter::Rollback",

@@ -227,12 +227,19 @@ TEST_F(StrictPolicyConversionTest, DefaultPolicyLosesTheRefusedSecretAsTheFormat
 
     EXPECT_EQ(S_OK, ConvertOnce());
 
-    // PutSecret's result is not looked at: the user converts without that secret.
+    // PutSecret's result does not hold the user: the user converts without that
+    // secret, and the trace says so in the strict policy's words.
     EXPECT_FALSE(KeyExists(UserKeyPath(u.guid).c_str(), kView32));
     EXPECT_TRUE(inspect::UserExists(u.sidText));
     EXPECT_EQ(0u, inspect::ListSecrets(u.sidText).count(Widen(secret)));
-    for (const std::string& line : OwnLines(trace, "CConverter3::do_Convert"))
-        EXPECT_EQ(std::string::npos, line.find("Incomplete user")) << line;
+    const std::string sid = Narrow(u.sidText);
+    const auto lines = OwnLines(trace, "CConverter3::do_Convert");
+    EXPECT_TRUE(HasLine(lines, "U Incomplete user '" + sid + "' moved with gaps: secret not stored '" + secret +
+                                   "' (0x80070005)"))
+        << trace.Dump();
+    for (const std::string& line : lines)
+        EXPECT_EQ(std::string::npos, line.find("keeps its old key")) << line;
+    EXPECT_EQ("U Conversion process is over for '" + sid + "', 0x00000000", lines.back());
     EXPECT_TRUE(nvdbconv::ReadHeldUsers().empty());
 }
 
@@ -263,10 +270,14 @@ TEST_F(StrictPolicyConversionTest, MalformedTemplateItemKeepsTheUserUnderStrictA
     EXPECT_TRUE(KeyExists(UserKeyPath(u.guid).c_str(), kView32));
 
     // Under the default policy the missing item becomes an empty template and the
-    // user's old key goes.
+    // user's old key goes; the trace says what it moved without.
     SetStrict(false);
+    trace.Start();
     EXPECT_EQ(S_OK, ConvertOnce());
     EXPECT_FALSE(KeyExists(UserKeyPath(u.guid).c_str(), kView32));
+    EXPECT_TRUE(HasLine(OwnLines(trace, "CConverter3::do_Convert"),
+                        "U Incomplete user '" + sid + "' moved with gaps: " + missing))
+        << trace.Dump();
     const auto templates = inspect::ListTemplates(u.sidText);
     EXPECT_EQ(2u, templates.size());
     EXPECT_TRUE(nvdbconv::ReadHeldUsers().empty()); // no user key left to hold
@@ -345,6 +356,10 @@ TEST_P(StoreGapTest, DefaultPolicyConvertsAUserTheStoreCannotRegisterAsTheFormat
     EXPECT_TRUE(inspect::UserExists(u.sidText));
     EXPECT_FALSE(inspect::IsRegistered(u.sidText));
     EXPECT_TRUE(nvdbconv::ReadHeldUsers().empty());
+    // Not silent: the trace names what the user moved without.
+    EXPECT_TRUE(HasLine(OwnLines(trace, "CConverter3::do_Convert"),
+                        "U Incomplete user '" + Narrow(u.sidText) + "' moved with gaps: " + GetParam().missing))
+        << trace.Dump();
 }
 
 INSTANTIATE_TEST_SUITE_P(Store, StoreGapTest, ::testing::ValuesIn(kStoreGaps),

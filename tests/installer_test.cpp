@@ -1,7 +1,9 @@
 // The example installer (examples/installer, built with makensis) as the library's
-// client: run silently under Wine against sample databases, it loads NVDBConv.dll
-// into its own process, asks GetDBVersion, converts, and cleans up or rolls back.
-// The tests check its log, its exit code and the registry afterwards.
+// client: run silently under Wine against sample databases, it brings the database
+// to the newest format one step per library load (GetDBVersion, Convert, then
+// Cleanup, or Rollback when its backup key exists), leaves a converted database
+// alone, and names the users the strict policy held. The tests check its log, its
+// exit code and the registry afterwards.
 #include <windows.h>
 #include <gtest/gtest.h>
 #include <algorithm>
@@ -88,111 +90,113 @@ std::string Joined(const std::vector<std::string>& lines)
 // script's own CoInitializeEx answers S_FALSE and is balanced all the same.
 const char kComLine[] = "CoInitializeEx = 0x00000001";
 
+constexpr const wchar_t kNorvane[] = L"SOFTWARE\\Norvane";
+constexpr const wchar_t kPolicy[] = L"SOFTWARE\\Norvane\\Policies\\Default";
+
+// Everything the suite keeps, both views. The installer writes the policy value on
+// every run; a test that compares sets it first.
+struct Suite {
+    RegTree v32, v64;
+};
+Suite SnapshotSuite() { return {Snapshot(kNorvane, kView32), Snapshot(kNorvane, kView64)}; }
+
+void ExpectSuiteUnchanged(const Suite& before)
+{
+    const Suite after = SnapshotSuite();
+    EXPECT_TRUE(before.v32 == after.v32) << "32-bit view:\n" << DiffTrees(before.v32, after.v32);
+    EXPECT_TRUE(before.v64 == after.v64) << "64-bit view:\n" << DiffTrees(before.v64, after.v64);
+}
+
+nvwriter::Db20Database Write20(ContainerJanitor& containers, unsigned users)
+{
+    nvwriter::Db20Options options;
+    options.seed = 41;
+    options.userCount = users;
+    options.domainCount = 1;
+    nvwriter::Db20Database db = nvwriter::MakeDb20Database(options);
+    containers.Track(db.hostId);
+    EXPECT_EQ(S_OK, nvwriter::WriteDb20Database(db));
+    return db;
+}
+
+std::vector<std::wstring> SortedSids(const nvwriter::Db20Database& db)
+{
+    std::vector<std::wstring> sids;
+    for (const auto& user : db.users)
+        sids.push_back(user.sidText);
+    std::sort(sids.begin(), sids.end());
+    return sids;
+}
+
+// The lines of one step that converts, Cleanup finding nothing left to remove.
+std::vector<std::string> StepLines(int step, const char* current, const char* target, const std::string& outcome)
+{
+    return {"step " + std::to_string(step),
+            "LoadLibrary = ok",
+            std::string("GetDBVersion = 0x00000000 current ") + current + " target " + target,
+            "Convert = 0x00000000",
+            "Cleanup = 0x00000001",
+            "step " + std::to_string(step) + " = " + outcome,
+            "FreeLibrary = ok"};
+}
+
+std::vector<std::string> Concat(std::initializer_list<std::vector<std::string>> parts)
+{
+    std::vector<std::string> all;
+    for (const auto& part : parts)
+        all.insert(all.end(), part.begin(), part.end());
+    return all;
+}
+
 } // namespace
 
 class InstallerTest : public RegistrySandbox {};
+class InstallerStoreTest : public StoreSandbox {};
 
-TEST_F(InstallerTest, Converts10DatabaseThenCleansUpAndLogsEveryResult)
-{
-    nvwriter::DbOptions options;
-    options.users = 9;
-    options.domains = 2;
-    nvwriter::DbRecord record;
-    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
-
-    const InstallerRun run = RunInstaller();
-    EXPECT_EQ(0u, run.exitCode) << Joined(run.log);
-    EXPECT_EQ((std::vector<std::string>{
-                  "LoadLibrary = ok",
-                  kComLine,
-                  "GetDBVersion = 0x00000000 current 0x00010000 target 0x00020000",
-                  "Convert = 0x00000000",
-                  "Cleanup = 0x00000001",
-                  "outcome = converted",
-                  "FreeLibrary = ok",
-              }),
-              run.log);
-
-    wchar_t computer[MAX_COMPUTERNAME_LENGTH + 1] = {};
-    DWORD cch = MAX_COMPUTERNAME_LENGTH + 1;
-    ASSERT_TRUE(::GetComputerNameExW(ComputerNameNetBIOS, computer, &cch));
-    const RegTree expected = ToRegTree(record.ExpectedAfter10To20(computer));
-    const RegTree actual = Snapshot(kDb, kView32);
-    EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
-    EXPECT_FALSE(KeyExists(kDb, kView64));
-    EXPECT_FALSE(KeyExists(kBackup10, kView32));
-    EXPECT_FALSE(KeyExists(kBackup10, kView64));
-}
-
-TEST_F(InstallerTest, AFailingConvertIsRolledBackAndTheInstallerExitsWith1)
+// A 1.0 database whose users carry 2.0 records reaches 3.0 in one run: one library
+// load per step, each step logged.
+TEST_F(InstallerStoreTest, A10DatabaseReaches30InOneRun)
 {
     nvwriter::DbOptions options;
     options.users = 4;
     options.domains = 1;
+    options.users20 = 4;
+    ContainerJanitor containers;
+    const nvwriter::Db20Database db20 = nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options));
+    containers.Track(db20.hostId);
     nvwriter::DbRecord record;
     ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
-    // An empty value cannot be backed up (Win32 error 8), so Convert fails first thing.
-    SetBinary(kDb, L"Empty", {}, kView32);
-    const RegTree before = Snapshot(kDb, kView32);
 
-    const InstallerRun run = RunInstaller();
-    EXPECT_EQ(1u, run.exitCode) << Joined(run.log);
-    EXPECT_EQ((std::vector<std::string>{
-                  "LoadLibrary = ok",
-                  kComLine,
-                  "GetDBVersion = 0x00000000 current 0x00010000 target 0x00020000",
-                  "Convert = 0x80070008",
-                  "Rollback = 0x00000001",
-                  "outcome = rolled back",
-                  "FreeLibrary = ok",
-              }),
-              run.log);
-    const RegTree after = Snapshot(kDb, kView32);
-    EXPECT_TRUE(before == after) << DiffTrees(before, after);
-    RegValue backupValue;
-    EXPECT_FALSE(GetValue(kDb, L"Backup", kView32, &backupValue));
-}
-
-TEST_F(InstallerTest, WithoutADatabaseThereIsNothingToConvert)
-{
     const InstallerRun run = RunInstaller();
     EXPECT_EQ(0u, run.exitCode) << Joined(run.log);
-    EXPECT_EQ((std::vector<std::string>{
-                  "LoadLibrary = ok",
-                  kComLine,
-                  "GetDBVersion = 0x00000000 current 0x00000000 target 0x00000000",
-                  "outcome = nothing to convert",
-                  "FreeLibrary = ok",
-              }),
+    EXPECT_EQ(Concat({{kComLine},
+                      StepLines(1, "0x00010000", "0x00020000", "converted 1.0 -> 2.0"),
+                      StepLines(2, "0x00020000", "0x00030000", "converted 2.0 -> 3.0, users in the store: 4 of 4"),
+                      {"outcome = converted 1.0 -> 2.0 -> 3.0"}}),
               run.log);
-    EXPECT_FALSE(KeyExists(kDb, kView32));
-    EXPECT_FALSE(KeyExists(kDb, kView64));
-}
 
-class InstallerStoreTest : public StoreSandbox {};
+    EXPECT_TRUE(KeyExists(kDb, kView32));
+    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Data", kView32));
+    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\MainDB", kView32));
+    for (const wchar_t* backup : {kBackup10, kBackup20}) {
+        EXPECT_FALSE(KeyExists(backup, kView32));
+        EXPECT_FALSE(KeyExists(backup, kView64));
+    }
+    RegValue backupValue;
+    EXPECT_FALSE(GetValue(kDb, L"Backup", kView32, &backupValue));
+    EXPECT_EQ(SortedSids(db20), nvstore::inspect::ListUsers());
+}
 
 TEST_F(InstallerStoreTest, Converts20DatabaseIntoTheStoreThenCleansUp)
 {
-    nvwriter::Db20Options options;
-    options.seed = 41;
-    options.userCount = 4;
-    options.domainCount = 1;
-    const nvwriter::Db20Database db = nvwriter::MakeDb20Database(options);
     ContainerJanitor containers;
-    containers.Track(db.hostId);
-    ASSERT_EQ(S_OK, nvwriter::WriteDb20Database(db));
+    const nvwriter::Db20Database db = Write20(containers, 4);
 
     const InstallerRun run = RunInstaller();
     EXPECT_EQ(0u, run.exitCode) << Joined(run.log);
-    EXPECT_EQ((std::vector<std::string>{
-                  "LoadLibrary = ok",
-                  kComLine,
-                  "GetDBVersion = 0x00000000 current 0x00020000 target 0x00030000",
-                  "Convert = 0x00000000",
-                  "Cleanup = 0x00000001",
-                  "outcome = converted",
-                  "FreeLibrary = ok",
-              }),
+    EXPECT_EQ(Concat({{kComLine},
+                      StepLines(1, "0x00020000", "0x00030000", "converted 2.0 -> 3.0, users in the store: 4 of 4"),
+                      {"outcome = converted 2.0 -> 3.0"}}),
               run.log);
 
     // Every user moved: the old per-user data and MainDB are gone, the rest of the
@@ -206,11 +210,7 @@ TEST_F(InstallerStoreTest, Converts20DatabaseIntoTheStoreThenCleansUp)
     RegValue backupValue;
     EXPECT_FALSE(GetValue(kDb, L"Backup", kView32, &backupValue));
 
-    std::vector<std::wstring> sids;
-    for (const auto& user : db.users)
-        sids.push_back(user.sidText);
-    std::sort(sids.begin(), sids.end());
-    EXPECT_EQ(sids, nvstore::inspect::ListUsers());
+    EXPECT_EQ(SortedSids(db), nvstore::inspect::ListUsers());
     for (const auto& user : db.users) {
         size_t templates = 0;
         for (const auto& credential : user.credentials)
@@ -220,9 +220,207 @@ TEST_F(InstallerStoreTest, Converts20DatabaseIntoTheStoreThenCleansUp)
     }
 }
 
+// A repair or a second install on a converted machine: "Version" still reads 2.1,
+// and Convert would back the database up and fail. The installer calls nothing,
+// succeeds and changes nothing.
+TEST_F(InstallerStoreTest, ASecondRunOnAConvertedMachineSucceedsAndChangesNothing)
+{
+    ContainerJanitor containers;
+    Write20(containers, 3);
+    ASSERT_EQ(0u, RunInstaller().exitCode);
+    std::wstring version;
+    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    ASSERT_EQ(L"2.1", version);
+    const Suite before = SnapshotSuite();
+
+    const InstallerRun run = RunInstaller();
+    EXPECT_EQ(0u, run.exitCode) << Joined(run.log);
+    EXPECT_EQ((std::vector<std::string>{
+                  kComLine,
+                  "layout = 3.0 (no Data and no MainDB under HKLM\\SOFTWARE\\Norvane\\DB)",
+                  "outcome = already converted",
+              }),
+              run.log);
+    ExpectSuiteUnchanged(before);
+    EXPECT_FALSE(KeyExists(kBackup20, kView64));
+}
+
+// The layout decides, not "Version".
+TEST_F(InstallerTest, ALayout30DatabaseIsConvertedWhateverVersionReads)
+{
+    for (const wchar_t* text : {L"2.0", L"2.1", L"3.0"}) {
+        SCOPED_TRACE(Narrow(text));
+        ASSERT_TRUE(DeleteTree(kDb, kView32));
+        SetString(kDb, L"Version", text, kView32);
+        SetString(L"SOFTWARE\\Norvane\\DB\\Policies", L"Kept", L"yes", kView32);
+        SetDword(kPolicy, L"StrictConversion", 1, kView64);
+        const Suite before = SnapshotSuite();
+        const InstallerRun run = RunInstaller();
+        EXPECT_EQ(0u, run.exitCode) << Joined(run.log);
+        EXPECT_EQ((std::vector<std::string>{
+                      kComLine,
+                      "layout = 3.0 (no Data and no MainDB under HKLM\\SOFTWARE\\Norvane\\DB)",
+                      "outcome = already converted",
+                  }),
+                  run.log);
+        ExpectSuiteUnchanged(before);
+    }
+}
+
+// The strict policy holds a user the store refuses: the installer names it with
+// what the held-users record says, and exits 4. The next run tries it again.
+TEST_F(InstallerStoreTest, AUserTheStrictPolicyHeldIsNamedAndTheInstallerExits4)
+{
+    ContainerJanitor containers;
+    const nvwriter::Db20Database db = Write20(containers, 3);
+    const nvwriter::Db20User& held = db.users[1];
+    nvstore::inspect::SetFailOpenUser({held.sidText}, E_ACCESSDENIED);
+
+    InstallerRun run = RunInstaller();
+    EXPECT_EQ(4u, run.exitCode) << Joined(run.log);
+    EXPECT_EQ((std::vector<std::string>{
+                  kComLine,
+                  "step 1",
+                  "LoadLibrary = ok",
+                  "GetDBVersion = 0x00000000 current 0x00020000 target 0x00030000",
+                  "Convert = 0x00000000",
+                  "Cleanup = 0x00000001",
+                  "held user = " + Narrow(nvwriter::GuidText(held.guid)) + " " + Narrow(held.sidText) +
+                      " 0x80070005: conversion failed (0x80070005)",
+                  "step 1 = converted 2.0 -> 3.0, users in the store: 2 of 3",
+                  "FreeLibrary = ok",
+                  "outcome = converted 2.0 -> 3.0, users held in the old database: 1",
+              }),
+              run.log);
+    EXPECT_TRUE(KeyExists((L"SOFTWARE\\Norvane\\DB\\Data\\Users\\" + nvwriter::GuidText(held.guid)).c_str(), kView32));
+    EXPECT_FALSE(nvstore::inspect::IsRegistered(held.sidText));
+
+    // The store takes the user now: the next run moves it and finishes.
+    nvstore::inspect::ClearTestBehaviours();
+    run = RunInstaller();
+    EXPECT_EQ(0u, run.exitCode) << Joined(run.log);
+    EXPECT_EQ(Concat({{kComLine},
+                      StepLines(1, "0x00020001", "0x00030000", "converted 2.1 -> 3.0, users in the store: 1 of 1"),
+                      {"outcome = converted 2.1 -> 3.0"}}),
+              run.log);
+    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Data", kView32));
+    EXPECT_EQ(SortedSids(db), nvstore::inspect::ListUsers());
+}
+
+// Convert restores the database itself when it fails, and the "Backup" value goes
+// with the backup: the installer does not call Rollback without it.
+TEST_F(InstallerTest, AFailingConvertWithoutABackupIsNotRolledBackAgain)
+{
+    nvwriter::DbOptions options;
+    options.users = 4;
+    options.domains = 1;
+    nvwriter::DbRecord record;
+    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    // An empty value cannot be backed up (Win32 error 8), so Convert fails first thing.
+    SetBinary(kDb, L"Empty", {}, kView32);
+    const RegTree before = Snapshot(kDb, kView32);
+
+    const InstallerRun run = RunInstaller();
+    EXPECT_EQ(1u, run.exitCode) << Joined(run.log);
+    EXPECT_EQ((std::vector<std::string>{
+                  kComLine,
+                  "step 1",
+                  "LoadLibrary = ok",
+                  "GetDBVersion = 0x00000000 current 0x00010000 target 0x00020000",
+                  "Convert = 0x80070008",
+                  "Rollback = not called: no \"Backup\" value",
+                  "step 1 = failed 1.0 -> 2.0",
+                  "outcome = rolled back",
+                  "FreeLibrary = ok",
+              }),
+              run.log);
+    const RegTree after = Snapshot(kDb, kView32);
+    EXPECT_TRUE(before == after) << DiffTrees(before, after);
+    RegValue backupValue;
+    EXPECT_FALSE(GetValue(kDb, L"Backup", kView32, &backupValue));
+}
+
+// "Backup" left naming a key that is not there (here one the library refuses, so
+// that an unguarded Rollback would show in the log without harm): Rollback would
+// delete the database and restore nothing, so the installer does not call it.
+TEST_F(InstallerTest, RollbackIsNotCalledWhenTheBackupKeyIsMissing)
+{
+    nvwriter::DbOptions options;
+    options.users = 4;
+    options.domains = 1;
+    nvwriter::DbRecord record;
+    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    SetBinary(kDb, L"Empty", {}, kView32);
+    SetString(kDb, L"Backup", L"SOFTWARE\\Norvane\\Gone", kView32);
+    const RegTree before = Snapshot(kDb, kView32);
+
+    const InstallerRun run = RunInstaller();
+    EXPECT_EQ(1u, run.exitCode) << Joined(run.log);
+    EXPECT_EQ((std::vector<std::string>{
+                  kComLine,
+                  "step 1",
+                  "LoadLibrary = ok",
+                  "GetDBVersion = 0x00000000 current 0x00010000 target 0x00020000",
+                  "Convert = 0x80070008",
+                  "Rollback = not called: \"Backup\" names HKLM\\SOFTWARE\\Norvane\\Gone, which is missing (32-bit view)",
+                  "step 1 = failed 1.0 -> 2.0",
+                  "outcome = rolled back",
+                  "FreeLibrary = ok",
+              }),
+              run.log);
+    const RegTree after = Snapshot(kDb, kView32);
+    EXPECT_TRUE(before == after) << DiffTrees(before, after);
+}
+
+// A failed 1.0 step whose own rollback restored nothing leaves "Backup" naming the
+// backup key, which exists: then the installer calls Rollback.
+TEST_F(InstallerTest, RollbackIsCalledWhenTheBackupKeyExists)
+{
+    nvwriter::DbWriter writer(kDb, KEY_WOW64_32KEY);
+    nvwriter::DbOptions options;
+    options.users = 6;
+    options.domains = 1;
+    nvwriter::Prng rng(5);
+    nvwriter::Write10(writer, options, rng);
+    // The machine's name index missing fails the step (HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)).
+    writer.DeleteKey(L"MainDB\\Users\\Index\\NameIndex");
+    writer.Flush();
+
+    const InstallerRun run = RunInstaller();
+    EXPECT_EQ(1u, run.exitCode) << Joined(run.log);
+    EXPECT_EQ((std::vector<std::string>{
+                  kComLine,
+                  "step 1",
+                  "LoadLibrary = ok",
+                  "GetDBVersion = 0x00000000 current 0x00010000 target 0x00020000",
+                  "Convert = 0x80070002",
+                  "Rollback = 0x00000000",
+                  "step 1 = failed 1.0 -> 2.0",
+                  "outcome = rolled back",
+                  "FreeLibrary = ok",
+              }),
+              run.log);
+}
+
+TEST_F(InstallerTest, WithoutADatabaseThereIsNothingToConvert)
+{
+    const InstallerRun run = RunInstaller();
+    EXPECT_EQ(0u, run.exitCode) << Joined(run.log);
+    EXPECT_EQ((std::vector<std::string>{
+                  kComLine,
+                  "step 1",
+                  "LoadLibrary = ok",
+                  "GetDBVersion = 0x00000000 current 0x00000000 target 0x00000000",
+                  "outcome = nothing to convert",
+                  "FreeLibrary = ok",
+              }),
+              run.log);
+    EXPECT_FALSE(KeyExists(kDb, kView32));
+    EXPECT_FALSE(KeyExists(kDb, kView64));
+}
+
 TEST_F(InstallerTest, TheInstallerTurnsTheStrictConversionPolicyOn)
 {
-    const wchar_t kPolicy[] = L"SOFTWARE\\Norvane\\Policies\\Default";
     ASSERT_FALSE(KeyExists(kPolicy, kView64));
     const InstallerRun run = RunInstaller();
     EXPECT_EQ(0u, run.exitCode) << Joined(run.log);

@@ -1,7 +1,8 @@
 // The example Windows Installer package (examples/msi, built with wixl and msitools)
-// installed silently under Wine with msiexec: its deferred custom action converts the
-// database, a failing conversion fails the install with 1603 and runs the rollback
-// action, and the commit action cleans up. The tests read msiexec's exit code, the
+// installed silently under Wine with msiexec: its deferred custom action brings the
+// database to the newest format one step per library load, leaves a converted
+// database alone, names the users the strict policy held, a failing conversion fails
+// the install with 1603 and runs the rollback action, and the commit action cleans up. The tests read msiexec's exit code, the
 // verbose log (every result the custom actions report) and the registry afterwards.
 #include <windows.h>
 #include <msi.h>
@@ -145,10 +146,12 @@ TEST_F(MsiInstallerTest, A20DatabaseConvertsIntoTheStoreAndTheInstallReturns0)
     const std::string library = Narrow(InstalledLibrary());
     EXPECT_EQ((std::vector<std::string>{
                   "converting the database",
+                  "step 1",
                   "loaded " + library,
                   "GetDBVersion = 0x00000000 (S_OK), current 0x00020000, target 0x00030000",
                   "Convert = 0x00000000 (S_OK)",
-                  "outcome: converted, 3 of 3 users in the store",
+                  "step 1: converted 2.0 -> 3.0, 3 of 3 users in the store",
+                  "outcome: converted 2.0 -> 3.0",
                   "committing the database",
                   "loaded " + library,
                   "Cleanup = 0x00000001 (S_FALSE, no backup to remove)",
@@ -193,10 +196,12 @@ TEST_F(MsiInstallerTest, AFailingConvertFailsTheInstallWith1603AndRunsTheRollbac
     const std::string library = Narrow(InstalledLibrary());
     EXPECT_EQ((std::vector<std::string>{
                   "converting the database",
+                  "step 1",
                   "loaded " + library,
                   "GetDBVersion = 0x00000000 (S_OK), current 0x00010000, target 0x00020000",
                   "Convert = 0x80070008 (failure)",
-                  "outcome: Convert failed and rolled the database back; the install fails",
+                  "step 1: 1.0 -> 2.0 failed; Convert rolled this step back",
+                  "outcome: Convert failed; the install fails",
                   "rolling the database back",
                   "no \"Backup\" value: nothing to roll back",
               }),
@@ -214,6 +219,166 @@ TEST_F(MsiInstallerTest, AFailingConvertFailsTheInstallWith1603AndRunsTheRollbac
     EXPECT_FALSE(GetDword(kPolicy, L"StrictConversion", kView64, &strict));
     EXPECT_FALSE(FileExists(InstalledLibrary()));
     EXPECT_TRUE(KeyExists(L"SOFTWARE\\Norvane\\DB-v1.0", kView32));
+}
+
+namespace {
+
+constexpr const wchar_t kSuiteKeys[][40] = {L"SOFTWARE\\Norvane\\DB", L"SOFTWARE\\Norvane\\DBConversion",
+                                            L"SOFTWARE\\Norvane\\Store", L"SOFTWARE\\Norvane\\DB-v1.0",
+                                            L"SOFTWARE\\Norvane\\DB-v2.0"};
+
+// The database, its backups, the held-users record and the store, both views (the
+// package's own policy value and product registration are not among them).
+std::vector<RegTree> SnapshotData()
+{
+    std::vector<RegTree> trees;
+    for (const wchar_t* key : kSuiteKeys)
+        for (REGSAM view : {kView32, kView64})
+            trees.push_back(Snapshot(key, view));
+    return trees;
+}
+
+nvwriter::Db20Database Write20(ContainerJanitor& containers, unsigned users)
+{
+    nvwriter::Db20Options options;
+    options.seed = 16;
+    options.userCount = users;
+    options.domainCount = 1;
+    nvwriter::Db20Database db = nvwriter::MakeDb20Database(options);
+    containers.Track(db.hostId);
+    EXPECT_EQ(S_OK, nvwriter::WriteDb20Database(db));
+    return db;
+}
+
+} // namespace
+
+// A 1.0 database whose users carry 2.0 records reaches 3.0 in one install: one
+// library load per step, each step logged.
+TEST_F(MsiInstallerTest, A10DatabaseReaches30InOneInstall)
+{
+    nvwriter::DbOptions options;
+    options.users = 3;
+    options.domains = 1;
+    options.users20 = 3;
+    ContainerJanitor containers;
+    const nvwriter::Db20Database db20 = nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options));
+    containers.Track(db20.hostId);
+    nvwriter::DbRecord record;
+    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+
+    const MsiRun run = Msiexec(L"/i");
+    m_installed = run.exitCode == 0;
+    EXPECT_EQ(0u, run.exitCode) << run.log;
+    const std::string library = Narrow(InstalledLibrary());
+    EXPECT_EQ((std::vector<std::string>{
+                  "converting the database",
+                  "step 1",
+                  "loaded " + library,
+                  "GetDBVersion = 0x00000000 (S_OK), current 0x00010000, target 0x00020000",
+                  "Convert = 0x00000000 (S_OK)",
+                  "step 1: converted 1.0 -> 2.0",
+                  "step 2",
+                  "loaded " + library,
+                  "GetDBVersion = 0x00000000 (S_OK), current 0x00020000, target 0x00030000",
+                  "Convert = 0x00000000 (S_OK)",
+                  "step 2: converted 2.0 -> 3.0, 3 of 3 users in the store",
+                  "outcome: converted 1.0 -> 2.0 -> 3.0",
+                  "committing the database",
+                  "loaded " + library,
+                  "Cleanup = 0x00000001 (S_FALSE, no backup to remove)",
+              }),
+              run.lines)
+        << run.log;
+    EXPECT_TRUE(KeyExists(kDb, kView32));
+    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Data", kView32));
+    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\MainDB", kView32));
+    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB-v1.0", kView32));
+    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB-v2.0", kView64));
+    std::vector<std::wstring> sids;
+    for (const auto& user : db20.users)
+        sids.push_back(user.sidText);
+    std::sort(sids.begin(), sids.end());
+    EXPECT_EQ(sids, nvstore::inspect::ListUsers());
+}
+
+// Installed, removed (which leaves the database as it is) and installed again: the
+// second install finds the conversion done ("Version" still reads 2.1), calls no
+// Convert, succeeds and changes nothing.
+TEST_F(MsiInstallerTest, ASecondInstallOnAConvertedMachineSucceedsAndChangesNothing)
+{
+    ContainerJanitor containers;
+    Write20(containers, 2);
+    MsiRun run = Msiexec(L"/i");
+    ASSERT_EQ(0u, run.exitCode) << run.log;
+    run = Msiexec(L"/x");
+    ASSERT_EQ(0u, run.exitCode) << run.log;
+    std::wstring version;
+    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    ASSERT_EQ(L"2.1", version);
+    const std::vector<RegTree> before = SnapshotData();
+
+    run = Msiexec(L"/i");
+    m_installed = run.exitCode == 0;
+    EXPECT_EQ(0u, run.exitCode) << run.log;
+    const std::string library = Narrow(InstalledLibrary());
+    EXPECT_EQ((std::vector<std::string>{
+                  "converting the database",
+                  "outcome: already converted: format 3.0 (no Data and no MainDB under "
+                  "HKLM\\SOFTWARE\\Norvane\\DB); Convert not called",
+                  "committing the database",
+                  "loaded " + library,
+                  "Cleanup = 0x00000001 (S_FALSE, no backup to remove)",
+              }),
+              run.lines)
+        << run.log;
+    const std::vector<RegTree> after = SnapshotData();
+    for (size_t i = 0; i < before.size(); ++i)
+        EXPECT_TRUE(before[i] == after[i]) << Narrow(kSuiteKeys[i / 2]) << (i % 2 ? " 64" : " 32") << ":\n"
+                                           << DiffTrees(before[i], after[i]);
+}
+
+// The strict policy holds a user the store refuses. Convert answers S_OK, the
+// custom action names the user with the held-users record's words, and the install
+// succeeds: the step cannot be undone, and the held user keeps its old data for the
+// next install.
+TEST_F(MsiInstallerTest, StrictPolicyHoldsAUserAndTheInstallSucceedsWithALogLine)
+{
+    ContainerJanitor containers;
+    const nvwriter::Db20Database db = Write20(containers, 3);
+    const nvwriter::Db20User& held = db.users[2];
+    nvstore::inspect::SetFailOpenUser({held.sidText}, E_ACCESSDENIED);
+
+    const MsiRun run = Msiexec(L"/i");
+    m_installed = run.exitCode == 0;
+    EXPECT_EQ(0u, run.exitCode) << run.log;
+    const std::string library = Narrow(InstalledLibrary());
+    const std::string key = Narrow(nvwriter::GuidText(held.guid));
+    EXPECT_EQ((std::vector<std::string>{
+                  "converting the database",
+                  "step 1",
+                  "loaded " + library,
+                  "GetDBVersion = 0x00000000 (S_OK), current 0x00020000, target 0x00030000",
+                  "Convert = 0x00000000 (S_OK)",
+                  "held user: " + key + " " + Narrow(held.sidText) + " 0x80070005: conversion failed (0x80070005)",
+                  "step 1: converted 2.0 -> 3.0, 2 of 3 users in the store",
+                  "1 of 3 users kept their old data; the next install tries them again",
+                  "outcome: converted 2.0 -> 3.0",
+                  "committing the database",
+                  "loaded " + library,
+                  "Cleanup = 0x00000001 (S_FALSE, no backup to remove)",
+              }),
+              run.lines)
+        << run.log;
+    // Held: its old key and the record stay, the others moved.
+    EXPECT_TRUE(KeyExists((L"SOFTWARE\\Norvane\\DB\\Data\\Users\\" + nvwriter::GuidText(held.guid)).c_str(), kView32));
+    EXPECT_TRUE(
+        KeyExists((L"SOFTWARE\\Norvane\\DBConversion\\HeldUsers\\" + nvwriter::GuidText(held.guid)).c_str(), kView32));
+    std::vector<std::wstring> moved;
+    for (const auto& user : db.users)
+        if (&user != &held)
+            moved.push_back(user.sidText);
+    std::sort(moved.begin(), moved.end());
+    EXPECT_EQ(moved, nvstore::inspect::ListUsers());
 }
 
 namespace {

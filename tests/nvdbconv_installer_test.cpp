@@ -370,3 +370,21 @@ TEST_F(NvdbconvEmptyValueTest, UpgradeLabelsTheFailedStepByItsTargetAndNamesTheV
     EXPECT_EQ("1.0", doc["steps"][0]["reached"].Text());
     EXPECT_EQ("Blank", doc["steps"][0]["child"]["emptyValue"]["value"].Text());
 }
+
+// The library's trace names the value too, so the support engineer reading
+// nvtrace --summary sees the same key and value as the one who ran convert.
+TEST_F(NvdbconvEmptyValueTest, TheTraceSummaryNamesTheKeyAndTheValue)
+{
+    wchar_t dir[MAX_PATH] = {};
+    ::GetTempPathW(MAX_PATH, dir);
+    const std::wstring file = std::wstring(dir) + L"nvdbconv-empty-" + std::to_wstring(::GetCurrentProcessId()) + L".trc3";
+    ::DeleteFileW(file.c_str());
+    ASSERT_EQ(0u, Nvdbconv(L"trace on --new-file --file " + QuoteArg(file)).exitCode);
+    EXPECT_EQ(1u, Nvdbconv(L"convert").exitCode);
+
+    const ProcessRun summary = RunProcess(QuoteArg(ExeDirectory() + L"nvtrace.exe") + L" --summary " + QuoteArg(file));
+    ::DeleteFileW(file.c_str());
+    EXPECT_EQ(0u, summary.exitCode) << summary.err;
+    const std::string text = WithoutCarriageReturns(summary.out);
+    EXPECT_TRUE(Contains(text, "\nvalues the backup refused: 1\n  " + kEmptyValueInMainDb + "\n")) << text;
+}

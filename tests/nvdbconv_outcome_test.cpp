@@ -314,3 +314,213 @@ TEST_F(NvdbconvOutcomeTest, CheckOfAHealthyDatabaseExits0)
     EXPECT_TRUE(Contains(run.out, "  verdict         all 2 users would convert\n")) << run.out;
     EXPECT_EQ("", run.err);
 }
+
+// ---- gaps under the default policy, held users under the strict one --------------
+
+namespace {
+
+constexpr const wchar_t kPasswordSecret[] = L"SystemLogonInfo";
+constexpr const wchar_t kPolicy[] = L"SOFTWARE\\Norvane\\Policies\\Default";
+
+// What the library traces and nvdbconv and nvtrace show for a user whose password
+// secret the store refused (E_FAIL, the store's default failure).
+const std::string kPasswordGap = "secret not stored 'SystemLogonInfo' (0x80004005)";
+
+std::vector<std::string> SortedSids(const nvwriter::Db20Database& db)
+{
+    std::vector<std::string> sids;
+    for (const auto& user : db.users)
+        sids.push_back(Narrow(user.sidText));
+    std::sort(sids.begin(), sids.end());
+    return sids;
+}
+
+// The "U" records of the trace file, as nvtrace --json gives them.
+std::vector<std::string> TraceUserLines()
+{
+    const ProcessRun lines = RunTool(L"nvtrace.exe", L"--json " + QuoteArg(TraceFile()));
+    EXPECT_EQ(0u, lines.exitCode) << lines.err;
+    std::vector<std::string> texts;
+    const std::string rest = WithoutCarriageReturns(lines.out);
+    for (size_t start = 0; start < rest.size();) {
+        size_t end = rest.find('\n', start);
+        if (end == std::string::npos)
+            end = rest.size();
+        JsonValue record;
+        std::string error;
+        if (ParseJson(rest.substr(start, end - start), &record, &error) && record["kind"].Text() == "U")
+            texts.push_back(record["text"].Text());
+        start = end + 1;
+    }
+    return texts;
+}
+
+} // namespace
+
+class NvdbconvGapsTest : public NvdbconvOutcomeTest {
+protected:
+    void TracingOn() { ASSERT_EQ(0u, Nvdbconv(L"trace on --new-file --file " + QuoteArg(TraceFile())).exitCode); }
+};
+
+// The default policy moves a user whose password secret the store refused, as the
+// format has it; the library traces what the user moved without, nvtrace's summary
+// and nvdbconv name it, and convert exits 4.
+TEST_F(NvdbconvGapsTest, ConvertNamesWhatDidNotReachTheStoreAndExits4)
+{
+    ContainerJanitor containers;
+    const nvwriter::Db20Database db = Write20(containers, 3);
+    TracingOn();
+    nvstore::inspect::SetFailPutSecret({kPasswordSecret});
+
+    const ProcessRun run = Nvdbconv(L"convert");
+    EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
+    const std::string out = WithoutCarriageReturns(run.out);
+    EXPECT_TRUE(Contains(out, "  Convert         " + nvdbconv::DescribeResult(S_OK) + "\n")) << out;
+    EXPECT_TRUE(Contains(out, "  moved with gaps 3 of 3 users: parts of them did not reach the store (Convert "
+                              "answered S_OK)\n"))
+        << out;
+    for (const std::string& sid : SortedSids(db))
+        EXPECT_TRUE(Contains(out, "    " + sid + "  " + kPasswordGap + "\n")) << out;
+    EXPECT_FALSE(Contains(out, "kept old data")) << out;
+    EXPECT_EQ("nvdbconv: 3 of 3 users moved with gaps: parts of them did not reach the store (exit code 4)\n",
+              WithoutCarriageReturns(run.err));
+    // Moved as the format has it: no user key left, no held user.
+    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Data", kView32));
+    EXPECT_EQ(3u, nvstore::inspect::ListUsers().size());
+    for (const auto& user : db.users)
+        EXPECT_EQ(0u, nvstore::inspect::ListSecrets(user.sidText).count(kPasswordSecret)) << Narrow(user.sidText);
+
+    // The library's own lines, in the strict policy's words.
+    const std::vector<std::string> lines = TraceUserLines();
+    for (const std::string& sid : SortedSids(db))
+        EXPECT_EQ(1, std::count(lines.begin(), lines.end(), "Incomplete user '" + sid + "' moved with gaps: " + kPasswordGap))
+            << sid;
+    for (const std::string& line : lines)
+        EXPECT_FALSE(Contains(line, "keeps its old key")) << line;
+
+    const ProcessRun summary = RunTool(L"nvtrace.exe", L"--summary " + QuoteArg(TraceFile()));
+    EXPECT_EQ(0u, summary.exitCode) << summary.err;
+    const std::string text = WithoutCarriageReturns(summary.out);
+    EXPECT_TRUE(Contains(text, "users (2.0 -> 3.0): 3, 3 moved (3 with gaps), 0 kept their old data\n")) << text;
+    for (const std::string& sid : SortedSids(db))
+        EXPECT_TRUE(Contains(text, "  " + sid + "  0x00000000  moved with gaps: " + kPasswordGap + "\n")) << text;
+}
+
+TEST_F(NvdbconvGapsTest, ConvertJsonCarriesTheGaps)
+{
+    ContainerJanitor containers;
+    const nvwriter::Db20Database db = Write20(containers, 2);
+    TracingOn();
+    nvstore::inspect::SetFailPutSecret({kPasswordSecret});
+
+    const ProcessRun run = Nvdbconv(L"--json convert");
+    EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
+    const JsonValue doc = Json(run);
+    EXPECT_TRUE(doc["gapsTraced"].Bool());
+    EXPECT_TRUE(doc["movedWithGaps"].Bool());
+    EXPECT_FALSE(doc["usersRemained"].Bool());
+    ASSERT_EQ(2u, doc["gaps"].Size());
+    std::vector<std::string> sids;
+    for (size_t i = 0; i < 2; ++i) {
+        sids.push_back(doc["gaps"][i]["sid"].Text());
+        EXPECT_EQ(kPasswordGap, doc["gaps"][i]["missing"].Text());
+    }
+    std::sort(sids.begin(), sids.end());
+    EXPECT_EQ(SortedSids(db), sids);
+    EXPECT_EQ(4, doc["exitCode"].Int());
+}
+
+// A whole conversion is no gap: exit 0, nothing named.
+TEST_F(NvdbconvGapsTest, AWholeConversionHasNoGapsAndExits0)
+{
+    ContainerJanitor containers;
+    Write20(containers, 2);
+    TracingOn();
+    const ProcessRun run = Nvdbconv(L"--json convert");
+    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    const JsonValue doc = Json(run);
+    EXPECT_TRUE(doc["gapsTraced"].Bool());
+    EXPECT_FALSE(doc["movedWithGaps"].Bool());
+    EXPECT_EQ(0u, doc["gaps"].Size());
+    for (const std::string& line : TraceUserLines())
+        EXPECT_FALSE(Contains(line, "Incomplete user")) << line;
+}
+
+// Without a trace file the library's words cannot be read: convert says so rather
+// than claim a whole conversion.
+TEST_F(NvdbconvGapsTest, WithoutATraceConvertSaysGapsAreNotKnown)
+{
+    ContainerJanitor containers;
+    Write20(containers, 1);
+    nvstore::inspect::SetFailPutSecret({kPasswordSecret});
+    const ProcessRun run = Nvdbconv(L"convert");
+    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    EXPECT_TRUE(Contains(WithoutCarriageReturns(run.out),
+                         "  gaps            not known: the library names them only in its trace (nvdbconv trace on)\n"))
+        << run.out;
+}
+
+TEST_F(NvdbconvGapsTest, UpgradeReportsMovedWithGapsNamesThemAndExits4)
+{
+    ContainerJanitor containers;
+    const nvwriter::Db20Database db = Write20(containers, 3);
+    TracingOn();
+    nvstore::inspect::SetFailPutSecret({kPasswordSecret});
+
+    const ProcessRun run = Nvdbconv(L"upgrade");
+    EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
+    const std::string out = WithoutCarriageReturns(run.out);
+    EXPECT_TRUE(Contains(out, "  step 1: 2.0 -> 3.0, Convert " + nvdbconv::DescribeResult(S_OK) + ", exit 4\n"
+                              "    users: 3 of 3 moved into the store\n"))
+        << out;
+    for (const std::string& sid : SortedSids(db))
+        EXPECT_TRUE(Contains(out, "    moved with gaps: " + sid + "  " + kPasswordGap + "\n")) << out;
+    const std::string summary = "2.0 -> 3.0 done, 3 users moved with gaps, 3 of 3 users in the store";
+    EXPECT_TRUE(Contains(out, "  upgrade         " + summary + "\n")) << out;
+    EXPECT_EQ("nvdbconv: " + summary + " (exit code 4)\n", WithoutCarriageReturns(run.err));
+
+    const ProcessRun json = Nvdbconv(L"--json upgrade");
+    EXPECT_EQ(0u, json.exitCode) << json.out << json.err; // converted now: nothing to do
+}
+
+TEST_F(NvdbconvGapsTest, UpgradeJsonCarriesTheGaps)
+{
+    ContainerJanitor containers;
+    const nvwriter::Db20Database db = Write20(containers, 2);
+    TracingOn();
+    nvstore::inspect::SetFailPutSecret({kPasswordSecret});
+
+    const ProcessRun run = Nvdbconv(L"--json upgrade");
+    EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
+    const JsonValue doc = Json(run);
+    EXPECT_EQ("2.0 -> 3.0 done, 2 users moved with gaps, 2 of 2 users in the store", doc["summary"].Text());
+    ASSERT_EQ(2u, doc["gaps"].Size());
+    EXPECT_EQ(kPasswordGap, doc["gaps"][0]["missing"].Text());
+    EXPECT_EQ(0u, doc["stayed"].Size());
+    EXPECT_TRUE(doc["steps"][0]["child"]["movedWithGaps"].Bool());
+    EXPECT_EQ(4, doc["exitCode"].Int());
+}
+
+// Under the strict policy the same refusal holds the user: upgrade names the user
+// who stayed (key, SID, status) and why.
+TEST_F(NvdbconvGapsTest, UpgradeNamesTheUserTheStrictPolicyHeld)
+{
+    ContainerJanitor containers;
+    const nvwriter::Db20Database db = Write20(containers, 2);
+    TracingOn();
+    SetDword(kPolicy, L"StrictConversion", 1, kView64);
+    const nvwriter::Db20User& held = db.users[1];
+    nvstore::inspect::SetFailOpenUser({held.sidText}, E_ACCESSDENIED);
+
+    const ProcessRun run = Nvdbconv(L"upgrade");
+    EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
+    const std::string out = WithoutCarriageReturns(run.out);
+    EXPECT_TRUE(Contains(out, "    users: 1 of 2 moved into the store\n")) << out;
+    const std::string line = "    kept old data: " + Narrow(nvwriter::GuidText(held.guid)) + "  " + Narrow(held.sidText) + "  " +
+                             nvdbconv::DescribeResult(E_ACCESSDENIED) + " (held: conversion failed (0x80070005))\n";
+    EXPECT_TRUE(Contains(out, line)) << out;
+    // The database is still 2.0 (one user key left), so the chain stays there.
+    const std::string summary = "2.0 stopped: 1 user kept their old data, 1 of 2 users in the store";
+    EXPECT_TRUE(Contains(out, "  upgrade         " + summary + "\n")) << out;
+    EXPECT_EQ("nvdbconv: " + summary + " (exit code 4)\n", WithoutCarriageReturns(run.err));
+}

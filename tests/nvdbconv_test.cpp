@@ -191,6 +191,7 @@ TEST_F(NvdbconvCliTest, HelpPrintsTheFullUsageAndExits0)
     }
     EXPECT_TRUE(Contains(nvdbconv::UsageText(), "exit codes: 0 done, 1 a call failed, 2 usage error, 3 refused"));
     EXPECT_TRUE(Contains(nvdbconv::UsageText(), "4 Convert answered S_OK but users kept"));
+    EXPECT_TRUE(Contains(nvdbconv::UsageText(), "their old data, or moved with gaps: parts of them did not reach the store"));
 }
 
 TEST(NvdbconvCommandLineTest, OptionsGoBeforeOrAfterTheCommandAndTakeInlineValues)

@@ -3,9 +3,15 @@
 // passes its full path to each action as CustomActionData; the actions load that
 // file, and only that file, and call its exports:
 //
-//   NvConvertDatabase  deferred, no impersonation: GetDBVersion, then Convert. A
-//                      failing Convert fails the install (1603). After a 2.0 -> 3.0
-//                      step it also says how many users kept their old data.
+//   NvConvertDatabase  deferred, no impersonation: every step to the newest format,
+//                      one library load per step (the library picks its converter
+//                      when it is loaded): GetDBVersion, then Convert, until no step
+//                      is left or one fails. A database already laid out as 3.0 (no
+//                      Data and no MainDB, whatever "Version" reads) is converted:
+//                      nothing is called. A failing Convert fails the install
+//                      (1603). After a 2.0 -> 3.0 step it names every user who kept
+//                      the old data, with what the strict policy's held-users record
+//                      says of them; the install still succeeds (see README.md).
 //   NvRollbackDatabase rollback: Rollback, but only when the backup key that the
 //                      database's "Backup" value names exists. Rollback deletes the
 //                      database key before it copies the backup back, so without the
@@ -28,8 +34,16 @@
 namespace {
 
 constexpr const wchar_t kDatabasePath[] = L"SOFTWARE\\Norvane\\DB";
+constexpr const wchar_t kDataPath[] = L"SOFTWARE\\Norvane\\DB\\Data";
+constexpr const wchar_t kMainDbPath[] = L"SOFTWARE\\Norvane\\DB\\MainDB";
 constexpr const wchar_t kUsersPath[] = L"SOFTWARE\\Norvane\\DB\\Data\\Users";
 constexpr const wchar_t kBackupValueName[] = L"Backup";
+// The strict policy's record of the users it kept in the old database, one key per
+// user ({GUID}, as under Data\Users) in the database's view.
+constexpr const wchar_t kHeldUsersPath[] = L"SOFTWARE\\Norvane\\DBConversion\\HeldUsers";
+// 1.0 -> 2.0 -> 3.0 takes two steps; more means a step made no progress.
+constexpr int kMaxSteps = 4;
+constexpr DWORD kNewestFormat = 0x00030000;
 // The converters keep the database in the 32-bit view. A 1.0 database is backed up
 // there too; a 2.0 database is backed up in the library's own (64-bit) view.
 constexpr REGSAM kDatabaseView = KEY_WOW64_32KEY;
@@ -181,38 +195,155 @@ bool CountUserKeys(DWORD* count)
     return rc == ERROR_SUCCESS;
 }
 
+// The 3.0 layout: the database key is there and holds neither Data nor MainDB. A
+// key that exists but cannot be opened, or any other failure, answers false.
+bool IsLayout30()
+{
+    if (!KeyExists(kDatabasePath, kDatabaseView))
+        return false;
+    for (const wchar_t* path : {kDataPath, kMainDbPath}) {
+        HKEY key = nullptr;
+        const LONG rc = ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_READ | kDatabaseView, &key);
+        if (rc == ERROR_SUCCESS)
+            ::RegCloseKey(key);
+        if (rc != ERROR_FILE_NOT_FOUND)
+            return false;
+    }
+    return true;
+}
+
+// "2.0" of 0x00020000.
+std::wstring VersionText(DWORD version)
+{
+    return std::to_wstring(version >> 16) + L"." + std::to_wstring(version & 0xFFFF);
+}
+
+const wchar_t* Users(DWORD n) { return n == 1 ? L"user" : L"users"; }
+
+std::wstring ReadString(HKEY key, const wchar_t* name)
+{
+    wchar_t buffer[1024] = {};
+    DWORD size = sizeof(buffer) - sizeof(wchar_t);
+    DWORD type = 0;
+    if (::RegQueryValueExW(key, name, nullptr, &type, reinterpret_cast<BYTE*>(buffer), &size) != ERROR_SUCCESS ||
+        type != REG_SZ)
+        return std::wstring();
+    return buffer;
+}
+
+// Names every user key left under Data\Users, with the held-users record's SID,
+// result and reason when the strict policy kept it; returns how many there are.
+DWORD LogUsersLeft(MSIHANDLE install)
+{
+    HKEY users = nullptr;
+    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kUsersPath, 0, KEY_READ | kDatabaseView, &users) != ERROR_SUCCESS)
+        return 0;
+    DWORD count = 0;
+    for (DWORD i = 0;; ++i) {
+        wchar_t name[256];
+        DWORD cch = 256;
+        if (::RegEnumKeyExW(users, i, name, &cch, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS)
+            break;
+        ++count;
+        HKEY held = nullptr;
+        const std::wstring path = std::wstring(kHeldUsersPath) + L"\\" + name;
+        if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, KEY_READ | kDatabaseView, &held) != ERROR_SUCCESS) {
+            Log(install, L"kept old data: %ls (no held-users record; its status is in the library's trace)", name);
+            continue;
+        }
+        DWORD result = 0, size = sizeof(result), type = 0;
+        if (::RegQueryValueExW(held, L"Result", nullptr, &type, reinterpret_cast<BYTE*>(&result), &size) !=
+                ERROR_SUCCESS ||
+            type != REG_DWORD)
+            result = 0;
+        Log(install, L"held user: %ls %ls 0x%08lX: %ls", name, ReadString(held, L"SID").c_str(),
+            static_cast<unsigned long>(result), ReadString(held, L"Reason").c_str());
+        ::RegCloseKey(held);
+    }
+    ::RegCloseKey(users);
+    return count;
+}
+
+enum class StepResult { Converted, LastStep, NothingToDo, Failed };
+
+// One step with a library loaded for it alone: GetDBVersion, then Convert. Appends
+// the format it reached to the chain.
+StepResult ConvertOneStep(MSIHANDLE install, const std::wstring& path, int step, std::wstring* chain)
+{
+    Log(install, L"step %d", step);
+    const CLibrary library(install, path);
+    if (!library.loaded())
+        return StepResult::Failed;
+    DWORD current = 0, target = 0;
+    if (FAILED(library.GetDBVersion(&current, &target)))
+        return StepResult::Failed;
+    if (target == 0)
+        return StepResult::NothingToDo;
+    const std::wstring label = VersionText(current) + L" -> " + VersionText(target);
+    DWORD before = 0;
+    const bool movesUsers = (current >> 16) == 2 && CountUserKeys(&before);
+    if (FAILED(library.Call("Convert"))) {
+        Log(install, L"step %d: %ls failed; Convert rolled this step back", step, label.c_str());
+        return StepResult::Failed;
+    }
+    if (chain->empty())
+        *chain = VersionText(current);
+    *chain += L" -> " + VersionText(target);
+    if (!movesUsers) {
+        Log(install, L"step %d: converted %ls", step, label.c_str());
+    } else {
+        const DWORD left = LogUsersLeft(install);
+        Log(install, L"step %d: converted %ls, %lu of %lu %ls in the store", step, label.c_str(),
+            static_cast<unsigned long>(before - (left < before ? left : before)), static_cast<unsigned long>(before),
+            Users(before));
+        // The install still succeeds: this step cannot be undone (Convert removed
+        // its backup), and a held user keeps all its old data for the next install.
+        if (left > 0)
+            Log(install, L"%lu of %lu %ls kept their old data; the next install tries them again",
+                static_cast<unsigned long>(left), static_cast<unsigned long>(before), Users(before));
+    }
+    return target >= kNewestFormat ? StepResult::LastStep : StepResult::Converted;
+}
+
 } // namespace
 
 extern "C" __declspec(dllexport) UINT WINAPI NvConvertDatabase(MSIHANDLE install)
 {
     Log(install, L"converting the database");
-    const CLibrary library(install, CustomActionData(install));
-    if (!library.loaded())
-        return ERROR_INSTALL_FAILURE;
-    DWORD current = 0, target = 0;
-    if (FAILED(library.GetDBVersion(&current, &target)))
-        return ERROR_INSTALL_FAILURE;
-    if (target == 0) {
-        Log(install, L"outcome: nothing to convert");
-        return ERROR_SUCCESS;
+    const std::wstring path = CustomActionData(install);
+    std::wstring chain;
+    for (int step = 1; step <= kMaxSteps; ++step) {
+        // A repair or a second install finds the conversion done: "Version" still
+        // reads 2.x after the last step, and Convert would back the database up and
+        // fail on the missing Data\Users.
+        if (IsLayout30()) {
+            if (chain.empty()) {
+                Log(install, L"outcome: already converted: format 3.0 (no Data and no MainDB under "
+                             L"HKLM\\%ls); Convert not called",
+                    kDatabasePath);
+            } else {
+                Log(install, L"outcome: converted %ls", chain.c_str());
+            }
+            return ERROR_SUCCESS;
+        }
+        switch (ConvertOneStep(install, path, step, &chain)) {
+        case StepResult::Failed:
+            Log(install, L"outcome: %ls; the install fails",
+                chain.empty() ? L"Convert failed" : (L"converted " + chain + L", then a step failed").c_str());
+            return ERROR_INSTALL_FAILURE;
+        case StepResult::NothingToDo:
+            Log(install, chain.empty() ? L"outcome: nothing to convert" : L"outcome: converted %ls", chain.c_str());
+            return ERROR_SUCCESS;
+        case StepResult::LastStep:
+            Log(install, L"outcome: converted %ls", chain.c_str());
+            return ERROR_SUCCESS;
+        case StepResult::Converted:
+            break;
+        }
     }
-    DWORD before = 0;
-    const bool movesUsers = (current >> 16) == 2 && CountUserKeys(&before);
-    const HRESULT hr = library.Call("Convert");
-    if (FAILED(hr)) {
-        Log(install, L"outcome: Convert failed and rolled the database back; the install fails");
-        return ERROR_INSTALL_FAILURE;
-    }
-    DWORD left = 0;
-    if (movesUsers && CountUserKeys(&left) && left > 0)
-        Log(install, L"outcome: converted, but %lu of %lu users kept their old data (see the trace)",
-            static_cast<unsigned long>(left), static_cast<unsigned long>(before));
-    else if (movesUsers)
-        Log(install, L"outcome: converted, %lu of %lu users in the store", static_cast<unsigned long>(before),
-            static_cast<unsigned long>(before));
-    else
-        Log(install, L"outcome: converted");
-    return ERROR_SUCCESS;
+    Log(install, L"outcome: converted %ls, but the database is still not at the newest format; the install fails",
+        chain.c_str());
+    return ERROR_INSTALL_FAILURE;
 }
 
 extern "C" __declspec(dllexport) UINT WINAPI NvRollbackDatabase(MSIHANDLE install)

@@ -4,7 +4,8 @@
 // unchecked stay unchecked, the legacy readers stay lenient on malformed data, and
 // a user whose steps ran through loses its old key even when part of it did not
 // reach the store (a secret that could not be sealed, a template read from a
-// malformed item).
+// malformed item). What it moved without is traced all the same ("Incomplete user
+// '<SID>' moved with gaps: <what is missing>", in the strict policy's words).
 //
 // Strict: a user's old key is deleted only when all of the user reached the store.
 // Anything left behind fails the user with NV_E_USER_INCOMPLETE and a trace line

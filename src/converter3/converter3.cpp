@@ -112,16 +112,15 @@ private:
     nv::com_ptr<IClassFactory> m_factory;
 };
 
-// What the strict policy finds missing of one user. Under the default policy it
-// collects nothing, and the user's steps run exactly as before.
+// What of one user did not reach the store. The strict policy holds a user with
+// anything missing; the default policy only traces it, and the user's steps run
+// exactly as before.
 class CConverter3::CMissingParts {
 public:
     explicit CMissingParts(bool strict) noexcept : m_strict(strict) {}
     bool Strict() const noexcept { return m_strict; }
     void Add(const std::wstring& what)
     {
-        if (!m_strict)
-            return;
         if (!m_text.empty())
             m_text += L"; ";
         m_text += what;
@@ -439,12 +438,17 @@ void CConverter3::ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, CSt
     if (extractor.HasDroppedTemplates(user.pSid))
         missing.Add(WithCode(L"templates of a further fingerprint entry dropped", L"", S_OK));
 
-    if (!missing.Empty()) {
+    if (!missing.Empty() && missing.Strict()) {
         // Strict policy: the user stays in the old database and a later Convert
         // tries it again; what already reached the store stays there.
         NVTraceNS::Trace(scope, 0, "Incomplete user '%ls' keeps its old key: %ls", sid.c_str(),
                          missing.Text().c_str());
         nv::ThrowHr(nvconv3::NV_E_USER_INCOMPLETE);
+    }
+    if (!missing.Empty()) {
+        // Default policy: the user moves as the format has it, but what it moves
+        // without is said, in the strict policy's words.
+        NVTraceNS::Trace(scope, 0, "Incomplete user '%ls' moved with gaps: %ls", sid.c_str(), missing.Text().c_str());
     }
 
     const std::wstring path = std::wstring(kUserKeyPrefix) + nv::GuidText(user.guidUser);

@@ -42,9 +42,9 @@ private:
 
     // Steps of one user, from loading its secrets to deleting its old key. Failures
     // are raised; hrStatus takes the public key read and each template's result.
-    // Under the strict policy, missing collects what did not reach the store, and a
-    // user with anything missing fails with NV_E_USER_INCOMPLETE before its old key
-    // is deleted.
+    // missing collects what did not reach the store. Under the strict policy a user
+    // with anything missing fails with NV_E_USER_INCOMPLETE before its old key is
+    // deleted; under the default policy it is traced and the user moves.
     void ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, CStoreObjects& storeObjects,
                      const NV_USER_RECORD& user, const std::wstring& sid, HRESULT& hrStatus, NVTraceNS::CTraceScope& scope,
                      CMissingParts& missing);

@@ -39,6 +39,37 @@ HRESULT RefuseForeignBackupPath(NVTraceNS::CTraceScope& scope, const std::wstrin
     return E_ACCESSDENIED;
 }
 
+// The first value of zero bytes under the key, in the order CopyKey copies (the
+// key's values, then each subkey in turn): the one the backup refused. Its key is
+// given as `path` and the subkeys below it.
+bool FindEmptyValue(HKEY key, const std::wstring& path, std::wstring& keyPath, std::wstring& valueName)
+{
+    std::vector<wchar_t> name(kNameBufferChars);
+    for (DWORD index = 0;; ++index) {
+        DWORD cchName = kNameCapacity;
+        DWORD cbData = 0;
+        const LONG r = ::RegEnumValueW(key, index, name.data(), &cchName, nullptr, nullptr, nullptr, &cbData);
+        if (r != ERROR_SUCCESS && r != ERROR_MORE_DATA)
+            break;
+        if (cbData == 0) {
+            keyPath = path;
+            valueName.assign(name.data(), cchName);
+            return true;
+        }
+    }
+    for (DWORD index = 0;; ++index) {
+        DWORD cchName = kNameCapacity;
+        if (::RegEnumKeyExW(key, index, name.data(), &cchName, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS)
+            break;
+        const std::wstring sub(name.data(), cchName);
+        nv::unique_hkey child;
+        if (::RegOpenKeyExW(key, sub.c_str(), 0, KEY_READ, child.put()) == ERROR_SUCCESS &&
+            FindEmptyValue(child.get(), path + L"\\" + sub, keyPath, valueName))
+            return true;
+    }
+    return false;
+}
+
 } // namespace
 
 CBaseConverter::CBaseConverter(DWORD dwTargetVersion, const wchar_t* wszTargetVersion, REGSAM samDbView)
@@ -171,8 +202,17 @@ HRESULT CBaseConverter::Backup()
     NVTraceNS::CTraceScope scope("CBaseConverter::Backup", 0);
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
         std::wstring path = std::wstring(nv::kVendorKeyPath) + L"\\" + GetBackupName();
-        nv::ThrowIfFailed(CopyKey(HKEY_LOCAL_MACHINE, path.c_str(), GetBackupView(), m_dbKey.m_hKey, L"",
-                                  m_dbKey.m_samWOW64));
+        const HRESULT hrCopy =
+            CopyKey(HKEY_LOCAL_MACHINE, path.c_str(), GetBackupView(), m_dbKey.m_hKey, L"", m_dbKey.m_samWOW64);
+        // The copy's refusal of an empty value reads as a memory shortage: name the
+        // value, so that the trace says which one.
+        std::wstring emptyKey, emptyValue;
+        if (hrCopy == nv::HResultFromWin32(ERROR_NOT_ENOUGH_MEMORY) && m_dbKey.m_hKey &&
+            FindEmptyValue(m_dbKey.m_hKey, std::wstring(L"HKLM\\") + nv::kDatabaseKeyPath, emptyKey, emptyValue)) {
+            NVTraceNS::Trace(scope, 0, "value \"%ls\" of %ls is empty: the backup cannot copy empty values",
+                             emptyValue.c_str(), emptyKey.c_str());
+        }
+        nv::ThrowIfFailed(hrCopy);
         // Written after the copy, so the backup never holds this run's own marker.
         nv::SetStringValue(m_dbKey.m_hKey, s_wszBackupValue, path.c_str());
         NVTraceNS::Trace(scope, 0, "backup key created, name stored");

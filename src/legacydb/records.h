@@ -59,7 +59,8 @@ public:
     std::vector<BYTE> m_data;
     // True when the reader took an empty value for any part of the item (missing,
     // refused as data, of the wrong size or kind): the template is not the one that
-    // was stored. Only the strict conversion policy looks at it.
+    // was stored. The strict conversion policy holds the user for it; the default
+    // policy only traces it.
     bool m_bLenient = false;
 
     void Clear()
@@ -77,7 +78,8 @@ public:
     NV_SECRET_INFO m_info{};
     nv::CCryptBlob m_content; // the sealed secret (key blob + ciphertext)
     // True when the field did not decode as a complete secret record (fewer than two
-    // items, or a part read as its empty value). Only the strict policy looks at it.
+    // items, or a part read as its empty value). The strict policy holds the user for
+    // it; the default policy only traces it.
     bool m_bLenient = false;
 
     // Opens the sealed content. Hands out a task-allocated copy of the plain bytes

@@ -79,7 +79,7 @@ const char* UsageText()
            "                       container, every user's record, templates, secrets and password,\n"
            "                       the storage server, and which users would fail and why\n"
            "  convert              Convert: one format step (1.0 -> 2.0, or 2.0 -> 3.0 into the store);\n"
-           "                       names every user who kept the old data\n"
+           "                       names every user who kept the old data or moved with gaps\n"
            "      --progress M     auto (default: a progress line when the output is a terminal),\n"
            "                       always, or never\n"
            "      --force          convert 2.0 -> 3.0 even when the storage server is not registered\n"
@@ -111,7 +111,8 @@ const char* UsageText()
            "\n"
            "exit codes: 0 done, 1 a call failed, 2 usage error, 3 refused (rollback without its backup,\n"
            "            2.0 -> 3.0 without the storage server), 4 Convert answered S_OK but users kept\n"
-           "            their old data (check: some users would not convert)\n";
+           "            their old data, or moved with gaps: parts of them did not reach the store (told\n"
+           "            by the library's trace; check: some users would not convert)\n";
 }
 
 ParsedCommandLine ParseCommandLine(const std::vector<std::wstring>& args)

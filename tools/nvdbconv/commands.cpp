@@ -521,10 +521,14 @@ int Convert(const Options& o, Printer& out, CLibraryHost& host)
         out.Problem("Convert failed: " + DescribeResult(hr) + (emptyValueFailed ? ": " + EmptyValueText(*empty) : ""));
         return Finish(out, kExitFailed);
     }
-    // S_OK does not mean that every user moved: name those who kept their old data.
+    // S_OK does not mean that every user moved, nor that all of a moved user reached
+    // the store: name those who kept their old data, and those moved with gaps.
     int exitCode = kExitOk;
-    if (movesUsers)
+    if (movesUsers) {
         exitCode = ReportRemainingUsers(out, ReadRemainingUsers(host.path()), progress.total);
+        if (ReportUserGaps(out, ReadUserGaps(host.path()), progress.total, ReadPolicyState().strict()) != kExitOk)
+            exitCode = kExitUsersRemained;
+    }
     return Finish(out, exitCode);
 }
 

@@ -11,26 +11,40 @@ namespace nvdbconv {
 
 namespace {
 
-// The last status the trace gives each SID ("Conversion process is over for").
-std::map<std::wstring, DWORD> TraceStatuses(const std::wstring& dllPath)
+std::wstring Wide(const std::string& utf8)
 {
-    std::map<std::wstring, DWORD> statuses;
+    const int n = ::MultiByteToWideChar(CP_UTF8, 0, utf8.c_str(), static_cast<int>(utf8.size()), nullptr, 0);
+    std::wstring text(static_cast<size_t>(n), L'\0');
+    if (n > 0)
+        ::MultiByteToWideChar(CP_UTF8, 0, utf8.c_str(), static_cast<int>(utf8.size()), &text[0], n);
+    return text;
+}
+
+// The summary of the trace file the library loaded from dllPath writes in this
+// process, when tracing is on and goes to a file that can be read.
+std::optional<nvtrace::TraceSummary> TraceSummaryFor(const std::wstring& dllPath)
+{
     const TraceSettings settings = ReadTraceSettings();
     if (!settings.keyFound || !settings.on() || !settings.toFile())
-        return statuses;
+        return std::nullopt;
     const std::string path = U8(TraceFileFor(settings, dllPath));
     std::vector<std::uint8_t> data;
     std::string error;
     if (!nvtrace::ReadWholeFile(path, data, error))
+        return std::nullopt;
+    return nvtrace::Summarize(nvtrace::Decode(data));
+}
+
+// The last status the trace gives each SID ("Conversion process is over for").
+std::map<std::wstring, DWORD> TraceStatuses(const std::wstring& dllPath)
+{
+    std::map<std::wstring, DWORD> statuses;
+    const std::optional<nvtrace::TraceSummary> summary = TraceSummaryFor(dllPath);
+    if (!summary)
         return statuses;
-    const nvtrace::TraceSummary summary = nvtrace::Summarize(nvtrace::Decode(data));
-    for (const nvtrace::SummaryUser& u : summary.users) {
-        if (!u.over)
-            continue;
-        const int n = ::MultiByteToWideChar(CP_UTF8, 0, u.sid.c_str(), static_cast<int>(u.sid.size()), nullptr, 0);
-        std::wstring sid(static_cast<size_t>(n), L'\0');
-        ::MultiByteToWideChar(CP_UTF8, 0, u.sid.c_str(), static_cast<int>(u.sid.size()), &sid[0], n);
-        statuses[sid] = u.status;
+    for (const nvtrace::SummaryUser& u : summary->users) {
+        if (u.over)
+            statuses[Wide(u.sid)] = u.status;
     }
     return statuses;
 }
@@ -94,6 +108,44 @@ int ReportRemainingUsers(Printer& out, const std::vector<RemainingUser>& users, 
     out.Problem(Fmt("%zu of %s kept their old data under HKLM\\SOFTWARE\\Norvane\\DB\\Data\\Users "
                     "(exit code %d)",
                     users.size(), Counted(total, "user").c_str(), kExitUsersRemained));
+    return kExitUsersRemained;
+}
+
+GapReport ReadUserGaps(const std::wstring& dllPath)
+{
+    GapReport report;
+    const std::optional<nvtrace::TraceSummary> summary = TraceSummaryFor(dllPath);
+    if (!summary)
+        return report;
+    report.traced = true;
+    // An appended file holds earlier conversions too: only the last process is this one.
+    const unsigned last = static_cast<unsigned>(summary->processes.size());
+    for (const nvtrace::SummaryUser& u : summary->users) {
+        if (u.process == last && u.movedWithGaps())
+            report.users.push_back({Wide(u.sid), u.gaps});
+    }
+    return report;
+}
+
+int ReportUserGaps(Printer& out, const GapReport& gaps, DWORD total, bool strict)
+{
+    out.json.Field("gapsTraced", gaps.traced);
+    out.json.Key("gaps").BeginArray();
+    for (const UserGap& u : gaps.users)
+        out.json.BeginObject().Field("sid", u.sid).Field("missing", u.missing).EndObject();
+    out.json.EndArray();
+    out.json.Field("movedWithGaps", !gaps.users.empty());
+    if (!gaps.traced && !strict)
+        out.Row("gaps", "not known: the library names them only in its trace (nvdbconv trace on)");
+    if (gaps.users.empty())
+        return kExitOk;
+
+    out.Row("moved with gaps", Fmt("%zu of %s: parts of them did not reach the store (Convert answered S_OK)",
+                                   gaps.users.size(), Counted(total, "user").c_str()));
+    for (const UserGap& u : gaps.users)
+        out.Line("    " + U8(u.sid) + "  " + u.missing);
+    out.Problem(Fmt("%zu of %s moved with gaps: parts of them did not reach the store (exit code %d)",
+                    gaps.users.size(), Counted(total, "user").c_str(), kExitUsersRemained));
     return kExitUsersRemained;
 }
 

@@ -30,6 +30,23 @@ std::vector<RemainingUser> ReadRemainingUsers(const std::wstring& dllPath);
 // a problem line) and returns kExitUsersRemained, or kExitOk when there are none.
 int ReportRemainingUsers(Printer& out, const std::vector<RemainingUser>& users, DWORD total);
 
+// A user the library moved under the default policy although parts of it did not
+// reach the store ("Incomplete user '<SID>' moved with gaps: <parts>" in its trace).
+struct UserGap {
+    std::wstring sid;
+    std::string missing; // the trace's words, "secret not stored 'X' (0x80004005)"
+};
+struct GapReport {
+    bool traced = false;      // the trace file of this library was read
+    std::vector<UserGap> users; // of the last process in that file
+};
+GapReport ReadUserGaps(const std::wstring& dllPath);
+
+// Prints the users moved with gaps (text rows, "gaps" JSON array, a problem line)
+// and returns kExitUsersRemained when there are any, kExitOk otherwise. Without a
+// trace file, under the default policy, says that gaps cannot be told.
+int ReportUserGaps(Printer& out, const GapReport& gaps, DWORD total, bool strict);
+
 // Before a 2.0 -> 3.0 step: with the storage server unregistered every user would
 // keep the old data. Unless forced, says so (text, JSON "refused"/"reason") and
 // returns true: the caller stops with kExitRefused.

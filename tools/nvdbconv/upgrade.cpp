@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "outcome.h"
+#include "policy.h"
 #include "results.h"
 
 namespace nvdbconv {
@@ -109,6 +110,15 @@ std::string StepTarget(const std::string& childJson, const std::string& from)
     return from == "1.0" ? "2.0" : "3.0";
 }
 
+// "{GUID}  S-1-5-...  0x80040201 ..." (the status when the trace has it).
+std::string UserText(const RemainingUser& u)
+{
+    std::string text = U8(u.key) + "  " + (u.sid.empty() ? std::string("(SID unreadable)") : U8(u.sid));
+    if (u.status)
+        text += "  " + DescribeResult(static_cast<HRESULT>(*u.status));
+    return text;
+}
+
 std::string Trimmed(std::string text)
 {
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
@@ -135,6 +145,9 @@ int Upgrade(const Options& o, Printer& out, const std::wstring& dllPath)
     std::string failureCause;
     DWORD usersTotal = 0, usersLeft = 0;
     bool movedUsers = false;
+    // Of the last 2.0 -> 3.0 step: who kept the old data, who moved with gaps.
+    std::vector<RemainingUser> stayed;
+    GapReport gaps;
     int exitCode = kExitOk;
     out.json.Key("steps").BeginArray();
     for (int step = 1; step <= kMaxSteps && (layout == "1.0" || layout == "2.0"); ++step) {
@@ -184,6 +197,19 @@ int Upgrade(const Options& o, Printer& out, const std::wstring& dllPath)
             usersLeft = after.usersKey ? after.userKeys : 0;
             out.Line(Fmt("    users: %lu of %lu moved into the store", static_cast<unsigned long>(usersTotal - std::min(usersLeft, usersTotal)),
                          static_cast<unsigned long>(usersTotal)));
+            // The child's library wrote the trace: this process loads none.
+            stayed = ReadRemainingUsers(dllPath);
+            gaps = ReadUserGaps(dllPath);
+            const std::vector<HeldUser> held = ReadHeldUsers();
+            for (const RemainingUser& u : stayed) {
+                std::string line = "    kept old data: " + UserText(u);
+                for (const HeldUser& h : held)
+                    if (h.key == u.key)
+                        line += " (held: " + U8(h.reason) + ")";
+                out.Line(line);
+            }
+            for (const UserGap& u : gaps.users)
+                out.Line("    moved with gaps: " + U8(u.sid) + "  " + u.missing);
         }
         if (!run.started) {
             out.Problem("cannot start " + U8(SelfPath()));
@@ -216,8 +242,10 @@ int Upgrade(const Options& o, Printer& out, const std::wstring& dllPath)
         summary = AlreadyConvertedText() + "; nothing to do";
     else if (exitCode == kExitOk)
         summary += layout == "none" ? ": no database, nothing to do" : " done";
+    else if (exitCode == kExitUsersRemained && !stayed.empty())
+        summary += " stopped: " + Counted(stayed.size(), "user") + " kept their old data";
     else if (exitCode == kExitUsersRemained)
-        summary += " stopped: users kept their old data";
+        summary += " done, " + Counted(gaps.users.size(), "user") + " moved with gaps";
     else
         summary += " failed" + (failureCause.empty() ? std::string() : ": " + failureCause);
     if (movedUsers)
@@ -227,10 +255,20 @@ int Upgrade(const Options& o, Printer& out, const std::wstring& dllPath)
     out.Row("upgrade", summary);
     out.json.Field("chain", chain).Field("summary", summary).Field("alreadyConverted", alreadyConverted);
     out.json.Key("users").BeginObject().Field("total", usersTotal).Field("left", usersLeft).EndObject();
+    out.json.Key("stayed").BeginArray();
+    for (const RemainingUser& u : stayed)
+        out.json.BeginObject().Field("key", u.key).Field("sid", u.sid).EndObject();
+    out.json.EndArray();
+    out.json.Key("gaps").BeginArray();
+    for (const UserGap& u : gaps.users)
+        out.json.BeginObject().Field("sid", u.sid).Field("missing", u.missing).EndObject();
+    out.json.EndArray();
     out.json.Key("after");
     JsonDatabase(out.json, ReadDatabaseState());
     if (exitCode == kExitFailed)
         out.Problem("upgrade failed: " + summary);
+    else if (exitCode == kExitUsersRemained)
+        out.Problem(summary + Fmt(" (exit code %d)", kExitUsersRemained));
     return Finish(out, exitCode);
 }
 

@@ -95,6 +95,38 @@ bool QuotedAfter(const std::string& text, const std::string& lead, const std::st
     return ParseHex(text, close + 1 + tail.size(), *code);
 }
 
+// "<lead><sid><tail><rest>": the SID and the rest.
+bool SidAndRest(const std::string& text, const char* lead, const char* tail, std::string& sid, std::string& rest)
+{
+    const std::string l(lead), t(tail);
+    if (text.compare(0, l.size(), l) != 0)
+        return false;
+    const std::size_t at = text.find(t, l.size());
+    if (at == std::string::npos)
+        return false;
+    sid = text.substr(l.size(), at - l.size());
+    rest = text.substr(at + t.size());
+    return true;
+}
+
+// "value "<name>" of <key> is empty: the backup cannot copy empty values", the
+// library's words for a value its backup refused, in nvdbconv's form.
+bool EmptyValueLine(const std::string& text, std::string& shown)
+{
+    static const std::string lead = "value \"", middle = "\" of ",
+                             tail = " is empty: the backup cannot copy empty values";
+    if (text.compare(0, lead.size(), lead) != 0 || text.size() < lead.size() + tail.size() ||
+        text.compare(text.size() - tail.size(), tail.size(), tail) != 0)
+        return false;
+    const std::size_t at = text.rfind(middle, text.size() - tail.size());
+    if (at == std::string::npos || at < lead.size())
+        return false;
+    const std::string name = text.substr(lead.size(), at - lead.size());
+    const std::string key = text.substr(at + middle.size(), text.size() - tail.size() - at - middle.size());
+    shown = key + ": value \"" + name + "\" is empty; the backup cannot copy empty values";
+    return true;
+}
+
 // Days since 1970-01-01 of a civil date.
 std::int64_t DaysFromCivil(int y, unsigned m, unsigned d)
 {
@@ -332,6 +364,14 @@ TraceSummary Summarize(const DecodedTrace& trace)
                 SummaryUser& u = user(sid);
                 u.deleteSeen = true;
                 u.deleteResult = code;
+            } else {
+                std::string rest;
+                if (EmptyValueLine(r.text, rest))
+                    summary.emptyValues.push_back(rest);
+                else if (SidAndRest(r.text, kIncompleteUserLead, kMovedWithGapsTail, sid, rest))
+                    user(sid).gaps = rest;
+                else if (SidAndRest(r.text, kIncompleteUserLead, kKeepsOldKeyTail, sid, rest))
+                    user(sid).heldFor = rest;
             }
         }
     }
@@ -372,12 +412,22 @@ void WriteSummary(const TraceSummary& summary, std::ostream& out, std::size_t sl
         out << '\n';
     }
 
+    if (!summary.emptyValues.empty()) {
+        out << "\nvalues the backup refused: " << summary.emptyValues.size() << '\n';
+        for (const std::string& v : summary.emptyValues)
+            out << "  " << v << '\n';
+    }
+
     if (!summary.users.empty()) {
-        std::size_t moved = 0;
-        for (const SummaryUser& u : summary.users)
+        std::size_t moved = 0, withGaps = 0;
+        for (const SummaryUser& u : summary.users) {
             moved += u.moved() ? 1 : 0;
-        out << "\nusers (2.0 -> 3.0): " << summary.users.size() << ", " << moved << " moved, "
-            << summary.users.size() - moved << " kept their old data\n";
+            withGaps += u.movedWithGaps() ? 1 : 0;
+        }
+        out << "\nusers (2.0 -> 3.0): " << summary.users.size() << ", " << moved << " moved";
+        if (withGaps)
+            out << " (" << withGaps << " with gaps)";
+        out << ", " << summary.users.size() - moved << " kept their old data\n";
         std::size_t width = 3;
         for (const SummaryUser& u : summary.users)
             width = std::max(width, u.sid.size());
@@ -385,14 +435,18 @@ void WriteSummary(const TraceSummary& summary, std::ostream& out, std::size_t sl
         for (const SummaryUser& u : summary.users) {
             out << "  " << u.sid << std::string(width - u.sid.size(), ' ') << "  ";
             out << (u.over ? Hex8(u.status) : std::string("(no end)  ")) << "  ";
-            if (u.moved()) {
+            if (u.movedWithGaps()) {
+                out << "moved with gaps: " << u.gaps;
+            } else if (u.moved()) {
                 out << "moved";
             } else if (u.deleteSeen) {
                 out << "in the store, but its old key stayed (DeleteKey " << Hex8(u.deleteResult) << ')';
             } else {
                 out << "kept its old data";
                 const CodeText text = DescribeCode(u.status);
-                if (u.over && u.status != 0 && !text.name.empty())
+                if (!u.heldFor.empty())
+                    out << ": " << u.heldFor;
+                else if (u.over && u.status != 0 && !text.name.empty())
                     out << ": " << text.name << " \"" << text.message << '"';
             }
             if (summary.processes.size() > 1)

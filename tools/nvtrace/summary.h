@@ -42,8 +42,8 @@ struct SummaryFailure {
     std::size_t count = 0; // identical results in a row (same process, thread, path, code)
 };
 
-// One user of a 2.0 -> 3.0 conversion, from "Conversion process began/is over for"
-// and "DeleteKey('<SID>'), 0x..." lines.
+// One user of a 2.0 -> 3.0 conversion, from "Conversion process began/is over for",
+// "Incomplete user '<SID>' ..." and "DeleteKey('<SID>'), 0x..." lines.
 struct SummaryUser {
     unsigned process = 0;
     std::string sid;
@@ -51,9 +51,20 @@ struct SummaryUser {
     std::uint32_t status = 0;     // from the "is over" line
     bool deleteSeen = false;
     std::uint32_t deleteResult = 0;
+    // What did not reach the store: "... moved with gaps: <parts>" (default policy,
+    // the user moved without them) or "... keeps its old key: <parts>" (strict).
+    std::string gaps;
+    std::string heldFor;
     // Moved: the user's old key was deleted after a complete run of its steps.
     bool moved() const { return deleteSeen && deleteResult == 0; }
+    bool movedWithGaps() const { return moved() && !gaps.empty(); }
 };
+
+// The trace lines of a user who did not wholly reach the store: the same words
+// under both policies, then what is missing.
+inline constexpr const char kIncompleteUserLead[] = "Incomplete user '";
+inline constexpr const char kMovedWithGapsTail[] = "' moved with gaps: ";
+inline constexpr const char kKeepsOldKeyTail[] = "' keeps its old key: ";
 
 struct SummaryScope {
     std::string name;
@@ -68,6 +79,9 @@ struct TraceSummary {
     std::vector<SummaryUser> users;
     std::vector<SummaryScope> scopes; // by total time, longest first
     std::size_t unclosedScopes = 0;   // entered but never left (process ended or file cut)
+    // Values the backup refused, from "value "<name>" of <key> is empty: ..." lines,
+    // as "<key>: value "<name>" is empty; the backup cannot copy empty values".
+    std::vector<std::string> emptyValues;
 };
 
 TraceSummary Summarize(const DecodedTrace& trace);

@@ -116,6 +116,61 @@ TEST(NvtraceSummaryTest, TextNamesCodesAndTellsEachUsersOutcome)
         << text;
 }
 
+// A user moved under the default policy without its password secret, one held by
+// the strict policy, and one moved whole: the summary names what is missing.
+TEST(NvtraceSummaryTest, UsersMovedWithGapsAndHeldUsersAreNamedWithWhatIsMissing)
+{
+    SampleTrace s;
+    s.Add(4, '>', "CConverter3::do_Convert")
+        .Add(4, 'U', "Conversion process began for 'S-1-5-21-9-1001'")
+        .Add(4, 'U', "Incomplete user 'S-1-5-21-9-1001' moved with gaps: secret not stored 'LogonInfo' (0x80004005)")
+        .Add(4, 'U', "DeleteKey('S-1-5-21-9-1001'), 0x00000000")
+        .Add(4, 'U', "Conversion process is over for 'S-1-5-21-9-1001', 0x00000000")
+        .Add(4, 'U', "Conversion process began for 'S-1-5-21-9-1002'")
+        .Add(4, 'U', "Incomplete user 'S-1-5-21-9-1002' keeps its old key: template malformed at position 1")
+        .Add(4, 'U', "Conversion process is over for 'S-1-5-21-9-1002', 0x80040201")
+        .Add(4, 'U', "Conversion process began for 'S-1-5-21-9-1003'")
+        .Add(4, 'U', "DeleteKey('S-1-5-21-9-1003'), 0x00000000")
+        .Add(4, 'U', "Conversion process is over for 'S-1-5-21-9-1003', 0x00000000")
+        .Add(4, '<');
+    const nvtrace::TraceSummary summary = nvtrace::Summarize(nvtrace::Decode(s.bytes()));
+    ASSERT_EQ(3u, summary.users.size());
+    EXPECT_TRUE(summary.users[0].movedWithGaps());
+    EXPECT_EQ("secret not stored 'LogonInfo' (0x80004005)", summary.users[0].gaps);
+    EXPECT_FALSE(summary.users[1].moved());
+    EXPECT_EQ("template malformed at position 1", summary.users[1].heldFor);
+    EXPECT_TRUE(summary.users[2].moved());
+    EXPECT_FALSE(summary.users[2].movedWithGaps());
+
+    const std::string text = SummaryText(s);
+    EXPECT_NE(std::string::npos,
+              text.find("users (2.0 -> 3.0): 3, 2 moved (1 with gaps), 1 kept their old data\n"
+                        "  SID              status      outcome\n"
+                        "  S-1-5-21-9-1001  0x00000000  moved with gaps: secret not stored 'LogonInfo' (0x80004005)\n"
+                        "  S-1-5-21-9-1002  0x80040201  kept its old data: template malformed at position 1\n"
+                        "  S-1-5-21-9-1003  0x00000000  moved\n"))
+        << text;
+}
+
+// The backup's refusal of an empty value shows as a memory shortage; the library's
+// line naming the value is listed with its key.
+TEST(NvtraceSummaryTest, AValueTheBackupRefusedIsNamedWithItsKey)
+{
+    SampleTrace s;
+    s.Add(5, '>', "CBaseConverter::Backup").Add(5, '>', "CBaseConverter::CopyKey").Add(5, 'E', "-2147024888 ")
+        .Add(5, '<')
+        .Add(5, 'U', "value \"Blank\" of HKLM\\SOFTWARE\\Norvane\\DB\\MainDB is empty: the backup cannot copy empty "
+                     "values")
+        .Add(5, 'E', "-2147024888 ").Add(5, '<');
+    const nvtrace::TraceSummary summary = nvtrace::Summarize(nvtrace::Decode(s.bytes()));
+    const std::string shown =
+        "HKLM\\SOFTWARE\\Norvane\\DB\\MainDB: value \"Blank\" is empty; the backup cannot copy empty values";
+    ASSERT_EQ(1u, summary.emptyValues.size());
+    EXPECT_EQ(shown, summary.emptyValues[0]);
+    const std::string text = SummaryText(s);
+    EXPECT_NE(std::string::npos, text.find("\nvalues the backup refused: 1\n  " + shown + "\n")) << text;
+}
+
 TEST(NvtraceSummaryTest, RepeatedFailuresAreCountedAndOpenScopesReported)
 {
     SampleTrace s;
