@@ -18,15 +18,15 @@
 // default policy.
 #pragma once
 #include <windows.h>
+#include <nvdbconv/nvdbconv.h>
 
 namespace nvconv3 {
 
-inline constexpr const wchar_t kStrictConversionValue[] = L"StrictConversion";
-inline constexpr DWORD kStrictConversionOn = 1;
+inline constexpr const wchar_t kStrictConversionValue[] = NVDBCONV_VALUE_STRICT_CONVERSION;
+inline constexpr DWORD kStrictConversionOn = NVDBCONV_STRICT_CONVERSION_ON;
 
-// The result of a user that did not reach the store completely under the strict
-// policy; the user keeps its old key.
-inline constexpr HRESULT NV_E_USER_INCOMPLETE = static_cast<HRESULT>(0x80040201);
+// NV_E_USER_INCOMPLETE (nvdbconv.h) is the result of a user that did not reach the
+// store completely under the strict policy; the user keeps its old key.
 
 enum class ConversionPolicy { Default, Strict };
 

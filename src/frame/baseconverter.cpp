@@ -13,7 +13,7 @@
 #include "frame/paths.h"
 #include "trace/trace.h"
 
-const wchar_t* const CBaseConverter::s_wszBackupValue = L"Backup";
+const wchar_t* const CBaseConverter::s_wszBackupValue = NVDBCONV_VALUE_BACKUP;
 
 namespace {
 
@@ -58,7 +58,7 @@ std::wstring CBaseConverter::ReadDatabaseState()
     if (m_dbKey.m_hKey) {
         wchar_t buffer[kBackupPathChars] = {};
         ULONG cch = kBackupPathChars;
-        if (nv::QueryStringValue(m_dbKey.m_hKey, L"Version", buffer, &cch) == ERROR_SUCCESS)
+        if (nv::QueryStringValue(m_dbKey.m_hKey, NVDBCONV_VALUE_VERSION, buffer, &cch) == ERROR_SUCCESS)
             state += buffer;
         else
             state += L"(none)";
@@ -109,14 +109,14 @@ HRESULT CBaseConverter::AfterLock(const nvframe::CConversionLock& lock, NVTraceN
         return S_OK;
     NVTraceNS::Trace(scope, 0, "the database changed since this converter last saw it: %ls, now %ls",
                      m_wstrSeenState.c_str(), now.c_str());
-    return nvframe::NV_E_CONVERSION_BUSY;
+    return NV_E_CONVERSION_BUSY;
 }
 
 bool CBaseConverter::StillConverts()
 {
     wchar_t buffer[kBackupPathChars] = {};
     ULONG cch = kBackupPathChars;
-    if (!m_dbKey.m_hKey || nv::QueryStringValue(m_dbKey.m_hKey, L"Version", buffer, &cch) != ERROR_SUCCESS)
+    if (!m_dbKey.m_hKey || nv::QueryStringValue(m_dbKey.m_hKey, NVDBCONV_VALUE_VERSION, buffer, &cch) != ERROR_SUCCESS)
         return false;
     const DWORD major = nvframe::ParseDatabaseVersion(buffer) >> 16;
     const DWORD targetMajor = m_dwTargetVersion >> 16;
@@ -154,7 +154,7 @@ HRESULT CBaseConverter::Convert()
         return S_OK;
     });
     // This operation's own changes are not another converter's.
-    if (hr != nvframe::NV_E_CONVERSION_BUSY)
+    if (hr != NV_E_CONVERSION_BUSY)
         RememberDatabaseState(lock, scope);
     return NVTraceNS::TraceReturn(scope, hr);
 }
@@ -219,7 +219,7 @@ HRESULT CBaseConverter::Rollback()
         return result;
     });
     // This operation's own changes are not another converter's.
-    if (hr != nvframe::NV_E_CONVERSION_BUSY)
+    if (hr != NV_E_CONVERSION_BUSY)
         RememberDatabaseState(lock, scope);
     return NVTraceNS::TraceReturn(scope, hr);
 }
@@ -250,7 +250,7 @@ HRESULT CBaseConverter::Cleanup()
         return result;
     });
     // This operation's own changes are not another converter's.
-    if (hr != nvframe::NV_E_CONVERSION_BUSY)
+    if (hr != NV_E_CONVERSION_BUSY)
         RememberDatabaseState(lock, scope);
     return NVTraceNS::TraceReturn(scope, hr);
 }

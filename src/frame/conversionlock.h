@@ -23,15 +23,17 @@
 // fails the operation with that error.
 #pragma once
 #include <windows.h>
+#include <nvdbconv/nvdbconv.h>
 #include "common/handles.h"
 #include "trace/trace.h"
 
 namespace nvframe {
 
 inline constexpr const wchar_t kConversionMutexName[] = L"Global\\NVDBConv.Conversion";
-// What a caller gets when another conversion holds the lock for the whole wait, or
-// when the database it was loaded for changed before it got the lock.
-inline constexpr HRESULT NV_E_CONVERSION_BUSY = HRESULT_FROM_WIN32(ERROR_BUSY);
+// NV_E_CONVERSION_BUSY (nvdbconv.h) is what a caller gets when another conversion
+// holds the lock for the whole wait, or when the database it was loaded for changed
+// before it got the lock.
+static_assert(NV_E_CONVERSION_BUSY == HRESULT_FROM_WIN32(ERROR_BUSY), "the busy code is the system's ERROR_BUSY");
 // The wait; long enough for another process's Rollback or Cleanup, far shorter than
 // a whole conversion. Unit tests shorten it; the library exports nothing of it.
 extern DWORD g_conversionLockWaitMs;
