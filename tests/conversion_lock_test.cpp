@@ -138,9 +138,9 @@ TEST_F(ConversionLockTest, HeldForTheWholeWaitConvertRollbackAndCleanupFailBusyA
     LockHolder holder;
     ASSERT_TRUE(holder.ok());
 
-    EXPECT_EQ(NV_E_CONVERSION_BUSY, converter.Convert());
-    EXPECT_EQ(NV_E_CONVERSION_BUSY, converter.Rollback());
-    EXPECT_EQ(NV_E_CONVERSION_BUSY, converter.Cleanup());
+    EXPECT_EQ(nvframe::NV_E_CONVERSION_BUSY, converter.Convert());
+    EXPECT_EQ(nvframe::NV_E_CONVERSION_BUSY, converter.Rollback());
+    EXPECT_EQ(nvframe::NV_E_CONVERSION_BUSY, converter.Cleanup());
     EXPECT_TRUE(converter.calls.empty());
     EXPECT_EQ("", DiffTrees(db, Snapshot(kDb, kView32)));
     EXPECT_EQ("", DiffTrees(backup, Snapshot(kBackup10, kView32)));
@@ -182,7 +182,7 @@ TEST_F(ConversionLockTest, DatabaseChangedWhileWaitingMakesConvertRefuse)
     holder.BeforeRelease([] { SetString(kDb, L"Version", L"2.0", kView32); });
     holder.ReleaseAfter(300);
 
-    EXPECT_EQ(NV_E_CONVERSION_BUSY, converter.Convert());
+    EXPECT_EQ(nvframe::NV_E_CONVERSION_BUSY, converter.Convert());
     EXPECT_TRUE(converter.calls.empty());
     EXPECT_FALSE(KeyExists(kBackup10, kView32));
     RegTree expected = before;
@@ -204,7 +204,7 @@ TEST_F(ConversionLockTest, DatabaseChangedBeforeTheCallMakesConvertRefuseWithout
     CreateKeyPath(L"SOFTWARE\\Norvane\\DB\\MainDB", kView32);
     const RegTree before = Snapshot(kDb, kView32);
 
-    EXPECT_EQ(NV_E_CONVERSION_BUSY, converter.Convert());
+    EXPECT_EQ(nvframe::NV_E_CONVERSION_BUSY, converter.Convert());
     EXPECT_TRUE(converter.calls.empty());
     EXPECT_FALSE(KeyExists(kBackup10, kView32));
     EXPECT_EQ("", DiffTrees(before, Snapshot(kDb, kView32)));
@@ -264,7 +264,7 @@ TEST_F(ConversionLockTest, SecondThreadOnTheSameConverterWaitsForTheFirst)
     std::thread converting([&] { first = converter.Convert(); });
     ASSERT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(inside.get(), 30000));
 
-    EXPECT_EQ(NV_E_CONVERSION_BUSY, converter.Cleanup());
+    EXPECT_EQ(nvframe::NV_E_CONVERSION_BUSY, converter.Cleanup());
     ::SetEvent(goOn.get());
     converting.join();
     EXPECT_EQ(S_OK, first);

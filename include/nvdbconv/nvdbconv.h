@@ -88,14 +88,20 @@ NVDBCONV_API HRESULT NVDBCONV_CALL GetDBVersion(DWORD* pdwCurrent, DWORD* pdwTar
 
 /* ---- The library's own result codes ------------------------------------------- */
 
-/* Another process converted, rolled back or cleaned up the database while this
-   call waited (or holds it still); nothing was changed. Let it finish, load the
-   library again and repeat the step. HRESULT_FROM_WIN32(ERROR_BUSY). */
+/* NV_E_CONVERSION_BUSY: another process converted, rolled back or cleaned up the
+   database while this call waited (or holds it still); nothing was changed. Let it
+   finish, load the library again and repeat the step. HRESULT_FROM_WIN32(ERROR_BUSY).
+   NV_E_USER_INCOMPLETE: not returned by an export: the result of one user that the
+   strict policy kept in the old database because not all of it reached the store
+   ("Result" of the user's entry under NVDBCONV_KEY_HELD_USERS, and the trace).
+   Constants in C++ (so that the library's namespaces can take them in), macros in C. */
+#ifdef __cplusplus
+static const HRESULT NV_E_CONVERSION_BUSY = static_cast<HRESULT>(0x800700AAL);
+static const HRESULT NV_E_USER_INCOMPLETE = static_cast<HRESULT>(0x80040201L);
+#else
 #define NV_E_CONVERSION_BUSY ((HRESULT)0x800700AAL)
-/* Not returned by an export: the result of one user that the strict policy kept in
-   the old database because not all of it reached the store ("Result" of the user's
-   entry under NVDBCONV_KEY_HELD_USERS, and the trace). */
 #define NV_E_USER_INCOMPLETE ((HRESULT)0x80040201L)
+#endif
 
 /* ---- Database versions ---------------------------------------------------------- */
 

@@ -25,8 +25,9 @@ namespace nvconv3 {
 inline constexpr const wchar_t kStrictConversionValue[] = NVDBCONV_VALUE_STRICT_CONVERSION;
 inline constexpr DWORD kStrictConversionOn = NVDBCONV_STRICT_CONVERSION_ON;
 
-// NV_E_USER_INCOMPLETE (nvdbconv.h) is the result of a user that did not reach the
-// store completely under the strict policy; the user keeps its old key.
+// The result of a user that did not reach the store completely under the strict
+// policy; the user keeps its old key (the SDK header's code).
+using ::NV_E_USER_INCOMPLETE;
 
 enum class ConversionPolicy { Default, Strict };
 

@@ -444,7 +444,7 @@ void CConverter3::ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, CSt
         // tries it again; what already reached the store stays there.
         NVTraceNS::Trace(scope, 0, "Incomplete user '%ls' keeps its old key: %ls", sid.c_str(),
                          missing.Text().c_str());
-        nv::ThrowHr(NV_E_USER_INCOMPLETE);
+        nv::ThrowHr(nvconv3::NV_E_USER_INCOMPLETE);
     }
 
     const std::wstring path = std::wstring(kUserKeyPrefix) + nv::GuidText(user.guidUser);

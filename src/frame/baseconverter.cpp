@@ -109,7 +109,7 @@ HRESULT CBaseConverter::AfterLock(const nvframe::CConversionLock& lock, NVTraceN
         return S_OK;
     NVTraceNS::Trace(scope, 0, "the database changed since this converter last saw it: %ls, now %ls",
                      m_wstrSeenState.c_str(), now.c_str());
-    return NV_E_CONVERSION_BUSY;
+    return nvframe::NV_E_CONVERSION_BUSY;
 }
 
 bool CBaseConverter::StillConverts()
@@ -154,7 +154,7 @@ HRESULT CBaseConverter::Convert()
         return S_OK;
     });
     // This operation's own changes are not another converter's.
-    if (hr != NV_E_CONVERSION_BUSY)
+    if (hr != nvframe::NV_E_CONVERSION_BUSY)
         RememberDatabaseState(lock, scope);
     return NVTraceNS::TraceReturn(scope, hr);
 }
@@ -219,7 +219,7 @@ HRESULT CBaseConverter::Rollback()
         return result;
     });
     // This operation's own changes are not another converter's.
-    if (hr != NV_E_CONVERSION_BUSY)
+    if (hr != nvframe::NV_E_CONVERSION_BUSY)
         RememberDatabaseState(lock, scope);
     return NVTraceNS::TraceReturn(scope, hr);
 }
@@ -250,7 +250,7 @@ HRESULT CBaseConverter::Cleanup()
         return result;
     });
     // This operation's own changes are not another converter's.
-    if (hr != NV_E_CONVERSION_BUSY)
+    if (hr != nvframe::NV_E_CONVERSION_BUSY)
         RememberDatabaseState(lock, scope);
     return NVTraceNS::TraceReturn(scope, hr);
 }

@@ -30,9 +30,10 @@
 namespace nvframe {
 
 inline constexpr const wchar_t kConversionMutexName[] = L"Global\\NVDBConv.Conversion";
-// NV_E_CONVERSION_BUSY (nvdbconv.h) is what a caller gets when another conversion
-// holds the lock for the whole wait, or when the database it was loaded for changed
-// before it got the lock.
+// What a caller gets when another conversion holds the lock for the whole wait, or
+// when the database it was loaded for changed before it got the lock (the SDK
+// header's code).
+using ::NV_E_CONVERSION_BUSY;
 static_assert(NV_E_CONVERSION_BUSY == HRESULT_FROM_WIN32(ERROR_BUSY), "the busy code is the system's ERROR_BUSY");
 // The wait; long enough for another process's Rollback or Cleanup, far shorter than
 // a whole conversion. Unit tests shorten it; the library exports nothing of it.

@@ -36,7 +36,7 @@ const KnownCode kKnownCodes[] = {
     {HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND), "HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND)"},
     {HRESULT_FROM_WIN32(ERROR_BAD_EXE_FORMAT), "HRESULT_FROM_WIN32(ERROR_BAD_EXE_FORMAT)"},
     {HRESULT_FROM_WIN32(ERROR_NOT_FOUND), "HRESULT_FROM_WIN32(ERROR_NOT_FOUND)"},
-    {NV_E_CONVERSION_BUSY, "NV_E_CONVERSION_BUSY"},
+    {nvframe::NV_E_CONVERSION_BUSY, "NV_E_CONVERSION_BUSY"},
 };
 
 std::string Trimmed(const std::wstring& text)
@@ -88,7 +88,7 @@ std::string SystemMessage(HRESULT hr)
 
 std::string ResultMessage(HRESULT hr, const char* call)
 {
-    if (hr == NV_E_CONVERSION_BUSY)
+    if (hr == nvframe::NV_E_CONVERSION_BUSY)
         return "another process is converting, rolling back or cleaning up the database (or did so while "
                "this one waited); nothing was changed. Let it finish, then run \"nvdbconv status\" and this "
                "step again";
