@@ -33,6 +33,8 @@ enable_testing()
 
 add_subdirectory(src)
 add_dependencies(nv_runtime NVDBConv)
+# The SDK: import libraries, the CMake package and the install layout.
+include(${CMAKE_SOURCE_DIR}/cmake/sdk.cmake)
 add_subdirectory(tools)
 # The example Windows Installer package and its custom actions.
 include(${CMAKE_SOURCE_DIR}/examples/msi/msi.cmake OPTIONAL)
@@ -45,6 +47,7 @@ add_subdirectory(/usr/src/googletest ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM
 include(GoogleTest)
 add_subdirectory(tests)
 add_subdirectory(tests/hardening)
+add_subdirectory(tests/sdk)
 add_subdirectory(bench)
 nv_write_shipped_list()
 

@@ -4,6 +4,8 @@
 add_library(nvdbconv_ca SHARED ${CMAKE_CURRENT_LIST_DIR}/nvdbconv_ca.cpp)
 set_target_properties(nvdbconv_ca PROPERTIES PREFIX "" OUTPUT_NAME "nvdbconv_ca")
 target_link_libraries(nvdbconv_ca PRIVATE msi ole32 advapi32)
+# The SDK header (include/nvdbconv/nvdbconv.h), as a package outside the tree gets it.
+target_include_directories(nvdbconv_ca PRIVATE ${CMAKE_SOURCE_DIR}/include)
 nv_strict(nvdbconv_ca)
 add_dependencies(nv_runtime nvdbconv_ca)
 

@@ -4,9 +4,10 @@
 // Unregistering the last component removes the list key itself.
 #pragma once
 #include <windows.h>
+#include <nvdbconv/nvdbconv.h>
 
 // The component list's key path under HKEY_LOCAL_MACHINE.
-inline constexpr const wchar_t kSysComponentsKeyPath[] = L"SOFTWARE\\Norvane\\Core\\SysComponents";
+inline constexpr const wchar_t kSysComponentsKeyPath[] = NVDBCONV_KEY_COMPONENTS;
 
 class CComponentRegistrar {
 public:

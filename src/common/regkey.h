@@ -5,14 +5,15 @@
 // does; callers decide what is an error.
 #pragma once
 #include <windows.h>
+#include <nvdbconv/nvdbconv.h>
 #include <string>
 #include "common/handles.h"
 
 namespace nv {
 
 // Registry paths of the suite, relative to HKEY_LOCAL_MACHINE.
-inline constexpr const wchar_t kVendorKeyPath[] = L"SOFTWARE\\Norvane";
-inline constexpr const wchar_t kDatabaseKeyPath[] = L"SOFTWARE\\Norvane\\DB";
+inline constexpr const wchar_t kVendorKeyPath[] = NVDBCONV_KEY_VENDOR;
+inline constexpr const wchar_t kDatabaseKeyPath[] = NVDBCONV_KEY_DATABASE;
 
 class CNVRegKey {
 public:

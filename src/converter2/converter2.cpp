@@ -5,7 +5,7 @@
 #include "trace/trace.h"
 
 namespace {
-constexpr const wchar_t kVersionValue[] = L"Version";
+constexpr const wchar_t kVersionValue[] = NVDBCONV_VALUE_VERSION;
 } // namespace
 
 CConverter2::CConverter2() : CBaseConverter(kTargetVersion, kTargetVersionText, kDatabaseView)

@@ -30,7 +30,7 @@ public:
     // Rewrites the name index at the path (relative to the database key) to 2.0 form.
     HRESULT ConvertNameIndexTo20(const std::wstring& path);
 
-    static constexpr DWORD kTargetVersion = 0x00020000;
+    static constexpr DWORD kTargetVersion = NVDBCONV_VERSION_2_0;
     static constexpr const wchar_t kTargetVersionText[] = L"2.0";
     // A 1.0 database, and its backup, always live in the 32-bit registry view.
     static constexpr REGSAM kDatabaseView = KEY_WOW64_32KEY;

@@ -19,15 +19,16 @@
 // default policy.
 #pragma once
 #include <windows.h>
+#include <nvdbconv/nvdbconv.h>
 
 namespace nvconv3 {
 
-inline constexpr const wchar_t kStrictConversionValue[] = L"StrictConversion";
-inline constexpr DWORD kStrictConversionOn = 1;
+inline constexpr const wchar_t kStrictConversionValue[] = NVDBCONV_VALUE_STRICT_CONVERSION;
+inline constexpr DWORD kStrictConversionOn = NVDBCONV_STRICT_CONVERSION_ON;
 
 // The result of a user that did not reach the store completely under the strict
-// policy; the user keeps its old key.
-inline constexpr HRESULT NV_E_USER_INCOMPLETE = static_cast<HRESULT>(0x80040201);
+// policy; the user keeps its old key (the SDK header's code).
+using ::NV_E_USER_INCOMPLETE;
 
 enum class ConversionPolicy { Default, Strict };
 

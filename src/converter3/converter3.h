@@ -23,7 +23,7 @@ class CTraceScope;
 
 class CConverter3 : public CBaseConverter {
 public:
-    static constexpr DWORD kTargetVersion = 0x00030000;
+    static constexpr DWORD kTargetVersion = NVDBCONV_VERSION_3_0;
     // The view of the database key and of every path this converter deletes.
     static constexpr REGSAM kDatabaseView = KEY_WOW64_32KEY;
 

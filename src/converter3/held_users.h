@@ -15,18 +15,19 @@
 // Recording is best effort: it never fails the conversion or changes a result.
 #pragma once
 #include <windows.h>
+#include <nvdbconv/nvdbconv.h>
 #include <cwchar>
 #include <set>
 #include <string>
 
 namespace nvconv3 {
 
-inline constexpr const wchar_t kConversionKeyPath[] = L"SOFTWARE\\Norvane\\DBConversion";
-inline constexpr const wchar_t kHeldUsersKeyPath[] = L"SOFTWARE\\Norvane\\DBConversion\\HeldUsers";
-inline constexpr REGSAM kHeldUsersView = KEY_WOW64_32KEY;
-inline constexpr const wchar_t kHeldUserSidValue[] = L"SID";
-inline constexpr const wchar_t kHeldUserResultValue[] = L"Result";
-inline constexpr const wchar_t kHeldUserReasonValue[] = L"Reason";
+inline constexpr const wchar_t kConversionKeyPath[] = NVDBCONV_KEY_CONVERSION;
+inline constexpr const wchar_t kHeldUsersKeyPath[] = NVDBCONV_KEY_HELD_USERS;
+inline constexpr REGSAM kHeldUsersView = NVDBCONV_HELD_USERS_VIEW;
+inline constexpr const wchar_t kHeldUserSidValue[] = NVDBCONV_VALUE_HELD_SID;
+inline constexpr const wchar_t kHeldUserResultValue[] = NVDBCONV_VALUE_HELD_RESULT;
+inline constexpr const wchar_t kHeldUserReasonValue[] = NVDBCONV_VALUE_HELD_REASON;
 
 // The entries as one conversion sees them: listed once when it starts, so that a
 // user without an entry (usually every user) costs no registry call when it is

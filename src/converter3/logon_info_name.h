@@ -9,12 +9,14 @@
 // else gives length 0, which means "SystemLogonInfo". So a value of nothing but
 // the terminator (2 bytes) is a name of length 1 and yields the empty name.
 #pragma once
+#include <windows.h>
+#include <nvdbconv/nvdbconv.h>
 #include <string>
 
 namespace nvconv3 {
 
-inline constexpr const wchar_t kPolicyKeyPath[] = L"SOFTWARE\\Norvane\\Policies\\Default";
-inline constexpr const wchar_t kLogonInfoNameValue[] = L"LogonInfoName";
+inline constexpr const wchar_t kPolicyKeyPath[] = NVDBCONV_KEY_POLICY;
+inline constexpr const wchar_t kLogonInfoNameValue[] = NVDBCONV_VALUE_LOGON_INFO_NAME;
 
 // The legacy name of the password secret; also the logon info name by default.
 extern const std::wstring g_wstrLegacyPasswordSecretName;

@@ -14,7 +14,7 @@
 #include "frame/paths.h"
 #include "trace/trace.h"
 
-const wchar_t* const CBaseConverter::s_wszBackupValue = L"Backup";
+const wchar_t* const CBaseConverter::s_wszBackupValue = NVDBCONV_VALUE_BACKUP;
 
 namespace {
 
@@ -90,7 +90,7 @@ std::wstring CBaseConverter::ReadDatabaseState()
     if (m_dbKey.m_hKey) {
         wchar_t buffer[kBackupPathChars] = {};
         ULONG cch = kBackupPathChars;
-        if (nv::QueryStringValue(m_dbKey.m_hKey, L"Version", buffer, &cch) == ERROR_SUCCESS)
+        if (nv::QueryStringValue(m_dbKey.m_hKey, NVDBCONV_VALUE_VERSION, buffer, &cch) == ERROR_SUCCESS)
             state += buffer;
         else
             state += L"(none)";
@@ -154,7 +154,7 @@ bool CBaseConverter::StillConverts()
 {
     wchar_t buffer[kBackupPathChars] = {};
     ULONG cch = kBackupPathChars;
-    if (!m_dbKey.m_hKey || nv::QueryStringValue(m_dbKey.m_hKey, L"Version", buffer, &cch) != ERROR_SUCCESS)
+    if (!m_dbKey.m_hKey || nv::QueryStringValue(m_dbKey.m_hKey, NVDBCONV_VALUE_VERSION, buffer, &cch) != ERROR_SUCCESS)
         return false;
     const DWORD major = nvframe::ParseDatabaseVersion(buffer) >> 16;
     const DWORD targetMajor = m_dwTargetVersion >> 16;

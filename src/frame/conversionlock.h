@@ -23,6 +23,7 @@
 // fails the operation with that error.
 #pragma once
 #include <windows.h>
+#include <nvdbconv/nvdbconv.h>
 #include "common/handles.h"
 #include "trace/trace.h"
 
@@ -30,8 +31,10 @@ namespace nvframe {
 
 inline constexpr const wchar_t kConversionMutexName[] = L"Global\\NVDBConv.Conversion";
 // What a caller gets when another conversion holds the lock for the whole wait, or
-// when the database it was loaded for changed before it got the lock.
-inline constexpr HRESULT NV_E_CONVERSION_BUSY = HRESULT_FROM_WIN32(ERROR_BUSY);
+// when the database it was loaded for changed before it got the lock (the SDK
+// header's code).
+using ::NV_E_CONVERSION_BUSY;
+static_assert(NV_E_CONVERSION_BUSY == HRESULT_FROM_WIN32(ERROR_BUSY), "the busy code is the system's ERROR_BUSY");
 // The wait; long enough for another process's Rollback or Cleanup, far shorter than
 // a whole conversion. Unit tests shorten it; the library exports nothing of it.
 extern DWORD g_conversionLockWaitMs;

@@ -1,6 +1,13 @@
 // The library's exports (undecorated through NVDBConv.def): the four plain entry
-// points of the installer and the standard COM server functions.
+// points of the installer and the standard COM server functions. The SDK header
+// declares them for hosts; including it here makes the compiler hold the
+// definitions to those declarations and run-time types.
 #include <windows.h>
+#include <type_traits>
+
+// Exported through the .def file, not imported.
+#define NVDBCONV_API
+#include <nvdbconv/nvdbconv.h>
 
 #include "com/nvcommodule.h"
 #include "frame/dbconverter.h"
@@ -53,3 +60,12 @@ HRESULT __stdcall DllUnregisterServer()
 }
 
 } // extern "C"
+
+static_assert(std::is_same_v<decltype(&Convert), PFN_NVDBCONV_CONVERT>);
+static_assert(std::is_same_v<decltype(&Rollback), PFN_NVDBCONV_ROLLBACK>);
+static_assert(std::is_same_v<decltype(&Cleanup), PFN_NVDBCONV_CLEANUP>);
+static_assert(std::is_same_v<decltype(&GetDBVersion), PFN_NVDBCONV_GETDBVERSION>);
+static_assert(std::is_same_v<decltype(&DllCanUnloadNow), PFN_NVDBCONV_DLLCANUNLOADNOW>);
+static_assert(std::is_same_v<decltype(&DllGetClassObject), PFN_NVDBCONV_DLLGETCLASSOBJECT>);
+static_assert(std::is_same_v<decltype(&DllRegisterServer), PFN_NVDBCONV_DLLREGISTERSERVER>);
+static_assert(std::is_same_v<decltype(&DllUnregisterServer), PFN_NVDBCONV_DLLUNREGISTERSERVER>);

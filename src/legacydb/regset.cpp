@@ -185,12 +185,12 @@ HRESULT CNVDBRegSet::Open(const wchar_t* wszName, DWORD dwInitialValue)
                 nv::ThrowIfWin32Failed(key.Open(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, kAllAccessMask));
                 wchar_t version[MAX_PATH] = {};
                 ULONG cch = MAX_PATH;
-                if (nv::QueryStringValue(key, L"Version", version, &cch) != ERROR_SUCCESS ||
+                if (nv::QueryStringValue(key, NVDBCONV_VALUE_VERSION, version, &cch) != ERROR_SUCCESS ||
                     std::wcscmp(version, kVersionStamp) != 0) {
                     NVTraceNS::Trace(scope, 0, "writing new version number: <%ls>", kVersionStamp);
                     // Its result is not looked at; a stamp that did not take is tried
                     // again at the next open.
-                    stamped = nv::SetStringValue(key, L"Version", kVersionStamp) == ERROR_SUCCESS;
+                    stamped = nv::SetStringValue(key, NVDBCONV_VALUE_VERSION, kVersionStamp) == ERROR_SUCCESS;
                 }
             }
             if (stamped)

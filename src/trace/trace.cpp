@@ -160,13 +160,13 @@ unsigned ReadSettingsFlags() noexcept
         return 0;
     unsigned flags = 0;
     DWORD value = 0;
-    if (nv::QueryDwordValue(key.get(), L"TraceToFile", &value) != ERROR_SUCCESS || value == 1)
+    if (nv::QueryDwordValue(key.get(), NVDBCONV_VALUE_TRACE_TO_FILE, &value) != ERROR_SUCCESS || value == 1)
         flags |= kFlagToFile;
-    if (nv::QueryDwordValue(key.get(), L"NewFileAlways", &value) != ERROR_SUCCESS || value != 0)
+    if (nv::QueryDwordValue(key.get(), NVDBCONV_VALUE_NEW_FILE_ALWAYS, &value) != ERROR_SUCCESS || value != 0)
         flags |= kFlagNewFileAlways;
-    if (nv::QueryDwordValue(key.get(), L"DoTrace", &value) == ERROR_SUCCESS && value != 0)
+    if (nv::QueryDwordValue(key.get(), NVDBCONV_VALUE_DO_TRACE, &value) == ERROR_SUCCESS && value != 0)
         flags |= kFlagTracingOn;
-    if (nv::QueryDwordValue(key.get(), L"DoProfiling", &value) == ERROR_SUCCESS && value != 0)
+    if (nv::QueryDwordValue(key.get(), NVDBCONV_VALUE_DO_PROFILING, &value) == ERROR_SUCCESS && value != 0)
         flags |= kFlagProfiling;
     return flags;
 }
@@ -339,8 +339,8 @@ COutput* GetOutput() noexcept
         nv::unique_hkey key;
         DWORD value = 0;
         if (OpenTracingKey(key.put()) == ERROR_SUCCESS &&
-            nv::QueryDwordValue(key.get(), L"DoTrace", &value) == ERROR_SUCCESS && value != 0) {
-            toFile = nv::QueryDwordValue(key.get(), L"TraceToFile", &value) != ERROR_SUCCESS || value == 1;
+            nv::QueryDwordValue(key.get(), NVDBCONV_VALUE_DO_TRACE, &value) == ERROR_SUCCESS && value != 0) {
+            toFile = nv::QueryDwordValue(key.get(), NVDBCONV_VALUE_TRACE_TO_FILE, &value) != ERROR_SUCCESS || value == 1;
         }
     }
     if (toFile)
@@ -396,14 +396,14 @@ void LoadSettings(unsigned flags) noexcept
     nv::unique_hkey key;
     if (OpenTracingKey(key.put()) == ERROR_SUCCESS) {
         DWORD verbosity = 0;
-        if (nv::QueryDwordValue(key.get(), L"Verbosity", &verbosity) != ERROR_SUCCESS)
+        if (nv::QueryDwordValue(key.get(), NVDBCONV_VALUE_VERBOSITY, &verbosity) != ERROR_SUCCESS)
             verbosity = 0;
         g_verbosity = static_cast<int>(verbosity);
     }
     g_componentEnabled = true;
     if (!key)
         return;
-    WalkComponentList(key.get(), L"ComponentsNOT", [&](const wchar_t* name) {
+    WalkComponentList(key.get(), NVDBCONV_VALUE_COMPONENTS_NOT, [&](const wchar_t* name) {
         if (::_wcsicmp(name, component) == 0) {
             g_componentEnabled = false;
             return true;
@@ -411,7 +411,7 @@ void LoadSettings(unsigned flags) noexcept
         return false;
     });
     // Applied last, so a component named in both lists is traced.
-    WalkComponentList(key.get(), L"Components", [&](const wchar_t* name) {
+    WalkComponentList(key.get(), NVDBCONV_VALUE_COMPONENTS, [&](const wchar_t* name) {
         g_componentEnabled = false;
         if (::_wcsicmp(name, component) == 0) {
             g_componentEnabled = true;

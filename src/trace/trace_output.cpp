@@ -37,7 +37,7 @@ CFileOutput::CFileOutput() noexcept
         return;
 
     DWORD newFileAlways = 1;
-    const bool append = key && nv::QueryDwordValue(key.get(), L"NewFileAlways", &newFileAlways) == ERROR_SUCCESS &&
+    const bool append = key && nv::QueryDwordValue(key.get(), NVDBCONV_VALUE_NEW_FILE_ALWAYS, &newFileAlways) == ERROR_SUCCESS &&
                         newFileAlways == 0;
     // Refused (a link, a network path, a file of someone else's): no trace output.
     m_hFile = OpenCheckedTraceFile(m_szPath, kAppendAccess, append, &m_verdict);
@@ -153,7 +153,7 @@ bool Append(wchar_t* buffer, std::size_t capacity, const wchar_t* text) noexcept
 
 bool BuildTracePath(HKEY key, wchar_t (&path)[kTracePathChars]) noexcept
 {
-    if (ReadStringSetting(key, L"FileName", path))
+    if (ReadStringSetting(key, NVDBCONV_VALUE_FILE_NAME, path))
         return true; // used as it stands, even when empty
     path[0] = L'\0';
 
@@ -162,7 +162,7 @@ bool BuildTracePath(HKEY key, wchar_t (&path)[kTracePathChars]) noexcept
         return false;
 
     wchar_t directory[kTracePathChars] = {};
-    if (ReadStringSetting(key, L"TracePath", directory)) {
+    if (ReadStringSetting(key, NVDBCONV_VALUE_TRACE_PATH, directory)) {
         const std::size_t length = std::wcslen(directory);
         if (length > 0) {
             CreateTraceDirectories(directory);

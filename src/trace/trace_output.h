@@ -3,6 +3,7 @@
 // library uses; this header is for the facility itself and its tests.
 #pragma once
 #include <windows.h>
+#include <nvdbconv/nvdbconv.h>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
@@ -31,7 +32,7 @@ constexpr char kKindLeave = '<';
 constexpr char kKindLine = 'U';
 constexpr char kKindResult = 'E';
 
-constexpr const wchar_t kTracingKeyPath[] = L"SOFTWARE\\Norvane\\Tracing";
+constexpr const wchar_t kTracingKeyPath[] = NVDBCONV_KEY_TRACING;
 constexpr const char kProductsKeyPath[] = "SOFTWARE\\Norvane\\Products";
 constexpr const wchar_t kPoliciesKeyPath[] = L"SOFTWARE\\Policies\\Norvane";
 constexpr const wchar_t kTracePathPattern[] = L"%s%s.%s%s%s.%d.trc3";

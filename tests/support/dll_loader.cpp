@@ -43,22 +43,22 @@ HRESULT LoadedLibrary::CallAction(const char* name) const
     return fn ? fn() : E_NOTIMPL;
 }
 
-HRESULT LoadedLibrary::Convert() const { return CallAction("Convert"); }
-HRESULT LoadedLibrary::Rollback() const { return CallAction("Rollback"); }
-HRESULT LoadedLibrary::Cleanup() const { return CallAction("Cleanup"); }
-HRESULT LoadedLibrary::DllCanUnloadNow() const { return CallAction("DllCanUnloadNow"); }
-HRESULT LoadedLibrary::DllRegisterServer() const { return CallAction("DllRegisterServer"); }
-HRESULT LoadedLibrary::DllUnregisterServer() const { return CallAction("DllUnregisterServer"); }
+HRESULT LoadedLibrary::Convert() const { return CallAction(NVDBCONV_EXPORT_CONVERT); }
+HRESULT LoadedLibrary::Rollback() const { return CallAction(NVDBCONV_EXPORT_ROLLBACK); }
+HRESULT LoadedLibrary::Cleanup() const { return CallAction(NVDBCONV_EXPORT_CLEANUP); }
+HRESULT LoadedLibrary::DllCanUnloadNow() const { return CallAction(NVDBCONV_EXPORT_DLLCANUNLOADNOW); }
+HRESULT LoadedLibrary::DllRegisterServer() const { return CallAction(NVDBCONV_EXPORT_DLLREGISTERSERVER); }
+HRESULT LoadedLibrary::DllUnregisterServer() const { return CallAction(NVDBCONV_EXPORT_DLLUNREGISTERSERVER); }
 
 HRESULT LoadedLibrary::GetDBVersion(DWORD* current, DWORD* target) const
 {
-    auto fn = reinterpret_cast<GetDBVersionFn>(proc("GetDBVersion"));
+    auto fn = reinterpret_cast<GetDBVersionFn>(proc(NVDBCONV_EXPORT_GETDBVERSION));
     return fn ? fn(current, target) : E_NOTIMPL;
 }
 
 HRESULT LoadedLibrary::DllGetClassObject(REFCLSID clsid, REFIID iid, void** out) const
 {
-    auto fn = reinterpret_cast<DllGetClassObjectFn>(proc("DllGetClassObject"));
+    auto fn = reinterpret_cast<DllGetClassObjectFn>(proc(NVDBCONV_EXPORT_DLLGETCLASSOBJECT));
     return fn ? fn(clsid, iid, out) : E_NOTIMPL;
 }
 

@@ -3,6 +3,7 @@
 // every instance. Exports are reached through typed accessors.
 #pragma once
 #include <windows.h>
+#include <nvdbconv/nvdbconv.h>
 #include <string>
 
 namespace nvtest {
@@ -12,10 +13,10 @@ std::wstring ExeDirectory();
 
 class LoadedLibrary {
 public:
-    using ActionFn = HRESULT(__stdcall*)();
-    using GetDBVersionFn = HRESULT(__stdcall*)(DWORD*, DWORD*);
-    using DllCanUnloadNowFn = HRESULT(__stdcall*)();
-    using DllGetClassObjectFn = HRESULT(__stdcall*)(REFCLSID, REFIID, void**);
+    using ActionFn = PFN_NVDBCONV_CONVERT;
+    using GetDBVersionFn = PFN_NVDBCONV_GETDBVERSION;
+    using DllCanUnloadNowFn = PFN_NVDBCONV_DLLCANUNLOADNOW;
+    using DllGetClassObjectFn = PFN_NVDBCONV_DLLGETCLASSOBJECT;
 
     explicit LoadedLibrary(const std::wstring& fileName = L"NVDBConv.dll");
     ~LoadedLibrary();

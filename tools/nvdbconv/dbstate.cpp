@@ -172,13 +172,13 @@ TraceSettings ReadTraceSettings()
     else
         return s;
     s.keyFound = true;
-    s.doTrace = ReadDword(key, L"DoTrace");
-    s.traceToFile = ReadDword(key, L"TraceToFile");
-    s.newFileAlways = ReadDword(key, L"NewFileAlways");
-    s.doProfiling = ReadDword(key, L"DoProfiling");
-    s.verbosity = ReadDword(key, L"Verbosity");
-    s.tracePath = ReadString(key, L"TracePath");
-    s.fileName = ReadString(key, L"FileName");
+    s.doTrace = ReadDword(key, NVDBCONV_VALUE_DO_TRACE);
+    s.traceToFile = ReadDword(key, NVDBCONV_VALUE_TRACE_TO_FILE);
+    s.newFileAlways = ReadDword(key, NVDBCONV_VALUE_NEW_FILE_ALWAYS);
+    s.doProfiling = ReadDword(key, NVDBCONV_VALUE_DO_PROFILING);
+    s.verbosity = ReadDword(key, NVDBCONV_VALUE_VERBOSITY);
+    s.tracePath = ReadString(key, NVDBCONV_VALUE_TRACE_PATH);
+    s.fileName = ReadString(key, NVDBCONV_VALUE_FILE_NAME);
     return s;
 }
 
@@ -216,15 +216,15 @@ HRESULT WriteTraceSettings(const TraceChange& change)
             nv::ThrowIfWin32Failed(::RegSetValueExW(key, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value),
                                                     sizeof(value)));
         };
-        setDword(L"DoTrace", change.on ? 1 : 0);
+        setDword(NVDBCONV_VALUE_DO_TRACE, change.on ? 1 : 0);
         if (change.on)
-            setDword(L"TraceToFile", 1);
+            setDword(NVDBCONV_VALUE_TRACE_TO_FILE, 1);
         if (change.verbosity)
-            setDword(L"Verbosity", *change.verbosity);
+            setDword(NVDBCONV_VALUE_VERBOSITY, *change.verbosity);
         if (change.newFileAlways)
-            setDword(L"NewFileAlways", *change.newFileAlways);
+            setDword(NVDBCONV_VALUE_NEW_FILE_ALWAYS, *change.newFileAlways);
         if (change.fileName)
-            nv::ThrowIfWin32Failed(nv::SetStringValue(key, L"FileName", change.fileName->c_str()));
+            nv::ThrowIfWin32Failed(nv::SetStringValue(key, NVDBCONV_VALUE_FILE_NAME, change.fileName->c_str()));
         return S_OK;
     });
 }

@@ -4,6 +4,7 @@
 // change anything and answer "absent" for whatever cannot be read.
 #pragma once
 #include <windows.h>
+#include <nvdbconv/nvdbconv.h>
 #include <optional>
 #include <string>
 #include <utility>
@@ -13,21 +14,21 @@
 
 namespace nvdbconv {
 
-// Paths relative to HKEY_LOCAL_MACHINE, as the suite lays them out.
-inline constexpr const wchar_t kDatabasePath[] = L"SOFTWARE\\Norvane\\DB";
-inline constexpr const wchar_t kMainDbPath[] = L"SOFTWARE\\Norvane\\DB\\MainDB";
-inline constexpr const wchar_t kUsersPath[] = L"SOFTWARE\\Norvane\\DB\\Data\\Users";
+// Paths relative to HKEY_LOCAL_MACHINE, and their views: the SDK header's.
+inline constexpr const wchar_t kDatabasePath[] = NVDBCONV_KEY_DATABASE;
+inline constexpr const wchar_t kMainDbPath[] = NVDBCONV_KEY_MAINDB;
+inline constexpr const wchar_t kUsersPath[] = NVDBCONV_KEY_USERS;
 inline constexpr const wchar_t* kBackup10Path = nvframe::kBackup10KeyPath;
 inline constexpr const wchar_t* kBackup20Path = nvframe::kBackup20KeyPath;
-inline constexpr const wchar_t kTracingPath[] = L"SOFTWARE\\Norvane\\Tracing";
-inline constexpr const wchar_t kBackupValueName[] = L"Backup";
-inline constexpr const wchar_t kVersionValueName[] = L"Version";
+inline constexpr const wchar_t kTracingPath[] = NVDBCONV_KEY_TRACING;
+inline constexpr const wchar_t kBackupValueName[] = NVDBCONV_VALUE_BACKUP;
+inline constexpr const wchar_t kVersionValueName[] = NVDBCONV_VALUE_VERSION;
 
 // The converters open the database in the 32-bit view; a 1.0 database keeps its
 // backup there too, a 2.0 database keeps it in the library's own (64-bit) view.
-inline constexpr REGSAM kDatabaseView = KEY_WOW64_32KEY;
-inline constexpr REGSAM kBackup10View = KEY_WOW64_32KEY;
-inline constexpr REGSAM kBackup20View = KEY_WOW64_64KEY;
+inline constexpr REGSAM kDatabaseView = NVDBCONV_DATABASE_VIEW;
+inline constexpr REGSAM kBackup10View = NVDBCONV_BACKUP_10_VIEW;
+inline constexpr REGSAM kBackup20View = NVDBCONV_BACKUP_20_VIEW;
 
 const char* ViewName(REGSAM view);
 bool KeyExists(const wchar_t* path, REGSAM view);

@@ -8,14 +8,15 @@ namespace nvdbconv {
 
 namespace {
 
-using ActionFn = HRESULT(__stdcall*)();
-using GetDBVersionFn = HRESULT(__stdcall*)(DWORD*, DWORD*);
+// Convert, Rollback, Cleanup and the registration exports share one type.
+using ActionFn = PFN_NVDBCONV_CONVERT;
 
 } // namespace
 
-const char* const kLibraryExports[] = {"Convert",         "Rollback",          "Cleanup",
-                                       "GetDBVersion",    "DllCanUnloadNow",   "DllGetClassObject",
-                                       "DllRegisterServer", "DllUnregisterServer"};
+const char* const kLibraryExports[] = {NVDBCONV_EXPORT_CONVERT,           NVDBCONV_EXPORT_ROLLBACK,
+                                       NVDBCONV_EXPORT_CLEANUP,           NVDBCONV_EXPORT_GETDBVERSION,
+                                       NVDBCONV_EXPORT_DLLCANUNLOADNOW,   NVDBCONV_EXPORT_DLLGETCLASSOBJECT,
+                                       NVDBCONV_EXPORT_DLLREGISTERSERVER, NVDBCONV_EXPORT_DLLUNREGISTERSERVER};
 const size_t kLibraryExportCount = sizeof(kLibraryExports) / sizeof(kLibraryExports[0]);
 
 std::wstring DefaultLibraryPath()
@@ -70,7 +71,7 @@ HRESULT CLibraryHost::Action(const char* name) const
 
 HRESULT CLibraryHost::GetDBVersion(DWORD* current, DWORD* target) const
 {
-    const GetDBVersionFn fn = nv::GetProcAs<GetDBVersionFn>(m_module.get(), "GetDBVersion");
+    const auto fn = nv::GetProcAs<PFN_NVDBCONV_GETDBVERSION>(m_module.get(), NVDBCONV_EXPORT_GETDBVERSION);
     if (!fn)
         return HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND);
     return fn(current, target);

@@ -7,6 +7,7 @@
 // HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND) without calling anything.
 #pragma once
 #include <windows.h>
+#include <nvdbconv/nvdbconv.h>
 #include <optional>
 #include <string>
 
@@ -34,11 +35,11 @@ public:
     bool HasExport(const char* name) const;
 
     HRESULT GetDBVersion(DWORD* current, DWORD* target) const;
-    HRESULT Convert() const { return Action("Convert"); }
-    HRESULT Rollback() const { return Action("Rollback"); }
-    HRESULT Cleanup() const { return Action("Cleanup"); }
-    HRESULT Register() const { return Action("DllRegisterServer"); }
-    HRESULT Unregister() const { return Action("DllUnregisterServer"); }
+    HRESULT Convert() const { return Action(NVDBCONV_EXPORT_CONVERT); }
+    HRESULT Rollback() const { return Action(NVDBCONV_EXPORT_ROLLBACK); }
+    HRESULT Cleanup() const { return Action(NVDBCONV_EXPORT_CLEANUP); }
+    HRESULT Register() const { return Action(NVDBCONV_EXPORT_DLLREGISTERSERVER); }
+    HRESULT Unregister() const { return Action(NVDBCONV_EXPORT_DLLUNREGISTERSERVER); }
 
     // Frees the library (its holder and trace file close); idempotent.
     void Unload() { m_module.reset(); }
