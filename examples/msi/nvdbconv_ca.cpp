@@ -25,6 +25,7 @@
 #include <msi.h>
 #include <msiquery.h>
 #include <objbase.h>
+#include <nvdbconv/nvdbconv.h>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -33,25 +34,24 @@
 
 namespace {
 
-constexpr const wchar_t kDatabasePath[] = L"SOFTWARE\\Norvane\\DB";
-constexpr const wchar_t kDataPath[] = L"SOFTWARE\\Norvane\\DB\\Data";
-constexpr const wchar_t kMainDbPath[] = L"SOFTWARE\\Norvane\\DB\\MainDB";
-constexpr const wchar_t kUsersPath[] = L"SOFTWARE\\Norvane\\DB\\Data\\Users";
-constexpr const wchar_t kBackupValueName[] = L"Backup";
+// The registry names and views are the SDK header's (nvdbconv.h).
+constexpr const wchar_t kDatabasePath[] = NVDBCONV_KEY_DATABASE;
+constexpr const wchar_t kUsersPath[] = NVDBCONV_KEY_USERS;
+constexpr const wchar_t kBackupValueName[] = NVDBCONV_VALUE_BACKUP;
 // The strict policy's record of the users it kept in the old database, one key per
 // user ({GUID}, as under Data\Users) in the database's view.
-constexpr const wchar_t kHeldUsersPath[] = L"SOFTWARE\\Norvane\\DBConversion\\HeldUsers";
+constexpr const wchar_t kHeldUsersPath[] = NVDBCONV_KEY_HELD_USERS;
 // 1.0 -> 2.0 -> 3.0 takes two steps; more means a step made no progress.
 constexpr int kMaxSteps = 4;
-constexpr DWORD kNewestFormat = 0x00030000;
+constexpr DWORD kNewestFormat = NVDBCONV_VERSION_3_0;
 // The converters keep the database in the 32-bit view. A 1.0 database is backed up
 // there too; a 2.0 database is backed up in the library's own (64-bit) view.
-constexpr REGSAM kDatabaseView = KEY_WOW64_32KEY;
-constexpr REGSAM kBackup10View = KEY_WOW64_32KEY;
-constexpr REGSAM kBackup20View = KEY_WOW64_64KEY;
+constexpr REGSAM kDatabaseView = NVDBCONV_DATABASE_VIEW;
+constexpr REGSAM kBackup10View = NVDBCONV_BACKUP_10_VIEW;
+constexpr REGSAM kBackup20View = NVDBCONV_BACKUP_20_VIEW;
 
-using DbVersionFn = HRESULT(WINAPI*)(DWORD*, DWORD*);
-using ActionFn = HRESULT(WINAPI*)();
+using DbVersionFn = PFN_NVDBCONV_GETDBVERSION;
+using ActionFn = PFN_NVDBCONV_CONVERT; // Convert, Rollback and Cleanup share it
 
 // One line in the installer's log.
 void Log(MSIHANDLE install, const wchar_t* format, ...)
@@ -135,7 +135,7 @@ public:
 
     HRESULT GetDBVersion(DWORD* current, DWORD* target) const
     {
-        auto fn = reinterpret_cast<DbVersionFn>(reinterpret_cast<void*>(::GetProcAddress(m_module, "GetDBVersion")));
+        auto fn = reinterpret_cast<DbVersionFn>(reinterpret_cast<void*>(::GetProcAddress(m_module, NVDBCONV_EXPORT_GETDBVERSION)));
         const HRESULT hr = fn ? fn(current, target) : HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND);
         Log(m_install, L"GetDBVersion = 0x%08lX (%ls), current 0x%08lX, target 0x%08lX",
             static_cast<unsigned long>(hr), Meaning("GetDBVersion", hr), static_cast<unsigned long>(*current),
@@ -197,20 +197,7 @@ bool CountUserKeys(DWORD* count)
 
 // The 3.0 layout: the database key is there and holds neither Data nor MainDB. A
 // key that exists but cannot be opened, or any other failure, answers false.
-bool IsLayout30()
-{
-    if (!KeyExists(kDatabasePath, kDatabaseView))
-        return false;
-    for (const wchar_t* path : {kDataPath, kMainDbPath}) {
-        HKEY key = nullptr;
-        const LONG rc = ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_READ | kDatabaseView, &key);
-        if (rc == ERROR_SUCCESS)
-            ::RegCloseKey(key);
-        if (rc != ERROR_FILE_NOT_FOUND)
-            return false;
-    }
-    return true;
-}
+bool IsLayout30() { return NVDBConvIsDatabaseLayout30() != FALSE; }
 
 // "2.0" of 0x00020000.
 std::wstring VersionText(DWORD version)
@@ -252,12 +239,12 @@ DWORD LogUsersLeft(MSIHANDLE install)
             continue;
         }
         DWORD result = 0, size = sizeof(result), type = 0;
-        if (::RegQueryValueExW(held, L"Result", nullptr, &type, reinterpret_cast<BYTE*>(&result), &size) !=
+        if (::RegQueryValueExW(held, NVDBCONV_VALUE_HELD_RESULT, nullptr, &type, reinterpret_cast<BYTE*>(&result), &size) !=
                 ERROR_SUCCESS ||
             type != REG_DWORD)
             result = 0;
-        Log(install, L"held user: %ls %ls 0x%08lX: %ls", name, ReadString(held, L"SID").c_str(),
-            static_cast<unsigned long>(result), ReadString(held, L"Reason").c_str());
+        Log(install, L"held user: %ls %ls 0x%08lX: %ls", name, ReadString(held, NVDBCONV_VALUE_HELD_SID).c_str(),
+            static_cast<unsigned long>(result), ReadString(held, NVDBCONV_VALUE_HELD_REASON).c_str());
         ::RegCloseKey(held);
     }
     ::RegCloseKey(users);
