@@ -1,6 +1,8 @@
 // The hooks reach the calls the library makes to crypt32 and netapi32, which it does
 // not import but looks up at run time: a clean 2.0 -> 3.0 conversion under nvfaults
-// counts them, and failing one of them fails that very call.
+// counts them, and failing one of them fails that very call. With every allocation
+// failing for good the library still answers; and a sweep never scores a child that
+// ended without its answer as passed.
 #include <windows.h>
 #include <gtest/gtest.h>
 #include <set>
@@ -87,4 +89,66 @@ TEST_F(FaultHooksTest, FailingALookedUpCrypt32CallFailsThatCall)
     EXPECT_EQ(firstDecode, records[0].number);
     EXPECT_EQ("crypt32.dll!CryptDecodeObject", records[0].function);
     EXPECT_FALSE(records[0].frames.empty());
+}
+
+// Every allocation fails from a call in the middle of the conversion on. The throw
+// of std::bad_alloc needs memory itself; without the library's reserve for exception
+// objects the run-time recursed until the stack overflowed and the process ended
+// without an answer. Now Convert answers with a failure, and the child writes it.
+TEST_F(FaultHooksTest, WithMemoryGoneForGoodConvertStillAnswersWithAFailure)
+{
+    ASSERT_NO_FATAL_FAILURE(WriteFreshDatabase());
+    const ProcessRun count = Child(L"--mode count");
+    ASSERT_EQ(0u, count.exitCode) << count.err;
+    const std::vector<nvfaults::CallRecord> calls = nvfaults::ReadCallRecords(m_calls);
+    ASSERT_GT(calls.size(), 100u);
+    // Allocations at a quarter, half and three quarters of the way.
+    std::vector<std::uint64_t> starts;
+    for (size_t part : {calls.size() / 4, calls.size() / 2, calls.size() * 3 / 4}) {
+        size_t i = part;
+        while (i < calls.size() && !calls[i].allocation)
+            ++i;
+        ASSERT_LT(i, calls.size());
+        starts.push_back(calls[i].number);
+    }
+    for (std::uint64_t n : starts) {
+        SCOPED_TRACE("oom-from " + std::to_string(n));
+        ASSERT_NO_FATAL_FAILURE(WriteFreshDatabase());
+        const ProcessRun run = Child(L"--mode oom-from --n " + std::to_wstring(n));
+        EXPECT_EQ(0u, run.exitCode) << run.err;
+        const std::string result = ResultOf(m_calls);
+        EXPECT_TRUE(result == "result 0x8007000E" || result == "result 0x8000FFFF") << result;
+        FILE* f = _wfopen(m_calls.c_str(), L"rb");
+        ASSERT_NE(nullptr, f);
+        std::string text;
+        char buffer[4096];
+        size_t got;
+        while ((got = std::fread(buffer, 1, sizeof(buffer), f)) > 0)
+            text.append(buffer, got);
+        std::fclose(f);
+        EXPECT_NE(std::string::npos, text.find("\nend\n")) << "the child's answer is not whole";
+        const std::vector<nvfaults::CallRecord> failed = nvfaults::ReadCallRecords(m_calls);
+        ASSERT_FALSE(failed.empty());
+        EXPECT_EQ(n, failed.front().number);
+        for (const nvfaults::CallRecord& r : failed)
+            EXPECT_TRUE(r.allocation) << r.function;
+    }
+}
+
+// A child that ends with exit code 0 but without its answer (as a stack overflow
+// under Wine does) is a crash, and a crash fails the sweep.
+TEST_F(FaultHooksTest, ASweepScoresAChildWithoutItsAnswerAsCrashedAndFails)
+{
+    ASSERT_TRUE(::SetEnvironmentVariableW(L"NVFAULTS_TEST_VANISH_IN_MODE", L"once"));
+    ProcessRun sweep = RunProcess(QuoteArg(ExeDirectory() + L"nvfaults.exe") +
+                                  L" sweep --conversion 2.0 --policy default --modes once --from 40 --to 40");
+    ::SetEnvironmentVariableW(L"NVFAULTS_TEST_VANISH_IN_MODE", nullptr);
+    ASSERT_TRUE(sweep.started);
+    ASSERT_FALSE(sweep.timedOut);
+    EXPECT_EQ(1u, sweep.exitCode) << sweep.out << sweep.err;
+    EXPECT_NE(std::string::npos, sweep.out.find("1 scenarios: 0 passed, 0 by-design, 0 lost, 1 crashed"))
+        << sweep.out;
+    EXPECT_NE(std::string::npos, sweep.out.find("conversion process ended without its answer (exit 0x00000000, "
+                                                 "no result)"))
+        << sweep.out;
 }

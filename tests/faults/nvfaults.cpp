@@ -143,6 +143,12 @@ int Child(const std::map<std::string, std::string>& o)
     Arm();
     const HRESULT hr = convert();
     Disarm();
+    // For the harness's own test: a child of this mode ends as a crashed one does,
+    // with exit code 0 and no answer.
+    wchar_t vanish[16] = {};
+    if (GetEnvironmentVariableW(L"NVFAULTS_TEST_VANISH_IN_MODE", vanish, 16) &&
+        nvtest::Narrow(vanish) == ModeName(settings.mode))
+        ExitProcess(0);
     std::string unclassified;
     for (const std::string& name : UnclassifiedRunTimeImports())
         unclassified += " " + name;
