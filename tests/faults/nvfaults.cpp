@@ -2,16 +2,19 @@
 //
 //   nvfaults sweep --conversion 1.0|2.0 [--policy default|strict] [--modes once,from,kill]
 //                  [--first N] [--stride S] [--from N] [--to N] [--report FILE]
+//                  [--store-errors E_OUTOFMEMORY,RPC_E_DISCONNECTED,E_FAIL]
 //       Writes the database, counts the calls of a clean conversion, then for every
 //       chosen call number and mode runs the conversion in a child process with that
 //       call failed (once, or from there on) or the process killed there, runs the
 //       recovery an installer would (in a fresh process, which never carries hooks),
 //       and checks that nothing was lost. Call numbers: 1..first, then every stride-th call, and the last call
 //       (--stride 1: every call); --from/--to limit the sweep to a range of call
-//       numbers, so that a full sweep can be split. Exit 0 when nothing was lost, 1 otherwise, 2 on a
+//       numbers, so that a full sweep can be split. A call at the store boundary is
+//       failed (once, from) once with each of the store errors. Exit 0 when nothing was lost, 1 otherwise, 2 on a
 //       usage or set-up error.
-//   nvfaults child --mode count|once|from|kill --n N --out FILE
-//       One conversion under the hooks (used by sweep).
+//   nvfaults child --mode count|once|from|kill --n N [--store-error E] --out FILE
+//       One conversion under the hooks (used by sweep); a failed store call returns E
+//       (default E_FAIL).
 //   nvfaults recover --conversion 1.0|2.0 --out FILE
 //       The installer's recovery after a faulted run (used by sweep).
 #include <windows.h>
@@ -33,6 +36,7 @@
 #include "fault_hooks.h"
 #include "fault_world.h"
 #include "pe_image.h"
+#include "store_boundary.h"
 #include "support/dll_loader.h"
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
@@ -112,6 +116,8 @@ int Child(const std::map<std::string, std::string>& o)
     if (!o.count("mode") || !ParseMode(o.at("mode"), &settings.mode) || !o.count("out"))
         return kExitUsage;
     settings.n = o.count("n") ? std::stoull(o.at("n")) : 0;
+    if (o.count("store-error") && !ParseStoreError(o.at("store-error"), &settings.storeError))
+        return kExitUsage;
     const std::wstring out = nvtest::Widen(o.at("out"));
     settings.killRecordPath = out;
     // The installer's thread: COM initialised, apartment threaded.
@@ -140,7 +146,8 @@ int Child(const std::map<std::string, std::string>& o)
         return kExitSetup;
     }
     std::string text = "result " + HexCode(static_cast<DWORD>(hr)) + "\ncalls " + std::to_string(CallCount()) +
-                       "\nfailed " + std::to_string(FailedCount()) + "\n";
+                       "\nfailed " + std::to_string(FailedCount()) + "\nstore objects left " +
+                       std::to_string(LiveStoreWrappers()) + "\n";
     for (const CallRecord& r : Records())
         text += FormatRecord(r) + "\n";
     WriteText(out, text);
@@ -255,6 +262,13 @@ ChildOutcome RunChild(const std::wstring& args, const std::wstring& out)
     return c;
 }
 
+// The tally's name of a mode: "once", or "once/RPC_E_DISCONNECTED" for a store call
+// failed with that error.
+std::string ModeLabel(Mode mode, const std::string& storeError)
+{
+    return storeError.empty() ? std::string(ModeName(mode)) : std::string(ModeName(mode)) + "/" + storeError;
+}
+
 struct Totals {
     unsigned scenarios = 0, passed = 0, byDesign = 0, lost = 0, crashed = 0, notReached = 0, twoPlaces = 0;
     std::map<std::string, unsigned> designCounts;
@@ -321,10 +335,12 @@ struct Sweep {
         return s;
     }
 
-    void Scenario(Mode mode, std::uint64_t n, const CallRecord& planned)
+    // storeError: the error a failed store call returns ("" for a call that is not
+    // one); it is tallied with the mode and ends the report line.
+    void Scenario(Mode mode, std::uint64_t n, const CallRecord& planned, const std::string& storeError)
     {
         std::string error;
-        Totals& t = totals[ModeName(mode)];
+        Totals& t = totals[ModeLabel(mode, storeError)];
         ++t.scenarios;
         if (!world->Reset(policy, &error)) {
             std::fprintf(stderr, "nvfaults: %s\n", error.c_str());
@@ -332,7 +348,8 @@ struct Sweep {
             return;
         }
         const ChildOutcome run = RunChild(L"child --mode " + nvtest::Widen(ModeName(mode)) + L" --n " +
-                                              std::to_wstring(n),
+                                              std::to_wstring(n) +
+                                              (storeError.empty() ? L"" : L" --store-error " + nvtest::Widen(storeError)),
                                           tempDir + L"run.txt");
         const Inspection afterRun = world->Inspect();
         const std::wstring recoveryOut = tempDir + L"recovery.txt";
@@ -438,7 +455,7 @@ struct Sweep {
                                  ModeName(mode) + "\t" + std::to_string(n) + "\t" + planned.function + "\t" + where +
                                  "\t" + outcome + "\t" + designText + "\t" + problemText + "\t" + "run " +
                                  run.result + "; after run: " + afterRun.Summary() + ";" + notes +
-                                 " final: " + after.Summary();
+                                 " final: " + after.Summary() + "\t" + (storeError.empty() ? "-" : storeError);
         if (report) {
             std::fprintf(report, "%s\n", line.c_str());
             std::fflush(report);
@@ -516,6 +533,23 @@ int SweepCommand(const std::map<std::string, std::string>& o)
     const std::uint64_t stride = std::max<std::uint64_t>(1, o.count("stride") ? std::stoull(o.at("stride")) : 1);
     const std::uint64_t rangeFrom = o.count("from") ? std::stoull(o.at("from")) : 1;
     const std::uint64_t rangeTo = o.count("to") ? std::stoull(o.at("to")) : UINT64_MAX;
+    std::vector<std::string> storeErrors;
+    {
+        std::istringstream list(o.count("store-errors") ? o.at("store-errors") : "E_OUTOFMEMORY,RPC_E_DISCONNECTED,E_FAIL");
+        std::string item;
+        HRESULT hr;
+        while (std::getline(list, item, ',')) {
+            if (!ParseStoreError(item, &hr)) {
+                std::fprintf(stderr, "nvfaults: unknown store error %s\n", item.c_str());
+                return kExitUsage;
+            }
+            storeErrors.push_back(item);
+        }
+        if (storeErrors.empty()) {
+            std::fprintf(stderr, "nvfaults: --store-errors names no error\n");
+            return kExitUsage;
+        }
+    }
 
     wchar_t tempPath[MAX_PATH];
     GetTempPathW(MAX_PATH, tempPath);
@@ -597,27 +631,46 @@ int SweepCommand(const std::map<std::string, std::string>& o)
         std::fflush(stdout);
 
         const std::vector<std::uint64_t> numbers = CallNumbers(clean.calls, first, stride);
-        std::vector<std::pair<Mode, std::uint64_t>> planned;
+        struct Planned {
+            Mode mode;
+            std::uint64_t n;
+            std::string storeError;
+        };
+        std::vector<Planned> planned;
         for (Mode mode : modes)
-            for (std::uint64_t n : numbers)
-                if (n >= rangeFrom && n <= rangeTo && n <= clean.records.size())
-                    planned.emplace_back(mode, n);
+            for (std::uint64_t n : numbers) {
+                if (n < rangeFrom || n > rangeTo || n > clean.records.size())
+                    continue;
+                // A store call fails with each store error; "oom-from" fails allocations,
+                // and a kill returns nothing, so those run once.
+                if (IsStoreCall(clean.records[n - 1].function) && (mode == Mode::Once || mode == Mode::From))
+                    for (const std::string& e : storeErrors)
+                        planned.push_back({mode, n, e});
+                else
+                    planned.push_back({mode, n, ""});
+            }
         const auto sweepStarted = std::chrono::steady_clock::now();
         for (size_t i = 0; i < planned.size() && !sweep.harnessFailed; ++i) {
-            sweep.Scenario(planned[i].first, planned[i].second, clean.records[planned[i].second - 1]);
+            sweep.Scenario(planned[i].mode, planned[i].n, clean.records[planned[i].n - 1], planned[i].storeError);
             if ((i + 1) % 100 == 0 || i + 1 == planned.size())
-                Progress(i + 1, planned.size(), planned[i].first, planned[i].second, sweepStarted);
+                Progress(i + 1, planned.size(), planned[i].mode, planned[i].n, sweepStarted);
         }
 
         for (Mode mode : modes) {
-            const Totals& t = sweep.totals[ModeName(mode)];
-            std::printf("  %-5s %u scenarios: %u passed, %u by design, %u lost, %u crashed", ModeName(mode),
-                        t.scenarios, t.passed, t.byDesign, t.lost, t.crashed);
-            if (mode == Mode::Kill)
-                std::printf(", %u kill points not reached", t.notReached);
-            std::printf("; users in two places at the end: %u\n", t.twoPlaces);
-            for (const auto& [name, count] : t.designCounts)
-                std::printf("        by design %-40s %u\n", name.c_str(), count);
+            std::vector<std::string> labels{ModeName(mode)};
+            for (const std::string& e : storeErrors)
+                if (sweep.totals.count(ModeLabel(mode, e)))
+                    labels.push_back(ModeLabel(mode, e));
+            for (const std::string& label : labels) {
+                const Totals& t = sweep.totals[label];
+                std::printf("  %-5s %u scenarios: %u passed, %u by design, %u lost, %u crashed", label.c_str(),
+                            t.scenarios, t.passed, t.byDesign, t.lost, t.crashed);
+                if (mode == Mode::Kill)
+                    std::printf(", %u kill points not reached", t.notReached);
+                std::printf("; users in two places at the end: %u\n", t.twoPlaces);
+                for (const auto& [name, count] : t.designCounts)
+                    std::printf("        by design %-40s %u\n", name.c_str(), count);
+            }
         }
         for (const std::string& line : sweep.crashLines)
             std::printf("  CRASHED %s\n", line.c_str());
@@ -648,8 +701,8 @@ void Usage()
     std::fprintf(stderr,
                  "usage: nvfaults sweep --conversion 1.0|2.0 [--policy default|strict|both]\n"
                  "                      [--modes once,from,kill] [--first N] [--stride S] [--from N] [--to N]\n"
-                 "                      [--report FILE]\n"
-                 "       nvfaults child --mode count|once|from|kill --n N --out FILE\n"
+                 "                      [--report FILE] [--store-errors E_OUTOFMEMORY,RPC_E_DISCONNECTED,E_FAIL]\n"
+                 "       nvfaults child --mode count|once|from|kill --n N [--store-error E] --out FILE\n"
                  "       nvfaults recover --conversion 1.0|2.0 --out FILE\n"
                  );
 }
