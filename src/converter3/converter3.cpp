@@ -340,6 +340,10 @@ void CConverter3::ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, CSt
             nv::CCoTaskCryptBlob authExtra;
             nv::ThrowIfFailed(auth->Authenticate(nvstore::kAuthTypePassword, sid.c_str(), nvstore::kUserIdKindSid,
                                                  &authBlob, payload.put(), &dwFailed, authExtra.put()));
+        } else if (payload.IsEmpty()) {
+            // A user the store already had a key pair for, and no authentication
+            // service: the password never reaches the store.
+            missing.Add(WithCode(L"password not enrolled, no IAuthService", L"", S_OK));
         }
 
         nv::unique_hcryptkey userKey;
