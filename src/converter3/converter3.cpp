@@ -386,6 +386,9 @@ void CConverter3::ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, CSt
                 missing.Add(WithCode(L"secret not stored, no IUserSecrets", static_cast<const wchar_t*>(entry.first),
                                      S_OK));
         }
+        // Without it the user gets no key pair, password or payload either, secrets
+        // or not.
+        missing.Add(WithCode(L"password not enrolled and payload not stored, no IUserSecrets", L"", S_OK));
     }
 
     nv::com_ptr<IUserTemplates> userTemplates;

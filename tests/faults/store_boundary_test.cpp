@@ -301,6 +301,8 @@ struct StrictSite {
     const char* error;    // the store error, or "" for an import
     const char* missing;  // what the held-users record says of the user
     bool existingKeys;    // the store starts the users with a key pair
+    bool noSecrets;       // the users have no secrets
+    bool registered;      // the held user went on to its registration
 };
 
 // The first user's objects: the store object, the payload query (its user object's
@@ -308,17 +310,21 @@ struct StrictSite {
 // object the class object makes for it), and the class object itself.
 const StrictSite kStrictSites[] = {
     {"ClassObject", "ole32.dll!CoGetClassObject", 1, "store!IClassFactory::CreateInstance", "",
-     "conversion failed (0x80004003)", false},
+     "conversion failed (0x80004003)", false, false, false},
     {"StoreObject", "store!IClassFactory::CreateInstance", 1, "store!IUserStore::OpenUser", "E_OUTOFMEMORY",
-     "conversion failed (0x80004003)", false},
+     "conversion failed (0x80004003)", false, false, false},
     {"UserPayloadQuery", "store!IUnknown::QueryInterface", 3, "store!IUserPayload::PutPayload",
-     "RPC_E_DISCONNECTED", "payload not stored and user not registered, no IUserPayload", false},
+     "RPC_E_DISCONNECTED", "payload not stored and user not registered, no IUserPayload", false, false, false},
     {"UserRegistryObject", "store!IClassFactory::CreateInstance", 3, "store!IUserRegistry::CheckUser", "E_FAIL",
-     "user not registered, no IUserRegistry", false},
+     "user not registered, no IUserRegistry", false, false, false},
     // A user the store already has a key pair for needs the authentication service
     // to get its password; without it the password never reaches the store.
     {"AuthServiceQueryWithExistingKey", "store!IStoreService::QueryInterface", 1,
-     "store!IUserSecrets::QueryInterface", "RPC_E_DISCONNECTED", "password not enrolled, no IAuthService", true},
+     "store!IUserSecrets::QueryInterface", "RPC_E_DISCONNECTED", "password not enrolled, no IAuthService", true, false, true},
+    // Users without secrets, and no IUserSecrets: the user would be registered with
+    // no key pair, password or payload.
+    {"UserSecretsQueryWithoutSecrets", "store!IUnknown::QueryInterface", 1, "store!IClassFactory::CreateInstance",
+     "E_FAIL", "password not enrolled and payload not stored, no IUserSecrets", false, true, true},
 };
 
 void PrintTo(const StrictSite& site, std::ostream* os)
@@ -333,6 +339,9 @@ TEST_P(StrictStoreFaultTest, StrictKeepsTheOldKeyOfAUserTheStoreDidNotTakeWhole)
     const StrictSite& site = GetParam();
     m_strict = true;
     m_existingKeys = site.existingKeys;
+    if (site.noSecrets)
+        for (auto& u : m_db.users)
+            u.secrets.clear();
     const std::vector<nvfaults::CallRecord> calls = CountCalls();
     const nvfaults::CallRecord* target = NthCall(calls, site.function, site.occurrence);
     ASSERT_NE(nullptr, target);
@@ -360,10 +369,10 @@ TEST_P(StrictStoreFaultTest, StrictKeepsTheOldKeyOfAUserTheStoreDidNotTakeWhole)
     EXPECT_TRUE(KeyExists(UserKeyPath(user->guid).c_str(), kView32));
     EXPECT_EQ(Widen(site.missing), held[0].reason);
     EXPECT_EQ(std::vector<std::wstring>{GuidText(user->guid)}, SubkeyNames(kDataUsersPath, kView32));
-    // A user held for its password has gone on to its registration; the others
-    // stopped before it.
-    EXPECT_EQ(site.existingKeys, inspect::IsRegistered(user->sidText));
-    EXPECT_EQ(site.existingKeys ? S_OK : S_FALSE, CheckUserInStore(user->sidText));
+    // A user held for its password or payload has gone on to its registration; the
+    // others stopped before it.
+    EXPECT_EQ(site.registered, inspect::IsRegistered(user->sidText));
+    EXPECT_EQ(site.registered ? S_OK : S_FALSE, CheckUserInStore(user->sidText));
     ExpectNoUserLost(true);
 
     // The next Convert, with the store whole again, moves the held user.
