@@ -2,7 +2,7 @@
 //
 //   nvfaults sweep --conversion 1.0|2.0 [--policy default|strict] [--modes once,from,kill]
 //                  [--first N] [--stride S] [--from N] [--to N] [--report FILE]
-//                  [--store-errors E_OUTOFMEMORY,RPC_E_DISCONNECTED,E_FAIL]
+//                  [--store-errors E_OUTOFMEMORY,RPC_E_DISCONNECTED,E_FAIL] [--store-only]
 //       Writes the database, counts the calls of a clean conversion, then for every
 //       chosen call number and mode runs the conversion in a child process with that
 //       call failed (once, or from there on) or the process killed there, runs the
@@ -10,7 +10,8 @@
 //       and checks that nothing was lost. Call numbers: 1..first, then every stride-th call, and the last call
 //       (--stride 1: every call); --from/--to limit the sweep to a range of call
 //       numbers, so that a full sweep can be split. A call at the store boundary is
-//       failed (once, from) once with each of the store errors. Exit 0 when nothing was lost, 1 otherwise, 2 on a
+//       failed (once, from) once with each of the store errors; --store-only sweeps
+//       only those calls. Exit 0 when nothing was lost, 1 otherwise, 2 on a
 //       usage or set-up error.
 //   nvfaults child --mode count|once|from|kill --n N [--store-error E] --out FILE
 //       One conversion under the hooks (used by sweep); a failed store call returns E
@@ -533,6 +534,7 @@ int SweepCommand(const std::map<std::string, std::string>& o)
     const std::uint64_t stride = std::max<std::uint64_t>(1, o.count("stride") ? std::stoull(o.at("stride")) : 1);
     const std::uint64_t rangeFrom = o.count("from") ? std::stoull(o.at("from")) : 1;
     const std::uint64_t rangeTo = o.count("to") ? std::stoull(o.at("to")) : UINT64_MAX;
+    const bool storeOnly = o.count("store-only") != 0;
     std::vector<std::string> storeErrors;
     {
         std::istringstream list(o.count("store-errors") ? o.at("store-errors") : "E_OUTOFMEMORY,RPC_E_DISCONNECTED,E_FAIL");
@@ -639,7 +641,8 @@ int SweepCommand(const std::map<std::string, std::string>& o)
         std::vector<Planned> planned;
         for (Mode mode : modes)
             for (std::uint64_t n : numbers) {
-                if (n < rangeFrom || n > rangeTo || n > clean.records.size())
+                if (n < rangeFrom || n > rangeTo || n > clean.records.size() ||
+                    (storeOnly && !IsStoreCall(clean.records[n - 1].function)))
                     continue;
                 // A store call fails with each store error; "oom-from" fails allocations,
                 // and a kill returns nothing, so those run once.
@@ -657,10 +660,12 @@ int SweepCommand(const std::map<std::string, std::string>& o)
         }
 
         for (Mode mode : modes) {
-            std::vector<std::string> labels{ModeName(mode)};
+            std::vector<std::string> labels;
             for (const std::string& e : storeErrors)
                 if (sweep.totals.count(ModeLabel(mode, e)))
                     labels.push_back(ModeLabel(mode, e));
+            if (labels.empty() || sweep.totals.count(ModeName(mode)))
+                labels.insert(labels.begin(), ModeName(mode));
             for (const std::string& label : labels) {
                 const Totals& t = sweep.totals[label];
                 std::printf("  %-5s %u scenarios: %u passed, %u by design, %u lost, %u crashed", label.c_str(),
@@ -702,6 +707,7 @@ void Usage()
                  "usage: nvfaults sweep --conversion 1.0|2.0 [--policy default|strict|both]\n"
                  "                      [--modes once,from,kill] [--first N] [--stride S] [--from N] [--to N]\n"
                  "                      [--report FILE] [--store-errors E_OUTOFMEMORY,RPC_E_DISCONNECTED,E_FAIL]\n"
+                 "                      [--store-only]\n"
                  "       nvfaults child --mode count|once|from|kill --n N [--store-error E] --out FILE\n"
                  "       nvfaults recover --conversion 1.0|2.0 --out FILE\n"
                  );
