@@ -74,6 +74,7 @@ TEST_P(KillRerunTest, AConversionKilledAtTheStageAndRunAgainMovesEveryUserWhole)
 }
 
 INSTANTIATE_TEST_SUITE_P(Stages, KillRerunTest,
-                         ::testing::Values(nvstore::kStageKeyPairStored, nvstore::kStagePayloadWritten,
-                                           nvstore::kStageSecretStored),
+                         ::testing::Values(nvstore::kStageKeyPairGenerated, nvstore::kStageKeyPairStored,
+                                           nvstore::kStagePayloadWritten, nvstore::kStageSecretStored,
+                                           nvstore::kStageTemplateStored),
                          [](const ::testing::TestParamInfo<const wchar_t*>& info) { return Narrow(info.param); });

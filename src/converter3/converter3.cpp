@@ -339,6 +339,10 @@ void CConverter3::ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, CSt
             nv::CCoTaskCryptBlob authExtra;
             nv::ThrowIfFailed(auth->Authenticate(nvstore::kAuthTypePassword, sid.c_str(), nvstore::kUserIdKindSid,
                                                  &authBlob, payload.put(), &dwFailed, authExtra.put()));
+        } else if (payload.IsEmpty()) {
+            // A user the store already had a key pair for, and no authentication
+            // service: the password never reaches the store.
+            missing.Add(WithCode(L"password not enrolled, no IAuthService", L"", S_OK));
         }
 
         nv::unique_hcryptkey userKey;
@@ -381,6 +385,9 @@ void CConverter3::ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, CSt
                 missing.Add(WithCode(L"secret not stored, no IUserSecrets", static_cast<const wchar_t*>(entry.first),
                                      S_OK));
         }
+        // Without it the user gets no key pair, password or payload either, secrets
+        // or not.
+        missing.Add(WithCode(L"password not enrolled and payload not stored, no IUserSecrets", L"", S_OK));
     }
 
     nv::com_ptr<IUserTemplates> userTemplates;

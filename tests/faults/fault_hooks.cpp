@@ -8,6 +8,7 @@
 #include "common/systemlibrary.h"
 #include "fault_catalog.h"
 #include "pe_image.h"
+#include "store_boundary.h"
 
 namespace nvfaults {
 
@@ -362,7 +363,9 @@ bool Install(HMODULE module, const HookSettings& settings, std::string* error)
         h.slot = toHook[i].slot;
         g_hooks.push_back(h);
         BYTE* at = g_code + i * kSlotSize;
-        EmitThunk(at, static_cast<int>(i), h.original);
+        // The store's entry points go through the store boundary, which wraps what
+        // they hand out.
+        EmitThunk(at, static_cast<int>(i), StoreBoundaryEntry(h.name, h.original));
         g_functionTable[i].BeginAddress = static_cast<DWORD>(i * kSlotSize);
         g_functionTable[i].EndAddress = static_cast<DWORD>(i * kSlotSize + kThunkSize);
         g_functionTable[i].UnwindData = static_cast<DWORD>(i * kSlotSize + kThunkSize);
@@ -389,6 +392,8 @@ std::vector<std::string> UnclassifiedRunTimeImports() { return g_unclassifiedRun
 
 void Arm() { g_armed = true; }
 void Disarm() { g_armed = false; }
+bool Armed() { return g_armed; }
+const HookSettings& Settings() { return g_settings; }
 std::uint64_t CallCount() { return g_calls; }
 std::uint64_t FailedCount() { return g_failed; }
 const std::vector<CallRecord>& Records() { return g_records; }

@@ -46,6 +46,8 @@ struct HookSettings {
     std::uint64_t n = 0;
     // Where the kill mode writes its record before it ends the process.
     std::wstring killRecordPath;
+    // What a failed call at the store boundary returns (store_boundary.h).
+    HRESULT storeError = E_FAIL;
 };
 
 // Installs the hooks in the module's import table. False, with the reason, when
@@ -62,6 +64,9 @@ bool Install(HMODULE module, const HookSettings& settings, std::string* error);
 bool DecideCall(const std::string& function, bool allocation, ULONG_PTR returnAddress);
 void Arm();
 void Disarm();
+bool Armed();
+// The settings Install was given.
+const HookSettings& Settings();
 
 std::uint64_t CallCount();
 std::uint64_t FailedCount();

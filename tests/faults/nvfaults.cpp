@@ -3,6 +3,7 @@
 //   nvfaults sweep --conversion 1.0|2.0 [--policy default|strict|both]
 //                  [--modes once,from,oom-from,kill] [--first N] [--stride S] [--from N] [--to N]
 //                  [--sites [--seed S]] [--report FILE]
+//                  [--store-errors E_OUTOFMEMORY,RPC_E_DISCONNECTED,E_FAIL] [--store-only]
 //       Writes the database, counts the calls of a clean conversion, then for every
 //       chosen call number and mode runs the conversion in a child process with that
 //       call failed once ("once"), every registry, crypto, COM and store call failed
@@ -16,12 +17,15 @@
 //       every call); --from/--to limit the sweep to a range of call numbers, so that a
 //       full sweep can be split. --sites instead runs one scenario per call site (called
 //       function and calling function), the call and mode chosen by the seed (printed;
-//       random when not given).
+//       random when not given). A call at the store boundary is failed (once, from) once
+//       with each of the store errors (with --sites: one of them, turning with the seed);
+//       --store-only sweeps only those calls.
 //       Exit 0 when every scenario passed (or passed by design); 1 when any lost data,
 //       left the conversion unfinished, crashed, hung, missed its kill point or could not
 //       reset the world; 2 on a usage error; 3 on a set-up error.
-//   nvfaults child --mode count|once|from|oom-from|kill --n N --out FILE
-//       One conversion under the hooks (used by sweep).
+//   nvfaults child --mode count|once|from|oom-from|kill --n N [--store-error E] --out FILE
+//       One conversion under the hooks (used by sweep); a failed store call returns E
+//       (default E_FAIL).
 //   nvfaults recover --conversion 1.0|2.0 --out FILE
 //       The installer's recovery after a faulted run (used by sweep).
 #include <windows.h>
@@ -45,6 +49,7 @@
 #include "fault_hooks.h"
 #include "fault_world.h"
 #include "pe_image.h"
+#include "store_boundary.h"
 #include "support/dll_loader.h"
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
@@ -124,6 +129,8 @@ int Child(const std::map<std::string, std::string>& o)
     if (!o.count("mode") || !ParseMode(o.at("mode"), &settings.mode) || !o.count("out"))
         return kExitUsage;
     settings.n = o.count("n") ? std::stoull(o.at("n")) : 0;
+    if (o.count("store-error") && !ParseStoreError(o.at("store-error"), &settings.storeError))
+        return kExitUsage;
     const std::wstring out = nvtest::Widen(o.at("out"));
     settings.killRecordPath = out;
     // The installer's thread: COM initialised, apartment threaded.
@@ -158,7 +165,8 @@ int Child(const std::map<std::string, std::string>& o)
         return kExitSetup;
     }
     std::string text = "result " + HexCode(static_cast<DWORD>(hr)) + "\ncalls " + std::to_string(CallCount()) +
-                       "\nfailed " + std::to_string(FailedCount()) + "\n";
+                       "\nfailed " + std::to_string(FailedCount()) + "\nstore objects left " +
+                       std::to_string(LiveStoreWrappers()) + "\n";
     for (const CallRecord& r : Records())
         text += FormatRecord(r) + "\n";
     // The last line: without it the sweep knows the file is not this run's whole answer.
@@ -347,6 +355,13 @@ ChildOutcome RunChild(const std::wstring& args, const std::wstring& out)
     return c;
 }
 
+// The tally's name of a mode: "once", or "once/RPC_E_DISCONNECTED" for a store call
+// failed with that error.
+std::string ModeLabel(Mode mode, const std::string& storeError)
+{
+    return storeError.empty() ? std::string(ModeName(mode)) : std::string(ModeName(mode)) + "/" + storeError;
+}
+
 // A scenario's verdict. Only "passed" and "by-design" let a sweep succeed.
 enum class Verdict { Passed, ByDesign, Lost, Unfinished, Crashed, Hung, NotReached, ResetFailed };
 
@@ -374,35 +389,69 @@ struct Totals {
 
 // What the library leaves out by design under the default policy, each with the step
 // of the conversion that does it. A failed call excuses at most what that one call
-// could cost: each rule counts the failed calls it applies to, and each counts for one
-// secret (or one password) of one user.
+// could cost: each rule counts the failed calls it applies to, and each of those
+// covers one piece of the kinds the rule names (a password and its authentication
+// are one piece), or, for a rule about a whole part of the store, what one user lacks.
 struct Excuse {
     const char* name;
     const char* step;
-    bool passwordOnly;
+    bool secrets;          // a secret or the password
+    bool passwordOnly;     // the password only
+    const char* record;    // a part of the user record ("payload", "registration"), or null
+    bool wholeUser;        // every missing piece of one user
 };
 
 const Excuse kSealing{"secret-left-out-when-sealing-fails",
-                      "secrets part: a secret whose sealing with the user's public key fails is left out", false};
+                      "secrets part: a secret whose sealing with the user's public key fails is left out",
+                      true, false, nullptr, false};
 const Excuse kStoring{"secret-left-out-when-put-fails",
                       "secrets part: PutSecret's result is not looked at; a secret the store refuses is left out",
-                      false};
+                      true, false, nullptr, false};
 const Excuse kFieldEnumeration{"field-enumeration-unchecked",
                                "secret loading: a field whose enumeration fails is skipped, its secret not loaded",
-                               false};
+                               true, false, nullptr, false};
+const Excuse kPasswordUnpacking{"password-left-empty-when-unpacking-fails",
+                                "password: a password secret that does not unpack (a verdict on its data) leaves the "
+                                "password empty",
+                                true, true, nullptr, false};
+const Excuse kEnrolment{"password-not-enrolled-when-the-service-fails",
+                        "password: the authentication service's answers are not looked at; a password it does not "
+                        "take does not authenticate",
+                        true, true, nullptr, false};
+const Excuse kPayload{"payload-left-out-when-put-fails",
+                      "payload part: PutPayload's result is not looked at", false, false, "payload", false};
+const Excuse kRegistration{"registration-left-out-when-the-registry-fails",
+                           "registration: CheckUser's and AddUser's results are not looked at", false, false,
+                           "registration", false};
+const Excuse kStoreInterface{"part-left-out-when-a-store-interface-is-missing",
+                             "store parts: a user object that does not give one of its interfaces (secrets, "
+                             "templates, payload) is converted without that part",
+                             false, false, nullptr, true};
 // What a scenario may leave behind by design besides lost pieces.
 const Excuse kBackupUnnamed{"backup-key-unnamed-when-its-name-is-not-stored",
                             "Backup: the \"Backup\" value is written after the copy and its result is not looked "
                             "at; the conversion goes on and its Cleanup finds no name, so the copy stays",
-                            false};
+                            false, false, nullptr, false};
 const Excuse kBackup10OutOfView{"finished-1.0-backup-outside-cleanup-view",
                                 "Cleanup after the 1.0 step: once \"Version\" reads 2.0 the library looks for "
                                 "DB-v1.0 in the 64-bit view, and the 1.0 backup in the 32-bit view stays",
-                                false};
-const Excuse kPasswordUnpacking{"password-left-empty-when-unpacking-fails",
-                                "password: a password secret that does not unpack (a verdict on its data) leaves the "
-                                "password empty",
-                                true};
+                                false, false, nullptr, false};
+const Excuse* const kExcuses[] = {&kSealing,     &kStoring,       &kFieldEnumeration, &kPasswordUnpacking,
+                                  &kEnrolment,   &kPayload,       &kRegistration,     &kStoreInterface,
+                                  &kBackupUnnamed, &kBackup10OutOfView};
+
+bool Covers(const Excuse& e, const Piece& p)
+{
+    if (e.wholeUser)
+        return !(p.kind == Piece::Record && p.name.empty()); // not the user record itself
+    if (p.kind == Piece::Password)
+        return e.secrets;
+    if (p.kind == Piece::Secret)
+        return e.secrets && !e.passwordOnly;
+    if (p.kind == Piece::Record)
+        return e.record && p.name == e.record;
+    return false;
+}
 
 struct Sweep {
     World* world;
@@ -416,6 +465,8 @@ struct Sweep {
     std::wstring cleanVersion;
     // Every scenario that did not pass (or pass by design): each fails the sweep.
     std::vector<std::string> failLines;
+    // The store error of the scenario being judged ("" when its call is not a store call).
+    std::string m_storeError;
     // A process of the sweep could not be started: the sweep stops.
     bool harnessFailed = false;
 
@@ -439,8 +490,21 @@ struct Sweep {
     {
         if (InFrames(r, "EncryptEx"))
             return &kSealing;
-        if (r.function.rfind("store!", 0) == 0 && r.function.find("::PutSecret") != std::string::npos)
-            return &kStoring;
+        if (IsStoreCall(r.function)) {
+            const std::string& f = r.function;
+            auto has = [&](const char* part) { return f.find(part) != std::string::npos; };
+            if (has("::PutSecret"))
+                return &kStoring;
+            if (has("IAuthService::"))
+                return &kEnrolment;
+            if (has("::PutPayload"))
+                return &kPayload;
+            if (has("IUserRegistry::CheckUser") || has("IUserRegistry::AddUser"))
+                return &kRegistration;
+            if (has("::QueryInterface") || has("::CreateInstance"))
+                return &kStoreInterface;
+            return nullptr;
+        }
         if (r.function == "advapi32.dll!RegEnumValueW" && InFrames(r, "EnumFields"))
             return &kFieldEnumeration;
         // The password rule covers verdicts on the data only: a memory shortage in
@@ -450,29 +514,25 @@ struct Sweep {
         return nullptr;
     }
 
-    // Charges each missing secret or password of the final state to a failed call
-    // whose rule covers it (under the default policy only); returns what no failed
-    // call covers.
+    // Charges each missing piece of the final state to a failed call whose rule covers
+    // it (under the default policy only); returns what no failed call covers.
     std::vector<Piece> ChargeToFailedCalls(const UserFinding& u, std::map<const Excuse*, unsigned>* budget,
                                            std::set<std::string>* design, Totals* t) const
     {
+        if (policy != Policy::Default)
+            return u.missing;
         std::vector<Piece> left;
         const Excuse* passwordRule = nullptr;
         for (const Piece& p : u.missing) {
-            if (policy != Policy::Default || (p.kind != Piece::Secret && p.kind != Piece::Password)) {
-                left.push_back(p);
-                continue;
-            }
             // The password secret and its authentication are one password.
             if (p.kind == Piece::Password && passwordRule)
                 continue;
             const Excuse* used = nullptr;
-            // A password goes to the password rule first, so that the others stay for
-            // secrets.
-            for (bool passwordPass : {true, false})
+            // The narrowest rule first, so that the broader ones stay for other pieces.
+            for (int pass = 0; pass < 2 && !used; ++pass)
                 for (auto& [rule, count] : *budget)
-                    if (!used && count > 0 && rule->passwordOnly == passwordPass &&
-                        (!rule->passwordOnly || p.kind == Piece::Password)) {
+                    if (!used && count > 0 && !rule->wholeUser && rule->passwordOnly == (pass == 0) &&
+                        Covers(*rule, p)) {
                         used = rule;
                         --count;
                     }
@@ -485,6 +545,17 @@ struct Sweep {
             if (p.kind == Piece::Password)
                 passwordRule = used;
         }
+        // What is left of one user may be one missing store interface's part.
+        if (!left.empty())
+            for (auto& [rule, count] : *budget)
+                if (rule->wholeUser && count > 0 &&
+                    std::all_of(left.begin(), left.end(), [&](const Piece& p) { return Covers(*rule, p); })) {
+                    --count;
+                    design->insert(rule->name);
+                    t->designPieces[rule->name] += static_cast<unsigned>(left.size());
+                    left.clear();
+                    break;
+                }
         return left;
     }
 
@@ -499,19 +570,23 @@ struct Sweep {
         return s;
     }
 
-    void Scenario(Mode mode, std::uint64_t n, const CallRecord& planned)
+    // storeError: the error a failed store call returns ("" for a call that is not
+    // one); it is tallied with the mode and ends the report line.
+    void Scenario(Mode mode, std::uint64_t n, const CallRecord& planned, const std::string& storeError)
     {
         std::string error;
-        Totals& t = totals[ModeName(mode)];
+        m_storeError = storeError;
+        Totals& t = totals[ModeLabel(mode, storeError)];
         ++t.scenarios;
         if (!world->Reset(policy, &error)) {
             ++t.verdicts[Verdict::ResetFailed];
             Record(mode, n, planned, planned, Verdict::ResetFailed, {}, {"reset failed: " + error}, "");
             return;
         }
-        const ChildOutcome run = RunChild(L"child --mode " + nvtest::Widen(ModeName(mode)) + L" --n " +
-                                              std::to_wstring(n),
-                                          tempDir + L"run.txt");
+        const ChildOutcome run =
+            RunChild(L"child --mode " + nvtest::Widen(ModeName(mode)) + L" --n " + std::to_wstring(n) +
+                         (storeError.empty() ? L"" : L" --store-error " + nvtest::Widen(storeError)),
+                     tempDir + L"run.txt");
         const Inspection afterRun = world->Inspect();
         const std::wstring recoveryOut = tempDir + L"recovery.txt";
         DeleteFileW(recoveryOut.c_str());
@@ -668,7 +743,7 @@ struct Sweep {
         const std::string line = std::string(ConversionName(conversion)) + "\t" + PolicyName(policy) + "\t" +
                                  ModeName(mode) + "\t" + std::to_string(n) + "\t" + planned.function + "\t" +
                                  Frames(where) + "\t" + VerdictName(verdict) + "\t" + designText + "\t" +
-                                 problemText + "\t" + notes;
+                                 problemText + "\t" + notes + "\t" + (m_storeError.empty() ? "-" : m_storeError);
         if (report) {
             std::fprintf(report, "%s\n", line.c_str());
             std::fflush(report);
@@ -779,6 +854,25 @@ int SweepCommand(const std::map<std::string, std::string>& o)
     const std::uint64_t rangeFrom = o.count("from") ? std::stoull(o.at("from")) : 1;
     const std::uint64_t rangeTo = o.count("to") ? std::stoull(o.at("to")) : UINT64_MAX;
     const bool sampleSites = o.count("sites") != 0;
+    const bool storeOnly = o.count("store-only") != 0;
+    std::vector<std::string> storeErrors;
+    {
+        std::istringstream list(o.count("store-errors") ? o.at("store-errors")
+                                                        : "E_OUTOFMEMORY,RPC_E_DISCONNECTED,E_FAIL");
+        std::string item;
+        HRESULT hr;
+        while (std::getline(list, item, ',')) {
+            if (!ParseStoreError(item, &hr)) {
+                std::fprintf(stderr, "nvfaults: unknown store error %s\n", item.c_str());
+                return kExitUsage;
+            }
+            storeErrors.push_back(item);
+        }
+        if (storeErrors.empty()) {
+            std::fprintf(stderr, "nvfaults: --store-errors names no error\n");
+            return kExitUsage;
+        }
+    }
     const std::uint64_t seed = o.count("seed") ? std::stoull(o.at("seed"))
                                                : (GetTickCount64() ^ (static_cast<std::uint64_t>(GetCurrentProcessId()) << 20)) % 1000000;
 
@@ -863,9 +957,29 @@ int SweepCommand(const std::map<std::string, std::string>& o)
         std::printf(")\n");
         std::fflush(stdout);
 
-        std::vector<std::pair<Mode, std::uint64_t>> planned;
+        struct Planned {
+            Mode mode;
+            std::uint64_t n;
+            std::string storeError;
+        };
+        std::vector<Planned> planned;
+        // A store call fails (once, from) with each store error; "oom-from" fails
+        // allocations and a kill returns nothing, so those run once. Sampling takes one
+        // of the errors, turning with the seed.
+        auto plan = [&](Mode mode, std::uint64_t n, bool oneError) {
+            if (storeOnly && !IsStoreCall(clean.records[n - 1].function))
+                return;
+            if (!IsStoreCall(clean.records[n - 1].function) || (mode != Mode::Once && mode != Mode::From))
+                planned.push_back({mode, n, ""});
+            else if (oneError)
+                planned.push_back({mode, n, storeErrors[(seed + n) % storeErrors.size()]});
+            else
+                for (const std::string& e : storeErrors)
+                    planned.push_back({mode, n, e});
+        };
         if (sampleSites) {
-            planned = SampleSites(clean.records, sweep.symbols, modes, seed);
+            for (const auto& [mode, n] : SampleSites(clean.records, sweep.symbols, modes, seed))
+                plan(mode, n, true);
             std::printf("  every call site in every mode that applies: %zu scenarios, seed %llu (the same "
                         "scenarios again: --sites --seed %llu)\n",
                         planned.size(), static_cast<unsigned long long>(seed), static_cast<unsigned long long>(seed));
@@ -875,19 +989,28 @@ int SweepCommand(const std::map<std::string, std::string>& o)
                 for (std::uint64_t n : numbers)
                     if (n >= rangeFrom && n <= rangeTo && n <= clean.records.size() &&
                         Applies(mode, clean.records[n - 1]))
-                        planned.emplace_back(mode, n);
+                        plan(mode, n, false);
         }
         std::fflush(stdout);
         const auto sweepStarted = std::chrono::steady_clock::now();
         for (size_t i = 0; i < planned.size() && !sweep.harnessFailed; ++i) {
-            sweep.Scenario(planned[i].first, planned[i].second, clean.records[planned[i].second - 1]);
+            sweep.Scenario(planned[i].mode, planned[i].n, clean.records[planned[i].n - 1], planned[i].storeError);
             if ((i + 1) % 100 == 0 || i + 1 == planned.size())
-                Progress(i + 1, planned.size(), planned[i].first, planned[i].second, sweepStarted);
+                Progress(i + 1, planned.size(), planned[i].mode, planned[i].n, sweepStarted);
         }
 
+        std::vector<std::string> labels;
         for (Mode mode : modes) {
-            const Totals& t = sweep.totals[ModeName(mode)];
-            std::printf("  %-8s %u scenarios:", ModeName(mode), t.scenarios);
+            // A tally line for each mode that ran: plain, and per store error.
+            if (sweep.totals.count(ModeName(mode)) || !storeOnly)
+                labels.push_back(ModeName(mode));
+            for (const std::string& e : storeErrors)
+                if (sweep.totals.count(ModeLabel(mode, e)))
+                    labels.push_back(ModeLabel(mode, e));
+        }
+        for (const std::string& label : labels) {
+            const Totals& t = sweep.totals[label];
+            std::printf("  %-8s %u scenarios:", label.c_str(), t.scenarios);
             bool firstVerdict = true;
             for (Verdict v : {Verdict::Passed, Verdict::ByDesign, Verdict::Lost, Verdict::Unfinished,
                               Verdict::Crashed, Verdict::Hung, Verdict::NotReached, Verdict::ResetFailed}) {
@@ -905,8 +1028,7 @@ int SweepCommand(const std::map<std::string, std::string>& o)
                 std::printf("        by design %-40s %u scenarios", name.c_str(), count);
                 if (pieces != t.designPieces.end())
                     std::printf(", %u pieces", pieces->second);
-                for (const Excuse* e : {&kSealing, &kStoring, &kFieldEnumeration, &kPasswordUnpacking,
-                                        &kBackupUnnamed, &kBackup10OutOfView})
+                for (const Excuse* e : kExcuses)
                     if (name == e->name)
                         std::printf(" (%s)", e->step);
                 std::printf("\n");
@@ -940,7 +1062,8 @@ void Usage()
                  "usage: nvfaults sweep --conversion 1.0|2.0 [--policy default|strict|both]\n"
                  "                      [--modes once,from,oom-from,kill] [--first N] [--stride S] [--from N]\n"
                  "                      [--to N] [--sites [--seed S]] [--report FILE]\n"
-                 "       nvfaults child --mode count|once|from|oom-from|kill --n N --out FILE\n"
+                 "                      [--store-errors E_OUTOFMEMORY,RPC_E_DISCONNECTED,E_FAIL] [--store-only]\n"
+                 "       nvfaults child --mode count|once|from|oom-from|kill --n N [--store-error E] --out FILE\n"
                  "       nvfaults recover --conversion 1.0|2.0 --out FILE\n"
                  );
 }
