@@ -199,6 +199,52 @@ TEST_F(NvdbconvFinishedTest, ALayout30DatabaseIsConvertedWhateverVersionReads)
     }
 }
 
+// A run interrupted inside Cleanup leaves a finished database with its backup key and
+// "Backup" naming it, or with "Backup" naming a key already deleted. convert removes
+// what is left (Cleanup; or the dangling value), and a second convert changes nothing.
+// A foreign "Backup" stays as it is.
+TEST_F(NvdbconvFinishedTest, ConvertOfAFinishedDatabaseRemovesWhatAnInterruptedRunLeft)
+{
+    ContainerJanitor containers;
+    Write20(containers, 2);
+    ASSERT_EQ(0u, Nvdbconv(L"upgrade").exitCode);
+    const Suite finished = SnapshotSuite();
+
+    // The backup key and its name, as Cleanup found them before it was interrupted.
+    SetString(L"SOFTWARE\\Norvane\\DB-v2.0\\Data\\Users\\{00000000-0000-0000-0000-000000000001}", L"Kept",
+              L"old", kView64);
+    SetString(kDb, L"Backup", L"SOFTWARE\\Norvane\\DB-v2.0", kView32);
+    ToolRun run = Nvdbconv(L"convert");
+    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    EXPECT_TRUE(Contains(run.out, Row("state", kAlreadyConverted + "; Convert not called"))) << run.out;
+    EXPECT_TRUE(Contains(run.out, Row("left over", "backup key HKLM\\SOFTWARE\\Norvane\\DB-v2.0 of an interrupted "
+                                                   "run: Cleanup " + nvdbconv::DescribeResult(S_OK, "Cleanup"))))
+        << run.out;
+    EXPECT_FALSE(KeyExists(kBackup20, kView64));
+    ExpectSuiteUnchanged(finished, __LINE__);
+    run = Nvdbconv(L"convert");
+    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    EXPECT_FALSE(Contains(run.out, "left over")) << run.out;
+    ExpectSuiteUnchanged(finished, __LINE__);
+
+    // "Backup" naming a key that is gone: only the value goes.
+    SetString(kDb, L"Backup", L"SOFTWARE\\Norvane\\DB-v2.0", kView32);
+    run = Nvdbconv(L"--json convert");
+    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    const JsonValue doc = Json(run);
+    EXPECT_TRUE(doc["leftoverBackupValueRemoved"]["ok"].Bool()) << run.out;
+    EXPECT_EQ("0x00000000", doc["leftoverBackupValueRemoved"]["hr"].Text()) << run.out;
+    ExpectSuiteUnchanged(finished, __LINE__);
+
+    // A foreign one is not ours to touch.
+    SetString(kDb, L"Backup", L"SOFTWARE\\Elsewhere", kView32);
+    const Suite planted = SnapshotSuite();
+    run = Nvdbconv(L"convert");
+    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    EXPECT_FALSE(Contains(run.out, "left over")) << run.out;
+    ExpectSuiteUnchanged(planted, __LINE__);
+}
+
 // A 2.0 database with users still under Data\Users is not finished: convert runs.
 TEST_F(NvdbconvFinishedTest, A20DatabaseWithUsersLeftIsStillConverted)
 {

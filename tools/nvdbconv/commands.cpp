@@ -437,6 +437,47 @@ int Status(Printer& out, CLibraryHost& host)
     return Finish(out, SUCCEEDED(l.load) && SUCCEEDED(l.version) ? kExitOk : kExitFailed);
 }
 
+// A finished database may still carry what an interrupted run left: a backup key with
+// "Backup" naming it (the run stopped inside Cleanup), or "Backup" naming a key that is
+// gone (it stopped between deleting the key and the value). Cleanup removes the first;
+// the second only the value, since Cleanup fails on the missing key and nothing can be
+// restored from it. A foreign "Backup", or a key only in the other view (a 1.0 backup,
+// which "status" explains), is left alone. Returns the exit code.
+int TidyFinishedDatabase(Printer& out, const DatabaseState& before, const Loaded& l, CLibraryHost& host)
+{
+    if (!before.backupValue || before.backupValue->empty() || before.backupForeign)
+        return kExitOk;
+    const wchar_t* path = before.backupValue->c_str();
+    const REGSAM view = BackupViewFor(l.current);
+    const REGSAM other = view == kBackup10View ? kBackup20View : kBackup10View;
+    if (KeyExists(path, view)) {
+        const HRESULT hr = host.Cleanup();
+        out.Row("left over", "backup key HKLM\\" + U8(*before.backupValue) + " of an interrupted run: Cleanup " +
+                                 DescribeResult(hr, "Cleanup"));
+        out.json.Key("leftoverCleanup");
+        WriteResult(out.json, hr, "Cleanup");
+        if (FAILED(hr))
+            out.Problem("Cleanup of the left-over backup failed: " + DescribeResult(hr));
+        return SUCCEEDED(hr) ? kExitOk : kExitFailed;
+    }
+    if (KeyExists(path, other))
+        return kExitOk;
+    HKEY db = nullptr;
+    LSTATUS r = ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kDatabasePath, 0, KEY_SET_VALUE | kDatabaseView, &db);
+    if (r == ERROR_SUCCESS) {
+        r = ::RegDeleteValueW(db, kBackupValueName);
+        ::RegCloseKey(db);
+    }
+    const HRESULT hr = HRESULT_FROM_WIN32(r);
+    out.Row("left over", "\"Backup\" named HKLM\\" + U8(*before.backupValue) +
+                             ", which no longer exists: value removed " + DescribeResult(hr));
+    out.json.Key("leftoverBackupValueRemoved");
+    WriteResult(out.json, hr);
+    if (FAILED(hr))
+        out.Problem("removing \"Backup\" failed: " + DescribeResult(hr));
+    return SUCCEEDED(hr) ? kExitOk : kExitFailed;
+}
+
 int Convert(const Options& o, Printer& out, CLibraryHost& host)
 {
     Header(out, "convert");
@@ -452,7 +493,7 @@ int Convert(const Options& o, Printer& out, CLibraryHost& host)
     out.json.Field("alreadyConverted", before.layout30);
     if (before.layout30) {
         out.Row("state", AlreadyConvertedText() + "; Convert not called");
-        return Finish(out, kExitOk);
+        return Finish(out, TidyFinishedDatabase(out, before, l, host));
     }
 
     // A 2.0 conversion moves users out of Data\Users one by one: show how far it is.
