@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "converter3/conversion_policy.h"
+#include "frame/dblayout.h"
 #include "nvstore_inspect.h"
 #include "support/conversion_fixture.h"
 #include "writer/host_provisioning.h"
@@ -245,6 +246,7 @@ Inspection World::Inspect() const
     const wchar_t* ownBackup = m_conversion == Conversion::From10 ? kBackup10Path : kBackup20Path;
     out.backupKeyLeft = KeyExists(ownBackup, kView32) || KeyExists(ownBackup, kView64);
     GetString(kDbPath, L"Version", kView32, &out.version);
+    out.layout30 = nvframe::IsDatabaseLayout30();
 
     if (m_conversion == Conversion::From10) {
         RegTree now = Snapshot(kDbPath, kView32);

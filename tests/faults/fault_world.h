@@ -55,6 +55,7 @@ struct Inspection {
     bool backupKey = false;         // the key it names, in the converter's view
     bool backupKeyLeft = false;     // a backup key of this conversion, in either view
     std::wstring version;           // "Version" of the database ("" when missing)
+    bool layout30 = false;          // 2.0: no Data and no MainDB under the database key
     std::string Summary() const;    // one line: where the data is
 };
 

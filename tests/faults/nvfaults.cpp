@@ -436,7 +436,12 @@ const Excuse kBackup10OutOfView{"finished-1.0-backup-outside-cleanup-view",
                                 "Cleanup after the 1.0 step: once \"Version\" reads 2.0 the library looks for "
                                 "DB-v1.0 in the 64-bit view, and the 1.0 backup in the 32-bit view stays",
                                 false, false, nullptr, false};
-const Excuse* const kExcuses[] = {&kSealing,     &kStoring,       &kFieldEnumeration, &kPasswordUnpacking,
+const Excuse kOldDatabaseLeft{"old-database-left-when-its-delete-fails",
+                              "Cleanup of the 3.0 step: the old database is deleted only while Data\\Users "
+                              "opens empty, and no failure is reported; a delete that failed after Data\\Users "
+                              "went leaves the rest of Data and MainDB, without any user key",
+                              false, false, nullptr, false};
+const Excuse* const kExcuses[] = {&kOldDatabaseLeft, &kSealing,     &kStoring,       &kFieldEnumeration, &kPasswordUnpacking,
                                   &kEnrolment,   &kPayload,       &kRegistration,     &kStoreInterface,
                                   &kBackupUnnamed, &kBackup10OutOfView};
 
@@ -689,6 +694,23 @@ struct Sweep {
                     unfinished = true;
                     problems.push_back("old user key left: " + u.user);
                 }
+            if (!after.layout30) {
+                // The conversion's Cleanup deletes the old database only while Data\Users
+                // opens empty, and reports none of its failures: once a failed delete
+                // took Data\Users with it, no later Cleanup deletes the rest.
+                bool inOldDatabaseDelete = false;
+                for (const CallRecord& r : run.records)
+                    inOldDatabaseDelete |= InFrames(r, "CConverter3::do_Cleanup");
+                bool userKeyLeft = false;
+                for (const UserFinding& u : after.users)
+                    userKeyLeft |= u.oldKey;
+                if (inOldDatabaseDelete && !userKeyLeft) {
+                    design.insert(kOldDatabaseLeft.name);
+                } else {
+                    unfinished = true;
+                    problems.push_back("the old database is still there at the end (Data or MainDB)");
+                }
+            }
             if (after.version != cleanVersion) {
                 unfinished = true;
                 problems.push_back("\"Version\" reads " + nvtest::Narrow(after.version) + ", the clean run leaves " +
@@ -936,6 +958,8 @@ int SweepCommand(const std::map<std::string, std::string>& o)
                              (conversion == Conversion::From10 ? cleanState.converted10 : true);
         for (const UserFinding& u : cleanState.users)
             cleanComplete &= u.inStore && !u.inDatabase && !u.oldKey;
+        if (conversion == Conversion::From20)
+            cleanComplete &= cleanState.layout30;
         sweep.cleanVersion = cleanState.version;
         if (!cleanComplete) {
             std::fprintf(stderr, "nvfaults: the clean conversion did not move everything: %s\n",
