@@ -245,6 +245,31 @@ TEST_F(NvdbconvFinishedTest, ConvertOfAFinishedDatabaseRemovesWhatAnInterruptedR
     ExpectSuiteUnchanged(planted, __LINE__);
 }
 
+// A clean-up cut short after Data\Users went leaves the rest of the old database:
+// Convert would make a backup and fail on the missing key. convert calls nothing,
+// exits 0 and changes nothing.
+TEST_F(NvdbconvFinishedTest, A2xDatabaseWithoutDataUsersIsNotConvertedAgain)
+{
+    ContainerJanitor containers;
+    Write20(containers, 2);
+    ASSERT_EQ(0u, Nvdbconv(L"upgrade").exitCode);
+    SetString(L"SOFTWARE\\Norvane\\DB\\Data\\Other", L"Left", L"over", kView32);
+    SetString(kMainDb, L"Left", L"over", kView32);
+    const Suite before = SnapshotSuite();
+
+    for (int run = 0; run < 2; ++run) {
+        const ToolRun convert = Nvdbconv(L"convert");
+        EXPECT_EQ(0u, convert.exitCode) << convert.out << convert.err;
+        EXPECT_TRUE(Contains(convert.out, Row("state", "no Data\\Users: every user was moved, the rest of the old "
+                                                       "database is what an interrupted clean-up left; Convert not "
+                                                       "called")))
+            << convert.out;
+        EXPECT_FALSE(Contains(convert.out, "  Convert ")) << convert.out;
+        ExpectSuiteUnchanged(before, __LINE__);
+    }
+    EXPECT_FALSE(KeyExists(kBackup20, kView64));
+}
+
 // A 2.0 database with users still under Data\Users is not finished: convert runs.
 TEST_F(NvdbconvFinishedTest, A20DatabaseWithUsersLeftIsStillConverted)
 {

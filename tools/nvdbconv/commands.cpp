@@ -495,6 +495,15 @@ int Convert(const Options& o, Printer& out, CLibraryHost& host)
         out.Row("state", AlreadyConvertedText() + "; Convert not called");
         return Finish(out, TidyFinishedDatabase(out, before, l, host));
     }
+    // A 2.x database without Data\Users: every user was moved and a clean-up that was
+    // cut short took Data\Users with it. Convert would back it up and fail on the
+    // missing key; the library's Cleanup deletes the rest only while Data\Users opens.
+    if (LayoutOf(before) == "2.0" && !before.usersKey && (l.current >> 16) == 2 && l.target != 0) {
+        out.json.Field("usersMoved", true);
+        out.Row("state", "no Data\\Users: every user was moved, the rest of the old database is what an "
+                         "interrupted clean-up left; Convert not called");
+        return Finish(out, TidyFinishedDatabase(out, before, l, host));
+    }
 
     // A 2.0 conversion moves users out of Data\Users one by one: show how far it is.
     const bool movesUsers = (l.current >> 16) == 2 && l.target != 0;
