@@ -90,23 +90,10 @@ std::string Joined(const std::vector<std::string>& lines)
 // script's own CoInitializeEx answers S_FALSE and is balanced all the same.
 const char kComLine[] = "CoInitializeEx = 0x00000001";
 
-constexpr const wchar_t kNorvane[] = L"SOFTWARE\\Norvane";
 constexpr const wchar_t kPolicy[] = L"SOFTWARE\\Norvane\\Policies\\Default";
 
 // Everything the suite keeps, both views. The installer writes the policy value on
 // every run; a test that compares sets it first.
-struct Suite {
-    RegTree v32, v64;
-};
-Suite SnapshotSuite() { return {Snapshot(kNorvane, kView32), Snapshot(kNorvane, kView64)}; }
-
-void ExpectSuiteUnchanged(const Suite& before)
-{
-    const Suite after = SnapshotSuite();
-    EXPECT_TRUE(before.v32 == after.v32) << "32-bit view:\n" << DiffTrees(before.v32, after.v32);
-    EXPECT_TRUE(before.v64 == after.v64) << "64-bit view:\n" << DiffTrees(before.v64, after.v64);
-}
-
 nvwriter::Db20Database Write20(ContainerJanitor& containers, unsigned users)
 {
     nvwriter::Db20Options options;
@@ -231,7 +218,7 @@ TEST_F(InstallerStoreTest, ASecondRunOnAConvertedMachineSucceedsAndChangesNothin
     std::wstring version;
     ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
     ASSERT_EQ(L"2.1", version);
-    const Suite before = SnapshotSuite();
+    const SuiteSnapshot before = SnapshotSuite();
 
     const InstallerRun run = RunInstaller();
     EXPECT_EQ(0u, run.exitCode) << Joined(run.log);
@@ -241,7 +228,7 @@ TEST_F(InstallerStoreTest, ASecondRunOnAConvertedMachineSucceedsAndChangesNothin
                   "outcome = already converted",
               }),
               run.log);
-    ExpectSuiteUnchanged(before);
+    ExpectSuiteUnchanged(before, __LINE__);
     EXPECT_FALSE(KeyExists(kBackup20, kView64));
 }
 
@@ -254,7 +241,7 @@ TEST_F(InstallerTest, ALayout30DatabaseIsConvertedWhateverVersionReads)
         SetString(kDb, L"Version", text, kView32);
         SetString(L"SOFTWARE\\Norvane\\DB\\Policies", L"Kept", L"yes", kView32);
         SetDword(kPolicy, L"StrictConversion", 1, kView64);
-        const Suite before = SnapshotSuite();
+        const SuiteSnapshot before = SnapshotSuite();
         const InstallerRun run = RunInstaller();
         EXPECT_EQ(0u, run.exitCode) << Joined(run.log);
         EXPECT_EQ((std::vector<std::string>{
@@ -263,7 +250,7 @@ TEST_F(InstallerTest, ALayout30DatabaseIsConvertedWhateverVersionReads)
                       "outcome = already converted",
                   }),
                   run.log);
-        ExpectSuiteUnchanged(before);
+        ExpectSuiteUnchanged(before, __LINE__);
     }
 }
 

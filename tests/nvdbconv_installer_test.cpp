@@ -24,7 +24,6 @@ using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kNorvane[] = L"SOFTWARE\\Norvane";
 constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
 constexpr const wchar_t kMainDb[] = L"SOFTWARE\\Norvane\\DB\\MainDB";
 constexpr const wchar_t kBackup20[] = L"SOFTWARE\\Norvane\\DB-v2.0";
@@ -99,19 +98,6 @@ void Write10(ContainerJanitor& containers, unsigned users20 = 0)
     ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
 }
 
-// Both views of everything the suite keeps.
-struct Suite {
-    RegTree v32, v64;
-};
-Suite SnapshotSuite() { return {Snapshot(kNorvane, kView32), Snapshot(kNorvane, kView64)}; }
-
-void ExpectSuiteUnchanged(const Suite& before, int line)
-{
-    const Suite after = SnapshotSuite();
-    EXPECT_TRUE(before.v32 == after.v32) << "line " << line << ", 32-bit view:\n" << DiffTrees(before.v32, after.v32);
-    EXPECT_TRUE(before.v64 == after.v64) << "line " << line << ", 64-bit view:\n" << DiffTrees(before.v64, after.v64);
-}
-
 const std::string kEmptyValueInMainDb =
     "HKLM\\SOFTWARE\\Norvane\\DB\\MainDB: value \"Blank\" is empty; the backup cannot copy empty values";
 
@@ -134,7 +120,7 @@ TEST_F(NvdbconvFinishedTest, ConvertAfterUpgradeSaysAlreadyConvertedAndChangesNo
     EXPECT_EQ(L"2.1", version);
     ASSERT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Data", kView32));
     ASSERT_FALSE(KeyExists(kMainDb, kView32));
-    const Suite before = SnapshotSuite();
+    const SuiteSnapshot before = SnapshotSuite();
 
     ToolRun run = Nvdbconv(L"convert");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
@@ -160,7 +146,7 @@ TEST_F(NvdbconvFinishedTest, UpgradeOfAConvertedDatabaseSaysSoAndChangesNothing)
     ContainerJanitor containers;
     Write20(containers, 3);
     ASSERT_EQ(0u, Nvdbconv(L"upgrade").exitCode);
-    const Suite before = SnapshotSuite();
+    const SuiteSnapshot before = SnapshotSuite();
 
     ToolRun run = Nvdbconv(L"upgrade");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
@@ -188,7 +174,7 @@ TEST_F(NvdbconvFinishedTest, ALayout30DatabaseIsConvertedWhateverVersionReads)
         ASSERT_TRUE(DeleteTree(kDb, kView32));
         SetString(kDb, L"Version", text, kView32);
         SetString(L"SOFTWARE\\Norvane\\DB\\Policies", L"Kept", L"yes", kView32);
-        const Suite before = SnapshotSuite();
+        const SuiteSnapshot before = SnapshotSuite();
         for (const wchar_t* command : {L"convert", L"upgrade"}) {
             const ToolRun run = Nvdbconv(command);
             EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
@@ -208,7 +194,7 @@ TEST_F(NvdbconvFinishedTest, ConvertOfAFinishedDatabaseRemovesWhatAnInterruptedR
     ContainerJanitor containers;
     Write20(containers, 2);
     ASSERT_EQ(0u, Nvdbconv(L"upgrade").exitCode);
-    const Suite finished = SnapshotSuite();
+    const SuiteSnapshot finished = SnapshotSuite();
 
     // The backup key and its name, as Cleanup found them before it was interrupted.
     SetString(L"SOFTWARE\\Norvane\\DB-v2.0\\Data\\Users\\{00000000-0000-0000-0000-000000000001}", L"Kept",
@@ -238,7 +224,7 @@ TEST_F(NvdbconvFinishedTest, ConvertOfAFinishedDatabaseRemovesWhatAnInterruptedR
 
     // A foreign one is not ours to touch.
     SetString(kDb, L"Backup", L"SOFTWARE\\Elsewhere", kView32);
-    const Suite planted = SnapshotSuite();
+    const SuiteSnapshot planted = SnapshotSuite();
     run = Nvdbconv(L"convert");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
     EXPECT_FALSE(Contains(run.out, "left over")) << run.out;
@@ -255,7 +241,7 @@ TEST_F(NvdbconvFinishedTest, A2xDatabaseWithoutDataUsersIsNotConvertedAgain)
     ASSERT_EQ(0u, Nvdbconv(L"upgrade").exitCode);
     SetString(L"SOFTWARE\\Norvane\\DB\\Data\\Other", L"Left", L"over", kView32);
     SetString(kMainDb, L"Left", L"over", kView32);
-    const Suite before = SnapshotSuite();
+    const SuiteSnapshot before = SnapshotSuite();
 
     for (int run = 0; run < 2; ++run) {
         const ToolRun convert = Nvdbconv(L"convert");
@@ -352,7 +338,7 @@ TEST_F(NvdbconvInstallerTest, CheckOfA10DatabaseJudgesOnlyTheStepTo20)
     ContainerJanitor containers;
     Write10(containers, 3);
     ASSERT_TRUE(DeleteTree(StoreClassKey().c_str(), kView64));
-    const Suite before = SnapshotSuite();
+    const SuiteSnapshot before = SnapshotSuite();
 
     ToolRun run = Nvdbconv(L"check");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
@@ -390,7 +376,7 @@ protected:
 
 TEST_F(NvdbconvEmptyValueTest, CheckNamesTheKeyAndTheValueAndExits4)
 {
-    const Suite before = SnapshotSuite();
+    const SuiteSnapshot before = SnapshotSuite();
     ToolRun run = Nvdbconv(L"check");
     EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
     EXPECT_TRUE(Contains(run.out, Row("backup", "would fail: " + kEmptyValueInMainDb))) << run.out;

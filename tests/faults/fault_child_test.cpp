@@ -4,6 +4,7 @@
 
 #include "fault_world.h"
 #include "nvstore_inspect.h"
+#include "support/dll_loader.h"
 
 namespace nvfaults {
 
@@ -48,6 +49,15 @@ void FaultChildTest::WriteFreshDatabase()
     nvstore::inspect::DeleteStoreKeyContainers();
     ASSERT_EQ(S_OK, nvwriter::WriteDb20Database(m_db));
     nvstore::inspect::SetUserKeyBits(512);
+}
+
+nvtest::ProcessRun FaultChildTest::Child(const std::wstring& args)
+{
+    nvtest::ProcessRun run = nvtest::RunProcess(nvtest::QuoteArg(nvtest::ExeDirectory() + L"nvfaults.exe") +
+                                                L" child " + args + L" --out " + nvtest::QuoteArg(m_calls));
+    EXPECT_TRUE(run.started);
+    EXPECT_FALSE(run.timedOut);
+    return run;
 }
 
 } // namespace nvfaults

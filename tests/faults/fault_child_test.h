@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "fault_hooks.h"
+#include "support/process_runner.h"
 #include "support/store_sandbox.h"
 #include "writer/db20_writer.h"
 
@@ -25,6 +26,8 @@ protected:
     void TearDown() override;
     // Wipes the suite's keys and the store's containers and writes the database.
     void WriteFreshDatabase();
+    // Runs "nvfaults child <args>" with the test's call file as its output.
+    nvtest::ProcessRun Child(const std::wstring& args);
 
     nvwriter::Db20Database m_db;
     std::wstring m_calls;

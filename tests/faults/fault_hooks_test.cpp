@@ -42,14 +42,6 @@ std::string ResultOf(const std::wstring& file)
 class FaultHooksTest : public nvfaults::FaultChildTest {
 protected:
     FaultHooksTest() : FaultChildTest(L"run-time") {}
-    ProcessRun Child(const std::wstring& args)
-    {
-        ProcessRun run = RunProcess(QuoteArg(ExeDirectory() + L"nvfaults.exe") + L" child " + args + L" --out " +
-                                    QuoteArg(m_calls));
-        EXPECT_TRUE(run.started);
-        EXPECT_FALSE(run.timedOut);
-        return run;
-    }
 };
 
 } // namespace

@@ -91,15 +91,6 @@ class StoreBoundaryTest : public nvfaults::FaultChildTest {
 protected:
     StoreBoundaryTest() : FaultChildTest(L"store-boundary") {}
 
-    ProcessRun Child(const std::wstring& args)
-    {
-        ProcessRun run = RunProcess(QuoteArg(ExeDirectory() + L"nvfaults.exe") + L" child " + args + L" --out " +
-                                    QuoteArg(m_calls));
-        EXPECT_TRUE(run.started);
-        EXPECT_FALSE(run.timedOut);
-        return run;
-    }
-
     // Writes the database and the policy (the strict policy makes calls of its own,
     // so a count and the run it plans must both have it).
     void WriteFreshWorld()

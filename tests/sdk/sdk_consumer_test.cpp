@@ -19,7 +19,6 @@ using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kNorvane[] = L"SOFTWARE\\Norvane";
 constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
 constexpr const wchar_t kData[] = L"SOFTWARE\\Norvane\\DB\\Data";
 constexpr const wchar_t kMainDb[] = L"SOFTWARE\\Norvane\\DB\\MainDB";
@@ -64,18 +63,6 @@ void Write10With20Users(ContainerJanitor& containers)
     containers.Track(nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options)).hostId);
     nvwriter::DbRecord record;
     ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
-}
-
-struct Suite {
-    RegTree v32, v64;
-};
-Suite SnapshotSuite() { return {Snapshot(kNorvane, kView32), Snapshot(kNorvane, kView64)}; }
-
-void ExpectSuiteUnchanged(const Suite& before, int line)
-{
-    const Suite after = SnapshotSuite();
-    EXPECT_TRUE(before.v32 == after.v32) << "line " << line << ", 32-bit view:\n" << DiffTrees(before.v32, after.v32);
-    EXPECT_TRUE(before.v64 == after.v64) << "line " << line << ", 64-bit view:\n" << DiffTrees(before.v64, after.v64);
 }
 
 // After the 1.0 -> 2.0 step: "Version" 2.0, the users' 2.0 records still there,
@@ -131,7 +118,7 @@ TEST_F(SdkConsumerTest, ConvertStepThroughTheImportLibraryTakes10To30OneRunPerSt
     ExpectFormat30(__LINE__);
 
     // A repair or re-install: the layout says converted, Convert is not called.
-    const Suite before = SnapshotSuite();
+    const SuiteSnapshot before = SnapshotSuite();
     run = Consumer(L"convert_step.exe");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
     EXPECT_EQ("converted: format 3.0\n", run.out);
@@ -150,7 +137,7 @@ TEST_F(SdkConsumerTest, UpgradeAllInCLoadsTheLibraryOncePerStepAndReaches30InOne
     EXPECT_EQ("", run.err);
     ExpectFormat30(__LINE__);
 
-    const Suite before = SnapshotSuite();
+    const SuiteSnapshot before = SnapshotSuite();
     run = Consumer(L"upgrade_all.exe", dll);
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
     EXPECT_EQ("converted: format 3.0\n", run.out);
@@ -159,7 +146,7 @@ TEST_F(SdkConsumerTest, UpgradeAllInCLoadsTheLibraryOncePerStepAndReaches30InOne
 
 TEST_F(SdkConsumerTest, UpgradeAllWithoutADatabaseHasNothingToConvertAndWritesNothing)
 {
-    const Suite before = SnapshotSuite();
+    const SuiteSnapshot before = SnapshotSuite();
     const ConsumerRun run = Consumer(L"upgrade_all.exe", QuoteArg(ConsumerDir() + L"NVDBConv.dll"));
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
     EXPECT_EQ("nothing to convert\n", run.out);

@@ -322,4 +322,16 @@ void SetDacl(const wchar_t* path, REGSAM view, const wchar_t* sddl)
     ::RegCloseKey(h);
 }
 
+SuiteSnapshot SnapshotSuite()
+{
+    return {Snapshot(L"SOFTWARE\\Norvane", kView32), Snapshot(L"SOFTWARE\\Norvane", kView64)};
+}
+
+void ExpectSuiteUnchanged(const SuiteSnapshot& before, int line)
+{
+    const SuiteSnapshot after = SnapshotSuite();
+    EXPECT_TRUE(before.v32 == after.v32) << "line " << line << ", 32-bit view:\n" << DiffTrees(before.v32, after.v32);
+    EXPECT_TRUE(before.v64 == after.v64) << "line " << line << ", 64-bit view:\n" << DiffTrees(before.v64, after.v64);
+}
+
 } // namespace nvtest

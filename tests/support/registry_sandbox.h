@@ -73,6 +73,14 @@ constexpr const wchar_t kAdministratorsOnlyEntries[] = L"(A;OICI;KA;;;SY)(A;OICI
 // Human-readable difference of two trees (empty when equal), for assertion messages.
 std::string DiffTrees(const RegTree& expected, const RegTree& actual);
 
+// Both views of everything the suite keeps (HKLM\SOFTWARE\Norvane).
+struct SuiteSnapshot {
+    RegTree v32, v64;
+};
+SuiteSnapshot SnapshotSuite();
+// Expects the suite's keys in both views as they were; line names the caller's line.
+void ExpectSuiteUnchanged(const SuiteSnapshot& before, int line = 0);
+
 std::string Narrow(const std::wstring& w);
 std::wstring Widen(const std::string& s);
 
