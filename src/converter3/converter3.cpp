@@ -133,6 +133,319 @@ private:
     std::wstring m_text;
 };
 
+// One user's conversion, in the order its steps run: load the secrets, recover the
+// password, get the user's public key from the store (enrolling the password when
+// the store has none), seal and store the secrets, store the templates, store the
+// payload and register the user; then the policy's verdict and the old key's
+// deletion. Each step returns what it produces; a failure is raised and the user
+// keeps its old key. What did not reach the store goes into the caller's record,
+// which outlives a raised failure.
+class CConverter3::CUserConversion {
+public:
+    // status is the previous user's: a user for whom neither the public key read nor
+    // a template records a result shows it.
+    CUserConversion(CConverter3& converter, LegacyNVDB2::CLocalDBUserExtractor& extractor,
+                    CStoreObjects& storeObjects, const NV_USER_RECORD& user, const std::wstring& sid,
+                    NVTraceNS::CTraceScope& scope, CMissingParts& missing, HRESULT status) noexcept
+        : m_converter(converter), m_extractor(extractor), m_storeObjects(storeObjects), m_user(user), m_sid(sid),
+          m_scope(scope), m_missing(missing), m_status(status)
+    {
+    }
+
+    // Runs every step and returns the user's status.
+    HRESULT Run()
+    {
+        NVTraceNS::Trace(m_scope, 0, "Conversion process began for '%ls'", m_sid.c_str());
+        LegacyNVDB2::CNVSecretMap secrets = LoadSecrets();
+        CNVTemplateVector templates;
+        nv::ThrowIfFailed(m_extractor.LoadTemplatesToVector(m_user.pSid, templates));
+
+        nv::com_ptr<IUserStore> store = m_storeObjects.Create<IUserStore>(nvstore::kIidUserStore);
+        nv::com_ptr<IUnknown> userObject;
+        nv::ThrowIfFailed(Require(store)->OpenUser(m_sid.c_str(), nvstore::kUserIdKindSid, userObject.put()));
+
+        const nv::unique_secure_bstr password = RecoverPassword(secrets);
+        // The payload outlives the secrets part: the payload step stores it.
+        nv::CCoTaskCryptBlob payload;
+        nv::com_ptr<IUserSecrets> userSecrets;
+        userObject.query(userSecrets);
+        if (userSecrets)
+            payload = StoreSecrets(userSecrets, secrets, password.get());
+        else
+            NoteSecretsWithoutStore(secrets);
+
+        nv::com_ptr<IUserTemplates> userTemplates;
+        userObject.query(userTemplates);
+        if (userTemplates) {
+            StoreTemplates(userTemplates.get(), templates);
+            StorePayloadAndRegister(userObject, payload);
+        } else {
+            // The payload and the registration hang off the templates step: without
+            // IUserTemplates the user is never registered, templates or not.
+            if (m_user.dwTemplateMask != 0)
+                m_missing.Add(WithCode(L"templates not stored, no IUserTemplates", L"", S_OK));
+            m_missing.Add(WithCode(L"payload not stored and user not registered, no IUserTemplates", L"", S_OK));
+        }
+        if (m_extractor.HasDroppedTemplates(m_user.pSid))
+            m_missing.Add(WithCode(L"templates of a further fingerprint entry dropped", L"", S_OK));
+
+        ApplyPolicy();
+        DeleteOldKey();
+        return m_status;
+    }
+
+private:
+    // The user's public key and what the password authentication gave.
+    struct UserKey {
+        nv::CCoTaskCryptBlob publicKey;
+        nv::CCoTaskCryptBlob payload;
+    };
+
+    LegacyNVDB2::CNVSecretMap LoadSecrets()
+    {
+        LegacyNVDB2::CNVSecretMap secrets;
+        HRESULT hrFieldEnum = S_OK;
+        nv::ThrowIfFailed(m_extractor.InternalLoadSecretsToMap(m_user, secrets, &hrFieldEnum));
+        if (FAILED(hrFieldEnum))
+            m_missing.Add(WithCode(L"fields not all listed", L"", hrFieldEnum));
+        for (const auto& entry : secrets) {
+            if (entry.second && entry.second->m_bLenient)
+                m_missing.Add(WithCode(L"secret malformed", static_cast<const wchar_t*>(entry.first), S_OK));
+        }
+        return secrets;
+    }
+
+    // The password, best effort: a missing or unreadable password secret leaves it
+    // empty. The PIN is not carried over.
+    nv::unique_secure_bstr RecoverPassword(LegacyNVDB2::CNVSecretMap& secrets)
+    {
+        nv::unique_secure_bstr password;
+        CNVSecretPtr passwordSecret = secrets[_bstr_t(nvconv3::g_wstrLegacyPasswordSecretName.c_str())];
+        if (!passwordSecret)
+            return password;
+        NVTraceNS::Trace(m_scope, 0, "Read password secret from old DB");
+        nv::unique_secure_bstr pin;
+        nv::CCoTaskCryptBlob content;
+        passwordSecret->GetContent(nullptr, &content.cbData, &content.pbData);
+        const HRESULT hrUnpack = UnpackPasswordAndPin(&content, password.put(), pin.put());
+        if (!IsDataVerdict(hrUnpack))
+            nv::ThrowHr(nv::IsOutOfMemoryCode(static_cast<DWORD>(hrUnpack)) ? E_OUTOFMEMORY : hrUnpack);
+        if (hrUnpack != S_OK)
+            m_missing.Add(WithCode(L"password secret not unpacked", L"", hrUnpack));
+        nvconv3::LogonInfoName();
+        return password;
+    }
+
+    // Seals every secret under the user's public key and hands it to the store.
+    // Returns the payload that the password authentication gave (empty without one).
+    nv::CCoTaskCryptBlob StoreSecrets(const nv::com_ptr<IUserSecrets>& userSecrets, LegacyNVDB2::CNVSecretMap& secrets,
+                                      const wchar_t* password)
+    {
+        CFPSecurityContext context(kDatabaseView);
+        // An owner of our own for as long as the user's keys live; declared before the
+        // keys so that they are destroyed first.
+        nv::unique_hcryptprov provider;
+        nv::ThrowIfFailed(context.ShareProvider(provider));
+        nv::com_ptr<IStoreService> authCreator = m_storeObjects.Create<IStoreService>(nvstore::kIidStoreService);
+        nv::com_ptr<IAuthService> auth;
+        if (authCreator)
+            authCreator.query(auth);
+
+        UserKey key = GetUserKey(userSecrets, auth.get(), password);
+        nv::unique_hcryptkey userKey;
+        nv::ThrowLastErrorIf(
+            !::CryptImportKey(provider.get(), key.publicKey.pbData, key.publicKey.cbData, 0, 0, userKey.put()));
+        SealAndStoreSecrets(userSecrets.get(), secrets, provider.get(), userKey.get(), password);
+        return std::move(key.payload);
+    }
+
+    // The user's public key as the store holds it. A user the store has none for is
+    // enrolled with the password first, which makes the key pair. The payload comes
+    // from authenticating with the password, when the store has an authentication
+    // service.
+    UserKey GetUserKey(const nv::com_ptr<IUserSecrets>& userSecrets, IAuthService* auth, const wchar_t* password)
+    {
+        UserKey key;
+        nv::com_ptr<IUserProperties> properties;
+        userSecrets.query(properties);
+        if (properties) {
+            m_status = properties->GetProperty(nvstore::kPropertyUserPublicKey, key.publicKey.put());
+            if (FAILED(m_status)) {
+                NVTraceNS::Trace(m_scope, 0, "Retrieve payload");
+                if (auth) {
+                    const nv::CCryptBlob authBlob = PasswordAuthBlob(password);
+                    nv::CCoTaskCryptBlob enrolExtra;
+                    nv::ThrowIfFailed(auth->EnrollAuthentication(nvstore::kAuthTypePassword, m_sid.c_str(),
+                                                                 nvstore::kUserIdKindSid, &key.payload, &authBlob,
+                                                                 enrolExtra.put()));
+                    key.payload = Authenticate(auth, authBlob);
+                    nv::ThrowIfFailed(properties->GetProperty(nvstore::kPropertyUserPublicKey, key.publicKey.put()));
+                }
+            }
+        }
+        if (key.publicKey.IsEmpty())
+            nv::ThrowHr(E_UNEXPECTED);
+
+        if (key.payload.IsEmpty() && auth) {
+            key.payload = Authenticate(auth, PasswordAuthBlob(password));
+        } else if (key.payload.IsEmpty()) {
+            // A user the store already had a key pair for, and no authentication
+            // service: the password never reaches the store.
+            m_missing.Add(WithCode(L"password not enrolled, no IAuthService", L"", S_OK));
+        }
+        return key;
+    }
+
+    static nv::CCryptBlob PasswordAuthBlob(const wchar_t* password)
+    {
+        CNVPasswordAuthInfo authInfo(nvstore::kPasswordAuthKind, password, password);
+        nv::CCryptBlob authBlob;
+        authInfo.Encode(authBlob);
+        return authBlob;
+    }
+
+    nv::CCoTaskCryptBlob Authenticate(IAuthService* auth, const nv::CCryptBlob& authBlob)
+    {
+        nv::CCoTaskCryptBlob payload;
+        DWORD dwFailed = 0;
+        nv::CCoTaskCryptBlob authExtra;
+        nv::ThrowIfFailed(auth->Authenticate(nvstore::kAuthTypePassword, m_sid.c_str(), nvstore::kUserIdKindSid,
+                                             &authBlob, payload.put(), &dwFailed, authExtra.put()));
+        return payload;
+    }
+
+    void SealAndStoreSecrets(IUserSecrets* userSecrets, LegacyNVDB2::CNVSecretMap& secrets, HCRYPTPROV hProv,
+                             HCRYPTKEY userKey, const wchar_t* password)
+    {
+        for (auto& entry : secrets) {
+            if (!entry.second)
+                continue;
+            nv::CCoTaskCryptBlob content;
+            entry.second->GetContent(nullptr, &content.cbData, &content.pbData);
+            if (content.IsEmpty())
+                continue;
+            nv::CCryptBlob blob(content.pbData, content.cbData);
+            const wchar_t* name = static_cast<const wchar_t*>(entry.first);
+            if (IsLegacyPasswordSecret(entry.first)) {
+                // An empty password gives no copy; packing then takes the empty one. A
+                // copy that cannot be made is a memory shortage, not an empty password:
+                // the user fails and keeps its old key.
+                nv::unique_secure_bstr copy(password ? ::SysAllocString(password) : nullptr);
+                if (password && !copy)
+                    nv::ThrowHr(E_OUTOFMEMORY);
+                PackPassword(copy.get(), blob);
+                copy.reset();
+                name = nvconv3::LogonInfoName().c_str();
+            }
+            // A secret that cannot be sealed is left out, and PutSecret's result is
+            // not looked at, unless the strict policy is in force.
+            const HRESULT hrSeal = EncryptEx(blob, hProv, userKey, CALG_3DES);
+            if (SUCCEEDED(hrSeal)) {
+                const HRESULT hrPut = userSecrets->PutSecret(name ? name : L"", &blob);
+                if (FAILED(hrPut))
+                    m_missing.Add(WithCode(L"secret not stored", name ? name : L"", hrPut));
+            } else {
+                m_missing.Add(WithCode(L"secret not sealed", name ? name : L"", hrSeal));
+            }
+        }
+    }
+
+    void NoteSecretsWithoutStore(const LegacyNVDB2::CNVSecretMap& secrets)
+    {
+        for (const auto& entry : secrets) {
+            if (entry.second && !entry.second->m_content.IsEmpty())
+                m_missing.Add(WithCode(L"secret not stored, no IUserSecrets",
+                                       static_cast<const wchar_t*>(entry.first), S_OK));
+        }
+        // Without it the user gets no key pair, password or payload either, secrets
+        // or not.
+        m_missing.Add(WithCode(L"password not enrolled and payload not stored, no IUserSecrets", L"", S_OK));
+    }
+
+    // The k-th set bit of the mask, counted from bit 0, takes the k-th template; more
+    // set bits than templates fail the user at the vector's range check.
+    void StoreTemplates(IUserTemplates* userTemplates, const CNVTemplateVector& templates)
+    {
+        size_t next = 0;
+        for (DWORD position = 0; position < 32; ++position) {
+            if ((m_user.dwTemplateMask & (1u << position)) == 0)
+                continue;
+            const CNVTemplatePtr& tmpl = templates.at(next++);
+            if (tmpl && tmpl->m_bLenient)
+                m_missing.Add(L"template malformed at position " + std::to_wstring(position));
+            nv::CCryptBlob encoded;
+            EncodeTemplate(*tmpl, encoded);
+            m_status = userTemplates->PutTemplate(position, &encoded);
+            nv::ThrowIfFailed(m_status);
+        }
+        if (next < templates.size())
+            m_missing.Add(WithCode(L"templates beyond the position mask", std::to_wstring(templates.size() - next),
+                                   S_OK));
+    }
+
+    void StorePayloadAndRegister(const nv::com_ptr<IUnknown>& userObject, const nv::CCoTaskCryptBlob& payload)
+    {
+        nv::com_ptr<IUserPayload> userPayload;
+        userObject.query(userPayload);
+        if (!userPayload) {
+            m_missing.Add(WithCode(L"payload not stored and user not registered, no IUserPayload", L"", S_OK));
+            return;
+        }
+        if (!payload.IsEmpty()) {
+            const HRESULT hrPayload = userPayload->PutPayload(&payload);
+            if (FAILED(hrPayload))
+                m_missing.Add(WithCode(L"payload not stored", L"", hrPayload));
+        }
+        nv::com_ptr<IUserRegistry> registry = m_storeObjects.Create<IUserRegistry>(nvstore::kIidUserRegistry);
+        if (!registry) {
+            m_missing.Add(WithCode(L"user not registered, no IUserRegistry", L"", S_OK));
+            return;
+        }
+        const HRESULT hrCheck = registry->CheckUser(m_sid.c_str(), nvstore::kUserIdKindSid);
+        if (hrCheck == S_FALSE) {
+            const HRESULT hrAdd = registry->AddUser(userPayload.get());
+            if (FAILED(hrAdd))
+                m_missing.Add(WithCode(L"user not registered", L"", hrAdd));
+        } else if (FAILED(hrCheck)) {
+            m_missing.Add(WithCode(L"registration not checked", L"", hrCheck));
+        }
+    }
+
+    void ApplyPolicy()
+    {
+        if (m_missing.Empty())
+            return;
+        if (m_missing.Strict()) {
+            // Strict policy: the user stays in the old database and a later Convert
+            // tries it again; what already reached the store stays there.
+            NVTraceNS::Trace(m_scope, 0, "Incomplete user '%ls' keeps its old key: %ls", m_sid.c_str(),
+                             m_missing.Text().c_str());
+            nv::ThrowHr(nvconv3::NV_E_USER_INCOMPLETE);
+        }
+        // Default policy: the user moves as the format has it, but what it moves
+        // without is said, in the strict policy's words.
+        NVTraceNS::Trace(m_scope, 0, "Incomplete user '%ls' moved with gaps: %ls", m_sid.c_str(),
+                         m_missing.Text().c_str());
+    }
+
+    void DeleteOldKey()
+    {
+        const std::wstring path = std::wstring(kUserKeyPrefix) + nv::GuidText(m_user.guidUser);
+        // Only traced: a user whose old key stays is still counted as converted.
+        const HRESULT hrDelete = m_converter.DeleteKey(m_converter.m_dbKey.m_hKey, path.c_str(), kDatabaseView);
+        NVTraceNS::Trace(m_scope, 0, "DeleteKey('%ls'), 0x%08X", m_sid.c_str(), static_cast<unsigned>(hrDelete));
+    }
+
+    CConverter3& m_converter;
+    LegacyNVDB2::CLocalDBUserExtractor& m_extractor;
+    CStoreObjects& m_storeObjects;
+    const NV_USER_RECORD& m_user;
+    const std::wstring& m_sid;
+    NVTraceNS::CTraceScope& m_scope;
+    CMissingParts& m_missing;
+    HRESULT m_status;
+};
+
 CConverter3::CConverter3() : CBaseConverter(kTargetVersion, L"3.0", kDatabaseView) {}
 
 const std::wstring& CConverter3::GetBackupName()
@@ -217,9 +530,10 @@ HRESULT CConverter3::do_Convert()
             bool converted = false;
             hrStatus = nv::Guarded([&]() -> HRESULT {
                 sid = SidString(user.pSid);
-                ConvertUser(*extractor, storeObjects, user, sid, hrStatus, scope, missing);
+                const HRESULT status =
+                    CUserConversion(*this, *extractor, storeObjects, user, sid, scope, missing, hrStatus).Run();
                 converted = true;
-                return hrStatus;
+                return status;
             });
             if (strict && !IsEqualGUID(user.guidUser, GUID_NULL)) {
                 if (!heldUsers)
@@ -244,222 +558,3 @@ HRESULT CConverter3::do_Convert()
     return hr;
 }
 
-void CConverter3::ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, CStoreObjects& storeObjects,
-                              const NV_USER_RECORD& user,
-                              const std::wstring& sid, HRESULT& hrStatus, NVTraceNS::CTraceScope& scope,
-                              CMissingParts& missing)
-{
-    NVTraceNS::Trace(scope, 0, "Conversion process began for '%ls'", sid.c_str());
-    LegacyNVDB2::CNVSecretMap secrets;
-    HRESULT hrFieldEnum = S_OK;
-    nv::ThrowIfFailed(extractor.InternalLoadSecretsToMap(user, secrets, &hrFieldEnum));
-    if (FAILED(hrFieldEnum))
-        missing.Add(WithCode(L"fields not all listed", L"", hrFieldEnum));
-    for (const auto& entry : secrets) {
-        if (entry.second && entry.second->m_bLenient)
-            missing.Add(WithCode(L"secret malformed", static_cast<const wchar_t*>(entry.first), S_OK));
-    }
-    CNVTemplateVector templates;
-    nv::ThrowIfFailed(extractor.LoadTemplatesToVector(user.pSid, templates));
-
-    nv::com_ptr<IUserStore> store = storeObjects.Create<IUserStore>(nvstore::kIidUserStore);
-    nv::com_ptr<IUnknown> userObject;
-    nv::ThrowIfFailed(Require(store)->OpenUser(sid.c_str(), nvstore::kUserIdKindSid, userObject.put()));
-
-    // The password, best effort: a missing or unreadable password secret leaves it
-    // empty. The PIN is not carried over.
-    nv::unique_secure_bstr password;
-    nv::unique_secure_bstr pin;
-    CNVSecretPtr passwordSecret = secrets[_bstr_t(nvconv3::g_wstrLegacyPasswordSecretName.c_str())];
-    if (passwordSecret) {
-        NVTraceNS::Trace(scope, 0, "Read password secret from old DB");
-        nv::CCoTaskCryptBlob content;
-        passwordSecret->GetContent(nullptr, &content.cbData, &content.pbData);
-        const HRESULT hrUnpack = UnpackPasswordAndPin(&content, password.put(), pin.put());
-        if (!IsDataVerdict(hrUnpack))
-            nv::ThrowHr(nv::IsOutOfMemoryCode(static_cast<DWORD>(hrUnpack)) ? E_OUTOFMEMORY : hrUnpack);
-        if (hrUnpack != S_OK)
-            missing.Add(WithCode(L"password secret not unpacked", L"", hrUnpack));
-        nvconv3::LogonInfoName();
-    }
-
-    // The payload outlives the secrets part: the payload step stores it.
-    nv::CCoTaskCryptBlob payload;
-
-    nv::com_ptr<IUserSecrets> userSecrets;
-    userObject.query(userSecrets);
-    if (userSecrets) {
-        CFPSecurityContext context(kDatabaseView);
-        HCRYPTPROV hContextProv = 0;
-        nv::ThrowIfFailed(context.GetContext(&hContextProv));
-        // A reference of our own for as long as the user's keys live; declared before
-        // the keys so that they are destroyed first.
-        nv::unique_hcryptprov providerRef;
-        if (::CryptContextAddRef(hContextProv, nullptr, 0))
-            providerRef.reset(hContextProv);
-        const HCRYPTPROV hProv = hContextProv;
-
-        nv::com_ptr<IStoreService> authCreator = storeObjects.Create<IStoreService>(nvstore::kIidStoreService);
-        nv::com_ptr<IAuthService> auth;
-        if (authCreator)
-            authCreator.query(auth);
-
-        nv::CCoTaskCryptBlob publicKey;
-        nv::com_ptr<IUserProperties> properties;
-        userSecrets.query(properties);
-        if (properties) {
-            hrStatus = properties->GetProperty(nvstore::kPropertyUserPublicKey, publicKey.put());
-            if (FAILED(hrStatus)) {
-                NVTraceNS::Trace(scope, 0, "Retrieve payload");
-                if (auth) {
-                    CNVPasswordAuthInfo authInfo(nvstore::kPasswordAuthKind, password.get(), password.get());
-                    nv::CCryptBlob authBlob;
-                    authInfo.Encode(authBlob);
-                    nv::CCoTaskCryptBlob enrolExtra;
-                    nv::ThrowIfFailed(auth->EnrollAuthentication(nvstore::kAuthTypePassword, sid.c_str(),
-                                                                 nvstore::kUserIdKindSid, &payload, &authBlob,
-                                                                 enrolExtra.put()));
-                    DWORD dwFailed = 0;
-                    nv::CCoTaskCryptBlob authExtra;
-                    nv::ThrowIfFailed(auth->Authenticate(nvstore::kAuthTypePassword, sid.c_str(),
-                                                         nvstore::kUserIdKindSid, &authBlob, payload.put(), &dwFailed,
-                                                         authExtra.put()));
-                    nv::ThrowIfFailed(properties->GetProperty(nvstore::kPropertyUserPublicKey, publicKey.put()));
-                }
-            }
-        }
-        if (publicKey.IsEmpty())
-            nv::ThrowHr(E_UNEXPECTED);
-
-        if (payload.IsEmpty() && auth) {
-            CNVPasswordAuthInfo authInfo(nvstore::kPasswordAuthKind, password.get(), password.get());
-            nv::CCryptBlob authBlob;
-            authInfo.Encode(authBlob);
-            DWORD dwFailed = 0;
-            nv::CCoTaskCryptBlob authExtra;
-            nv::ThrowIfFailed(auth->Authenticate(nvstore::kAuthTypePassword, sid.c_str(), nvstore::kUserIdKindSid,
-                                                 &authBlob, payload.put(), &dwFailed, authExtra.put()));
-        } else if (payload.IsEmpty()) {
-            // A user the store already had a key pair for, and no authentication
-            // service: the password never reaches the store.
-            missing.Add(WithCode(L"password not enrolled, no IAuthService", L"", S_OK));
-        }
-
-        nv::unique_hcryptkey userKey;
-        nv::ThrowLastErrorIf(!::CryptImportKey(hProv, publicKey.pbData, publicKey.cbData, 0, 0, userKey.put()));
-
-        for (auto& entry : secrets) {
-            if (!entry.second)
-                continue;
-            nv::CCoTaskCryptBlob content;
-            entry.second->GetContent(nullptr, &content.cbData, &content.pbData);
-            if (content.IsEmpty())
-                continue;
-            nv::CCryptBlob blob(content.pbData, content.cbData);
-            const wchar_t* name = static_cast<const wchar_t*>(entry.first);
-            if (IsLegacyPasswordSecret(entry.first)) {
-                // An empty password gives no copy; packing then takes the empty one. A
-                // copy that cannot be made is a memory shortage, not an empty password:
-                // the user fails and keeps its old key.
-                nv::unique_secure_bstr copy(password ? ::SysAllocString(password.get()) : nullptr);
-                if (password && !copy)
-                    nv::ThrowHr(E_OUTOFMEMORY);
-                PackPassword(copy.get(), blob);
-                copy.reset();
-                name = nvconv3::LogonInfoName().c_str();
-            }
-            // A secret that cannot be sealed is left out, and PutSecret's result is
-            // not looked at, unless the strict policy is in force.
-            const HRESULT hrSeal = EncryptEx(blob, hProv, userKey.get(), CALG_3DES);
-            if (SUCCEEDED(hrSeal)) {
-                const HRESULT hrPut = userSecrets->PutSecret(name ? name : L"", &blob);
-                if (FAILED(hrPut))
-                    missing.Add(WithCode(L"secret not stored", name ? name : L"", hrPut));
-            } else {
-                missing.Add(WithCode(L"secret not sealed", name ? name : L"", hrSeal));
-            }
-        }
-    } else {
-        for (const auto& entry : secrets) {
-            if (entry.second && !entry.second->m_content.IsEmpty())
-                missing.Add(WithCode(L"secret not stored, no IUserSecrets", static_cast<const wchar_t*>(entry.first),
-                                     S_OK));
-        }
-        // Without it the user gets no key pair, password or payload either, secrets
-        // or not.
-        missing.Add(WithCode(L"password not enrolled and payload not stored, no IUserSecrets", L"", S_OK));
-    }
-
-    nv::com_ptr<IUserTemplates> userTemplates;
-    userObject.query(userTemplates);
-    if (userTemplates) {
-        // The k-th set bit of the mask, counted from bit 0, takes the k-th template;
-        // more set bits than templates fail the user at the vector's range check.
-        size_t next = 0;
-        for (DWORD position = 0; position < 32; ++position) {
-            if ((user.dwTemplateMask & (1u << position)) == 0)
-                continue;
-            const CNVTemplatePtr& tmpl = templates.at(next++);
-            if (tmpl && tmpl->m_bLenient)
-                missing.Add(L"template malformed at position " + std::to_wstring(position));
-            nv::CCryptBlob encoded;
-            EncodeTemplate(*tmpl, encoded);
-            hrStatus = userTemplates->PutTemplate(position, &encoded);
-            nv::ThrowIfFailed(hrStatus);
-        }
-        if (next < templates.size())
-            missing.Add(WithCode(L"templates beyond the position mask", std::to_wstring(templates.size() - next),
-                                 S_OK));
-
-        nv::com_ptr<IUserPayload> userPayload;
-        userObject.query(userPayload);
-        if (userPayload) {
-            if (!payload.IsEmpty()) {
-                const HRESULT hrPayload = userPayload->PutPayload(&payload);
-                if (FAILED(hrPayload))
-                    missing.Add(WithCode(L"payload not stored", L"", hrPayload));
-            }
-            nv::com_ptr<IUserRegistry> registry = storeObjects.Create<IUserRegistry>(nvstore::kIidUserRegistry);
-            if (registry) {
-                const HRESULT hrCheck = registry->CheckUser(sid.c_str(), nvstore::kUserIdKindSid);
-                if (hrCheck == S_FALSE) {
-                    const HRESULT hrAdd = registry->AddUser(userPayload.get());
-                    if (FAILED(hrAdd))
-                        missing.Add(WithCode(L"user not registered", L"", hrAdd));
-                } else if (FAILED(hrCheck)) {
-                    missing.Add(WithCode(L"registration not checked", L"", hrCheck));
-                }
-            } else {
-                missing.Add(WithCode(L"user not registered, no IUserRegistry", L"", S_OK));
-            }
-        } else {
-            missing.Add(WithCode(L"payload not stored and user not registered, no IUserPayload", L"", S_OK));
-        }
-    } else {
-        // The payload and the registration hang off the templates step: without
-        // IUserTemplates the user is never registered, templates or not.
-        if (user.dwTemplateMask != 0)
-            missing.Add(WithCode(L"templates not stored, no IUserTemplates", L"", S_OK));
-        missing.Add(WithCode(L"payload not stored and user not registered, no IUserTemplates", L"", S_OK));
-    }
-    if (extractor.HasDroppedTemplates(user.pSid))
-        missing.Add(WithCode(L"templates of a further fingerprint entry dropped", L"", S_OK));
-
-    if (!missing.Empty() && missing.Strict()) {
-        // Strict policy: the user stays in the old database and a later Convert
-        // tries it again; what already reached the store stays there.
-        NVTraceNS::Trace(scope, 0, "Incomplete user '%ls' keeps its old key: %ls", sid.c_str(),
-                         missing.Text().c_str());
-        nv::ThrowHr(nvconv3::NV_E_USER_INCOMPLETE);
-    }
-    if (!missing.Empty()) {
-        // Default policy: the user moves as the format has it, but what it moves
-        // without is said, in the strict policy's words.
-        NVTraceNS::Trace(scope, 0, "Incomplete user '%ls' moved with gaps: %ls", sid.c_str(), missing.Text().c_str());
-    }
-
-    const std::wstring path = std::wstring(kUserKeyPrefix) + nv::GuidText(user.guidUser);
-    // Only traced: a user whose old key stays is still counted as converted.
-    const HRESULT hrDelete = DeleteKey(m_dbKey.m_hKey, path.c_str(), kDatabaseView);
-    NVTraceNS::Trace(scope, 0, "DeleteKey('%ls'), 0x%08X", sid.c_str(), static_cast<unsigned>(hrDelete));
-}

@@ -12,14 +12,6 @@
 #include <windows.h>
 #include <string>
 #include "frame/baseconverter.h"
-#include "legacydb/records.h"
-
-namespace LegacyNVDB2 {
-class CLocalDBUserExtractor;
-}
-namespace NVTraceNS {
-class CTraceScope;
-}
 
 class CConverter3 : public CBaseConverter {
 public:
@@ -39,13 +31,6 @@ public:
 private:
     class CMissingParts;
     class CStoreObjects;
-
-    // Steps of one user, from loading its secrets to deleting its old key. Failures
-    // are raised; hrStatus takes the public key read and each template's result.
-    // missing collects what did not reach the store. Under the strict policy a user
-    // with anything missing fails with NV_E_USER_INCOMPLETE before its old key is
-    // deleted; under the default policy it is traced and the user moves.
-    void ConvertUser(LegacyNVDB2::CLocalDBUserExtractor& extractor, CStoreObjects& storeObjects,
-                     const NV_USER_RECORD& user, const std::wstring& sid, HRESULT& hrStatus, NVTraceNS::CTraceScope& scope,
-                     CMissingParts& missing);
+    // One user's steps, from loading its secrets to deleting its old key.
+    class CUserConversion;
 };

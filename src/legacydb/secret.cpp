@@ -79,13 +79,10 @@ bool CNVSecret::GetContent(const CRYPT_DATA_BLOB* pPublicKey, DWORD* pcbData, BY
 
     // The secrets were sealed for the machine key of the 32-bit view's host identifier.
     CFPSecurityContext context(KEY_WOW64_32KEY);
-    HCRYPTPROV hContextProv = 0;
-    nv::ThrowIfFailed(context.GetContext(&hContextProv));
     // A reference of our own, so the handle outlives the context's use of it.
     nv::unique_hcryptprov provider;
-    if (::CryptContextAddRef(hContextProv, nullptr, 0))
-        provider.reset(hContextProv);
-    const HCRYPTPROV hProv = hContextProv;
+    nv::ThrowIfFailed(context.ShareProvider(provider));
+    const HCRYPTPROV hProv = provider.get();
     NVTraceNS::Trace(scope, 0, "Encryption context created");
 
     Bytes work(m_content.pbData, m_content.pbData + m_content.cbData);

@@ -365,6 +365,18 @@ HRESULT CFPSecurityContext::GetContext(HCRYPTPROV* phProv)
     return NVTraceNS::TraceReturn(scope, hr);
 }
 
+HRESULT CFPSecurityContext::ShareProvider(nv::unique_hcryptprov& owner) noexcept
+{
+    owner.reset();
+    return nv::Guarded([&]() -> HRESULT {
+        HCRYPTPROV hProv = 0;
+        nv::ThrowIfFailed(GetContext(&hProv));
+        nv::ThrowLastErrorIf(!::CryptContextAddRef(hProv, nullptr, 0));
+        owner.reset(hProv);
+        return S_OK;
+    });
+}
+
 HRESULT CFPSecurityContext::GetPublicKey(CRYPT_DATA_BLOB* pPublicKey)
 {
     NVTraceNS::CTraceScope scope("CFPSecurityContext::GetPublicKey", NVTraceNS::kLevelVerbose);

@@ -14,6 +14,7 @@
 #pragma once
 #include <windows.h>
 #include <wincrypt.h>
+#include "common/handles.h"
 
 class INVSecurityExt {
 public:
@@ -46,6 +47,11 @@ public:
     // INVSecurityExt
     HRESULT GetContext(HCRYPTPROV* phProv) override;
     HRESULT GetPublicKey(CRYPT_DATA_BLOB* pPublicKey) override; // task-allocated DER SubjectPublicKeyInfo
+
+    // A provider handle of the caller's own: a new reference on the context's, for
+    // work that outlives the context's use of it. GetContext's failure, or the
+    // reference's (its last error as an HRESULT), leaves owner empty.
+    HRESULT ShareProvider(nv::unique_hcryptprov& owner) noexcept;
 
     // INVExportImportExt (blobs handed out are task-allocated)
     HRESULT Export(const GUID& guidTarget, const CRYPT_DATA_BLOB* pData, REGSAM samView,
