@@ -283,6 +283,51 @@ TEST_F(StrictPolicyConversionTest, MalformedTemplateItemKeepsTheUserUnderStrictA
     EXPECT_TRUE(nvdbconv::ReadHeldUsers().empty()); // no user key left to hold
 }
 
+TEST_F(StrictPolicyConversionTest, PasswordThatDoesNotUnpackHoldsTheUserBeforeAnythingReachesTheStore)
+{
+    // Version 0 is not a packing the library reads: the password would be empty.
+    nvwriter::Db20Database db = OneFullUser();
+    nvwriter::Db20User& u = db.users[0];
+    nvwriter::Db20Secret* password = nullptr;
+    for (auto& s : u.secrets)
+        if (s.valueName == nvwriter::kDb20LogonInfoSecret)
+            password = &s;
+    ASSERT_NE(nullptr, password);
+    ASSERT_TRUE(password->combined);
+    password->combinedVersion = 0;
+    password->content = nvwriter::EncodeDb20CombinedSecret(*password);
+    WriteDatabase(db);
+    SetStrict(true);
+
+    EXPECT_EQ(S_OK, ConvertOnce());
+
+    const std::string sid = Narrow(u.sidText);
+    const std::string missing = "password secret not unpacked (0x80090005)";
+    const auto lines = OwnLines(trace, "CConverter3::do_Convert");
+    EXPECT_TRUE(HasLine(lines, "U Incomplete user '" + sid + "' keeps its old key: " + missing)) << trace.Dump();
+    EXPECT_EQ("U Conversion process is over for '" + sid + "', " + Hex(kIncomplete), lines.back());
+    EXPECT_TRUE(KeyExists(UserKeyPath(u.guid).c_str(), kView32));
+    const auto held = nvdbconv::ReadHeldUsers();
+    ASSERT_EQ(1u, held.size());
+    EXPECT_EQ(Widen(missing), held[0].reason);
+    // No key pair, password, secret or template was handed to the store for it.
+    inspect::Bytes publicKey;
+    EXPECT_FALSE(inspect::GetPublicKey(u.sidText, &publicKey));
+    EXPECT_FALSE(inspect::HasPassword(u.sidText));
+    EXPECT_TRUE(inspect::ListSecrets(u.sidText).empty());
+    EXPECT_TRUE(inspect::ListTemplates(u.sidText).empty());
+
+    // Once the password secret reads again, a later Convert moves the whole user
+    // with the right password: nothing enrolled an empty one in between.
+    password->combinedVersion = 1;
+    password->content = nvwriter::EncodeDb20CombinedSecret(*password);
+    WriteDatabase(db);
+    EXPECT_EQ(S_OK, ConvertOnce());
+    ExpectUserConverted(u);
+    EXPECT_TRUE(inspect::CheckPassword(u.sidText, PasswordOf(u)));
+    EXPECT_TRUE(nvdbconv::ReadHeldUsers().empty());
+}
+
 // A store whose user objects offer no IUserPayload, or that cannot make its
 // registry object: the user is never registered. Strict keeps the old key and says
 // why; the default policy converts the user as the format has it.

@@ -165,6 +165,12 @@ public:
         nv::ThrowIfFailed(Require(store)->OpenUser(m_sid.c_str(), nvstore::kUserIdKindSid, userObject.put()));
 
         const nv::unique_secure_bstr password = RecoverPassword(secrets);
+        // Under the strict policy a user whose old data was not read whole is held
+        // before anything reaches the store: a password read as empty or wrong would
+        // be enrolled, and every later Convert would fail to authenticate with the
+        // right one.
+        if (m_missing.Strict())
+            ApplyPolicy();
         // The payload outlives the secrets part: the payload step stores it.
         nv::CCoTaskCryptBlob payload;
         nv::com_ptr<IUserSecrets> userSecrets;
