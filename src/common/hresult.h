@@ -81,4 +81,26 @@ HRESULT Guarded(Body&& body) noexcept
     }
 }
 
+// The best-effort helper, beside Guarded: for side work whose failure changes
+// nothing else (a trace header, a record entry, a probe of a path). Runs body and
+// gives fallback for whatever it throws.
+template <class Body, class T>
+auto BestEffort(Body&& body, T fallback) noexcept -> decltype(body())
+{
+    try {
+        return body();
+    } catch (...) {
+        return fallback;
+    }
+}
+
+template <class Body>
+void BestEffort(Body&& body) noexcept
+{
+    try {
+        body();
+    } catch (...) {
+    }
+}
+
 } // namespace nv

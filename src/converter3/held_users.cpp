@@ -1,6 +1,7 @@
 #include "converter3/held_users.h"
 
 #include <objbase.h>
+#include "common/hresult.h"
 #include "common/guidtext.h"
 #include "common/handles.h"
 #include "common/keysecurity.h"
@@ -25,15 +26,16 @@ LONG SetString(HKEY key, const wchar_t* name, const std::wstring& value) noexcep
 
 CHeldUsers::CHeldUsers() noexcept
 {
-    try {
+    const bool answered = nv::BestEffort([&] {
         nv::CNVRegKey key;
         const LONG r = key.Open(HKEY_LOCAL_MACHINE, kHeldUsersKeyPath, KEY_READ | kHeldUsersView);
         if (r == ERROR_FILE_NOT_FOUND) {
             m_listed = true;
-            return;
+        return true;
+            return true;
         }
         if (r != ERROR_SUCCESS)
-            return;
+            return true;
         wchar_t name[256];
         for (DWORD index = 0;; ++index) {
             DWORD cch = sizeof(name) / sizeof(name[0]);
@@ -42,12 +44,14 @@ CHeldUsers::CHeldUsers() noexcept
                 break;
             if (e != ERROR_SUCCESS) {
                 m_entries.clear();
-                return;
+                return true;
             }
             m_entries.insert(name);
         }
         m_listed = true;
-    } catch (...) {
+        return true;
+    }, false);
+    if (!answered) {
         m_entries.clear();
         m_listed = false;
     }
@@ -56,7 +60,8 @@ CHeldUsers::CHeldUsers() noexcept
 void CHeldUsers::Record(const GUID& guidUser, const std::wstring& sid, HRESULT hrResult,
                         const std::wstring& reason) noexcept
 {
-    try {
+    // Best effort: an entry that cannot be written changes nothing else.
+    nv::BestEffort([&] {
         // Each level gets the list itself: a new key does not take its parent's
         // entries everywhere (Wine gives every new key a default list), and an older
         // release left these keys readable by Users. The entry is written even where
@@ -75,21 +80,18 @@ void CHeldUsers::Record(const GUID& guidUser, const std::wstring& sid, HRESULT h
         ::RegSetValueExW(key.get(), kHeldUserResultValue, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&result),
                          sizeof(result));
         SetString(key.get(), kHeldUserReasonValue, reason);
-    } catch (...) {
-        // Best effort: an entry that cannot be written changes nothing else.
-    }
+    });
 }
 
 void CHeldUsers::Forget(const GUID& guidUser) noexcept
 {
-    try {
+    nv::BestEffort([&] {
         const std::wstring name = nv::GuidText(guidUser);
         if (m_listed && m_entries.find(name) == m_entries.end())
             return;
         if (::RegDeleteKeyExW(HKEY_LOCAL_MACHINE, EntryPath(guidUser).c_str(), kHeldUsersView, 0) == ERROR_SUCCESS)
             m_entries.erase(name);
-    } catch (...) {
-    }
+    });
 }
 
 } // namespace nvconv3

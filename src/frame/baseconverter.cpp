@@ -108,13 +108,9 @@ void CBaseConverter::RememberDatabaseState(const nvframe::CConversionLock& lock,
         return;
     // A Rollback of this operation deleted and restored the key the handle named.
     ReopenDatabaseKey(scope);
-    try {
-        m_wstrSeenState = ReadDatabaseState();
-    } catch (const std::bad_alloc&) {
-        // Out of memory after the operation: nothing is remembered, so the next
-        // operation judges the database by what it finds (StillConverts).
-        m_wstrSeenState.clear();
-    }
+    // Out of memory after the operation: nothing is remembered, so the next
+    // operation judges the database by what it finds (StillConverts).
+    m_wstrSeenState = nv::BestEffort([&] { return ReadDatabaseState(); }, std::wstring());
 }
 
 HRESULT CBaseConverter::ReopenDatabaseKey(NVTraceNS::CTraceScope& scope)

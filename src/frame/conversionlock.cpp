@@ -4,6 +4,7 @@
 #include <sddl.h>
 #include <vector>
 
+#include "common/hresult.h"
 #include "common/keysecurity.h"
 
 namespace nvframe {
@@ -25,16 +26,16 @@ bool IsWellKnown(PSID sid, WELL_KNOWN_SID_TYPE type) noexcept
 // One SID of the process's token (its user, or the owner it gives new objects).
 std::vector<BYTE> TokenSid(HANDLE token, TOKEN_INFORMATION_CLASS cls) noexcept
 {
-    try {
-        DWORD cb = 0;
-        ::GetTokenInformation(token, cls, nullptr, 0, &cb);
-        std::vector<BYTE> info(cb);
-        if (cb == 0 || !::GetTokenInformation(token, cls, info.data(), cb, &cb))
-            return {};
-        return info;
-    } catch (...) {
-        return {};
-    }
+    return nv::BestEffort(
+        [&]() -> std::vector<BYTE> {
+            DWORD cb = 0;
+            ::GetTokenInformation(token, cls, nullptr, 0, &cb);
+            std::vector<BYTE> info(cb);
+            if (cb == 0 || !::GetTokenInformation(token, cls, info.data(), cb, &cb))
+                return {};
+            return info;
+        },
+        std::vector<BYTE>());
 }
 
 // Whether the owner of the lock someone made before us is one we trust: LocalSystem,
@@ -68,11 +69,7 @@ HRESULT OwnerIsTrusted(HANDLE mutex) noexcept
 // LocalSystem or an administrator, whom a lock of ours would have let in.
 bool CallerIsPrivileged() noexcept
 {
-    try {
-        return nv::TokenIsSystemOrAdministrator();
-    } catch (...) {
-        return false;
-    }
+    return nv::BestEffort([] { return nv::TokenIsSystemOrAdministrator(); }, false);
 }
 
 } // namespace

@@ -225,11 +225,8 @@ void FormatContainerName(const GUID& hostId, wchar_t (&name)[kContainerNameChars
 
 bool CallerIsPrivileged() noexcept
 {
-    try {
-        return nv::CallerIsSystemOrAdministrator();
-    } catch (...) {
-        return false; // a token that cannot be read grants nothing
-    }
+    // A token that cannot be read grants nothing.
+    return nv::BestEffort([] { return nv::CallerIsSystemOrAdministrator(); }, false);
 }
 
 namespace {

@@ -6,6 +6,7 @@
 
 #include <cwchar>
 
+#include "common/hresult.h"
 #include "common/handles.h"
 
 namespace NVTraceNS {
@@ -208,11 +209,7 @@ bool IsOnALocalDrive(const std::wstring& fullPath)
 
 bool IsLocalTracePath(const wchar_t* path) noexcept
 {
-    try {
-        return path && IsOnALocalDrive(FullPathOf(path));
-    } catch (...) {
-        return false;
-    }
+    return nv::BestEffort([&] { return path && IsOnALocalDrive(FullPathOf(path)); }, false);
 }
 
 TraceFileVerdict JudgeTraceFile(const TraceFileFacts& facts)
@@ -239,66 +236,68 @@ HANDLE OpenCheckedTraceFile(const wchar_t* path, DWORD access, bool append, Trac
     TraceFileVerdict ignored = TraceFileVerdict::Accepted;
     if (!verdict)
         verdict = &ignored;
-    try {
-        const std::wstring full = FullPathOf(path);
-        if (full.empty())
-            return INVALID_HANDLE_VALUE;
-        if (!IsOnALocalDrive(full)) {
-            *verdict = TraceFileVerdict::NotALocalPath; // never opened: no share is contacted
-            return INVALID_HANDLE_VALUE;
-        }
-        if (!FolderAccepted(full, verdict))
-            return INVALID_HANDLE_VALUE;
-        // Never "create always": that would truncate whatever a planted link points
-        // at before anything could be checked. A link in the last part is opened
-        // itself, not followed, so it shows as a reparse point.
-        nv::unique_hfile file(::CreateFileW(full.c_str(), access | READ_CONTROL, kCreatingShare, nullptr, OPEN_ALWAYS,
-                                            FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN |
-                                                FILE_FLAG_OPEN_REPARSE_POINT,
-                                            nullptr));
-        if (!file)
-            return INVALID_HANDLE_VALUE;
-        const bool existed = ::GetLastError() == ERROR_ALREADY_EXISTS;
-        *verdict = JudgeTraceFile(FactsOf(file.get(), full, existed));
-        if (*verdict != TraceFileVerdict::Accepted) {
-            if (!existed)
-                DeleteCreated(file.get());
-            return INVALID_HANDLE_VALUE;
-        }
-        nv::unique_hfile kept(::ReOpenFile(file.get(), access, kTraceFileShare, FILE_FLAG_SEQUENTIAL_SCAN));
-        if (!kept || (existed && !append && !Truncate(kept.get())))
-            return INVALID_HANDLE_VALUE;
-        return kept.release();
-    } catch (...) {
-        return INVALID_HANDLE_VALUE; // out of memory: no trace output
-    }
+    // Out of memory: no trace output.
+    return nv::BestEffort(
+        [&]() -> HANDLE {
+            const std::wstring full = FullPathOf(path);
+            if (full.empty())
+                return INVALID_HANDLE_VALUE;
+            if (!IsOnALocalDrive(full)) {
+                *verdict = TraceFileVerdict::NotALocalPath; // never opened: no share is contacted
+                return INVALID_HANDLE_VALUE;
+            }
+            if (!FolderAccepted(full, verdict))
+                return INVALID_HANDLE_VALUE;
+            // Never "create always": that would truncate whatever a planted link points
+            // at before anything could be checked. A link in the last part is opened
+            // itself, not followed, so it shows as a reparse point.
+            nv::unique_hfile file(::CreateFileW(full.c_str(), access | READ_CONTROL, kCreatingShare, nullptr,
+                                                OPEN_ALWAYS,
+                                                FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN |
+                                                    FILE_FLAG_OPEN_REPARSE_POINT,
+                                                nullptr));
+            if (!file)
+                return INVALID_HANDLE_VALUE;
+            const bool existed = ::GetLastError() == ERROR_ALREADY_EXISTS;
+            *verdict = JudgeTraceFile(FactsOf(file.get(), full, existed));
+            if (*verdict != TraceFileVerdict::Accepted) {
+                if (!existed)
+                    DeleteCreated(file.get());
+                return INVALID_HANDLE_VALUE;
+            }
+            nv::unique_hfile kept(::ReOpenFile(file.get(), access, kTraceFileShare, FILE_FLAG_SEQUENTIAL_SCAN));
+            if (!kept || (existed && !append && !Truncate(kept.get())))
+                return INVALID_HANDLE_VALUE;
+            return kept.release();
+        },
+        INVALID_HANDLE_VALUE);
 }
 
 TraceFileVerdict ProbeTraceFile(const wchar_t* path) noexcept
 {
-    try {
-        const std::wstring full = FullPathOf(path);
-        if (full.empty())
+    return nv::BestEffort(
+        [&]() -> TraceFileVerdict {
+            const std::wstring full = FullPathOf(path);
+            if (full.empty())
+                return TraceFileVerdict::Accepted;
+            if (!IsOnALocalDrive(full))
+                return TraceFileVerdict::NotALocalPath;
+            nv::unique_hfile file(::CreateFileW(full.c_str(), FILE_READ_ATTRIBUTES | READ_CONTROL,
+                                                kTraceFileShare | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                                                FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+            if (file)
+                return JudgeTraceFile(FactsOf(file.get(), full, true));
+            // Missing: the nearest folder on the path that exists is where a link would be.
+            TraceFileVerdict verdict = TraceFileVerdict::Accepted;
+            for (std::wstring folder = FolderOf(full); !folder.empty(); folder = FolderOf(folder)) {
+                if (JudgeFolder(folder, &verdict))
+                    return verdict;
+                if (folder.back() == L'\\')
+                    break; // the drive's root
+            }
             return TraceFileVerdict::Accepted;
-        if (!IsOnALocalDrive(full))
-            return TraceFileVerdict::NotALocalPath;
-        nv::unique_hfile file(::CreateFileW(full.c_str(), FILE_READ_ATTRIBUTES | READ_CONTROL,
-                                            kTraceFileShare | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
-                                            FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-        if (file)
-            return JudgeTraceFile(FactsOf(file.get(), full, true));
-        // Missing: the nearest folder on the path that exists is where a link would be.
-        TraceFileVerdict verdict = TraceFileVerdict::Accepted;
-        for (std::wstring folder = FolderOf(full); !folder.empty(); folder = FolderOf(folder)) {
-            if (JudgeFolder(folder, &verdict))
-                return verdict;
-            if (folder.back() == L'\\')
-                break; // the drive's root
-        }
-        return TraceFileVerdict::Accepted;
-    } catch (...) {
-        return TraceFileVerdict::Accepted;
-    }
+        },
+        TraceFileVerdict::Accepted);
 }
 
 PSECURITY_DESCRIPTOR NewTraceFolderSecurity() noexcept

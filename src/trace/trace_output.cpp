@@ -7,6 +7,7 @@
 #include <cstring>
 #include <cwchar>
 
+#include "common/hresult.h"
 #include "common/handles.h"
 #include "common/regkey.h"
 #include "common/tea_cfb.h"
@@ -94,12 +95,11 @@ void CFileOutput::WriteHeaderLine(const char* line) noexcept
 
 void CFileOutput::WriteHeader() noexcept
 {
-    try {
+    // Out of memory while describing the machine: the records still follow.
+    nv::BestEffort([&] {
         for (const std::string& line : BuildHeaderLines(GetTraceModuleHandle()))
             WriteHeaderLine(line.c_str());
-    } catch (...) {
-        // Out of memory while describing the machine: the records still follow.
-    }
+    });
 }
 
 LONG OpenTracingKey(HKEY* key) noexcept
