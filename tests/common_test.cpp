@@ -102,14 +102,14 @@ TEST_F(RegKeyTest, OpenClosesThePreviousHandleAndLeavesTheViewWordAlone)
     nv::CNVRegKey key;
     key.m_samWOW64 = 0;
     ASSERT_EQ(ERROR_SUCCESS, key.Open(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane\\A", KEY_READ | KEY_WOW64_32KEY));
-    HKEY first = key.m_hKey;
+    HKEY first = key.Get();
     ASSERT_EQ(ERROR_SUCCESS, key.Open(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane\\B", KEY_READ | KEY_WOW64_32KEY));
-    EXPECT_NE(first, key.m_hKey);
+    EXPECT_NE(first, key.Get());
     EXPECT_EQ(0u, key.m_samWOW64);
     // A failing open keeps the handle it held.
-    HKEY second = key.m_hKey;
+    HKEY second = key.Get();
     EXPECT_EQ(ERROR_FILE_NOT_FOUND, key.Open(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane\\C", KEY_READ | KEY_WOW64_32KEY));
-    EXPECT_EQ(second, key.m_hKey);
+    EXPECT_EQ(second, key.Get());
 }
 
 TEST_F(RegKeyTest, CreatedKeyLandsInTheRequestedViewOnly)

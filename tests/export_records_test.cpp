@@ -159,7 +159,7 @@ protected:
     // A record signed by the machine's key, from ready DER items.
     std::vector<BYTE> Record(const std::vector<std::vector<BYTE>>& items)
     {
-        return nvwriter::MakeSignedSequence(m_ctx.m_hProv, items);
+        return nvwriter::MakeSignedSequence(m_ctx.Provider(), items);
     }
 
     CFPSecurityContext m_ctx;
@@ -228,7 +228,7 @@ TEST_F(ExportRecordsTest, ExportMatchesTheLegacyWriterByteForByte)
     nvwriter::ExportRecordItems legacy;
     legacy.data = data;
     ASSERT_TRUE(DecodeTime(items[3], &legacy.time));
-    EXPECT_EQ(nvwriter::MakeExportRecord(m_ctx.m_hProv, legacy), record);
+    EXPECT_EQ(nvwriter::MakeExportRecord(m_ctx.Provider(), legacy), record);
 }
 
 TEST_F(ExportRecordsTest, RoundTripReturnsTheDataAndTwoZeroGuids)
@@ -369,7 +369,7 @@ TEST_F(HostIdCannotBeWrittenTest, FinalConstructAndExportFailWithTheRegistrysErr
 {
     CFPSecurityContext ctx;
     EXPECT_EQ(E_ACCESSDENIED, ctx.FinalConstruct(kView32));
-    EXPECT_EQ(0u, ctx.m_hProv);
+    EXPECT_EQ(0u, ctx.Provider());
     SetAccess(L"D:(A;;0x60000;;;WD)");
     const std::vector<BYTE> data = {0x01};
     CRYPT_DATA_BLOB in = BlobOf(data);
@@ -388,7 +388,7 @@ TEST_F(ExportRecordsTest, ImportOfFourItemsWithIdentifiersYieldsDataTargetAndSou
     items.data = {0x10, 0x20, 0x30};
     items.sourceBits = kTestHostIdBytes;
     items.targetBits = kOtherHostIdBytes;
-    const ImportResult r = ImportAll(nvwriter::MakeExportRecord(m_ctx.m_hProv, items));
+    const ImportResult r = ImportAll(nvwriter::MakeExportRecord(m_ctx.Provider(), items));
     EXPECT_EQ(S_OK, r.hr);
     EXPECT_EQ(items.data, r.data);
     EXPECT_GUID_EQ(kOtherHostId, r.target);
@@ -399,7 +399,7 @@ TEST_F(ExportRecordsTest, ImportOfTheLegacyWritersRecordWithEmptyIdentifiers)
 {
     nvwriter::ExportRecordItems items;
     items.data = {0x30, 0x03, 0x02, 0x01, 0x07};
-    const ImportResult r = ImportAll(nvwriter::MakeExportRecord(m_ctx.m_hProv, items));
+    const ImportResult r = ImportAll(nvwriter::MakeExportRecord(m_ctx.Provider(), items));
     EXPECT_EQ(S_OK, r.hr);
     EXPECT_EQ(items.data, r.data);
     EXPECT_GUID_EQ(kZeroGuid, r.target);
@@ -553,7 +553,7 @@ TEST_F(ExportRecordsTest, SignedContentThatIsNoSequenceYieldsNothing)
     const std::vector<BYTE> content = nvwriter::EncodeOctetString(kTestHostIdBytes);
     CRYPT_DATA_BLOB in = BlobOf(content);
     TaskBlob signedBlob;
-    ASSERT_EQ(S_OK, m_ctx.SignBLOB(&in, &signedBlob, m_ctx.m_hProv, AT_KEYEXCHANGE, nullptr));
+    ASSERT_EQ(S_OK, m_ctx.SignBLOB(&in, &signedBlob, m_ctx.Provider(), AT_KEYEXCHANGE, nullptr));
     const ImportResult r = ImportAll(BlobBytes(signedBlob));
     EXPECT_EQ(S_OK, r.hr);
     EXPECT_TRUE(r.dataEmpty);
@@ -645,7 +645,7 @@ TEST_F(ExportRecordsTest, ImportFillsOnlyTheOutputsGiven)
     items.data = {0x77};
     items.sourceBits = kTestHostIdBytes;
     items.targetBits = kOtherHostIdBytes;
-    std::vector<BYTE> record = nvwriter::MakeExportRecord(m_ctx.m_hProv, items);
+    std::vector<BYTE> record = nvwriter::MakeExportRecord(m_ctx.Provider(), items);
     CRYPT_DATA_BLOB in = BlobOf(record);
 
     GUID source = kSentinelGuid;
@@ -666,7 +666,7 @@ TEST_F(ExportRecordsTest, ImportWorksWithoutAProvider)
     nvwriter::ExportRecordItems items;
     items.data = {0x01, 0x02};
     items.targetBits = kOtherHostIdBytes;
-    const std::vector<BYTE> record = nvwriter::MakeExportRecord(m_ctx.m_hProv, items);
+    const std::vector<BYTE> record = nvwriter::MakeExportRecord(m_ctx.Provider(), items);
     CFPSecurityContext unconstructed;
     CRYPT_DATA_BLOB in = BlobOf(record);
     TaskBlob data;

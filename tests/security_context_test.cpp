@@ -183,11 +183,11 @@ TEST_F(SecurityContextTest, FinalConstructAcquiresTheMachineContainerNamedByHost
 {
     CFPSecurityContext ctx;
     ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
-    ASSERT_NE(0u, ctx.m_hProv);
-    EXPECT_EQ(kTestContainerName, ContainerOf(ctx.m_hProv));
-    EXPECT_EQ("Microsoft Enhanced Cryptographic Provider v1.0", ProviderOf(ctx.m_hProv));
+    ASSERT_NE(0u, ctx.Provider());
+    EXPECT_EQ(kTestContainerName, ContainerOf(ctx.Provider()));
+    EXPECT_EQ("Microsoft Enhanced Cryptographic Provider v1.0", ProviderOf(ctx.Provider()));
     // The container's own key, not a new one.
-    EXPECT_EQ(PublicKeyBlobOf(nvwriter::OpenMachineContainer(kTestHostId).get()), PublicKeyBlobOf(ctx.m_hProv));
+    EXPECT_EQ(PublicKeyBlobOf(nvwriter::OpenMachineContainer(kTestHostId).get()), PublicKeyBlobOf(ctx.Provider()));
 
     RegValue value;
     ASSERT_TRUE(GetValue(kHostKey, L"HostId", kView32, &value));
@@ -208,8 +208,8 @@ TEST_F(SecurityContextTest, ContextsOfOneCacheReadTheHostKeyOnceAndShareOneProvi
     CFPSecurityContext second;
     ASSERT_EQ(S_OK, second.FinalConstruct(kView32));
     EXPECT_EQ(readsByFirst, faults.QueryValueCalls()) << "the second context read HostId again";
-    EXPECT_EQ(first.m_hProv, second.m_hProv);
-    EXPECT_EQ(kTestContainerName, ContainerOf(second.m_hProv));
+    EXPECT_EQ(first.Provider(), second.Provider());
+    EXPECT_EQ(kTestContainerName, ContainerOf(second.Provider()));
     // Another view is another host key: it is read for itself (and is missing here,
     // so that context makes one).
     CFPSecurityContext otherView;
@@ -225,14 +225,14 @@ TEST_F(SecurityContextTest, AFailedConstructionInACacheLeavesNothingBehind)
         faults.FailQueryValue(L"HostId", 1, ERROR_ACCESS_DENIED);
         CFPSecurityContext failed;
         EXPECT_EQ(nv::HResultFromWin32(ERROR_ACCESS_DENIED), failed.FinalConstruct(kView32));
-        EXPECT_EQ(0u, failed.m_hProv);
+        EXPECT_EQ(0u, failed.Provider());
     }
     ApiFaults faults;
     faults.FailQueryValue(L"HostId", 0, ERROR_SUCCESS);
     CFPSecurityContext next;
     ASSERT_EQ(S_OK, next.FinalConstruct(kView32));
     EXPECT_EQ(2u, faults.QueryValueCalls()) << "the next context took what a failed one left";
-    EXPECT_EQ(kTestContainerName, ContainerOf(next.m_hProv));
+    EXPECT_EQ(kTestContainerName, ContainerOf(next.Provider()));
 }
 
 TEST_F(SecurityContextTest, WithoutACacheEveryContextReadsTheHostKey)
@@ -252,7 +252,7 @@ TEST_F(SecurityContextTest, HostIdIsReadInBigEndianFieldOrder)
     SetBinary(kHostKey, L"HostId", kTestHostIdValue, kView32);
     CFPSecurityContext ctx;
     ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
-    EXPECT_EQ(kTestContainerName, ContainerOf(ctx.m_hProv));
+    EXPECT_EQ(kTestContainerName, ContainerOf(ctx.Provider()));
 }
 
 TEST_F(SecurityContextTest, ContainerNameIsUpperCaseRegistryFormOfTheGuid)
@@ -274,10 +274,10 @@ TEST_F(SecurityContextTest, HostKeyIsOpenedInTheCallersViewOnly)
 
     CFPSecurityContext ctx64;
     ASSERT_EQ(S_OK, ctx64.FinalConstruct(kView64));
-    EXPECT_EQ(Narrow(ContainerName(kOtherHostId)), ContainerOf(ctx64.m_hProv));
+    EXPECT_EQ(Narrow(ContainerName(kOtherHostId)), ContainerOf(ctx64.Provider()));
     CFPSecurityContext ctx32;
     ASSERT_EQ(S_OK, ctx32.FinalConstruct(kView32));
-    EXPECT_EQ(kTestContainerName, ContainerOf(ctx32.m_hProv));
+    EXPECT_EQ(kTestContainerName, ContainerOf(ctx32.Provider()));
 
     const RegTree after32 = Snapshot(kHostKey, kView32);
     EXPECT_EQ("", DiffTrees(before32, after32));
@@ -325,14 +325,14 @@ TEST_F(SecurityContextTest, UnprivilegedCallerLeavesTheHostKeyDaclAsItWas)
     }
     EXPECT_TRUE(nvsecurity::CallerIsPrivileged());
     EXPECT_EQ(before, DaclOf(kHostKey, kView32));
-    EXPECT_EQ(kTestContainerName, ContainerOf(ctx.m_hProv));
+    EXPECT_EQ(kTestContainerName, ContainerOf(ctx.Provider()));
 }
 
 TEST_F(SecurityContextTest, ThrowingConstructorAcquiresLikeFinalConstruct)
 {
     CFPSecurityContext ctx(kView32);
-    EXPECT_NE(0u, ctx.m_hProv);
-    EXPECT_EQ(kTestContainerName, ContainerOf(ctx.m_hProv));
+    EXPECT_NE(0u, ctx.Provider());
+    EXPECT_EQ(kTestContainerName, ContainerOf(ctx.Provider()));
 }
 
 // ---- the host identifier and a missing container ----------------------------
@@ -370,14 +370,14 @@ protected:
     {
         CFPSecurityContext ctx;
         EXPECT_EQ(kBadKeyset, ctx.FinalConstruct(kView32));
-        EXPECT_EQ(0u, ctx.m_hProv);
+        EXPECT_EQ(0u, ctx.Provider());
         const GUID written = FreshHostId(kView32);
         EXPECT_FALSE(KeyExists(kHostKey, kView64));
 
         m_containers.Create(written);
         CFPSecurityContext again;
         ASSERT_EQ(S_OK, again.FinalConstruct(kView32));
-        EXPECT_EQ(Narrow(ContainerName(written)), ContainerOf(again.m_hProv));
+        EXPECT_EQ(Narrow(ContainerName(written)), ContainerOf(again.Provider()));
         EXPECT_TRUE(IsEqualGUID(written, FreshHostId(kView32)));
     }
 
@@ -445,7 +445,7 @@ TEST_F(SecurityContextHostIdTest, HostIdThatCannotBeReadFailsWithTheReadErrorAnd
     CreateKeyWithSddl(kHostKey, kView32, L"D:(A;;0x40002;;;BA)");
     CFPSecurityContext ctx;
     EXPECT_EQ(E_ACCESSDENIED, ctx.FinalConstruct(kView32));
-    EXPECT_EQ(0u, ctx.m_hProv);
+    EXPECT_EQ(0u, ctx.Provider());
     // The access list was replaced on the way; no value was written.
     EXPECT_EQ(3u, DaclOf(kHostKey, kView32).size());
     RegValue value;
@@ -458,7 +458,7 @@ TEST_F(SecurityContextHostIdTest, MissingContainerGivesTheProvidersError)
     DeleteContainerIfPresent(kTestHostId);
     CFPSecurityContext ctx;
     EXPECT_EQ(kBadKeyset, ctx.FinalConstruct(kView32));
-    EXPECT_EQ(0u, ctx.m_hProv);
+    EXPECT_EQ(0u, ctx.Provider());
     RegValue value;
     ASSERT_TRUE(GetValue(kHostKey, L"HostId", kView32, &value));
     EXPECT_EQ(kTestHostIdValue, value.data);
@@ -484,21 +484,21 @@ TEST_F(SecurityContextTest, FinalReleaseReleasesTheProviderAndZeroesTheHandle)
 {
     CFPSecurityContext ctx;
     ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
-    const HCRYPTPROV held = ctx.m_hProv;
+    const HCRYPTPROV held = ctx.Provider();
     ctx.FinalRelease();
-    EXPECT_EQ(0u, ctx.m_hProv);
+    EXPECT_EQ(0u, ctx.Provider());
     DWORD cb = 0;
     EXPECT_FALSE(::CryptGetProvParam(held, PP_CONTAINER, nullptr, &cb, 0));
     ctx.FinalRelease(); // nothing held: nothing to do
-    EXPECT_EQ(0u, ctx.m_hProv);
+    EXPECT_EQ(0u, ctx.Provider());
 }
 
 TEST_F(SecurityContextTest, FinalReleaseWithoutProviderDoesNothing)
 {
     CFPSecurityContext ctx;
-    EXPECT_EQ(0u, ctx.m_hProv);
+    EXPECT_EQ(0u, ctx.Provider());
     ctx.FinalRelease();
-    EXPECT_EQ(0u, ctx.m_hProv);
+    EXPECT_EQ(0u, ctx.Provider());
 }
 
 TEST_F(SecurityContextTest, GetContextLendsTheHeldHandle)
@@ -507,7 +507,7 @@ TEST_F(SecurityContextTest, GetContextLendsTheHeldHandle)
     ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
     HCRYPTPROV lent = kSentinel;
     EXPECT_EQ(S_OK, ctx.GetContext(&lent));
-    EXPECT_EQ(ctx.m_hProv, lent);
+    EXPECT_EQ(ctx.Provider(), lent);
     HCRYPTPROV again = kSentinel;
     EXPECT_EQ(S_OK, ctx.GetContext(&again));
     EXPECT_EQ(lent, again);
@@ -572,7 +572,7 @@ TEST_F(SecurityContextTest, SignBlobWithoutOidSignsWithMd5RsaAsAnX509CertStructu
     ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
     CRYPT_DATA_BLOB in{static_cast<DWORD>(kToBeSigned.size()), const_cast<BYTE*>(kToBeSigned.data())};
     TaskBlob out;
-    ASSERT_EQ(S_OK, ctx.SignBLOB(&in, &out, ctx.m_hProv, AT_KEYEXCHANGE, nullptr));
+    ASSERT_EQ(S_OK, ctx.SignBLOB(&in, &out, ctx.Provider(), AT_KEYEXCHANGE, nullptr));
 
     const std::vector<BYTE> record = BlobBytes(out);
     ASSERT_EQ(4u + kToBeSigned.size() + 13 + 5 + 256, record.size());
@@ -599,7 +599,7 @@ TEST_F(SecurityContextTest, SignBlobUsesTheCallersOid)
     ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
     CRYPT_DATA_BLOB in{static_cast<DWORD>(kToBeSigned.size()), const_cast<BYTE*>(kToBeSigned.data())};
     TaskBlob out;
-    ASSERT_EQ(S_OK, ctx.SignBLOB(&in, &out, ctx.m_hProv, AT_KEYEXCHANGE, szOID_RSA_SHA1RSA));
+    ASSERT_EQ(S_OK, ctx.SignBLOB(&in, &out, ctx.Provider(), AT_KEYEXCHANGE, szOID_RSA_SHA1RSA));
     SignedRecord cert;
     ASSERT_TRUE(DecodeSignedRecord(BlobBytes(out), &cert));
     EXPECT_EQ("1.2.840.113549.1.1.5", cert.oid);
@@ -630,12 +630,12 @@ TEST_F(SecurityContextTest, SignBlobFailuresLeaveTheOutBlobAlone)
     CRYPT_DATA_BLOB in{static_cast<DWORD>(kToBeSigned.size()), const_cast<BYTE*>(kToBeSigned.data())};
     {
         TaskBlob out; // the container has no signature key
-        EXPECT_EQ(static_cast<HRESULT>(0x8009000D), ctx.SignBLOB(&in, &out, ctx.m_hProv, AT_SIGNATURE, nullptr));
+        EXPECT_EQ(static_cast<HRESULT>(0x8009000D), ctx.SignBLOB(&in, &out, ctx.Provider(), AT_SIGNATURE, nullptr));
         EXPECT_TRUE(out.Untouched());
     }
     {
         TaskBlob out; // an OID that names no signature algorithm
-        EXPECT_EQ(static_cast<HRESULT>(0x80090008), ctx.SignBLOB(&in, &out, ctx.m_hProv, AT_KEYEXCHANGE, "1.2.3.4"));
+        EXPECT_EQ(static_cast<HRESULT>(0x80090008), ctx.SignBLOB(&in, &out, ctx.Provider(), AT_KEYEXCHANGE, "1.2.3.4"));
         EXPECT_TRUE(out.Untouched());
     }
     {
@@ -643,7 +643,7 @@ TEST_F(SecurityContextTest, SignBlobFailuresLeaveTheOutBlobAlone)
         EXPECT_EQ(E_INVALIDARG, ctx.SignBLOB(&in, &out, 0, AT_KEYEXCHANGE, nullptr));
         EXPECT_TRUE(out.Untouched());
     }
-    EXPECT_EQ(E_POINTER, ctx.SignBLOB(&in, nullptr, ctx.m_hProv, AT_KEYEXCHANGE, nullptr));
+    EXPECT_EQ(E_POINTER, ctx.SignBLOB(&in, nullptr, ctx.Provider(), AT_KEYEXCHANGE, nullptr));
 }
 
 // ---- Verify ----------------------------------------------------------------------
@@ -656,7 +656,7 @@ protected:
         ASSERT_EQ(S_OK, m_ctx.FinalConstruct(kView32));
         CRYPT_DATA_BLOB in{static_cast<DWORD>(kToBeSigned.size()), const_cast<BYTE*>(kToBeSigned.data())};
         TaskBlob out;
-        ASSERT_EQ(S_OK, m_ctx.SignBLOB(&in, &out, m_ctx.m_hProv, AT_KEYEXCHANGE, nullptr));
+        ASSERT_EQ(S_OK, m_ctx.SignBLOB(&in, &out, m_ctx.Provider(), AT_KEYEXCHANGE, nullptr));
         m_signed = BlobBytes(out);
     }
     void TearDown() override
@@ -757,7 +757,7 @@ TEST_F(SecurityContextTest, TraceShowsEachOperationsScope)
         EXPECT_EQ(S_OK, ctx.GetPublicKey(&pk));
         CRYPT_DATA_BLOB in{static_cast<DWORD>(kToBeSigned.size()), const_cast<BYTE*>(kToBeSigned.data())};
         TaskBlob out;
-        EXPECT_EQ(S_OK, ctx.SignBLOB(&in, &out, ctx.m_hProv, AT_KEYEXCHANGE, nullptr));
+        EXPECT_EQ(S_OK, ctx.SignBLOB(&in, &out, ctx.Provider(), AT_KEYEXCHANGE, nullptr));
         EXPECT_EQ(S_OK, ctx.Verify(&out, nullptr));
     }
     EXPECT_EQ((std::vector<std::string>{
@@ -806,7 +806,7 @@ TEST_F(SecurityContextTest, LowLevelScopesNeedVerbosityTenButTheirFailuresAlways
         EXPECT_EQ(S_OK, ctx.GetContext(&lent));
         CRYPT_DATA_BLOB in{static_cast<DWORD>(kToBeSigned.size()), const_cast<BYTE*>(kToBeSigned.data())};
         TaskBlob out;
-        EXPECT_EQ(static_cast<HRESULT>(0x8009000D), ctx.SignBLOB(&in, &out, ctx.m_hProv, AT_SIGNATURE, nullptr));
+        EXPECT_EQ(static_cast<HRESULT>(0x8009000D), ctx.SignBLOB(&in, &out, ctx.Provider(), AT_SIGNATURE, nullptr));
     }
     EXPECT_EQ((std::vector<std::string>{
                   "> CFPSecurityContext::FinalConstruct", "<",

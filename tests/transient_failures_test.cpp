@@ -530,7 +530,7 @@ TEST_F(HostIdReadFailureTest, EveryReaderFailingEachReadOnceLeavesHostIdByteForB
             faults.FailQueryValue(L"HostId", f.read, f.code);
             CFPSecurityContext ctx;
             EXPECT_EQ(nv::HResultFromWin32(f.code), ctx.FinalConstruct(KEY_WOW64_32KEY));
-            EXPECT_EQ(0u, ctx.m_hProv);
+            EXPECT_EQ(0u, ctx.Provider());
             EXPECT_EQ(f.read, faults.QueryValueCalls());
         }
         EXPECT_EQ(before, HostIdNow());

@@ -28,7 +28,7 @@ HRESULT CComponentRegistrar::RegisterComponent(const wchar_t* wszKeyPath, const 
         nv::CNVRegKey list;
         nv::ThrowIfWin32Failed(list.Create(HKEY_LOCAL_MACHINE, wszKeyPath, kListAccess));
         std::wstring data = std::wstring(clsidText) + L":" + g_NVComModule.m_wstrModulePath;
-        nv::ThrowIfWin32Failed(nv::SetStringValue(list.m_hKey, wszComponent, data.c_str()));
+        nv::ThrowIfWin32Failed(nv::SetStringValue(list.Get(), wszComponent, data.c_str()));
         return S_OK;
     });
     return NVTraceNS::TraceReturn(scope, hr);
@@ -41,11 +41,11 @@ HRESULT CComponentRegistrar::UnregisterComponent(const wchar_t* wszKeyPath, cons
         nv::CNVRegKey list;
         nv::ThrowIfWin32Failed(list.Open(HKEY_LOCAL_MACHINE, wszKeyPath, kListAccess));
         // Unregistering twice is harmless.
-        ::RegDeleteValueW(list.m_hKey, wszComponent);
+        ::RegDeleteValueW(list.Get(), wszComponent);
 
         DWORD subkeys = 0;
         DWORD values = 0;
-        nv::ThrowIfWin32Failed(::RegQueryInfoKeyW(list.m_hKey, nullptr, nullptr, nullptr, &subkeys, nullptr,
+        nv::ThrowIfWin32Failed(::RegQueryInfoKeyW(list.Get(), nullptr, nullptr, nullptr, &subkeys, nullptr,
                                                   nullptr, &values, nullptr, nullptr, nullptr, nullptr));
         if (subkeys == 0 && values == 0) {
             list.Close();

@@ -19,10 +19,8 @@ LONG CNVRegKey::Open(HKEY root, const wchar_t* path, REGSAM access) noexcept
 {
     HKEY h = nullptr;
     LONG r = CConversionScope::OpenKey(root, path, access, &h);
-    if (r == ERROR_SUCCESS) {
-        Close();
-        m_hKey = h;
-    }
+    if (r == ERROR_SUCCESS)
+        m_key.reset(h);
     return r;
 }
 
@@ -31,26 +29,19 @@ LONG CNVRegKey::Create(HKEY root, const wchar_t* path, REGSAM access, LPSECURITY
 {
     HKEY h = nullptr;
     LONG r = CreateKey(root, path, access, &h, sa, disposition);
-    if (r == ERROR_SUCCESS) {
-        Close();
-        m_hKey = h;
-    }
+    if (r == ERROR_SUCCESS)
+        m_key.reset(h);
     return r;
 }
 
 void CNVRegKey::Close() noexcept
 {
-    if (m_hKey) {
-        ::RegCloseKey(m_hKey);
-        m_hKey = nullptr;
-    }
+    m_key.reset();
 }
 
 HKEY CNVRegKey::Detach() noexcept
 {
-    HKEY h = m_hKey;
-    m_hKey = nullptr;
-    return h;
+    return m_key.release();
 }
 
 LONG CreateKey(HKEY root, const wchar_t* path, REGSAM access, HKEY* out, LPSECURITY_ATTRIBUTES sa,

@@ -20,7 +20,6 @@ public:
     CNVRegKey() noexcept = default;
     CNVRegKey(const CNVRegKey&) = delete;
     CNVRegKey& operator=(const CNVRegKey&) = delete;
-    ~CNVRegKey() { Close(); }
 
     LONG Open(HKEY root, const wchar_t* path, REGSAM access) noexcept;
     LONG Create(HKEY root, const wchar_t* path, REGSAM access, LPSECURITY_ATTRIBUTES sa = nullptr,
@@ -28,11 +27,14 @@ public:
     void Close() noexcept;
     HKEY Detach() noexcept;
 
-    HKEY m_hKey = nullptr;
+    HKEY Get() const noexcept { return m_key.get(); }
+    operator HKEY() const noexcept { return m_key.get(); }
+
     // View flags the owner works with (set by the owner, never by Open/Create).
     REGSAM m_samWOW64 = 0;
 
-    operator HKEY() const noexcept { return m_hKey; }
+private:
+    unique_hkey m_key;
 };
 
 // The view flags that an open or delete relative to `root` needs. A view flag

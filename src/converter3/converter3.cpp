@@ -438,7 +438,7 @@ private:
     {
         const std::wstring path = std::wstring(kUserKeyPrefix) + nv::GuidText(m_user.guidUser);
         // Only traced: a user whose old key stays is still counted as converted.
-        const HRESULT hrDelete = m_converter.DeleteKey(m_converter.m_dbKey.m_hKey, path.c_str(), kDatabaseView);
+        const HRESULT hrDelete = m_converter.DeleteKey(m_converter.m_dbKey.Get(), path.c_str(), kDatabaseView);
         NVTraceNS::Trace(m_scope, 0, "DeleteKey('%ls'), 0x%08X", m_sid.c_str(), static_cast<unsigned>(hrDelete));
     }
 

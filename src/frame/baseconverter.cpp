@@ -87,15 +87,15 @@ std::wstring CBaseConverter::ReadDatabaseState()
 {
     std::wstring state = L"Version ";
     bool mainDb = false;
-    if (m_dbKey.m_hKey) {
+    if (m_dbKey.Get()) {
         wchar_t buffer[kBackupPathChars] = {};
         ULONG cch = kBackupPathChars;
-        if (nv::QueryStringValue(m_dbKey.m_hKey, NVDBCONV_VALUE_VERSION, buffer, &cch) == ERROR_SUCCESS)
+        if (nv::QueryStringValue(m_dbKey.Get(), NVDBCONV_VALUE_VERSION, buffer, &cch) == ERROR_SUCCESS)
             state += buffer;
         else
             state += L"(none)";
         nv::unique_hkey key;
-        mainDb = ::RegOpenKeyExW(m_dbKey.m_hKey, L"MainDB", 0, KEY_READ, key.put()) == ERROR_SUCCESS;
+        mainDb = ::RegOpenKeyExW(m_dbKey.Get(), L"MainDB", 0, KEY_READ, key.put()) == ERROR_SUCCESS;
     } else {
         state += L"(no database)";
     }
@@ -150,7 +150,7 @@ bool CBaseConverter::StillConverts()
 {
     wchar_t buffer[kBackupPathChars] = {};
     ULONG cch = kBackupPathChars;
-    if (!m_dbKey.m_hKey || nv::QueryStringValue(m_dbKey.m_hKey, NVDBCONV_VALUE_VERSION, buffer, &cch) != ERROR_SUCCESS)
+    if (!m_dbKey.Get() || nv::QueryStringValue(m_dbKey.Get(), NVDBCONV_VALUE_VERSION, buffer, &cch) != ERROR_SUCCESS)
         return false;
     const DWORD major = nvframe::ParseDatabaseVersion(buffer) >> 16;
     const DWORD targetMajor = m_dwTargetVersion >> 16;
@@ -199,18 +199,18 @@ HRESULT CBaseConverter::Backup()
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
         std::wstring path = std::wstring(nv::kVendorKeyPath) + L"\\" + GetBackupName();
         const HRESULT hrCopy =
-            CopyKey(HKEY_LOCAL_MACHINE, path.c_str(), GetBackupView(), m_dbKey.m_hKey, L"", m_dbKey.m_samWOW64);
+            CopyKey(HKEY_LOCAL_MACHINE, path.c_str(), GetBackupView(), m_dbKey.Get(), L"", m_dbKey.m_samWOW64);
         // The copy's refusal of an empty value reads as a memory shortage: name the
         // value, so that the trace says which one.
         std::wstring emptyKey, emptyValue;
-        if (hrCopy == nv::HResultFromWin32(ERROR_NOT_ENOUGH_MEMORY) && m_dbKey.m_hKey &&
-            FindEmptyValue(m_dbKey.m_hKey, std::wstring(L"HKLM\\") + nv::kDatabaseKeyPath, emptyKey, emptyValue)) {
+        if (hrCopy == nv::HResultFromWin32(ERROR_NOT_ENOUGH_MEMORY) && m_dbKey.Get() &&
+            FindEmptyValue(m_dbKey.Get(), std::wstring(L"HKLM\\") + nv::kDatabaseKeyPath, emptyKey, emptyValue)) {
             NVTraceNS::Trace(scope, 0, "value \"%ls\" of %ls is empty: the backup cannot copy empty values",
                              emptyValue.c_str(), emptyKey.c_str());
         }
         nv::ThrowIfFailed(hrCopy);
         // Written after the copy, so the backup never holds this run's own marker.
-        nv::SetStringValue(m_dbKey.m_hKey, s_wszBackupValue, path.c_str());
+        nv::SetStringValue(m_dbKey.Get(), s_wszBackupValue, path.c_str());
         NVTraceNS::Trace(scope, 0, "backup key created, name stored");
         nv::ThrowIfFailed(do_Backup());
         return S_OK;
@@ -221,10 +221,10 @@ HRESULT CBaseConverter::Backup()
 std::wstring CBaseConverter::ReadBackupPath()
 {
     std::wstring path;
-    if (m_dbKey.m_hKey) {
+    if (m_dbKey.Get()) {
         wchar_t buffer[kBackupPathChars] = {};
         ULONG cch = kBackupPathChars;
-        if (nv::QueryStringValue(m_dbKey.m_hKey, s_wszBackupValue, buffer, &cch) == ERROR_SUCCESS)
+        if (nv::QueryStringValue(m_dbKey.Get(), s_wszBackupValue, buffer, &cch) == ERROR_SUCCESS)
             path.assign(buffer);
     }
     return path;
@@ -281,7 +281,7 @@ HRESULT CBaseConverter::Cleanup()
         if (!path.empty()) {
             NVTraceNS::Trace(scope, 0, "cleaning up backup key %ls", path.c_str());
             nv::ThrowIfFailed(DeleteKey(HKEY_LOCAL_MACHINE, path.c_str(), GetBackupView()));
-            ::RegDeleteValueW(m_dbKey.m_hKey, s_wszBackupValue);
+            ::RegDeleteValueW(m_dbKey.Get(), s_wszBackupValue);
             result = S_OK;
         } else {
             NVTraceNS::Trace(scope, 0, "backup key name is empty, nothing to do");

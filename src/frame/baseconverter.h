@@ -58,7 +58,7 @@ public:
 
     DWORD GetTargetVersion() const noexcept { return m_dwTargetVersion; }
     const std::wstring& GetTargetVersionText() const noexcept { return m_wstrTargetVersion; }
-    bool HasDatabaseKey() const noexcept { return m_dbKey.m_hKey != nullptr; }
+    bool HasDatabaseKey() const noexcept { return m_dbKey.Get() != nullptr; }
 
     // Name of the value, inside the database key, that holds the backup key's path.
     static const wchar_t* const s_wszBackupValue;

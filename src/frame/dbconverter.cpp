@@ -56,7 +56,7 @@ HRESULT CDBConverter::FinalConstruct()
 
         wchar_t version[kVersionChars] = {};
         ULONG cch = kVersionChars;
-        if (nv::QueryStringValue(db.m_hKey, NVDBCONV_VALUE_VERSION, version, &cch) == ERROR_SUCCESS) {
+        if (nv::QueryStringValue(db.Get(), NVDBCONV_VALUE_VERSION, version, &cch) == ERROR_SUCCESS) {
             NVTraceNS::Trace(scope, 0, "wszVersion = %ls", version);
             m_dwVersion = nvframe::ParseDatabaseVersion(version);
         }

@@ -111,10 +111,8 @@ CLocalDBUserExtractor::CLocalDBUserExtractor() noexcept
         const GUID hostId = nvsecurity::GuidFromNetworkBytes(value.data(), static_cast<DWORD>(value.size()));
         wchar_t container[nvsecurity::kContainerNameChars] = {};
         nvsecurity::FormatContainerName(hostId, container);
-        HCRYPTPROV hProv = 0;
-        nv::ThrowLastErrorIf(!::CryptAcquireContextW(&hProv, container, nvsecurity::kProviderName, PROV_RSA_FULL,
-                                                     CRYPT_MACHINE_KEYSET));
-        m_hProv = hProv;
+        nv::ThrowLastErrorIf(!::CryptAcquireContextW(m_provider.put(), container, nvsecurity::kProviderName,
+                                                     PROV_RSA_FULL, CRYPT_MACHINE_KEYSET));
         return S_OK;
     });
     NVTraceNS::TraceReturn(scope, hr);
@@ -123,14 +121,12 @@ CLocalDBUserExtractor::CLocalDBUserExtractor() noexcept
 CLocalDBUserExtractor::~CLocalDBUserExtractor()
 {
     m_templates.clear();
-    if (m_hProv)
-        ::CryptReleaseContext(m_hProv, 0);
 }
 
 void CLocalDBUserExtractor::UnsealUser(const BYTE* pbValue, DWORD cbValue, NV_USER_RECORD* pUser)
 {
     nv::unique_hcryptkey exchangeKey;
-    nv::ThrowLastErrorIf(!::CryptGetUserKey(m_hProv, AT_KEYEXCHANGE, exchangeKey.put()));
+    nv::ThrowLastErrorIf(!::CryptGetUserKey(m_provider.get(), AT_KEYEXCHANGE, exchangeKey.put()));
 
     DWORD version = 0;
     Bytes payload;
@@ -149,7 +145,7 @@ void CLocalDBUserExtractor::UnsealUser(const BYTE* pbValue, DWORD cbValue, NV_US
     Bytes blob = ReadOctets(ItemAt(sealed, 1));
 
     nv::unique_hcryptkey sessionKey;
-    nv::ThrowLastErrorIf(!::CryptImportKey(m_hProv, keyBlob.data(), static_cast<DWORD>(keyBlob.size()),
+    nv::ThrowLastErrorIf(!::CryptImportKey(m_provider.get(), keyBlob.data(), static_cast<DWORD>(keyBlob.size()),
                                            exchangeKey.get(), CRYPT_EXPORTABLE, sessionKey.put()));
     DWORD cbBlob = static_cast<DWORD>(blob.size());
     nv::ThrowLastErrorIf(!::CryptDecrypt(sessionKey.get(), 0, TRUE, 0, blob.data(), &cbBlob));

@@ -19,6 +19,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include "common/handles.h"
 #include "legacydb/records.h"
 
 namespace LegacyNVDB2 {
@@ -66,11 +67,11 @@ public:
     // NTE_BAD_DATA for a value that is no version 2 seal, CryptoAPI errors otherwise.
     void UnsealUser(const BYTE* pbValue, DWORD cbValue, NV_USER_RECORD* pUser);
 
-    HCRYPTPROV GetProvider() const noexcept { return m_hProv; }
+    HCRYPTPROV GetProvider() const noexcept { return m_provider.get(); }
     const CNVTemplateMap& GetTemplateMap() const noexcept { return m_templates; }
 
 private:
-    HCRYPTPROV m_hProv = 0;
+    nv::unique_hcryptprov m_provider;
     CNVTemplateMap m_templates;
     std::set<std::wstring> m_droppedTemplates;
 };

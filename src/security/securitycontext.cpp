@@ -106,7 +106,7 @@ void OpenHostKey(nv::CNVRegKey& key, REGSAM samView)
     if (key.Open(HKEY_LOCAL_MACHINE, nvsecurity::kHostKeyPath, access) != ERROR_SUCCESS) {
         LONG r = key.Create(HKEY_LOCAL_MACHINE, nvsecurity::kHostKeyPath, access);
         nv::ThrowIfWin32Failed(r);
-        if (!key.m_hKey)
+        if (!key.Get())
             nv::ThrowHr(E_FAIL);
     }
     ProtectHostKey(key);

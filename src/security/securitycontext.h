@@ -65,6 +65,11 @@ public:
     HRESULT SignBLOB(const CRYPT_DATA_BLOB* pToBeSigned, CRYPT_DATA_BLOB* pSigned, HCRYPTPROV hProv,
                      DWORD dwKeySpec, LPCSTR pszOid);
 
+    // The provider handle the context holds (0 when construction failed); the
+    // context keeps it. ShareProvider gives one of the caller's own.
+    HCRYPTPROV Provider() const noexcept { return m_hProv; }
+
+private:
     HCRYPTPROV m_hProv = 0;
 };
 

@@ -52,7 +52,7 @@ public:
 
     // The key owner's view word and handle, for checks.
     REGSAM DbOwnerView() const { return m_dbKey.m_samWOW64; }
-    HKEY DbKey() const { return m_dbKey.m_hKey; }
+    HKEY DbKey() const { return m_dbKey.Get(); }
     std::wstring BackupPath() { return ReadBackupPath(); }
 
 private:
