@@ -6,6 +6,8 @@ NV_NATIVE_BUILD=$NV_BUILD_DIR/native
 NV_BIN=$NV_WIN_BUILD/bin
 NV_WINE=/usr/lib/wine/wine64
 NV_WINESERVER=/usr/lib/wine/wineserver
+# The one way to start a Windows program under Wine (its rule is in the file).
+NV_WINE_RUN=$NV_ROOT/scripts/wine-run
 export WINEPREFIX=${NV_WINEPREFIX:-$NV_BUILD_DIR/wineprefix}
 export WINEDEBUG=${WINEDEBUG:--all}
 export WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml=}
@@ -38,7 +40,7 @@ nv_fresh_prefix() {
     nv_stop_wineserver
     nv_release_prefix_folder
     rm -rf "$WINEPREFIX"
-    "$NV_WINE" wineboot --init </dev/null >/dev/null 2>&1
+    "$NV_WINE_RUN" wineboot --init </dev/null >/dev/null 2>&1
 }
 
 # scripts/bench makes the prefix's folder immutable while it measures (it holds off
@@ -70,7 +72,7 @@ nv_start_wineserver() {
         printf '       every Wine process would start its own server and the run would crawl.\n' >&2
         return 1
     fi
-    "$NV_WINE" cmd /c exit </dev/null >/dev/null 2>&1
+    "$NV_WINE_RUN" cmd /c exit </dev/null >/dev/null 2>&1
     NV_WINESERVER_PID=$pid
     NV_WINESERVER_STARTED=$(ps -o lstart= -p "$pid" 2>/dev/null)
 }

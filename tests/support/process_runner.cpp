@@ -96,10 +96,11 @@ ProcessRun RunProcessWithInput(const std::wstring& commandLine, const std::strin
 
 ProcessRun RunProcessWithInput(const std::wstring& commandLine, const std::string* input, DWORD timeoutMs)
 {
-    // Now and then under load Wine fails a launch before the program runs: CreateProcessW
-    // answers ERROR_INTERNAL_ERROR (twice in 16,000 starts of a fault sweep), or the
-    // loader ends the child with STATUS_DLL_INIT_FAILED before it wrote a byte. Such a
-    // launch is made again; a program that ran keeps its result.
+    // The launch rule of scripts/wine-run, in Windows terms. Now and then under load
+    // Wine fails a launch before the program runs: CreateProcessW answers
+    // ERROR_INTERNAL_ERROR (twice in 16,000 starts of a fault sweep), or the loader ends
+    // the child with STATUS_DLL_INIT_FAILED before it wrote a byte. Such a launch is
+    // made again, up to three launches; a program that ran keeps its result.
     constexpr DWORD kDllInitFailed = 0xC0000142;
     constexpr int kLaunches = 3;
     for (int launch = 1;; ++launch) {

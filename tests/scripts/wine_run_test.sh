@@ -1,0 +1,78 @@
+#!/usr/bin/env bash
+# The launch rule of scripts/wine-run, checked with a stand-in for wine64 that
+# answers as a script tells it: a launch that never ran (a quick non-zero status, no
+# output) is made again, up to three launches; a program that printed, or that ran
+# for more than a second, keeps its result; a success is never repeated.
+set -u
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+failures=0
+
+# The stand-in: each launch takes the next line of $work/plan ("silent RC", "print
+# RC", "slow RC") and counts itself in $work/launches.
+cat >"$work/wine" <<'STUB'
+#!/usr/bin/env bash
+n=$(($(cat "$STUB_DIR/launches" 2>/dev/null || echo 0) + 1))
+echo "$n" >"$STUB_DIR/launches"
+read -r how rc < <(sed -n "${n}p" "$STUB_DIR/plan")
+case "$how" in
+    print) echo "ran $*" ;;
+    printerr) echo "ran $*" >&2 ;;
+    slow) sleep 1.2 ;;
+esac
+exit "$rc"
+STUB
+chmod +x "$work/wine"
+
+# check NAME EXPECTED_RC EXPECTED_LAUNCHES PLAN...
+check() {
+    local name=$1 want_rc=$2 want_launches=$3
+    shift 3
+    printf '%s\n' "$@" >"$work/plan"
+    rm -f "$work/launches"
+    STUB_DIR=$work NV_WINE=$work/wine WINEPREFIX=$work/prefix "$root/scripts/wine-run" prog.exe a b \
+        >"$work/out" 2>"$work/err"
+    local rc=$? launches
+    launches=$(cat "$work/launches")
+    if [ "$rc" != "$want_rc" ] || [ "$launches" != "$want_launches" ]; then
+        echo "FAIL $name: status $rc (expected $want_rc), launches $launches (expected $want_launches)"
+        sed 's/^/    stderr: /' "$work/err"
+        failures=$((failures + 1))
+    else
+        echo "ok   $name"
+    fi
+}
+
+check "a success runs once" 0 1 "silent 0"
+check "a launch that never ran is made again" 0 2 "silent 1" "print 0"
+check "three launches at most" 1 3 "silent 1" "silent 1" "silent 1" "print 0"
+check "a program that printed keeps its failure" 3 1 "print 3" "print 0"
+check "a program that wrote to stderr keeps its failure" 3 1 "printerr 3" "print 0"
+check "a program that ran a while keeps its failure" 5 1 "slow 5" "print 0"
+
+# What a repeated launch says, and that the arguments reach the program.
+printf '%s\n' "silent 1" "print 0" >"$work/plan"
+rm -f "$work/launches"
+STUB_DIR=$work NV_WINE=$work/wine WINEPREFIX=$work/prefix "$root/scripts/wine-run" prog.exe a b \
+    >"$work/out" 2>"$work/err"
+if ! grep -qx "ran prog.exe a b" "$work/out" ||
+    ! grep -q "^wine-run: prog.exe exited with status 1 after [0-9]* ms and printed nothing: it never ran; starting it again" "$work/err"; then
+    echo "FAIL the repeated launch is said on stderr and the program gets its arguments"
+    sed 's/^/    /' "$work/out" "$work/err"
+    failures=$((failures + 1))
+else
+    echo "ok   the repeated launch is said on stderr and the program gets its arguments"
+fi
+
+# Without a program it says how to use it.
+"$root/scripts/wine-run" >/dev/null 2>"$work/err"
+rc=$?
+if [ "$rc" != 2 ] || ! grep -q "^usage: wine-run PROGRAM" "$work/err"; then
+    echo "FAIL no program: status $rc"
+    failures=$((failures + 1))
+else
+    echo "ok   no program is a usage error"
+fi
+
+[ "$failures" = 0 ]
