@@ -158,8 +158,8 @@ TEST_F(NvdbconvCliTest, BadArgumentsExitWith2AndAShortUsageWithoutTouchingAnythi
         {L"--bogus status", "unknown option '--bogus'"},
         {L"status --dll", "--dll needs a value"},
         {L"status extra", "unexpected 'extra'"},
-        {L"trace", "trace needs on or off"},
-        {L"trace sideways", "trace takes on or off, not 'sideways'"},
+        {L"trace", "trace needs on, off or show"},
+        {L"trace sideways", "trace takes on, off or show, not 'sideways'"},
         {L"trace on now", "unexpected 'now'"},
         {L"trace off --verbosity 3", "--verbosity, --file, --append and --new-file go with trace on"},
         {L"status --verbosity 3", "--verbosity, --file, --append and --new-file go with trace on"},
@@ -765,7 +765,7 @@ TEST_F(NvdbconvCommandsTest, TraceFileTheLibraryRefusedIsWarnedAbout)
 
     // A file it may write: no warning.
     const std::wstring plain = dir + L"\\plain\\host.trc3";
-    ASSERT_EQ(0u, Nvdbconv(L"--quiet trace on --new-file --file " + QuoteArg(plain)).exitCode);
+    ASSERT_EQ(0u, Nvdbconv(L"--quiet trace on --file " + QuoteArg(plain)).exitCode);
     ProcessRun run = Nvdbconv(L"status");
     EXPECT_EQ(0u, run.exitCode);
     EXPECT_EQ("", run.err);
@@ -1154,24 +1154,49 @@ TEST(NvdbconvProgressTest, PollerSamplesFromItsOwnThreadAndEndsWithAFinalSample)
     EXPECT_EQ(samples.size(), poller.samples());
 }
 
-TEST(NvdbconvJsonWriterTest, WritesNestedValuesWithJsonEscapes)
+TEST(NvdbconvJsonTest, WritesNestedValuesWithJsonEscapesInTheOrderSet)
 {
-    nvdbconv::JsonWriter w;
-    w.BeginObject();
-    w.Field("path", std::wstring(L"C:\\x \"q\"\n\x01\x00e9"));
-    w.Field("n", -2147467259L).Field("ok", true);
-    w.Key("none").Null();
-    w.Key("list").BeginArray().Number(1).String(std::string("a")).BeginObject().EndObject().EndArray();
-    w.Key("rate").Real(2.75, 1);
-    w.EndObject();
+    nvdbconv::Json doc;
+    doc["path"] = nvdbconv::ToUtf8(L"C:\\x \"q\"\n\x01\x00e9");
+    doc["n"] = -2147467259L;
+    doc["ok"] = true;
+    doc["none"] = nullptr;
+    doc["list"] = {1, "a", nvdbconv::Json::object()};
+    doc["rate"] = nvdbconv::Rounded(2.75, 1);
     EXPECT_EQ("{\"path\":\"C:\\\\x \\\"q\\\"\\n\\u0001\xC3\xA9\",\"n\":-2147467259,\"ok\":true,\"none\":null,"
               "\"list\":[1,\"a\",{}],\"rate\":2.8}",
-              w.text());
+              nvdbconv::JsonText(doc));
 
     JsonValue parsed;
     std::string error;
-    ASSERT_TRUE(ParseJson(w.text(), &parsed, &error)) << error;
+    ASSERT_TRUE(ParseJson(nvdbconv::JsonText(doc), &parsed, &error)) << error;
     EXPECT_EQ("C:\\x \"q\"\n\x01\xC3\xA9", parsed["path"].Text());
+}
+
+// Figures are rounded as printf rounds them (2.75 and 0.25 are exact in binary, so
+// they go to the even neighbour), then printed in their shortest form: no trailing
+// zeros but one after a whole number's point.
+TEST(NvdbconvJsonTest, RoundedFiguresArePrintedInTheirShortestForm)
+{
+    nvdbconv::Json doc;
+    doc["a"] = nvdbconv::Rounded(1.5, 3);
+    doc["b"] = nvdbconv::Rounded(0.25, 1);
+    doc["c"] = nvdbconv::Rounded(14.2, 1);
+    doc["d"] = nvdbconv::Rounded(3.0, 1);
+    doc["e"] = nvdbconv::Rounded(0.0004, 3);
+    doc["f"] = nvdbconv::Rounded(0.1234, 3);
+    doc["g"] = nvdbconv::Rounded(1800.04, 1);
+    EXPECT_EQ("{\"a\":1.5,\"b\":0.2,\"c\":14.2,\"d\":3.0,\"e\":0.0,\"f\":0.123,\"g\":1800.0}",
+              nvdbconv::JsonText(doc));
+}
+
+// Text that is not UTF-8 (a narrow system message in another code page) is replaced,
+// not a reason to lose the whole document.
+TEST(NvdbconvJsonTest, BytesThatAreNotUtf8AreReplaced)
+{
+    nvdbconv::Json doc;
+    doc["message"] = std::string("caf\xE9!");
+    EXPECT_EQ("{\"message\":\"caf\xEF\xBF\xBD!\"}", nvdbconv::JsonText(doc));
 }
 
 TEST(JsonReaderTest, ParsesEveryKindAndRejectsWhatIsNotJson)

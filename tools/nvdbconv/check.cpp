@@ -53,8 +53,7 @@ int Check(Printer& out)
     out.Row("database", db.version ? "\"" + U8(*db.version) + "\"" + Fmt(" in the %s view", ViewName(db.versionView))
                                    : std::string("none"));
     out.Row("state", Verdict(db));
-    out.json.Key("database");
-    JsonDatabase(out.json, db);
+    out.json["database"] = DatabaseJson(db);
 
     const StoreServerState store = ReadStoreServer();
     // Only the next step is judged: 1.0 -> 2.0 stays in the registry and moves no
@@ -66,7 +65,7 @@ int Check(Printer& out)
         layout == "1.0" || layout == "2.0" ? FindEmptyValue() : std::optional<EmptyValue>();
     if (empty)
         out.Row("backup", "would fail: " + EmptyValueText(*empty));
-    JsonEmptyValue(out.json, empty);
+    out.json["emptyValue"] = EmptyValueJson(empty);
 
     std::string host;
     if (FAILED(legacy.hostId))
@@ -77,32 +76,21 @@ int Check(Printer& out)
         host = U8(legacy.container) + " opens";
     out.Row("key container", host);
     out.Row("store server", store.registered ? "registered: " + U8(store.path) : std::string("not registered"));
-    out.json.Key("hostContainer").BeginObject();
-    out.json.Key("hostId");
-    WriteResult(out.json, legacy.hostId);
-    out.json.Field("name", legacy.container);
-    out.json.Key("acquire");
-    WriteResult(out.json, legacy.acquire);
-    out.json.Field("opens", SUCCEEDED(legacy.hostId) && legacy.acquire == S_OK);
-    out.json.EndObject();
-    out.json.Key("storeServer").BeginObject().Field("registered", store.registered);
-    out.json.Key("path");
-    if (store.registered)
-        out.json.String(store.path);
-    else
-        out.json.Null();
-    out.json.EndObject();
+    out.json["hostContainer"] = {{"hostId", ResultJson(legacy.hostId)},
+                                 {"name", U8(legacy.container)},
+                                 {"acquire", ResultJson(legacy.acquire)},
+                                 {"opens", SUCCEEDED(legacy.hostId) && legacy.acquire == S_OK}};
+    out.json["storeServer"] = StoreServerJson(store);
     if (FAILED(legacy.enumeration)) {
         out.Row("records", "the enumeration stopped: " + DescribeResult(legacy.enumeration));
     }
-    out.json.Key("enumeration");
-    WriteResult(out.json, legacy.enumeration);
+    out.json["enumeration"] = ResultJson(legacy.enumeration);
 
     size_t failing = 0;
     out.Row("users", legacy.usersKey ? Fmt("%zu under Data\\Users", legacy.users.size()) +
                                            (movesUsers ? "" : " (the next step does not move them)")
                                      : std::string("none (no Data\\Users key)"));
-    out.json.Key("users").BeginArray();
+    Json users = Json::array();
     for (const LegacyUser& u : legacy.users) {
         const std::string obstacle = movesUsers ? Obstacle(u, store.registered) : std::string();
         if (!obstacle.empty())
@@ -116,27 +104,19 @@ int Check(Printer& out)
         if (!obstacle.empty())
             out.Line("      would fail: " + obstacle);
 
-        out.json.BeginObject().Field("key", u.key);
-        out.json.Key("sid");
-        if (u.sid.empty())
-            out.json.Null();
-        else
-            out.json.String(u.sid);
-        out.json.Key("record");
-        WriteResult(out.json, u.record);
-        out.json.Field("unseals", SUCCEEDED(u.record) && u.record != S_FALSE);
-        out.json.Field("templateMask", u.templateMask).Field("templates", u.templates).Field("secrets", u.secrets);
-        out.json.Field("passwordSecret", u.passwordSecret);
-        out.json.Field("passwordOpens", u.passwordSecret && SUCCEEDED(u.passwordResult));
-        out.json.Field("wouldConvert", obstacle.empty());
-        out.json.Key("reason");
-        if (obstacle.empty())
-            out.json.Null();
-        else
-            out.json.String(obstacle);
-        out.json.EndObject();
+        users.push_back({{"key", U8(u.key)},
+                         {"sid", u.sid.empty() ? Json(nullptr) : Json(U8(u.sid))},
+                         {"record", ResultJson(u.record)},
+                         {"unseals", SUCCEEDED(u.record) && u.record != S_FALSE},
+                         {"templateMask", u.templateMask},
+                         {"templates", u.templates},
+                         {"secrets", u.secrets},
+                         {"passwordSecret", u.passwordSecret},
+                         {"passwordOpens", u.passwordSecret && SUCCEEDED(u.passwordResult)},
+                         {"wouldConvert", obstacle.empty()},
+                         {"reason", obstacle.empty() ? Json(nullptr) : Json(obstacle)}});
     }
-    out.json.EndArray();
+    out.json["users"] = users;
 
     std::string verdict;
     if (empty)
@@ -154,7 +134,8 @@ int Check(Printer& out)
         verdict = Fmt("%zu of %s would not convert and would keep their old data", failing,
                       Counted(legacy.users.size(), "user").c_str());
     out.Row("verdict", verdict);
-    out.json.Field("wouldFail", failing).Field("verdict", verdict);
+    out.json["wouldFail"] = failing;
+    out.json["verdict"] = verdict;
     const bool fails = failing || empty;
     if (fails)
         out.Problem(verdict);

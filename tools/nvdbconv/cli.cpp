@@ -60,7 +60,7 @@ const char* ShortUsageText()
     return "usage: nvdbconv [--dll PATH] [--json] [--quiet] COMMAND\n"
            "  COMMAND: status | check | convert [--progress auto|always|never] [--force] | upgrade [--force]\n"
            "         | rollback [--force] | cleanup\n"
-           "         | register | unregister | trace on|off [--verbosity N] [--file PATH] [--append|--new-file]\n"
+           "         | register | unregister | trace on|off|show [--verbosity N] [--file PATH] [--new-file]\n"
            "         | store | version | policy [--strict on|off]\n"
            "  nvdbconv --help explains each command.\n";
 }
@@ -96,8 +96,11 @@ const char* UsageText()
            "  trace on|off         write the trace settings (HKLM\\SOFTWARE\\Norvane\\Tracing)\n"
            "      --verbosity N    0 ordinary scopes, 10 and up everything\n"
            "      --file PATH      write to this file (FileName) instead of the default name\n"
-           "      --append         append to an existing file (NewFileAlways = 0)\n"
-           "      --new-file       start a new file in every process (NewFileAlways = 1)\n"
+           "      --new-file       start the file anew in every process that loads the library\n"
+           "                       (NewFileAlways = 1); without it every process appends\n"
+           "                       (NewFileAlways = 0, also --append)\n"
+           "  trace show           the trace settings in force, and whether the next load starts\n"
+           "                       the trace file anew\n"
            "  store                what the reference store holds: users, secrets, templates\n"
            "  version              versions of nvdbconv and of the library, and the library's exports\n"
            "  policy               the conversion policy (default or strict) and the users it keeps\n"
@@ -223,11 +226,13 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::wstring>& args)
 
     if (o.command == Command::Trace) {
         if (words.size() < 2)
-            return Fail("trace needs on or off");
+            return Fail("trace needs on, off or show");
         if (words[1] == L"on")
             o.traceOn = true;
+        else if (words[1] == L"show")
+            o.traceShow = true;
         else if (words[1] != L"off")
-            return Fail("trace takes on or off, not '" + ToUtf8(words[1]) + "'");
+            return Fail("trace takes on, off or show, not '" + ToUtf8(words[1]) + "'");
         if (words.size() > 2)
             return Fail("unexpected '" + ToUtf8(words[2]) + "'");
         if (!o.traceOn && sawTraceOption)

@@ -20,6 +20,7 @@ struct Options {
     ProgressMode progress = ProgressMode::Auto; // convert
     // trace
     bool traceOn = false;
+    bool traceShow = false; // trace show: the settings in force, nothing written
     std::optional<DWORD> verbosity;
     std::optional<std::wstring> file;
     std::optional<DWORD> newFileAlways;

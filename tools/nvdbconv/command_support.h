@@ -43,10 +43,11 @@ public:
     void Finish()
     {
         if (m_options.json && !m_options.quiet)
-            WriteOut(json.text() + "\n");
+            WriteOut(JsonText(json) + "\n");
     }
 
-    JsonWriter json;
+    // The command's document; Header starts it, Finish prints it.
+    Json json = Json::object();
 
 private:
     const Options& m_options;
@@ -63,12 +64,15 @@ std::string LayoutOf(const DatabaseState& s);
 std::string Verdict(const DatabaseState& s);
 std::string UserKeysText(const DatabaseState& s);
 std::string BackupText(const DatabaseState& s);
-void JsonDatabase(JsonWriter& json, const DatabaseState& s);
+Json DatabaseJson(const DatabaseState& s);
 // What convert and upgrade say of a database whose layout is already 3.0.
 std::string AlreadyConvertedText();
 // "HKLM\SOFTWARE\Norvane\DB\...: value "X" is empty; the backup cannot copy empty values"
 std::string EmptyValueText(const EmptyValue& v);
-void JsonEmptyValue(JsonWriter& json, const std::optional<EmptyValue>& v);
+// {"key","value"}, or null when there is no empty value.
+Json EmptyValueJson(const std::optional<EmptyValue>& v);
+// {"registered","path"}: the storage server's registration (path null when none).
+Json StoreServerJson(const StoreServerState& s);
 
 // Loads the library and asks GetDBVersion, printing both results. When the load
 // failed the command cannot go on.

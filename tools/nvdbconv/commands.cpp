@@ -91,14 +91,16 @@ std::string EmptyValueText(const EmptyValue& v)
     return "HKLM\\" + U8(v.key) + ": value \"" + U8(v.name) + "\" is empty; the backup cannot copy empty values";
 }
 
-void JsonEmptyValue(JsonWriter& json, const std::optional<EmptyValue>& v)
+Json EmptyValueJson(const std::optional<EmptyValue>& v)
 {
-    json.Key("emptyValue");
-    if (!v) {
-        json.Null();
-        return;
-    }
-    json.BeginObject().Field("key", L"HKLM\\" + v->key).Field("value", v->name).EndObject();
+    if (!v)
+        return nullptr;
+    return Json{{"key", U8(L"HKLM\\" + v->key)}, {"value", U8(v->name)}};
+}
+
+Json StoreServerJson(const StoreServerState& s)
+{
+    return Json{{"registered", s.registered}, {"path", s.registered ? Json(U8(s.path)) : Json(nullptr)}};
 }
 
 std::string Verdict(const DatabaseState& s)
@@ -156,7 +158,8 @@ bool RefuseForeignBackup(Printer& out, const DatabaseState& s, const char* opera
         return false;
     const std::string explanation = Fmt("refusing to %s: ", operation) + ForeignBackupAdvice(s);
     out.Problem(explanation);
-    out.json.Field("refused", true).Field("reason", explanation);
+    out.json["refused"] = true;
+    out.json["reason"] = explanation;
     return true;
 }
 
@@ -166,48 +169,23 @@ std::string BackupKeysText(const DatabaseState& s)
                s.backup10 ? "present" : "absent", ViewName(kBackup20View), s.backup20 ? "present" : "absent");
 }
 
-void JsonOptionalString(JsonWriter& json, const char* key, const std::optional<std::wstring>& value)
+Json DatabaseJson(const DatabaseState& s)
 {
-    json.Key(key);
-    if (value)
-        json.String(*value);
-    else
-        json.Null();
-}
-
-void JsonOptionalDword(JsonWriter& json, const char* key, const std::optional<DWORD>& value)
-{
-    json.Key(key);
-    if (value)
-        json.Number(*value);
-    else
-        json.Null();
-}
-
-void JsonDatabase(JsonWriter& json, const DatabaseState& s)
-{
-    json.BeginObject();
-    json.Field("present", s.in32 || s.in64);
-    json.Key("views").BeginArray();
+    Json views = Json::array();
     if (s.in32)
-        json.String(std::string("32-bit"));
+        views.push_back("32-bit");
     if (s.in64)
-        json.String(std::string("64-bit"));
-    json.EndArray();
-    JsonOptionalString(json, "version", s.version);
-    json.Field("mainDB", s.mainDb);
-    json.Key("userKeys");
-    if (s.usersKey)
-        json.Number(s.userKeys);
-    else
-        json.Null();
-    json.Field("layout", LayoutOf(s));
-    json.Key("backup").BeginObject();
-    JsonOptionalString(json, "value", s.backupValue);
-    json.Key("DB-v1.0").BeginObject().Field("view", ViewName(kBackup10View)).Field("exists", s.backup10).EndObject();
-    json.Key("DB-v2.0").BeginObject().Field("view", ViewName(kBackup20View)).Field("exists", s.backup20).EndObject();
-    json.EndObject();
-    json.EndObject();
+        views.push_back("64-bit");
+    return Json{{"present", s.in32 || s.in64},
+                {"views", views},
+                {"version", OrNull(s.version)},
+                {"mainDB", s.mainDb},
+                {"userKeys", s.usersKey ? Json(s.userKeys) : Json(nullptr)},
+                {"layout", LayoutOf(s)},
+                {"backup",
+                 {{"value", OrNull(s.backupValue)},
+                  {"DB-v1.0", {{"view", ViewName(kBackup10View)}, {"exists", s.backup10}}},
+                  {"DB-v2.0", {{"view", ViewName(kBackup20View)}, {"exists", s.backup20}}}}}};
 }
 
 std::string TraceText(const TraceSettings& t)
@@ -233,27 +211,34 @@ void ShowTrace(Printer& out, const TraceSettings& t, const std::wstring& dllPath
         out.Row("trace file", U8(TraceFileFor(t, dllPath)));
 }
 
-void JsonTrace(JsonWriter& json, const TraceSettings& t, const std::wstring& dllPath)
+void WarnIfTraceTruncates(const Printer& out, const TraceSettings& t, const std::wstring& dllPath)
 {
-    json.BeginObject();
-    json.Field("key", t.keyFound);
-    json.Key("view");
-    if (t.keyFound)
-        json.String(std::string(ViewName(t.keyView)));
-    else
-        json.Null();
-    JsonOptionalDword(json, "DoTrace", t.doTrace);
-    JsonOptionalDword(json, "TraceToFile", t.traceToFile);
-    JsonOptionalDword(json, "NewFileAlways", t.newFileAlways);
-    JsonOptionalDword(json, "DoProfiling", t.doProfiling);
-    JsonOptionalDword(json, "Verbosity", t.verbosity);
-    JsonOptionalString(json, "TracePath", t.tracePath);
-    JsonOptionalString(json, "FileName", t.fileName);
-    json.Field("on", t.keyFound && t.on());
-    json.Field("toFile", t.keyFound && t.on() && t.toFile());
-    json.Field("append", t.append());
-    json.Field("file", TraceFileFor(t, dllPath));
-    json.EndObject();
+    if (!TruncatesOnLoad(t, dllPath))
+        return;
+    const std::string value = t.newFileAlways
+                                  ? Fmt("NewFileAlways = %lu", static_cast<unsigned long>(*t.newFileAlways))
+                                  : std::string("no NewFileAlways DWORD");
+    out.Warning("the trace settings (" + value + ") start " + U8(TraceFileFor(t, dllPath)) +
+                " anew in every process that loads the library: each command replaces the trace of the one "
+                "before; \"nvdbconv trace on\" without --new-file appends");
+}
+
+Json TraceJson(const TraceSettings& t, const std::wstring& dllPath)
+{
+    return Json{{"key", t.keyFound},
+                {"view", t.keyFound ? Json(ViewName(t.keyView)) : Json(nullptr)},
+                {"DoTrace", OrNull(t.doTrace)},
+                {"TraceToFile", OrNull(t.traceToFile)},
+                {"NewFileAlways", OrNull(t.newFileAlways)},
+                {"DoProfiling", OrNull(t.doProfiling)},
+                {"Verbosity", OrNull(t.verbosity)},
+                {"TracePath", OrNull(t.tracePath)},
+                {"FileName", OrNull(t.fileName)},
+                {"on", t.keyFound && t.on()},
+                {"toFile", t.keyFound && t.on() && t.toFile()},
+                {"append", t.append()},
+                {"file", U8(TraceFileFor(t, dllPath))},
+                {"truncates", TruncatesOnLoad(t, dllPath)}};
 }
 
 Loaded LoadAndAsk(CLibraryHost& host, Printer& out)
@@ -261,13 +246,12 @@ Loaded LoadAndAsk(CLibraryHost& host, Printer& out)
     Loaded l;
     l.load = host.Load();
     out.Row("library", U8(host.path()));
-    out.json.Field("dll", host.path());
-    out.json.Key("load");
-    WriteResult(out.json, l.load);
+    out.json["dll"] = U8(host.path());
+    out.json["load"] = ResultJson(l.load);
     if (FAILED(l.load)) {
         out.Row("LoadLibrary", DescribeResult(l.load));
         out.Problem("cannot load " + U8(host.path()) + ": " + DescribeResult(l.load));
-        out.json.Key("getDBVersion").Null();
+        out.json["getDBVersion"] = nullptr;
         return l;
     }
     WarnIfTraceRefused(out, host);
@@ -276,12 +260,11 @@ Loaded LoadAndAsk(CLibraryHost& host, Printer& out)
     if (SUCCEEDED(l.version))
         out.Row("version", VersionWithCode(l.current) + " -> target " + VersionWithCode(l.target) +
                                (l.target == 0 ? ": no converter for this database" : ""));
-    out.json.Key("getDBVersion").BeginObject();
-    out.json.Key("result");
-    WriteResult(out.json, l.version);
-    out.json.Field("current", l.current).Field("currentText", VersionText(l.current));
-    out.json.Field("target", l.target).Field("targetText", VersionText(l.target));
-    out.json.EndObject();
+    out.json["getDBVersion"] = {{"result", ResultJson(l.version)},
+                                {"current", l.current},
+                                {"currentText", VersionText(l.current)},
+                                {"target", l.target},
+                                {"targetText", VersionText(l.target)}};
     return l;
 }
 
@@ -295,14 +278,12 @@ void WarnIfTraceRefused(const Printer& out, const CLibraryHost& host)
 void Header(Printer& out, const char* command)
 {
     out.Line(Fmt("nvdbconv %s", command));
-    out.json.BeginObject();
-    out.json.Field("tool", "nvdbconv").Field("command", command);
+    out.json = {{"tool", "nvdbconv"}, {"command", command}};
 }
 
 int Finish(Printer& out, int exitCode)
 {
-    out.json.Field("exitCode", exitCode);
-    out.json.EndObject();
+    out.json["exitCode"] = exitCode;
     out.Finish();
     return exitCode;
 }
@@ -330,22 +311,12 @@ void ShowPolicy(Printer& out, const PolicyState& policy, const std::vector<HeldU
         out.Row("held user", U8(u.sid) + " " + U8(u.key) + Fmt(" 0x%08lX: ", static_cast<unsigned long>(u.result)) +
                                  U8(u.reason));
 
-    out.json.Key("policy").BeginObject();
-    out.json.Field("strict", policy.strict()).Field("valueFound", policy.valueFound);
-    out.json.Key("value");
-    if (policy.value)
-        out.json.Number(*policy.value);
-    else
-        out.json.Null();
-    out.json.EndObject();
-    out.json.Field("heldUsersReadable", readable);
-    out.json.Key("heldUsers").BeginArray();
-    for (const HeldUser& u : held) {
-        out.json.BeginObject();
-        out.json.Field("key", u.key).Field("sid", u.sid).Field("result", u.result).Field("reason", u.reason);
-        out.json.EndObject();
-    }
-    out.json.EndArray();
+    out.json["policy"] = {{"strict", policy.strict()}, {"valueFound", policy.valueFound}, {"value", OrNull(policy.value)}};
+    out.json["heldUsersReadable"] = readable;
+    Json heldUsers = Json::array();
+    for (const HeldUser& u : held)
+        heldUsers.push_back({{"key", U8(u.key)}, {"sid", U8(u.sid)}, {"result", u.result}, {"reason", U8(u.reason)}});
+    out.json["heldUsers"] = heldUsers;
 }
 namespace {
 
@@ -358,8 +329,7 @@ int Policy(const Options& o, Printer& out)
     if (o.strict) {
         hr = WriteStrictConversion(*o.strict);
         out.Row("set", std::string(*o.strict ? "strict on: " : "strict off: ") + DescribeResult(hr));
-        out.json.Key("write");
-        WriteResult(out.json, hr);
+        out.json["write"] = ResultJson(hr);
         if (FAILED(hr))
             out.Problem("writing HKLM\\SOFTWARE\\Norvane\\Policies\\Default failed: " + DescribeResult(hr));
     }
@@ -380,11 +350,11 @@ int Status(Printer& out, CLibraryHost& host)
     out.Row("state", Verdict(db));
     out.Row("backup", BackupText(db));
     out.Row("backup keys", BackupKeysText(db));
-    out.json.Field("backupForeign", db.backupForeign);
+    out.json["backupForeign"] = db.backupForeign;
     if (db.backupForeign) {
         const std::string advice = ForeignBackupAdvice(db);
         out.Row("foreign", advice);
-        out.json.Field("foreignAdvice", advice);
+        out.json["foreignAdvice"] = advice;
     }
     // "Backup" naming a key that is gone: a conversion ended between deleting its
     // backup key and deleting the value (or the key was removed by hand).
@@ -402,7 +372,7 @@ int Status(Printer& out, CLibraryHost& host)
                 U8(*db.backupValue).c_str(), ViewName(other), db.version ? U8(*db.version).c_str() : "?",
                 ViewName(view));
             out.Row("interrupted", advice);
-            out.json.Field("interruptedAdvice", advice);
+            out.json["interruptedAdvice"] = advice;
         } else if (backupMissing) {
             const std::string advice = Fmt(
                 "\"Backup\" names HKLM\\%s, but that key does not exist in the %s view: the last conversion\n"
@@ -412,28 +382,23 @@ int Status(Printer& out, CLibraryHost& host)
                 "  \"Backup\" when it is done.",
                 U8(*db.backupValue).c_str(), ViewName(view));
             out.Row("interrupted", advice);
-            out.json.Field("interruptedAdvice", advice);
+            out.json["interruptedAdvice"] = advice;
         }
     }
-    out.json.Field("backupKeyMissing", backupMissing);
+    out.json["backupKeyMissing"] = backupMissing;
     const StoreServerState store = ReadStoreServer();
     out.Row("store server", store.registered ? "registered: " + U8(store.path)
                                              : std::string("not registered (a 2.0 conversion needs it)"));
     const TraceSettings trace = ReadTraceSettings();
     ShowTrace(out, trace, host.path());
+    // This run's load has already started the file anew; a refused file was not touched.
+    if (!host.traceRefusal())
+        WarnIfTraceTruncates(out, trace, host.path());
     ShowPolicy(out, ReadPolicyState(), ReadHeldUsers(), true);
 
-    out.json.Key("database");
-    JsonDatabase(out.json, db);
-    out.json.Key("storeServer").BeginObject().Field("registered", store.registered);
-    out.json.Key("path");
-    if (store.registered)
-        out.json.String(store.path);
-    else
-        out.json.Null();
-    out.json.EndObject();
-    out.json.Key("trace");
-    JsonTrace(out.json, trace, host.path());
+    out.json["database"] = DatabaseJson(db);
+    out.json["storeServer"] = StoreServerJson(store);
+    out.json["trace"] = TraceJson(trace, host.path());
     return Finish(out, SUCCEEDED(l.load) && SUCCEEDED(l.version) ? kExitOk : kExitFailed);
 }
 
@@ -454,8 +419,7 @@ int TidyFinishedDatabase(Printer& out, const DatabaseState& before, const Loaded
         const HRESULT hr = host.Cleanup();
         out.Row("left over", "backup key HKLM\\" + U8(*before.backupValue) + " of an interrupted run: Cleanup " +
                                  DescribeResult(hr, "Cleanup"));
-        out.json.Key("leftoverCleanup");
-        WriteResult(out.json, hr, "Cleanup");
+        out.json["leftoverCleanup"] = ResultJson(hr, "Cleanup");
         if (FAILED(hr))
             out.Problem("Cleanup of the left-over backup failed: " + DescribeResult(hr));
         return SUCCEEDED(hr) ? kExitOk : kExitFailed;
@@ -471,8 +435,7 @@ int TidyFinishedDatabase(Printer& out, const DatabaseState& before, const Loaded
     const HRESULT hr = HRESULT_FROM_WIN32(r);
     out.Row("left over", "\"Backup\" named HKLM\\" + U8(*before.backupValue) +
                              ", which no longer exists: value removed " + DescribeResult(hr));
-    out.json.Key("leftoverBackupValueRemoved");
-    WriteResult(out.json, hr);
+    out.json["leftoverBackupValueRemoved"] = ResultJson(hr);
     if (FAILED(hr))
         out.Problem("removing \"Backup\" failed: " + DescribeResult(hr));
     return SUCCEEDED(hr) ? kExitOk : kExitFailed;
@@ -483,14 +446,13 @@ int Convert(const Options& o, Printer& out, CLibraryHost& host)
     Header(out, "convert");
     const DatabaseState before = ReadDatabaseState();
     const Loaded l = LoadAndAsk(host, out);
-    out.json.Key("before");
-    JsonDatabase(out.json, before);
+    out.json["before"] = DatabaseJson(before);
     if (FAILED(l.load))
         return Finish(out, kExitFailed);
 
     // The library still offers 2.x -> 3.0 for a finished database ("Version" stays
     // 2.x); Convert would back it up and then fail on the missing Data\Users.
-    out.json.Field("alreadyConverted", before.layout30);
+    out.json["alreadyConverted"] = before.layout30;
     if (before.layout30) {
         out.Row("state", AlreadyConvertedText() + "; Convert not called");
         return Finish(out, TidyFinishedDatabase(out, before, l, host));
@@ -499,7 +461,7 @@ int Convert(const Options& o, Printer& out, CLibraryHost& host)
     // cut short took Data\Users with it. Convert would back it up and fail on the
     // missing key; the library's Cleanup deletes the rest only while Data\Users opens.
     if (LayoutOf(before) == "2.0" && !before.usersKey && (l.current >> 16) == 2 && l.target != 0) {
-        out.json.Field("usersMoved", true);
+        out.json["usersMoved"] = true;
         out.Row("state", "no Data\\Users: every user was moved, the rest of the old database is what an "
                          "interrupted clean-up left; Convert not called");
         return Finish(out, TidyFinishedDatabase(out, before, l, host));
@@ -539,13 +501,12 @@ int Convert(const Options& o, Printer& out, CLibraryHost& host)
         progress = poller.Stop();
 
     out.Row("Convert", DescribeResult(hr));
-    out.json.Key("convert");
-    WriteResult(out.json, hr);
+    out.json["convert"] = ResultJson(hr);
     // The backup's refusal of an empty value reads as "not enough memory": name it.
     const bool emptyValueFailed = empty && hr == HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY);
     if (emptyValueFailed)
         out.Row("cause", EmptyValueText(*empty));
-    JsonEmptyValue(out.json, empty);
+    out.json["emptyValue"] = EmptyValueJson(empty);
 
     const DatabaseState after = ReadDatabaseState();
     if (movesUsers) {
@@ -555,18 +516,16 @@ int Convert(const Options& o, Printer& out, CLibraryHost& host)
                              after.usersKey ? Fmt("%lu left under Data\\Users",
                                                   static_cast<unsigned long>(after.userKeys)).c_str()
                                             : "Data\\Users removed"));
-        out.json.Key("users").BeginObject();
-        out.json.Field("total", progress.total).Field("converted", progress.converted());
-        out.json.Field("left", progress.left);
-        out.json.Key("seconds").Real(progress.seconds, 3);
-        out.json.Key("rate").Real(progress.rate(), 1);
-        out.json.Field("samples", poller.samples());
-        out.json.EndObject();
+        out.json["users"] = {{"total", progress.total},
+                             {"converted", progress.converted()},
+                             {"left", progress.left},
+                             {"seconds", Rounded(progress.seconds, 3)},
+                             {"rate", Rounded(progress.rate(), 1)},
+                             {"samples", poller.samples()}};
     }
     out.Row("now", Verdict(after));
     out.Row("backup", BackupText(after));
-    out.json.Key("after");
-    JsonDatabase(out.json, after);
+    out.json["after"] = DatabaseJson(after);
     if (FAILED(hr)) {
         out.Problem("Convert failed: " + DescribeResult(hr) + (emptyValueFailed ? ": " + EmptyValueText(*empty) : ""));
         return Finish(out, kExitFailed);
@@ -587,8 +546,7 @@ int Rollback(const Options& o, Printer& out, CLibraryHost& host)
     Header(out, "rollback");
     const DatabaseState before = ReadDatabaseState();
     const Loaded l = LoadAndAsk(host, out);
-    out.json.Key("before");
-    JsonDatabase(out.json, before);
+    out.json["before"] = DatabaseJson(before);
     if (FAILED(l.load))
         return Finish(out, kExitFailed);
 
@@ -602,9 +560,7 @@ int Rollback(const Options& o, Printer& out, CLibraryHost& host)
         const REGSAM view = BackupViewFor(l.current);
         const bool exists = KeyExists(before.backupValue->c_str(), view);
         out.Row("backup key", Fmt("%s (%s view)", exists ? "present" : "MISSING", ViewName(view)));
-        out.json.Key("backupKey").BeginObject();
-        out.json.Field("path", *before.backupValue).Field("view", ViewName(view)).Field("exists", exists);
-        out.json.EndObject();
+        out.json["backupKey"] = {{"path", U8(*before.backupValue)}, {"view", ViewName(view)}, {"exists", exists}};
         if (!exists && !o.force) {
             const std::string path = U8(*before.backupValue);
             const std::string explanation = Fmt(
@@ -618,20 +574,19 @@ int Rollback(const Options& o, Printer& out, CLibraryHost& host)
                                       static_cast<unsigned long>(before.userKeys)).c_str()
                                 : "");
             out.Problem(explanation);
-            out.json.Field("refused", true).Field("reason", explanation);
+            out.json["refused"] = true;
+            out.json["reason"] = explanation;
             return Finish(out, kExitRefused);
         }
     }
-    out.json.Field("refused", false);
+    out.json["refused"] = false;
     const HRESULT hr = host.Rollback();
     out.Row("Rollback", DescribeResult(hr, "Rollback"));
-    out.json.Key("rollback");
-    WriteResult(out.json, hr, "Rollback");
+    out.json["rollback"] = ResultJson(hr, "Rollback");
     const DatabaseState after = ReadDatabaseState();
     out.Row("now", Verdict(after));
     out.Row("backup", BackupText(after));
-    out.json.Key("after");
-    JsonDatabase(out.json, after);
+    out.json["after"] = DatabaseJson(after);
     if (FAILED(hr))
         out.Problem("Rollback failed: " + DescribeResult(hr));
     return Finish(out, SUCCEEDED(hr) ? kExitOk : kExitFailed);
@@ -642,25 +597,22 @@ int Cleanup(const Options&, Printer& out, CLibraryHost& host)
     Header(out, "cleanup");
     const DatabaseState before = ReadDatabaseState();
     const Loaded l = LoadAndAsk(host, out);
-    out.json.Key("before");
-    JsonDatabase(out.json, before);
+    out.json["before"] = DatabaseJson(before);
     if (FAILED(l.load))
         return Finish(out, kExitFailed);
     out.Row("backup", BackupText(before));
     if (RefuseForeignBackup(out, before, "clean up"))
         return Finish(out, kExitRefused);
-    out.json.Field("refused", false);
+    out.json["refused"] = false;
     const HRESULT hr = host.Cleanup();
     out.Row("Cleanup", DescribeResult(hr, "Cleanup"));
-    out.json.Key("cleanup");
-    WriteResult(out.json, hr, "Cleanup");
+    out.json["cleanup"] = ResultJson(hr, "Cleanup");
     const DatabaseState after = ReadDatabaseState();
     out.Row("MainDB", after.mainDb ? "present" : "absent");
     out.Row("user keys", UserKeysText(after));
     out.Row("backup keys", BackupKeysText(after));
     out.Row("now", Verdict(after));
-    out.json.Key("after");
-    JsonDatabase(out.json, after);
+    out.json["after"] = DatabaseJson(after);
     if (FAILED(hr))
         out.Problem("Cleanup failed: " + DescribeResult(hr));
     return Finish(out, SUCCEEDED(hr) ? kExitOk : kExitFailed);
@@ -673,9 +625,8 @@ int Registration(bool doRegister, Printer& out, CLibraryHost& host)
     Header(out, name);
     const HRESULT load = host.Load();
     out.Row("library", U8(host.path()));
-    out.json.Field("dll", host.path());
-    out.json.Key("load");
-    WriteResult(out.json, load);
+    out.json["dll"] = U8(host.path());
+    out.json["load"] = ResultJson(load);
     if (FAILED(load)) {
         out.Problem("cannot load " + U8(host.path()) + ": " + DescribeResult(load));
         return Finish(out, kExitFailed);
@@ -687,10 +638,9 @@ int Registration(bool doRegister, Printer& out, CLibraryHost& host)
     const HRESULT hr = doRegister ? host.Register() : host.Unregister();
     const bool nothingRegistered = !doRegister && !listBefore && hr == HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
     out.Row(call, DescribeResult(hr));
-    out.json.Key(doRegister ? "register" : "unregister");
-    WriteResult(out.json, hr);
+    out.json[doRegister ? "register" : "unregister"] = ResultJson(hr);
     if (!doRegister) {
-        out.json.Field("nothingRegistered", nothingRegistered);
+        out.json["nothingRegistered"] = nothingRegistered;
         if (nothingRegistered)
             out.Row("unregistered", "nothing was registered (no HKLM\\SOFTWARE\\Norvane\\Core\\SysComponents)");
     }
@@ -698,12 +648,12 @@ int Registration(bool doRegister, Printer& out, CLibraryHost& host)
     out.Row("components", components.empty() ? std::string("none in HKLM\\SOFTWARE\\Norvane\\Core\\SysComponents")
                                              : Fmt("%zu in HKLM\\SOFTWARE\\Norvane\\Core\\SysComponents",
                                                    components.size()));
-    out.json.Key("components").BeginObject();
+    Json list = Json::object();
     for (const auto& [name, text] : components) {
         out.Line("    " + U8(name) + " = " + U8(text));
-        out.json.Field(U8(name).c_str(), text);
+        list[U8(name)] = U8(text);
     }
-    out.json.EndObject();
+    out.json["components"] = list;
     if (FAILED(hr) && !nothingRegistered)
         out.Problem(std::string(call) + " failed: " + DescribeResult(hr));
     return Finish(out, SUCCEEDED(hr) || nothingRegistered ? kExitOk : kExitFailed);
@@ -712,20 +662,25 @@ int Registration(bool doRegister, Printer& out, CLibraryHost& host)
 int Trace(const Options& o, Printer& out, const std::wstring& dllPath)
 {
     Header(out, "trace");
-    TraceChange change;
-    change.on = o.traceOn;
-    change.verbosity = o.verbosity;
-    change.fileName = o.file;
-    change.newFileAlways = o.newFileAlways;
-    const HRESULT hr = WriteTraceSettings(change);
-    out.Row("settings", std::string(o.traceOn ? "on" : "off") + ": " + DescribeResult(hr));
-    out.json.Field("on", o.traceOn);
-    out.json.Key("write");
-    WriteResult(out.json, hr);
+    HRESULT hr = S_OK;
+    if (!o.traceShow) {
+        TraceChange change;
+        change.on = o.traceOn;
+        change.verbosity = o.verbosity;
+        change.fileName = o.file;
+        // The format's default starts the file anew in every process that loads the
+        // library, so each command would wipe the trace of the one before (upgrade's
+        // steps included): a trace asked for here appends unless told otherwise.
+        change.newFileAlways = o.traceOn ? std::optional<DWORD>(o.newFileAlways.value_or(0)) : o.newFileAlways;
+        hr = WriteTraceSettings(change);
+        out.Row("settings", std::string(o.traceOn ? "on" : "off") + ": " + DescribeResult(hr));
+        out.json["on"] = o.traceOn;
+        out.json["write"] = ResultJson(hr);
+    }
     const TraceSettings now = ReadTraceSettings();
     ShowTrace(out, now, dllPath);
-    out.json.Key("trace");
-    JsonTrace(out.json, now, dllPath);
+    WarnIfTraceTruncates(out, now, dllPath);
+    out.json["trace"] = TraceJson(now, dllPath);
     if (FAILED(hr))
         out.Problem("writing HKLM\\SOFTWARE\\Norvane\\Tracing failed: " + DescribeResult(hr));
     return Finish(out, SUCCEEDED(hr) ? kExitOk : kExitFailed);
@@ -765,19 +720,14 @@ int Version(Printer& out, CLibraryHost& host)
 {
     Header(out, "version");
     out.Row("nvdbconv", NV_VERSION_TEXT);
-    out.json.Field("version", NV_VERSION_TEXT);
+    out.json["version"] = NV_VERSION_TEXT;
     out.Row("library", U8(host.path()));
-    out.json.Field("dll", host.path());
+    out.json["dll"] = U8(host.path());
     const std::string fileVersion = FileVersionOf(host.path());
     out.Row("file version", fileVersion.empty() ? std::string("none (no version resource)") : fileVersion);
-    out.json.Key("fileVersion");
-    if (fileVersion.empty())
-        out.json.Null();
-    else
-        out.json.String(fileVersion);
+    out.json["fileVersion"] = fileVersion.empty() ? Json(nullptr) : Json(fileVersion);
     const HRESULT load = host.Load();
-    out.json.Key("load");
-    WriteResult(out.json, load);
+    out.json["load"] = ResultJson(load);
     if (FAILED(load)) {
         out.Row("LoadLibrary", DescribeResult(load));
         out.Problem("cannot load " + U8(host.path()) + ": " + DescribeResult(load));
@@ -785,16 +735,16 @@ int Version(Printer& out, CLibraryHost& host)
     }
     WarnIfTraceRefused(out, host);
     std::string present, missing;
-    out.json.Key("exports").BeginObject();
+    Json exports = Json::object();
     for (size_t i = 0; i < kLibraryExportCount; ++i) {
         const bool has = host.HasExport(kLibraryExports[i]);
         std::string& list = has ? present : missing;
         if (!list.empty())
             list += " ";
         list += kLibraryExports[i];
-        out.json.Field(kLibraryExports[i], has);
+        exports[kLibraryExports[i]] = has;
     }
-    out.json.EndObject();
+    out.json["exports"] = exports;
     out.Row("exports", present);
     if (!missing.empty())
         out.Row("missing", missing);
@@ -806,18 +756,12 @@ int Store(Printer& out)
     Header(out, "store");
     const StoreServerState server = ReadStoreServer();
     out.Row("server", server.registered ? "registered: " + U8(server.path) : std::string("not registered"));
-    out.json.Key("server").BeginObject().Field("registered", server.registered);
-    out.json.Key("path");
-    if (server.registered)
-        out.json.String(server.path);
-    else
-        out.json.Null();
-    out.json.EndObject();
+    out.json["server"] = StoreServerJson(server);
 
     const StoreSummary s = ReadStoreSummary();
     out.Row("users", Fmt("%zu in HKLM\\SOFTWARE\\Norvane\\Store (64-bit view), %zu registered", s.users.size(),
                          s.registered));
-    out.json.Key("users").BeginArray();
+    Json users = Json::array();
     for (const StoreUserSummary& u : s.users) {
         std::string positions;
         for (DWORD p : u.templates)
@@ -829,29 +773,27 @@ int Store(Printer& out)
                      U8(u.sid).c_str(), u.secrets.size(), u.secretsOpen, names.empty() ? "" : ": ", names.c_str(),
                      u.templates.size(), positions.empty() ? "" : " at ", positions.c_str(),
                      u.payload ? "yes" : "no", u.registered ? "registered" : "not registered"));
-        out.json.BeginObject();
-        out.json.Field("sid", u.sid);
-        out.json.Key("secrets").BeginArray();
+        Json secrets = Json::array();
         for (const std::wstring& n : u.secrets)
-            out.json.String(n);
-        out.json.EndArray();
-        out.json.Field("secretsOpen", u.secretsOpen);
-        out.json.Key("templates").BeginArray();
-        for (DWORD p : u.templates)
-            out.json.Number(p);
-        out.json.EndArray();
-        out.json.Field("payload", u.payload).Field("keyPair", u.keyPair).Field("password", u.password);
-        out.json.Field("registered", u.registered);
-        out.json.EndObject();
+            secrets.push_back(U8(n));
+        users.push_back({{"sid", U8(u.sid)},
+                         {"secrets", secrets},
+                         {"secretsOpen", u.secretsOpen},
+                         {"templates", u.templates},
+                         {"payload", u.payload},
+                         {"keyPair", u.keyPair},
+                         {"password", u.password},
+                         {"registered", u.registered}});
     }
-    out.json.EndArray();
+    out.json["users"] = users;
     out.Row("total", Fmt("%s, %s (%zu open with their user's key), %s", Counted(s.users.size(), "user").c_str(),
                          Counted(s.secrets(), "secret").c_str(), s.secretsOpen(),
                          Counted(s.templates(), "template").c_str()));
-    out.json.Key("totals").BeginObject();
-    out.json.Field("users", s.users.size()).Field("registered", s.registered);
-    out.json.Field("secrets", s.secrets()).Field("secretsOpen", s.secretsOpen()).Field("templates", s.templates());
-    out.json.EndObject();
+    out.json["totals"] = {{"users", s.users.size()},
+                          {"registered", s.registered},
+                          {"secrets", s.secrets()},
+                          {"secretsOpen", s.secretsOpen()},
+                          {"templates", s.templates()}};
     return Finish(out, kExitOk);
 }
 

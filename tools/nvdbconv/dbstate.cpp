@@ -229,4 +229,54 @@ HRESULT WriteTraceSettings(const TraceChange& change)
     });
 }
 
+namespace {
+
+LSTATUS OpenTracingForChange(REGSAM view, nv::CNVRegKey& key)
+{
+    return key.Open(HKEY_LOCAL_MACHINE, kTracingPath, KEY_QUERY_VALUE | KEY_SET_VALUE | (view & KEY_WOW64_32KEY));
+}
+
+} // namespace
+
+RawTraceValue ReadRawTraceValue(REGSAM view, const wchar_t* name)
+{
+    RawTraceValue value;
+    nv::CNVRegKey key;
+    if (!Open(kTracingPath, view & KEY_WOW64_32KEY, key))
+        return value;
+    DWORD type = REG_NONE, size = 0;
+    if (::RegQueryValueExW(key, name, nullptr, &type, nullptr, &size) != ERROR_SUCCESS)
+        return value;
+    value.data.resize(size);
+    if (::RegQueryValueExW(key, name, nullptr, &type, value.data.data(), &size) != ERROR_SUCCESS)
+        return RawTraceValue();
+    value.data.resize(size);
+    value.present = true;
+    value.type = type;
+    return value;
+}
+
+HRESULT SetTraceDword(REGSAM view, const wchar_t* name, DWORD value)
+{
+    nv::CNVRegKey key;
+    LSTATUS r = OpenTracingForChange(view, key);
+    if (r == ERROR_SUCCESS)
+        r = ::RegSetValueExW(key, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof(value));
+    return HRESULT_FROM_WIN32(r);
+}
+
+HRESULT RestoreTraceValue(REGSAM view, const wchar_t* name, const RawTraceValue& value)
+{
+    nv::CNVRegKey key;
+    LSTATUS r = OpenTracingForChange(view, key);
+    if (r != ERROR_SUCCESS)
+        return HRESULT_FROM_WIN32(r);
+    if (!value.present) {
+        r = ::RegDeleteValueW(key, name);
+        return HRESULT_FROM_WIN32(r == ERROR_FILE_NOT_FOUND ? ERROR_SUCCESS : r);
+    }
+    r = ::RegSetValueExW(key, name, 0, value.type, value.data.data(), static_cast<DWORD>(value.data.size()));
+    return HRESULT_FROM_WIN32(r);
+}
+
 } // namespace nvdbconv

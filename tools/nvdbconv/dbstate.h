@@ -110,4 +110,19 @@ struct TraceChange {
 // registry call's code.
 HRESULT WriteTraceSettings(const TraceChange& change);
 
+// One value of the Tracing key as it stands, whatever its type, so that a value
+// changed for a while can be put back exactly (a REG_SZ "0" the library ignores
+// stays a REG_SZ "0").
+struct RawTraceValue {
+    bool present = false;
+    DWORD type = REG_NONE;
+    std::vector<BYTE> data;
+};
+RawTraceValue ReadRawTraceValue(REGSAM view, const wchar_t* name);
+// Sets the value in the Tracing key of that view, which must exist (no key is made:
+// a new key in the native view would hide the settings of the 32-bit one).
+HRESULT SetTraceDword(REGSAM view, const wchar_t* name, DWORD value);
+// Puts the value back as it was read: rewritten, or deleted when it was absent.
+HRESULT RestoreTraceValue(REGSAM view, const wchar_t* name, const RawTraceValue& value);
+
 } // namespace nvdbconv

@@ -72,23 +72,13 @@ std::vector<RemainingUser> ReadRemainingUsers(const std::wstring& dllPath)
 
 int ReportRemainingUsers(Printer& out, const std::vector<RemainingUser>& users, DWORD total)
 {
-    out.json.Key("remaining").BeginArray();
-    for (const RemainingUser& u : users) {
-        out.json.BeginObject().Field("key", u.key);
-        out.json.Key("sid");
-        if (u.sid.empty())
-            out.json.Null();
-        else
-            out.json.String(u.sid);
-        out.json.Key("status");
-        if (u.status)
-            WriteResult(out.json, static_cast<HRESULT>(*u.status));
-        else
-            out.json.Null();
-        out.json.EndObject();
-    }
-    out.json.EndArray();
-    out.json.Field("usersRemained", !users.empty());
+    Json remaining = Json::array();
+    for (const RemainingUser& u : users)
+        remaining.push_back({{"key", U8(u.key)},
+                             {"sid", u.sid.empty() ? Json(nullptr) : Json(U8(u.sid))},
+                             {"status", u.status ? ResultJson(static_cast<HRESULT>(*u.status)) : Json(nullptr)}});
+    out.json["remaining"] = remaining;
+    out.json["usersRemained"] = !users.empty();
     if (users.empty())
         return kExitOk;
 
@@ -127,14 +117,19 @@ GapReport ReadUserGaps(const std::wstring& dllPath)
     return report;
 }
 
+Json GapsJson(const GapReport& gaps)
+{
+    Json list = Json::array();
+    for (const UserGap& u : gaps.users)
+        list.push_back({{"sid", U8(u.sid)}, {"missing", u.missing}});
+    return list;
+}
+
 int ReportUserGaps(Printer& out, const GapReport& gaps, DWORD total, bool strict)
 {
-    out.json.Field("gapsTraced", gaps.traced);
-    out.json.Key("gaps").BeginArray();
-    for (const UserGap& u : gaps.users)
-        out.json.BeginObject().Field("sid", u.sid).Field("missing", u.missing).EndObject();
-    out.json.EndArray();
-    out.json.Field("movedWithGaps", !gaps.users.empty());
+    out.json["gapsTraced"] = gaps.traced;
+    out.json["gaps"] = GapsJson(gaps);
+    out.json["movedWithGaps"] = !gaps.users.empty();
     if (!gaps.traced && !strict)
         out.Row("gaps", "not known: the library names them only in its trace (nvdbconv trace on)");
     if (gaps.users.empty())
@@ -152,7 +147,7 @@ int ReportUserGaps(Printer& out, const GapReport& gaps, DWORD total, bool strict
 bool RefuseWithoutStore(Printer& out, bool force, DWORD userKeys)
 {
     const StoreServerState store = ReadStoreServer();
-    out.json.Field("storeRegistered", store.registered);
+    out.json["storeRegistered"] = store.registered;
     if (store.registered)
         return false;
     if (force) {
@@ -166,7 +161,8 @@ bool RefuseWithoutStore(Printer& out, bool force, DWORD userKeys)
         "  S_OK. Register the server first (regsvr32 NVStore.dll), or run again with --force.",
         Counted(userKeys, "user").c_str());
     out.Problem(explanation);
-    out.json.Field("refused", true).Field("reason", explanation);
+    out.json["refused"] = true;
+    out.json["reason"] = explanation;
     return true;
 }
 

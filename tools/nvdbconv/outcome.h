@@ -46,6 +46,8 @@ GapReport ReadUserGaps(const std::wstring& dllPath);
 // and returns kExitUsersRemained when there are any, kExitOk otherwise. Without a
 // trace file, under the default policy, says that gaps cannot be told.
 int ReportUserGaps(Printer& out, const GapReport& gaps, DWORD total, bool strict);
+// [{"sid","missing"}] of the users moved with gaps.
+Json GapsJson(const GapReport& gaps);
 
 // Before a 2.0 -> 3.0 step: with the storage server unregistered every user would
 // keep the old data. Unless forced, says so (text, JSON "refused"/"reason") and

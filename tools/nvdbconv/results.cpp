@@ -113,20 +113,14 @@ std::string DescribeResult(HRESULT hr, const char* call)
     return line;
 }
 
-void WriteResult(JsonWriter& json, HRESULT hr, const char* call)
+Json ResultJson(HRESULT hr, const char* call)
 {
-    json.BeginObject();
-    json.Field("hr", HexCode(hr));
-    json.Field("code", static_cast<long>(hr));
     const std::string symbol = SymbolOf(hr);
-    json.Key("symbol");
-    if (symbol.empty())
-        json.Null();
-    else
-        json.String(symbol);
-    json.Field("message", ResultMessage(hr, call));
-    json.Field("ok", SUCCEEDED(hr));
-    json.EndObject();
+    return Json{{"hr", HexCode(hr)},
+                {"code", static_cast<long>(hr)},
+                {"symbol", symbol.empty() ? Json(nullptr) : Json(symbol)},
+                {"message", ResultMessage(hr, call)},
+                {"ok", SUCCEEDED(hr)}};
 }
 
 } // namespace nvdbconv

@@ -25,6 +25,6 @@ std::string ResultMessage(HRESULT hr, const char* call = nullptr);
 std::string DescribeResult(HRESULT hr, const char* call = nullptr);
 
 // {"hr":"0x80004005","code":-2147467259,"symbol":"E_FAIL","message":"...","ok":false}
-void WriteResult(JsonWriter& json, HRESULT hr, const char* call = nullptr);
+Json ResultJson(HRESULT hr, const char* call = nullptr);
 
 } // namespace nvdbconv

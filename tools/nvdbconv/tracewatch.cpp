@@ -106,6 +106,11 @@ bool CTraceFileWatch::FileDue(const TraceSettings& settings, const std::wstring&
     return enabled;
 }
 
+bool TruncatesOnLoad(const TraceSettings& settings, const std::wstring& dllPath)
+{
+    return !settings.append() && CTraceFileWatch::FileDue(settings, BaseNameOf(dllPath));
+}
+
 CTraceFileWatch::FileState CTraceFileWatch::StateOf(const std::wstring& path)
 {
     FileState state;

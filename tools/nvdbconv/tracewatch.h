@@ -50,4 +50,9 @@ private:
     FileState m_before;
 };
 
+// Whether the next load of the library at dllPath would start its trace file anew:
+// a file is due (CTraceFileWatch::FileDue) and NewFileAlways is not a DWORD of 0.
+// Every process that loads the library then replaces the last one's trace.
+bool TruncatesOnLoad(const TraceSettings& settings, const std::wstring& dllPath);
+
 } // namespace nvdbconv

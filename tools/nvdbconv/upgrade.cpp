@@ -5,10 +5,12 @@
 #include "upgrade.h"
 
 #include <cstdlib>
+#include <cstring>
 
 #include "outcome.h"
 #include "policy.h"
 #include "results.h"
+#include "tracewatch.h"
 
 namespace nvdbconv {
 
@@ -71,42 +73,39 @@ ChildRun RunChild(const std::wstring& commandLine)
     return run;
 }
 
-// The hex code of a result member in the child's JSON ("convert":{"hr":"0x...").
-std::optional<HRESULT> ResultIn(const std::string& json, const char* member)
+// The child's document, or null when it printed none that reads.
+Json ChildDocument(const std::string& out)
 {
-    const std::string key = std::string("\"") + member + "\":{\"hr\":\"";
-    const size_t at = json.find(key);
-    if (at == std::string::npos)
-        return std::nullopt;
-    const std::string hex = json.substr(at + key.size(), 10);
-    char* end = nullptr;
-    const unsigned long v = std::strtoul(hex.c_str(), &end, 16);
-    if (end != hex.c_str() + hex.size())
-        return std::nullopt;
-    return static_cast<HRESULT>(v);
+    Json doc = Json::parse(out, nullptr, false);
+    return doc.is_object() ? doc : Json(nullptr);
 }
 
-// A string member of the child's JSON ("targetText":"3.0"); nullopt when absent.
-std::optional<std::string> TextIn(const std::string& json, const char* member)
+// The code of the child's Convert ("convert":{"hr":"0x..."}); none when it did not call it.
+std::optional<HRESULT> ConvertResultIn(const Json& child)
 {
-    const std::string key = std::string("\"") + member + "\":\"";
-    const size_t at = json.find(key);
-    if (at == std::string::npos)
+    if (!child.is_object() || !child.contains("convert") || !child["convert"].is_object())
         return std::nullopt;
-    const size_t end = json.find('"', at + key.size());
-    if (end == std::string::npos)
+    const Json& hr = child["convert"].value("hr", Json());
+    if (!hr.is_string())
         return std::nullopt;
-    return json.substr(at + key.size(), end - at - key.size());
+    const std::string hex = hr.get<std::string>();
+    char* end = nullptr;
+    const unsigned long v = std::strtoul(hex.c_str(), &end, 16);
+    if (hex.size() != 10 || end != hex.c_str() + hex.size())
+        return std::nullopt;
+    return static_cast<HRESULT>(v);
 }
 
 // What the step was to reach: the target the child's library reported for the
 // database, or the next format when it reported none. A failed step leaves the
 // database where it was, so the layout afterwards cannot label it.
-std::string StepTarget(const std::string& childJson, const std::string& from)
+std::string StepTarget(const Json& child, const std::string& from)
 {
-    const std::optional<std::string> target = TextIn(childJson, "targetText");
-    if (target && *target != "0.0")
-        return *target;
+    if (child.is_object() && child.contains("getDBVersion") && child["getDBVersion"].is_object()) {
+        const Json& target = child["getDBVersion"].value("targetText", Json());
+        if (target.is_string() && target.get<std::string>() != "0.0")
+            return target.get<std::string>();
+    }
     return from == "1.0" ? "2.0" : "3.0";
 }
 
@@ -119,12 +118,89 @@ std::string UserText(const RemainingUser& u)
     return text;
 }
 
-std::string Trimmed(std::string text)
-{
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
-        text.pop_back();
-    return text;
-}
+// Keeps the steps' traces in one file. Under settings that start the trace file anew
+// in every process that loads the library, each step's child would wipe the steps
+// before it. So the first step starts the file, as the settings ask, and the later
+// ones append to it: NewFileAlways = 0, in the view the settings were read from,
+// while they run. The value is put back exactly as it was when the upgrade ends, and
+// both changes are shown.
+class CStepTraceAppend {
+public:
+    CStepTraceAppend(Printer& out, const std::wstring& dllPath) : m_out(out)
+    {
+        const TraceSettings settings = ReadTraceSettings();
+        m_due = TruncatesOnLoad(settings, dllPath);
+        if (!m_due)
+            return;
+        m_view = settings.keyView;
+        m_file = TraceFileFor(settings, dllPath);
+        m_before = ReadRawTraceValue(m_view, NVDBCONV_VALUE_NEW_FILE_ALWAYS);
+    }
+    // A safety net only: every way out of Upgrade calls Restore, which says so.
+    ~CStepTraceAppend()
+    {
+        if (m_set && !m_restore)
+            RestoreTraceValue(m_view, NVDBCONV_VALUE_NEW_FILE_ALWAYS, m_before);
+    }
+    CStepTraceAppend(const CStepTraceAppend&) = delete;
+    CStepTraceAppend& operator=(const CStepTraceAppend&) = delete;
+
+    // Before step 2 and later.
+    void BeforeStep(int step)
+    {
+        if (!m_due || step < 2 || m_set)
+            return;
+        m_set = SetTraceDword(m_view, NVDBCONV_VALUE_NEW_FILE_ALWAYS, 0);
+        m_out.Line("  trace: the steps after the first append to " + U8(m_file) + " (NewFileAlways = 0 for them; it was " +
+                   BeforeText() + "): " + DescribeResult(*m_set));
+        if (FAILED(*m_set))
+            m_out.Problem("setting NewFileAlways = 0 failed: " + DescribeResult(*m_set) +
+                          "; each step's trace replaces the one before");
+    }
+
+    void Restore()
+    {
+        if (!m_set || m_restore)
+            return;
+        m_restore = RestoreTraceValue(m_view, NVDBCONV_VALUE_NEW_FILE_ALWAYS, m_before);
+        m_out.Row("trace", "NewFileAlways " + std::string(m_before.present ? "back to " : "removed again: ") +
+                               BeforeText() + ", as before the upgrade: " + DescribeResult(*m_restore));
+        if (FAILED(*m_restore))
+            m_out.Problem("putting NewFileAlways back failed: " + DescribeResult(*m_restore) +
+                          "; it stays 0 (append): \"nvdbconv trace on --new-file\" sets it to 1");
+    }
+
+    // {"file","before","set","restore"}; null when the steps were left alone.
+    Json ToJson() const
+    {
+        if (!m_set)
+            return nullptr;
+        return Json{{"file", U8(m_file)},
+                    {"before", BeforeText()},
+                    {"set", ResultJson(*m_set)},
+                    {"restore", m_restore ? ResultJson(*m_restore) : Json(nullptr)}};
+    }
+
+private:
+    std::string BeforeText() const
+    {
+        if (!m_before.present)
+            return "absent";
+        if (m_before.type == REG_DWORD && m_before.data.size() == sizeof(DWORD)) {
+            DWORD value = 0;
+            std::memcpy(&value, m_before.data.data(), sizeof(value));
+            return std::to_string(value);
+        }
+        return "not a REG_DWORD";
+    }
+
+    Printer& m_out;
+    bool m_due = false;
+    REGSAM m_view = 0;
+    std::wstring m_file;
+    RawTraceValue m_before;
+    std::optional<HRESULT> m_set, m_restore;
+};
 
 } // namespace
 
@@ -132,10 +208,9 @@ int Upgrade(const Options& o, Printer& out, const std::wstring& dllPath)
 {
     Header(out, "upgrade");
     out.Row("library", U8(dllPath));
-    out.json.Field("dll", dllPath);
+    out.json["dll"] = U8(dllPath);
     DatabaseState state = ReadDatabaseState();
-    out.json.Key("before");
-    JsonDatabase(out.json, state);
+    out.json["before"] = DatabaseJson(state);
     std::string layout = LayoutOf(state);
     out.Row("database", Verdict(state));
 
@@ -149,42 +224,46 @@ int Upgrade(const Options& o, Printer& out, const std::wstring& dllPath)
     std::vector<RemainingUser> stayed;
     GapReport gaps;
     int exitCode = kExitOk;
-    out.json.Key("steps").BeginArray();
+    CStepTraceAppend traceSteps(out, dllPath);
+    Json steps = Json::array();
+    out.json["steps"] = steps; // its place in the document; filled after the loop
     for (int step = 1; step <= kMaxSteps && (layout == "1.0" || layout == "2.0"); ++step) {
         const bool toStore = layout == "2.0";
         if (toStore) {
             // The refusal goes into the document's top level, after the steps.
             if (!ReadStoreServer().registered && !o.force) {
-                out.json.EndArray();
+                out.json["steps"] = steps;
                 RefuseWithoutStore(out, false, state.userKeys);
-                out.json.Field("chain", chain);
+                out.json["chain"] = chain;
+                traceSteps.Restore();
+                out.json["traceAppend"] = traceSteps.ToJson();
                 return Finish(out, kExitRefused);
             }
             usersTotal = state.usersKey ? state.userKeys : 0;
         }
+        traceSteps.BeforeStep(step);
         const std::optional<EmptyValue> empty = FindEmptyValue();
         std::wstring cmd = Quoted(SelfPath()) + L" --dll " + Quoted(dllPath) + L" --json";
         if (o.force)
             cmd += L" --force";
         cmd += L" convert --progress never";
         const ChildRun run = RunChild(cmd);
-        const std::optional<HRESULT> hr = ResultIn(run.out, "convert");
+        const Json child = ChildDocument(run.out);
+        const std::optional<HRESULT> hr = ConvertResultIn(child);
         const DatabaseState after = ReadDatabaseState();
         const std::string next = LayoutOf(after);
-        const std::string target = StepTarget(run.out, layout);
+        const std::string target = StepTarget(child, layout);
         const bool emptyValueFailed = empty && hr && *hr == HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY);
         if (emptyValueFailed)
             failureCause = EmptyValueText(*empty);
 
-        out.json.BeginObject().Field("step", step).Field("from", layout).Field("to", target).Field("reached", next);
-        out.json.Field("started", run.started).Field("exitCode", static_cast<long long>(run.exitCode));
-        out.json.Key("child");
-        const std::string doc = Trimmed(run.out);
-        if (!doc.empty() && doc.front() == '{' && doc.back() == '}')
-            out.json.Raw(doc);
-        else
-            out.json.Null();
-        out.json.EndObject();
+        steps.push_back({{"step", step},
+                         {"from", layout},
+                         {"to", target},
+                         {"reached", next},
+                         {"started", run.started},
+                         {"exitCode", run.exitCode},
+                         {"child", child}});
 
         std::string line = Fmt("step %d: %s -> %s, Convert ", step, layout.c_str(), target.c_str());
         line += hr ? DescribeResult(*hr) : std::string("not called");
@@ -235,7 +314,8 @@ int Upgrade(const Options& o, Printer& out, const std::wstring& dllPath)
     }
     if (exitCode == kExitOk && layout != "3.0" && layout != "none")
         exitCode = kExitFailed;
-    out.json.EndArray();
+    out.json["steps"] = steps;
+    traceSteps.Restore();
 
     std::string summary = chain;
     if (alreadyConverted)
@@ -253,18 +333,17 @@ int Upgrade(const Options& o, Printer& out, const std::wstring& dllPath)
                        static_cast<unsigned long>(usersTotal - std::min(usersLeft, usersTotal)),
                        static_cast<unsigned long>(usersTotal), Noun(usersTotal, "user").c_str());
     out.Row("upgrade", summary);
-    out.json.Field("chain", chain).Field("summary", summary).Field("alreadyConverted", alreadyConverted);
-    out.json.Key("users").BeginObject().Field("total", usersTotal).Field("left", usersLeft).EndObject();
-    out.json.Key("stayed").BeginArray();
+    out.json["chain"] = chain;
+    out.json["summary"] = summary;
+    out.json["alreadyConverted"] = alreadyConverted;
+    out.json["users"] = {{"total", usersTotal}, {"left", usersLeft}};
+    Json stayedJson = Json::array();
     for (const RemainingUser& u : stayed)
-        out.json.BeginObject().Field("key", u.key).Field("sid", u.sid).EndObject();
-    out.json.EndArray();
-    out.json.Key("gaps").BeginArray();
-    for (const UserGap& u : gaps.users)
-        out.json.BeginObject().Field("sid", u.sid).Field("missing", u.missing).EndObject();
-    out.json.EndArray();
-    out.json.Key("after");
-    JsonDatabase(out.json, ReadDatabaseState());
+        stayedJson.push_back({{"key", U8(u.key)}, {"sid", U8(u.sid)}});
+    out.json["stayed"] = stayedJson;
+    out.json["gaps"] = GapsJson(gaps);
+    out.json["after"] = DatabaseJson(ReadDatabaseState());
+    out.json["traceAppend"] = traceSteps.ToJson();
     if (exitCode == kExitFailed)
         out.Problem("upgrade failed: " + summary);
     else if (exitCode == kExitUsersRemained)
