@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #endif
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -53,24 +55,149 @@ bool Matches(const std::string& text, const char* pattern)
     return true;
 }
 
-// An empty string when the text suits the kind, else why not.
+// The longest well-formed UTF-8 prefix of text[from, to): the end of the last whole
+// character. Surrogate halves encoded on their own pass: a wide text cut between
+// the two halves of a pair converts so on some systems.
+std::size_t Utf8End(const std::string& text, std::size_t from, std::size_t to)
+{
+    std::size_t i = from;
+    while (i < to) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        std::size_t n;
+        unsigned lowest;
+        if (c < 0x80) {
+            ++i;
+            continue;
+        }
+        if (c >= 0xC2 && c <= 0xDF) {
+            n = 2;
+            lowest = 0x80;
+        } else if (c >= 0xE0 && c <= 0xEF) {
+            n = 3;
+            lowest = 0x800;
+        } else if (c >= 0xF0 && c <= 0xF4) {
+            n = 4;
+            lowest = 0x10000;
+        } else {
+            return i;
+        }
+        if (to - i < n)
+            return i;
+        unsigned value = c & (0xFFu >> (n + 1));
+        for (std::size_t k = 1; k < n; ++k) {
+            const unsigned char t = static_cast<unsigned char>(text[i + k]);
+            if ((t & 0xC0) != 0x80)
+                return i;
+            value = (value << 6) | (t & 0x3Fu);
+        }
+        if (value < lowest || value > 0x10FFFF)
+            return i;
+        i += n;
+    }
+    return i;
+}
+
+// The bytes from `at` to the end begin a character that the end cut off.
+bool IsCutCharacter(const std::string& text, std::size_t at)
+{
+    const unsigned char c = static_cast<unsigned char>(text[at]);
+    const std::size_t need = c >= 0xC2 && c <= 0xDF ? 2 : c >= 0xE0 && c <= 0xEF ? 3 : c >= 0xF0 && c <= 0xF4 ? 4 : 0;
+    if (need == 0 || text.size() - at >= need)
+        return false;
+    for (std::size_t k = at + 1; k < text.size(); ++k) {
+        if ((static_cast<unsigned char>(text[k]) & 0xC0) != 0x80)
+            return false;
+    }
+    return true;
+}
+
+bool HasControl(const std::string& text, std::size_t from)
+{
+    for (std::size_t i = from; i < text.size(); ++i) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        if (c < 0x20 || c == 0x7F)
+            return true;
+    }
+    return false;
+}
+
+bool InRange(const std::string& text, std::size_t at, int low, int high)
+{
+    const int v = (text[at] - '0') * 10 + (text[at + 1] - '0');
+    return v >= low && v <= high;
+}
+
+// A result as the library formats it ("%d"): an optional minus, no leading zero,
+// within 32 bits, and a code the library traces at all: a failure, or a success of
+// facility 9. Sets end to where the number stops.
+bool ResultNumber(const std::string& text, std::size_t& end)
+{
+    std::size_t i = (!text.empty() && text[0] == '-') ? 1 : 0;
+    const std::size_t first = i;
+    long long v = 0;
+    while (i < text.size() && IsDigit(text[i]) && i - first < 11) {
+        v = v * 10 + (text[i] - '0');
+        ++i;
+    }
+    const std::size_t digits = i - first;
+    if (digits == 0 || (digits > 1 && text[first] == '0') || (i < text.size() && IsDigit(text[i])))
+        return false;
+    if (first == 1)
+        v = -v;
+    if (v < -2147483648LL || v > 2147483647LL)
+        return false;
+    end = i;
+    if (v < 0)
+        return true;
+    return (static_cast<unsigned long long>(v) & 0x1FFF0000u) == 0x00090000u;
+}
+
+// An empty string when the text is one the library writes for the kind, else why not.
 std::string CheckText(char kind, const std::string& text)
 {
     if (text.find('\0') != std::string::npos)
         return "its text holds a NUL byte";
     switch (kind) {
     case 't':
-        return Matches(text, "dd/dd/dd") ? "" : "the date record is not mm/dd/yy";
+        return Matches(text, "dd/dd/dd") && InRange(text, 0, 1, 12) && InRange(text, 3, 1, 31)
+                   ? ""
+                   : "the date record is not mm/dd/yy";
     case 'T':
-        return Matches(text, "dd:dd:dd.ddd") ? "" : "the time record is not hh:mm:ss.mmm";
+        return Matches(text, "dd:dd:dd.ddd") && InRange(text, 0, 0, 23) && InRange(text, 3, 0, 59) &&
+                       InRange(text, 6, 0, 59)
+                   ? ""
+                   : "the time record is not hh:mm:ss.mmm";
     case 'N':
-        return Matches(text, "dd-dd-dddd") ? "" : "the reopen record is not mm-dd-yyyy";
+        return Matches(text, "dd-dd-dddd") && InRange(text, 0, 1, 12) && InRange(text, 3, 1, 31)
+                   ? ""
+                   : "the reopen record is not mm-dd-yyyy";
+    case '>':
+        // Scope names are the library's own: plain ASCII, never empty.
+        if (text.empty())
+            return "the scope record has no name";
+        for (const char c : text) {
+            if (c < 0x20 || c > 0x7E)
+                return "the scope name is not printable ASCII";
+        }
+        return "";
+    case 'U':
+        // A line is UTF-8, cut only at a character's end; control characters can
+        // come from the names it quotes.
+        return Utf8End(text, 0, text.size()) == text.size() ? "" : "the line is not UTF-8";
     case 'E': {
-        std::size_t i = (!text.empty() && text[0] == '-') ? 1 : 0;
-        const std::size_t digits = i;
-        while (i < text.size() && IsDigit(text[i]))
-            ++i;
-        return (i > digits && i < text.size() && text[i] == ' ') ? "" : "the result record does not start with a number";
+        std::size_t end = 0;
+        if (!ResultNumber(text, end))
+            return "the result record does not start with a result code the library traces";
+        if (end >= text.size() || text[end] != ' ')
+            return "the result record has no blank after its code";
+        // The text after it is the caller's; a record at the longest length may have
+        // been cut inside its last character.
+        const std::size_t ok = Utf8End(text, end + 1, text.size());
+        if (ok != text.size() && !(text.size() == MaxTextLength('E') && IsCutCharacter(text, ok)))
+            return "the result text is not UTF-8";
+        if (HasControl(text, end + 1))
+            return "the result text holds a control character";
+        return "";
     }
     default:
         return "";
@@ -304,6 +431,29 @@ int& DepthOf(std::vector<ThreadDepth>& depths, std::uint32_t thread)
 
 } // namespace
 
+// "0x80070002 HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)", then ": <text>" when the
+// record has one: a result as a reader looks it up, not as a signed decimal.
+std::string ResultShown(const std::string& text)
+{
+    const std::size_t blank = text.find(' ');
+    const std::string number = text.substr(0, blank);
+    char* end = nullptr;
+    const long long code = std::strtoll(number.c_str(), &end, 10);
+    if (number.empty() || *end != '\0')
+        return text;
+    const std::string rest = blank == std::string::npos ? std::string() : text.substr(blank + 1);
+    const std::uint32_t value = static_cast<std::uint32_t>(code);
+    char hex[16];
+    std::snprintf(hex, sizeof(hex), "0x%08X", static_cast<unsigned>(value));
+    std::string shown = hex;
+    const std::string name = DescribeCode(value).name;
+    if (!name.empty())
+        shown += " " + name;
+    if (!rest.empty())
+        shown += ": " + rest;
+    return shown;
+}
+
 void WriteListing(const DecodedTrace& trace, const FormatOptions& options, std::ostream& out)
 {
     if (!options.raw) {
@@ -342,7 +492,9 @@ void WriteListing(const DecodedTrace& trace, const FormatOptions& options, std::
         if (thread.size() < 6)
             line << std::string(6 - thread.size(), ' ');
         line << thread << "  " << std::string(static_cast<std::size_t>(depth) * 2, ' ') << record.kind;
-        if (!record.text.empty())
+        if (record.kind == 'E')
+            line << ' ' << Printable(ResultShown(record.text));
+        else if (!record.text.empty())
             line << ' ' << Printable(record.text);
         out << line.str() << '\n';
         if (record.kind == '>')
@@ -356,7 +508,8 @@ const char kUsage[] =
     "usage: nvtrace [--raw | --summary | --json] [--thread N] FILE\n"
     "  Decodes a .trc3 trace file: the header as it stands, then one line per record\n"
     "  (date and time, thread id, indentation by scope depth, kind and text;\n"
-    "  kinds: '>' scope entered, '<' scope left, 'U' line, 'E' result, 'N' file reopened).\n"
+    "  kinds: '>' scope entered, '<' scope left, 'U' line, 'E' result as hex code and\n"
+    "  name, 'N' file reopened).\n"
     "  --raw       every record as kind, thread and text, tab-separated, no header\n"
     "  --summary   processes and threads, every failing result with its scope path, code name\n"
     "              and message, the users of a 2.0 -> 3.0 conversion with their final status,\n"

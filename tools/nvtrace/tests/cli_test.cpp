@@ -84,7 +84,8 @@ TEST(NvtraceCliTest, DecodesAFileWithExitCodeZero)
     EXPECT_EQ(0u, r.out.find("trace3\nCompiled: Sep 15 2010 11:26:51\n"));
     EXPECT_NE(std::string::npos, r.out.find(".\n11/15/26 09:30:00.125      4  > CDBConverter::FinalConstruct\n"
                                             "11/15/26 09:30:00.125      4    U m_dwVersion = 0x0\n"
-                                            "11/15/26 09:30:00.125      4    E -2147024894 \n"
+                                            "11/15/26 09:30:00.125      4    E 0x80070002 "
+                                            "HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)\n"
                                             "11/15/26 09:30:00.125      4  <\n"
                                             "11/15/26 09:30:00.125      5  U other thread\n"))
         << r.out;
@@ -218,4 +219,152 @@ TEST(NvtraceCliTest, EveryTruncationOfARealisticFileFailsCleanly)
             EXPECT_NE(std::string::npos, r.err.find("at byte offset " + std::to_string(trace.errorOffset))) << size;
         }
     }
+}
+
+namespace {
+
+// A sample with every kind of record, texts of every shape the library writes.
+SampleTrace EveryKind()
+{
+    SampleTrace s;
+    s.Add(4, 't', "11/25/26").Add(4, 'T', "09:30:00.125").Add(4, '>', "CBaseConverter::Convert")
+        .Add(4, 'U', "wszVersion = 2.0").Add(4, 'U', "user Gr\xC3\xBC\xC3\x9F" "e \xE2\x82\xAC")
+        .Add(4, '>', "CBaseConverter::Backup").Add(4, 'E', "-2147024888 ").Add(4, '<')
+        .Add(4, 'E', "-2147467259 opening key").Add(4, '<').Add(4, 'E', "590610 ")
+        .Add(0, 'N', "11-26-2026").Add(5, 'T', "23:59:59.999").Add(5, 'U', "");
+    return s;
+}
+
+// Offsets of the records of a decoded sample.
+std::vector<std::size_t> RecordOffsets(const SampleTrace& sample)
+{
+    std::vector<std::size_t> offsets;
+    for (const nvtrace::Record& r : nvtrace::Decode(sample.bytes()).records)
+        offsets.push_back(static_cast<std::size_t>(r.offset));
+    return offsets;
+}
+
+} // namespace
+
+// Every byte of the body flipped in turn: a damaged kind, length or text stops the
+// decoder at the damaged record with exit 3, naming its offset, and what came
+// before is shown as it was. The thread id is the one field nothing can check (any
+// value is a thread's): there the file decodes with only that thread changed.
+TEST(NvtraceCliTest, AFlippedByteAnywhereInTheBodyIsReportedAtItsRecord)
+{
+    const SampleTrace sample = EveryKind();
+    const nvtrace::DecodedTrace clean = nvtrace::Decode(sample.bytes());
+    ASSERT_TRUE(clean.ok) << clean.error;
+    const std::vector<std::size_t> starts = RecordOffsets(sample);
+    ASSERT_EQ(14u, starts.size());
+    std::size_t threadFlips = 0, stopped = 0;
+    for (std::size_t at = static_cast<std::size_t>(clean.bodyOffset); at < sample.size(); ++at) {
+        std::vector<std::uint8_t> bytes = sample.bytes();
+        bytes[at] ^= 0xFF;
+        std::size_t record = 0;
+        while (record + 1 < starts.size() && starts[record + 1] <= at)
+            ++record;
+        const std::size_t recordStart = starts[record];
+        TempFile file(bytes);
+        const CliResult r = RunTool({"--raw", file.path()});
+        if (at - recordStart < 4) {
+            ++threadFlips;
+            EXPECT_EQ(0, r.code) << at;
+            const nvtrace::DecodedTrace flipped = nvtrace::Decode(bytes);
+            ASSERT_EQ(clean.records.size(), flipped.records.size()) << at;
+            for (std::size_t i = 0; i < clean.records.size(); ++i) {
+                EXPECT_EQ(clean.records[i].text, flipped.records[i].text) << at;
+                EXPECT_EQ(i == record, clean.records[i].thread != flipped.records[i].thread) << at;
+            }
+            continue;
+        }
+        ++stopped;
+        EXPECT_EQ(3, r.code) << "flipped byte at " << at;
+        const std::string named = " at byte offset " + std::to_string(recordStart) + ": ";
+        EXPECT_EQ(0u, r.err.find("nvtrace: " + file.path() + ": ")) << at << ": " << r.err;
+        EXPECT_NE(std::string::npos, r.err.find(named)) << "flipped byte at " << at << ": " << r.err;
+        // The records before the damaged one are listed as they were.
+        std::size_t lines = 0;
+        for (const char c : r.out)
+            lines += c == '\n' ? 1 : 0;
+        EXPECT_EQ(record, lines) << at;
+    }
+    EXPECT_EQ(4u * 14u, threadFlips);
+    EXPECT_EQ(sample.size() - static_cast<std::size_t>(clean.bodyOffset) - threadFlips, stopped);
+}
+
+// Texts the library never writes, each in a record whose kind and length are fine.
+TEST(NvtraceCliTest, RecordsWhoseTextTheLibraryCannotWriteAreCorrupt)
+{
+    struct Case {
+        char kind;
+        std::string text;
+        const char* why;
+    };
+    const Case cases[] = {
+        {'U', "bad \xC3(", "the line is not UTF-8"},
+        {'U', "cut \xE2\x82", "the line is not UTF-8"},
+        {'U', "overlong \xC0\xAF", "the line is not UTF-8"},
+        {'>', "CFoo::Bar\x01", "the scope name is not printable ASCII"},
+        {'>', "", "the scope record has no name"},
+        {'E', "0 ", "the result record does not start with a result code the library traces"},
+        {'E', "5 ", "the result record does not start with a result code the library traces"},
+        {'E', "-02147467259 ", "the result record does not start with a result code the library traces"},
+        {'E', "-2147483649 ", "the result record does not start with a result code the library traces"},
+        {'E', "2147483647 ", "the result record does not start with a result code the library traces"},
+        {'E', "+5 ", "the result record does not start with a result code the library traces"},
+        {'E', "-2147467259x", "the result record has no blank after its code"},
+        {'E', "-2147467259 a\tb", "the result text holds a control character"},
+        {'T', "24:00:00.000", "the time record is not hh:mm:ss.mmm"},
+        {'T', "12:60:00.000", "the time record is not hh:mm:ss.mmm"},
+        {'t', "13/01/26", "the date record is not mm/dd/yy"},
+        {'t', "00/01/26", "the date record is not mm/dd/yy"},
+        {'N', "11-32-2026", "the reopen record is not mm-dd-yyyy"},
+    };
+    for (const Case& c : cases) {
+        SampleTrace sample;
+        sample.Add(1, '>', "A");
+        const std::size_t at = sample.size();
+        sample.Add(1, c.kind, c.text);
+        TempFile file(sample.bytes());
+        const CliResult r = RunTool({file.path()});
+        EXPECT_EQ(3, r.code) << c.kind << " " << c.text;
+        EXPECT_EQ("nvtrace: " + file.path() + ": corrupt record at byte offset " + std::to_string(at) + ": " + c.why +
+                      "\n",
+                  r.err);
+    }
+}
+
+// What the library does write stays accepted: every result shape it traces, the
+// edges of every clock field, control characters a quoted name can bring into a
+// line, and a result text cut inside its last character at the longest length.
+TEST(NvtraceCliTest, EveryTextTheLibraryWritesIsAccepted)
+{
+    SampleTrace sample;
+    sample.Add(1, 't', "01/01/00").Add(1, 't', "12/31/99").Add(1, 'T', "00:00:00.000").Add(1, 'T', "23:59:59.999")
+        .Add(1, 'N', "01-01-1601").Add(1, 'N', "12-31-9999").Add(1, '>', std::string(99, '~'))
+        .Add(1, 'U', "value \"a\tb\x01\" of key is empty").Add(1, 'U', "\xED\xA0\x80 lone surrogate")
+        .Add(1, 'U', "\xF0\x9F\x98\x80").Add(1, 'E', "-2147483648 ")
+        .Add(1, 'E', "590610 ").Add(1, 'E', "-1 x").Add(1, 'E', "-1 " + std::string(255, 'x') + "\xE2\x82")
+        .Add(1, '<').Add(1, '<').Add(1, 'U', "");
+    const nvtrace::DecodedTrace trace = nvtrace::Decode(sample.bytes());
+    EXPECT_TRUE(trace.ok) << trace.error;
+    EXPECT_EQ(17u, trace.records.size());
+}
+
+// The plain listing shows a result as its hex code and name, the text after it.
+TEST(NvtraceCliTest, ListingShowsResultsAsHexWithTheirNames)
+{
+    TempFile file(EveryKind().bytes());
+    const CliResult r = RunTool({file.path()});
+    EXPECT_EQ(0, r.code) << r.err;
+    EXPECT_NE(std::string::npos,
+              r.out.find("11/25/26 09:30:00.125      4    > CBaseConverter::Backup\n"
+                         "11/25/26 09:30:00.125      4      E 0x80070008 HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY)\n"
+                         "11/25/26 09:30:00.125      4    <\n"
+                         "11/25/26 09:30:00.125      4    E 0x80004005 E_FAIL: opening key\n"
+                         "11/25/26 09:30:00.125      4  <\n"
+                         "11/25/26 09:30:00.125      4  E 0x00090312\n"))
+        << r.out;
+    EXPECT_EQ(std::string::npos, r.out.find("-2147")) << r.out;
 }
