@@ -14,6 +14,7 @@
 #include <sstream>
 
 #include "common/tea_cfb.h"
+#include "rollup.h"
 #include "summary.h"
 #include "trace/trace_keys.h"
 
@@ -506,17 +507,26 @@ namespace {
 
 const char kUsage[] =
     "usage: nvtrace [--raw | --summary | --json] [--thread N] FILE\n"
+    "       nvtrace [--summary | --json | --csv] FILE|FOLDER...\n"
     "  Decodes a .trc3 trace file: the header as it stands, then one line per record\n"
     "  (date and time, thread id, indentation by scope depth, kind and text;\n"
     "  kinds: '>' scope entered, '<' scope left, 'U' line, 'E' result as hex code and\n"
     "  name, 'N' file reopened).\n"
     "  --raw       every record as kind, thread and text, tab-separated, no header\n"
-    "  --summary   processes and threads, every failing result with its scope path, code name\n"
-    "              and message, the users of a 2.0 -> 3.0 conversion with their final status,\n"
-    "              and the slowest scopes by total time\n"
+    "  --summary   first the verdict on each conversion (format step, policy, users moved,\n"
+    "              moved with gaps, held and failed, and every user not plainly moved),\n"
+    "              then processes and threads, every failing result once with its scope\n"
+    "              path, code name and message, the users of a 2.0 -> 3.0 conversion, and\n"
+    "              the slowest scopes by total time\n"
     "  --json      every record as one JSON object per line (offset, process, thread, kind,\n"
     "              time, depth, text; results also code, name, message)\n"
-    "  --thread N  only the records of thread N (decimal, or hex with 0x)\n";
+    "  --csv       the roll-up below as CSV\n"
+    "  --thread N  only the records of thread N (decimal, or hex with 0x)\n"
+    "  Several files, or a folder (every *.trc3 under it), with --summary, --json or\n"
+    "  --csv: one row per trace (machine, version, start, users moved, with gaps, held,\n"
+    "  failed, first failure, damage) and totals with the most frequent failure codes.\n"
+    "  Exit codes: 0 decoded, 1 usage, 2 unreadable (or no trace found), 3 truncated or\n"
+    "  corrupt (with many files: 3 if any was, else 2 if any could not be read).\n";
 
 bool ParseThread(const std::string& text, std::uint32_t& value)
 {
@@ -550,48 +560,84 @@ bool ParseThread(const std::string& text, std::uint32_t& value)
 
 } // namespace
 
-int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream& err)
+namespace {
+
+enum class OutputMode { Listing, Raw, Summary, Json, Csv };
+
+// What the command line asks for.
+struct CliOptions {
+    OutputMode mode = OutputMode::Listing;
+    bool modeGiven = false;
+    FormatOptions format;
+    std::vector<std::string> paths;
+};
+
+// The options that choose what is written to standard output; one at most.
+struct ModeOption {
+    const char* name;
+    OutputMode mode;
+};
+constexpr ModeOption kModeOptions[] = {
+    {"--raw", OutputMode::Raw},
+    {"--summary", OutputMode::Summary},
+    {"--json", OutputMode::Json},
+    {"--csv", OutputMode::Csv},
+};
+
+// -1 when the command line is complete, else the exit code to return at once.
+int ParseCli(const std::vector<std::string>& args, CliOptions& options, std::ostream& out, std::ostream& err)
 {
-    FormatOptions options;
-    std::string path;
-    bool havePath = false;
-    bool summary = false, json = false;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
         if (a == "--help" || a == "-h") {
             out << kUsage;
             return 0;
         }
-        if (a == "--raw" || a == "--summary" || a == "--json") {
-            if (options.raw || summary || json) {
-                err << "nvtrace: --raw, --summary and --json exclude each other\n" << kUsage;
+        const ModeOption* mode = nullptr;
+        for (const ModeOption& m : kModeOptions)
+            if (a == m.name)
+                mode = &m;
+        if (mode) {
+            if (options.modeGiven) {
+                err << "nvtrace: --raw, --summary, --json and --csv exclude each other\n" << kUsage;
                 return 1;
             }
-            options.raw = a == "--raw";
-            summary = a == "--summary";
-            json = a == "--json";
+            options.modeGiven = true;
+            options.mode = mode->mode;
+            options.format.raw = mode->mode == OutputMode::Raw;
         } else if (a == "--thread") {
-            if (i + 1 >= args.size() || !ParseThread(args[i + 1], options.thread)) {
+            if (i + 1 >= args.size() || !ParseThread(args[i + 1], options.format.thread)) {
                 err << "nvtrace: --thread needs a thread id (decimal, or hex with 0x)\n" << kUsage;
                 return 1;
             }
-            options.filterThread = true;
+            options.format.filterThread = true;
             ++i;
         } else if (a.size() > 1 && a[0] == '-') {
             err << "nvtrace: unknown option '" << a << "'\n" << kUsage;
             return 1;
-        } else if (!havePath) {
-            path = a;
-            havePath = true;
         } else {
-            err << "nvtrace: one trace file at a time\n" << kUsage;
-            return 1;
+            options.paths.push_back(a);
         }
     }
-    if (!havePath) {
+    if (options.paths.empty()) {
         err << kUsage;
         return 1;
     }
+    return -1;
+}
+
+// Many files, a folder, or --csv: one row per trace instead of one trace in full.
+bool WantsRollup(const CliOptions& options)
+{
+    if (options.mode == OutputMode::Csv || options.paths.size() > 1)
+        return true;
+    const bool rollable = options.mode == OutputMode::Summary || options.mode == OutputMode::Json;
+    return rollable && IsFolder(options.paths.front());
+}
+
+int RunOneTrace(const CliOptions& options, std::ostream& out, std::ostream& err)
+{
+    const std::string& path = options.paths.front();
     std::vector<std::uint8_t> data;
     std::string error;
     if (!ReadWholeFile(path, data, error)) {
@@ -600,20 +646,20 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
     }
     DecodedTrace trace = Decode(data);
     // What could be decoded is shown even when the file is damaged further on.
-    if (summary || json) {
-        if (options.filterThread) {
+    if (options.mode == OutputMode::Summary || options.mode == OutputMode::Json) {
+        if (options.format.filterThread) {
             auto other = [&](const Record& r) {
-                return r.thread != options.thread && r.kind != 'N' && r.kind != 't' && r.kind != 'T';
+                return r.thread != options.format.thread && r.kind != 'N' && r.kind != 't' && r.kind != 'T';
             };
             trace.records.erase(std::remove_if(trace.records.begin(), trace.records.end(), other),
                                 trace.records.end());
         }
-        if (summary)
+        if (options.mode == OutputMode::Summary)
             WriteSummary(Summarize(trace), out);
         else
             WriteJsonLines(trace, out);
     } else {
-        WriteListing(trace, options, out);
+        WriteListing(trace, options.format, out);
     }
     out.flush();
     if (!trace.ok) {
@@ -621,6 +667,30 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
         return 3;
     }
     return 0;
+}
+
+} // namespace
+
+int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream& err)
+{
+    CliOptions options;
+    const int parsed = ParseCli(args, options, out, err);
+    if (parsed >= 0)
+        return parsed;
+    if (!WantsRollup(options))
+        return RunOneTrace(options, out, err);
+    if (options.mode == OutputMode::Listing || options.mode == OutputMode::Raw) {
+        err << "nvtrace: one trace file at a time\n" << kUsage;
+        return 1;
+    }
+    if (options.format.filterThread) {
+        err << "nvtrace: --thread takes one trace file\n" << kUsage;
+        return 1;
+    }
+    const RollupFormat format = options.mode == OutputMode::Csv    ? RollupFormat::Csv
+                                : options.mode == OutputMode::Json ? RollupFormat::Json
+                                                                   : RollupFormat::Summary;
+    return RunRollup(options.paths, format, out, err);
 }
 
 } // namespace nvtrace

@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -367,4 +368,193 @@ TEST(NvtraceCliTest, ListingShowsResultsAsHexWithTheirNames)
                          "11/25/26 09:30:00.125      4  E 0x00090312\n"))
         << r.out;
     EXPECT_EQ(std::string::npos, r.out.find("-2147")) << r.out;
+}
+
+namespace {
+
+std::vector<std::string> HeaderFor(const std::string& machine, const std::string& version, const std::string& time)
+{
+    return {"trace3",          "Compiled: Sep 15 2010 11:26:51", "OS: Windows7", "ServicePack: Service Pack 1",
+            "Machine name: " + machine, "Trace Ver: 3.0.1", "FileVersion: " + version, "No Palmera products found",
+            "installation: NETWORK", time, "."};
+}
+
+// A 2.0 -> 3.0 conversion: one user moved, then `more` as given.
+SampleTrace Conversion(const std::string& machine, const std::string& version, const std::string& time,
+                       const std::vector<std::pair<std::string, std::string>>& users, bool strict = false)
+{
+    SampleTrace s(HeaderFor(machine, version, time));
+    s.Add(3, '>', "CBaseConverter::Convert").Add(3, '>', "CConverter3::do_Convert");
+    if (strict)
+        s.Add(3, 'U', "Conversion policy: strict");
+    for (const auto& [sid, how] : users) {
+        s.Add(3, 'U', "Conversion process began for '" + sid + "'");
+        if (how == "moved") {
+            s.Add(3, 'U', "DeleteKey('" + sid + "'), 0x00000000");
+            s.Add(3, 'U', "Conversion process is over for '" + sid + "', 0x00000000");
+        } else if (how == "gaps") {
+            s.Add(3, 'U', "Incomplete user '" + sid + "' moved with gaps: secret not stored 'Primary' (0x80004005)");
+            s.Add(3, 'U', "DeleteKey('" + sid + "'), 0x00000000");
+            s.Add(3, 'U', "Conversion process is over for '" + sid + "', 0x00000000");
+        } else if (how == "held") {
+            s.Add(3, 'U', "Incomplete user '" + sid + "' keeps its old key: template malformed at position 0");
+            s.Add(3, 'U', "Conversion process is over for '" + sid + "', 0x80040201");
+        } else {
+            s.Add(3, '>', "CNVSecret::GetContent").Add(3, 'E', "-2147024891 ").Add(3, '<');
+            s.Add(3, 'U', "Conversion process is over for '" + sid + "', 0x80070005");
+        }
+    }
+    s.Add(3, '<').Add(3, '<');
+    return s;
+}
+
+class TempFolder {
+public:
+    TempFolder()
+    {
+        char name[] = "/tmp/nvtrace_fleet_XXXXXX";
+        m_path = ::mkdtemp(name) ? name : "";
+        EXPECT_FALSE(m_path.empty());
+    }
+    ~TempFolder()
+    {
+        std::error_code ec;
+        std::filesystem::remove_all(m_path, ec);
+    }
+    const std::string& path() const { return m_path; }
+    std::string Write(const std::string& name, const std::vector<std::uint8_t>& bytes) const
+    {
+        const std::string path = m_path + "/" + name;
+        std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+        std::ofstream out(path, std::ios::binary | std::ios::trunc);
+        out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+        return path;
+    }
+
+private:
+    std::string m_path;
+};
+
+// Four traces and a file that is none: a strict conversion with a held and a failed
+// user, one with gaps, one cut short, and (in a subfolder) one that moved everyone.
+struct Fleet {
+    TempFolder folder;
+    std::string a, b, c, d;
+    Fleet()
+    {
+        a = folder.Write("a.trc3", Conversion("PC-ALPHA", "3.0.1.0", "11/25/2026 08:00:00.000",
+                                              {{"S-1-5-21-1-1001", "held"}, {"S-1-5-21-1-1002", "failed"},
+                                               {"S-1-5-21-1-1003", "moved"}},
+                                              true)
+                                       .bytes());
+        b = folder.Write("b.trc3", Conversion("PC-BETA", "3.0.1.0", "11/25/2026 09:00:00.000",
+                                              {{"S-1-5-21-2-1001", "gaps"}, {"S-1-5-21-2-1002", "failed"}})
+                                       .bytes());
+        const SampleTrace cut = Conversion("=PC,GAMMA", "3.0.0.9", "11/26/2026 10:00:00.000",
+                                           {{"S-1-5-21-3-1001", "moved"}});
+        c = folder.Write("c.TRC3", cut.Truncated(cut.size() - 3));
+        d = folder.Write("sub/d.trc3", Conversion("PC-DELTA", "3.0.1.0", "11/26/2026 11:00:00.000",
+                                                  {{"S-1-5-21-4-1001", "moved"}, {"S-1-5-21-4-1002", "moved"}})
+                                           .bytes());
+        folder.Write("notes.txt", {'h', 'i'});
+    }
+};
+
+} // namespace
+
+TEST(NvtraceRollupTest, CsvOfAFolderHasOneRowPerTraceAndTotals)
+{
+    const Fleet fleet;
+    const CliResult r = RunTool({"--csv", fleet.folder.path()});
+    EXPECT_EQ(3, r.code); // one trace is cut short
+    const std::size_t cutAt = Conversion("=PC,GAMMA", "3.0.0.9", "11/26/2026 10:00:00.000",
+                                         {{"S-1-5-21-3-1001", "moved"}})
+                                  .size() -
+                              7;
+    EXPECT_EQ("file,machine,version,started,moved,moved_with_gaps,held,failed,first_failure,first_failure_name,state,"
+              "problem\n" +
+                  fleet.a + ",PC-ALPHA,3.0.1.0,2026-11-25 08:00:00.000,1,0,1,1,0x80040201,NV_E_USER_INCOMPLETE,decoded,\n" +
+                  fleet.b + ",PC-BETA,3.0.1.0,2026-11-25 09:00:00.000,0,1,0,1,0x80070005,E_ACCESSDENIED,decoded,\n" +
+                  fleet.c + ",\"'=PC,GAMMA\",3.0.0.9,2026-11-26 10:00:00.000,1,0,0,0,,,damaged," +
+                  "\"truncated record at byte offset " + std::to_string(cutAt) +
+                  ": the record head needs 7 bytes, 4 left\"\n" + fleet.d +
+                  ",PC-DELTA,3.0.1.0,2026-11-26 11:00:00.000,2,0,0,0,,,decoded,\n"
+                  "(total),,,,4,1,1,2,0x80070005,E_ACCESSDENIED,\"4 traces, 1 damaged, 0 unreadable\","
+                  "most frequent: 0x80070005 x2; 0x80040201 x1\n",
+              r.out);
+    EXPECT_EQ("nvtrace: " + fleet.c + ": truncated record at byte offset " + std::to_string(cutAt) +
+                  ": the record head needs 7 bytes, 4 left\n",
+              r.err);
+}
+
+TEST(NvtraceRollupTest, JsonOfSeveralFilesHasOneObjectPerTraceThenTotals)
+{
+    const Fleet fleet;
+    const CliResult r = RunTool({"--json", fleet.a, fleet.d, "/nonexistent/x.trc3"});
+    EXPECT_EQ(2, r.code); // one file could not be read
+    EXPECT_EQ("{\"file\":\"" + fleet.a +
+                  "\",\"machine\":\"PC-ALPHA\",\"version\":\"3.0.1.0\",\"started\":\"2026-11-25 08:00:00.000\","
+                  "\"moved\":1,\"movedWithGaps\":0,\"held\":1,\"failed\":1,\"firstFailure\":{\"code\":\"0x80040201\","
+                  "\"name\":\"NV_E_USER_INCOMPLETE\",\"message\":\"Not all of the user reached the store; the strict "
+                  "policy kept its old data\"},\"state\":\"decoded\",\"problem\":null}\n"
+                  "{\"file\":\"" +
+                  fleet.d +
+                  "\",\"machine\":\"PC-DELTA\",\"version\":\"3.0.1.0\",\"started\":\"2026-11-26 11:00:00.000\","
+                  "\"moved\":2,\"movedWithGaps\":0,\"held\":0,\"failed\":0,\"firstFailure\":null,\"state\":\"decoded\","
+                  "\"problem\":null}\n"
+                  "{\"file\":\"/nonexistent/x.trc3\",\"machine\":\"\",\"version\":\"\",\"started\":null,\"moved\":0,"
+                  "\"movedWithGaps\":0,\"held\":0,\"failed\":0,\"firstFailure\":null,\"state\":\"unreadable\","
+                  "\"problem\":\"cannot open '/nonexistent/x.trc3'\"}\n"
+                  "{\"totals\":{\"traces\":3,\"damaged\":0,\"unreadable\":1,\"moved\":3,\"movedWithGaps\":0,\"held\":1,"
+                  "\"failed\":1,\"failures\":2,\"mostFrequent\":[{\"code\":\"0x80040201\",\"name\":"
+                  "\"NV_E_USER_INCOMPLETE\",\"message\":\"Not all of the user reached the store; the strict policy "
+                  "kept its old data\",\"count\":1},{\"code\":\"0x80070005\",\"name\":\"E_ACCESSDENIED\",\"message\":"
+                  "\"Access is denied\",\"count\":1}]}}\n",
+              r.out);
+    EXPECT_EQ("nvtrace: cannot open '/nonexistent/x.trc3'\n", r.err);
+}
+
+TEST(NvtraceRollupTest, SummaryOfAFolderIsATableWithTotals)
+{
+    const Fleet fleet;
+    const CliResult r = RunTool({"--summary", fleet.folder.path() + "/sub", fleet.b});
+    EXPECT_EQ(0, r.code) << r.err;
+    const std::string gap(2, ' ');
+    EXPECT_EQ("started                  machine          version     moved  gaps  held  failed  first failure" +
+                  std::string(52 - 13, ' ') + gap + "trace\n" +
+                  "2026-11-26 11:00:00.000  PC-DELTA         3.0.1.0         2     0     0       0  -" +
+                  std::string(51, ' ') + gap + fleet.d + "\n" +
+                  "2026-11-25 09:00:00.000  PC-BETA          3.0.1.0         0     1     0       1  0x80070005 "
+                  "E_ACCESSDENIED" +
+                  std::string(52 - 25, ' ') + gap + fleet.b +
+                  "\n"
+                  "\n"
+                  "traces: 2, 0 damaged, 0 unreadable\n"
+                  "users: 2 moved, 1 moved with gaps, 0 held, 1 failed\n"
+                  "failing results: 1 (each counted where it arose)\n"
+                  "most frequent failure codes:\n"
+                  "       1  0x80070005 E_ACCESSDENIED \"Access is denied\"\n",
+              r.out);
+}
+
+TEST(NvtraceRollupTest, OneFileAsCsvAndUsageErrors)
+{
+    const Fleet fleet;
+    CliResult r = RunTool({"--csv", fleet.d});
+    EXPECT_EQ(0, r.code);
+    EXPECT_EQ(0u, r.out.find("file,machine,"));
+    EXPECT_NE(std::string::npos, r.out.find("\n(total),,,,2,0,0,0,,,\"1 traces, 0 damaged, 0 unreadable\",\n"))
+        << r.out;
+    r = RunTool({fleet.a, fleet.b});
+    EXPECT_EQ(1, r.code);
+    EXPECT_EQ(0u, r.err.find("nvtrace: one trace file at a time\n"));
+    r = RunTool({"--raw", fleet.folder.path()});
+    EXPECT_EQ(2, r.code);
+    r = RunTool({"--csv", "--thread", "3", fleet.a});
+    EXPECT_EQ(1, r.code);
+    EXPECT_EQ(0u, r.err.find("nvtrace: --thread takes one trace file\n"));
+    TempFolder empty;
+    r = RunTool({"--csv", empty.path()});
+    EXPECT_EQ(2, r.code);
+    EXPECT_EQ("nvtrace: no .trc3 file in '" + empty.path() + "'\n", r.err);
 }

@@ -390,5 +390,5 @@ TEST(NvtraceSummaryTest, CommandLineOptionsExcludeEachOther)
     std::ostringstream out, err;
     EXPECT_EQ(1, nvtrace::RunCli({"--summary", "--json", "x.trc3"}, out, err));
     EXPECT_EQ("", out.str());
-    EXPECT_EQ(0u, err.str().find("nvtrace: --raw, --summary and --json exclude each other\n")) << err.str();
+    EXPECT_EQ(0u, err.str().find("nvtrace: --raw, --summary, --json and --csv exclude each other\n")) << err.str();
 }
