@@ -300,21 +300,23 @@ public:
     void Folder(const fs::path& folder)
     {
         std::error_code ec;
-        std::vector<fs::path> entries;
+        // The entries keep the kind the listing gave: no extra look at each file.
+        std::vector<fs::directory_entry> entries;
         for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec))
-            entries.push_back(it->path());
+            entries.push_back(*it);
         if (ec) {
             m_err << "nvtrace: cannot list '" << folder.string() << "'\n";
             m_listingFailed = true;
             return;
         }
-        std::sort(entries.begin(), entries.end());
-        for (const fs::path& entry : entries) {
+        std::sort(entries.begin(), entries.end(),
+                  [](const fs::directory_entry& a, const fs::directory_entry& b) { return a.path() < b.path(); });
+        for (const fs::directory_entry& entry : entries) {
             std::error_code kind;
-            if (fs::is_directory(entry, kind))
-                Folder(entry);
-            else if (HasTraceExtension(entry) && fs::is_regular_file(entry, kind))
-                File(entry.string());
+            if (entry.is_directory(kind))
+                Folder(entry.path());
+            else if (HasTraceExtension(entry.path()) && entry.is_regular_file(kind))
+                File(entry.path().string());
         }
     }
 
