@@ -40,7 +40,10 @@ foreach(figure
         "6 users: library per user \\(floor CryptoAPI loop; median of 1 runs' ratios\\),[0-9.]+,[0-9.]+,[0-9.]+"
         "3 users: wineserver CPU per user while the conversion process ran,[0-9.]+"
         "6 users: wineserver CPU per user while the conversion process ran \\(anchor 3 users\\),[0-9.]+,[0-9.]+,[0-9.]+"
-        "6 users: peak private memory of the conversion process,[0-9.]+")
+        "6 users: peak private memory of the conversion process,[0-9.]+"
+        "nvtrace --csv 200 traces \\(floor reading the same files; median of 1 runs' ratios\\),[0-9.]+,[0-9.]+,[0-9.]+"
+        "nvtrace --csv 200 traces: traces per second,[0-9.]+"
+        "nvtrace --csv 200 traces: peak memory \\(anchor 20 traces\\),[0-9.]+,[0-9.]+,[0-9.]+")
     if(NOT csv MATCHES "${figure}")
         string(APPEND missing "\n  ${figure}")
     endif()

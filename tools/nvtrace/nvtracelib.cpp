@@ -6,12 +6,15 @@
 #include <sys/stat.h>
 #endif
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 
 #include "common/tea_cfb.h"
+#include "rollup.h"
 #include "summary.h"
 #include "trace/trace_keys.h"
 
@@ -53,24 +56,149 @@ bool Matches(const std::string& text, const char* pattern)
     return true;
 }
 
-// An empty string when the text suits the kind, else why not.
+// The longest well-formed UTF-8 prefix of text[from, to): the end of the last whole
+// character. Surrogate halves encoded on their own pass: a wide text cut between
+// the two halves of a pair converts so on some systems.
+std::size_t Utf8End(const std::string& text, std::size_t from, std::size_t to)
+{
+    std::size_t i = from;
+    while (i < to) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        std::size_t n;
+        unsigned lowest;
+        if (c < 0x80) {
+            ++i;
+            continue;
+        }
+        if (c >= 0xC2 && c <= 0xDF) {
+            n = 2;
+            lowest = 0x80;
+        } else if (c >= 0xE0 && c <= 0xEF) {
+            n = 3;
+            lowest = 0x800;
+        } else if (c >= 0xF0 && c <= 0xF4) {
+            n = 4;
+            lowest = 0x10000;
+        } else {
+            return i;
+        }
+        if (to - i < n)
+            return i;
+        unsigned value = c & (0xFFu >> (n + 1));
+        for (std::size_t k = 1; k < n; ++k) {
+            const unsigned char t = static_cast<unsigned char>(text[i + k]);
+            if ((t & 0xC0) != 0x80)
+                return i;
+            value = (value << 6) | (t & 0x3Fu);
+        }
+        if (value < lowest || value > 0x10FFFF)
+            return i;
+        i += n;
+    }
+    return i;
+}
+
+// The bytes from `at` to the end begin a character that the end cut off.
+bool IsCutCharacter(const std::string& text, std::size_t at)
+{
+    const unsigned char c = static_cast<unsigned char>(text[at]);
+    const std::size_t need = c >= 0xC2 && c <= 0xDF ? 2 : c >= 0xE0 && c <= 0xEF ? 3 : c >= 0xF0 && c <= 0xF4 ? 4 : 0;
+    if (need == 0 || text.size() - at >= need)
+        return false;
+    for (std::size_t k = at + 1; k < text.size(); ++k) {
+        if ((static_cast<unsigned char>(text[k]) & 0xC0) != 0x80)
+            return false;
+    }
+    return true;
+}
+
+bool HasControl(const std::string& text, std::size_t from)
+{
+    for (std::size_t i = from; i < text.size(); ++i) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        if (c < 0x20 || c == 0x7F)
+            return true;
+    }
+    return false;
+}
+
+bool InRange(const std::string& text, std::size_t at, int low, int high)
+{
+    const int v = (text[at] - '0') * 10 + (text[at + 1] - '0');
+    return v >= low && v <= high;
+}
+
+// A result as the library formats it ("%d"): an optional minus, no leading zero,
+// within 32 bits, and a code the library traces at all: a failure, or a success of
+// facility 9. Sets end to where the number stops.
+bool ResultNumber(const std::string& text, std::size_t& end)
+{
+    std::size_t i = (!text.empty() && text[0] == '-') ? 1 : 0;
+    const std::size_t first = i;
+    long long v = 0;
+    while (i < text.size() && IsDigit(text[i]) && i - first < 11) {
+        v = v * 10 + (text[i] - '0');
+        ++i;
+    }
+    const std::size_t digits = i - first;
+    if (digits == 0 || (digits > 1 && text[first] == '0') || (i < text.size() && IsDigit(text[i])))
+        return false;
+    if (first == 1)
+        v = -v;
+    if (v < -2147483648LL || v > 2147483647LL)
+        return false;
+    end = i;
+    if (v < 0)
+        return true;
+    return (static_cast<unsigned long long>(v) & 0x1FFF0000u) == 0x00090000u;
+}
+
+// An empty string when the text is one the library writes for the kind, else why not.
 std::string CheckText(char kind, const std::string& text)
 {
     if (text.find('\0') != std::string::npos)
         return "its text holds a NUL byte";
     switch (kind) {
     case 't':
-        return Matches(text, "dd/dd/dd") ? "" : "the date record is not mm/dd/yy";
+        return Matches(text, "dd/dd/dd") && InRange(text, 0, 1, 12) && InRange(text, 3, 1, 31)
+                   ? ""
+                   : "the date record is not mm/dd/yy";
     case 'T':
-        return Matches(text, "dd:dd:dd.ddd") ? "" : "the time record is not hh:mm:ss.mmm";
+        return Matches(text, "dd:dd:dd.ddd") && InRange(text, 0, 0, 23) && InRange(text, 3, 0, 59) &&
+                       InRange(text, 6, 0, 59)
+                   ? ""
+                   : "the time record is not hh:mm:ss.mmm";
     case 'N':
-        return Matches(text, "dd-dd-dddd") ? "" : "the reopen record is not mm-dd-yyyy";
+        return Matches(text, "dd-dd-dddd") && InRange(text, 0, 1, 12) && InRange(text, 3, 1, 31)
+                   ? ""
+                   : "the reopen record is not mm-dd-yyyy";
+    case '>':
+        // Scope names are the library's own: plain ASCII, never empty.
+        if (text.empty())
+            return "the scope record has no name";
+        for (const char c : text) {
+            if (c < 0x20 || c > 0x7E)
+                return "the scope name is not printable ASCII";
+        }
+        return "";
+    case 'U':
+        // A line is UTF-8, cut only at a character's end; control characters can
+        // come from the names it quotes.
+        return Utf8End(text, 0, text.size()) == text.size() ? "" : "the line is not UTF-8";
     case 'E': {
-        std::size_t i = (!text.empty() && text[0] == '-') ? 1 : 0;
-        const std::size_t digits = i;
-        while (i < text.size() && IsDigit(text[i]))
-            ++i;
-        return (i > digits && i < text.size() && text[i] == ' ') ? "" : "the result record does not start with a number";
+        std::size_t end = 0;
+        if (!ResultNumber(text, end))
+            return "the result record does not start with a result code the library traces";
+        if (end >= text.size() || text[end] != ' ')
+            return "the result record has no blank after its code";
+        // The text after it is the caller's; a record at the longest length may have
+        // been cut inside its last character.
+        const std::size_t ok = Utf8End(text, end + 1, text.size());
+        if (ok != text.size() && !(text.size() == MaxTextLength('E') && IsCutCharacter(text, ok)))
+            return "the result text is not UTF-8";
+        if (HasControl(text, end + 1))
+            return "the result text holds a control character";
+        return "";
     }
     default:
         return "";
@@ -112,6 +240,78 @@ std::string Printable(const std::string& text)
 }
 
 void TraceKeyAndBlock(std::uint32_t key[4]) { NVTraceNS::TraceKey(key); }
+
+// The record cipher, for reading many records fast. In cipher feedback each step's
+// key stream is the cipher of the previous step's ciphertext, all of which is at
+// hand when reading: the steps of a record are independent, and run side by side
+// in lanes the compiler can vectorise. The first step of every record enciphers the
+// same starting block, so its key stream is computed once.
+class RecordReader {
+public:
+    RecordReader()
+    {
+        TraceKeyAndBlock(m_key);
+        std::uint8_t start[8];
+        std::memcpy(start, NVTraceNS::kTraceStartBlock, sizeof(start));
+        nvcipher::TeaEncryptRegister(start, m_key);
+        std::memcpy(m_firstStep, start, sizeof(start));
+    }
+
+    // Deciphers n bytes of a record's text from in into out.
+    void Text(const std::uint8_t* in, std::size_t n, char* out) const
+    {
+        for (std::size_t i = 0; i < n && i < 8; ++i)
+            out[i] = static_cast<char>(in[i] ^ m_firstStep[i]);
+        for (std::size_t step = 8; step < n; step += kLanes * 8) {
+            std::uint32_t y[kLanes] = {}, z[kLanes] = {};
+            const std::size_t lanes = std::min(kLanes, (n - step + 7) / 8);
+            for (std::size_t l = 0; l < lanes; ++l) {
+                y[l] = nvcipher::LoadLe32(in + step + l * 8 - 8);
+                z[l] = nvcipher::LoadLe32(in + step + l * 8 - 4);
+            }
+            Encipher(y, z);
+            for (std::size_t l = 0; l < lanes; ++l) {
+                std::uint8_t stream[8];
+                nvcipher::StoreLe32(stream, y[l]);
+                nvcipher::StoreLe32(stream + 4, z[l]);
+                const std::size_t at = step + l * 8;
+                for (std::size_t i = 0; i < 8 && at + i < n; ++i)
+                    out[at + i] = static_cast<char>(in[at + i] ^ stream[i]);
+            }
+        }
+    }
+
+private:
+    static constexpr std::size_t kLanes = 8;
+
+    // The cipher's rounds over every lane, the shift right arithmetic as the
+    // library's; the same arithmetic as nvcipher::TeaEncryptBlock.
+    void Encipher(std::uint32_t (&y)[kLanes], std::uint32_t (&z)[kLanes]) const
+    {
+        const std::uint32_t k0 = m_key[0], k1 = m_key[1], k2 = m_key[2], k3 = m_key[3];
+        std::uint32_t sum = 0;
+        for (int round = 0; round < nvcipher::kTeaRounds; ++round) {
+            sum += nvcipher::kTeaDelta;
+            for (std::size_t l = 0; l < kLanes; ++l) {
+                const std::uint32_t v = z[l];
+                y[l] += ((v << 4) + k0) ^ (v + sum) ^ (((v >> 5) | ((0u - (v >> 31)) << 27)) + k1);
+            }
+            for (std::size_t l = 0; l < kLanes; ++l) {
+                const std::uint32_t v = y[l];
+                z[l] += ((v << 4) + k2) ^ (v + sum) ^ (((v >> 5) | ((0u - (v >> 31)) << 27)) + k3);
+            }
+        }
+    }
+
+    std::uint32_t m_key[4];
+    std::uint8_t m_firstStep[8];
+};
+
+const RecordReader& Reader()
+{
+    static const RecordReader reader;
+    return reader;
+}
 
 } // namespace
 
@@ -219,9 +419,8 @@ DecodedTrace Decode(const std::uint8_t* data, std::size_t size)
                  "the text needs " + std::to_string(n) + " bytes, " + std::to_string(left - kRecordHeadSize) + " left");
             return trace;
         }
-        std::vector<std::uint8_t> text(data + pos + kRecordHeadSize, data + pos + kRecordHeadSize + n);
-        UnscrambleText(text.data(), text.size());
-        record.text.assign(text.begin(), text.end());
+        record.text.resize(n);
+        Reader().Text(data + pos + kRecordHeadSize, n, &record.text[0]);
         const std::string problem = CheckText(record.kind, record.text);
         if (!problem.empty()) {
             Fail(trace, pos, "corrupt record", problem);
@@ -270,7 +469,17 @@ bool ReadWholeFile(const std::string& path, std::vector<std::uint8_t>& data, std
         error = "cannot open '" + path + "'";
         return false;
     }
-    data.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    // The size first, then one read: a fleet's thousands of files are read here.
+    in.seekg(0, std::ios::end);
+    const std::streamoff size = in.tellg();
+    in.seekg(0, std::ios::beg);
+    if (size > 0) {
+        data.resize(static_cast<std::size_t>(size));
+        in.read(reinterpret_cast<char*>(data.data()), static_cast<std::streamsize>(size));
+        data.resize(static_cast<std::size_t>(in.gcount()));
+    } else {
+        data.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
     if (in.bad()) {
         error = "cannot read '" + path + "'";
         return false;
@@ -303,6 +512,29 @@ int& DepthOf(std::vector<ThreadDepth>& depths, std::uint32_t thread)
 }
 
 } // namespace
+
+// "0x80070002 HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)", then ": <text>" when the
+// record has one: a result as a reader looks it up, not as a signed decimal.
+std::string ResultShown(const std::string& text)
+{
+    const std::size_t blank = text.find(' ');
+    const std::string number = text.substr(0, blank);
+    char* end = nullptr;
+    const long long code = std::strtoll(number.c_str(), &end, 10);
+    if (number.empty() || *end != '\0')
+        return text;
+    const std::string rest = blank == std::string::npos ? std::string() : text.substr(blank + 1);
+    const std::uint32_t value = static_cast<std::uint32_t>(code);
+    char hex[16];
+    std::snprintf(hex, sizeof(hex), "0x%08X", static_cast<unsigned>(value));
+    std::string shown = hex;
+    const std::string name = DescribeCode(value).name;
+    if (!name.empty())
+        shown += " " + name;
+    if (!rest.empty())
+        shown += ": " + rest;
+    return shown;
+}
 
 void WriteListing(const DecodedTrace& trace, const FormatOptions& options, std::ostream& out)
 {
@@ -342,7 +574,9 @@ void WriteListing(const DecodedTrace& trace, const FormatOptions& options, std::
         if (thread.size() < 6)
             line << std::string(6 - thread.size(), ' ');
         line << thread << "  " << std::string(static_cast<std::size_t>(depth) * 2, ' ') << record.kind;
-        if (!record.text.empty())
+        if (record.kind == 'E')
+            line << ' ' << Printable(ResultShown(record.text));
+        else if (!record.text.empty())
             line << ' ' << Printable(record.text);
         out << line.str() << '\n';
         if (record.kind == '>')
@@ -354,16 +588,26 @@ namespace {
 
 const char kUsage[] =
     "usage: nvtrace [--raw | --summary | --json] [--thread N] FILE\n"
+    "       nvtrace [--summary | --json | --csv] FILE|FOLDER...\n"
     "  Decodes a .trc3 trace file: the header as it stands, then one line per record\n"
     "  (date and time, thread id, indentation by scope depth, kind and text;\n"
-    "  kinds: '>' scope entered, '<' scope left, 'U' line, 'E' result, 'N' file reopened).\n"
+    "  kinds: '>' scope entered, '<' scope left, 'U' line, 'E' result as hex code and\n"
+    "  name, 'N' file reopened).\n"
     "  --raw       every record as kind, thread and text, tab-separated, no header\n"
-    "  --summary   processes and threads, every failing result with its scope path, code name\n"
-    "              and message, the users of a 2.0 -> 3.0 conversion with their final status,\n"
-    "              and the slowest scopes by total time\n"
+    "  --summary   first the verdict on each conversion (format step, policy, users moved,\n"
+    "              moved with gaps, held and failed, and every user not plainly moved),\n"
+    "              then processes and threads, every failing result once with its scope\n"
+    "              path, code name and message, the users of a 2.0 -> 3.0 conversion, and\n"
+    "              the slowest scopes by total time\n"
     "  --json      every record as one JSON object per line (offset, process, thread, kind,\n"
     "              time, depth, text; results also code, name, message)\n"
-    "  --thread N  only the records of thread N (decimal, or hex with 0x)\n";
+    "  --csv       the roll-up below as CSV\n"
+    "  --thread N  only the records of thread N (decimal, or hex with 0x)\n"
+    "  Several files, or a folder (every *.trc3 under it), with --summary, --json or\n"
+    "  --csv: one row per trace (machine, version, start, users moved, with gaps, held,\n"
+    "  failed, first failure, damage) and totals with the most frequent failure codes.\n"
+    "  Exit codes: 0 decoded, 1 usage, 2 unreadable (or no trace found), 3 truncated or\n"
+    "  corrupt (with many files: 3 if any was, else 2 if any could not be read).\n";
 
 bool ParseThread(const std::string& text, std::uint32_t& value)
 {
@@ -397,48 +641,84 @@ bool ParseThread(const std::string& text, std::uint32_t& value)
 
 } // namespace
 
-int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream& err)
+namespace {
+
+enum class OutputMode { Listing, Raw, Summary, Json, Csv };
+
+// What the command line asks for.
+struct CliOptions {
+    OutputMode mode = OutputMode::Listing;
+    bool modeGiven = false;
+    FormatOptions format;
+    std::vector<std::string> paths;
+};
+
+// The options that choose what is written to standard output; one at most.
+struct ModeOption {
+    const char* name;
+    OutputMode mode;
+};
+constexpr ModeOption kModeOptions[] = {
+    {"--raw", OutputMode::Raw},
+    {"--summary", OutputMode::Summary},
+    {"--json", OutputMode::Json},
+    {"--csv", OutputMode::Csv},
+};
+
+// -1 when the command line is complete, else the exit code to return at once.
+int ParseCli(const std::vector<std::string>& args, CliOptions& options, std::ostream& out, std::ostream& err)
 {
-    FormatOptions options;
-    std::string path;
-    bool havePath = false;
-    bool summary = false, json = false;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
         if (a == "--help" || a == "-h") {
             out << kUsage;
             return 0;
         }
-        if (a == "--raw" || a == "--summary" || a == "--json") {
-            if (options.raw || summary || json) {
-                err << "nvtrace: --raw, --summary and --json exclude each other\n" << kUsage;
+        const ModeOption* mode = nullptr;
+        for (const ModeOption& m : kModeOptions)
+            if (a == m.name)
+                mode = &m;
+        if (mode) {
+            if (options.modeGiven) {
+                err << "nvtrace: --raw, --summary, --json and --csv exclude each other\n" << kUsage;
                 return 1;
             }
-            options.raw = a == "--raw";
-            summary = a == "--summary";
-            json = a == "--json";
+            options.modeGiven = true;
+            options.mode = mode->mode;
+            options.format.raw = mode->mode == OutputMode::Raw;
         } else if (a == "--thread") {
-            if (i + 1 >= args.size() || !ParseThread(args[i + 1], options.thread)) {
+            if (i + 1 >= args.size() || !ParseThread(args[i + 1], options.format.thread)) {
                 err << "nvtrace: --thread needs a thread id (decimal, or hex with 0x)\n" << kUsage;
                 return 1;
             }
-            options.filterThread = true;
+            options.format.filterThread = true;
             ++i;
         } else if (a.size() > 1 && a[0] == '-') {
             err << "nvtrace: unknown option '" << a << "'\n" << kUsage;
             return 1;
-        } else if (!havePath) {
-            path = a;
-            havePath = true;
         } else {
-            err << "nvtrace: one trace file at a time\n" << kUsage;
-            return 1;
+            options.paths.push_back(a);
         }
     }
-    if (!havePath) {
+    if (options.paths.empty()) {
         err << kUsage;
         return 1;
     }
+    return -1;
+}
+
+// Many files, a folder, or --csv: one row per trace instead of one trace in full.
+bool WantsRollup(const CliOptions& options)
+{
+    if (options.mode == OutputMode::Csv || options.paths.size() > 1)
+        return true;
+    const bool rollable = options.mode == OutputMode::Summary || options.mode == OutputMode::Json;
+    return rollable && IsFolder(options.paths.front());
+}
+
+int RunOneTrace(const CliOptions& options, std::ostream& out, std::ostream& err)
+{
+    const std::string& path = options.paths.front();
     std::vector<std::uint8_t> data;
     std::string error;
     if (!ReadWholeFile(path, data, error)) {
@@ -447,20 +727,20 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
     }
     DecodedTrace trace = Decode(data);
     // What could be decoded is shown even when the file is damaged further on.
-    if (summary || json) {
-        if (options.filterThread) {
+    if (options.mode == OutputMode::Summary || options.mode == OutputMode::Json) {
+        if (options.format.filterThread) {
             auto other = [&](const Record& r) {
-                return r.thread != options.thread && r.kind != 'N' && r.kind != 't' && r.kind != 'T';
+                return r.thread != options.format.thread && r.kind != 'N' && r.kind != 't' && r.kind != 'T';
             };
             trace.records.erase(std::remove_if(trace.records.begin(), trace.records.end(), other),
                                 trace.records.end());
         }
-        if (summary)
+        if (options.mode == OutputMode::Summary)
             WriteSummary(Summarize(trace), out);
         else
             WriteJsonLines(trace, out);
     } else {
-        WriteListing(trace, options, out);
+        WriteListing(trace, options.format, out);
     }
     out.flush();
     if (!trace.ok) {
@@ -468,6 +748,30 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
         return 3;
     }
     return 0;
+}
+
+} // namespace
+
+int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream& err)
+{
+    CliOptions options;
+    const int parsed = ParseCli(args, options, out, err);
+    if (parsed >= 0)
+        return parsed;
+    if (!WantsRollup(options))
+        return RunOneTrace(options, out, err);
+    if (options.mode == OutputMode::Listing || options.mode == OutputMode::Raw) {
+        err << "nvtrace: one trace file at a time\n" << kUsage;
+        return 1;
+    }
+    if (options.format.filterThread) {
+        err << "nvtrace: --thread takes one trace file\n" << kUsage;
+        return 1;
+    }
+    const RollupFormat format = options.mode == OutputMode::Csv    ? RollupFormat::Csv
+                                : options.mode == OutputMode::Json ? RollupFormat::Json
+                                                                   : RollupFormat::Summary;
+    return RunRollup(options.paths, format, out, err);
 }
 
 } // namespace nvtrace

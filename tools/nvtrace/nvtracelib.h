@@ -59,7 +59,8 @@ struct FormatOptions {
 // record. Timestamp records are shown as the time column of the records after them.
 void WriteListing(const DecodedTrace& trace, const FormatOptions& options, std::ostream& out);
 
-// The command line tool: nvtrace [--raw | --summary | --json] [--thread N] FILE
+// The command line tool: nvtrace [--raw | --summary | --json] [--thread N] FILE, or
+// nvtrace [--summary | --json | --csv] FILE|FOLDER... for a roll-up (rollup.h)
 // (summary.h has the summary and the JSON lines). Returns the exit code:
 // 0 decoded, 1 usage, 2 file unreadable, 3 truncated or corrupt file.
 int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <ostream>
 #include <tuple>
 
@@ -28,6 +30,8 @@ const KnownCode kKnownCodes[] = {
     {0x80004005u, "E_FAIL", "Unspecified error"},
     {0x8000FFFFu, "E_UNEXPECTED", "Catastrophic failure"},
     {0x80040154u, "REGDB_E_CLASSNOTREG", "Class not registered"},
+    {0x80040201u, "NV_E_USER_INCOMPLETE", "Not all of the user reached the store; the strict policy kept its old data"},
+    {0x800700AAu, "NV_E_CONVERSION_BUSY", "Another process holds the database (HRESULT_FROM_WIN32(ERROR_BUSY))"},
     {0x800401F0u, "CO_E_NOTINITIALIZED", "CoInitialize has not been called"},
     {0x80070002u, "HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)", "The system cannot find the file specified (a missing key or value)"},
     {0x80070005u, "E_ACCESSDENIED", "Access is denied"},
@@ -149,6 +153,15 @@ int Digits(const std::string& s, std::size_t at, std::size_t n)
     return v;
 }
 
+// "2026-11-15": the one date form of the summary and the roll-up, whatever form the
+// file gave (its header has four-digit years, its date records two).
+std::string IsoDate(int y, int m, int d)
+{
+    char buf[16];
+    std::snprintf(buf, sizeof(buf), "%04d-%02d-%02d", y, m, d);
+    return buf;
+}
+
 // The file's clock: the last date and time records seen.
 class Clock {
 public:
@@ -158,6 +171,7 @@ public:
         if (m > 0 && d > 0 && y >= 0) {
             m_days = DaysFromCivil(2000 + y, static_cast<unsigned>(m), static_cast<unsigned>(d));
             m_dateText = mmddyy;
+            m_isoDate = IsoDate(2000 + y, m, d);
         }
     }
     void Reopened(const std::string& mmddyyyy)
@@ -166,10 +180,21 @@ public:
         if (m > 0 && d > 0 && y >= 0) {
             m_days = DaysFromCivil(y, static_cast<unsigned>(m), static_cast<unsigned>(d));
             m_dateText = mmddyyyy.substr(0, 2) + "/" + mmddyyyy.substr(3, 2) + "/" + mmddyyyy.substr(8, 2);
+            m_isoDate = IsoDate(y, m, d);
         }
         m_timeKnown = false;
         m_timeText.clear();
     }
+    // The header's "mm/dd/yyyy hh:mm:ss.mmm" line: where the first process starts.
+    void HeaderTime(const std::string& line)
+    {
+        if (line.size() != 23 || line[10] != ' ')
+            return;
+        Reopened(line.substr(0, 2) + "-" + line.substr(3, 2) + "-" + line.substr(6, 4));
+        Time(line.substr(11));
+    }
+    // "2026-11-15 09:30:00.125", the date alone, or empty.
+    std::string iso() const { return m_timeKnown && !m_isoDate.empty() ? m_isoDate + " " + m_timeText : m_isoDate; }
     void Time(const std::string& text)
     {
         const int h = Digits(text, 0, 2), mi = Digits(text, 3, 2), s = Digits(text, 6, 2), ms = Digits(text, 9, 3);
@@ -192,13 +217,20 @@ private:
     std::int64_t m_days = -1;
     std::int64_t m_ms = 0;
     bool m_timeKnown = false;
-    std::string m_dateText, m_timeText;
+    std::string m_dateText, m_timeText, m_isoDate;
 };
 
 struct OpenScope {
     std::string name;
     bool timed = false;
     std::int64_t started = 0;
+    // Failures the scopes it called ended with: its own result record with one of
+    // these codes passes that failure on rather than raising another.
+    std::vector<std::pair<std::int32_t, std::size_t>> calleeFailures;
+    bool failed = false;        // it traced a failing result of its own
+    std::int32_t failedCode = 0;
+    std::size_t failure = 0;    // index of that failure
+    long conversion = -1;       // the conversion this scope runs, when it is one
 };
 
 std::string JoinPath(const std::vector<OpenScope>& stack)
@@ -209,27 +241,382 @@ std::string JoinPath(const std::vector<OpenScope>& stack)
     return path.empty() ? std::string("(outside any scope)") : path;
 }
 
-std::string JsonQuoted(const std::string& text)
+bool StartsWith(const std::string& text, const char* lead) { return text.compare(0, std::strlen(lead), lead) == 0; }
+
+// The public operations of the library, as their scopes name them.
+const char* OperationOf(const std::string& scope)
 {
-    std::string out = "\"";
-    for (const unsigned char c : text) {
-        switch (c) {
-        case '"': out += "\\\""; break;
-        case '\\': out += "\\\\"; break;
-        case '\n': out += "\\n"; break;
-        case '\r': out += "\\r"; break;
-        case '\t': out += "\\t"; break;
+    if (scope == "CBaseConverter::Convert")
+        return "Convert";
+    if (scope == "CBaseConverter::Rollback")
+        return "Rollback";
+    if (scope == "CBaseConverter::Cleanup")
+        return "Cleanup";
+    return nullptr;
+}
+
+// Builds the summary record by record; one instance per decoded trace.
+class Summarizer {
+public:
+    explicit Summarizer(const DecodedTrace& trace)
+    {
+        m_summary.header = trace.header;
+        NewProcess();
+        // The first process starts at the header's time, its last line before ".".
+        if (trace.header.size() >= 2) {
+            m_clock.HeaderTime(trace.header[trace.header.size() - 2]);
+            m_summary.processes.back().started = m_clock.iso();
+        }
+    }
+
+    void Add(const Record& r)
+    {
+        switch (r.kind) {
+        case 'N':
+            NewProcess();
+            m_clock.Reopened(r.text);
+            m_summary.processes.back().started = m_clock.iso();
+            return;
+        case 't':
+            m_clock.Date(r.text);
+            return;
+        case 'T': {
+            m_clock.Time(r.text);
+            SummaryProcess& p = m_summary.processes.back();
+            // A reopened file's process knows its date first and its time later.
+            if (p.ordinal > 1 && p.started.size() == 10)
+                p.started = m_clock.iso();
+            return;
+        }
         default:
-            if (c < 0x20) {
-                char buf[8];
-                std::snprintf(buf, sizeof(buf), "\\u%04x", c);
-                out += buf;
+            break;
+        }
+        SummaryProcess& process = m_summary.processes.back();
+        auto thread = std::find_if(process.threads.begin(), process.threads.end(),
+                                   [&](const SummaryThread& t) { return t.id == r.thread; });
+        if (thread == process.threads.end()) {
+            process.threads.push_back({r.thread, 0});
+            thread = process.threads.end() - 1;
+        }
+        ++thread->records;
+        std::vector<OpenScope>& stack = m_stacks[r.thread];
+        if (r.kind == '>')
+            Enter(r, stack);
+        else if (r.kind == '<')
+            Leave(stack);
+        else if (r.kind == 'E')
+            Result(r, stack);
+        else if (r.kind == 'U')
+            Line(r, stack);
+    }
+
+    TraceSummary Finish()
+    {
+        CloseProcess();
+        std::stable_sort(m_summary.scopes.begin(), m_summary.scopes.end(),
+                         [](const SummaryScope& a, const SummaryScope& b) { return a.totalMs > b.totalMs; });
+        return std::move(m_summary);
+    }
+
+private:
+    void CloseProcess()
+    {
+        for (auto& [thread, stack] : m_stacks) {
+            m_summary.unclosedScopes += stack.size();
+            for (const OpenScope& s : stack)
+                if (s.conversion >= 0)
+                    m_summary.conversions[static_cast<std::size_t>(s.conversion)].ended = false;
+        }
+        m_stacks.clear();
+        m_currentUser.clear();
+    }
+
+    void NewProcess()
+    {
+        CloseProcess();
+        SummaryProcess p;
+        p.ordinal = static_cast<unsigned>(m_summary.processes.size() + 1);
+        m_summary.processes.push_back(p);
+        m_version.clear();
+    }
+
+    std::size_t NewConversion()
+    {
+        SummaryConversion c;
+        c.process = m_summary.processes.back().ordinal;
+        c.started = m_clock.iso().empty() ? m_summary.processes.back().started : m_clock.iso();
+        c.fromVersion = m_version;
+        m_summary.conversions.push_back(c);
+        return m_summary.conversions.size() - 1;
+    }
+
+    // The conversion running on this thread: the innermost scope that runs one, or
+    // (for lines traced outside such a scope) one opened for them.
+    std::size_t ConversionOf(std::uint32_t thread, std::vector<OpenScope>& stack)
+    {
+        for (auto it = stack.rbegin(); it != stack.rend(); ++it)
+            if (it->conversion >= 0)
+                return static_cast<std::size_t>(it->conversion);
+        auto loose = m_looseConversion.find(thread);
+        if (loose != m_looseConversion.end() && loose->second.first == m_summary.processes.back().ordinal)
+            return loose->second.second;
+        const std::size_t c = NewConversion();
+        m_looseConversion[thread] = {m_summary.processes.back().ordinal, c};
+        return c;
+    }
+
+    void Enter(const Record& r, std::vector<OpenScope>& stack)
+    {
+        OpenScope scope;
+        scope.name = r.text;
+        scope.timed = m_clock.known();
+        scope.started = m_clock.now();
+        const char* operation = OperationOf(r.text);
+        const bool c3 = r.text == "CConverter3::do_Convert", c2 = r.text == "CConverter2::do_Convert";
+        bool inOperation = false;
+        long outer = -1;
+        for (const OpenScope& s : stack) {
+            inOperation = inOperation || OperationOf(s.name) != nullptr;
+            if (s.conversion >= 0)
+                outer = s.conversion;
+        }
+        if (operation || !inOperation) {
+            if (operation)
+                m_summary.processes.back().operations.push_back(operation);
+            else if (r.text == "CConverter3::do_Cleanup" || r.text == "CConverter2::do_Cleanup")
+                m_summary.processes.back().operations.push_back("Cleanup");
+            else if (r.text == "CConverter3::do_Rollback" || r.text == "CConverter2::do_Rollback")
+                m_summary.processes.back().operations.push_back("Rollback");
+            else if (c3 || c2)
+                m_summary.processes.back().operations.push_back("Convert");
+        }
+        if (r.text == "CBaseConverter::Convert" || ((c3 || c2) && outer < 0)) {
+            scope.conversion = static_cast<long>(NewConversion());
+            outer = scope.conversion;
+        }
+        if ((c3 || c2) && outer >= 0) {
+            SummaryConversion& c = m_summary.conversions[static_cast<std::size_t>(outer)];
+            c.fromVersion = m_version;
+            c.step = (m_version.empty() ? std::string(c3 ? "2.0" : "1.0") : m_version) + (c3 ? " -> 3.0" : " -> 2.0");
+        }
+        stack.push_back(std::move(scope));
+    }
+
+    void Leave(std::vector<OpenScope>& stack)
+    {
+        if (stack.empty())
+            return;
+        const OpenScope scope = std::move(stack.back());
+        stack.pop_back();
+        if (scope.failed && !stack.empty())
+            stack.back().calleeFailures.push_back({scope.failedCode, scope.failure});
+        auto it = m_scopeAt.find(scope.name);
+        if (it == m_scopeAt.end()) {
+            SummaryScope s;
+            s.name = scope.name;
+            m_summary.scopes.push_back(s);
+            it = m_scopeAt.emplace(scope.name, m_summary.scopes.size() - 1).first;
+        }
+        SummaryScope& s = m_summary.scopes[it->second];
+        ++s.calls;
+        if (scope.timed && m_clock.known() && m_clock.now() >= scope.started) {
+            const std::uint64_t ms = static_cast<std::uint64_t>(m_clock.now() - scope.started);
+            s.totalMs += ms;
+            s.longestMs = std::max(s.longestMs, ms);
+        }
+    }
+
+    std::size_t AddFailure(const SummaryFailure& f)
+    {
+        m_summary.failures.push_back(f);
+        ++m_summary.processes.back().failures;
+        return m_summary.failures.size() - 1;
+    }
+
+    void Result(const Record& r, std::vector<OpenScope>& stack)
+    {
+        const std::size_t blank = r.text.find(' ');
+        const std::string number = r.text.substr(0, blank);
+        char* end = nullptr;
+        const long long parsed = std::strtoll(number.c_str(), &end, 10);
+        if (number.empty() || *end != '\0' || parsed >= 0)
+            return; // a success of facility 9: no failure
+        const std::int32_t code = static_cast<std::int32_t>(parsed);
+        const std::string text = blank == std::string::npos ? std::string() : r.text.substr(blank + 1);
+        const std::string path = JoinPath(stack);
+        std::size_t index = 0;
+        bool passedOn = false;
+        if (!stack.empty()) {
+            auto& callees = stack.back().calleeFailures;
+            for (auto it = callees.rbegin(); it != callees.rend(); ++it) {
+                if (it->first == code) {
+                    index = it->second;
+                    passedOn = true;
+                    break;
+                }
+            }
+        }
+        if (passedOn) {
+            SummaryFailure& f = m_summary.failures[index];
+            ++f.passedUp;
+            f.reached = path;
+        } else {
+            const unsigned process = m_summary.processes.back().ordinal;
+            const auto key = std::make_tuple(process, r.thread, path, code, text);
+            auto it = m_failureAt.find(key);
+            if (it == m_failureAt.end()) {
+                SummaryFailure f;
+                f.process = process;
+                f.thread = r.thread;
+                f.path = path;
+                f.code = code;
+                f.text = text;
+                it = m_failureAt.emplace(key, AddFailure(f)).first;
             } else {
-                out += static_cast<char>(c); // UTF-8 passes as it stands
+                ++m_summary.processes.back().failures;
+            }
+            index = it->second;
+            ++m_summary.failures[index].count;
+            auto user = m_currentUser.find(r.thread);
+            if (user != m_currentUser.end())
+                m_userFailures[user->second].push_back(code);
+        }
+        if (!stack.empty()) {
+            OpenScope& s = stack.back();
+            s.failed = true;
+            s.failedCode = code;
+            s.failure = index;
+            if (s.conversion >= 0) {
+                SummaryConversion& c = m_summary.conversions[static_cast<std::size_t>(s.conversion)];
+                c.failed = true;
+                c.result = static_cast<std::uint32_t>(code);
+                c.failedIn = m_summary.failures[index].path;
             }
         }
     }
-    return out + "\"";
+
+    std::size_t User(std::size_t conversion, const std::string& sid)
+    {
+        const auto key = std::make_pair(conversion, sid);
+        auto it = m_userAt.find(key);
+        if (it == m_userAt.end()) {
+            SummaryUser u;
+            u.process = m_summary.processes.back().ordinal;
+            u.conversion = conversion;
+            u.sid = sid;
+            auto last = m_lastStatus.find(conversion);
+            if (last != m_lastStatus.end()) {
+                u.hasPrevious = true;
+                u.previousStatus = last->second;
+            }
+            m_summary.users.push_back(u);
+            it = m_userAt.emplace(key, m_summary.users.size() - 1).first;
+        }
+        return it->second;
+    }
+
+    void Line(const Record& r, std::vector<OpenScope>& stack)
+    {
+        static const char kVersionLead[] = "wszVersion = ";
+        std::string sid, rest;
+        std::uint32_t code = 0;
+        if (StartsWith(r.text, kVersionLead)) {
+            m_version = r.text.substr(sizeof(kVersionLead) - 1);
+        } else if (r.text == "Conversion policy: strict") {
+            m_summary.conversions[ConversionOf(r.thread, stack)].strict = true;
+        } else if (r.text == "Retrieve payload") {
+            auto user = m_currentUser.find(r.thread);
+            if (user != m_currentUser.end())
+                m_summary.users[user->second].payloadRetrieved = true;
+        } else if (QuotedAfter(r.text, "Conversion process began for '", "", sid, nullptr)) {
+            m_currentUser[r.thread] = User(ConversionOf(r.thread, stack), sid);
+        } else if (QuotedAfter(r.text, "Conversion process is over for '", ", ", sid, &code)) {
+            const std::size_t conversion = ConversionOf(r.thread, stack);
+            const std::size_t index = User(conversion, sid);
+            SummaryUser& u = m_summary.users[index];
+            u.over = true;
+            u.status = code;
+            m_lastStatus[conversion] = code;
+            m_currentUser.erase(r.thread);
+            // A user the guard caught leaves no result record of its own: its status
+            // is the failure, unless a scope it ran already traced that code.
+            const std::vector<std::int32_t>& seen = m_userFailures[index];
+            if (!u.deleteSeen && static_cast<std::int32_t>(code) < 0 &&
+                std::find(seen.begin(), seen.end(), static_cast<std::int32_t>(code)) == seen.end()) {
+                SummaryFailure f;
+                f.process = u.process;
+                f.thread = r.thread;
+                f.path = JoinPath(stack);
+                f.code = static_cast<std::int32_t>(code);
+                f.count = 1;
+                f.user = sid;
+                AddFailure(f);
+            }
+        } else if (QuotedAfter(r.text, "DeleteKey('", "), ", sid, &code)) {
+            SummaryUser& u = m_summary.users[User(ConversionOf(r.thread, stack), sid)];
+            u.deleteSeen = true;
+            u.deleteResult = code;
+        } else if (EmptyValueLine(r.text, rest)) {
+            m_summary.emptyValues.push_back(rest);
+        } else if (SidAndRest(r.text, kIncompleteUserLead, kMovedWithGapsTail, sid, rest)) {
+            m_summary.users[User(ConversionOf(r.thread, stack), sid)].gaps = rest;
+        } else if (SidAndRest(r.text, kIncompleteUserLead, kKeepsOldKeyTail, sid, rest)) {
+            m_summary.users[User(ConversionOf(r.thread, stack), sid)].heldFor = rest;
+        }
+    }
+
+    TraceSummary m_summary;
+    Clock m_clock;
+    std::string m_version; // the process's "wszVersion = " text
+    std::map<std::uint32_t, std::vector<OpenScope>> m_stacks;
+    std::map<std::uint32_t, std::size_t> m_currentUser; // thread -> user being converted
+    std::map<std::size_t, std::vector<std::int32_t>> m_userFailures; // user -> codes traced while it ran
+    std::map<std::size_t, std::uint32_t> m_lastStatus; // conversion -> last user's status
+    std::map<std::uint32_t, std::pair<unsigned, std::size_t>> m_looseConversion;
+    std::map<std::tuple<unsigned, std::uint32_t, std::string, std::int32_t, std::string>, std::size_t> m_failureAt;
+    std::map<std::pair<std::size_t, std::string>, std::size_t> m_userAt;
+    std::map<std::string, std::size_t> m_scopeAt;
+};
+
+std::string ProcessList(const std::vector<unsigned>& ordinals)
+{
+    std::string text;
+    for (std::size_t i = 0; i < ordinals.size();) {
+        std::size_t j = i;
+        while (j + 1 < ordinals.size() && ordinals[j + 1] == ordinals[j] + 1)
+            ++j;
+        text += (text.empty() ? "" : ", ") + std::to_string(ordinals[i]);
+        if (j > i)
+            text += "-" + std::to_string(ordinals[j]);
+        i = j + 1;
+    }
+    return text;
+}
+
+const char* OutcomeWord(UserOutcome o)
+{
+    switch (o) {
+    case UserOutcome::Moved: return "moved";
+    case UserOutcome::MovedWithGaps: return "moved with gaps";
+    case UserOutcome::Held: return "held";
+    case UserOutcome::Failed: return "failed";
+    }
+    return "";
+}
+
+// Why a moved user's status is not S_OK: the format keeps results in it that are
+// no failure of that user.
+std::string StatusNote(const SummaryUser& u)
+{
+    const std::string status = "status " + DescribeResult(u.status);
+    if (u.payloadRetrieved)
+        return status + ": the store had no public key for the user yet, and the format keeps that lookup's "
+                        "result in the status; not a failure";
+    if (u.hasPrevious && u.previousStatus == u.status)
+        return status + ": carried over from the user before (the format does not reset the status per user); "
+                        "not a failure";
+    return status + ": left by a step whose result the format does not check; the user's old key went after "
+                    "a complete run";
 }
 
 } // namespace
@@ -244,171 +631,180 @@ CodeText DescribeCode(std::uint32_t code)
     return {};
 }
 
+std::string DescribeResult(std::uint32_t code)
+{
+    const CodeText text = DescribeCode(code);
+    std::string out = Hex8(code);
+    if (!text.name.empty())
+        out += " " + text.name;
+    if (!text.message.empty())
+        out += " \"" + text.message + "\"";
+    return out;
+}
+
 TraceSummary Summarize(const DecodedTrace& trace)
 {
-    TraceSummary summary;
-    Clock clock;
-    std::map<std::uint32_t, std::vector<OpenScope>> stacks;
-    std::map<std::tuple<unsigned, std::uint32_t, std::string, std::int32_t, std::string>, std::size_t> failureAt;
-    std::map<std::pair<unsigned, std::string>, std::size_t> userAt;
-    std::map<std::string, std::size_t> scopeAt;
+    Summarizer summarizer(trace);
+    for (const Record& r : trace.records)
+        summarizer.Add(r);
+    return summarizer.Finish();
+}
 
-    auto newProcess = [&]() {
-        for (auto& [thread, stack] : stacks)
-            summary.unclosedScopes += stack.size();
-        stacks.clear();
-        SummaryProcess p;
-        p.ordinal = static_cast<unsigned>(summary.processes.size() + 1);
-        summary.processes.push_back(p);
-    };
-    // The first process starts at the header's time, its last line before ".".
-    newProcess();
-    if (trace.header.size() >= 2)
-        summary.processes.back().started = trace.header[trace.header.size() - 2];
+std::vector<Verdict> ComputeVerdicts(const DecodedTrace& trace) { return ComputeVerdicts(Summarize(trace)); }
 
-    auto user = [&](const std::string& sid) -> SummaryUser& {
-        const auto key = std::make_pair(summary.processes.back().ordinal, sid);
-        auto it = userAt.find(key);
-        if (it == userAt.end()) {
-            SummaryUser u;
-            u.process = key.first;
-            u.sid = sid;
-            summary.users.push_back(u);
-            it = userAt.emplace(key, summary.users.size() - 1).first;
+std::vector<Verdict> ComputeVerdicts(const TraceSummary& summary)
+{
+    std::vector<Verdict> verdicts;
+    for (const SummaryConversion& c : summary.conversions) {
+        Verdict v;
+        v.process = c.process;
+        v.started = c.started;
+        v.step = c.step;
+        v.ended = c.ended;
+        v.failed = c.failed;
+        v.result = c.result;
+        v.failedIn = c.failedIn;
+        verdicts.push_back(v);
+    }
+    for (const SummaryUser& u : summary.users) {
+        Verdict& v = verdicts[u.conversion];
+        ++v.users;
+        VerdictUser vu;
+        vu.sid = u.sid;
+        vu.hasCode = u.over;
+        vu.code = u.status;
+        if (u.moved()) {
+            vu.outcome = u.gaps.empty() ? UserOutcome::Moved : UserOutcome::MovedWithGaps;
+            vu.missing = u.gaps;
+            vu.hasCode = u.over && u.status != 0;
+            if (vu.hasCode)
+                vu.note = StatusNote(u);
+        } else if (u.deleteSeen) {
+            // In the store; only the delete of its old key failed. The format counts it
+            // as converted, and the next Convert meets its old key again.
+            vu.outcome = u.gaps.empty() ? UserOutcome::Moved : UserOutcome::MovedWithGaps;
+            vu.missing = u.gaps;
+            vu.note = "its old key stayed: DeleteKey " + DescribeResult(u.deleteResult);
+        } else if (!u.heldFor.empty()) {
+            vu.outcome = UserOutcome::Held;
+            vu.missing = u.heldFor;
+        } else {
+            vu.outcome = UserOutcome::Failed;
+            if (!u.over)
+                vu.note = "the trace ends before its conversion was over";
         }
-        return summary.users[it->second];
-    };
+        switch (vu.outcome) {
+        case UserOutcome::Moved: ++v.moved; break;
+        case UserOutcome::MovedWithGaps: ++v.movedWithGaps; break;
+        case UserOutcome::Held: ++v.held; break;
+        case UserOutcome::Failed: ++v.failedUsers; break;
+        }
+        if (vu.outcome != UserOutcome::Moved || !vu.note.empty())
+            v.notPlainlyMoved.push_back(vu);
+    }
+    for (std::size_t i = 0; i < verdicts.size(); ++i) {
+        const bool users = summary.conversions[i].step.find("-> 3.0") != std::string::npos || verdicts[i].users > 0;
+        if (users)
+            verdicts[i].policy = summary.conversions[i].strict ? "strict" : "default";
+    }
+    return verdicts;
+}
 
-    for (const Record& r : trace.records) {
-        if (r.kind == 'N') {
-            newProcess();
-            clock.Reopened(r.text);
-            summary.processes.back().started = clock.text();
-            continue;
+void WriteVerdicts(const std::vector<Verdict>& verdicts, std::ostream& out)
+{
+    if (verdicts.empty()) {
+        out << "verdict: no conversion\n";
+        return;
+    }
+    for (const Verdict& v : verdicts) {
+        out << "verdict: process " << v.process;
+        if (!v.started.empty())
+            out << ", " << v.started;
+        out << ": ";
+        if (v.step.empty())
+            out << "no format step ran";
+        else
+            out << v.step;
+        if (!v.policy.empty())
+            out << ", " << v.policy << " policy";
+        if (!v.policy.empty() || v.users) {
+            out << ", " << v.users << (v.users == 1 ? " user: " : " users: ") << v.moved << " moved, "
+                << v.movedWithGaps << " moved with gaps, " << v.held << " held, " << v.failedUsers << " failed";
         }
-        if (r.kind == 't') {
-            clock.Date(r.text);
-            continue;
-        }
-        if (r.kind == 'T') {
-            clock.Time(r.text);
-            SummaryProcess& p = summary.processes.back();
-            // A reopened file's process knows its date first and its time later.
-            if (p.ordinal > 1 && p.started.size() == 8)
-                p.started = clock.text();
-            continue;
-        }
-        SummaryProcess& process = summary.processes.back();
-        auto thread = std::find_if(process.threads.begin(), process.threads.end(),
-                                   [&](const SummaryThread& t) { return t.id == r.thread; });
-        if (thread == process.threads.end()) {
-            process.threads.push_back({r.thread, 0});
-            thread = process.threads.end() - 1;
-        }
-        ++thread->records;
-        std::vector<OpenScope>& stack = stacks[r.thread];
-
-        if (r.kind == '>') {
-            stack.push_back({r.text, clock.known(), clock.now()});
-        } else if (r.kind == '<') {
-            if (stack.empty())
-                continue;
-            const OpenScope scope = stack.back();
-            stack.pop_back();
-            auto it = scopeAt.find(scope.name);
-            if (it == scopeAt.end()) {
-                SummaryScope s;
-                s.name = scope.name;
-                summary.scopes.push_back(s);
-                it = scopeAt.emplace(scope.name, summary.scopes.size() - 1).first;
+        if (v.failed)
+            out << "; the conversion failed: " << DescribeResult(v.result) << " in " << v.failedIn;
+        else if (!v.ended)
+            out << "; the trace ends inside the conversion";
+        out << '\n';
+        for (const VerdictUser& u : v.notPlainlyMoved) {
+            out << "  " << u.sid << "  " << OutcomeWord(u.outcome);
+            if (u.outcome == UserOutcome::Held || u.outcome == UserOutcome::Failed) {
+                if (u.hasCode)
+                    out << ": " << DescribeResult(u.code);
+                if (!u.missing.empty())
+                    out << "; missing: " << u.missing;
+            } else if (!u.missing.empty()) {
+                out << "; missing: " << u.missing;
             }
-            SummaryScope& s = summary.scopes[it->second];
-            ++s.calls;
-            if (scope.timed && clock.known() && clock.now() >= scope.started) {
-                const std::uint64_t ms = static_cast<std::uint64_t>(clock.now() - scope.started);
-                s.totalMs += ms;
-                s.longestMs = std::max(s.longestMs, ms);
-            }
-        } else if (r.kind == 'E') {
-            const std::size_t blank = r.text.find(' ');
-            const std::string number = r.text.substr(0, blank);
-            char* end = nullptr;
-            const long long code = std::strtoll(number.c_str(), &end, 10);
-            if (number.empty() || *end != '\0' || code >= 0)
-                continue;
-            const std::string text = blank == std::string::npos ? std::string() : r.text.substr(blank + 1);
-            const auto key = std::make_tuple(process.ordinal, r.thread, JoinPath(stack),
-                                             static_cast<std::int32_t>(code), text);
-            auto it = failureAt.find(key);
-            if (it == failureAt.end()) {
-                SummaryFailure f;
-                f.process = process.ordinal;
-                f.thread = r.thread;
-                f.path = std::get<2>(key);
-                f.code = static_cast<std::int32_t>(code);
-                f.text = text;
-                summary.failures.push_back(f);
-                it = failureAt.emplace(key, summary.failures.size() - 1).first;
-            }
-            ++summary.failures[it->second].count;
-        } else if (r.kind == 'U') {
-            std::string sid;
-            std::uint32_t code = 0;
-            if (QuotedAfter(r.text, "Conversion process began for '", "", sid, nullptr)) {
-                user(sid);
-            } else if (QuotedAfter(r.text, "Conversion process is over for '", ", ", sid, &code)) {
-                SummaryUser& u = user(sid);
-                u.over = true;
-                u.status = code;
-            } else if (QuotedAfter(r.text, "DeleteKey('", "), ", sid, &code)) {
-                SummaryUser& u = user(sid);
-                u.deleteSeen = true;
-                u.deleteResult = code;
-            } else {
-                std::string rest;
-                if (EmptyValueLine(r.text, rest))
-                    summary.emptyValues.push_back(rest);
-                else if (SidAndRest(r.text, kIncompleteUserLead, kMovedWithGapsTail, sid, rest))
-                    user(sid).gaps = rest;
-                else if (SidAndRest(r.text, kIncompleteUserLead, kKeepsOldKeyTail, sid, rest))
-                    user(sid).heldFor = rest;
-            }
+            if (!u.note.empty())
+                out << "; " << u.note;
+            out << '\n';
         }
     }
-    for (auto& [thread, stack] : stacks)
-        summary.unclosedScopes += stack.size();
-    std::stable_sort(summary.scopes.begin(), summary.scopes.end(),
-                     [](const SummaryScope& a, const SummaryScope& b) { return a.totalMs > b.totalMs; });
-    return summary;
 }
 
 void WriteSummary(const TraceSummary& summary, std::ostream& out, std::size_t slowest)
 {
-    out << "processes: " << summary.processes.size() << '\n';
+    WriteVerdicts(ComputeVerdicts(summary), out);
+
+    // Processes that neither ran an operation nor failed (a status query, a version
+    // check: each loads the library and traces its version) are folded into one line.
+    std::vector<unsigned> quiet;
+    std::string quietFrom, quietTo;
+    out << "\nprocesses: " << summary.processes.size() << '\n';
     for (const SummaryProcess& p : summary.processes) {
-        out << "  process " << p.ordinal << ", started " << (p.started.empty() ? "at an unknown time" : p.started)
-            << ", threads:";
+        if (p.operations.empty() && p.failures == 0) {
+            quiet.push_back(p.ordinal);
+            if (quietFrom.empty())
+                quietFrom = p.started;
+            quietTo = p.started;
+            continue;
+        }
+        out << "  process " << p.ordinal << ", started " << (p.started.empty() ? "at an unknown time" : p.started);
+        std::string ran;
+        for (const std::string& op : p.operations)
+            ran += (ran.empty() ? ", ran " : ", ") + op;
+        out << ran << ", threads:";
         if (p.threads.empty())
             out << " none";
         for (const SummaryThread& t : p.threads)
             out << ' ' << t.id << " (" << t.records << " records)";
         out << '\n';
     }
+    if (!quiet.empty()) {
+        out << "  " << (quiet.size() == 1 ? "process " : "processes ") << ProcessList(quiet);
+        if (quiet.size() > 1)
+            out << " (" << quiet.size() << ")";
+        if (!quietFrom.empty())
+            out << ", started " << quietFrom << (quiet.size() > 1 && quietTo != quietFrom ? " to " + quietTo : "");
+        out << ": only loaded the library (no conversion, no failure)\n";
+    }
 
-    out << "\nfailing results: " << summary.failures.size() << '\n';
+    std::size_t failing = 0;
+    for (const SummaryFailure& f : summary.failures)
+        failing += f.count;
+    out << "\nfailing results: " << failing << " (each counted where it arose)\n";
     for (const SummaryFailure& f : summary.failures) {
-        const std::uint32_t code = static_cast<std::uint32_t>(f.code);
-        const CodeText text = DescribeCode(code);
-        out << "  " << Hex8(code);
-        if (!text.name.empty())
-            out << ' ' << text.name;
-        if (!text.message.empty())
-            out << " \"" << text.message << '"';
-        out << "\n    in " << f.path << "\n    process " << f.process << ", thread " << f.thread;
+        out << "  " << DescribeResult(static_cast<std::uint32_t>(f.code)) << "\n    in " << f.path;
+        if (!f.user.empty())
+            out << ", user " << f.user;
+        out << "\n    process " << f.process << ", thread " << f.thread;
         if (f.count > 1)
             out << ", " << f.count << " times";
         if (!f.text.empty())
             out << ", text: " << f.text;
+        if (f.passedUp)
+            out << ", passed up " << f.passedUp << (f.passedUp == 1 ? " scope" : " scopes") << " to " << f.reached;
         out << '\n';
     }
 
@@ -439,6 +835,8 @@ void WriteSummary(const TraceSummary& summary, std::ostream& out, std::size_t sl
                 out << "moved with gaps: " << u.gaps;
             } else if (u.moved()) {
                 out << "moved";
+                if (u.over && u.status != 0)
+                    out << "; " << StatusNote(u);
             } else if (u.deleteSeen) {
                 out << "in the store, but its old key stayed (DeleteKey " << Hex8(u.deleteResult) << ')';
             } else {
@@ -474,6 +872,7 @@ void WriteSummary(const TraceSummary& summary, std::ostream& out, std::size_t sl
 
 void WriteJsonLines(const DecodedTrace& trace, std::ostream& out)
 {
+    using Json = nlohmann::ordered_json;
     Clock clock;
     unsigned process = 1;
     std::map<std::uint32_t, int> depth;
@@ -491,22 +890,28 @@ void WriteJsonLines(const DecodedTrace& trace, std::ostream& out)
         if (r.kind == '<' && d > 0)
             --d;
         const std::string time = clock.text();
-        out << "{\"offset\":" << r.offset << ",\"process\":" << process << ",\"thread\":" << r.thread
-            << ",\"kind\":" << JsonQuoted(std::string(1, r.kind))
-            << ",\"time\":" << (time.empty() ? std::string("null") : JsonQuoted(time)) << ",\"depth\":" << d
-            << ",\"text\":" << JsonQuoted(r.text);
+        Json line = Json::object();
+        line["offset"] = r.offset;
+        line["process"] = process;
+        line["thread"] = r.thread;
+        line["kind"] = std::string(1, r.kind);
+        line["time"] = time.empty() ? Json(nullptr) : Json(time);
+        line["depth"] = d;
+        line["text"] = r.text;
         if (r.kind == 'E') {
             char* end = nullptr;
             const std::string number = r.text.substr(0, r.text.find(' '));
             const long long code = std::strtoll(number.c_str(), &end, 10);
             if (!number.empty() && *end == '\0') {
                 const CodeText text = DescribeCode(static_cast<std::uint32_t>(code));
-                out << ",\"code\":" << JsonQuoted(Hex8(static_cast<std::uint32_t>(code)))
-                    << ",\"name\":" << (text.name.empty() ? std::string("null") : JsonQuoted(text.name))
-                    << ",\"message\":" << (text.message.empty() ? std::string("null") : JsonQuoted(text.message));
+                line["code"] = Hex8(static_cast<std::uint32_t>(code));
+                line["name"] = text.name.empty() ? Json(nullptr) : Json(text.name);
+                line["message"] = text.message.empty() ? Json(nullptr) : Json(text.message);
             }
         }
-        out << "}\n";
+        // Text that is not UTF-8 (a damaged file's last record is not kept, but a
+        // header or an encoded surrogate may be) is shown with replacement characters.
+        out << line.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
         if (r.kind == '>')
             ++d;
     }

@@ -29,10 +29,20 @@ struct SummaryThread {
 // file). A process is known by its ordinal in the file and when it started.
 struct SummaryProcess {
     unsigned ordinal = 0;
-    std::string started; // "11/21/26 12:20:44.512", or the date alone
+    std::string started; // "2026-11-21 12:20:44.512", or the date alone
     std::vector<SummaryThread> threads;
+    // The library's operations it ran ("Convert", "Rollback", "Cleanup"), in order.
+    // A process with none and no failing result only loaded the library (a status
+    // query, a version check).
+    std::vector<std::string> operations;
+    std::size_t failures = 0; // failing results that arose in it
 };
 
+// A failing result, counted once at the scope where it arose. Each scope that only
+// passed it on to its caller (its own result record carries the code a scope it
+// called ended with) adds to passedUp instead of counting again. A user's failure
+// that left no result record of its own (the per-user guard caught it) is one too,
+// at the conversion's scope, with the user's SID.
 struct SummaryFailure {
     unsigned process = 0;
     std::uint32_t thread = 0;
@@ -40,12 +50,16 @@ struct SummaryFailure {
     std::int32_t code = 0;
     std::string text;  // the text after the code, usually empty
     std::size_t count = 0; // identical results in a row (same process, thread, path, code)
+    std::size_t passedUp = 0;  // enclosing scopes that passed it on
+    std::string reached;       // the outermost scope it reached, when passed up
+    std::string user;          // the SID, for a user's failure without a result record
 };
 
 // One user of a 2.0 -> 3.0 conversion, from "Conversion process began/is over for",
 // "Incomplete user '<SID>' ..." and "DeleteKey('<SID>'), 0x..." lines.
 struct SummaryUser {
     unsigned process = 0;
+    std::size_t conversion = 0;   // index into TraceSummary::conversions
     std::string sid;
     bool over = false;            // the "is over" line was seen
     std::uint32_t status = 0;     // from the "is over" line
@@ -55,6 +69,11 @@ struct SummaryUser {
     // the user moved without them) or "... keeps its old key: <parts>" (strict).
     std::string gaps;
     std::string heldFor;
+    // "Retrieve payload" was traced: the store had no public key for the user yet,
+    // and the format leaves that lookup's failure in the user's status.
+    bool payloadRetrieved = false;
+    std::uint32_t previousStatus = 0; // the status the user before it ended with
+    bool hasPrevious = false;
     // Moved: the user's old key was deleted after a complete run of its steps.
     bool moved() const { return deleteSeen && deleteResult == 0; }
     bool movedWithGaps() const { return moved() && !gaps.empty(); }
@@ -73,8 +92,24 @@ struct SummaryScope {
     std::uint64_t longestMs = 0;
 };
 
+// One run of a library operation that converts: a CBaseConverter::Convert scope
+// (or a format step's do_Convert traced without one).
+struct SummaryConversion {
+    unsigned process = 0;
+    std::string started;  // as SummaryProcess::started
+    std::string fromVersion; // "2.0", from the "wszVersion = " line; empty when not traced
+    std::string step;     // "2.0 -> 3.0", "1.0 -> 2.0"; empty when no format step ran
+    bool strict = false;  // "Conversion policy: strict" was traced
+    bool ended = true;    // its scope was left before the file ended
+    bool failed = false;  // its own result was a failure
+    std::uint32_t result = 0;
+    std::string failedIn; // where that failure arose
+};
+
 struct TraceSummary {
+    std::vector<std::string> header;     // the file's header lines
     std::vector<SummaryProcess> processes;
+    std::vector<SummaryConversion> conversions;
     std::vector<SummaryFailure> failures;
     std::vector<SummaryUser> users;
     std::vector<SummaryScope> scopes; // by total time, longest first
@@ -85,6 +120,49 @@ struct TraceSummary {
 };
 
 TraceSummary Summarize(const DecodedTrace& trace);
+
+// The outcome of one user, as the verdict counts it.
+enum class UserOutcome {
+    Moved,         // the old key went after a complete run of its steps
+    MovedWithGaps, // moved without part of it (default policy)
+    Held,          // kept its old data: the strict policy found something missing
+    Failed,        // kept its old data: a step failed, or the trace ends inside it
+};
+
+// A user that is not plainly moved: held, failed, moved with gaps, or moved with a
+// note (its old key stayed, or its status carries a result that is no failure).
+struct VerdictUser {
+    std::string sid;
+    UserOutcome outcome = UserOutcome::Moved;
+    bool hasCode = false;
+    std::uint32_t code = 0;  // the user's status
+    std::string missing;     // what did not reach the store, in the library's words
+    std::string note;        // why a status that is no failure is there, or what else to know
+};
+
+// The verdict on one conversion: what it did and who is not plainly moved.
+struct Verdict {
+    unsigned process = 0;
+    std::string started;
+    std::string step;     // "2.0 -> 3.0"; empty when no format step ran
+    std::string policy;   // "default" or "strict"; empty for a step without users
+    bool ended = true;
+    bool failed = false;  // the conversion's own result
+    std::uint32_t result = 0;
+    std::string failedIn;
+    std::size_t users = 0, moved = 0, movedWithGaps = 0, held = 0, failedUsers = 0;
+    std::vector<VerdictUser> notPlainlyMoved; // in trace order
+};
+
+std::vector<Verdict> ComputeVerdicts(const TraceSummary& summary);
+std::vector<Verdict> ComputeVerdicts(const DecodedTrace& trace);
+
+// The verdict lines: one "verdict: ..." line per conversion, each followed by one
+// indented line per user not plainly moved; "verdict: no conversion" when none ran.
+void WriteVerdicts(const std::vector<Verdict>& verdicts, std::ostream& out);
+
+// "0x80070005 E_ACCESSDENIED "Access is denied"": hex, then name and message when known.
+std::string DescribeResult(std::uint32_t code);
 
 // The summary as text; at most `slowest` scopes are listed.
 void WriteSummary(const TraceSummary& summary, std::ostream& out, std::size_t slowest = 10);

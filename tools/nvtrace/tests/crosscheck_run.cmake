@@ -36,7 +36,7 @@ if(NOT listing MATCHES "${header_re}")
 endif()
 # Readable scopes, lines and results: "mm/dd/yy hh:mm:ss.mmm  thread  <indent>kind text".
 set(prefix "\n[0-9][0-9]/[0-9][0-9]/[0-9][0-9] ([0-9][0-9]:[0-9][0-9]:[0-9][0-9]\\.[0-9][0-9][0-9]|--:--:--\\.---) +[0-9]+  ")
-foreach(kind_re "> CDBConverter::FinalConstruct\n" "  +U wszVersion = 3\\.0\n" "  +E -2147024894 \n" "<\n"
+foreach(kind_re "> CDBConverter::FinalConstruct\n" "  +U wszVersion = 3\\.0\n" "  +E 0x80070002 HRESULT_FROM_WIN32\\(ERROR_FILE_NOT_FOUND\\)\n" "<\n"
                 "N [0-9][0-9]-[0-9][0-9]-[0-9][0-9][0-9][0-9]\n")
     if(NOT listing MATCHES "${prefix} *${kind_re}")
         message(FATAL_ERROR "no record matching '${kind_re}' in the listing")

@@ -251,10 +251,10 @@ TEST(TraceDecoderTest, UnscrambledRecordsAreRecognisedAsCorrupt)
 TEST(TraceDecoderTest, ResultsOfEveryShapeDecode)
 {
     SampleTrace sample;
-    sample.Add(1, 'E', "0 ").Add(1, 'E', "590610 text").Add(1, 'E', "-2147467259 CFoo failed");
+    sample.Add(1, 'E', "-1 ").Add(1, 'E', "590610 text").Add(1, 'E', "-2147467259 CFoo failed");
     const DecodedTrace trace = Decode(sample.bytes());
     ASSERT_TRUE(trace.ok) << trace.error;
-    EXPECT_EQ((std::vector<std::string>{"E 0 ", "E 590610 text", "E -2147467259 CFoo failed"}), Canonical(trace));
+    EXPECT_EQ((std::vector<std::string>{"E -1 ", "E 590610 text", "E -2147467259 CFoo failed"}), Canonical(trace));
 }
 
 TEST(TraceDecoderTest, GarbageAfterTheHeaderNeverCrashes)

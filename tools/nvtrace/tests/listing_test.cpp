@@ -60,10 +60,10 @@ TEST(TraceListingTest, ReadableListingShowsHeaderTimeThreadAndIndentedRecords)
                                  "11/15/26 09:30:00.125   1200    > CBaseConverter::Backup\n"
                                  "11/15/26 09:30:00.126     88  > Worker\n"
                                  "11/15/26 09:30:00.126   1200      U copied 3 keys\n"
-                                 "11/15/26 09:30:00.126     88    E -2147467259 \n"
+                                 "11/15/26 09:30:00.126     88    E 0x80004005 E_FAIL\n"
                                  "11/15/26 09:30:00.126   1200    <\n"
                                  "11/15/26 09:30:00.126     88  <\n"
-                                 "11/15/26 09:30:01.000   1200    E -2147024894 \n"
+                                 "11/15/26 09:30:01.000   1200    E 0x80070002 HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)\n"
                                  "11/15/26 09:30:01.000   1200  <\n";
     EXPECT_EQ(expected, Listing(TwoThreads()));
 }
@@ -99,7 +99,7 @@ TEST(TraceListingTest, ThreadFilterKeepsTheFilesClock)
                                  "11/15/26 09:30:00.125   1200    > CBaseConverter::Backup\n"
                                  "11/15/26 09:30:00.126   1200      U copied 3 keys\n"
                                  "11/15/26 09:30:00.126   1200    <\n"
-                                 "11/15/26 09:30:01.000   1200    E -2147024894 \n"
+                                 "11/15/26 09:30:01.000   1200    E 0x80070002 HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)\n"
                                  "11/15/26 09:30:01.000   1200  <\n";
     EXPECT_EQ(expected, Listing(TwoThreads(), options));
 }

@@ -1,0 +1,275 @@
+// The fleet roll-up's cost: nvtrace --csv over a folder of generated traces, against
+// a floor measured in the same run, reading the same files (the same folder walk,
+// every byte read, nothing decoded). Prints human-readable lines and, per figure,
+//   ROW,<figure>,<ours>,<floor or anchor>,<ratio>,<goal>,<unit>
+// for scripts/bench's table. Nothing is asserted.
+//
+//   nvtrace_rollup_bench --nvtrace PATH --dir SCRATCH [--traces N] [--runs R]
+//
+// nvtrace runs as a child process (as a support engineer runs it), so its peak
+// memory is its own: the resident high-water mark from wait4. The same figure for a
+// tenth of the traces is the anchor that shows memory does not grow with their number.
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "nvtracelib.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t kTracesPerFolder = 1000;
+
+struct Options {
+    std::string nvtrace;
+    std::string dir;
+    std::size_t traces = 10000;
+    int runs = 3;
+};
+
+void Append(std::vector<std::uint8_t>& out, std::uint32_t thread, char kind, const std::string& text = "")
+{
+    const std::vector<std::uint8_t> record = nvtrace::EncodeRecord(thread, kind, text);
+    out.insert(out.end(), record.begin(), record.end());
+}
+
+// One machine's trace: a status query, then a 2.0 -> 3.0 conversion of a few users
+// with the outcomes a fleet shows (most moved, some with gaps, held or failed), the
+// scopes and lines of the library's own trace around them.
+std::vector<std::uint8_t> GeneratedTrace(std::size_t n)
+{
+    std::vector<std::uint8_t> out;
+    char machine[32];
+    std::snprintf(machine, sizeof(machine), "PC-%05zu", n);
+    for (const std::string& line :
+         {std::string("trace3"), std::string("Compiled: Sep 15 2010 11:26:51"), std::string("OS: Windows10"),
+          std::string("ServicePack: "), std::string("Machine name: ") + machine, std::string("Trace Ver: 3.0.1"),
+          std::string("FileVersion: 3.0.1.0"), std::string("No Palmera products found"),
+          std::string("installation: LOCAL"), std::string("11/25/2026 08:00:00.000"), std::string(".")}) {
+        out.insert(out.end(), line.begin(), line.end());
+        out.push_back('\r');
+        out.push_back('\n');
+    }
+    const std::uint32_t t = 1000 + static_cast<std::uint32_t>(n % 5000);
+    Append(out, t, 't', "11/25/26");
+    Append(out, t, 'T', "08:00:00.010");
+    Append(out, t, '>', "CDBConverter::FinalConstruct");
+    Append(out, t, 'U', "wszVersion = 2.0");
+    Append(out, t, 'U', "m_dwVersion = 0x20000");
+    Append(out, t, '<');
+    Append(out, 0, 'N', "11-25-2026");
+    Append(out, t + 1, 'T', "08:01:00.000");
+    Append(out, t + 1, '>', "CDBConverter::FinalConstruct");
+    Append(out, t + 1, 'U', "wszVersion = 2.0");
+    Append(out, t + 1, '<');
+    Append(out, t + 1, '>', "CBaseConverter::Convert");
+    Append(out, t + 1, '>', "CBaseConverter::Backup");
+    Append(out, t + 1, '>', "CBaseConverter::CopyKey");
+    Append(out, t + 1, '<');
+    Append(out, t + 1, 'U', "backup key created, name stored");
+    Append(out, t + 1, '<');
+    Append(out, t + 1, '>', "CConverter3::do_Convert");
+    for (std::size_t u = 0; u < 6; ++u) {
+        char sid[128];
+        std::snprintf(sid, sizeof(sid), "S-1-5-21-%zu-%zu-%zu-%zu", 1000 + n, 2000 + n % 97, 3000 + n % 13, 1001 + u);
+        Append(out, t + 1, 'T', "08:01:0" + std::to_string(u) + ".250");
+        Append(out, t + 1, 'U', std::string("Conversion process began for '") + sid + "'");
+        Append(out, t + 1, '>', "CLocalDBUserExtractor::InternalLoadSecretsToMap");
+        Append(out, t + 1, '>', "CNVDBRegSet::ReadAnyField");
+        Append(out, t + 1, '<');
+        Append(out, t + 1, '<');
+        Append(out, t + 1, 'U', "Read password secret from old DB");
+        const std::size_t kind = (n + u) % 10;
+        if (kind == 7) {
+            Append(out, t + 1, '>', "CNVSecret::GetContent");
+            Append(out, t + 1, 'E', "-2146893819 ");
+            Append(out, t + 1, '<');
+            Append(out, t + 1, 'U', std::string("Conversion process is over for '") + sid + "', 0x80090005");
+            continue;
+        }
+        if (kind == 8) {
+            Append(out, t + 1, 'U', std::string("Incomplete user '") + sid +
+                                        "' moved with gaps: secret not stored 'SystemLogonInfo' (0x80004005)");
+        }
+        Append(out, t + 1, 'U', "Retrieve payload");
+        Append(out, t + 1, 'U', std::string("DeleteKey('") + sid + "'), 0x00000000");
+        Append(out, t + 1, 'U', std::string("Conversion process is over for '") + sid + "', 0x8009000D");
+    }
+    Append(out, t + 1, '<');
+    Append(out, t + 1, '<');
+    return out;
+}
+
+void Generate(const Options& o)
+{
+    fs::remove_all(o.dir);
+    for (std::size_t n = 0; n < o.traces; ++n) {
+        char folder[32], name[64];
+        std::snprintf(folder, sizeof(folder), "m%03zu", n / kTracesPerFolder);
+        std::snprintf(name, sizeof(name), "setup.NVDBConv.dll.x64.%05zu.trc3", n);
+        const fs::path dir = fs::path(o.dir) / folder;
+        fs::create_directories(dir);
+        const std::vector<std::uint8_t> bytes = GeneratedTrace(n);
+        std::ofstream out(dir / name, std::ios::binary | std::ios::trunc);
+        out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    }
+}
+
+// The floor: the same walk over the same files, each read whole into memory (as the
+// decoder reads it) and let go.
+std::uint64_t ReadAll(const fs::path& dir)
+{
+    std::vector<fs::directory_entry> entries;
+    for (const fs::directory_entry& e : fs::directory_iterator(dir))
+        entries.push_back(e);
+    std::sort(entries.begin(), entries.end(),
+              [](const fs::directory_entry& a, const fs::directory_entry& b) { return a.path() < b.path(); });
+    std::uint64_t bytes = 0;
+    for (const fs::directory_entry& e : entries) {
+        if (e.is_directory()) {
+            bytes += ReadAll(e.path());
+            continue;
+        }
+        std::vector<std::uint8_t> data;
+        std::string error;
+        if (nvtrace::ReadWholeFile(e.path().string(), data, error))
+            bytes += data.size();
+    }
+    return bytes;
+}
+
+double Seconds(std::chrono::steady_clock::time_point start)
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+struct ChildRun {
+    double seconds = 0;
+    double peakMb = 0;
+    int exitCode = -1;
+};
+
+// nvtrace --csv <dir>, its output discarded.
+ChildRun RunNvtrace(const std::string& nvtrace, const std::string& dir)
+{
+    ChildRun run;
+    std::fflush(stdout); // or the child's stdout would write it again
+    const auto start = std::chrono::steady_clock::now();
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        std::FILE* null = std::freopen("/dev/null", "w", stdout);
+        (void)null;
+        ::execl(nvtrace.c_str(), nvtrace.c_str(), "--csv", dir.c_str(), static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    int status = 0;
+    struct rusage usage {};
+    ::wait4(pid, &status, 0, &usage);
+    run.seconds = Seconds(start);
+    run.peakMb = static_cast<double>(usage.ru_maxrss) / 1024.0; // kilobytes on Linux
+    run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return run;
+}
+
+double Median(std::vector<double> v)
+{
+    std::sort(v.begin(), v.end());
+    if (v.empty())
+        return 0;
+    const std::size_t n = v.size();
+    return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
+}
+
+bool ParseOptions(int argc, char** argv, Options& o)
+{
+    for (int i = 1; i + 1 < argc; i += 2) {
+        const std::string a = argv[i], v = argv[i + 1];
+        if (a == "--nvtrace")
+            o.nvtrace = v;
+        else if (a == "--dir")
+            o.dir = v;
+        else if (a == "--traces")
+            o.traces = static_cast<std::size_t>(std::strtoul(v.c_str(), nullptr, 10));
+        else if (a == "--runs")
+            o.runs = std::atoi(v.c_str());
+        else
+            return false;
+    }
+    return (argc % 2) == 1 && !o.nvtrace.empty() && !o.dir.empty() && o.traces >= 10 && o.runs >= 1;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    Options o;
+    if (!ParseOptions(argc, argv, o)) {
+        std::fprintf(stderr, "usage: nvtrace_rollup_bench --nvtrace PATH --dir SCRATCH [--traces N] [--runs R]\n");
+        return 2;
+    }
+    Generate(o);
+    // A tenth of the traces, for the memory anchor: the first folders, copied by link.
+    const std::string tenth = o.dir + "-tenth";
+    fs::remove_all(tenth);
+    fs::create_directories(tenth);
+    std::size_t linked = 0;
+    for (std::size_t f = 0; linked < o.traces / 10; ++f) {
+        char folder[32];
+        std::snprintf(folder, sizeof(folder), "m%03zu", f);
+        for (const fs::directory_entry& e : fs::directory_iterator(fs::path(o.dir) / folder)) {
+            if (linked == o.traces / 10)
+                break;
+            fs::create_hard_link(e.path(), fs::path(tenth) / e.path().filename());
+            ++linked;
+        }
+    }
+    const std::uint64_t bytes = ReadAll(o.dir); // warms the page cache for both
+    std::printf("nvtrace roll-up: %zu traces, %.1f MB, in %s\n", o.traces, static_cast<double>(bytes) / 1048576.0,
+                o.dir.c_str());
+
+    std::vector<double> ours, floors, ratios, peaks;
+    for (int run = 0; run < o.runs; ++run) {
+        auto start = std::chrono::steady_clock::now();
+        ReadAll(o.dir);
+        const double floor = Seconds(start);
+        const ChildRun r = RunNvtrace(o.nvtrace, o.dir);
+        if (r.exitCode != 0) {
+            std::fprintf(stderr, "nvtrace --csv failed (exit %d)\n", r.exitCode);
+            return 1;
+        }
+        ours.push_back(r.seconds);
+        floors.push_back(floor);
+        ratios.push_back(r.seconds / floor);
+        peaks.push_back(r.peakMb);
+        std::printf("  run %d: nvtrace --csv %.3f s, reading the files %.3f s, ratio %.2f, peak %.1f MB\n", run + 1,
+                    r.seconds, floor, r.seconds / floor, r.peakMb);
+    }
+    const ChildRun small = RunNvtrace(o.nvtrace, tenth);
+    fs::remove_all(tenth);
+
+    const double oursMs = Median(ours) * 1e3, floorMs = Median(floors) * 1e3;
+    const double peak = *std::max_element(peaks.begin(), peaks.end());
+    char figure[200];
+    std::snprintf(figure, sizeof(figure),
+                  "nvtrace --csv %zu traces (floor reading the same files; median of %d runs' ratios)", o.traces,
+                  o.runs);
+    std::printf("ROW,%s,%.3f,%.3f,%.3f,<=1.5,ms\n", figure, oursMs, floorMs, Median(ratios));
+    std::snprintf(figure, sizeof(figure), "nvtrace --csv %zu traces: traces per second", o.traces);
+    std::printf("ROW,%s,%.1f,,,,traces/s\n", figure, static_cast<double>(o.traces) / Median(ours));
+    std::snprintf(figure, sizeof(figure), "nvtrace --csv %zu traces: peak memory (anchor %zu traces)", o.traces,
+                  o.traces / 10);
+    std::printf("ROW,%s,%.1f,%.1f,%.3f,<=64,MB\n", figure, peak, small.peakMb, peak / small.peakMb);
+    std::fflush(stdout);
+    return 0;
+}

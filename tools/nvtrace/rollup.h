@@ -1,0 +1,75 @@
+// Many traces at once, for a fleet: one row per trace file (machine, library
+// version, start, users moved / moved with gaps / held / failed, first failure,
+// whether the file was whole) and totals with the most frequent failure codes, as a
+// text table, JSON lines or CSV. Files are read one at a time and only their row
+// and the bounded totals are kept, so memory does not grow with their number.
+#pragma once
+#include <cstdint>
+#include <iosfwd>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "nvtracelib.h"
+#include "summary.h"
+
+namespace nvtrace {
+
+enum class TraceState { Decoded, Damaged, Unreadable };
+
+struct TraceRow {
+    std::string file;
+    std::string machine;  // "Machine name: " of the header
+    std::string version;  // "FileVersion: " of the header
+    std::string started;  // the first process's start, "2026-11-15 09:30:00.125"
+    std::size_t moved = 0, movedWithGaps = 0, held = 0, failed = 0;
+    bool hasFailure = false;
+    std::uint32_t firstFailure = 0; // the first failing result, counted where it arose
+    TraceState state = TraceState::Decoded;
+    std::string problem;  // why the file is damaged or unreadable
+};
+
+// The row of one decoded file; codes receives how often each failure code arose in it.
+TraceRow RowOf(const std::string& file, const DecodedTrace& trace, std::map<std::uint32_t, std::size_t>* codes);
+
+enum class RollupFormat { Summary, Json, Csv };
+
+// The totals over every row, and the failure codes that arose most often. At most
+// kMaxCodes distinct codes are counted; the rest are counted together as "other".
+class RollupTotals {
+public:
+    static constexpr std::size_t kMaxCodes = 4096;
+    void Add(const TraceRow& row, const std::map<std::uint32_t, std::size_t>& codes);
+    std::size_t traces = 0, damaged = 0, unreadable = 0;
+    std::size_t moved = 0, movedWithGaps = 0, held = 0, failed = 0;
+    std::size_t failures = 0, otherFailures = 0;
+    // Most frequent first, then by code; at most `count`.
+    std::vector<std::pair<std::uint32_t, std::size_t>> MostFrequent(std::size_t count) const;
+
+private:
+    std::map<std::uint32_t, std::size_t> m_codes;
+};
+
+// Writes the rows as they come and the totals at the end.
+class RollupWriter {
+public:
+    RollupWriter(RollupFormat format, std::ostream& out) : m_format(format), m_out(out) {}
+    void Begin();
+    void Row(const TraceRow& row);
+    void End(const RollupTotals& totals);
+
+private:
+    RollupFormat m_format;
+    std::ostream& m_out;
+};
+
+// Every trace named: a file as it is, a folder by every *.trc3 file under it
+// (subfolders included, in name order). Returns the exit code: 0 when every file
+// decoded, 3 when any was truncated or corrupt, else 2 when any could not be read
+// (or no trace was found); each such file is named in its row and on err.
+int RunRollup(const std::vector<std::string>& paths, RollupFormat format, std::ostream& out, std::ostream& err);
+
+// True for a folder (the command line then rolls up).
+bool IsFolder(const std::string& path);
+
+} // namespace nvtrace
