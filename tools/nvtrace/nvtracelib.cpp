@@ -13,6 +13,7 @@
 
 #include "common/tea_cfb.h"
 #include "summary.h"
+#include "timeline_cli.h"
 #include "trace/trace_keys.h"
 
 namespace nvtrace {
@@ -354,6 +355,7 @@ namespace {
 
 const char kUsage[] =
     "usage: nvtrace [--raw | --summary | --json] [--thread N] FILE\n"
+    "       nvtrace [--chrome-trace OUT.json] [--html OUT.html] [--thread N] FILE\n"
     "  Decodes a .trc3 trace file: the header as it stands, then one line per record\n"
     "  (date and time, thread id, indentation by scope depth, kind and text;\n"
     "  kinds: '>' scope entered, '<' scope left, 'U' line, 'E' result, 'N' file reopened).\n"
@@ -363,7 +365,11 @@ const char kUsage[] =
     "              and the slowest scopes by total time\n"
     "  --json      every record as one JSON object per line (offset, process, thread, kind,\n"
     "              time, depth, text; results also code, name, message)\n"
-    "  --thread N  only the records of thread N (decimal, or hex with 0x)\n";
+    "  --thread N  only the records of thread N (decimal, or hex with 0x)\n"
+    "  --chrome-trace OUT  the scopes per process and thread as a timeline for chrome://tracing\n"
+    "              and Perfetto (trace event JSON), with failing results and progress lines\n"
+    "  --html OUT  one self-contained page: verdict, users, failing results, timeline\n"
+    "              (OUT \"-\": standard output; either replaces the listing)\n";
 
 bool ParseThread(const std::string& text, std::uint32_t& value)
 {
@@ -403,6 +409,7 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
     std::string path;
     bool havePath = false;
     bool summary = false, json = false;
+    TimelineOutputs outputs;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
         if (a == "--help" || a == "-h") {
@@ -417,6 +424,12 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
             options.raw = a == "--raw";
             summary = a == "--summary";
             json = a == "--json";
+        } else if (a == "--chrome-trace" || a == "--html") {
+            if (i + 1 >= args.size() || args[i + 1].empty()) {
+                err << "nvtrace: " << a << " needs an output file (\"-\": standard output)\n" << kUsage;
+                return 1;
+            }
+            (a == "--html" ? outputs.html : outputs.chromeTrace) = args[++i];
         } else if (a == "--thread") {
             if (i + 1 >= args.size() || !ParseThread(args[i + 1], options.thread)) {
                 err << "nvtrace: --thread needs a thread id (decimal, or hex with 0x)\n" << kUsage;
@@ -447,7 +460,7 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
     }
     DecodedTrace trace = Decode(data);
     // What could be decoded is shown even when the file is damaged further on.
-    if (summary || json) {
+    if (summary || json || outputs.any()) {
         if (options.filterThread) {
             auto other = [&](const Record& r) {
                 return r.thread != options.thread && r.kind != 'N' && r.kind != 't' && r.kind != 'T';
@@ -457,8 +470,12 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
         }
         if (summary)
             WriteSummary(Summarize(trace), out);
-        else
+        else if (json)
             WriteJsonLines(trace, out);
+        else if (options.raw)
+            WriteListing(trace, options, out);
+        if (outputs.any() && !WriteTimelineOutputs(trace, outputs, path, out, err))
+            return 2;
     } else {
         WriteListing(trace, options, out);
     }
