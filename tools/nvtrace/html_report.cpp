@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <map>
 #include <ostream>
 #include <sstream>
 
@@ -35,7 +36,7 @@ td.path { font-family: ui-monospace, monospace; font-size: .9em; }
 .verdict.warn { background: #fff6dc; border-color: #c9a227; }
 .verdict.bad { background: #fde8e8; border-color: #c0392b; }
 .verdict.none { background: #f0f0f3; border-color: #999; }
-tr.failed td { background: #fdecec; } tr.gaps td { background: #fff8e0; }
+tr.failed td { background: #fdecec; } tr.gaps td { background: #fff8e0; } tr.recovered td { background: #f4f0e6; }
 .damage { color: #a00; font-weight: bold; }
 .header { font-family: ui-monospace, monospace; font-size: .85em; color: #444; white-space: pre; }
 svg.timeline { width: 100%; height: auto; border: 1px solid #d0d0d5; background: #fff; }
@@ -117,30 +118,52 @@ std::string CodeWithName(std::uint32_t code)
 
 // ---- users ----------------------------------------------------------------
 
-int UserRank(const SummaryUser& u) { return u.moved() ? (u.movedWithGaps() ? 1 : 2) : 0; }
-
-const char* UserClass(const SummaryUser& u)
+// A user may be converted by several runs (processes) of one trace: one that kept
+// it and a later one that moved it. Its final state is that of its last run.
+const SummaryUser* MovedLater(const TraceSummary& summary, const SummaryUser& u)
 {
-    static const char* const classes[] = {"failed", "gaps", "moved"};
-    return classes[UserRank(u)];
+    for (const SummaryUser& other : summary.users)
+        if (other.sid == u.sid && other.process > u.process && other.moved())
+            return &other;
+    return nullptr;
 }
 
-std::string UserOutcome(const SummaryUser& u)
+enum UserRank { kKept, kGaps, kKeptThenMoved, kMoved };
+
+UserRank RankOf(const TraceSummary& summary, const SummaryUser& u)
+{
+    if (u.moved())
+        return u.movedWithGaps() ? kGaps : kMoved;
+    return MovedLater(summary, u) ? kKeptThenMoved : kKept;
+}
+
+const char* UserClass(UserRank rank)
+{
+    static const char* const classes[] = {"failed", "gaps", "recovered", "moved"};
+    return classes[rank];
+}
+
+std::string UserOutcome(const TraceSummary& summary, const SummaryUser& u)
 {
     if (u.movedWithGaps())
         return "moved with gaps: " + u.gaps;
     if (u.moved())
         return "moved";
-    if (u.deleteSeen)
-        return "in the store, but its old key stayed (DeleteKey " + HexCode(u.deleteResult) + ")";
-    std::string outcome = "kept its old data";
-    const CodeText text = DescribeCode(u.status);
-    if (!u.heldFor.empty())
-        outcome += ": " + u.heldFor;
-    else if (u.over && u.status != 0 && !text.name.empty())
-        outcome += ": " + text.name + " \"" + text.message + "\"";
-    else if (!u.over)
-        outcome += " (its conversion never ended)";
+    std::string outcome;
+    if (u.deleteSeen) {
+        outcome = "in the store, but its old key stayed (DeleteKey " + HexCode(u.deleteResult) + ")";
+    } else {
+        outcome = "kept its old data";
+        const CodeText text = DescribeCode(u.status);
+        if (!u.heldFor.empty())
+            outcome += ": " + u.heldFor;
+        else if (u.over && u.status != 0 && !text.name.empty())
+            outcome += ": " + text.name + " \"" + text.message + "\"";
+        else if (!u.over)
+            outcome += " (its conversion never ended)";
+    }
+    if (const SummaryUser* later = MovedLater(summary, u))
+        outcome += "; moved by a later run (process " + std::to_string(later->process) + ")";
     return outcome;
 }
 
@@ -151,17 +174,17 @@ void WriteUsers(const TraceSummary& summary, std::ostream& out)
         out << "<p>No user conversion in this trace.</p>\n";
         return;
     }
-    std::vector<const SummaryUser*> users;
+    std::vector<std::pair<UserRank, const SummaryUser*>> users;
     for (const SummaryUser& u : summary.users)
-        users.push_back(&u);
+        users.push_back({RankOf(summary, u), &u});
     std::stable_sort(users.begin(), users.end(),
-                     [](const SummaryUser* a, const SummaryUser* b) { return UserRank(*a) < UserRank(*b); });
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
     out << "<table class=\"users\">\n<tr><th>Process</th><th>SID</th><th>Status</th><th>Outcome</th></tr>\n";
-    for (const SummaryUser* u : users) {
-        out << "<tr class=\"user " << UserClass(*u) << "\"><td>" << u->process << "</td><td class=\"sid\">"
+    for (const auto& [rank, u] : users) {
+        out << "<tr class=\"user " << UserClass(rank) << "\"><td>" << u->process << "</td><td class=\"sid\">"
             << Escaped(u->sid) << "</td><td class=\"status\">"
             << (u->over ? Escaped(CodeWithName(u->status)) : std::string("(no end)")) << "</td><td class=\"outcome\">"
-            << Escaped(UserOutcome(*u)) << "</td></tr>\n";
+            << Escaped(UserOutcome(summary, *u)) << "</td></tr>\n";
     }
     out << "</table>\n";
 }
@@ -391,30 +414,38 @@ std::string HtmlEscape(const std::string& text)
 void WriteVerdictSection(const TraceSummary& summary, const Timeline& timeline, std::ostream& out)
 {
     const std::vector<ConversionFact> conversions = Conversions(timeline);
-    std::size_t failedConversions = 0, unfinishedConversions = 0, moved = 0, withGaps = 0, unfinishedScopes = 0;
-    for (const ConversionFact& c : conversions) {
-        failedConversions += c.failed && !c.unfinished;
-        unfinishedConversions += c.unfinished;
+    // Users by their final state: the last run that converted them.
+    std::map<std::string, const SummaryUser*> last;
+    for (const SummaryUser& u : summary.users)
+        last[u.sid] = &u;
+    std::size_t moved = 0, withGaps = 0, keptEarlier = 0, unfinishedScopes = 0;
+    for (const auto& entry : last) {
+        moved += entry.second->moved();
+        withGaps += entry.second->movedWithGaps();
     }
-    for (const SummaryUser& u : summary.users) {
-        moved += u.moved();
-        withGaps += u.movedWithGaps();
-    }
+    for (const SummaryUser& u : summary.users)
+        keptEarlier += !u.moved() && last[u.sid] != &u;
     for (const TimelineProcess& p : timeline.processes)
         unfinishedScopes += p.unfinishedScopes;
-    const std::size_t kept = summary.users.size() - moved;
+    const std::size_t kept = last.size() - moved;
+    const bool lastFailed = !conversions.empty() && (conversions.back().failed || conversions.back().unfinished);
 
     const char* cls = "ok";
     std::string headline = "Converted";
     if (conversions.empty()) {
         cls = "none";
         headline = "No conversion ran in this trace";
-    } else if (failedConversions || unfinishedConversions || kept) {
+    } else if (lastFailed || kept) {
         cls = "bad";
         headline = "Conversion failed";
     } else if (withGaps) {
         cls = "warn";
         headline = "Converted, with gaps";
+    } else if (keptEarlier || conversions.size() > 1) {
+        cls = "warn";
+        headline = "Converted, after an earlier run left users behind";
+        if (!keptEarlier)
+            headline = "Converted, in several runs";
     }
     out << "<section class=\"verdict " << cls << "\" id=\"verdict\">\n<h2>" << headline << "</h2>\n<ul>\n";
     for (const ConversionFact& c : conversions) {
@@ -424,11 +455,19 @@ void WriteVerdictSection(const TraceSummary& summary, const Timeline& timeline, 
         else if (c.failed)
             out << "failed with " << Escaped(CodeWithName(c.code));
         else
-            out << "succeeded";
+            out << "returned without a failing result";
+        std::size_t users = 0, usersMoved = 0;
+        for (const SummaryUser& u : summary.users)
+            if (u.process == c.process) {
+                ++users;
+                usersMoved += u.moved();
+            }
+        if (users)
+            out << "; " << usersMoved << " of " << users << " users moved";
         out << "</li>\n";
     }
-    if (!summary.users.empty())
-        out << "<li>users: " << summary.users.size() << ", " << moved << " moved"
+    if (!last.empty())
+        out << "<li>users in the end: " << last.size() << ", " << moved << " moved"
             << (withGaps ? " (" + std::to_string(withGaps) + " with gaps)" : std::string()) << ", " << kept
             << " kept their old data</li>\n";
     out << "<li>failing results: " << summary.failures.size() << "</li>\n";

@@ -71,8 +71,10 @@ TEST(NvtraceHtmlTest, VerdictUsersFailuresFirstAndEveryFailingResult)
     EXPECT_EQ(0u, page.find("<!DOCTYPE html>\n"));
     EXPECT_NE(std::string::npos, page.find("<section class=\"verdict bad\" id=\"verdict\">\n<h2>Conversion failed</h2>"))
         << page;
-    EXPECT_NE(std::string::npos, page.find("<li>process 1: Convert failed with 0x80004005 E_FAIL</li>")) << page;
-    EXPECT_NE(std::string::npos, page.find("<li>users: 3, 2 moved (1 with gaps), 1 kept their old data</li>")) << page;
+    EXPECT_NE(std::string::npos, page.find("<li>process 1: Convert failed with 0x80004005 E_FAIL; 2 of 3 users moved</li>"))
+        << page;
+    EXPECT_NE(std::string::npos, page.find("<li>users in the end: 3, 2 moved (1 with gaps), 1 kept their old data</li>"))
+        << page;
 
     const std::size_t kept = page.find("<tr class=\"user failed\"><td>1</td><td class=\"sid\">S-1-5-21-1-2-3-1002</td>"
                                        "<td class=\"status\">0x80004003 E_POINTER</td><td class=\"outcome\">kept its "
@@ -98,6 +100,31 @@ TEST(NvtraceHtmlTest, VerdictUsersFailuresFirstAndEveryFailingResult)
         << page;
     EXPECT_NE(std::string::npos, page.find("<td class=\"code\">0x80004005</td><td>E_FAIL</td><td>Unspecified error</td>"
                                            "<td class=\"path\">CBaseConverter::Convert</td>"))
+        << page;
+}
+
+// A user kept by a first run and moved by a second: the final state decides.
+TEST(NvtraceHtmlTest, AUserMovedByALaterRunCountsAsMoved)
+{
+    SampleTrace s;
+    s.Add(7, '>', "CBaseConverter::Convert").Add(7, 'U', "Conversion process began for 'S-1-5-21-9-1001'")
+        .Add(7, 'U', "Conversion process is over for 'S-1-5-21-9-1001', 0x80004003").Add(7, '<');
+    s.Add(0, 'N', "11-15-2026").Add(8, '>', "CBaseConverter::Convert")
+        .Add(8, 'U', "Conversion process began for 'S-1-5-21-9-1001'")
+        .Add(8, 'U', "DeleteKey('S-1-5-21-9-1001'), 0x00000000")
+        .Add(8, 'U', "Conversion process is over for 'S-1-5-21-9-1001', 0x00000000").Add(8, '<');
+    const std::string page = Page(s);
+    EXPECT_NE(std::string::npos, page.find("<section class=\"verdict warn\" id=\"verdict\">\n<h2>Converted, after an "
+                                           "earlier run left users behind</h2>\n<ul>\n"
+                                           "<li>process 1: Convert returned without a failing result; 0 of 1 users moved</li>\n"
+                                           "<li>process 2: Convert returned without a failing result; 1 of 1 users moved</li>\n"
+                                           "<li>users in the end: 1, 1 moved, 0 kept their old data</li>\n"))
+        << page;
+    EXPECT_NE(std::string::npos, page.find("<tr class=\"user recovered\"><td>1</td><td class=\"sid\">S-1-5-21-9-1001</td>"
+                                           "<td class=\"status\">0x80004003 E_POINTER</td><td class=\"outcome\">kept its "
+                                           "old data: E_POINTER &quot;Invalid pointer (for a user: the storage server "
+                                           "could not be created)&quot;; moved by a later run (process 2)</td></tr>\n"
+                                           "<tr class=\"user moved\"><td>2</td>"))
         << page;
 }
 
