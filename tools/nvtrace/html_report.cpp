@@ -240,9 +240,13 @@ void WriteAxis(const Scale& scale, double height, std::ostream& out)
     }
     out << "<g class=\"axis\">";
     for (TimelineUs t = 0; t <= scale.span; t += step) {
-        const std::string x = Fixed(scale.X(scale.begin + t));
+        const double at = scale.X(scale.begin + t);
+        const std::string x = Fixed(at);
+        // The last label would run off the drawing's right edge.
+        const char* anchor = at > kWidth - 40 ? "end" : "middle";
         out << "<line x1=\"" << x << "\" y1=\"" << kAxisHeight - 4 << "\" x2=\"" << x << "\" y2=\"" << Fixed(height)
-            << "\"/><text x=\"" << x << "\" y=\"12\" text-anchor=\"middle\">+" << Escaped(Duration(t)) << "</text>";
+            << "\"/><text x=\"" << x << "\" y=\"12\" text-anchor=\"" << anchor << "\">"
+            << (t == 0 ? std::string("0") : "+" + Escaped(Duration(t))) << "</text>";
     }
     out << "</g>\n";
 }

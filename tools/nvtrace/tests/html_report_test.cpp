@@ -246,6 +246,21 @@ TEST(NvtraceTimelineCliTest, WritesBothFilesAndSaysSo)
     EXPECT_NE(std::string::npos, Read(dir.File("t.html")).find("<h2>Conversion failed</h2>"));
 }
 
+// With --summary (or --raw, --json) the text output still goes to standard output.
+TEST(NvtraceTimelineCliTest, GoesWithTheTextOutputs)
+{
+    TempDir dir;
+    const std::string trace = Write(dir.File("t.trc3"), ThreeUsers().bytes());
+    std::ostringstream out, err;
+    ASSERT_EQ(0, nvtrace::RunCli({"--summary", "--html", dir.File("t.html"), trace}, out, err));
+    EXPECT_EQ(0u, out.str().find("processes: 1\n")) << out.str();
+    EXPECT_NE(std::string::npos, out.str().find("\nwrote " + dir.File("t.html") + ": page, ")) << out.str();
+    std::ostringstream raw, err2;
+    ASSERT_EQ(0, nvtrace::RunCli({"--raw", "--chrome-trace", dir.File("t.json"), trace}, raw, err2));
+    EXPECT_EQ(0u, raw.str().find("t\t7\t11/15/26\nT\t7\t09:30:00.125\n")) << raw.str();
+    EXPECT_NE(std::string::npos, Read(dir.File("t.json")).find("\"traceEvents\""));
+}
+
 TEST(NvtraceTimelineCliTest, StandardOutputThreadFilterAndDamage)
 {
     TempDir dir;
