@@ -16,6 +16,7 @@
 #include "common/tea_cfb.h"
 #include "rollup.h"
 #include "summary.h"
+#include "timeline_cli.h"
 #include "trace/trace_keys.h"
 
 namespace nvtrace {
@@ -589,6 +590,7 @@ namespace {
 const char kUsage[] =
     "usage: nvtrace [--raw | --summary | --json] [--thread N] FILE\n"
     "       nvtrace [--summary | --json | --csv] FILE|FOLDER...\n"
+    "       nvtrace [--chrome-trace OUT.json] [--html OUT.html] [--thread N] FILE\n"
     "  Decodes a .trc3 trace file: the header as it stands, then one line per record\n"
     "  (date and time, thread id, indentation by scope depth, kind and text;\n"
     "  kinds: '>' scope entered, '<' scope left, 'U' line, 'E' result as hex code and\n"
@@ -603,6 +605,10 @@ const char kUsage[] =
     "              time, depth, text; results also code, name, message)\n"
     "  --csv       the roll-up below as CSV\n"
     "  --thread N  only the records of thread N (decimal, or hex with 0x)\n"
+    "  --chrome-trace OUT  the scopes per process and thread as a timeline for chrome://tracing\n"
+    "              and Perfetto (trace event JSON), with failing results and progress lines\n"
+    "  --html OUT  one self-contained page: verdict, users, failing results, timeline\n"
+    "              (OUT \"-\": standard output; either replaces the listing)\n"
     "  Several files, or a folder (every *.trc3 under it), with --summary, --json or\n"
     "  --csv: one row per trace (machine, version, start, users moved, with gaps, held,\n"
     "  failed, first failure, damage) and totals with the most frequent failure codes.\n"
@@ -650,6 +656,7 @@ struct CliOptions {
     OutputMode mode = OutputMode::Listing;
     bool modeGiven = false;
     FormatOptions format;
+    TimelineOutputs outputs; // --chrome-trace, --html
     std::vector<std::string> paths;
 };
 
@@ -686,6 +693,12 @@ int ParseCli(const std::vector<std::string>& args, CliOptions& options, std::ost
             options.modeGiven = true;
             options.mode = mode->mode;
             options.format.raw = mode->mode == OutputMode::Raw;
+        } else if (a == "--chrome-trace" || a == "--html") {
+            if (i + 1 >= args.size() || args[i + 1].empty()) {
+                err << "nvtrace: " << a << " needs an output file (\"-\": standard output)\n" << kUsage;
+                return 1;
+            }
+            (a == "--html" ? options.outputs.html : options.outputs.chromeTrace) = args[++i];
         } else if (a == "--thread") {
             if (i + 1 >= args.size() || !ParseThread(args[i + 1], options.format.thread)) {
                 err << "nvtrace: --thread needs a thread id (decimal, or hex with 0x)\n" << kUsage;
@@ -727,7 +740,7 @@ int RunOneTrace(const CliOptions& options, std::ostream& out, std::ostream& err)
     }
     DecodedTrace trace = Decode(data);
     // What could be decoded is shown even when the file is damaged further on.
-    if (options.mode == OutputMode::Summary || options.mode == OutputMode::Json) {
+    if (options.mode == OutputMode::Summary || options.mode == OutputMode::Json || options.outputs.any()) {
         if (options.format.filterThread) {
             auto other = [&](const Record& r) {
                 return r.thread != options.format.thread && r.kind != 'N' && r.kind != 't' && r.kind != 'T';
@@ -737,8 +750,12 @@ int RunOneTrace(const CliOptions& options, std::ostream& out, std::ostream& err)
         }
         if (options.mode == OutputMode::Summary)
             WriteSummary(Summarize(trace), out);
-        else
+        else if (options.mode == OutputMode::Json)
             WriteJsonLines(trace, out);
+        else if (options.mode == OutputMode::Raw)
+            WriteListing(trace, options.format, out);
+        if (options.outputs.any() && !WriteTimelineOutputs(trace, options.outputs, path, out, err))
+            return 2;
     } else {
         WriteListing(trace, options.format, out);
     }
@@ -766,6 +783,10 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
     }
     if (options.format.filterThread) {
         err << "nvtrace: --thread takes one trace file\n" << kUsage;
+        return 1;
+    }
+    if (options.outputs.any()) {
+        err << "nvtrace: --chrome-trace and --html take one trace file\n" << kUsage;
         return 1;
     }
     const RollupFormat format = options.mode == OutputMode::Csv    ? RollupFormat::Csv

@@ -12,7 +12,13 @@
 #include <cstring>
 #include <sstream>
 
+#include <nlohmann/json.hpp>
+
+#include "chrome_trace.h"
+#include "html_report.h"
 #include "nvtracelib.h"
+#include "summary.h"
+#include "timeline.h"
 
 namespace {
 
@@ -72,5 +78,20 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             Require(lines == trace.records.size(), "the raw listing has one line per record");
         }
     }
+
+    // The timeline: every scope ends after it begins and inside its parent; both of
+    // its outputs are written, and the trace event file parses as JSON.
+    const nvtrace::Timeline timeline = nvtrace::BuildTimeline(trace);
+    for (const nvtrace::TimelineScope& scope : timeline.scopes) {
+        Require(scope.beginUs <= scope.endUs, "a scope ends after it begins");
+        if (scope.parent >= 0) {
+            const nvtrace::TimelineScope& parent = timeline.scopes[static_cast<std::size_t>(scope.parent)];
+            Require(parent.beginUs <= scope.beginUs && scope.endUs <= parent.endUs, "a scope lies inside its parent");
+        }
+    }
+    std::ostringstream events, page;
+    nvtrace::WriteChromeTrace(trace, timeline, events);
+    Require(nlohmann::json::accept(events.str()), "the trace event file is JSON");
+    nvtrace::WriteHtmlReport(trace, nvtrace::Summarize(trace), timeline, "fuzz", page);
     return 0;
 }

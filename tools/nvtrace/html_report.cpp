@@ -1,0 +1,505 @@
+#include "html_report.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <ostream>
+#include <sstream>
+
+namespace nvtrace {
+
+namespace {
+
+// Geometry of the timeline drawings, in SVG user units (the drawing scales to the page).
+constexpr double kWidth = 1200;
+constexpr double kLabelWidth = 110;
+constexpr double kRightMargin = 12;
+constexpr double kAxisHeight = 22;
+constexpr double kRowHeight = 16;
+constexpr double kMarkRow = 10;  // above a thread's scopes: the failure marks
+constexpr double kLaneGap = 6;
+constexpr double kCharWidth = 6.4; // of the 11-unit label font, for cutting names to fit
+
+const char kStyle[] = R"(
+body { font: 14px/1.4 system-ui, sans-serif; margin: 1.5em; color: #1d1d1f; }
+h1 { font-size: 1.4em; margin: 0 0 .2em; } h2 { font-size: 1.15em; margin: 1.6em 0 .5em; }
+h3 { font-size: 1em; margin: 1.2em 0 .3em; }
+.file { color: #555; margin: 0 0 1em; word-break: break-all; }
+table { border-collapse: collapse; margin: .3em 0; }
+th, td { border: 1px solid #d0d0d5; padding: .25em .6em; text-align: left; vertical-align: top; }
+th { background: #f0f0f3; }
+td.code, td.sid, td.status { font-family: ui-monospace, monospace; white-space: nowrap; }
+td.path { font-family: ui-monospace, monospace; font-size: .9em; }
+.verdict { padding: .7em 1em; border-radius: 6px; border: 1px solid; max-width: 60em; }
+.verdict h2 { margin: 0 0 .3em; }
+.verdict.ok { background: #e8f6ea; border-color: #5a9e63; }
+.verdict.warn { background: #fff6dc; border-color: #c9a227; }
+.verdict.bad { background: #fde8e8; border-color: #c0392b; }
+.verdict.none { background: #f0f0f3; border-color: #999; }
+tr.failed td { background: #fdecec; } tr.gaps td { background: #fff8e0; } tr.recovered td { background: #f4f0e6; }
+.damage { color: #a00; font-weight: bold; }
+.header { font-family: ui-monospace, monospace; font-size: .85em; color: #444; white-space: pre; }
+svg.timeline { width: 100%; height: auto; border: 1px solid #d0d0d5; background: #fff; }
+svg text { font: 11px ui-monospace, monospace; fill: #1d1d1f; }
+svg .axis line { stroke: #ccc; } svg .axis text { fill: #666; }
+svg .lane { fill: #f7f7f9; }
+svg .scope { fill: #8fb3de; stroke: #4a78ad; stroke-width: .5; }
+svg .scope.d1 { fill: #a7c9a2; stroke: #5c8f55; } svg .scope.d2 { fill: #d9c58f; stroke: #9c8740; }
+svg .scope.d3 { fill: #c3a7d6; stroke: #7d5c95; }
+svg .scope.failed { fill: #f1a9a0; stroke: #c0392b; stroke-width: 1; }
+svg .scope.unfinished { stroke: #c0392b; stroke-width: 1.2; stroke-dasharray: 4 2; fill-opacity: .55; }
+svg .fail { fill: #c0392b; } svg .failline { stroke: #c0392b; stroke-width: 1; opacity: .45; }
+)";
+
+void AppendReplacement(std::string& out) { out += "\xEF\xBF\xBD"; }
+
+// The length of the UTF-8 sequence at `at`, 0 when it is none (overlong forms and
+// surrogates included).
+std::size_t Utf8Length(const std::string& s, std::size_t at)
+{
+    const unsigned char c = static_cast<unsigned char>(s[at]);
+    std::size_t n;
+    unsigned char lo = 0x80, hi = 0xBF; // range of the second byte
+    if (c < 0x80)
+        return 1;
+    if (c >= 0xC2 && c <= 0xDF)
+        n = 2;
+    else if (c >= 0xE0 && c <= 0xEF) {
+        n = 3;
+        if (c == 0xE0)
+            lo = 0xA0;
+        if (c == 0xED)
+            hi = 0x9F;
+    } else if (c >= 0xF0 && c <= 0xF4) {
+        n = 4;
+        if (c == 0xF0)
+            lo = 0x90;
+        if (c == 0xF4)
+            hi = 0x8F;
+    } else
+        return 0;
+    if (at + n > s.size())
+        return 0;
+    for (std::size_t i = 1; i < n; ++i) {
+        const unsigned char b = static_cast<unsigned char>(s[at + i]);
+        if (i == 1 ? (b < lo || b > hi) : (b < 0x80 || b > 0xBF))
+            return 0;
+    }
+    return n;
+}
+
+std::string Escaped(const std::string& text) { return HtmlEscape(text); }
+
+std::string Fixed(double v)
+{
+    char buf[32];
+    std::snprintf(buf, sizeof(buf), "%.1f", v);
+    return buf;
+}
+
+// "850 µs", "12.5 ms", "3.2 s".
+std::string Duration(TimelineUs us)
+{
+    char buf[32];
+    if (us < 1000)
+        std::snprintf(buf, sizeof(buf), "%lld µs", static_cast<long long>(us));
+    else if (us < 10000000)
+        std::snprintf(buf, sizeof(buf), "%g ms", static_cast<double>(us) / 1000.0);
+    else
+        std::snprintf(buf, sizeof(buf), "%g s", static_cast<double>(us) / 1e6);
+    return buf;
+}
+
+std::string CodeWithName(std::uint32_t code)
+{
+    const CodeText text = DescribeCode(code);
+    return text.name.empty() ? HexCode(code) : HexCode(code) + " " + text.name;
+}
+
+// ---- users ----------------------------------------------------------------
+
+// A user may be converted by several runs (processes) of one trace: one that kept
+// it and a later one that moved it. Its final state is that of its last run.
+const SummaryUser* MovedLater(const TraceSummary& summary, const SummaryUser& u)
+{
+    for (const SummaryUser& other : summary.users)
+        if (other.sid == u.sid && other.process > u.process && other.moved())
+            return &other;
+    return nullptr;
+}
+
+enum UserRank { kKept, kGaps, kKeptThenMoved, kMoved };
+
+UserRank RankOf(const TraceSummary& summary, const SummaryUser& u)
+{
+    if (u.moved())
+        return u.movedWithGaps() ? kGaps : kMoved;
+    return MovedLater(summary, u) ? kKeptThenMoved : kKept;
+}
+
+const char* UserClass(UserRank rank)
+{
+    static const char* const classes[] = {"failed", "gaps", "recovered", "moved"};
+    return classes[rank];
+}
+
+std::string UserOutcome(const TraceSummary& summary, const SummaryUser& u)
+{
+    if (u.movedWithGaps())
+        return "moved with gaps: " + u.gaps;
+    if (u.moved())
+        return "moved";
+    std::string outcome;
+    if (u.deleteSeen) {
+        outcome = "in the store, but its old key stayed (DeleteKey " + HexCode(u.deleteResult) + ")";
+    } else {
+        outcome = "kept its old data";
+        const CodeText text = DescribeCode(u.status);
+        if (!u.heldFor.empty())
+            outcome += ": " + u.heldFor;
+        else if (u.over && u.status != 0 && !text.name.empty())
+            outcome += ": " + text.name + " \"" + text.message + "\"";
+        else if (!u.over)
+            outcome += " (its conversion never ended)";
+    }
+    if (const SummaryUser* later = MovedLater(summary, u))
+        outcome += "; moved by a later run (process " + std::to_string(later->process) + ")";
+    return outcome;
+}
+
+void WriteUsers(const TraceSummary& summary, std::ostream& out)
+{
+    out << "<h2 id=\"users\">Users (2.0 &rarr; 3.0)</h2>\n";
+    if (summary.users.empty()) {
+        out << "<p>No user conversion in this trace.</p>\n";
+        return;
+    }
+    std::vector<std::pair<UserRank, const SummaryUser*>> users;
+    for (const SummaryUser& u : summary.users)
+        users.push_back({RankOf(summary, u), &u});
+    std::stable_sort(users.begin(), users.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    out << "<table class=\"users\">\n<tr><th>Process</th><th>SID</th><th>Status</th><th>Outcome</th></tr>\n";
+    for (const auto& [rank, u] : users) {
+        out << "<tr class=\"user " << UserClass(rank) << "\"><td>" << u->process << "</td><td class=\"sid\">"
+            << Escaped(u->sid) << "</td><td class=\"status\">"
+            << (u->over ? Escaped(CodeWithName(u->status)) : std::string("(no end)")) << "</td><td class=\"outcome\">"
+            << Escaped(UserOutcome(summary, *u)) << "</td></tr>\n";
+    }
+    out << "</table>\n";
+}
+
+// ---- failures -------------------------------------------------------------
+
+void WriteFailures(const TraceSummary& summary, std::ostream& out)
+{
+    out << "<h2 id=\"failures\">Failing results: " << summary.failures.size() << "</h2>\n";
+    if (summary.failures.empty()) {
+        out << "<p>No failing result was traced.</p>\n";
+        return;
+    }
+    out << "<table class=\"failures\">\n<tr><th>Code</th><th>Name</th><th>Message</th><th>Scope path</th>"
+           "<th>Process</th><th>Thread</th><th>Times</th><th>Text</th></tr>\n";
+    for (const SummaryFailure& f : summary.failures) {
+        const std::uint32_t code = static_cast<std::uint32_t>(f.code);
+        const CodeText text = DescribeCode(code);
+        out << "<tr class=\"failure\"><td class=\"code\">" << HexCode(code) << "</td><td>" << Escaped(text.name)
+            << "</td><td>" << Escaped(text.message) << "</td><td class=\"path\">" << Escaped(f.path) << "</td><td>"
+            << f.process << "</td><td>" << f.thread << "</td><td>" << f.count << "</td><td>" << Escaped(f.text)
+            << "</td></tr>\n";
+    }
+    out << "</table>\n";
+}
+
+// ---- timeline drawing -----------------------------------------------------
+
+struct Scale {
+    TimelineUs begin;
+    TimelineUs span;
+    double X(TimelineUs t) const
+    {
+        return kLabelWidth + static_cast<double>(t - begin) * (kWidth - kLabelWidth - kRightMargin) /
+                                 static_cast<double>(span);
+    }
+};
+
+// Grid lines at 1, 2 or 5 times a power of ten, about eight over the span.
+void WriteAxis(const Scale& scale, double height, std::ostream& out)
+{
+    TimelineUs step = 1;
+    while (step * 8 < scale.span) {
+        if (step * 2 * 8 >= scale.span) {
+            step *= 2;
+            break;
+        }
+        if (step * 5 * 8 >= scale.span) {
+            step *= 5;
+            break;
+        }
+        step *= 10;
+    }
+    out << "<g class=\"axis\">";
+    for (TimelineUs t = 0; t <= scale.span; t += step) {
+        const double at = scale.X(scale.begin + t);
+        const std::string x = Fixed(at);
+        // The last label would run off the drawing's right edge.
+        const char* anchor = at > kWidth - 40 ? "end" : "middle";
+        out << "<line x1=\"" << x << "\" y1=\"" << kAxisHeight - 4 << "\" x2=\"" << x << "\" y2=\"" << Fixed(height)
+            << "\"/><text x=\"" << x << "\" y=\"12\" text-anchor=\"" << anchor << "\">"
+            << (t == 0 ? std::string("0") : "+" + Escaped(Duration(t))) << "</text>";
+    }
+    out << "</g>\n";
+}
+
+void WriteScopeRect(const TimelineScope& s, const Scale& scale, double top, std::ostream& out)
+{
+    const double x = scale.X(s.beginUs);
+    const double w = std::max(1.0, scale.X(s.endUs) - x);
+    const double y = top + kMarkRow + static_cast<double>(s.depth) * kRowHeight;
+    out << "<g><rect class=\"scope d" << s.depth % 4 << (s.failures ? " failed" : "")
+        << (s.unfinished ? " unfinished" : "") << "\" x=\"" << Fixed(x) << "\" y=\"" << Fixed(y) << "\" width=\""
+        << Fixed(w) << "\" height=\"" << kRowHeight - 2 << "\"><title>"
+        << Escaped(s.name + "\n+" + Duration(s.beginUs - scale.begin) + ", " + Duration(s.endUs - s.beginUs) +
+                   (s.unfinished ? "; never left: the process ended inside it" : "") +
+                   (s.failures ? "; " + std::to_string(s.failures) + " failing results" : ""))
+        << "</title></rect>";
+    const std::size_t fits = static_cast<std::size_t>(std::max(0.0, (w - 6) / kCharWidth));
+    if (fits >= 4) {
+        std::string label = s.name.size() > fits ? s.name.substr(0, fits - 1) + "…" : s.name;
+        out << "<text x=\"" << Fixed(x + 3) << "\" y=\"" << Fixed(y + kRowHeight - 5) << "\">" << Escaped(label)
+            << "</text>";
+    }
+    out << "</g>\n";
+}
+
+void WriteFailureMark(const Timeline& timeline, const TimelineMark& m, const Scale& scale, double top,
+                      double height, std::ostream& out)
+{
+    const double x = scale.X(m.atUs);
+    out << "<g class=\"failmark\"><line class=\"failline\" x1=\"" << Fixed(x) << "\" y1=\"" << Fixed(top) << "\" x2=\""
+        << Fixed(x) << "\" y2=\"" << Fixed(top + height) << "\"/><path class=\"fail\" d=\"M" << Fixed(x - 4) << ','
+        << Fixed(top) << " h8 l-4,8 z\"><title>"
+        << Escaped(CodeWithName(m.code) + " in " + ScopePath(timeline, m.scope) + (m.text.empty() ? "" : ": " + m.text))
+        << "</title></path></g>\n";
+}
+
+double LaneHeight(const TimelineThread& t) { return kMarkRow + static_cast<double>(t.maxDepth + 1) * kRowHeight; }
+
+void WriteProcessTimeline(const Timeline& timeline, const TimelineProcess& p, std::ostream& out)
+{
+    out << "<h3>Process " << p.ordinal;
+    if (!p.started.empty())
+        out << ", started " << Escaped(p.started);
+    out << ", " << Escaped(Duration(p.endUs - p.beginUs));
+    if (p.unfinishedScopes)
+        out << " <span class=\"damage\">ended inside " << p.unfinishedScopes << " scopes</span>";
+    out << "</h3>\n";
+    if (p.threads.empty()) {
+        out << "<p>No records.</p>\n";
+        return;
+    }
+    const Scale scale{p.beginUs, std::max<TimelineUs>(1, p.endUs - p.beginUs)};
+    std::vector<double> tops;
+    double height = kAxisHeight;
+    for (const TimelineThread& t : p.threads) {
+        tops.push_back(height);
+        height += LaneHeight(t) + kLaneGap;
+    }
+    out << "<svg class=\"timeline\" data-process=\"" << p.ordinal << "\" viewBox=\"0 0 " << kWidth << ' '
+        << Fixed(height) << "\" role=\"img\" aria-label=\"scopes of process " << p.ordinal << " per thread\">\n";
+    WriteAxis(scale, height, out);
+    auto laneOf = [&](std::uint32_t thread) {
+        for (std::size_t i = 0; i < p.threads.size(); ++i)
+            if (p.threads[i].id == thread)
+                return i;
+        return std::size_t(0);
+    };
+    for (std::size_t i = 0; i < p.threads.size(); ++i) {
+        out << "<rect class=\"lane\" x=\"0\" y=\"" << Fixed(tops[i]) << "\" width=\"" << kWidth << "\" height=\""
+            << Fixed(LaneHeight(p.threads[i])) << "\"/><text x=\"4\" y=\"" << Fixed(tops[i] + kMarkRow + 12)
+            << "\">thread " << p.threads[i].id << "</text>\n";
+    }
+    for (const TimelineScope& s : timeline.scopes)
+        if (s.process == p.ordinal)
+            WriteScopeRect(s, scale, tops[laneOf(s.thread)], out);
+    for (const TimelineMark& m : timeline.marks)
+        if (m.process == p.ordinal && m.kind == TimelineMarkKind::Failure) {
+            const std::size_t lane = laneOf(m.thread);
+            WriteFailureMark(timeline, m, scale, tops[lane], LaneHeight(p.threads[lane]), out);
+        }
+    out << "</svg>\n";
+}
+
+void WriteTimeline(const Timeline& timeline, std::ostream& out)
+{
+    out << "<h2 id=\"timeline\">Timeline</h2>\n<p>Scopes per thread, nested by depth; red: a scope in which a "
+           "failing result was traced, with a mark at the moment; dashed: a scope never left. Hover for names "
+           "and times. The clock has millisecond resolution: records of one millisecond are drawn 1 µs apart.</p>\n";
+    for (const TimelineProcess& p : timeline.processes)
+        WriteProcessTimeline(timeline, p, out);
+}
+
+// ---- the rest of the page -------------------------------------------------
+
+void WriteHeaderFacts(const DecodedTrace& trace, std::ostream& out)
+{
+    out << "<h2 id=\"header\">File header</h2>\n<div class=\"header\">";
+    for (const std::string& line : trace.header)
+        out << Escaped(line) << '\n';
+    out << "</div>\n";
+}
+
+struct ConversionFact {
+    unsigned process;
+    bool unfinished;
+    bool failed;
+    std::uint32_t code;
+};
+
+// Every CBaseConverter::Convert scope and the last failing result traced directly
+// in it (its own result).
+std::vector<ConversionFact> Conversions(const Timeline& timeline)
+{
+    std::vector<ConversionFact> facts;
+    for (std::size_t i = 0; i < timeline.scopes.size(); ++i) {
+        const TimelineScope& s = timeline.scopes[i];
+        if (s.name != "CBaseConverter::Convert")
+            continue;
+        ConversionFact fact{s.process, s.unfinished, false, 0};
+        for (const TimelineMark& m : timeline.marks)
+            if (m.kind == TimelineMarkKind::Failure && m.scope == static_cast<std::ptrdiff_t>(i)) {
+                fact.failed = true;
+                fact.code = m.code;
+            }
+        facts.push_back(fact);
+    }
+    return facts;
+}
+
+} // namespace
+
+std::string HtmlEscape(const std::string& text)
+{
+    std::string out;
+    out.reserve(text.size() + text.size() / 8);
+    for (std::size_t i = 0; i < text.size();) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        switch (c) {
+        case '&': out += "&amp;"; break;
+        case '<': out += "&lt;"; break;
+        case '>': out += "&gt;"; break;
+        case '"': out += "&quot;"; break;
+        case '\'': out += "&#39;"; break;
+        case '\n': out += c; break;
+        default:
+            if (c < 0x20 || c == 0x7F) {
+                char buf[8];
+                std::snprintf(buf, sizeof(buf), "\\x%02X", c);
+                out += buf;
+            } else if (c >= 0x80) {
+                const std::size_t n = Utf8Length(text, i);
+                if (n == 0) {
+                    AppendReplacement(out);
+                    ++i;
+                } else {
+                    out.append(text, i, n);
+                    i += n;
+                }
+                continue;
+            } else {
+                out += static_cast<char>(c);
+            }
+        }
+        ++i;
+    }
+    return out;
+}
+
+void WriteVerdictSection(const TraceSummary& summary, const Timeline& timeline, std::ostream& out)
+{
+    const std::vector<ConversionFact> conversions = Conversions(timeline);
+    // Users by their final state: the last run that converted them.
+    std::map<std::string, const SummaryUser*> last;
+    for (const SummaryUser& u : summary.users)
+        last[u.sid] = &u;
+    std::size_t moved = 0, withGaps = 0, keptEarlier = 0, unfinishedScopes = 0;
+    for (const auto& entry : last) {
+        moved += entry.second->moved();
+        withGaps += entry.second->movedWithGaps();
+    }
+    for (const SummaryUser& u : summary.users)
+        keptEarlier += !u.moved() && last[u.sid] != &u;
+    for (const TimelineProcess& p : timeline.processes)
+        unfinishedScopes += p.unfinishedScopes;
+    const std::size_t kept = last.size() - moved;
+    const bool lastFailed = !conversions.empty() && (conversions.back().failed || conversions.back().unfinished);
+
+    const char* cls = "ok";
+    std::string headline = "Converted";
+    if (conversions.empty()) {
+        cls = "none";
+        headline = "No conversion ran in this trace";
+    } else if (lastFailed || kept) {
+        cls = "bad";
+        headline = "Conversion failed";
+    } else if (withGaps) {
+        cls = "warn";
+        headline = "Converted, with gaps";
+    } else if (keptEarlier || conversions.size() > 1) {
+        cls = "warn";
+        headline = "Converted, after an earlier run left users behind";
+        if (!keptEarlier)
+            headline = "Converted, in several runs";
+    }
+    out << "<section class=\"verdict " << cls << "\" id=\"verdict\">\n<h2>" << headline << "</h2>\n<ul>\n";
+    for (const ConversionFact& c : conversions) {
+        out << "<li>process " << c.process << ": Convert ";
+        if (c.unfinished)
+            out << "never ended: the process ended inside it (killed, or the file is cut)";
+        else if (c.failed)
+            out << "failed with " << Escaped(CodeWithName(c.code));
+        else
+            out << "returned without a failing result";
+        std::size_t users = 0, usersMoved = 0;
+        for (const SummaryUser& u : summary.users)
+            if (u.process == c.process) {
+                ++users;
+                usersMoved += u.moved();
+            }
+        if (users)
+            out << "; " << usersMoved << " of " << users << " users moved";
+        out << "</li>\n";
+    }
+    if (!last.empty())
+        out << "<li>users in the end: " << last.size() << ", " << moved << " moved"
+            << (withGaps ? " (" + std::to_string(withGaps) + " with gaps)" : std::string()) << ", " << kept
+            << " kept their old data</li>\n";
+    out << "<li>failing results: " << summary.failures.size() << "</li>\n";
+    if (unfinishedScopes)
+        out << "<li>scopes never left: " << unfinishedScopes << " (a process ended inside them)</li>\n";
+    if (!timeline.complete)
+        out << "<li class=\"damage\">the file is damaged: " << Escaped(timeline.damage)
+            << "; the page shows what comes before</li>\n";
+    out << "</ul>\n</section>\n";
+}
+
+void WriteHtmlReport(const DecodedTrace& trace, const TraceSummary& summary, const Timeline& timeline,
+                     const std::string& name, std::ostream& out)
+{
+    out << "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
+           "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; style-src 'unsafe-inline'\">\n"
+           "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n<title>Trace "
+        << Escaped(name) << "</title>\n<style>" << kStyle << "</style>\n</head>\n<body>\n<h1>Trace report</h1>\n"
+        << "<p class=\"file\">" << Escaped(name);
+    if (!timeline.origin.empty())
+        out << ", from " << Escaped(timeline.origin);
+    out << ", " << timeline.processes.size() << " processes</p>\n";
+    WriteVerdictSection(summary, timeline, out);
+    WriteUsers(summary, out);
+    WriteFailures(summary, out);
+    WriteTimeline(timeline, out);
+    WriteHeaderFacts(trace, out);
+    out << "</body>\n</html>\n";
+}
+
+} // namespace nvtrace

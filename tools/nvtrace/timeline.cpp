@@ -1,0 +1,278 @@
+#include "timeline.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+
+namespace nvtrace {
+
+namespace {
+
+int Digits(const std::string& s, std::size_t at, std::size_t n)
+{
+    int v = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+        if (at + i >= s.size() || s[at + i] < '0' || s[at + i] > '9')
+            return -1;
+        v = v * 10 + (s[at + i] - '0');
+    }
+    return v;
+}
+
+// Days since 1970-01-01 of a civil date.
+std::int64_t DaysFromCivil(int y, unsigned m, unsigned d)
+{
+    y -= m <= 2;
+    const std::int64_t era = (y >= 0 ? y : y - 399) / 400;
+    const unsigned yoe = static_cast<unsigned>(y - era * 400);
+    const unsigned doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
+    const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+    return era * 146097 + static_cast<std::int64_t>(doe) - 719468;
+}
+
+// The file's clock: the last date and time records seen. Readings out of range
+// (a damaged or forged record) are ignored.
+class FileClock {
+public:
+    void Date(const std::string& mmddyy) { SetDate(mmddyy, 2000 + Digits(mmddyy, 6, 2), mmddyy); }
+    void Reopened(const std::string& mmddyyyy)
+    {
+        SetDate(mmddyyyy, Digits(mmddyyyy, 6, 4),
+                mmddyyyy.substr(0, 2) + "/" + mmddyyyy.substr(3, 2) + "/" + mmddyyyy.substr(8, 2));
+        m_timeKnown = false; // a new process: its time comes with its first record
+        m_timeText.clear();
+    }
+    void Time(const std::string& text)
+    {
+        const int h = Digits(text, 0, 2), mi = Digits(text, 3, 2), s = Digits(text, 6, 2), ms = Digits(text, 9, 3);
+        if (h < 0 || h > 23 || mi < 0 || mi > 59 || s < 0 || s > 60 || ms < 0)
+            return;
+        m_ms = ((h * 60 + mi) * 60 + s) * 1000LL + ms;
+        m_timeKnown = true;
+        m_timeText = text;
+    }
+    bool known() const { return m_days != kNoDate && m_timeKnown; }
+    std::int64_t nowMs() const { return m_days * 86400000LL + m_ms; }
+    std::string text() const
+    {
+        if (m_dateText.empty())
+            return std::string();
+        return m_timeKnown ? m_dateText + " " + m_timeText : m_dateText;
+    }
+
+private:
+    static constexpr std::int64_t kNoDate = INT64_MIN;
+    void SetDate(const std::string& text, int year, const std::string& shown)
+    {
+        const int m = Digits(text, 0, 2), d = Digits(text, 3, 2);
+        if (m < 1 || m > 12 || d < 1 || d > 31 || year < 0)
+            return;
+        m_days = DaysFromCivil(year, static_cast<unsigned>(m), static_cast<unsigned>(d));
+        m_dateText = shown;
+    }
+    std::int64_t m_days = kNoDate;
+    std::int64_t m_ms = 0;
+    bool m_timeKnown = false;
+    std::string m_dateText, m_timeText;
+};
+
+class Builder {
+public:
+    explicit Builder(const DecodedTrace& trace)
+    {
+        m_timeline.complete = trace.ok;
+        m_timeline.damage = trace.error;
+        StartProcess();
+        for (const Record& r : trace.records)
+            Add(r);
+        EndProcess();
+        m_timeline.endUs = m_last < 0 ? 0 : m_last;
+    }
+    Timeline Take() { return std::move(m_timeline); }
+
+private:
+    void Add(const Record& r)
+    {
+        if (r.kind == 't') {
+            m_clock.Date(r.text);
+            return;
+        }
+        if (r.kind == 'T') {
+            m_clock.Time(r.text);
+            return;
+        }
+        if (r.kind == 'N') {
+            // Written as the next process opens the file, right before its first record.
+            EndProcess();
+            StartProcess();
+            m_clock.Reopened(r.text);
+            return;
+        }
+        const TimelineUs at = Instant();
+        TimelineProcess& process = m_timeline.processes.back();
+        if (!m_processHasRecords) {
+            process.beginUs = at;
+            m_processHasRecords = true;
+        }
+        process.endUs = at;
+        // A reopened file's process knows its date first and its time later.
+        if (process.started.size() <= 8)
+            process.started = m_clock.text();
+
+        std::vector<std::size_t>& stack = m_stacks[r.thread];
+        auto thread = std::find_if(process.threads.begin(), process.threads.end(),
+                                   [&](const TimelineThread& t) { return t.id == r.thread; });
+        if (thread == process.threads.end()) {
+            process.threads.push_back({r.thread, 0});
+            thread = process.threads.end() - 1;
+        }
+        const std::ptrdiff_t innermost = stack.empty() ? -1 : static_cast<std::ptrdiff_t>(stack.back());
+
+        switch (r.kind) {
+        case '>': {
+            TimelineScope scope;
+            scope.name = r.text;
+            scope.process = process.ordinal;
+            scope.thread = r.thread;
+            scope.depth = stack.size();
+            scope.parent = innermost;
+            scope.beginUs = scope.endUs = at;
+            scope.offset = r.offset;
+            thread->maxDepth = std::max(thread->maxDepth, scope.depth);
+            stack.push_back(m_timeline.scopes.size());
+            m_timeline.scopes.push_back(std::move(scope));
+            break;
+        }
+        case '<':
+            // A leave without an enter (the file began inside a scope) has nothing to close.
+            if (!stack.empty()) {
+                m_timeline.scopes[stack.back()].endUs = at;
+                stack.pop_back();
+            }
+            break;
+        case 'E': {
+            std::int64_t code = 0;
+            std::string rest;
+            if (!ParseResult(r.text, code, rest) || code >= 0)
+                break; // success results (facility 9) are no failures
+            TimelineMark mark = Mark(TimelineMarkKind::Failure, r, at, innermost);
+            mark.code = static_cast<std::uint32_t>(code);
+            mark.text = rest;
+            if (innermost >= 0)
+                ++m_timeline.scopes[static_cast<std::size_t>(innermost)].failures;
+            m_timeline.marks.push_back(std::move(mark));
+            break;
+        }
+        case 'U': {
+            TimelineMark mark = Mark(TimelineMarkKind::Line, r, at, innermost);
+            mark.text = r.text;
+            m_timeline.marks.push_back(std::move(mark));
+            break;
+        }
+        default:
+            break;
+        }
+    }
+
+    TimelineMark Mark(TimelineMarkKind kind, const Record& r, TimelineUs at, std::ptrdiff_t scope) const
+    {
+        TimelineMark mark;
+        mark.kind = kind;
+        mark.process = m_timeline.processes.back().ordinal;
+        mark.thread = r.thread;
+        mark.atUs = at;
+        mark.scope = scope;
+        mark.offset = r.offset;
+        return mark;
+    }
+
+    // The clock's reading, but at least 1 µs after the record before.
+    TimelineUs Instant()
+    {
+        TimelineUs at = m_last + 1;
+        if (m_clock.known()) {
+            if (!m_haveOrigin) {
+                m_haveOrigin = true;
+                m_originMs = m_clock.nowMs();
+                m_timeline.origin = m_clock.text();
+            }
+            at = std::max(at, (m_clock.nowMs() - m_originMs) * 1000);
+        }
+        m_last = at;
+        return at;
+    }
+
+    void StartProcess()
+    {
+        TimelineProcess p;
+        p.ordinal = static_cast<unsigned>(m_timeline.processes.size() + 1);
+        p.beginUs = p.endUs = m_last < 0 ? 0 : m_last;
+        m_timeline.processes.push_back(p);
+        m_processHasRecords = false;
+    }
+
+    // Scopes still open end with the process's last record.
+    void EndProcess()
+    {
+        TimelineProcess& process = m_timeline.processes.back();
+        for (auto& entry : m_stacks) {
+            for (std::size_t index : entry.second) {
+                TimelineScope& scope = m_timeline.scopes[index];
+                scope.endUs = process.endUs;
+                scope.unfinished = true;
+                ++process.unfinishedScopes;
+            }
+        }
+        m_stacks.clear();
+    }
+
+    Timeline m_timeline;
+    FileClock m_clock;
+    bool m_haveOrigin = false;
+    std::int64_t m_originMs = 0;
+    TimelineUs m_last = -1;
+    bool m_processHasRecords = false;
+    std::map<std::uint32_t, std::vector<std::size_t>> m_stacks; // open scopes per thread
+};
+
+} // namespace
+
+Timeline BuildTimeline(const DecodedTrace& trace) { return Builder(trace).Take(); }
+
+std::string ScopePath(const Timeline& timeline, std::ptrdiff_t scope)
+{
+    if (scope < 0 || static_cast<std::size_t>(scope) >= timeline.scopes.size())
+        return "(outside any scope)";
+    std::vector<const std::string*> names;
+    for (std::ptrdiff_t at = scope; at >= 0; at = timeline.scopes[static_cast<std::size_t>(at)].parent)
+        names.push_back(&timeline.scopes[static_cast<std::size_t>(at)].name);
+    std::string path;
+    for (auto it = names.rbegin(); it != names.rend(); ++it)
+        path += (path.empty() ? "" : " > ") + **it;
+    return path;
+}
+
+bool ParseResult(const std::string& text, std::int64_t& code, std::string& rest)
+{
+    const std::size_t blank = text.find(' ');
+    const std::string number = text.substr(0, blank);
+    if (number.empty())
+        return false;
+    char* end = nullptr;
+    const long long value = std::strtoll(number.c_str(), &end, 10);
+    if (*end != '\0')
+        return false;
+    code = value;
+    rest = blank == std::string::npos ? std::string() : text.substr(blank + 1);
+    return true;
+}
+
+std::string HexCode(std::uint32_t code)
+{
+    char buf[16];
+    std::snprintf(buf, sizeof(buf), "0x%08X", static_cast<unsigned>(code));
+    return buf;
+}
+
+} // namespace nvtrace

@@ -1,0 +1,61 @@
+#include "timeline_cli.h"
+
+#include <fstream>
+#include <functional>
+#include <ostream>
+
+#include "chrome_trace.h"
+#include "html_report.h"
+#include "summary.h"
+#include "timeline.h"
+
+namespace nvtrace {
+
+namespace {
+
+bool WriteTo(const std::string& path, const std::function<void(std::ostream&)>& write, const std::string& what,
+             std::ostream& out, std::ostream& err)
+{
+    if (path == "-") {
+        write(out);
+        return true;
+    }
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    if (file)
+        write(file);
+    file.close();
+    if (!file) {
+        err << "nvtrace: cannot write '" << path << "'\n";
+        return false;
+    }
+    out << "wrote " << path << ": " << what << '\n';
+    return true;
+}
+
+} // namespace
+
+bool WriteTimelineOutputs(const DecodedTrace& trace, const TimelineOutputs& outputs, const std::string& name,
+                          std::ostream& out, std::ostream& err)
+{
+    const Timeline timeline = BuildTimeline(trace);
+    std::size_t failures = 0, unfinished = 0;
+    for (const TimelineMark& m : timeline.marks)
+        failures += m.kind == TimelineMarkKind::Failure;
+    for (const TimelineScope& s : timeline.scopes)
+        unfinished += s.unfinished;
+    const std::string what = std::to_string(timeline.processes.size()) + " processes, " +
+                             std::to_string(timeline.scopes.size()) + " scopes (" + std::to_string(unfinished) +
+                             " never left), " + std::to_string(failures) + " failing results";
+    bool ok = true;
+    if (!outputs.chromeTrace.empty())
+        ok = WriteTo(outputs.chromeTrace, [&](std::ostream& o) { WriteChromeTrace(trace, timeline, o); },
+                     "trace events, " + what, out, err) && ok;
+    if (!outputs.html.empty()) {
+        const TraceSummary summary = Summarize(trace);
+        ok = WriteTo(outputs.html, [&](std::ostream& o) { WriteHtmlReport(trace, summary, timeline, name, o); },
+                     "page, " + what, out, err) && ok;
+    }
+    return ok;
+}
+
+} // namespace nvtrace

@@ -1,0 +1,23 @@
+// nvtrace's file outputs, --chrome-trace and --html: both drawn from one timeline
+// of the (possibly thread-filtered) trace.
+#pragma once
+#include <iosfwd>
+#include <string>
+
+#include "nvtracelib.h"
+
+namespace nvtrace {
+
+struct TimelineOutputs {
+    std::string chromeTrace; // path of the trace event file, "-" for standard output, empty for none
+    std::string html;        // path of the page, "-" for standard output, empty for none
+    bool any() const { return !chromeTrace.empty() || !html.empty(); }
+};
+
+// Writes the outputs asked for; `name` is the trace file as the user named it. Each
+// file written is reported on `out` in one line. False (and a message on `err`)
+// when an output cannot be written.
+bool WriteTimelineOutputs(const DecodedTrace& trace, const TimelineOutputs& outputs, const std::string& name,
+                          std::ostream& out, std::ostream& err);
+
+} // namespace nvtrace
