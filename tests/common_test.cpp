@@ -319,6 +319,41 @@ TEST(CryptBlobTest, CopyAndMoveKeepIndependentBuffers)
     EXPECT_EQ(4u, three.cbData);
 }
 
+TEST(CryptBlobTest, CopyAssignmentGivesAnOwnBufferAndSelfAssignmentKeepsTheBytes)
+{
+    const BYTE a[] = {5, 6, 7, 8};
+    const BYTE b[] = {1, 2};
+    nv::CCryptBlob one(a, 4);
+    nv::CCryptBlob two(b, 2);
+    two = one;
+    EXPECT_NE(one.pbData, two.pbData);
+    EXPECT_EQ((std::vector<BYTE>{5, 6, 7, 8}), std::vector<BYTE>(two.pbData, two.pbData + two.cbData));
+    one.pbData[0] = 9;
+    EXPECT_EQ(5, two.pbData[0]);
+    nv::CCryptBlob& same = two;
+    two = same;
+    EXPECT_EQ((std::vector<BYTE>{5, 6, 7, 8}), std::vector<BYTE>(two.pbData, two.pbData + two.cbData));
+}
+
+TEST(CryptBlobTest, AttachTakesOverABlockOfItsOwnAllocator)
+{
+    const BYTE a[] = {5, 6, 7, 8};
+    nv::CCoTaskCryptBlob blob(a, 4);
+    auto* block = static_cast<BYTE*>(::CoTaskMemAlloc(3));
+    ASSERT_NE(nullptr, block);
+    std::memcpy(block, "xyz", 3);
+    blob.Attach(block, 3);
+    EXPECT_EQ(block, blob.pbData);
+    EXPECT_EQ(3u, blob.cbData);
+    // Handed back out, it is the same block, freed by the task allocator.
+    DWORD cb = blob.cbData;
+    BYTE* out = blob.Detach();
+    EXPECT_EQ(block, out);
+    EXPECT_EQ(3u, cb);
+    EXPECT_TRUE(blob.IsEmpty());
+    ::CoTaskMemFree(out);
+}
+
 // ---- the DER decoder's calls -------------------------------------------------------
 
 namespace {
