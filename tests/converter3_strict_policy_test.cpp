@@ -766,3 +766,39 @@ TEST_F(StrictMissingPartTest, UserWhoseSidHasNoTextIsHeldAsAFailedConversion)
     ExpectHeldFor(u, oldKey, "", "");
     EXPECT_FALSE(inspect::UserExists(u.sidText));
 }
+
+TEST_F(StrictMissingPartTest, SecretWithNoContentIsNotStoredAndDoesNotHoldTheUser)
+{
+    // An empty secret has nothing to carry over: its absence from the store is no gap.
+    nvwriter::Db20Database db = UserWithSecrets();
+    nvwriter::Db20User& u = db.users[0];
+    nvwriter::Db20Secret empty = PlainSecret(L"Empty Note", 0, 3);
+    empty.content.clear();
+    u.secrets.push_back(empty);
+    Prepare(db);
+
+    EXPECT_EQ(S_OK, ConvertOnce());
+
+    const auto lines = OwnLines(trace, "CConverter3::do_Convert");
+    ASSERT_FALSE(lines.empty()) << trace.Dump();
+    for (const std::string& line : lines)
+        EXPECT_EQ(std::string::npos, line.find("Incomplete user")) << line;
+    EXPECT_EQ("U Conversion process is over for '" + Narrow(u.sidText) + "', 0x00000000", lines.back());
+    // Moved: old key gone, the rest of the user in the store, the empty secret not.
+    EXPECT_FALSE(KeyExists(UserKeyPath(u.guid).c_str(), kView32));
+    EXPECT_TRUE(inspect::IsRegistered(u.sidText));
+    EXPECT_TRUE(inspect::CheckPassword(u.sidText, L"pa55-Word"));
+    EXPECT_EQ(2u, inspect::ListTemplates(u.sidText).size());
+    const auto stored = inspect::ListSecrets(u.sidText);
+    EXPECT_EQ((std::vector<std::wstring>{L"Mail Account", L"SystemLogonInfo", L"VPN Token"}),
+              [&] {
+                  std::vector<std::wstring> names;
+                  for (const auto& entry : stored)
+                      names.push_back(entry.first);
+                  return names;
+              }());
+    inspect::Bytes plain;
+    EXPECT_EQ(S_OK, inspect::OpenStoredSecret(u.sidText, L"VPN Token", &plain));
+    EXPECT_EQ(u.secrets[2].content, plain);
+    EXPECT_TRUE(nvdbconv::ReadHeldUsers().empty());
+}
