@@ -137,6 +137,15 @@ TEST(ComModuleInitTest, InitWithInstanceWithoutFileNameFailsWithTheLastError)
     EXPECT_TRUE(module.m_wstrHostName.empty());
 }
 
+TEST(ComModuleInitTest, ClassObjectBeforeInitIsNotAvailable)
+{
+    CNVComModule module;
+    void* out = reinterpret_cast<void*>(static_cast<uintptr_t>(0xdeadbeef));
+    EXPECT_EQ(CLASS_E_CLASSNOTAVAILABLE, module.GetClassObject(nvcom::kCLSID_NVDBConverter, IID_IClassFactory, &out));
+    EXPECT_EQ(nullptr, out);
+    EXPECT_EQ(0, module.GetLockCount());
+}
+
 TEST(ComModuleInitTest, LockAndUnlockDecideDllCanUnloadNow)
 {
     CNVComModule module;
@@ -169,6 +178,7 @@ TEST_F(ComModuleTest, ClassObjectAnswersOnlyIUnknownAndIClassFactory)
     nv::com_ptr<IUnknown> unk;
     EXPECT_EQ(S_OK, g_NVComModule.GetClassObject(nvcom::kCLSID_NVDBConverter, IID_IUnknown, unk.put_void()));
     EXPECT_TRUE(unk);
+    EXPECT_EQ(E_POINTER, unk->QueryInterface(IID_IClassFactory, nullptr));
 }
 
 TEST_F(ComModuleTest, ClassFactoryIsCachedAndLocksTheModuleWhileHeld)
@@ -274,6 +284,9 @@ TEST_F(ComModuleTest, AggregationNeedsIUnknownAndDelegatesToTheOuterObject)
     EXPECT_EQ(E_NOINTERFACE, init->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(&viaOuter)));
     EXPECT_EQ(nullptr, viaOuter);
     init->Release();
+    // The inner object answers a null out-pointer as any COM object must.
+    EXPECT_EQ(E_POINTER, inner->QueryInterface(IID_IUnknown, nullptr));
+    EXPECT_EQ(1, outer.refs);
 
     EXPECT_EQ(0u, inner->Release());
     EXPECT_EQ(0, g_NVComModule.GetLockCount());

@@ -165,6 +165,55 @@ TEST_F(RegKeyTest, StringReaderReportsMoreDataWhenTheBufferIsSmall)
     EXPECT_EQ(9u, cch);
 }
 
+TEST_F(RegKeyTest, StringReaderTakesAnEmptyBodyAsEmptyTextOfOneCharacter)
+{
+    SetBinary(L"SOFTWARE\\Norvane", L"empty", {}, kView64, REG_SZ);
+    nv::CNVRegKey key;
+    ASSERT_EQ(ERROR_SUCCESS, key.Open(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane", KEY_READ));
+    wchar_t buf[4] = {L'x', L'y', L'z', L'w'};
+    ULONG cch = 4;
+    ASSERT_EQ(ERROR_SUCCESS, nv::QueryStringValue(key, L"empty", buf, &cch));
+    EXPECT_EQ(L'\0', buf[0]);
+    EXPECT_EQ(L'y', buf[1]);
+    EXPECT_EQ(1u, cch);
+    // No room even for the terminator: the needed size is that one character.
+    buf[0] = L'x';
+    cch = 0;
+    EXPECT_EQ(ERROR_MORE_DATA, nv::QueryStringValue(key, L"empty", buf, &cch));
+    EXPECT_EQ(1u, cch);
+    EXPECT_EQ(L'x', buf[0]);
+    cch = 0;
+    EXPECT_EQ(ERROR_MORE_DATA, nv::QueryStringValue(key, L"empty", nullptr, &cch));
+    EXPECT_EQ(1u, cch);
+    std::wstring text = L"before";
+    EXPECT_EQ(ERROR_SUCCESS, nv::QueryStringValue(key, L"empty", text));
+    EXPECT_EQ(L"", text);
+}
+
+TEST_F(RegKeyTest, StringReaderWithoutACapacityIsAnInvalidParameter)
+{
+    SetString(L"SOFTWARE\\Norvane", L"sz", L"1.0", kView64);
+    nv::CNVRegKey key;
+    ASSERT_EQ(ERROR_SUCCESS, key.Open(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane", KEY_READ));
+    wchar_t buf[8] = {L'x'};
+    EXPECT_EQ(ERROR_INVALID_PARAMETER, nv::QueryStringValue(key, L"sz", buf, nullptr));
+    EXPECT_EQ(L'x', buf[0]);
+}
+
+TEST_F(RegKeyTest, DetachHandsOverTheHandleWhichTheKeyNoLongerCloses)
+{
+    nv::CNVRegKey key;
+    ASSERT_EQ(ERROR_SUCCESS, key.Create(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane", KEY_ALL_ACCESS));
+    const HKEY held = key.m_hKey;
+    EXPECT_EQ(held, key.Detach());
+    EXPECT_EQ(nullptr, key.m_hKey);
+    key.Close();
+    // Still open after the key let go of it.
+    EXPECT_EQ(ERROR_SUCCESS, nv::SetStringValue(held, L"Detached", L"yes"));
+    EXPECT_EQ(ERROR_SUCCESS, ::RegCloseKey(held));
+    EXPECT_EQ(nullptr, key.Detach());
+}
+
 TEST_F(RegKeyTest, StringWriterStoresLengthPlusOneCharacters)
 {
     nv::CNVRegKey key;
@@ -268,6 +317,41 @@ TEST(CryptBlobTest, CopyAndMoveKeepIndependentBuffers)
     nv::CCryptBlob three(std::move(one));
     EXPECT_TRUE(one.IsEmpty());
     EXPECT_EQ(4u, three.cbData);
+}
+
+TEST(CryptBlobTest, CopyAssignmentGivesAnOwnBufferAndSelfAssignmentKeepsTheBytes)
+{
+    const BYTE a[] = {5, 6, 7, 8};
+    const BYTE b[] = {1, 2};
+    nv::CCryptBlob one(a, 4);
+    nv::CCryptBlob two(b, 2);
+    two = one;
+    EXPECT_NE(one.pbData, two.pbData);
+    EXPECT_EQ((std::vector<BYTE>{5, 6, 7, 8}), std::vector<BYTE>(two.pbData, two.pbData + two.cbData));
+    one.pbData[0] = 9;
+    EXPECT_EQ(5, two.pbData[0]);
+    nv::CCryptBlob& same = two;
+    two = same;
+    EXPECT_EQ((std::vector<BYTE>{5, 6, 7, 8}), std::vector<BYTE>(two.pbData, two.pbData + two.cbData));
+}
+
+TEST(CryptBlobTest, AttachTakesOverABlockOfItsOwnAllocator)
+{
+    const BYTE a[] = {5, 6, 7, 8};
+    nv::CCoTaskCryptBlob blob(a, 4);
+    auto* block = static_cast<BYTE*>(::CoTaskMemAlloc(3));
+    ASSERT_NE(nullptr, block);
+    std::memcpy(block, "xyz", 3);
+    blob.Attach(block, 3);
+    EXPECT_EQ(block, blob.pbData);
+    EXPECT_EQ(3u, blob.cbData);
+    // Handed back out, it is the same block, freed by the task allocator.
+    DWORD cb = blob.cbData;
+    BYTE* out = blob.Detach();
+    EXPECT_EQ(block, out);
+    EXPECT_EQ(3u, cb);
+    EXPECT_TRUE(blob.IsEmpty());
+    ::CoTaskMemFree(out);
 }
 
 // ---- the DER decoder's calls -------------------------------------------------------

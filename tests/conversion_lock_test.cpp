@@ -23,6 +23,7 @@
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
 #include "support/test_converter.h"
+#include "support/token_scope.h"
 #include "support/trace_capture.h"
 
 using namespace nvtest;
@@ -320,6 +321,74 @@ TEST_F(ConversionLockTest, LockMadeByAnotherAccountIsNotWaitedFor)
     EXPECT_TRUE(HasLine(trace.LinesInScope("CBaseConverter::Convert"),
                         "U conversion lock Global\\NVDBConv.Conversion belongs to another account: going on "
                         "without it"))
+        << trace.Dump();
+}
+
+namespace {
+
+// A mutex of the lock's name that nobody may open for use.
+nv::unique_handle_null SquatLockDenyingEveryone()
+{
+    PSECURITY_DESCRIPTOR sd = nullptr;
+    EXPECT_TRUE(::ConvertStringSecurityDescriptorToSecurityDescriptorW(L"O:BUD:(D;;GA;;;WD)", SDDL_REVISION_1, &sd,
+                                                                       nullptr));
+    nv::unique_hlocal sdOwner(sd);
+    SECURITY_ATTRIBUTES sa{sizeof(sa), sd, FALSE};
+    return nv::unique_handle_null(::CreateMutexW(&sa, FALSE, nvframe::kConversionMutexName));
+}
+
+} // namespace
+
+TEST_F(ConversionLockTest, LockNobodyMayOpenLetsAnAdministratorGoOnWithoutIt)
+{
+    FillDatabase();
+    nv::unique_handle_null squatted = SquatLockDenyingEveryone();
+    ASSERT_TRUE(squatted);
+    nv::unique_handle_null probe(::CreateMutexW(nullptr, FALSE, nvframe::kConversionMutexName));
+    ASSERT_FALSE(probe) << "the platform let the lock be opened";
+    ASSERT_EQ(DWORD(ERROR_ACCESS_DENIED), ::GetLastError());
+
+    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    EXPECT_EQ(S_OK, converter.Convert());
+    EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Convert", "do_Cleanup"}), converter.calls);
+    EXPECT_TRUE(HasLine(trace.LinesInScope("CBaseConverter::Convert"),
+                        "U conversion lock Global\\NVDBConv.Conversion belongs to another account: going on "
+                        "without it"))
+        << trace.Dump();
+}
+
+TEST_F(ConversionLockTest, LockNobodyMayOpenKeepsOutACallerWhoIsNoAdministrator)
+{
+    FillDatabase();
+    const RegTree before = Snapshot(kDb, kView32);
+    nv::unique_handle_null squatted = SquatLockDenyingEveryone();
+    ASSERT_TRUE(squatted);
+    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    HRESULT hr = S_OK;
+    {
+        NonAdministratorScope user;
+        hr = converter.Convert();
+    }
+    EXPECT_EQ(E_ACCESSDENIED, hr);
+    EXPECT_TRUE(converter.calls.empty());
+    EXPECT_EQ("", DiffTrees(before, Snapshot(kDb, kView32)));
+    EXPECT_TRUE(HasLine(trace.LinesInScope("CBaseConverter::Convert"),
+                        "U conversion lock Global\\NVDBConv.Conversion cannot be opened"))
+        << trace.Dump();
+}
+
+TEST_F(ConversionLockTest, AnotherKindOfObjectUnderTheLocksNameFailsWithTheOpenError)
+{
+    FillDatabase();
+    const RegTree before = Snapshot(kDb, kView32);
+    nv::unique_handle_null event(::CreateEventW(nullptr, TRUE, FALSE, nvframe::kConversionMutexName));
+    ASSERT_TRUE(event);
+    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE), converter.Convert());
+    EXPECT_TRUE(converter.calls.empty());
+    EXPECT_EQ("", DiffTrees(before, Snapshot(kDb, kView32)));
+    EXPECT_TRUE(HasLine(trace.LinesInScope("CBaseConverter::Convert"),
+                        "U conversion lock Global\\NVDBConv.Conversion cannot be opened"))
         << trace.Dump();
 }
 

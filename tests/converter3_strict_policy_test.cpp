@@ -5,6 +5,8 @@
 // the same users as the format has it.
 #include <windows.h>
 #include <gtest/gtest.h>
+#include <sddl.h>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -13,10 +15,15 @@
 #include "nvstore_inspect.h"
 #include "nvdbconv/cli.h"
 #include "nvdbconv/policy.h"
+#include "common/handles.h"
 #include "support/conversion_fixture.h"
 #include "support/dll_loader.h"
+#include "support/import_patch.h"
+#include "support/key_containers.h"
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
+#include "writer/db20_der.h"
+#include "writer/host_provisioning.h"
 
 using namespace nvtest;
 namespace inspect = nvstore::inspect;
@@ -433,4 +440,410 @@ TEST_F(StrictPolicyConversionTest, UserWithoutTemplatesIsHeldWhenTheStoreOffersN
     const auto held = nvdbconv::ReadHeldUsers();
     ASSERT_EQ(1u, held.size());
     EXPECT_EQ(Widen(missing), held[0].reason);
+}
+
+// ---- what each missing part says -------------------------------------------------
+//
+// Every part of a user that can fail to reach the store has its own words in the
+// held-user record and in the trace line; several join with "; " in the order the
+// conversion meets them. Each case below is produced by the store or platform call
+// that fails, with a user whose every other part converts.
+
+namespace {
+
+// The library's own import of a platform call, failing on request; the rest of the
+// process (the store, the test) keeps the real function.
+std::map<std::string, void*> g_originals;
+LONG g_enumValueCalls = 0;
+LONG g_sidTextCalls = 0;
+LONG g_genKeyCalls = 0;
+LONG g_failSidTextCall = 0;
+
+BOOL WINAPI GenKeyWithout3Des(HCRYPTPROV prov, ALG_ID alg, DWORD flags, HCRYPTKEY* key)
+{
+    ++g_genKeyCalls;
+    if (alg == CALG_3DES) {
+        ::SetLastError(static_cast<DWORD>(NTE_BAD_ALGID));
+        return FALSE;
+    }
+    return reinterpret_cast<decltype(&::CryptGenKey)>(g_originals["CryptGenKey"])(prov, alg, flags, key);
+}
+
+// A name-only listing (the field list of a user key asks for nothing else) fails at
+// its second value.
+LONG WINAPI EnumValueFailingSecondName(HKEY key, DWORD index, LPWSTR name, LPDWORD cchName, LPDWORD reserved,
+                                       LPDWORD type, LPBYTE data, LPDWORD cbData)
+{
+    if (index == 1 && !type && !data && !cbData) {
+        ++g_enumValueCalls;
+        return ERROR_MORE_DATA;
+    }
+    return reinterpret_cast<decltype(&::RegEnumValueW)>(g_originals["RegEnumValueW"])(key, index, name, cchName,
+                                                                                     reserved, type, data, cbData);
+}
+
+BOOL WINAPI SidTextFailingOnce(PSID sid, LPWSTR* text)
+{
+    if (++g_sidTextCalls == g_failSidTextCall) {
+        ::SetLastError(ERROR_INVALID_SID);
+        return FALSE;
+    }
+    return reinterpret_cast<decltype(&::ConvertSidToStringSidW)>(g_originals["ConvertSidToStringSidW"])(sid, text);
+}
+
+nvwriter::Db20Secret PlainSecret(const wchar_t* name, BYTE fill, BYTE guidByte)
+{
+    nvwriter::Db20Secret s;
+    s.valueName = s.name = name;
+    s.guid = GUID{0x5EC0E700u + guidByte, 0x1234, 0x5678, {guidByte, 1, 2, 3, 4, 5, 6, 7}};
+    s.content = std::vector<BYTE>(24, fill);
+    return s;
+}
+
+nvwriter::Db20Secret LogonSecret(const std::wstring& password, DWORD version)
+{
+    nvwriter::Db20Secret s;
+    s.valueName = s.name = nvwriter::kDb20LogonInfoSecret;
+    s.guid = GUID{0x10601234u, 0x1111, 0x2222, {9, 8, 7, 6, 5, 4, 3, 2}};
+    s.combined = true;
+    s.combinedVersion = version;
+    s.hasPassword = true;
+    s.password = password;
+    s.content = nvwriter::EncodeDb20CombinedSecret(s);
+    return s;
+}
+
+} // namespace
+
+class StrictMissingPartTest : public StrictPolicyConversionTest {
+protected:
+    // A user with a password, two plain secrets and templates at positions 0 and 2.
+    static nvwriter::Db20Database UserWithSecrets(DWORD passwordVersion = 1)
+    {
+        nvwriter::Db20Database db = OneFullUser();
+        db.users[0].secrets = {LogonSecret(L"pa55-Word", passwordVersion), PlainSecret(L"Mail Account", 0x4D, 1),
+                               PlainSecret(L"VPN Token", 0x56, 2)};
+        return db;
+    }
+
+    // Writes the database and turns the strict policy on; the user's old key as
+    // it stands before the conversion.
+    RegTree Prepare(const nvwriter::Db20Database& db)
+    {
+        WriteDatabase(db);
+        SetStrict(true);
+        return Snapshot(UserKeyPath(db.users[0].guid).c_str(), kView32);
+    }
+
+    // The user was held for exactly `missing`: one trace line that names it, the
+    // user's result, the old key unchanged and the held-user record.
+    void ExpectHeldFor(const nvwriter::Db20User& u, const RegTree& oldKey, const std::string& missing,
+                       const std::string& sidShown)
+    {
+        const auto lines = OwnLines(trace, "CConverter3::do_Convert");
+        ASSERT_FALSE(lines.empty()) << trace.Dump();
+        std::vector<std::string> incomplete;
+        for (const std::string& line : lines)
+            if (line.rfind("U Incomplete user", 0) == 0)
+                incomplete.push_back(line);
+        if (missing.empty())
+            EXPECT_TRUE(incomplete.empty()) << trace.Dump();
+        else
+            EXPECT_EQ(std::vector<std::string>{"U Incomplete user '" + sidShown + "' keeps its old key: " + missing},
+                      incomplete)
+                << trace.Dump();
+        EXPECT_EQ("U Conversion process is over for '" + sidShown + "', " +
+                      Hex(missing.empty() ? E_UNEXPECTED : kIncomplete),
+                  lines.back());
+        EXPECT_EQ("", DiffTrees(oldKey, Snapshot(UserKeyPath(u.guid).c_str(), kView32)));
+        const auto held = nvdbconv::ReadHeldUsers();
+        ASSERT_EQ(1u, held.size());
+        EXPECT_EQ(GuidText(u.guid), held[0].key);
+        EXPECT_EQ(Widen(sidShown), held[0].sid);
+        EXPECT_EQ(static_cast<DWORD>(missing.empty() ? E_UNEXPECTED : kIncomplete), held[0].result);
+        EXPECT_EQ(missing.empty() ? std::wstring(L"conversion failed (0x8000FFFF)") : Widen(missing), held[0].reason);
+    }
+};
+
+TEST_F(StrictMissingPartTest, StoreWithoutIUserSecretsNamesEverySecretAndThePasswordAndPayload)
+{
+    const nvwriter::Db20Database db = UserWithSecrets();
+    const nvwriter::Db20User& u = db.users[0];
+    const RegTree oldKey = Prepare(db);
+    inspect::SetNoUserSecrets(true);
+
+    EXPECT_EQ(S_OK, ConvertOnce());
+
+    ExpectHeldFor(u, oldKey,
+                  "secret not stored, no IUserSecrets 'Mail Account'; "
+                  "secret not stored, no IUserSecrets 'SystemLogonInfo'; "
+                  "secret not stored, no IUserSecrets 'VPN Token'; "
+                  "password not enrolled and payload not stored, no IUserSecrets",
+                  Narrow(u.sidText));
+    EXPECT_TRUE(inspect::ListSecrets(u.sidText).empty());
+    EXPECT_FALSE(inspect::HasPassword(u.sidText));
+    inspect::Bytes payload;
+    EXPECT_FALSE(inspect::GetPayload(u.sidText, &payload));
+}
+
+TEST_F(StrictMissingPartTest, PayloadTheStoreRefusesKeepsTheUser)
+{
+    const nvwriter::Db20Database db = UserWithSecrets();
+    const nvwriter::Db20User& u = db.users[0];
+    const RegTree oldKey = Prepare(db);
+    inspect::SetFailPutPayload(E_FAIL);
+
+    EXPECT_EQ(S_OK, ConvertOnce());
+
+    ExpectHeldFor(u, oldKey, "payload not stored (0x80004005)", Narrow(u.sidText));
+    EXPECT_EQ(3u, inspect::ListSecrets(u.sidText).size());
+    EXPECT_TRUE(inspect::IsRegistered(u.sidText));
+
+    // The store takes the payload again: the next Convert moves the user.
+    inspect::ClearTestBehaviours();
+    EXPECT_EQ(S_OK, ConvertOnce());
+    ExpectUserConverted(u);
+    EXPECT_TRUE(nvdbconv::ReadHeldUsers().empty());
+}
+
+TEST_F(StrictMissingPartTest, RegistrationTheStoreRefusesKeepsTheUser)
+{
+    const nvwriter::Db20Database db = UserWithSecrets();
+    const nvwriter::Db20User& u = db.users[0];
+    const RegTree oldKey = Prepare(db);
+    inspect::SetFailAddUser(E_ACCESSDENIED);
+
+    EXPECT_EQ(S_OK, ConvertOnce());
+
+    ExpectHeldFor(u, oldKey, "user not registered (0x80070005)", Narrow(u.sidText));
+    EXPECT_FALSE(inspect::IsRegistered(u.sidText));
+    EXPECT_EQ(3u, inspect::ListSecrets(u.sidText).size());
+}
+
+TEST_F(StrictMissingPartTest, RegistrationCheckTheStoreCannotAnswerKeepsTheUser)
+{
+    const nvwriter::Db20Database db = UserWithSecrets();
+    const nvwriter::Db20User& u = db.users[0];
+    const RegTree oldKey = Prepare(db);
+    inspect::SetFailCheckUser(RPC_E_DISCONNECTED);
+
+    EXPECT_EQ(S_OK, ConvertOnce());
+
+    ExpectHeldFor(u, oldKey, "registration not checked (0x80010108)", Narrow(u.sidText));
+    EXPECT_FALSE(inspect::IsRegistered(u.sidText));
+}
+
+TEST_F(StrictMissingPartTest, RegistrationCheckFailureOnlyTracedUnderTheDefaultPolicy)
+{
+    const nvwriter::Db20Database db = UserWithSecrets();
+    const nvwriter::Db20User& u = db.users[0];
+    WriteDatabase(db);
+    inspect::SetFailCheckUser(RPC_E_DISCONNECTED);
+
+    EXPECT_EQ(S_OK, ConvertOnce());
+
+    const std::string sid = Narrow(u.sidText);
+    const auto lines = OwnLines(trace, "CConverter3::do_Convert");
+    EXPECT_TRUE(HasLine(lines, "U Incomplete user '" + sid + "' moved with gaps: registration not checked (0x80010108)"))
+        << trace.Dump();
+    EXPECT_EQ("U Conversion process is over for '" + sid + "', 0x00000000", lines.back());
+    EXPECT_FALSE(KeyExists(UserKeyPath(u.guid).c_str(), kView32));
+    EXPECT_TRUE(nvdbconv::ReadHeldUsers().empty());
+}
+
+TEST_F(StrictMissingPartTest, SecretsThatCannotBeSealedAreNamedEachWithTheProvidersError)
+{
+    const nvwriter::Db20Database db = UserWithSecrets();
+    const nvwriter::Db20User& u = db.users[0];
+    const RegTree oldKey = Prepare(db);
+    g_genKeyCalls = 0;
+    {
+        LoadedLibrary dll;
+        ASSERT_TRUE(dll.loaded());
+        ImportPatch patch(dll.module(), {{"CryptGenKey", reinterpret_cast<void*>(&GenKeyWithout3Des)}});
+        ASSERT_TRUE(patch.ok());
+        g_originals["CryptGenKey"] = patch.Original("CryptGenKey");
+        ASSERT_NE(nullptr, g_originals["CryptGenKey"]);
+        EXPECT_EQ(S_OK, dll.Convert());
+    }
+    EXPECT_EQ(3, g_genKeyCalls);
+
+    ExpectHeldFor(u, oldKey,
+                  "secret not sealed 'Mail Account' (0x80090008); secret not sealed 'SystemLogonInfo' (0x80090008); "
+                  "secret not sealed 'VPN Token' (0x80090008)",
+                  Narrow(u.sidText));
+    EXPECT_TRUE(inspect::ListSecrets(u.sidText).empty());
+    // Only the secrets are missing: the rest of the user reached the store.
+    EXPECT_TRUE(inspect::CheckPassword(u.sidText, L"pa55-Word"));
+    EXPECT_TRUE(inspect::IsRegistered(u.sidText));
+    EXPECT_EQ(2u, inspect::ListTemplates(u.sidText).size());
+}
+
+TEST_F(StrictMissingPartTest, TemplatesBeyondTheLastMaskAndADroppedEntryAreBothNamed)
+{
+    // Two fingerprint entries: the first one's templates are kept, the last one's
+    // mask places them, and it has one bit for two templates.
+    nvwriter::Db20Database db = UserWithSecrets();
+    nvwriter::Db20User& u = db.users[0];
+    nvwriter::Db20Credential second;
+    second.credentialId = nvwriter::kDb20FingerprintCredentialId;
+    second.mask = 0x1;
+    second.templates = {MakeTemplate(0, 0x44)};
+    u.credentials.push_back(second);
+    const RegTree oldKey = Prepare(db);
+
+    EXPECT_EQ(S_OK, ConvertOnce());
+
+    ExpectHeldFor(u, oldKey, "templates beyond the position mask '1'; templates of a further fingerprint entry dropped",
+                  Narrow(u.sidText));
+    // The one position the mask names holds the first entry's first template.
+    const auto templates = inspect::ListTemplates(u.sidText);
+    ASSERT_EQ(1u, templates.size());
+    DecodedTemplate stored;
+    ASSERT_TRUE(DecodeStoredTemplate(templates.at(0), &stored));
+    EXPECT_EQ(u.credentials[0].templates[0].data, stored.data);
+}
+
+TEST_F(StrictMissingPartTest, ADroppedFingerprintEntryAloneKeepsTheUser)
+{
+    nvwriter::Db20Database db = UserWithSecrets();
+    nvwriter::Db20User& u = db.users[0];
+    nvwriter::Db20Credential second = u.credentials[0];
+    second.templates = {MakeTemplate(0, 0x66), MakeTemplate(2, 0x77)};
+    u.credentials.push_back(second);
+    const RegTree oldKey = Prepare(db);
+
+    EXPECT_EQ(S_OK, ConvertOnce());
+
+    ExpectHeldFor(u, oldKey, "templates of a further fingerprint entry dropped", Narrow(u.sidText));
+    EXPECT_EQ(2u, inspect::ListTemplates(u.sidText).size());
+}
+
+TEST_F(StrictMissingPartTest, PasswordSecretThatDoesNotUnpackKeepsTheUser)
+{
+    // Version 10 is beyond what the combined secret knows.
+    const nvwriter::Db20Database db = UserWithSecrets(10);
+    const nvwriter::Db20User& u = db.users[0];
+    const RegTree oldKey = Prepare(db);
+
+    EXPECT_EQ(S_OK, ConvertOnce());
+
+    ExpectHeldFor(u, oldKey, "password secret not unpacked (0x80090005)", Narrow(u.sidText));
+    // The store got an empty password instead.
+    EXPECT_TRUE(inspect::CheckPassword(u.sidText, L""));
+    EXPECT_FALSE(inspect::CheckPassword(u.sidText, L"pa55-Word"));
+}
+
+TEST_F(StrictMissingPartTest, MalformedSecretRecordKeepsTheUser)
+{
+    const nvwriter::Db20Database db = UserWithSecrets();
+    const nvwriter::Db20User& u = db.users[0];
+    WriteDatabase(db);
+    // The "Mail Account" record again, with a secret GUID of 15 bytes: read
+    // leniently (as the zero GUID), its content still opens.
+    {
+        using namespace nvwriter::der20;
+        const nvwriter::Db20Secret& s = u.secrets[1];
+        nv::unique_hcryptprov prov;
+        ASSERT_TRUE(::CryptAcquireContextW(prov.put(), ContainerName(db.hostId).c_str(), MS_ENHANCED_PROV_W,
+                                           PROV_RSA_FULL, CRYPT_MACHINE_KEYSET));
+        const nvwriter::DerBytes guid15(15, 0xAB);
+        nvwriter::ExportRecordItems items;
+        items.data = Seq({Seq({GuidOctets(s.headerGuid), Uint(s.typeCode), Uint(s.headerValue)}), Octets(guid15),
+                          Text(s.name), Octets(nvwriter::SealDb20Content(prov.get(), s.content))});
+        items.time = u.times[1];
+        SetBinary(UserKeyPath(u.guid).c_str(), s.valueName.c_str(), nvwriter::MakeExportRecord(prov.get(), items),
+                  kView32, REG_BINARY);
+    }
+    SetStrict(true);
+    const RegTree oldKey = Snapshot(UserKeyPath(u.guid).c_str(), kView32);
+
+    EXPECT_EQ(S_OK, ConvertOnce());
+
+    ExpectHeldFor(u, oldKey, "secret malformed 'Mail Account'", Narrow(u.sidText));
+    inspect::Bytes plain;
+    EXPECT_EQ(S_OK, inspect::OpenStoredSecret(u.sidText, L"Mail Account", &plain));
+    EXPECT_EQ(u.secrets[1].content, plain);
+}
+
+TEST_F(StrictMissingPartTest, FieldListThatBreaksOffKeepsTheUser)
+{
+    const nvwriter::Db20Database db = UserWithSecrets();
+    const nvwriter::Db20User& u = db.users[0];
+    const RegTree oldKey = Prepare(db);
+    g_enumValueCalls = 0;
+    {
+        LoadedLibrary dll;
+        ASSERT_TRUE(dll.loaded());
+        ImportPatch patch(dll.module(), {{"RegEnumValueW", reinterpret_cast<void*>(&EnumValueFailingSecondName)}});
+        ASSERT_TRUE(patch.ok());
+        g_originals["RegEnumValueW"] = patch.Original("RegEnumValueW");
+        ASSERT_NE(nullptr, g_originals["RegEnumValueW"]);
+        EXPECT_EQ(S_OK, dll.Convert());
+    }
+    EXPECT_EQ(1, g_enumValueCalls);
+
+    ExpectHeldFor(u, oldKey, "fields not all listed (0x800700EA)", Narrow(u.sidText));
+}
+
+TEST_F(StrictMissingPartTest, UserWhoseSidHasNoTextIsHeldAsAFailedConversion)
+{
+    const nvwriter::Db20Database db = UserWithSecrets();
+    const nvwriter::Db20User& u = db.users[0];
+    const RegTree oldKey = Prepare(db);
+    // The reader names the user's templates by the SID's text first; the
+    // conversion's own call for the user is the next one.
+    g_sidTextCalls = 0;
+    g_failSidTextCall = 2;
+    {
+        LoadedLibrary dll;
+        ASSERT_TRUE(dll.loaded());
+        ImportPatch patch(dll.module(), {{"ConvertSidToStringSidW", reinterpret_cast<void*>(&SidTextFailingOnce)}});
+        ASSERT_TRUE(patch.ok());
+        g_originals["ConvertSidToStringSidW"] = patch.Original("ConvertSidToStringSidW");
+        ASSERT_NE(nullptr, g_originals["ConvertSidToStringSidW"]);
+        EXPECT_EQ(S_OK, dll.Convert());
+    }
+    g_failSidTextCall = 0;
+    EXPECT_GE(g_sidTextCalls, 2);
+
+    // Nothing of the user reached the store; it is held under its key, without a SID.
+    ExpectHeldFor(u, oldKey, "", "");
+    EXPECT_FALSE(inspect::UserExists(u.sidText));
+}
+
+TEST_F(StrictMissingPartTest, SecretWithNoContentIsNotStoredAndDoesNotHoldTheUser)
+{
+    // An empty secret has nothing to carry over: its absence from the store is no gap.
+    nvwriter::Db20Database db = UserWithSecrets();
+    nvwriter::Db20User& u = db.users[0];
+    nvwriter::Db20Secret empty = PlainSecret(L"Empty Note", 0, 3);
+    empty.content.clear();
+    u.secrets.push_back(empty);
+    Prepare(db);
+
+    EXPECT_EQ(S_OK, ConvertOnce());
+
+    const auto lines = OwnLines(trace, "CConverter3::do_Convert");
+    ASSERT_FALSE(lines.empty()) << trace.Dump();
+    for (const std::string& line : lines)
+        EXPECT_EQ(std::string::npos, line.find("Incomplete user")) << line;
+    EXPECT_EQ("U Conversion process is over for '" + Narrow(u.sidText) + "', 0x00000000", lines.back());
+    // Moved: old key gone, the rest of the user in the store, the empty secret not.
+    EXPECT_FALSE(KeyExists(UserKeyPath(u.guid).c_str(), kView32));
+    EXPECT_TRUE(inspect::IsRegistered(u.sidText));
+    EXPECT_TRUE(inspect::CheckPassword(u.sidText, L"pa55-Word"));
+    EXPECT_EQ(2u, inspect::ListTemplates(u.sidText).size());
+    const auto stored = inspect::ListSecrets(u.sidText);
+    EXPECT_EQ((std::vector<std::wstring>{L"Mail Account", L"SystemLogonInfo", L"VPN Token"}),
+              [&] {
+                  std::vector<std::wstring> names;
+                  for (const auto& entry : stored)
+                      names.push_back(entry.first);
+                  return names;
+              }());
+    inspect::Bytes plain;
+    EXPECT_EQ(S_OK, inspect::OpenStoredSecret(u.sidText, L"VPN Token", &plain));
+    EXPECT_EQ(u.secrets[2].content, plain);
+    EXPECT_TRUE(nvdbconv::ReadHeldUsers().empty());
 }

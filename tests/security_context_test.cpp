@@ -466,6 +466,27 @@ TEST_F(SecurityContextHostIdTest, MissingContainerGivesTheProvidersError)
     EXPECT_FALSE(ContainerExists(kTestHostId));
 }
 
+TEST_F(SecurityContextHostIdTest, FreshHostIdThatDoesNotReadBackFailsWithEFailAndKeepsTheWrittenValue)
+{
+    // No identifier: a fresh one is written, then read back. A read-back that finds
+    // none again ends the construction with E_FAIL rather than going on with none.
+    CreateKeyPath(kHostKey, kView32);
+    CFPSecurityContext ctx;
+    {
+        ApiFaults faults;
+        faults.FailQueryValue(L"HostId", 2, ERROR_FILE_NOT_FOUND);
+        EXPECT_EQ(E_FAIL, ctx.FinalConstruct(kView32));
+        EXPECT_EQ(2u, faults.QueryValueCalls());
+    }
+    EXPECT_EQ(0u, ctx.m_hProv);
+    const GUID written = FreshHostId(kView32);
+    // The value written stays the machine's identifier: the next construction takes it.
+    m_containers.Create(written);
+    CFPSecurityContext again;
+    ASSERT_EQ(S_OK, again.FinalConstruct(kView32));
+    EXPECT_EQ(Narrow(ContainerName(written)), ContainerOf(again.m_hProv));
+}
+
 TEST_F(SecurityContextHostIdTest, ThrowingConstructorRaisesTheFailureAsComError)
 {
     SetBinary(kHostKey, L"HostId", kTestHostIdValue, kView32);
@@ -562,6 +583,35 @@ TEST_F(SecurityContextTest, GetPublicKeyWithoutProviderFailsAndLeavesTheBlobAlon
     EXPECT_EQ(E_INVALIDARG, ctx.GetPublicKey(&pk));
     EXPECT_TRUE(pk.Untouched());
     EXPECT_EQ(E_POINTER, ctx.GetPublicKey(nullptr));
+}
+
+TEST_F(SecurityContextTest, GetPublicKeyRaisesTheEncodersErrorAndLeavesTheBlobAlone)
+{
+    CFPSecurityContext ctx;
+    ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+    // The size query, then the encoding itself; a memory shortage is E_OUTOFMEMORY.
+    const struct {
+        unsigned call;
+        DWORD lastError;
+        HRESULT expected;
+    } cases[] = {
+        {1, static_cast<DWORD>(CRYPT_E_BAD_ENCODE), CRYPT_E_BAD_ENCODE},
+        {2, static_cast<DWORD>(CRYPT_E_BAD_ENCODE), CRYPT_E_BAD_ENCODE},
+        {1, ERROR_NOT_ENOUGH_MEMORY, E_OUTOFMEMORY},
+        {2, ERROR_INVALID_PARAMETER, HRESULT_FROM_WIN32(ERROR_INVALID_PARAMETER)},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "encoder call " << c.call << ", error 0x" << std::hex << c.lastError);
+        ApiFaults faults;
+        faults.FailEncode(c.call, c.lastError);
+        TaskBlob pk;
+        EXPECT_EQ(c.expected, ctx.GetPublicKey(&pk));
+        EXPECT_EQ(c.call, faults.EncodeCalls());
+        EXPECT_TRUE(pk.Untouched());
+    }
+    TaskBlob pk;
+    EXPECT_EQ(S_OK, ctx.GetPublicKey(&pk));
+    EXPECT_EQ(ProvisionedHostTest::PublicKeyOf(kTestHostId), BlobBytes(pk));
 }
 
 // ---- SignBLOB -------------------------------------------------------------------

@@ -510,6 +510,86 @@ TEST_F(TraceFacilityTest, DirectoryCreationWalksFromTheDriveDownAndKeepsExisting
         EXPECT_TRUE(::RemoveDirectoryW((root + sub).c_str())) << Narrow(sub);
 }
 
+// A trace path that does not fit the path buffer whole names no file at all: a cut
+// one would name some other file. (A share, so that nothing is created on the way.)
+TEST_F(TraceFacilityTest, TracePathWithNoRoomForItsBackslashNamesNoFileAndTracesNothing)
+{
+    std::wstring dir = L"\\\\nvsrv\\share\\";
+    dir.append(NVTraceNS::kTracePathChars - 1 - dir.size(), L'a'); // the longest readable value
+    DeleteValue(kTracing, L"FileName", kViewNative);
+    SetString(kTracing, L"TracePath", dir, kViewNative);
+    nv::unique_hkey key;
+    ASSERT_EQ(ERROR_SUCCESS, NVTraceNS::OpenTracingKey(key.put()));
+    wchar_t path[NVTraceNS::kTracePathChars];
+    path[0] = L'x';
+    EXPECT_FALSE(NVTraceNS::BuildTracePath(key.get(), path));
+    EXPECT_STREQ(L"", path);
+
+    // One character less leaves room for the backslash but not for the file name.
+    dir.pop_back();
+    SetString(kTracing, L"TracePath", dir, kViewNative);
+    path[0] = L'x';
+    EXPECT_FALSE(NVTraceNS::BuildTracePath(key.get(), path));
+    EXPECT_STREQ(L"", path);
+
+    const std::wstring fallback = ExeDirectory() + PatternFileName();
+    ::DeleteFileW(fallback.c_str());
+    TraceCapture::ResetInProcess();
+    OneScope();
+    TraceCapture::ResetInProcess();
+    EXPECT_FALSE(trace.FileExists());
+    EXPECT_FALSE(Exists(fallback));
+}
+
+TEST_F(TraceFacilityTest, TracePathWhoseFileNameWouldBeCutNamesNoFile)
+{
+    // Room for the folder and its backslash, not for the pattern's file name.
+    std::wstring dir = L"\\\\nvsrv\\share\\";
+    dir.append(NVTraceNS::kTracePathChars - 20 - dir.size(), L'b');
+    dir += L'\\';
+    DeleteValue(kTracing, L"FileName", kViewNative);
+    SetString(kTracing, L"TracePath", dir, kViewNative);
+    nv::unique_hkey key;
+    ASSERT_EQ(ERROR_SUCCESS, NVTraceNS::OpenTracingKey(key.put()));
+    wchar_t path[NVTraceNS::kTracePathChars];
+    path[0] = L'x';
+    EXPECT_FALSE(NVTraceNS::BuildTracePath(key.get(), path));
+    EXPECT_STREQ(L"", path);
+    ASSERT_LT(dir.size() + PatternFileName().size(), 300u);
+    ASSERT_GE(dir.size() + PatternFileName().size(), NVTraceNS::kTracePathChars);
+}
+
+TEST_F(TraceFacilityTest, DirectoryCreationCreatesNothingForAPathLongerThanTheBuffer)
+{
+    const std::wstring root = TempDir() + L"nvlong_" + std::to_wstring(::GetCurrentProcessId());
+    std::wstring path = root;
+    while (path.size() < NVTraceNS::kTracePathChars)
+        path += L"\\segment";
+    NVTraceNS::CreateTraceDirectories(path.c_str());
+    EXPECT_FALSE(Exists(root));
+    // The same folders within the limit are made.
+    const std::wstring shorter = root + L"\\segment";
+    NVTraceNS::CreateTraceDirectories(shorter.c_str());
+    EXPECT_TRUE(Exists(shorter));
+    EXPECT_TRUE(::RemoveDirectoryW(shorter.c_str()));
+    EXPECT_TRUE(::RemoveDirectoryW(root.c_str()));
+}
+
+TEST_F(TraceFacilityTest, DirectoryCreationStopsAtAFileInThePath)
+{
+    const std::wstring file = TempDir() + L"nvfile_" + std::to_wstring(::GetCurrentProcessId());
+    {
+        nv::unique_hfile f(::CreateFileW(file.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
+        ASSERT_TRUE(f);
+    }
+    NVTraceNS::CreateTraceDirectories((file + L"\\below\\deeper").c_str());
+    const DWORD attributes = ::GetFileAttributesW(file.c_str());
+    EXPECT_NE(INVALID_FILE_ATTRIBUTES, attributes);
+    EXPECT_EQ(0u, attributes & FILE_ATTRIBUTE_DIRECTORY);
+    EXPECT_FALSE(Exists(file + L"\\below"));
+    EXPECT_TRUE(::DeleteFileW(file.c_str()));
+}
+
 TEST_F(TraceFacilityTest, AppendingToAnExistingFileWritesOnlyTheReopenRecord)
 {
     OneScope("First");

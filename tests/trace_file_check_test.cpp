@@ -421,6 +421,36 @@ TEST_F(TraceFileCheckTest, ProbeGivesTheVerdictWithoutCreatingOrChangingAnything
     EXPECT_FALSE(Exists(dir + L"\\target\\logs"));
 }
 
+TEST_F(TraceFileCheckTest, OpeningWithoutAPathOrInAMissingFolderGivesNoHandleAndCreatesNothing)
+{
+    TraceFileVerdict verdict = TraceFileVerdict::Redirected; // sentinel
+    EXPECT_EQ(INVALID_HANDLE_VALUE, NVTraceNS::OpenCheckedTraceFile(L"", FILE_APPEND_DATA, false, &verdict));
+    EXPECT_EQ(TraceFileVerdict::Redirected, verdict); // nothing was judged
+    EXPECT_EQ(TraceFileVerdict::Accepted, NVTraceNS::ProbeTraceFile(L""));
+
+    const std::wstring missing = dir + L"\\plain\\no\\such\\t.trc3";
+    verdict = TraceFileVerdict::Redirected;
+    EXPECT_EQ(INVALID_HANDLE_VALUE, NVTraceNS::OpenCheckedTraceFile(missing.c_str(), FILE_APPEND_DATA, false, &verdict));
+    EXPECT_EQ(TraceFileVerdict::Redirected, verdict); // not refused, not judged: it cannot be opened
+    EXPECT_FALSE(Exists(dir + L"\\plain\\no"));
+}
+
+TEST_F(TraceFileCheckTest, OpeningWithoutAVerdictToFillStillChecksAndOpens)
+{
+    const std::wstring file = dir + L"\\plain\\t.trc3";
+    nv::unique_hfile opened(NVTraceNS::OpenCheckedTraceFile(file.c_str(), FILE_APPEND_DATA, false, nullptr));
+    ASSERT_TRUE(opened);
+    DWORD written = 0;
+    EXPECT_TRUE(::WriteFile(opened.get(), "ab", 2, &written, nullptr));
+    opened.reset();
+    EXPECT_EQ("ab", ReadBytes(file));
+
+    PlantLinkedFolder();
+    EXPECT_EQ(INVALID_HANDLE_VALUE,
+              NVTraceNS::OpenCheckedTraceFile((dir + L"\\link\\t.trc3").c_str(), FILE_APPEND_DATA, false, nullptr));
+    EXPECT_FALSE(Exists(dir + L"\\target\\t.trc3"));
+}
+
 // ---- folders made for the trace ----------------------------------------------------
 
 TEST_F(TraceFileCheckTest, FoldersMadeForTracePathGrantNothingToOtherUsers)

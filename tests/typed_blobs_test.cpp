@@ -396,3 +396,63 @@ TEST(SequenceTest, NotASequenceRaisesTheCryptoApiError)
     }
     EXPECT_EQ(0u, seq.Count());
 }
+
+TEST(SequenceTest, EncodingTakesUpToSixteenItemsAndRefusesMore)
+{
+    nv::CCryptBlob one;
+    CNVUIntBlob(5).Encode(one);
+    const CRYPT_DER_BLOB* p = &one;
+    nv::CCryptBlob out;
+    NVEncodeSequence({p, p, p, p, p, p, p, p, p, p, p, p, p, p, p, p}, out);
+    Bytes expected{0x30, 48};
+    for (int i = 0; i < 16; ++i)
+        expected.insert(expected.end(), {0x02, 0x01, 0x05});
+    EXPECT_EQ(expected, ToBytes(out));
+
+    try {
+        NVEncodeSequence({p, p, p, p, p, p, p, p, p, p, p, p, p, p, p, p, p}, out);
+        FAIL() << "seventeen items encoded";
+    } catch (const _com_error& e) {
+        EXPECT_EQ(E_INVALIDARG, e.Error());
+    }
+    EXPECT_EQ(expected, ToBytes(out)); // left as it was
+}
+
+TEST(TypedBlobsTest, UIntValueReadsTheFourLittleEndianBytes)
+{
+    EXPECT_EQ(0x12345678u, CNVUIntBlob(0x12345678).Value());
+    CNVUIntBlob decoded;
+    ASSERT_EQ(S_OK, DecodeError(decoded, Bytes{0x02, 0x01, 0x09}));
+    EXPECT_EQ(9u, decoded.Value());
+}
+
+TEST(TypedBlobsTest, NumberValueOfABlobThatIsNoFourBytesIsBadData)
+{
+    CNVUIntBlob empty;
+    HRESULT raised = S_OK;
+    try {
+        empty.Value();
+    } catch (const _com_error& e) {
+        raised = e.Error();
+    }
+    EXPECT_EQ(NTE_BAD_DATA, raised);
+
+    CNVIntBlob wide;
+    wide.Assign(reinterpret_cast<const BYTE*>("12345"), 5);
+    raised = S_OK;
+    try {
+        wide.Value();
+    } catch (const _com_error& e) {
+        raised = e.Error();
+    }
+    EXPECT_EQ(NTE_BAD_DATA, raised);
+}
+
+TEST(TypedBlobsTest, DecodingAsAStructureTheBlobsDoNotHoldIsAnInvalidArgument)
+{
+    // A BIT STRING decodes, but no typed blob holds one.
+    CNVAnyBlob bits(X509_BITS);
+    bits.Assign(reinterpret_cast<const BYTE*>("old"), 3);
+    EXPECT_EQ(E_INVALIDARG, DecodeError(bits, Bytes{0x03, 0x02, 0x00, 0xAA}));
+    EXPECT_TRUE(bits.IsEmpty());
+}

@@ -100,6 +100,49 @@ std::vector<BYTE> ContentOf(CNVSecret& secret, bool* produced)
     return out;
 }
 
+// The content of a DER OCTET STRING (empty when it is none).
+std::vector<BYTE> OctetsOf(const std::vector<BYTE>& der)
+{
+    DWORD cb = 0;
+    if (!::CryptDecodeObject(X509_ASN_ENCODING, X509_OCTET_STRING, der.data(), static_cast<DWORD>(der.size()), 0,
+                             nullptr, &cb))
+        return {};
+    std::vector<BYTE> buf(cb);
+    if (!::CryptDecodeObject(X509_ASN_ENCODING, X509_OCTET_STRING, der.data(), static_cast<DWORD>(der.size()), 0,
+                             buf.data(), &cb))
+        return {};
+    const auto* blob = reinterpret_cast<const CRYPT_DATA_BLOB*>(buf.data());
+    return std::vector<BYTE>(blob->pbData, blob->pbData + blob->cbData);
+}
+
+// The items of a DER SEQUENCE OF ANY, each a complete DER value (none when it is none).
+std::vector<std::vector<BYTE>> SequenceItems(const std::vector<BYTE>& der)
+{
+    DWORD cb = 0;
+    if (!::CryptDecodeObject(X509_ASN_ENCODING, X509_SEQUENCE_OF_ANY, der.data(), static_cast<DWORD>(der.size()), 0,
+                             nullptr, &cb))
+        return {};
+    std::vector<BYTE> buf(cb);
+    if (!::CryptDecodeObject(X509_ASN_ENCODING, X509_SEQUENCE_OF_ANY, der.data(), static_cast<DWORD>(der.size()), 0,
+                             buf.data(), &cb))
+        return {};
+    const auto* seq = reinterpret_cast<const CRYPT_SEQUENCE_OF_ANY*>(buf.data());
+    std::vector<std::vector<BYTE>> items;
+    for (DWORD i = 0; i < seq->cValue; ++i)
+        items.emplace_back(seq->rgValue[i].pbData, seq->rgValue[i].pbData + seq->rgValue[i].cbData);
+    return items;
+}
+
+// The lines of the scope that are among the given ones, in their order.
+std::vector<std::string> LinesAmong(const std::vector<std::string>& lines, const std::vector<std::string>& among)
+{
+    std::vector<std::string> out;
+    for (const std::string& line : lines)
+        if (std::find(among.begin(), among.end(), line) != among.end())
+            out.push_back(line);
+    return out;
+}
+
 Db20Options SmallOptions(std::uint32_t seed, unsigned users)
 {
     Db20Options o;
@@ -873,6 +916,99 @@ TEST_F(UserExtractorTest, GetContentTracesEachStepAndNoSecret)
     EXPECT_EQ(own, ownLines) << trace.Dump();
     for (const std::string& line : trace.AllLines())
         EXPECT_EQ(std::string::npos, line.find("password42")) << line;
+}
+
+// Given a public key, GetContent seals the opened content for its holder, in the
+// stored form of every secret: SEQUENCE { OCTET STRING SIMPLEBLOB of a 3DES session
+// key under that key, OCTET STRING the content encrypted with the session key }.
+// Only the private half of that key opens it again.
+TEST_F(UserExtractorTest, GetContentWithAPublicKeySealsTheContentForThatKeysHolder)
+{
+    const std::vector<BYTE> content = {'r', 'e', 's', 'e', 'a', 'l', 'e', 'd', '-', '9', '9'};
+    CNVSecretMap secrets;
+    ASSERT_NO_FATAL_FAILURE(LoadOnePlainSecret(32, content, secrets));
+    m_containers.Create(kOtherHostId);
+    std::vector<BYTE> publicKeyInfo;
+    {
+        nv::unique_hcryptprov recipient = OpenMachineContainer(kOtherHostId);
+        publicKeyInfo = PublicKeyInfoOf(recipient.get());
+    }
+    CRYPT_DATA_BLOB publicKey{static_cast<DWORD>(publicKeyInfo.size()), publicKeyInfo.data()};
+
+    TraceCapture trace;
+    trace.Start();
+    DWORD cb = 0xdeadbeef;
+    BYTE* pb = nullptr;
+    ASSERT_TRUE(secrets.begin()->second->GetContent(&publicKey, &cb, &pb));
+    const std::vector<BYTE> sealed(pb, pb + cb);
+    ::CoTaskMemFree(pb);
+    const std::vector<std::string> steps = {"U Encryption context created", "U Secret copied",
+                                            "U Decrypting Secret...",       "U Secret decrypted",
+                                            "U Secret encrypted with user public key!!!!",
+                                            "U Secret ready to be returned"};
+    EXPECT_EQ(steps, LinesAmong(trace.LinesInScope("CNVSecret::GetContent"), steps)) << trace.Dump();
+
+    const std::vector<std::vector<BYTE>> items = SequenceItems(sealed);
+    ASSERT_EQ(2u, items.size());
+    const std::vector<BYTE> keyBlob = OctetsOf(items[0]);
+    std::vector<BYTE> cipher = OctetsOf(items[1]);
+    ASSERT_GE(keyBlob.size(), sizeof(BLOBHEADER) + sizeof(ALG_ID));
+    const auto* header = reinterpret_cast<const BLOBHEADER*>(keyBlob.data());
+    EXPECT_EQ(SIMPLEBLOB, header->bType);
+    EXPECT_EQ(static_cast<ALG_ID>(CALG_3DES), header->aiKeyAlg);
+    // 3DES in its default mode pads to whole 8-byte blocks.
+    EXPECT_EQ(16u, cipher.size());
+    EXPECT_EQ(cipher.end(), std::search(cipher.begin(), cipher.end(), content.begin(), content.end()));
+
+    // The machine's own key does not open it; the recipient's does.
+    {
+        // LoadOnePlainSecret's database, drawn again.
+        nv::unique_hcryptprov machine = OpenMachineContainer(MakeDb20Database(SmallOptions(32, 1)).hostId);
+        nv::unique_hcryptkey exchange;
+        ASSERT_TRUE(::CryptGetUserKey(machine.get(), AT_KEYEXCHANGE, exchange.put()));
+        nv::unique_hcryptkey session;
+        EXPECT_FALSE(::CryptImportKey(machine.get(), keyBlob.data(), static_cast<DWORD>(keyBlob.size()),
+                                      exchange.get(), 0, session.put()));
+        EXPECT_EQ(static_cast<DWORD>(NTE_BAD_DATA), ::GetLastError());
+    }
+    nv::unique_hcryptprov recipient = OpenMachineContainer(kOtherHostId);
+    nv::unique_hcryptkey exchange;
+    ASSERT_TRUE(::CryptGetUserKey(recipient.get(), AT_KEYEXCHANGE, exchange.put()));
+    nv::unique_hcryptkey session;
+    ASSERT_TRUE(::CryptImportKey(recipient.get(), keyBlob.data(), static_cast<DWORD>(keyBlob.size()), exchange.get(),
+                                 0, session.put()))
+        << std::hex << ::GetLastError();
+    DWORD cbPlain = static_cast<DWORD>(cipher.size());
+    ASSERT_TRUE(::CryptDecrypt(session.get(), 0, TRUE, 0, cipher.data(), &cbPlain)) << std::hex << ::GetLastError();
+    cipher.resize(cbPlain);
+    EXPECT_EQ(content, cipher);
+    ::SecureZeroMemory(cipher.data(), cipher.size());
+    for (const std::string& line : trace.AllLines())
+        EXPECT_EQ(std::string::npos, line.find("resealed-99")) << line;
+}
+
+TEST_F(UserExtractorTest, GetContentWithAKeyThatIsNoPublicKeyInfoRaisesTheDecodersError)
+{
+    const std::vector<BYTE> content = {'k', 'e', 'y', 'l', 'e', 's', 's'};
+    CNVSecretMap secrets;
+    ASSERT_NO_FATAL_FAILURE(LoadOnePlainSecret(33, content, secrets));
+    // An OCTET STRING where a SEQUENCE belongs.
+    std::vector<BYTE> notAKey = {0x04, 0x03, 0x01, 0x02, 0x03};
+    CRYPT_DATA_BLOB publicKey{static_cast<DWORD>(notAKey.size()), notAKey.data()};
+    DWORD cb = 0xdeadbeef;
+    BYTE* pb = reinterpret_cast<BYTE*>(static_cast<ULONG_PTR>(0xdeadbeef));
+    HRESULT raised = S_OK;
+    try {
+        secrets.begin()->second->GetContent(&publicKey, &cb, &pb);
+    } catch (const _com_error& e) {
+        raised = e.Error();
+    }
+    EXPECT_EQ(CRYPT_E_ASN1_BADTAG, raised);
+    EXPECT_EQ(0xdeadbeefu, cb);
+    EXPECT_EQ(reinterpret_cast<BYTE*>(static_cast<ULONG_PTR>(0xdeadbeef)), pb);
+    // The content itself is still there for a call without a key.
+    bool produced = false;
+    EXPECT_EQ(content, ContentOf(*secrets.begin()->second, &produced));
 }
 
 TEST_F(UserExtractorTest, ASecondGetContentHandsOutTheSameBytesWithoutUnwrappingAgainAndTracesTheSame)

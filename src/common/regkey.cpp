@@ -58,7 +58,8 @@ LONG QueryStringValue(HKEY key, const wchar_t* name, wchar_t* buffer, ULONG* pcc
     DWORD cb = *pcch * sizeof(wchar_t);
     LONG r = ::RegQueryValueExW(key, name, nullptr, &type, reinterpret_cast<BYTE*>(buffer), &cb);
     if (r == ERROR_MORE_DATA || (r == ERROR_SUCCESS && buffer == nullptr)) {
-        *pcch = cb / sizeof(wchar_t);
+        // An empty body reads as "": it needs one character, its terminator.
+        *pcch = cb ? cb / sizeof(wchar_t) : 1;
         return (type == REG_SZ || type == REG_EXPAND_SZ) ? ERROR_MORE_DATA : ERROR_INVALID_DATA;
     }
     if (r != ERROR_SUCCESS)
@@ -66,8 +67,10 @@ LONG QueryStringValue(HKEY key, const wchar_t* name, wchar_t* buffer, ULONG* pcc
     if (type != REG_SZ && type != REG_EXPAND_SZ)
         return ERROR_INVALID_DATA;
     if (cb == 0) {
-        if (*pcch == 0)
+        if (*pcch == 0) {
+            *pcch = 1;
             return ERROR_MORE_DATA;
+        }
         buffer[0] = L'\0';
         *pcch = 1;
         return ERROR_SUCCESS;

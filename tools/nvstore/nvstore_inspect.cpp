@@ -256,6 +256,24 @@ void SetNoUserTemplates(bool on) { WriteSwitch(kNoUserTemplatesValue, on); }
 
 void SetNoUserRegistry(bool on) { WriteSwitch(kNoUserRegistryValue, on); }
 
+void SetNoUserSecrets(bool on) { WriteSwitch(kNoUserSecretsValue, on); }
+
+namespace {
+
+void WriteFailure(const wchar_t* value, HRESULT result)
+{
+    if (result == S_OK)
+        DeleteValue(kTestBehavioursKeyPath, value);
+    else
+        WriteDword(kTestBehavioursKeyPath, value, static_cast<DWORD>(result));
+}
+
+} // namespace
+
+void SetFailPutPayload(HRESULT result) { WriteFailure(kFailPutPayloadValue, result); }
+void SetFailCheckUser(HRESULT result) { WriteFailure(kFailCheckUserValue, result); }
+void SetFailAddUser(HRESULT result) { WriteFailure(kFailAddUserValue, result); }
+
 void SetFailPutTemplateAt(DWORD position, HRESULT result)
 {
     WriteDword(kTestBehavioursKeyPath, kFailPutTemplateAtValue, position);

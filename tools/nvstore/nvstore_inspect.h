@@ -64,6 +64,11 @@ void SetNoUserProperties(bool on);
 void SetNoUserPayload(bool on);
 void SetNoUserTemplates(bool on);
 void SetNoUserRegistry(bool on);
+void SetNoUserSecrets(bool on);
+// These store calls fail with the result (S_OK: they work again).
+void SetFailPutPayload(HRESULT result);
+void SetFailCheckUser(HRESULT result);
+void SetFailAddUser(HRESULT result);
 void SetFailPutTemplateAt(DWORD position, HRESULT result = E_FAIL);
 void SetAlreadyRegistered(const std::vector<std::wstring>& sids);
 void SetExistingPublicKey(const std::vector<std::wstring>& sids);

@@ -653,6 +653,10 @@ Behaviours ReadBehaviours()
     b.noUserPayload = ReadDword(path, kNoUserPayloadValue, &v) && v != 0;
     b.noUserTemplates = ReadDword(path, kNoUserTemplatesValue, &v) && v != 0;
     b.noUserRegistry = ReadDword(path, kNoUserRegistryValue, &v) && v != 0;
+    b.noUserSecrets = ReadDword(path, kNoUserSecretsValue, &v) && v != 0;
+    b.failPutPayload = ReadDword(path, kFailPutPayloadValue, &v) ? static_cast<HRESULT>(v) : S_OK;
+    b.failCheckUser = ReadDword(path, kFailCheckUserValue, &v) ? static_cast<HRESULT>(v) : S_OK;
+    b.failAddUser = ReadDword(path, kFailAddUserValue, &v) ? static_cast<HRESULT>(v) : S_OK;
     b.failPutTemplate = ReadDword(path, kFailPutTemplateAtValue, &b.failPutTemplateAt);
     b.failPutTemplateResult = ReadDword(path, kFailPutTemplateResultValue, &v) ? static_cast<HRESULT>(v)
                                                                                 : kDefaultFailPutTemplateResult;

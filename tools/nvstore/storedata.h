@@ -107,6 +107,10 @@ struct Behaviours {
     bool noUserPayload;
     bool noUserTemplates;
     bool noUserRegistry;
+    bool noUserSecrets;
+    HRESULT failPutPayload; // S_OK: PutPayload works
+    HRESULT failCheckUser;  // S_OK: CheckUser works
+    HRESULT failAddUser;    // S_OK: AddUser works
     bool failPutTemplate;
     DWORD failPutTemplateAt;
     HRESULT failPutTemplateResult;

@@ -24,6 +24,11 @@
 //       "NoUserPayload"      REG_DWORD   non-zero: user objects offer no IUserPayload
 //       "NoUserTemplates"    REG_DWORD   non-zero: user objects offer no IUserTemplates
 //       "NoUserRegistry"     REG_DWORD   non-zero: no object offers IUserRegistry
+//       "NoUserSecrets"      REG_DWORD   non-zero: user objects offer no IUserSecrets
+//                                        (OpenUser still hands out their IUnknown)
+//       "FailPutPayload"     REG_DWORD   PutPayload fails with this code
+//       "FailCheckUser"      REG_DWORD   CheckUser fails with this code
+//       "FailAddUser"        REG_DWORD   AddUser fails with this code
 //       "FailPutTemplateAt"  REG_DWORD   PutTemplate at this position fails
 //       "FailPutTemplateResult" REG_DWORD that failure's code (default E_FAIL)
 //       "AlreadyRegistered"  REG_MULTI_SZ (or REG_SZ)  SIDs CheckUser reports as registered
@@ -67,6 +72,10 @@ inline constexpr const wchar_t kNoUserPropertiesValue[] = L"NoUserProperties";
 inline constexpr const wchar_t kNoUserPayloadValue[] = L"NoUserPayload";
 inline constexpr const wchar_t kNoUserTemplatesValue[] = L"NoUserTemplates";
 inline constexpr const wchar_t kNoUserRegistryValue[] = L"NoUserRegistry";
+inline constexpr const wchar_t kNoUserSecretsValue[] = L"NoUserSecrets";
+inline constexpr const wchar_t kFailPutPayloadValue[] = L"FailPutPayload";
+inline constexpr const wchar_t kFailCheckUserValue[] = L"FailCheckUser";
+inline constexpr const wchar_t kFailAddUserValue[] = L"FailAddUser";
 inline constexpr const wchar_t kFailPutTemplateAtValue[] = L"FailPutTemplateAt";
 inline constexpr const wchar_t kFailPutTemplateResultValue[] = L"FailPutTemplateResult";
 inline constexpr const wchar_t kAlreadyRegisteredValue[] = L"AlreadyRegistered";

@@ -520,7 +520,10 @@ HRESULT CStoreObject::CheckUser(LPCWSTR pwszUserId, DWORD dwIdKind)
 {
     return Locked([&]() -> HRESULT {
         const std::wstring sid = CanonicalUserId(pwszUserId, dwIdKind);
-        if (ListNames(ReadBehaviours().alreadyRegistered, sid))
+        const Behaviours b = ReadBehaviours();
+        if (FAILED(b.failCheckUser))
+            return b.failCheckUser;
+        if (ListNames(b.alreadyRegistered, sid))
             return S_OK;
         return IsRegistered(sid) ? S_OK : S_FALSE;
     });
@@ -544,6 +547,13 @@ HRESULT CStoreObject::AddUser(IUserPayload* pPayload)
 {
     if (!pPayload)
         return E_POINTER;
+    HRESULT failure = S_OK;
+    nv::Guarded([&]() -> HRESULT {
+        failure = ReadBehaviours().failAddUser;
+        return S_OK;
+    });
+    if (FAILED(failure))
+        return failure;
     // Ask the payload object for its user before taking the lock: it may be a
     // user object of this store, whose operations take the same lock.
     BSTR raw = nullptr;
@@ -573,7 +583,11 @@ HRESULT CUserObject::QueryInterface(REFIID riid, void** ppv)
     if (!ppv)
         return E_POINTER;
     *ppv = nullptr;
-    if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, __uuidof(IUserSecrets))) {
+    if (IsEqualIID(riid, IID_IUnknown)) {
+        *ppv = static_cast<IUserSecrets*>(this);
+    } else if (IsEqualIID(riid, __uuidof(IUserSecrets))) {
+        if (!Offered(&Behaviours::noUserSecrets))
+            return E_NOINTERFACE;
         *ppv = static_cast<IUserSecrets*>(this);
     } else if (IsEqualIID(riid, __uuidof(IUserTemplates))) {
         if (!Offered(&Behaviours::noUserTemplates))
@@ -795,6 +809,9 @@ HRESULT CUserObject::PutPayload(const CRYPT_DATA_BLOB* pPayload)
     return Locked([&]() -> HRESULT {
         if (!pPayload || !pPayload->cbData || !pPayload->pbData)
             return E_INVALIDARG;
+        const HRESULT failure = ReadBehaviours().failPutPayload;
+        if (FAILED(failure))
+            return failure;
         RequireUser(m_sid);
         WriteBinary(UserKeyPath(m_sid), kPayloadValue, pPayload->pbData, pPayload->cbData);
         return S_OK;
