@@ -204,9 +204,9 @@ TEST_F(RegKeyTest, DetachHandsOverTheHandleWhichTheKeyNoLongerCloses)
 {
     nv::CNVRegKey key;
     ASSERT_EQ(ERROR_SUCCESS, key.Create(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane", KEY_ALL_ACCESS));
-    const HKEY held = key.m_hKey;
+    const HKEY held = key.Get();
     EXPECT_EQ(held, key.Detach());
-    EXPECT_EQ(nullptr, key.m_hKey);
+    EXPECT_EQ(nullptr, key.Get());
     key.Close();
     // Still open after the key let go of it.
     EXPECT_EQ(ERROR_SUCCESS, nv::SetStringValue(held, L"Detached", L"yes"));

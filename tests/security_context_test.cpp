@@ -478,13 +478,13 @@ TEST_F(SecurityContextHostIdTest, FreshHostIdThatDoesNotReadBackFailsWithEFailAn
         EXPECT_EQ(E_FAIL, ctx.FinalConstruct(kView32));
         EXPECT_EQ(2u, faults.QueryValueCalls());
     }
-    EXPECT_EQ(0u, ctx.m_hProv);
+    EXPECT_EQ(0u, ctx.Provider());
     const GUID written = FreshHostId(kView32);
     // The value written stays the machine's identifier: the next construction takes it.
     m_containers.Create(written);
     CFPSecurityContext again;
     ASSERT_EQ(S_OK, again.FinalConstruct(kView32));
-    EXPECT_EQ(Narrow(ContainerName(written)), ContainerOf(again.m_hProv));
+    EXPECT_EQ(Narrow(ContainerName(written)), ContainerOf(again.Provider()));
 }
 
 TEST_F(SecurityContextHostIdTest, ThrowingConstructorRaisesTheFailureAsComError)
