@@ -729,9 +729,9 @@ TEST_F(StrictMissingPartTest, PasswordSecretThatDoesNotUnpackKeepsTheUser)
     EXPECT_EQ(S_OK, ConvertOnce());
 
     ExpectHeldFor(u, oldKey, "password secret not unpacked (0x80090005)", Narrow(u.sidText));
-    // The store got an empty password instead.
-    EXPECT_TRUE(inspect::CheckPassword(u.sidText, L""));
-    EXPECT_FALSE(inspect::CheckPassword(u.sidText, L"pa55-Word"));
+    // Held before anything reached the store: no empty password was enrolled.
+    EXPECT_FALSE(inspect::HasPassword(u.sidText));
+    EXPECT_TRUE(inspect::ListSecrets(u.sidText).empty());
 }
 
 TEST_F(StrictMissingPartTest, MalformedSecretRecordKeepsTheUser)
@@ -761,9 +761,9 @@ TEST_F(StrictMissingPartTest, MalformedSecretRecordKeepsTheUser)
     EXPECT_EQ(S_OK, ConvertOnce());
 
     ExpectHeldFor(u, oldKey, "secret malformed 'Mail Account'", Narrow(u.sidText));
-    inspect::Bytes plain;
-    EXPECT_EQ(S_OK, inspect::OpenStoredSecret(u.sidText, L"Mail Account", &plain));
-    EXPECT_EQ(u.secrets[1].content, plain);
+    // Held before anything reached the store.
+    EXPECT_FALSE(inspect::HasPassword(u.sidText));
+    EXPECT_TRUE(inspect::ListSecrets(u.sidText).empty());
 }
 
 TEST_F(StrictMissingPartTest, FieldListThatBreaksOffKeepsTheUser)

@@ -451,7 +451,11 @@ void WriteVerdictSection(const TraceSummary& summary, const Timeline& timeline, 
         if (!keptEarlier)
             headline = "Converted, in several runs";
     }
-    out << "<section class=\"verdict " << cls << "\" id=\"verdict\">\n<h2>" << headline << "</h2>\n<ul>\n";
+    out << "<section class=\"verdict " << cls << "\" id=\"verdict\">\n<h2>" << headline << "</h2>\n";
+    // The verdict lines exactly as --summary opens with them.
+    std::ostringstream verdicts;
+    WriteVerdicts(ComputeVerdicts(summary), verdicts);
+    out << "<pre class=\"verdict-lines\">" << Escaped(verdicts.str()) << "</pre>\n<ul>\n";
     for (const ConversionFact& c : conversions) {
         out << "<li>process " << c.process << ": Convert ";
         if (c.unfinished)

@@ -73,6 +73,13 @@ TEST(NvtraceHtmlTest, VerdictUsersFailuresFirstAndEveryFailingResult)
         << page;
     EXPECT_NE(std::string::npos, page.find("<li>process 1: Convert failed with 0x80004005 E_FAIL; 2 of 3 users moved</li>"))
         << page;
+    // The verdict lines as --summary opens with them, escaped.
+    EXPECT_NE(std::string::npos,
+              page.find("<h2>Conversion failed</h2>\n<pre class=\"verdict-lines\">verdict: process 1, 2026-11-15 "
+                        "09:30:00.125: 2.0 -&gt; 3.0, default policy, 3 users: 1 moved, 1 moved with gaps, 0 held, 1 "
+                        "failed; the conversion failed: 0x80004005 E_FAIL &quot;Unspecified error&quot; in "
+                        "CBaseConverter::Convert\n"))
+        << page;
     EXPECT_NE(std::string::npos, page.find("<li>users in the end: 3, 2 moved (1 with gaps), 1 kept their old data</li>"))
         << page;
 
@@ -115,7 +122,9 @@ TEST(NvtraceHtmlTest, AUserMovedByALaterRunCountsAsMoved)
         .Add(8, 'U', "Conversion process is over for 'S-1-5-21-9-1001', 0x00000000").Add(8, '<');
     const std::string page = Page(s);
     EXPECT_NE(std::string::npos, page.find("<section class=\"verdict warn\" id=\"verdict\">\n<h2>Converted, after an "
-                                           "earlier run left users behind</h2>\n<ul>\n"
+                                           "earlier run left users behind</h2>\n<pre class=\"verdict-lines\">"))
+        << page;
+    EXPECT_NE(std::string::npos, page.find("</pre>\n<ul>\n"
                                            "<li>process 1: Convert returned without a failing result; 0 of 1 users moved</li>\n"
                                            "<li>process 2: Convert returned without a failing result; 1 of 1 users moved</li>\n"
                                            "<li>users in the end: 1, 1 moved, 0 kept their old data</li>\n"))
