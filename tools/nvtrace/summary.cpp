@@ -11,6 +11,29 @@
 
 namespace nvtrace {
 
+// Days since 1970-01-01 of a civil date.
+std::int64_t DaysFromCivil(int y, unsigned m, unsigned d)
+{
+    y -= m <= 2;
+    const std::int64_t era = (y >= 0 ? y : y - 399) / 400;
+    const unsigned yoe = static_cast<unsigned>(y - era * 400);
+    const unsigned doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
+    const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+    return era * 146097 + static_cast<std::int64_t>(doe) - 719468;
+}
+
+int Digits(const std::string& s, std::size_t at, std::size_t n)
+{
+    int v = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+        if (at + i >= s.size() || s[at + i] < '0' || s[at + i] > '9')
+            return -1;
+        v = v * 10 + (s[at + i] - '0');
+    }
+    return v;
+}
+
+
 namespace {
 
 struct KnownCode {
@@ -129,28 +152,6 @@ bool EmptyValueLine(const std::string& text, std::string& shown)
     const std::string key = text.substr(at + middle.size(), text.size() - tail.size() - at - middle.size());
     shown = key + ": value \"" + name + "\" is empty; the backup cannot copy empty values";
     return true;
-}
-
-// Days since 1970-01-01 of a civil date.
-std::int64_t DaysFromCivil(int y, unsigned m, unsigned d)
-{
-    y -= m <= 2;
-    const std::int64_t era = (y >= 0 ? y : y - 399) / 400;
-    const unsigned yoe = static_cast<unsigned>(y - era * 400);
-    const unsigned doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
-    const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-    return era * 146097 + static_cast<std::int64_t>(doe) - 719468;
-}
-
-int Digits(const std::string& s, std::size_t at, std::size_t n)
-{
-    int v = 0;
-    for (std::size_t i = 0; i < n; ++i) {
-        if (at + i >= s.size() || s[at + i] < '0' || s[at + i] > '9')
-            return -1;
-        v = v * 10 + (s[at + i] - '0');
-    }
-    return v;
 }
 
 // "2026-11-15": the one date form of the summary and the roll-up, whatever form the

@@ -164,6 +164,12 @@ void WriteVerdicts(const std::vector<Verdict>& verdicts, std::ostream& out);
 // "0x80070005 E_ACCESSDENIED "Access is denied"": hex, then name and message when known.
 std::string DescribeResult(std::uint32_t code);
 
+// Date and time text of the records, shared by the summary and the timeline: the
+// number in n decimal digits at `at` (-1 when they are not all digits), and the days
+// since 1970-01-01 of a civil date.
+int Digits(const std::string& s, std::size_t at, std::size_t n);
+std::int64_t DaysFromCivil(int y, unsigned m, unsigned d);
+
 // The summary as text; at most `slowest` scopes are listed.
 void WriteSummary(const TraceSummary& summary, std::ostream& out, std::size_t slowest = 10);
 

@@ -1,4 +1,5 @@
 #include "timeline.h"
+#include "summary.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -8,28 +9,6 @@
 namespace nvtrace {
 
 namespace {
-
-int Digits(const std::string& s, std::size_t at, std::size_t n)
-{
-    int v = 0;
-    for (std::size_t i = 0; i < n; ++i) {
-        if (at + i >= s.size() || s[at + i] < '0' || s[at + i] > '9')
-            return -1;
-        v = v * 10 + (s[at + i] - '0');
-    }
-    return v;
-}
-
-// Days since 1970-01-01 of a civil date.
-std::int64_t DaysFromCivil(int y, unsigned m, unsigned d)
-{
-    y -= m <= 2;
-    const std::int64_t era = (y >= 0 ? y : y - 399) / 400;
-    const unsigned yoe = static_cast<unsigned>(y - era * 400);
-    const unsigned doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
-    const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-    return era * 146097 + static_cast<std::int64_t>(doe) - 719468;
-}
 
 // The file's clock: the last date and time records seen. Readings out of range
 // (a damaged or forged record) are ignored.
