@@ -5,6 +5,8 @@
 // ended without its answer as passed.
 #include <windows.h>
 #include <gtest/gtest.h>
+#include <algorithm>
+#include <iterator>
 #include <set>
 #include <string>
 #include <vector>
@@ -143,4 +145,77 @@ TEST_F(FaultHooksTest, ASweepScoresAChildWithoutItsAnswerAsCrashedAndFails)
     EXPECT_NE(std::string::npos, sweep.out.find("conversion process ended without its answer (exit 0x00000000, "
                                                  "no result)"))
         << sweep.out;
+}
+
+namespace {
+
+// The "  scenario ..." lines of a listing sweep, sorted.
+std::vector<std::string> ListedScenarios(const std::string& out)
+{
+    std::vector<std::string> lines;
+    size_t at = 0;
+    while ((at = out.find("  scenario ", at)) != std::string::npos) {
+        const size_t end = out.find_first_of("\r\n", at);
+        lines.push_back(out.substr(at, end == std::string::npos ? std::string::npos : end - at));
+        at = end == std::string::npos ? out.size() : end;
+    }
+    std::sort(lines.begin(), lines.end());
+    return lines;
+}
+
+ProcessRun Sweep(const std::wstring& args)
+{
+    return RunProcess(QuoteArg(ExeDirectory() + L"nvfaults.exe") + L" sweep " + args);
+}
+
+} // namespace
+
+// CI's two 2.0 sweeps take one share of the call sites each under one seed: between
+// them they list exactly the scenarios of the unshared sweep, none twice.
+TEST_F(FaultHooksTest, TheTwoSiteSharesOfOneSeedListEverySiteScenarioOnce)
+{
+    const std::wstring common = L"--conversion 2.0 --policy default --sites --seed 4242 --list";
+    ProcessRun whole = Sweep(common);
+    ProcessRun first = Sweep(common + L" --site-share 0/2");
+    ProcessRun second = Sweep(common + L" --site-share 1/2");
+    for (const ProcessRun* run : {&whole, &first, &second}) {
+        ASSERT_TRUE(run->started);
+        ASSERT_FALSE(run->timedOut);
+        ASSERT_EQ(0u, run->exitCode) << run->out << run->err;
+    }
+    EXPECT_NE(std::string::npos,
+              first.out.find("the call sites of share 0/2, each in every mode that applies: "))
+        << first.out;
+    EXPECT_NE(std::string::npos, first.out.find("(the same scenarios again: --sites --seed 4242 --site-share 0/2)"))
+        << first.out;
+    const std::vector<std::string> all = ListedScenarios(whole.out);
+    const std::vector<std::string> a = ListedScenarios(first.out);
+    const std::vector<std::string> b = ListedScenarios(second.out);
+    ASSERT_GT(all.size(), 20u) << whole.out;
+    EXPECT_FALSE(a.empty());
+    EXPECT_FALSE(b.empty());
+    std::vector<std::string> both;
+    std::set_intersection(a.begin(), a.end(), b.begin(), b.end(), std::back_inserter(both));
+    EXPECT_TRUE(both.empty()) << both.front();
+    std::vector<std::string> merged;
+    std::merge(a.begin(), a.end(), b.begin(), b.end(), std::back_inserter(merged));
+    EXPECT_EQ(all, merged);
+    // Listing runs nothing: no tally line follows.
+    EXPECT_EQ(std::string::npos, whole.out.find(" scenarios: ")) << whole.out;
+}
+
+TEST_F(FaultHooksTest, ASweepRefusesAShareWithoutSitesAShareOutOfRangeAndAnUnknownOption)
+{
+    for (const wchar_t* args : {L"--conversion 2.0 --site-share 0/2", L"--conversion 2.0 --sites --site-share 2/2",
+                                L"--conversion 2.0 --sites --site-share 0/0", L"--conversion 2.0 --sites --site-share 1",
+                                L"--conversion 2.0 --sites --site-shares 0/2"}) {
+        ProcessRun run = Sweep(args);
+        ASSERT_TRUE(run.started);
+        EXPECT_EQ(2u, run.exitCode) << run.out << run.err;
+        EXPECT_EQ(std::string::npos, run.out.find("a clean run makes")) << run.out;
+    }
+    EXPECT_NE(std::string::npos, Sweep(L"--conversion 2.0 --sites --site-shares 0/2").err.find(
+                                     "nvfaults: unknown option --site-shares"));
+    EXPECT_NE(std::string::npos,
+              Sweep(L"--conversion 2.0 --site-share 0/2").err.find("--site-share I/N (0 <= I < N) goes with --sites"));
 }

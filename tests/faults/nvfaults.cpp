@@ -2,7 +2,7 @@
 //
 //   nvfaults sweep --conversion 1.0|2.0 [--policy default|strict|both]
 //                  [--modes once,from,oom-from,kill] [--first N] [--stride S] [--from N] [--to N]
-//                  [--sites [--seed S]] [--report FILE]
+//                  [--sites [--seed S] [--site-share I/N]] [--list] [--report FILE]
 //                  [--store-errors E_OUTOFMEMORY,RPC_E_DISCONNECTED,E_FAIL] [--store-only]
 //       Writes the database, counts the calls of a clean conversion, then for every
 //       chosen call number and mode runs the conversion in a child process with that
@@ -17,9 +17,12 @@
 //       every call); --from/--to limit the sweep to a range of call numbers, so that a
 //       full sweep can be split. --sites instead runs one scenario per call site (called
 //       function and calling function), the call and mode chosen by the seed (printed;
-//       random when not given). A call at the store boundary is failed (once, from) once
+//       random when not given). --site-share I/N keeps the I-th of N shares of the sites
+//       (which share a site falls in turns with the seed), so that sweeps given the same
+//       seed and the shares 0/N .. N-1/N cover every site between them. A call at the store boundary is failed (once, from) once
 //       with each of the store errors (with --sites: one of them, turning with the seed);
-//       --store-only sweeps only those calls.
+//       --store-only sweeps only those calls. --list prints the scenarios a sweep would
+//       run (mode, call number, function and caller, store error) and runs none.
 //       Exit 0 when every scenario passed (or passed by design); 1 when any lost data,
 //       left the conversion unfinished, crashed, hung, missed its kill point or could not
 //       reset the world; 2 on a usage error; 3 on a set-up error.
@@ -794,9 +797,14 @@ bool Applies(Mode mode, const CallRecord& r)
 // calling it), one per mode that applies to its kind of call: which of the site's
 // calls each mode takes turns with the seed, so that runs with different seeds cover
 // different calls and a failing seed can be run again.
+struct SiteShare {
+    std::uint64_t index = 0;
+    std::uint64_t count = 1;
+};
+
 std::vector<std::pair<Mode, std::uint64_t>> SampleSites(const std::vector<CallRecord>& calls,
                                                         const SymbolTable& symbols, const std::vector<Mode>& modes,
-                                                        std::uint64_t seed)
+                                                        std::uint64_t seed, SiteShare share)
 {
     std::vector<std::string> order;
     std::map<std::string, std::vector<std::uint64_t>> sites;
@@ -810,6 +818,8 @@ std::vector<std::pair<Mode, std::uint64_t>> SampleSites(const std::vector<CallRe
     std::vector<std::pair<Mode, std::uint64_t>> out;
     for (size_t m = 0; m < modes.size(); ++m)
         for (size_t i = 0; i < order.size(); ++i) {
+            if ((seed + i) % share.count != share.index)
+                continue;
             const std::vector<std::uint64_t>& numbers = sites[order[i]];
             const std::uint64_t n = numbers[(seed + i * 7919 + m * 104729) % numbers.size()];
             if (Applies(modes[m], calls[n - 1]))
@@ -840,6 +850,14 @@ void Progress(size_t done, size_t total, Mode mode, std::uint64_t n,
 
 int SweepCommand(const std::map<std::string, std::string>& o)
 {
+    static const char* const kKnown[] = {"conversion", "policy", "modes", "first", "stride", "from", "to",
+                                         "sites", "seed", "site-share", "list", "report", "store-errors",
+                                         "store-only"};
+    for (const auto& [key, value] : o)
+        if (std::find(std::begin(kKnown), std::end(kKnown), key) == std::end(kKnown)) {
+            std::fprintf(stderr, "nvfaults: unknown option --%s\n", key.c_str());
+            return kExitUsage;
+        }
     Conversion conversion;
     if (!o.count("conversion") || !ParseConversion(o.at("conversion"), &conversion)) {
         std::fprintf(stderr, "nvfaults: --conversion 1.0|2.0 is required\n");
@@ -876,7 +894,19 @@ int SweepCommand(const std::map<std::string, std::string>& o)
     const std::uint64_t rangeFrom = o.count("from") ? std::stoull(o.at("from")) : 1;
     const std::uint64_t rangeTo = o.count("to") ? std::stoull(o.at("to")) : UINT64_MAX;
     const bool sampleSites = o.count("sites") != 0;
+    SiteShare share;
+    if (o.count("site-share")) {
+        unsigned long long index = 0, count = 0;
+        char end = 0;
+        if (!sampleSites || std::sscanf(o.at("site-share").c_str(), "%llu/%llu%c", &index, &count, &end) != 2 ||
+            count == 0 || index >= count) {
+            std::fprintf(stderr, "nvfaults: --site-share I/N (0 <= I < N) goes with --sites\n");
+            return kExitUsage;
+        }
+        share = {index, count};
+    }
     const bool storeOnly = o.count("store-only") != 0;
+    const bool listOnly = o.count("list") != 0;
     std::vector<std::string> storeErrors;
     {
         std::istringstream list(o.count("store-errors") ? o.at("store-errors")
@@ -1002,11 +1032,22 @@ int SweepCommand(const std::map<std::string, std::string>& o)
                     planned.push_back({mode, n, e});
         };
         if (sampleSites) {
-            for (const auto& [mode, n] : SampleSites(clean.records, sweep.symbols, modes, seed))
+            for (const auto& [mode, n] : SampleSites(clean.records, sweep.symbols, modes, seed, share))
                 plan(mode, n, true);
-            std::printf("  every call site in every mode that applies: %zu scenarios, seed %llu (the same "
-                        "scenarios again: --sites --seed %llu)\n",
-                        planned.size(), static_cast<unsigned long long>(seed), static_cast<unsigned long long>(seed));
+            if (share.count == 1)
+                std::printf("  every call site in every mode that applies: %zu scenarios, seed %llu (the same "
+                            "scenarios again: --sites --seed %llu)\n",
+                            planned.size(), static_cast<unsigned long long>(seed),
+                            static_cast<unsigned long long>(seed));
+            else
+                std::printf("  the call sites of share %llu/%llu, each in every mode that applies: %zu "
+                            "scenarios, seed %llu (the same scenarios again: --sites --seed %llu --site-share "
+                            "%llu/%llu)\n",
+                            static_cast<unsigned long long>(share.index),
+                            static_cast<unsigned long long>(share.count), planned.size(),
+                            static_cast<unsigned long long>(seed), static_cast<unsigned long long>(seed),
+                            static_cast<unsigned long long>(share.index),
+                            static_cast<unsigned long long>(share.count));
         } else {
             const std::vector<std::uint64_t> numbers = CallNumbers(clean.calls, first, stride);
             for (Mode mode : modes)
@@ -1014,6 +1055,17 @@ int SweepCommand(const std::map<std::string, std::string>& o)
                     if (n >= rangeFrom && n <= rangeTo && n <= clean.records.size() &&
                         Applies(mode, clean.records[n - 1]))
                         plan(mode, n, false);
+        }
+        if (listOnly) {
+            for (const Planned& p : planned) {
+                const CallRecord& r = clean.records[p.n - 1];
+                std::printf("  scenario %s %llu %s @ %s%s%s\n", ModeName(p.mode), static_cast<unsigned long long>(p.n),
+                            r.function.c_str(),
+                            r.frames.empty() ? "?" : sweep.symbols.FunctionAt(r.frames[0]).c_str(),
+                            p.storeError.empty() ? "" : " ", p.storeError.c_str());
+            }
+            std::fflush(stdout);
+            continue;
         }
         std::fflush(stdout);
         const auto sweepStarted = std::chrono::steady_clock::now();
@@ -1085,7 +1137,8 @@ void Usage()
     std::fprintf(stderr,
                  "usage: nvfaults sweep --conversion 1.0|2.0 [--policy default|strict|both]\n"
                  "                      [--modes once,from,oom-from,kill] [--first N] [--stride S] [--from N]\n"
-                 "                      [--to N] [--sites [--seed S]] [--report FILE]\n"
+                 "                      [--to N] [--sites [--seed S] [--site-share I/N]] [--list]\n"
+                 "                      [--report FILE]\n"
                  "                      [--store-errors E_OUTOFMEMORY,RPC_E_DISCONNECTED,E_FAIL] [--store-only]\n"
                  "       nvfaults child --mode count|once|from|oom-from|kill --n N [--store-error E] --out FILE\n"
                  "       nvfaults recover --conversion 1.0|2.0 --out FILE\n"
