@@ -19,7 +19,7 @@
 #include "nvdbconv/cli.h"
 #include "nvdbconv/json.h"
 #include "nvdbconv/progress.h"
-#include "nvdbconv/results.h"
+#include "nvdbconv/result_codes.h"
 #include "nvdbconv/tracewatch.h"
 #include "nvstore_inspect.h"
 #include "nvtracelib.h"

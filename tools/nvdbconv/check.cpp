@@ -5,8 +5,8 @@
 #include "upgrade.h"
 
 #include "legacyread.h"
-#include "outcome.h"
-#include "results.h"
+#include "move_outcome.h"
+#include "result_codes.h"
 
 namespace nvdbconv {
 

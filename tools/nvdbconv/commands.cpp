@@ -16,10 +16,10 @@
 #include "library_host.h"
 #include "nv_version.h"
 #include "policy.h"
-#include "outcome.h"
+#include "move_outcome.h"
 #include "upgrade.h"
 #include "progress.h"
-#include "results.h"
+#include "result_codes.h"
 #include "storesummary.h"
 
 namespace nvdbconv {

@@ -7,9 +7,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "outcome.h"
+#include "move_outcome.h"
 #include "policy.h"
-#include "results.h"
+#include "result_codes.h"
 #include "tracewatch.h"
 
 namespace nvdbconv {

@@ -1,4 +1,4 @@
-#include "results.h"
+#include "result_codes.h"
 
 #include <cstdio>
 
