@@ -15,6 +15,8 @@
 #include <utility>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "nv_version.h"
 #include "nvdbconv/cli.h"
 #include "nvdbconv/json.h"

@@ -2,6 +2,8 @@
 
 #include <map>
 
+#include <nlohmann/json.hpp>
+
 #include "legacyread.h"
 #include "nvtracelib.h"
 #include "result_codes.h"

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include <nlohmann/json.hpp>
+
 #include "common/handles.h"
 #include "frame/conversionlock.h"
 

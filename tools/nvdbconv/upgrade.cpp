@@ -2,10 +2,12 @@
 // each in a fresh child process (nvdbconv convert --json), as an installer that
 // chains 1.0 -> 2.0 -> 3.0 must: the library picks its converter when it is loaded,
 // so every step needs a process of its own.
-#include "upgrade.h"
+#include "command_support.h"
 
 #include <cstdlib>
 #include <cstring>
+
+#include <nlohmann/json.hpp>
 
 #include "move_outcome.h"
 #include "policy.h"
