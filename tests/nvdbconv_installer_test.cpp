@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "converter3/nvstore_api.h"
-#include "nvdbconv/results.h"
+#include "nvdbconv/result_codes.h"
 #include "support/dll_loader.h"
 #include "support/json_reader.h"
 #include "support/key_containers.h"

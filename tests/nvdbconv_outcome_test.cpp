@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "converter3/nvstore_api.h"
-#include "nvdbconv/results.h"
+#include "nvdbconv/result_codes.h"
 #include "nvstore_inspect.h"
 #include "nvtracelib.h"
 #include "summary.h"

@@ -15,11 +15,13 @@
 #include <utility>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "nv_version.h"
 #include "nvdbconv/cli.h"
 #include "nvdbconv/json.h"
 #include "nvdbconv/progress.h"
-#include "nvdbconv/results.h"
+#include "nvdbconv/result_codes.h"
 #include "nvdbconv/tracewatch.h"
 #include "nvstore_inspect.h"
 #include "nvtracelib.h"

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "nvdbconv/results.h"
+#include "nvdbconv/result_codes.h"
 #include "nvstore_inspect.h"
 #include "nvtracelib.h"
 #include "support/dll_loader.h"

@@ -2,11 +2,13 @@
 // identifier and the machine key container, and every user's record and secrets the
 // way the 2.0 -> 3.0 conversion reads them (with read-only pieces: the library's
 // own reader would stamp "Version" = "2.1"), and says which users would not convert.
-#include "upgrade.h"
+#include "command_support.h"
+
+#include <nlohmann/json.hpp>
 
 #include "legacyread.h"
-#include "outcome.h"
-#include "results.h"
+#include "move_outcome.h"
+#include "result_codes.h"
 
 namespace nvdbconv {
 

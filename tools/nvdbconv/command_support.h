@@ -1,69 +1,33 @@
-// What the commands share: the printer that sends output to text, JSON or nowhere,
-// the database state in words and in JSON, and the library's load and version
+// What the commands share: the database state, the trace settings, the storage
+// server and the policy in words and in JSON, and the library's load and version
 // question with which most commands begin.
 #pragma once
 #include <windows.h>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "cli.h"
 #include "commands.h"
+#include "console.h"
 #include "dbstate.h"
+#include "format.h"
 #include "json.h"
 #include "library_host.h"
+#include "policy.h"
 
 namespace nvdbconv {
 
-std::string Fmt(const char* format, ...);
-std::string U8(const std::wstring& text);
-// "1 user", "0 users", "3 users": the noun in the singular for one only.
-std::string Counted(unsigned long long n, const char* noun);
-// The plural of the noun unless n is one ("of 1 user", "of 3 users").
-std::string Noun(unsigned long long n, const char* noun);
-
-// Where the command's output goes: text lines, or one JSON document, or nothing.
-class Printer {
-public:
-    explicit Printer(const Options& options) : m_options(options) {}
-
-    bool text() const { return !m_options.json && !m_options.quiet; }
-    void Line(const std::string& line) const
-    {
-        if (text())
-            WriteOut(line + "\n");
-    }
-    void Row(const char* label, const std::string& value) const { Line(Fmt("  %-15s %s", label, value.c_str())); }
-    // A failure or refusal: on standard error in text and quiet mode (JSON carries it).
-    void Problem(const std::string& text) const
-    {
-        if (!m_options.json)
-            WriteErr("nvdbconv: " + text + "\n");
-    }
-    // Something to know that changes no result: on standard error in every mode.
-    void Warning(const std::string& text) const { WriteErr("nvdbconv: warning: " + text + "\n"); }
-    void Finish()
-    {
-        if (m_options.json && !m_options.quiet)
-            WriteOut(JsonText(json) + "\n");
-    }
-
-    // The command's document; Header starts it, Finish prints it.
-    Json json = Json::object();
-
-private:
-    const Options& m_options;
-};
-
-// "2.0"
-std::string VersionText(DWORD version);
-// "2.0 (0x00020000)", or "none (0x00000000)"
-std::string VersionWithCode(DWORD version);
-
+// Where the database key is: "HKLM\SOFTWARE\Norvane\DB, 32-bit view", ...
+std::string DatabasePlace(const DatabaseState& s);
 // The format the registry shows: "none", "1.0", "2.0", "3.0" or "unknown".
 std::string LayoutOf(const DatabaseState& s);
 // One line on what the database is and what convert would do with it.
 std::string Verdict(const DatabaseState& s);
 std::string UserKeysText(const DatabaseState& s);
 std::string BackupText(const DatabaseState& s);
+// Whether each backup key exists, in the view the library uses for it.
+std::string BackupKeysText(const DatabaseState& s);
 Json DatabaseJson(const DatabaseState& s);
 // What convert and upgrade say of a database whose layout is already 3.0.
 std::string AlreadyConvertedText();
@@ -71,8 +35,29 @@ std::string AlreadyConvertedText();
 std::string EmptyValueText(const EmptyValue& v);
 // {"key","value"}, or null when there is no empty value.
 Json EmptyValueJson(const std::optional<EmptyValue>& v);
+
+// What a foreign "Backup" means and what to do about it; empty when it is not.
+std::string ForeignBackupAdvice(const DatabaseState& s);
+// rollback and cleanup stop on a foreign "Backup" whatever the options say: says so
+// (problem line, JSON "refused"/"reason") and returns true.
+bool RefuseForeignBackup(Printer& out, const DatabaseState& s, const char* operation);
+
+// "registered: <path>" or "not registered".
+std::string StoreServerText(const StoreServerState& s);
 // {"registered","path"}: the storage server's registration (path null when none).
 Json StoreServerJson(const StoreServerState& s);
+
+// The trace settings in words, as rows (with the file they send the trace to), and in JSON.
+std::string TraceText(const TraceSettings& t);
+void ShowTrace(Printer& out, const TraceSettings& t, const std::wstring& dllPath);
+Json TraceJson(const TraceSettings& t, const std::wstring& dllPath);
+// Warns when the settings start the trace file anew in every process.
+void WarnIfTraceTruncates(const Printer& out, const TraceSettings& t, const std::wstring& dllPath);
+
+// The conversion policy and the users the strict policy keeps. The policy command
+// shows all of it; status (brief) shows the policy only when it is not the default,
+// and the held users when there are any.
+void ShowPolicy(Printer& out, const PolicyState& policy, const std::vector<HeldUser>& held, bool brief);
 
 // Loads the library and asks GetDBVersion, printing both results. When the load
 // failed the command cannot go on.
@@ -86,9 +71,18 @@ Loaded LoadAndAsk(CLibraryHost& host, Printer& out);
 // After a load: warns when the library refused the trace file asked for.
 void WarnIfTraceRefused(const Printer& out, const CLibraryHost& host);
 
-// The first line of a command's output and the JSON document's opening; Finish
-// closes the document with the exit code, prints it and returns the code.
-void Header(Printer& out, const char* command);
-int Finish(Printer& out, int exitCode);
+// How rollback and cleanup begin: the database before, the library loaded and asked,
+// the "Backup" value shown, and a foreign one refused. stop holds the exit code
+// (already printed by Finish) when the command ends there.
+struct BackupStep {
+    DatabaseState before;
+    Loaded loaded;
+    std::optional<int> stop;
+};
+BackupStep OpenBackupStep(Printer& out, CLibraryHost& host, const char* operation);
+// The library's answer to call ("Rollback", "Cleanup") as a row and as json[member].
+HRESULT ReportCall(Printer& out, const char* call, const char* member, HRESULT hr);
+// The end of such a command: a problem line when the call failed, and the exit code.
+int FinishCall(Printer& out, const char* call, HRESULT hr);
 
 } // namespace nvdbconv

@@ -1,9 +1,11 @@
-// The commands of nvdbconv. Run() executes the parsed command line and returns the
-// process exit code; everything it prints goes through the console writer below.
+// The commands of nvdbconv, one file each (status.cpp, convert.cpp, ...). Run()
+// executes the parsed command line and returns the process exit code; everything the
+// commands print goes through the console writer (console.h).
 #pragma once
 #include <string>
 
 #include "cli.h"
+#include "console.h"
 
 namespace nvdbconv {
 
@@ -14,11 +16,21 @@ constexpr int kExitRefused = 3;
 
 int Run(const Options& options);
 
-// Whether standard output is a terminal (a console, or a character device).
-bool StdoutIsTerminal();
+class CLibraryHost;
 
-// UTF-8 bytes to standard output or error, written as they stand and flushed.
-void WriteOut(const std::string& utf8);
-void WriteErr(const std::string& utf8);
+int Status(Printer& out, CLibraryHost& host);
+int Convert(const Options& options, Printer& out, CLibraryHost& host);
+int Rollback(const Options& options, Printer& out, CLibraryHost& host);
+int Cleanup(Printer& out, CLibraryHost& host);
+// register and unregister: DllRegisterServer or DllUnregisterServer.
+int Registration(bool doRegister, Printer& out, CLibraryHost& host);
+int Trace(const Options& options, Printer& out, const std::wstring& dllPath);
+int Version(Printer& out, CLibraryHost& host);
+int Store(Printer& out);
+int Policy(const Options& options, Printer& out);
+// One Convert per child process until the newest format is reached or a step fails.
+int Upgrade(const Options& options, Printer& out, const std::wstring& dllPath);
+// A preflight that writes nothing: would every user convert?
+int Check(Printer& out);
 
 } // namespace nvdbconv

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include <nlohmann/json.hpp>
+
 namespace nvdbconv {
 
 std::string ToUtf8(const std::wstring& text)

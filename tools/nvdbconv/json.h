@@ -1,13 +1,15 @@
 // The host's machine-readable output: one JSON document per run, built with the
 // JSON library's ordered object (members come out in the order they were set) and
 // printed compact. Text from the system comes in as UTF-16 and goes into the
-// document as UTF-8 (ToUtf8); what cannot be told is null (OrNull).
+// document as UTF-8 (ToUtf8); what cannot be told is null (OrNull). Many units
+// include this header, so it names the JSON type only: a unit that builds or reads
+// a document includes <nlohmann/json.hpp> itself.
 #pragma once
 #include <windows.h>
 #include <optional>
 #include <string>
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 namespace nvdbconv {
 

@@ -2,14 +2,16 @@
 // each in a fresh child process (nvdbconv convert --json), as an installer that
 // chains 1.0 -> 2.0 -> 3.0 must: the library picks its converter when it is loaded,
 // so every step needs a process of its own.
-#include "upgrade.h"
+#include "command_support.h"
 
 #include <cstdlib>
 #include <cstring>
 
-#include "outcome.h"
+#include <nlohmann/json.hpp>
+
+#include "move_outcome.h"
 #include "policy.h"
-#include "results.h"
+#include "result_codes.h"
 #include "tracewatch.h"
 
 namespace nvdbconv {

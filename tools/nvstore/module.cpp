@@ -8,7 +8,9 @@
 #include "common/hresult.h"
 #include "storecounters.h"
 #include "storelayout.h"
-#include "storeobjects.h"
+#include "objectsupport.h"
+#include "qitable.h"
+#include "storeobject.h"
 
 namespace {
 
@@ -18,15 +20,11 @@ class CStoreClassFactory final : public IClassFactory {
 public:
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override
     {
-        if (!ppv)
-            return E_POINTER;
-        if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IClassFactory)) {
-            *ppv = static_cast<IClassFactory*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *ppv = nullptr;
-        return E_NOINTERFACE;
+        static const nvstore::QiEntry kInterfaces[] = {
+            {&__uuidof(IClassFactory), nvstore::OffsetOfInterface<IClassFactory, CStoreClassFactory>(), nullptr},
+            {nullptr, 0, nullptr},
+        };
+        return nvstore::QueryFromTable(this, kInterfaces, riid, ppv);
     }
     // The factory is static: its references only keep the module loaded.
     ULONG STDMETHODCALLTYPE AddRef() override { return static_cast<ULONG>(++nvstore::g_moduleCount); }

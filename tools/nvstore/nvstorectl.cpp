@@ -72,17 +72,18 @@ Bytes Hex(const wchar_t* text)
 }
 
 template <class I>
-nv::com_ptr<I> Create(const IID& iid)
+nv::com_ptr<I> Create()
 {
     nv::com_ptr<I> p;
-    Check(::CoCreateInstance(nvstore::kClsidUserStore, nullptr, nvstore::kStoreClassContext, iid, p.put_void()));
+    Check(::CoCreateInstance(nvstore::kClsidUserStore, nullptr, nvstore::kStoreClassContext, __uuidof(I),
+                             p.put_void()));
     return p;
 }
 
 template <class I>
 nv::com_ptr<I> OpenAs(const wchar_t* sid)
 {
-    nv::com_ptr<IUserStore> store = Create<IUserStore>(nvstore::kIidUserStore);
+    nv::com_ptr<IUserStore> store = Create<IUserStore>();
     nv::com_ptr<IUnknown> user;
     Check(store->OpenUser(sid, nvstore::kUserIdKindSid, user.put()));
     nv::com_ptr<I> out;
@@ -92,7 +93,7 @@ nv::com_ptr<I> OpenAs(const wchar_t* sid)
 
 nv::com_ptr<IAuthService> AuthService()
 {
-    nv::com_ptr<IStoreService> service = Create<IStoreService>(nvstore::kIidStoreService);
+    nv::com_ptr<IStoreService> service = Create<IStoreService>();
     nv::com_ptr<IAuthService> auth;
     Check(service.query(auth));
     return auth;
@@ -157,7 +158,7 @@ Bytes PasswordAuthInfo()
 
 int Show(const wchar_t* sid)
 {
-    nv::com_ptr<IUserStore> store = Create<IUserStore>(nvstore::kIidUserStore);
+    nv::com_ptr<IUserStore> store = Create<IUserStore>();
     HRESULT hr = store->UserExists(sid, nvstore::kUserIdKindSid);
     Check(hr);
     if (hr == S_FALSE) {
@@ -211,7 +212,7 @@ int Show(const wchar_t* sid)
         Print(SUCCEEDED(hr) ? L"publickey " + std::to_wstring(Take(blob).size()) : std::wstring(L"publickey none"));
     }
 
-    nv::com_ptr<IUserRegistry> registry = Create<IUserRegistry>(nvstore::kIidUserRegistry);
+    nv::com_ptr<IUserRegistry> registry = Create<IUserRegistry>();
     hr = registry->CheckUser(sid, nvstore::kUserIdKindSid);
     Check(hr);
     Print(hr == S_OK ? L"registered yes" : L"registered no");
@@ -222,7 +223,7 @@ int Run(int argc, wchar_t** argv)
 {
     const std::wstring cmd = argc > 1 ? argv[1] : L"";
     if (cmd == L"list" && argc == 2) {
-        nv::com_ptr<IUserStore> store = Create<IUserStore>(nvstore::kIidUserStore);
+        nv::com_ptr<IUserStore> store = Create<IUserStore>();
         std::vector<std::wstring> users;
         for (DWORD i = 0;; ++i) {
             BSTR raw = nullptr;
@@ -292,11 +293,11 @@ int Run(int argc, wchar_t** argv)
     }
     if (cmd == L"register" && argc == 3) {
         nv::com_ptr<IUserPayload> payload = OpenAs<IUserPayload>(argv[2]);
-        Check(Create<IUserRegistry>(nvstore::kIidUserRegistry)->AddUser(payload.get()));
+        Check(Create<IUserRegistry>()->AddUser(payload.get()));
         return 0;
     }
     if (cmd == L"delete" && argc == 3) {
-        Check(Create<IUserStore>(nvstore::kIidUserStore)->DeleteUser(argv[2], nvstore::kUserIdKindSid));
+        Check(Create<IUserStore>()->DeleteUser(argv[2], nvstore::kUserIdKindSid));
         return 0;
     }
     std::fputs("usage: nvstorectl list | show <sid> | put-secret <sid> <name> <hex> | put-template <sid> <pos> <hex>\n"

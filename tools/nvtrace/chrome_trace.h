@@ -6,7 +6,7 @@
 #pragma once
 #include <iosfwd>
 
-#include "nvtracelib.h"
+#include "decoder.h"
 #include "timeline.h"
 
 namespace nvtrace {

@@ -8,7 +8,7 @@
 #include <iosfwd>
 #include <string>
 
-#include "nvtracelib.h"
+#include "decoder.h"
 #include "summary.h"
 #include "timeline.h"
 

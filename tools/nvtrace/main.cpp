@@ -1,9 +1,9 @@
-// nvtrace: decodes a trace file sent in by a user. See nvtracelib.h for the options.
+// nvtrace: decodes a trace file sent in by a user. See trace_cli.h for the options.
 #include <iostream>
 #include <string>
 #include <vector>
 
-#include "nvtracelib.h"
+#include "trace_cli.h"
 #ifdef _WIN32
 #include "common/systemlibrary.h"
 #endif

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "nvtracelib.h"
+#include "decoder.h"
 #include "summary.h"
 
 namespace nvtrace {

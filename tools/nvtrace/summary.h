@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "nvtracelib.h"
+#include "decoder.h"
 
 namespace nvtrace {
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "nvtracelib.h"
+#include "decoder.h"
 
 namespace nvtrace {
 

@@ -4,7 +4,7 @@
 #include <iosfwd>
 #include <string>
 
-#include "nvtracelib.h"
+#include "decoder.h"
 
 namespace nvtrace {
 

@@ -23,20 +23,14 @@ namespace {
 // conversion's own result is the failure.
 SampleTrace ThreeUsers()
 {
+    const std::string second = "S-1-5-21-1-2-3-1002", third = "S-1-5-21-1-2-3-1003";
     SampleTrace s;
-    s.Add(7, 't', "11/15/26").Add(7, 'T', "09:30:00.125").Add(7, '>', "CBaseConverter::Convert")
-        .Add(7, '>', "CConverter3::do_Convert")
-        .Add(7, 'U', "Conversion process began for 'S-1-5-21-1-2-3-1001'")
-        .Add(7, 'U', "DeleteKey('S-1-5-21-1-2-3-1001'), 0x00000000")
-        .Add(7, 'U', "Conversion process is over for 'S-1-5-21-1-2-3-1001', 0x00000000")
-        .Add(7, 'U', "Conversion process began for 'S-1-5-21-1-2-3-1002'")
-        .Add(7, '>', "CConverter3::ConvertUser").Add(7, 'E', "-2147467261 ").Add(7, '<')
-        .Add(7, 'U', "Conversion process is over for 'S-1-5-21-1-2-3-1002', 0x80004003")
-        .Add(7, 'U', "Conversion process began for 'S-1-5-21-1-2-3-1003'")
-        .Add(7, 'U', "Incomplete user 'S-1-5-21-1-2-3-1003' moved with gaps: secret not stored 'LogonInfo' (0x80004005)")
-        .Add(7, 'U', "DeleteKey('S-1-5-21-1-2-3-1003'), 0x00000000")
-        .Add(7, 'U', "Conversion process is over for 'S-1-5-21-1-2-3-1003', 0x00000000")
-        .Add(7, 'T', "09:30:01.125").Add(7, '<').Add(7, 'E', "-2147467259 ").Add(7, '<');
+    s.ConversionStarts(7).UserMoved(7, "S-1-5-21-1-2-3-1001");
+    s.UserBegins(7, second).Add(7, '>', "CConverter3::ConvertUser").Add(7, 'E', "-2147467261 ").Add(7, '<');
+    s.UserEnds(7, second, "0x80004003").UserBegins(7, third);
+    s.Add(7, 'U', "Incomplete user '" + third + "' moved with gaps: secret not stored 'LogonInfo' (0x80004005)");
+    s.OldKeyDeleted(7, third).UserEnds(7, third, "0x00000000");
+    s.Add(7, 'T', "09:30:01.125").Add(7, '<').Add(7, 'E', "-2147467259 ").Add(7, '<');
     return s;
 }
 

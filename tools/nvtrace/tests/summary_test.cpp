@@ -17,22 +17,13 @@ namespace {
 // of whom fails to open in the store; the second fails its backup.
 SampleTrace TwoProcesses()
 {
+    const std::string first = "S-1-5-21-1-2-3-1001", second = "S-1-5-21-1-2-3-1002";
     SampleTrace s;
-    s.Add(7, 't', "11/15/26").Add(7, 'T', "09:30:00.125").Add(7, '>', "CBaseConverter::Convert")
-        .Add(7, '>', "CConverter3::do_Convert")
-        .Add(7, 'U', "Conversion process began for 'S-1-5-21-1-2-3-1001'")
-        .Add(7, 'T', "09:30:00.250").Add(7, 'U', "DeleteKey('S-1-5-21-1-2-3-1001'), 0x00000000")
-        .Add(7, 'U', "Conversion process is over for 'S-1-5-21-1-2-3-1001', 0x00000000")
-        .Add(7, 'U', "Conversion process began for 'S-1-5-21-1-2-3-1002'")
-        .Add(7, 'E', "-2147467261 ")
-        .Add(7, 'U', "Conversion process is over for 'S-1-5-21-1-2-3-1002', 0x80004003")
-        .Add(7, 'T', "09:30:01.125").Add(7, '<').Add(7, '<')
-        .Add(9, 'U', "a second thread");
-    s.Add(0, 'N', "11-15-2026").Add(12, 'T', "10:00:00.000").Add(12, '>', "CBaseConverter::Convert")
-        .Add(12, '>', "CBaseConverter::Backup").Add(12, '>', "CBaseConverter::CopyKey")
-        .Add(12, 'E', "-2147024888 ").Add(12, '<').Add(12, 'E', "-2147024888 ").Add(12, '<')
-        .Add(12, 'E', "-2147024888 ").Add(12, 'T', "10:00:00.040").Add(12, '<');
-    return s;
+    s.ConversionStarts(7).UserBegins(7, first).Add(7, 'T', "09:30:00.250").OldKeyDeleted(7, first);
+    s.UserEnds(7, first, "0x00000000").UserBegins(7, second).Add(7, 'E', "-2147467261 ");
+    s.UserEnds(7, second, "0x80004003").Add(7, 'T', "09:30:01.125").Add(7, '<').Add(7, '<');
+    s.Add(9, 'U', "a second thread");
+    return s.NextProcessFailsItsBackup(12);
 }
 
 std::string SummaryText(const SampleTrace& sample)
@@ -153,18 +144,12 @@ TEST(NvtraceSummaryTest, TextOpensWithTheVerdictNamesCodesAndTellsEachUsersOutco
 TEST(NvtraceSummaryTest, UsersMovedWithGapsAndHeldUsersAreNamedWithWhatIsMissing)
 {
     SampleTrace s;
-    s.Add(4, '>', "CConverter3::do_Convert")
-        .Add(4, 'U', "Conversion process began for 'S-1-5-21-9-1001'")
-        .Add(4, 'U', "Incomplete user 'S-1-5-21-9-1001' moved with gaps: secret not stored 'LogonInfo' (0x80004005)")
-        .Add(4, 'U', "DeleteKey('S-1-5-21-9-1001'), 0x00000000")
-        .Add(4, 'U', "Conversion process is over for 'S-1-5-21-9-1001', 0x00000000")
-        .Add(4, 'U', "Conversion process began for 'S-1-5-21-9-1002'")
-        .Add(4, 'U', "Incomplete user 'S-1-5-21-9-1002' keeps its old key: template malformed at position 1")
-        .Add(4, 'U', "Conversion process is over for 'S-1-5-21-9-1002', 0x80040201")
-        .Add(4, 'U', "Conversion process began for 'S-1-5-21-9-1003'")
-        .Add(4, 'U', "DeleteKey('S-1-5-21-9-1003'), 0x00000000")
-        .Add(4, 'U', "Conversion process is over for 'S-1-5-21-9-1003', 0x00000000")
-        .Add(4, '<');
+    s.Add(4, '>', "CConverter3::do_Convert").UserBegins(4, "S-1-5-21-9-1001");
+    s.Add(4, 'U', "Incomplete user 'S-1-5-21-9-1001' moved with gaps: secret not stored 'LogonInfo' (0x80004005)");
+    s.OldKeyDeleted(4, "S-1-5-21-9-1001").UserEnds(4, "S-1-5-21-9-1001", "0x00000000");
+    s.UserBegins(4, "S-1-5-21-9-1002");
+    s.Add(4, 'U', "Incomplete user 'S-1-5-21-9-1002' keeps its old key: template malformed at position 1");
+    s.UserEnds(4, "S-1-5-21-9-1002", "0x80040201").UserMoved(4, "S-1-5-21-9-1003").Add(4, '<');
     const nvtrace::TraceSummary summary = nvtrace::Summarize(nvtrace::Decode(s.bytes()));
     ASSERT_EQ(3u, summary.users.size());
     EXPECT_TRUE(summary.users[0].movedWithGaps());
@@ -200,18 +185,13 @@ TEST(NvtraceVerdictTest, StrictPolicyHeldAndFailedUsersWithTheirCodes)
     SampleTrace s;
     s.Add(4, 't', "11/25/26").Add(4, 'T', "08:00:00.000");
     LoadOnly(s, 4, "2.0");
-    s.Add(4, '>', "CBaseConverter::Convert").Add(4, '>', "CConverter3::do_Convert")
-        .Add(4, 'U', "Conversion policy: strict")
-        .Add(4, 'U', "Conversion process began for 'S-1-5-21-7-1001'")
-        .Add(4, 'U', "Incomplete user 'S-1-5-21-7-1001' keeps its old key: secret not stored 'SystemLogonInfo' "
-                     "(0x80090005)")
-        .Add(4, 'U', "Conversion process is over for 'S-1-5-21-7-1001', 0x80040201")
-        .Add(4, 'U', "Conversion process began for 'S-1-5-21-7-1002'")
-        .Add(4, 'U', "Conversion process is over for 'S-1-5-21-7-1002', 0x80070005")
-        .Add(4, 'U', "Conversion process began for 'S-1-5-21-7-1003'")
-        .Add(4, 'U', "DeleteKey('S-1-5-21-7-1003'), 0x00000000")
-        .Add(4, 'U', "Conversion process is over for 'S-1-5-21-7-1003', 0x00000000")
-        .Add(4, '<').Add(4, '<');
+    s.Add(4, '>', "CBaseConverter::Convert").Add(4, '>', "CConverter3::do_Convert");
+    s.Add(4, 'U', "Conversion policy: strict").UserBegins(4, "S-1-5-21-7-1001");
+    s.Add(4, 'U', "Incomplete user 'S-1-5-21-7-1001' keeps its old key: secret not stored 'SystemLogonInfo' "
+                  "(0x80090005)");
+    s.UserEnds(4, "S-1-5-21-7-1001", "0x80040201");
+    s.UserBegins(4, "S-1-5-21-7-1002").UserEnds(4, "S-1-5-21-7-1002", "0x80070005");
+    s.UserMoved(4, "S-1-5-21-7-1003").Add(4, '<').Add(4, '<');
     const std::string text = SummaryText(s);
     EXPECT_EQ(0u, text.find(
                       "verdict: process 1, 2026-11-25 08:00:00.000: 2.0 -> 3.0, strict policy, 3 users: 1 moved, 0 moved "
@@ -250,15 +230,9 @@ TEST(NvtraceVerdictTest, StrictPolicyHeldAndFailedUsersWithTheirCodes)
 TEST(NvtraceVerdictTest, StatusCarriedForwardIsExplainedNotCountedAsAFailure)
 {
     SampleTrace s;
-    s.Add(2, '>', "CConverter3::do_Convert")
-        .Add(2, 'U', "Conversion process began for 'S-1-5-21-8-1001'")
-        .Add(2, 'U', "Retrieve payload")
-        .Add(2, 'U', "DeleteKey('S-1-5-21-8-1001'), 0x00000000")
-        .Add(2, 'U', "Conversion process is over for 'S-1-5-21-8-1001', 0x8009000D")
-        .Add(2, 'U', "Conversion process began for 'S-1-5-21-8-1002'")
-        .Add(2, 'U', "DeleteKey('S-1-5-21-8-1002'), 0x00000000")
-        .Add(2, 'U', "Conversion process is over for 'S-1-5-21-8-1002', 0x8009000D")
-        .Add(2, '<');
+    s.Add(2, '>', "CConverter3::do_Convert").UserBegins(2, "S-1-5-21-8-1001").Add(2, 'U', "Retrieve payload");
+    s.OldKeyDeleted(2, "S-1-5-21-8-1001").UserEnds(2, "S-1-5-21-8-1001", "0x8009000D");
+    s.UserMoved(2, "S-1-5-21-8-1002", "0x8009000D").Add(2, '<');
     const std::string text = SummaryText(s);
     EXPECT_EQ("verdict: process 1, 2026-11-15 09:30:00.125: 2.0 -> 3.0, default policy, 2 users: 2 moved, 0 moved "
               "with gaps, 0 held, 0 failed\n"

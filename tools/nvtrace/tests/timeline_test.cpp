@@ -24,24 +24,14 @@ namespace {
 // failing user and a failing backup; every scope is left.
 SampleTrace TwoProcesses()
 {
+    const std::string first = "S-1-5-21-1-2-3-1001", second = "S-1-5-21-1-2-3-1002";
     SampleTrace s;
-    s.Add(7, 't', "11/15/26").Add(7, 'T', "09:30:00.125").Add(7, '>', "CBaseConverter::Convert")
-        .Add(7, '>', "CConverter3::do_Convert")
-        .Add(7, 'U', "Conversion process began for 'S-1-5-21-1-2-3-1001'")
-        .Add(9, '>', "CFPSecurityContext::FinalConstruct")
-        .Add(7, 'T', "09:30:00.250").Add(7, 'U', "DeleteKey('S-1-5-21-1-2-3-1001'), 0x00000000")
-        .Add(9, '<')
-        .Add(7, 'U', "Conversion process is over for 'S-1-5-21-1-2-3-1001', 0x00000000")
-        .Add(7, 'U', "Conversion process began for 'S-1-5-21-1-2-3-1002'")
-        .Add(7, '>', "CConverter3::ConvertUser").Add(7, 'E', "-2147467261 ").Add(7, '<')
-        .Add(7, 'E', "-2147467261 ")
-        .Add(7, 'U', "Conversion process is over for 'S-1-5-21-1-2-3-1002', 0x80004003")
-        .Add(7, 'T', "09:30:01.125").Add(7, '<').Add(7, '<');
-    s.Add(0, 'N', "11-15-2026").Add(12, 'T', "10:00:00.000").Add(12, '>', "CBaseConverter::Convert")
-        .Add(12, '>', "CBaseConverter::Backup").Add(12, '>', "CBaseConverter::CopyKey")
-        .Add(12, 'E', "-2147024888 ").Add(12, '<').Add(12, 'E', "-2147024888 ").Add(12, '<')
-        .Add(12, 'E', "-2147024888 ").Add(12, 'T', "10:00:00.040").Add(12, '<');
-    return s;
+    s.ConversionStarts(7).UserBegins(7, first).Add(9, '>', "CFPSecurityContext::FinalConstruct");
+    s.Add(7, 'T', "09:30:00.250").OldKeyDeleted(7, first).Add(9, '<').UserEnds(7, first, "0x00000000");
+    s.UserBegins(7, second).Add(7, '>', "CConverter3::ConvertUser").Add(7, 'E', "-2147467261 ").Add(7, '<');
+    s.Add(7, 'E', "-2147467261 ").UserEnds(7, second, "0x80004003");
+    s.Add(7, 'T', "09:30:01.125").Add(7, '<').Add(7, '<');
+    return s.NextProcessFailsItsBackup(12);
 }
 
 // The first process is killed inside three scopes on two threads; the file then

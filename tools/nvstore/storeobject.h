@@ -1,21 +1,15 @@
-// The reference store's COM objects.
-//
-// CStoreObject (the class kClsidUserStore creates) offers IUserStore, IStoreService,
-// IAuthService and IUserRegistry; OpenUser hands out a CUserObject, which offers
-// IUserSecrets, IUserProperties, IUserTemplates and IUserPayload for one user.
-// Both are free-threaded (ThreadingModel Both): every operation runs under one
-// process-wide lock, and all state is in the registry and the key containers, so
-// any number of objects in any number of processes see the same store.
+// The reference store's COM class kClsidUserStore creates: CStoreObject offers
+// IUserStore, IStoreService, IAuthService and IUserRegistry; OpenUser hands out a
+// CUserObject (userobject.h) for one user. Free-threaded (ThreadingModel Both):
+// every operation runs under one process-wide lock, and all state is in the registry
+// and the key containers, so any number of objects in any number of processes see
+// the same store.
 #pragma once
 #include <windows.h>
 #include <atomic>
-#include <string>
 #include "converter3/nvstore_api.h"
 
 namespace nvstore {
-
-// Objects and server locks alive in this module (DllCanUnloadNow).
-extern std::atomic<long> g_moduleCount;
 
 class CStoreObject final : public IUserStore, public IStoreService, public IAuthService, public IUserRegistry {
 public:
@@ -71,47 +65,6 @@ public:
 private:
     ~CStoreObject();
     std::atomic<ULONG> m_refs{1};
-};
-
-class CUserObject final : public IUserSecrets, public IUserProperties, public IUserTemplates, public IUserPayload {
-public:
-    explicit CUserObject(const std::wstring& sid);
-    CUserObject(const CUserObject&) = delete;
-    CUserObject& operator=(const CUserObject&) = delete;
-
-    // IUnknown
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
-    ULONG STDMETHODCALLTYPE AddRef() override;
-    ULONG STDMETHODCALLTYPE Release() override;
-
-    // IUserSecrets
-    HRESULT STDMETHODCALLTYPE GetSecret(LPCWSTR pwszName, CRYPT_DATA_BLOB* pSecret) override;
-    HRESULT STDMETHODCALLTYPE PutSecret(LPCWSTR pwszName, const CRYPT_DATA_BLOB* pSecret) override;
-    HRESULT STDMETHODCALLTYPE DeleteSecret(LPCWSTR pwszName) override;
-    HRESULT STDMETHODCALLTYPE EnumSecrets(DWORD dwIndex, BSTR* pbstrName) override;
-
-    // IUserProperties
-    HRESULT STDMETHODCALLTYPE GetProperty(LPCWSTR pwszName, CRYPT_DATA_BLOB* pValue) override;
-    HRESULT STDMETHODCALLTYPE SetProperty(LPCWSTR pwszName, const CRYPT_DATA_BLOB* pValue) override;
-    HRESULT STDMETHODCALLTYPE DeleteProperty(LPCWSTR pwszName) override;
-    HRESULT STDMETHODCALLTYPE EnumProperties(DWORD dwIndex, BSTR* pbstrName) override;
-
-    // IUserTemplates
-    HRESULT STDMETHODCALLTYPE GetTemplate(DWORD dwPosition, CRYPT_DATA_BLOB* pTemplate) override;
-    HRESULT STDMETHODCALLTYPE PutTemplate(DWORD dwPosition, const CRYPT_DATA_BLOB* pTemplate) override;
-    HRESULT STDMETHODCALLTYPE DeleteTemplate(DWORD dwPosition) override;
-    HRESULT STDMETHODCALLTYPE GetTemplateMask(DWORD* pdwMask) override;
-
-    // IUserPayload
-    HRESULT STDMETHODCALLTYPE GetPayload(CRYPT_DATA_BLOB* pPayload) override;
-    HRESULT STDMETHODCALLTYPE PutPayload(const CRYPT_DATA_BLOB* pPayload) override;
-    HRESULT STDMETHODCALLTYPE GetUserId(BSTR* pbstrUserId, DWORD* pdwIdKind) override;
-    HRESULT STDMETHODCALLTYPE DeletePayload() override;
-
-private:
-    ~CUserObject();
-    std::atomic<ULONG> m_refs{1};
-    const std::wstring m_sid;
 };
 
 } // namespace nvstore

@@ -1,22 +1,17 @@
-#include "nvtracelib.h"
+#include "decoder.h"
 
 #ifdef _WIN32
 #include <windows.h>
 #else
 #include <sys/stat.h>
 #endif
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 
 #include "common/tea_cfb.h"
-#include "rollup.h"
-#include "summary.h"
-#include "timeline_cli.h"
 #include "trace/trace_keys.h"
 
 namespace nvtrace {
@@ -219,26 +214,6 @@ void Fail(DecodedTrace& trace, std::uint64_t offset, const std::string& what, co
     trace.error = what + " at byte offset " + std::to_string(offset) + ": " + detail;
 }
 
-// Control characters shown as escapes, so one record stays one line.
-std::string Printable(const std::string& text)
-{
-    std::string out;
-    out.reserve(text.size());
-    for (char c : text) {
-        const unsigned char u = static_cast<unsigned char>(c);
-        if (c == '\n')
-            out += "\\n";
-        else if (c == '\r')
-            out += "\\r";
-        else if (c == '\t')
-            out += "\\t";
-        else if (u < 0x20 || u == 0x7F)
-            out += "\\x" + Hex2(u);
-        else
-            out += c;
-    }
-    return out;
-}
 
 void TraceKeyAndBlock(std::uint32_t key[4]) { NVTraceNS::TraceKey(key); }
 
@@ -495,304 +470,24 @@ std::string CanonicalLine(const Record& record)
     return std::string(1, record.kind) + " " + record.text;
 }
 
-namespace {
-
-struct ThreadDepth {
-    std::uint32_t thread;
-    int depth;
-};
-
-int& DepthOf(std::vector<ThreadDepth>& depths, std::uint32_t thread)
+std::string Printable(const std::string& text)
 {
-    for (ThreadDepth& d : depths) {
-        if (d.thread == thread)
-            return d.depth;
-    }
-    depths.push_back({thread, 0});
-    return depths.back().depth;
-}
-
-} // namespace
-
-// "0x80070002 HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)", then ": <text>" when the
-// record has one: a result as a reader looks it up, not as a signed decimal.
-std::string ResultShown(const std::string& text)
-{
-    const std::size_t blank = text.find(' ');
-    const std::string number = text.substr(0, blank);
-    char* end = nullptr;
-    const long long code = std::strtoll(number.c_str(), &end, 10);
-    if (number.empty() || *end != '\0')
-        return text;
-    const std::string rest = blank == std::string::npos ? std::string() : text.substr(blank + 1);
-    const std::uint32_t value = static_cast<std::uint32_t>(code);
-    char hex[16];
-    std::snprintf(hex, sizeof(hex), "0x%08X", static_cast<unsigned>(value));
-    std::string shown = hex;
-    const std::string name = DescribeCode(value).name;
-    if (!name.empty())
-        shown += " " + name;
-    if (!rest.empty())
-        shown += ": " + rest;
-    return shown;
-}
-
-void WriteListing(const DecodedTrace& trace, const FormatOptions& options, std::ostream& out)
-{
-    if (!options.raw) {
-        for (const std::string& line : trace.header)
-            out << line << '\n';
-    }
-    std::string date = "--/--/--", time = "--:--:--.---";
-    std::vector<ThreadDepth> depths;
-    for (const Record& record : trace.records) {
-        // The clock is the file's, whichever thread wrote the timestamp.
-        if (record.kind == 't')
-            date = record.text;
-        else if (record.kind == 'T')
-            time = record.text;
-        else if (record.kind == 'N') {
-            // mm-dd-yyyy: a new process's records follow; its clock is not known yet.
-            if (record.text.size() == 10)
-                date = record.text.substr(0, 2) + "/" + record.text.substr(3, 2) + "/" + record.text.substr(8, 2);
-            time = "--:--:--.---";
-            depths.clear(); // another process: its threads start at the left margin
-        }
-        if (options.filterThread && record.thread != options.thread)
-            continue;
-        if (options.raw) {
-            out << record.kind << '\t' << record.thread << '\t' << Printable(record.text) << '\n';
-            continue;
-        }
-        if (record.kind == 't' || record.kind == 'T')
-            continue;
-        int& depth = DepthOf(depths, record.thread);
-        if (record.kind == '<' && depth > 0)
-            --depth;
-        std::ostringstream line;
-        line << date << ' ' << time << ' ';
-        std::string thread = std::to_string(record.thread);
-        if (thread.size() < 6)
-            line << std::string(6 - thread.size(), ' ');
-        line << thread << "  " << std::string(static_cast<std::size_t>(depth) * 2, ' ') << record.kind;
-        if (record.kind == 'E')
-            line << ' ' << Printable(ResultShown(record.text));
-        else if (!record.text.empty())
-            line << ' ' << Printable(record.text);
-        out << line.str() << '\n';
-        if (record.kind == '>')
-            ++depth;
-    }
-}
-
-namespace {
-
-const char kUsage[] =
-    "usage: nvtrace [--raw | --summary | --json] [--thread N] FILE\n"
-    "       nvtrace [--summary | --json | --csv] FILE|FOLDER...\n"
-    "       nvtrace [--chrome-trace OUT.json] [--html OUT.html] [--thread N] FILE\n"
-    "  Decodes a .trc3 trace file: the header as it stands, then one line per record\n"
-    "  (date and time, thread id, indentation by scope depth, kind and text;\n"
-    "  kinds: '>' scope entered, '<' scope left, 'U' line, 'E' result as hex code and\n"
-    "  name, 'N' file reopened).\n"
-    "  --raw       every record as kind, thread and text, tab-separated, no header\n"
-    "  --summary   first the verdict on each conversion (format step, policy, users moved,\n"
-    "              moved with gaps, held and failed, and every user not plainly moved),\n"
-    "              then processes and threads, every failing result once with its scope\n"
-    "              path, code name and message, the users of a 2.0 -> 3.0 conversion, and\n"
-    "              the slowest scopes by total time\n"
-    "  --json      every record as one JSON object per line (offset, process, thread, kind,\n"
-    "              time, depth, text; results also code, name, message)\n"
-    "  --csv       the roll-up below as CSV\n"
-    "  --thread N  only the records of thread N (decimal, or hex with 0x)\n"
-    "  --chrome-trace OUT  the scopes per process and thread as a timeline for chrome://tracing\n"
-    "              and Perfetto (trace event JSON), with failing results and progress lines\n"
-    "  --html OUT  one self-contained page: verdict, users, failing results, timeline\n"
-    "              (OUT \"-\": standard output; either replaces the listing)\n"
-    "  Several files, or a folder (every *.trc3 under it), with --summary, --json or\n"
-    "  --csv: one row per trace (machine, version, start, users moved, with gaps, held,\n"
-    "  failed, first failure, damage) and totals with the most frequent failure codes.\n"
-    "  Exit codes: 0 decoded, 1 usage, 2 unreadable (or no trace found), 3 truncated or\n"
-    "  corrupt (with many files: 3 if any was, else 2 if any could not be read).\n";
-
-bool ParseThread(const std::string& text, std::uint32_t& value)
-{
-    if (text.empty())
-        return false;
-    std::size_t i = 0;
-    int base = 10;
-    if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
-        base = 16;
-        i = 2;
-    }
-    std::uint64_t v = 0;
-    for (; i < text.size(); ++i) {
-        const char c = text[i];
-        int digit;
-        if (c >= '0' && c <= '9')
-            digit = c - '0';
-        else if (base == 16 && c >= 'a' && c <= 'f')
-            digit = c - 'a' + 10;
-        else if (base == 16 && c >= 'A' && c <= 'F')
-            digit = c - 'A' + 10;
+    std::string out;
+    out.reserve(text.size());
+    for (char c : text) {
+        const unsigned char u = static_cast<unsigned char>(c);
+        if (c == '\n')
+            out += "\\n";
+        else if (c == '\r')
+            out += "\\r";
+        else if (c == '\t')
+            out += "\\t";
+        else if (u < 0x20 || u == 0x7F)
+            out += "\\x" + Hex2(u);
         else
-            return false;
-        v = v * static_cast<std::uint64_t>(base) + static_cast<std::uint64_t>(digit);
-        if (v > 0xFFFFFFFFu)
-            return false;
+            out += c;
     }
-    value = static_cast<std::uint32_t>(v);
-    return true;
-}
-
-} // namespace
-
-namespace {
-
-enum class OutputMode { Listing, Raw, Summary, Json, Csv };
-
-// What the command line asks for.
-struct CliOptions {
-    OutputMode mode = OutputMode::Listing;
-    bool modeGiven = false;
-    FormatOptions format;
-    TimelineOutputs outputs; // --chrome-trace, --html
-    std::vector<std::string> paths;
-};
-
-// The options that choose what is written to standard output; one at most.
-struct ModeOption {
-    const char* name;
-    OutputMode mode;
-};
-constexpr ModeOption kModeOptions[] = {
-    {"--raw", OutputMode::Raw},
-    {"--summary", OutputMode::Summary},
-    {"--json", OutputMode::Json},
-    {"--csv", OutputMode::Csv},
-};
-
-// -1 when the command line is complete, else the exit code to return at once.
-int ParseCli(const std::vector<std::string>& args, CliOptions& options, std::ostream& out, std::ostream& err)
-{
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        const std::string& a = args[i];
-        if (a == "--help" || a == "-h") {
-            out << kUsage;
-            return 0;
-        }
-        const ModeOption* mode = nullptr;
-        for (const ModeOption& m : kModeOptions)
-            if (a == m.name)
-                mode = &m;
-        if (mode) {
-            if (options.modeGiven) {
-                err << "nvtrace: --raw, --summary, --json and --csv exclude each other\n" << kUsage;
-                return 1;
-            }
-            options.modeGiven = true;
-            options.mode = mode->mode;
-            options.format.raw = mode->mode == OutputMode::Raw;
-        } else if (a == "--chrome-trace" || a == "--html") {
-            if (i + 1 >= args.size() || args[i + 1].empty()) {
-                err << "nvtrace: " << a << " needs an output file (\"-\": standard output)\n" << kUsage;
-                return 1;
-            }
-            (a == "--html" ? options.outputs.html : options.outputs.chromeTrace) = args[++i];
-        } else if (a == "--thread") {
-            if (i + 1 >= args.size() || !ParseThread(args[i + 1], options.format.thread)) {
-                err << "nvtrace: --thread needs a thread id (decimal, or hex with 0x)\n" << kUsage;
-                return 1;
-            }
-            options.format.filterThread = true;
-            ++i;
-        } else if (a.size() > 1 && a[0] == '-') {
-            err << "nvtrace: unknown option '" << a << "'\n" << kUsage;
-            return 1;
-        } else {
-            options.paths.push_back(a);
-        }
-    }
-    if (options.paths.empty()) {
-        err << kUsage;
-        return 1;
-    }
-    return -1;
-}
-
-// Many files, a folder, or --csv: one row per trace instead of one trace in full.
-bool WantsRollup(const CliOptions& options)
-{
-    if (options.mode == OutputMode::Csv || options.paths.size() > 1)
-        return true;
-    const bool rollable = options.mode == OutputMode::Summary || options.mode == OutputMode::Json;
-    return rollable && IsFolder(options.paths.front());
-}
-
-int RunOneTrace(const CliOptions& options, std::ostream& out, std::ostream& err)
-{
-    const std::string& path = options.paths.front();
-    std::vector<std::uint8_t> data;
-    std::string error;
-    if (!ReadWholeFile(path, data, error)) {
-        err << "nvtrace: " << error << '\n';
-        return 2;
-    }
-    DecodedTrace trace = Decode(data);
-    // What could be decoded is shown even when the file is damaged further on.
-    if (options.mode == OutputMode::Summary || options.mode == OutputMode::Json || options.outputs.any()) {
-        if (options.format.filterThread) {
-            auto other = [&](const Record& r) {
-                return r.thread != options.format.thread && r.kind != 'N' && r.kind != 't' && r.kind != 'T';
-            };
-            trace.records.erase(std::remove_if(trace.records.begin(), trace.records.end(), other),
-                                trace.records.end());
-        }
-        if (options.mode == OutputMode::Summary)
-            WriteSummary(Summarize(trace), out);
-        else if (options.mode == OutputMode::Json)
-            WriteJsonLines(trace, out);
-        else if (options.mode == OutputMode::Raw)
-            WriteListing(trace, options.format, out);
-        if (options.outputs.any() && !WriteTimelineOutputs(trace, options.outputs, path, out, err))
-            return 2;
-    } else {
-        WriteListing(trace, options.format, out);
-    }
-    out.flush();
-    if (!trace.ok) {
-        err << "nvtrace: " << path << ": " << trace.error << '\n';
-        return 3;
-    }
-    return 0;
-}
-
-} // namespace
-
-int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream& err)
-{
-    CliOptions options;
-    const int parsed = ParseCli(args, options, out, err);
-    if (parsed >= 0)
-        return parsed;
-    if (!WantsRollup(options))
-        return RunOneTrace(options, out, err);
-    if (options.mode == OutputMode::Listing || options.mode == OutputMode::Raw) {
-        err << "nvtrace: one trace file at a time\n" << kUsage;
-        return 1;
-    }
-    if (options.format.filterThread) {
-        err << "nvtrace: --thread takes one trace file\n" << kUsage;
-        return 1;
-    }
-    if (options.outputs.any()) {
-        err << "nvtrace: --chrome-trace and --html take one trace file\n" << kUsage;
-        return 1;
-    }
-    const RollupFormat format = options.mode == OutputMode::Csv    ? RollupFormat::Csv
-                                : options.mode == OutputMode::Json ? RollupFormat::Json
-                                                                   : RollupFormat::Summary;
-    return RunRollup(options.paths, format, out, err);
+    return out;
 }
 
 } // namespace nvtrace

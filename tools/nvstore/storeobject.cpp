@@ -1,42 +1,22 @@
-#include "storeobjects.h"
+#include "storeobject.h"
 
 #include <cstring>
-#include <cwchar>
-#include <mutex>
 #include <string>
 #include <vector>
 #include "common/handles.h"
 #include "common/hresult.h"
+#include "objectsupport.h"
+#include "qitable.h"
 #include "storecounters.h"
 #include "storedata.h"
 #include "storelayout.h"
+#include "userobject.h"
 
 namespace nvstore {
 
-std::atomic<long> g_moduleCount{0};
-
 namespace {
 
-const HRESULT kNotFound = HRESULT_FROM_WIN32(ERROR_NOT_FOUND);
 const HRESULT kNotSupported = HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED);
-constexpr DWORD kMaxPosition = 31;
-
-std::mutex& StoreLock()
-{
-    static std::mutex lock;
-    return lock;
-}
-
-// One operation: under the store lock, with failures turned into result codes.
-template <class Body>
-HRESULT Locked(Body&& body) noexcept
-{
-    COperationTimer timer;
-    return nv::Guarded([&]() -> HRESULT {
-        std::lock_guard<std::mutex> guard(StoreLock());
-        return body();
-    });
-}
 
 // Wide characters zeroed before they are freed.
 class SecureChars {
@@ -98,111 +78,38 @@ void CheckAuthType(REFGUID authType)
         nv::ThrowHr(kNotSupported);
 }
 
-// A task-allocated copy for the caller; empty data gives the empty blob.
-struct TaskBlob {
-    BYTE* p = nullptr;
-    DWORD cb = 0;
-    TaskBlob() = default;
-    TaskBlob(const BYTE* data, size_t n)
-    {
-        if (n == 0)
-            return;
-        p = static_cast<BYTE*>(::CoTaskMemAlloc(n));
-        if (!p)
-            nv::ThrowHr(E_OUTOFMEMORY);
-        std::memcpy(p, data, n);
-        cb = static_cast<DWORD>(n);
+// Checks a password against the user's verifier; a mismatch is counted.
+HRESULT CheckPassword(const std::wstring& sid, const SecureChars& password)
+{
+    if (!nvstore::UserExists(sid) || !HasPassword(sid))
+        return kStoreNotEnrolled;
+    if (!PasswordMatches(sid, password.data(), password.size())) {
+        DWORD failed = 0;
+        ReadDword(UserKeyPath(sid), kFailedCountValue, &failed);
+        WriteDword(UserKeyPath(sid), kFailedCountValue, failed + 1);
+        return kStoreWrongPassword;
     }
-    TaskBlob(const TaskBlob&) = delete;
-    TaskBlob& operator=(const TaskBlob&) = delete;
-    ~TaskBlob()
-    {
-        if (p) {
-            ::SecureZeroMemory(p, cb);
-            ::CoTaskMemFree(p);
-        }
-    }
-    void HandOut(CRYPT_DATA_BLOB* out) noexcept
-    {
-        out->cbData = cb;
-        out->pbData = p;
-        p = nullptr;
-        cb = 0;
-    }
-};
-
-BSTR AllocBstr(const std::wstring& s)
-{
-    BSTR b = ::SysAllocStringLen(s.data(), static_cast<UINT>(s.size()));
-    if (!b)
-        nv::ThrowHr(E_OUTOFMEMORY);
-    return b;
-}
-
-void CheckInBlob(const CRYPT_DATA_BLOB* p)
-{
-    if (!p || (p->cbData && !p->pbData))
-        nv::ThrowHr(E_INVALIDARG);
-}
-
-std::wstring PositionName(DWORD position) { return std::to_wstring(position); }
-
-void RequireUser(const std::wstring& sid)
-{
-    if (!nvstore::UserExists(sid))
-        nv::ThrowHr(kNotFound);
-}
-
-bool IsPublicKeyProperty(LPCWSTR name) { return ::_wcsicmp(name, kPropertyUserPublicKey) == 0; }
-
-} // namespace
-
-namespace {
-
-// Whether a test behaviour leaves an interface offered; a behaviour that cannot be
-// read switches nothing off.
-bool Offered(bool Behaviours::*switchedOff)
-{
-    bool offered = true;
-    nv::Guarded([&]() -> HRESULT {
-        offered = !(ReadBehaviours().*switchedOff);
-        return S_OK;
-    });
-    return offered;
+    return S_OK;
 }
 
 } // namespace
-
-// ---- CStoreObject ---------------------------------------------------------------
 
 CStoreObject::CStoreObject() noexcept { ++g_moduleCount; }
 CStoreObject::~CStoreObject() { --g_moduleCount; }
 
 HRESULT CStoreObject::QueryInterface(REFIID riid, void** ppv)
 {
+    static const QiEntry kInterfaces[] = {
+        {&__uuidof(IUserStore), OffsetOfInterface<IUserStore, CStoreObject>(), nullptr},
+        {&__uuidof(IStoreService), OffsetOfInterface<IStoreService, CStoreObject>(), nullptr},
+        {&__uuidof(IUserRegistry), OffsetOfInterface<IUserRegistry, CStoreObject>(), &Behaviours::noUserRegistry},
+        {&__uuidof(IAuthService), OffsetOfInterface<IAuthService, CStoreObject>(), &Behaviours::noAuthService},
+        {nullptr, 0, nullptr},
+    };
     // Counted as the store's own time: offering some interfaces reads the test
     // behaviours from the registry.
     COperationTimer timer;
-    if (!ppv)
-        return E_POINTER;
-    *ppv = nullptr;
-    if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, kIidUserStore)) {
-        *ppv = static_cast<IUserStore*>(this);
-    } else if (IsEqualIID(riid, kIidStoreService)) {
-        *ppv = static_cast<IStoreService*>(this);
-    } else if (IsEqualIID(riid, kIidUserRegistry)) {
-        if (!Offered(&Behaviours::noUserRegistry))
-            return E_NOINTERFACE;
-        *ppv = static_cast<IUserRegistry*>(this);
-    } else if (IsEqualIID(riid, kIidAuthService)) {
-        if (!Offered(&Behaviours::noAuthService))
-            return E_NOINTERFACE;
-        *ppv = static_cast<IAuthService*>(this);
-    } else {
-        return E_NOINTERFACE;
-    }
-    AddRef();
-    return S_OK;
+    return QueryFromTable(this, kInterfaces, riid, ppv);
 }
 
 ULONG CStoreObject::AddRef() { return ++m_refs; }
@@ -312,24 +219,6 @@ HRESULT CStoreObject::IsEnrolled(REFGUID authType, LPCWSTR pwszUserId, DWORD dwI
         return HasPassword(CanonicalUserId(pwszUserId, dwIdKind)) ? S_OK : S_FALSE;
     });
 }
-
-namespace {
-
-// Checks a password against the user's verifier; a mismatch is counted.
-HRESULT CheckPassword(const std::wstring& sid, const SecureChars& password)
-{
-    if (!nvstore::UserExists(sid) || !HasPassword(sid))
-        return kStoreNotEnrolled;
-    if (!PasswordMatches(sid, password.data(), password.size())) {
-        DWORD failed = 0;
-        ReadDword(UserKeyPath(sid), kFailedCountValue, &failed);
-        WriteDword(UserKeyPath(sid), kFailedCountValue, failed + 1);
-        return kStoreWrongPassword;
-    }
-    return S_OK;
-}
-
-} // namespace
 
 HRESULT CStoreObject::VerifyAuthentication(REFGUID authType, LPCWSTR pwszUserId, DWORD dwIdKind,
                                            const CRYPT_DATA_BLOB* pAuthInfo)
@@ -568,270 +457,6 @@ HRESULT CStoreObject::AddUser(IUserPayload* pPayload)
 HRESULT CStoreObject::RemoveUser(LPCWSTR pwszUserId, DWORD dwIdKind)
 {
     return Locked([&]() -> HRESULT { return Unregister(CanonicalUserId(pwszUserId, dwIdKind)) ? S_OK : S_FALSE; });
-}
-
-// ---- CUserObject ----------------------------------------------------------------
-
-CUserObject::CUserObject(const std::wstring& sid) : m_sid(sid) { ++g_moduleCount; }
-CUserObject::~CUserObject() { --g_moduleCount; }
-
-HRESULT CUserObject::QueryInterface(REFIID riid, void** ppv)
-{
-    // Counted as the store's own time: offering some interfaces reads the test
-    // behaviours from the registry.
-    COperationTimer timer;
-    if (!ppv)
-        return E_POINTER;
-    *ppv = nullptr;
-    if (IsEqualIID(riid, IID_IUnknown)) {
-        *ppv = static_cast<IUserSecrets*>(this);
-    } else if (IsEqualIID(riid, __uuidof(IUserSecrets))) {
-        if (!Offered(&Behaviours::noUserSecrets))
-            return E_NOINTERFACE;
-        *ppv = static_cast<IUserSecrets*>(this);
-    } else if (IsEqualIID(riid, __uuidof(IUserTemplates))) {
-        if (!Offered(&Behaviours::noUserTemplates))
-            return E_NOINTERFACE;
-        *ppv = static_cast<IUserTemplates*>(this);
-    } else if (IsEqualIID(riid, __uuidof(IUserPayload))) {
-        if (!Offered(&Behaviours::noUserPayload))
-            return E_NOINTERFACE;
-        *ppv = static_cast<IUserPayload*>(this);
-    } else if (IsEqualIID(riid, __uuidof(IUserProperties))) {
-        if (!Offered(&Behaviours::noUserProperties))
-            return E_NOINTERFACE;
-        *ppv = static_cast<IUserProperties*>(this);
-    } else {
-        return E_NOINTERFACE;
-    }
-    AddRef();
-    return S_OK;
-}
-
-ULONG CUserObject::AddRef() { return ++m_refs; }
-
-ULONG CUserObject::Release()
-{
-    COperationTimer timer;
-    const ULONG n = --m_refs;
-    if (n == 0)
-        delete this;
-    return n;
-}
-
-HRESULT CUserObject::GetSecret(LPCWSTR pwszName, CRYPT_DATA_BLOB* pSecret)
-{
-    return Locked([&]() -> HRESULT {
-        if (!pwszName)
-            return E_INVALIDARG;
-        if (!pSecret)
-            return E_POINTER;
-        SecureBytes data;
-        if (!ReadBinary(UserSubkeyPath(m_sid, kSecretsSubkey), pwszName, &data.vec()))
-            return kNotFound;
-        TaskBlob(data.data(), data.size()).HandOut(pSecret);
-        return S_OK;
-    });
-}
-
-HRESULT CUserObject::PutSecret(LPCWSTR pwszName, const CRYPT_DATA_BLOB* pSecret)
-{
-    return Locked([&]() -> HRESULT {
-        if (!pwszName)
-            return E_INVALIDARG;
-        CheckInBlob(pSecret);
-        RequireUser(m_sid);
-        const Behaviours b = ReadBehaviours();
-        if (ListNames(b.failPutSecret, pwszName))
-            return b.failPutSecretResult;
-        WriteBinary(UserSubkeyPath(m_sid, kSecretsSubkey), pwszName, pSecret->pbData, pSecret->cbData);
-        StopIfAsked(kStageSecretStored);
-        return S_OK;
-    });
-}
-
-HRESULT CUserObject::DeleteSecret(LPCWSTR pwszName)
-{
-    return Locked([&]() -> HRESULT {
-        if (!pwszName)
-            return E_INVALIDARG;
-        return DeleteValue(UserSubkeyPath(m_sid, kSecretsSubkey), pwszName) ? S_OK : S_FALSE;
-    });
-}
-
-HRESULT CUserObject::EnumSecrets(DWORD dwIndex, BSTR* pbstrName)
-{
-    return Locked([&]() -> HRESULT {
-        if (!pbstrName)
-            return E_POINTER;
-        const std::vector<std::wstring> names = ValueNames(UserSubkeyPath(m_sid, kSecretsSubkey));
-        if (dwIndex >= names.size())
-            return S_FALSE;
-        *pbstrName = AllocBstr(names[dwIndex]);
-        return S_OK;
-    });
-}
-
-HRESULT CUserObject::GetProperty(LPCWSTR pwszName, CRYPT_DATA_BLOB* pValue)
-{
-    return Locked([&]() -> HRESULT {
-        if (!pwszName)
-            return E_INVALIDARG;
-        if (!pValue)
-            return E_POINTER;
-        Bytes data;
-        if (IsPublicKeyProperty(pwszName)) {
-            if (!ExportPublicKey(m_sid, &data))
-                return NTE_NO_KEY;
-        } else if (!ReadBinary(UserSubkeyPath(m_sid, kPropertiesSubkey), pwszName, &data)) {
-            return kNotFound;
-        }
-        TaskBlob(data.data(), data.size()).HandOut(pValue);
-        return S_OK;
-    });
-}
-
-HRESULT CUserObject::SetProperty(LPCWSTR pwszName, const CRYPT_DATA_BLOB* pValue)
-{
-    return Locked([&]() -> HRESULT {
-        if (!pwszName)
-            return E_INVALIDARG;
-        if (IsPublicKeyProperty(pwszName))
-            return E_ACCESSDENIED;
-        CheckInBlob(pValue);
-        RequireUser(m_sid);
-        WriteBinary(UserSubkeyPath(m_sid, kPropertiesSubkey), pwszName, pValue->pbData, pValue->cbData);
-        return S_OK;
-    });
-}
-
-HRESULT CUserObject::DeleteProperty(LPCWSTR pwszName)
-{
-    return Locked([&]() -> HRESULT {
-        if (!pwszName)
-            return E_INVALIDARG;
-        if (IsPublicKeyProperty(pwszName))
-            return E_ACCESSDENIED;
-        return DeleteValue(UserSubkeyPath(m_sid, kPropertiesSubkey), pwszName) ? S_OK : S_FALSE;
-    });
-}
-
-HRESULT CUserObject::EnumProperties(DWORD dwIndex, BSTR* pbstrName)
-{
-    return Locked([&]() -> HRESULT {
-        if (!pbstrName)
-            return E_POINTER;
-        std::vector<std::wstring> names;
-        if (HasKeyPair(m_sid))
-            names.emplace_back(kPropertyUserPublicKey);
-        for (const std::wstring& n : ValueNames(UserSubkeyPath(m_sid, kPropertiesSubkey)))
-            names.push_back(n);
-        if (dwIndex >= names.size())
-            return S_FALSE;
-        *pbstrName = AllocBstr(names[dwIndex]);
-        return S_OK;
-    });
-}
-
-HRESULT CUserObject::GetTemplate(DWORD dwPosition, CRYPT_DATA_BLOB* pTemplate)
-{
-    return Locked([&]() -> HRESULT {
-        if (dwPosition > kMaxPosition)
-            return E_INVALIDARG;
-        if (!pTemplate)
-            return E_POINTER;
-        Bytes data;
-        if (!ReadBinary(UserSubkeyPath(m_sid, kTemplatesSubkey), PositionName(dwPosition).c_str(), &data))
-            return kNotFound;
-        TaskBlob(data.data(), data.size()).HandOut(pTemplate);
-        return S_OK;
-    });
-}
-
-HRESULT CUserObject::PutTemplate(DWORD dwPosition, const CRYPT_DATA_BLOB* pTemplate)
-{
-    return Locked([&]() -> HRESULT {
-        const Behaviours b = ReadBehaviours();
-        if (b.failPutTemplate && b.failPutTemplateAt == dwPosition)
-            return b.failPutTemplateResult;
-        if (dwPosition > kMaxPosition || !pTemplate || !pTemplate->cbData || !pTemplate->pbData)
-            return E_INVALIDARG;
-        RequireUser(m_sid);
-        WriteBinary(UserSubkeyPath(m_sid, kTemplatesSubkey), PositionName(dwPosition).c_str(), pTemplate->pbData,
-                    pTemplate->cbData);
-        StopIfAsked(kStageTemplateStored);
-        return S_OK;
-    });
-}
-
-HRESULT CUserObject::DeleteTemplate(DWORD dwPosition)
-{
-    return Locked([&]() -> HRESULT {
-        if (dwPosition > kMaxPosition)
-            return E_INVALIDARG;
-        return DeleteValue(UserSubkeyPath(m_sid, kTemplatesSubkey), PositionName(dwPosition).c_str()) ? S_OK
-                                                                                                      : S_FALSE;
-    });
-}
-
-HRESULT CUserObject::GetTemplateMask(DWORD* pdwMask)
-{
-    return Locked([&]() -> HRESULT {
-        if (!pdwMask)
-            return E_POINTER;
-        DWORD mask = 0;
-        for (const std::wstring& n : ValueNames(UserSubkeyPath(m_sid, kTemplatesSubkey))) {
-            for (DWORD i = 0; i <= kMaxPosition; ++i) {
-                if (n == PositionName(i))
-                    mask |= 1u << i;
-            }
-        }
-        *pdwMask = mask;
-        return S_OK;
-    });
-}
-
-HRESULT CUserObject::GetPayload(CRYPT_DATA_BLOB* pPayload)
-{
-    return Locked([&]() -> HRESULT {
-        if (!pPayload)
-            return E_POINTER;
-        SecureBytes data;
-        if (!ReadBinary(UserKeyPath(m_sid), kPayloadValue, &data.vec()))
-            return kNotFound;
-        TaskBlob(data.data(), data.size()).HandOut(pPayload);
-        return S_OK;
-    });
-}
-
-HRESULT CUserObject::PutPayload(const CRYPT_DATA_BLOB* pPayload)
-{
-    return Locked([&]() -> HRESULT {
-        if (!pPayload || !pPayload->cbData || !pPayload->pbData)
-            return E_INVALIDARG;
-        const HRESULT failure = ReadBehaviours().failPutPayload;
-        if (FAILED(failure))
-            return failure;
-        RequireUser(m_sid);
-        WriteBinary(UserKeyPath(m_sid), kPayloadValue, pPayload->pbData, pPayload->cbData);
-        return S_OK;
-    });
-}
-
-HRESULT CUserObject::GetUserId(BSTR* pbstrUserId, DWORD* pdwIdKind)
-{
-    return nv::Guarded([&]() -> HRESULT {
-        if (!pbstrUserId || !pdwIdKind)
-            return E_POINTER;
-        *pbstrUserId = AllocBstr(m_sid);
-        *pdwIdKind = kUserIdKindSid;
-        return S_OK;
-    });
-}
-
-HRESULT CUserObject::DeletePayload()
-{
-    return Locked([&]() -> HRESULT { return DeleteValue(UserKeyPath(m_sid), kPayloadValue) ? S_OK : S_FALSE; });
 }
 
 } // namespace nvstore

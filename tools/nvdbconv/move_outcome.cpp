@@ -1,10 +1,12 @@
-#include "outcome.h"
+#include "move_outcome.h"
 
 #include <map>
 
+#include <nlohmann/json.hpp>
+
 #include "legacyread.h"
 #include "nvtracelib.h"
-#include "results.h"
+#include "result_codes.h"
 #include "summary.h"
 
 namespace nvdbconv {

@@ -1,6 +1,8 @@
-#include "results.h"
+#include "result_codes.h"
 
 #include <cstdio>
+
+#include <nlohmann/json.hpp>
 
 #include "common/handles.h"
 #include "frame/conversionlock.h"

@@ -1,0 +1,54 @@
+// The trace decoder: reads the binary trace files that the library writes (a plain
+// header, then scrambled records), unscrambles and parses the records. Portable
+// C++17: builds on Linux and for Windows. Bad input never throws or crashes: the
+// decoder keeps what it could read and says at which byte offset it stopped.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace nvtrace {
+
+constexpr std::size_t kRecordHeadSize = 7;
+
+// One record of the file's body.
+struct Record {
+    std::uint64_t offset = 0; // byte offset of the record's head in the file
+    std::uint32_t thread = 0;
+    char kind = 0;            // 'N', 't', 'T', '>', '<', 'U' or 'E'
+    std::string text;         // unscrambled
+};
+
+struct DecodedTrace {
+    std::vector<std::string> header; // header lines without CR LF, "trace3" first, "." last
+    std::vector<Record> records;
+    std::uint64_t bodyOffset = 0;    // where the first record starts
+    bool ok = true;
+    std::uint64_t errorOffset = 0;   // where decoding stopped, when !ok
+    std::string error;               // what was wrong there, naming the offset
+};
+
+// Decodes a whole trace file image.
+DecodedTrace Decode(const std::uint8_t* data, std::size_t size);
+DecodedTrace Decode(const std::vector<std::uint8_t>& data);
+
+// Reads a whole file; false (and a message) when it cannot be read.
+bool ReadWholeFile(const std::string& path, std::vector<std::uint8_t>& data, std::string& error);
+
+bool IsKnownKind(char kind);
+
+// The record text scrambling (cipher feedback, restarted for every record).
+void ScrambleText(std::uint8_t* text, std::size_t size);
+void UnscrambleText(std::uint8_t* text, std::size_t size);
+
+// A record as the library writes it, text scrambled (for tests and sample files).
+std::vector<std::uint8_t> EncodeRecord(std::uint32_t thread, char kind, const std::string& text);
+
+// The text form tests compare: "> name", "<", "U text", "E text"; other kinds "t text" etc.
+std::string CanonicalLine(const Record& record);
+
+// Control characters shown as escapes, so one record stays one line.
+std::string Printable(const std::string& text);
+
+} // namespace nvtrace

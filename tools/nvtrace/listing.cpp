@@ -1,0 +1,104 @@
+#include "listing.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "summary.h"
+
+namespace nvtrace {
+
+namespace {
+
+struct ThreadDepth {
+    std::uint32_t thread;
+    int depth;
+};
+
+int& DepthOf(std::vector<ThreadDepth>& depths, std::uint32_t thread)
+{
+    for (ThreadDepth& d : depths) {
+        if (d.thread == thread)
+            return d.depth;
+    }
+    depths.push_back({thread, 0});
+    return depths.back().depth;
+}
+
+} // namespace
+
+// "0x80070002 HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)", then ": <text>" when the
+// record has one: a result as a reader looks it up, not as a signed decimal.
+std::string ResultShown(const std::string& text)
+{
+    const std::size_t blank = text.find(' ');
+    const std::string number = text.substr(0, blank);
+    char* end = nullptr;
+    const long long code = std::strtoll(number.c_str(), &end, 10);
+    if (number.empty() || *end != '\0')
+        return text;
+    const std::string rest = blank == std::string::npos ? std::string() : text.substr(blank + 1);
+    const std::uint32_t value = static_cast<std::uint32_t>(code);
+    char hex[16];
+    std::snprintf(hex, sizeof(hex), "0x%08X", static_cast<unsigned>(value));
+    std::string shown = hex;
+    const std::string name = DescribeCode(value).name;
+    if (!name.empty())
+        shown += " " + name;
+    if (!rest.empty())
+        shown += ": " + rest;
+    return shown;
+}
+
+void WriteListing(const DecodedTrace& trace, const FormatOptions& options, std::ostream& out)
+{
+    if (!options.raw) {
+        for (const std::string& line : trace.header)
+            out << line << '\n';
+    }
+    std::string date = "--/--/--", time = "--:--:--.---";
+    std::vector<ThreadDepth> depths;
+    for (const Record& record : trace.records) {
+        // The clock is the file's, whichever thread wrote the timestamp.
+        if (record.kind == 't')
+            date = record.text;
+        else if (record.kind == 'T')
+            time = record.text;
+        else if (record.kind == 'N') {
+            // mm-dd-yyyy: a new process's records follow; its clock is not known yet.
+            if (record.text.size() == 10)
+                date = record.text.substr(0, 2) + "/" + record.text.substr(3, 2) + "/" + record.text.substr(8, 2);
+            time = "--:--:--.---";
+            depths.clear(); // another process: its threads start at the left margin
+        }
+        if (options.filterThread && record.thread != options.thread)
+            continue;
+        if (options.raw) {
+            out << record.kind << '\t' << record.thread << '\t' << Printable(record.text) << '\n';
+            continue;
+        }
+        if (record.kind == 't' || record.kind == 'T')
+            continue;
+        int& depth = DepthOf(depths, record.thread);
+        if (record.kind == '<' && depth > 0)
+            --depth;
+        std::ostringstream line;
+        line << date << ' ' << time << ' ';
+        std::string thread = std::to_string(record.thread);
+        if (thread.size() < 6)
+            line << std::string(6 - thread.size(), ' ');
+        line << thread << "  " << std::string(static_cast<std::size_t>(depth) * 2, ' ') << record.kind;
+        if (record.kind == 'E')
+            line << ' ' << Printable(ResultShown(record.text));
+        else if (!record.text.empty())
+            line << ' ' << Printable(record.text);
+        out << line.str() << '\n';
+        if (record.kind == '>')
+            ++depth;
+    }
+}
+
+} // namespace nvtrace

@@ -1,0 +1,224 @@
+#include "trace_cli.h"
+
+#include <algorithm>
+#include <ostream>
+
+#include "decoder.h"
+#include "listing.h"
+#include "rollup.h"
+#include "summary.h"
+#include "timeline_cli.h"
+
+namespace nvtrace {
+
+namespace {
+
+const char kUsage[] =
+    "usage: nvtrace [--raw | --summary | --json] [--thread N] FILE\n"
+    "       nvtrace [--summary | --json | --csv] FILE|FOLDER...\n"
+    "       nvtrace [--chrome-trace OUT.json] [--html OUT.html] [--thread N] FILE\n"
+    "  Decodes a .trc3 trace file: the header as it stands, then one line per record\n"
+    "  (date and time, thread id, indentation by scope depth, kind and text;\n"
+    "  kinds: '>' scope entered, '<' scope left, 'U' line, 'E' result as hex code and\n"
+    "  name, 'N' file reopened).\n"
+    "  --raw       every record as kind, thread and text, tab-separated, no header\n"
+    "  --summary   first the verdict on each conversion (format step, policy, users moved,\n"
+    "              moved with gaps, held and failed, and every user not plainly moved),\n"
+    "              then processes and threads, every failing result once with its scope\n"
+    "              path, code name and message, the users of a 2.0 -> 3.0 conversion, and\n"
+    "              the slowest scopes by total time\n"
+    "  --json      every record as one JSON object per line (offset, process, thread, kind,\n"
+    "              time, depth, text; results also code, name, message)\n"
+    "  --csv       the roll-up below as CSV\n"
+    "  --thread N  only the records of thread N (decimal, or hex with 0x)\n"
+    "  --chrome-trace OUT  the scopes per process and thread as a timeline for chrome://tracing\n"
+    "              and Perfetto (trace event JSON), with failing results and progress lines\n"
+    "  --html OUT  one self-contained page: verdict, users, failing results, timeline\n"
+    "              (OUT \"-\": standard output; either replaces the listing)\n"
+    "  Several files, or a folder (every *.trc3 under it), with --summary, --json or\n"
+    "  --csv: one row per trace (machine, version, start, users moved, with gaps, held,\n"
+    "  failed, first failure, damage) and totals with the most frequent failure codes.\n"
+    "  Exit codes: 0 decoded, 1 usage, 2 unreadable (or no trace found), 3 truncated or\n"
+    "  corrupt (with many files: 3 if any was, else 2 if any could not be read).\n";
+
+bool ParseThread(const std::string& text, std::uint32_t& value)
+{
+    if (text.empty())
+        return false;
+    std::size_t i = 0;
+    int base = 10;
+    if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+        base = 16;
+        i = 2;
+    }
+    std::uint64_t v = 0;
+    for (; i < text.size(); ++i) {
+        const char c = text[i];
+        int digit;
+        if (c >= '0' && c <= '9')
+            digit = c - '0';
+        else if (base == 16 && c >= 'a' && c <= 'f')
+            digit = c - 'a' + 10;
+        else if (base == 16 && c >= 'A' && c <= 'F')
+            digit = c - 'A' + 10;
+        else
+            return false;
+        v = v * static_cast<std::uint64_t>(base) + static_cast<std::uint64_t>(digit);
+        if (v > 0xFFFFFFFFu)
+            return false;
+    }
+    value = static_cast<std::uint32_t>(v);
+    return true;
+}
+
+} // namespace
+
+namespace {
+
+enum class OutputMode { Listing, Raw, Summary, Json, Csv };
+
+// What the command line asks for.
+struct CliOptions {
+    OutputMode mode = OutputMode::Listing;
+    bool modeGiven = false;
+    FormatOptions format;
+    TimelineOutputs outputs; // --chrome-trace, --html
+    std::vector<std::string> paths;
+};
+
+// The options that choose what is written to standard output; one at most.
+struct ModeOption {
+    const char* name;
+    OutputMode mode;
+};
+constexpr ModeOption kModeOptions[] = {
+    {"--raw", OutputMode::Raw},
+    {"--summary", OutputMode::Summary},
+    {"--json", OutputMode::Json},
+    {"--csv", OutputMode::Csv},
+};
+
+// -1 when the command line is complete, else the exit code to return at once.
+int ParseCli(const std::vector<std::string>& args, CliOptions& options, std::ostream& out, std::ostream& err)
+{
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        if (a == "--help" || a == "-h") {
+            out << kUsage;
+            return 0;
+        }
+        const ModeOption* mode = nullptr;
+        for (const ModeOption& m : kModeOptions)
+            if (a == m.name)
+                mode = &m;
+        if (mode) {
+            if (options.modeGiven) {
+                err << "nvtrace: --raw, --summary, --json and --csv exclude each other\n" << kUsage;
+                return 1;
+            }
+            options.modeGiven = true;
+            options.mode = mode->mode;
+            options.format.raw = mode->mode == OutputMode::Raw;
+        } else if (a == "--chrome-trace" || a == "--html") {
+            if (i + 1 >= args.size() || args[i + 1].empty()) {
+                err << "nvtrace: " << a << " needs an output file (\"-\": standard output)\n" << kUsage;
+                return 1;
+            }
+            (a == "--html" ? options.outputs.html : options.outputs.chromeTrace) = args[++i];
+        } else if (a == "--thread") {
+            if (i + 1 >= args.size() || !ParseThread(args[i + 1], options.format.thread)) {
+                err << "nvtrace: --thread needs a thread id (decimal, or hex with 0x)\n" << kUsage;
+                return 1;
+            }
+            options.format.filterThread = true;
+            ++i;
+        } else if (a.size() > 1 && a[0] == '-') {
+            err << "nvtrace: unknown option '" << a << "'\n" << kUsage;
+            return 1;
+        } else {
+            options.paths.push_back(a);
+        }
+    }
+    if (options.paths.empty()) {
+        err << kUsage;
+        return 1;
+    }
+    return -1;
+}
+
+// Many files, a folder, or --csv: one row per trace instead of one trace in full.
+bool WantsRollup(const CliOptions& options)
+{
+    if (options.mode == OutputMode::Csv || options.paths.size() > 1)
+        return true;
+    const bool rollable = options.mode == OutputMode::Summary || options.mode == OutputMode::Json;
+    return rollable && IsFolder(options.paths.front());
+}
+
+int RunOneTrace(const CliOptions& options, std::ostream& out, std::ostream& err)
+{
+    const std::string& path = options.paths.front();
+    std::vector<std::uint8_t> data;
+    std::string error;
+    if (!ReadWholeFile(path, data, error)) {
+        err << "nvtrace: " << error << '\n';
+        return 2;
+    }
+    DecodedTrace trace = Decode(data);
+    // What could be decoded is shown even when the file is damaged further on.
+    if (options.mode == OutputMode::Summary || options.mode == OutputMode::Json || options.outputs.any()) {
+        if (options.format.filterThread) {
+            auto other = [&](const Record& r) {
+                return r.thread != options.format.thread && r.kind != 'N' && r.kind != 't' && r.kind != 'T';
+            };
+            trace.records.erase(std::remove_if(trace.records.begin(), trace.records.end(), other),
+                                trace.records.end());
+        }
+        if (options.mode == OutputMode::Summary)
+            WriteSummary(Summarize(trace), out);
+        else if (options.mode == OutputMode::Json)
+            WriteJsonLines(trace, out);
+        else if (options.mode == OutputMode::Raw)
+            WriteListing(trace, options.format, out);
+        if (options.outputs.any() && !WriteTimelineOutputs(trace, options.outputs, path, out, err))
+            return 2;
+    } else {
+        WriteListing(trace, options.format, out);
+    }
+    out.flush();
+    if (!trace.ok) {
+        err << "nvtrace: " << path << ": " << trace.error << '\n';
+        return 3;
+    }
+    return 0;
+}
+
+} // namespace
+
+int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream& err)
+{
+    CliOptions options;
+    const int parsed = ParseCli(args, options, out, err);
+    if (parsed >= 0)
+        return parsed;
+    if (!WantsRollup(options))
+        return RunOneTrace(options, out, err);
+    if (options.mode == OutputMode::Listing || options.mode == OutputMode::Raw) {
+        err << "nvtrace: one trace file at a time\n" << kUsage;
+        return 1;
+    }
+    if (options.format.filterThread) {
+        err << "nvtrace: --thread takes one trace file\n" << kUsage;
+        return 1;
+    }
+    if (options.outputs.any()) {
+        err << "nvtrace: --chrome-trace and --html take one trace file\n" << kUsage;
+        return 1;
+    }
+    const RollupFormat format = options.mode == OutputMode::Csv    ? RollupFormat::Csv
+                                : options.mode == OutputMode::Json ? RollupFormat::Json
+                                                                   : RollupFormat::Summary;
+    return RunRollup(options.paths, format, out, err);
+}
+
+} // namespace nvtrace
