@@ -19,12 +19,12 @@
 #include "support/registry_sandbox.h"
 #include "support/test_converter.h"
 #include "support/trace_capture.h"
+#include "support/db_paths.h"
 
 using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
 // A class this server does not serve.
 constexpr CLSID kOtherClsid = {0x0C1D2E3F, 0x4A5B, 0x4C6D, {0x8E, 0x9F, 0x10, 0x21, 0x32, 0x43, 0x54, 0x65}};
 
@@ -296,7 +296,7 @@ TEST_F(ComModuleTest, AggregationNeedsIUnknownAndDelegatesToTheOuterObject)
 // Init runs the conversion through the holder and answers S_OK whatever it gave.
 TEST_F(ComModuleTest, InitRunsConvertAndReturnsSOkEvenWhenConversionFails)
 {
-    SetString(kDb, L"Version", L"1.0", kView64);
+    SetString(kDbPath, L"Version", L"1.0", kView64);
     auto* converter = new TestConverter(0, 0, L"DB-v2.0");
     converter->convertResult = static_cast<HRESULT>(0x8009000B);
     g_DBConverter.m_pConverter.reset(converter);
@@ -323,7 +323,7 @@ TEST_F(ComModuleTest, InitWithoutConverterReturnsSOk)
 
 TEST_F(ComModuleTest, TermReturnsSOkAndUndoesNothing)
 {
-    SetString(kDb, L"Version", L"1.0", kView64);
+    SetString(kDbPath, L"Version", L"1.0", kView64);
     auto* converter = new TestConverter(0, 0, L"DB-v2.0");
     g_DBConverter.m_pConverter.reset(converter);
     nv::com_ptr<INVComponentInit> object;
@@ -417,7 +417,7 @@ TEST_F(ComModuleTest, ObjectLifetimeTracesEachOperationWithItsOneColonScope)
 
 TEST_F(ComModuleTest, InitTracesTheFailureOfTheConversionItRan)
 {
-    SetString(kDb, L"Version", L"1.0", kView64);
+    SetString(kDbPath, L"Version", L"1.0", kView64);
     TraceCapture trace;
     trace.Start();
     auto* converter = new TestConverter(0, 0, L"DB-v2.0");

@@ -25,13 +25,13 @@
 #include "support/test_converter.h"
 #include "support/token_scope.h"
 #include "support/trace_capture.h"
+#include "support/db_paths.h"
 
 using namespace nvtest;
 namespace inspect = nvstore::inspect;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
 constexpr const wchar_t kBackup10[] = L"SOFTWARE\\Norvane\\DB-v1.0";
 
 // Holds the conversion lock on a thread of its own until Release (or, with
@@ -109,8 +109,8 @@ protected:
     }
     void FillDatabase(REGSAM view = kView32)
     {
-        SetString(kDb, L"Version", L"1.0", view);
-        SetDword(kDb, L"Flags", 7, view);
+        SetString(kDbPath, L"Version", L"1.0", view);
+        SetDword(kDbPath, L"Flags", 7, view);
         SetString(L"SOFTWARE\\Norvane\\DB\\Data\\Users\\S-1-5-21-7-8-9-1001", L"Name", L"alice", view);
     }
 
@@ -130,9 +130,9 @@ bool HasLine(const std::vector<std::string>& lines, const std::string& line)
 TEST_F(ConversionLockTest, HeldForTheWholeWaitConvertRollbackAndCleanupFailBusyAndChangeNothing)
 {
     FillDatabase();
-    SetString(kDb, L"Backup", kBackup10, kView32);
+    SetString(kDbPath, L"Backup", kBackup10, kView32);
     SetDword(kBackup10, L"Saved", 1, kView32);
-    const RegTree db = Snapshot(kDb, kView32);
+    const RegTree db = Snapshot(kDbPath, kView32);
     const RegTree backup = Snapshot(kBackup10, kView32);
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     nvframe::g_conversionLockWaitMs = 200;
@@ -143,7 +143,7 @@ TEST_F(ConversionLockTest, HeldForTheWholeWaitConvertRollbackAndCleanupFailBusyA
     EXPECT_EQ(nvframe::NV_E_CONVERSION_BUSY, converter.Rollback());
     EXPECT_EQ(nvframe::NV_E_CONVERSION_BUSY, converter.Cleanup());
     EXPECT_TRUE(converter.calls.empty());
-    EXPECT_EQ("", DiffTrees(db, Snapshot(kDb, kView32)));
+    EXPECT_EQ("", DiffTrees(db, Snapshot(kDbPath, kView32)));
     EXPECT_EQ("", DiffTrees(backup, Snapshot(kBackup10, kView32)));
     EXPECT_EQ((std::vector<std::string>{
                   "U waiting up to 200 ms for another conversion to end",
@@ -174,13 +174,13 @@ TEST_F(ConversionLockTest, ReleasedWithinTheWaitConvertGoesOn)
 TEST_F(ConversionLockTest, DatabaseChangedWhileWaitingMakesConvertRefuse)
 {
     FillDatabase();
-    const RegTree before = Snapshot(kDb, kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     nvframe::g_conversionLockWaitMs = 20000;
     LockHolder holder;
     ASSERT_TRUE(holder.ok());
     // What another process's conversion leaves: the next format's "Version".
-    holder.BeforeRelease([] { SetString(kDb, L"Version", L"2.0", kView32); });
+    holder.BeforeRelease([] { SetString(kDbPath, L"Version", L"2.0", kView32); });
     holder.ReleaseAfter(300);
 
     EXPECT_EQ(nvframe::NV_E_CONVERSION_BUSY, converter.Convert());
@@ -188,7 +188,7 @@ TEST_F(ConversionLockTest, DatabaseChangedWhileWaitingMakesConvertRefuse)
     EXPECT_FALSE(KeyExists(kBackup10, kView32));
     RegTree expected = before;
     expected.values[L"|Version"].data = {'2', 0, '.', 0, '0', 0, 0, 0};
-    const RegTree after = Snapshot(kDb, kView32);
+    const RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == after) << DiffTrees(expected, after);
     EXPECT_TRUE(HasLine(trace.LinesInScope("CBaseConverter::Convert"),
                         "U the database changed since this converter last saw it: Version 1.0, no MainDB, now "
@@ -203,12 +203,12 @@ TEST_F(ConversionLockTest, DatabaseChangedBeforeTheCallMakesConvertRefuseWithout
     FillDatabase();
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     CreateKeyPath(L"SOFTWARE\\Norvane\\DB\\MainDB", kView32);
-    const RegTree before = Snapshot(kDb, kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
 
     EXPECT_EQ(nvframe::NV_E_CONVERSION_BUSY, converter.Convert());
     EXPECT_TRUE(converter.calls.empty());
     EXPECT_FALSE(KeyExists(kBackup10, kView32));
-    EXPECT_EQ("", DiffTrees(before, Snapshot(kDb, kView32)));
+    EXPECT_EQ("", DiffTrees(before, Snapshot(kDbPath, kView32)));
     EXPECT_EQ((std::vector<std::string>{
                   "U the database changed since this converter last saw it: Version 1.0, no MainDB, now Version "
                   "1.0, MainDB present",
@@ -224,9 +224,9 @@ TEST_F(ConversionLockTest, ConvertersOwnChangesDoNotMakeItsNextConvertRefuse)
 {
     FillDatabase();
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
-    converter.convertWork = [] { SetString(kDb, L"Version", L"2.0", kView32); };
+    converter.convertWork = [] { SetString(kDbPath, L"Version", L"2.0", kView32); };
     EXPECT_EQ(S_OK, converter.Convert());
-    converter.convertWork = [] { SetString(kDb, L"Version", L"2.5", kView32); };
+    converter.convertWork = [] { SetString(kDbPath, L"Version", L"2.5", kView32); };
     EXPECT_EQ(S_OK, converter.Convert());
     EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Convert", "do_Cleanup", "do_Backup", "do_Convert",
                                         "do_Cleanup"}),
@@ -360,7 +360,7 @@ TEST_F(ConversionLockTest, LockNobodyMayOpenLetsAnAdministratorGoOnWithoutIt)
 TEST_F(ConversionLockTest, LockNobodyMayOpenKeepsOutACallerWhoIsNoAdministrator)
 {
     FillDatabase();
-    const RegTree before = Snapshot(kDb, kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
     nv::unique_handle_null squatted = SquatLockDenyingEveryone();
     ASSERT_TRUE(squatted);
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
@@ -371,7 +371,7 @@ TEST_F(ConversionLockTest, LockNobodyMayOpenKeepsOutACallerWhoIsNoAdministrator)
     }
     EXPECT_EQ(E_ACCESSDENIED, hr);
     EXPECT_TRUE(converter.calls.empty());
-    EXPECT_EQ("", DiffTrees(before, Snapshot(kDb, kView32)));
+    EXPECT_EQ("", DiffTrees(before, Snapshot(kDbPath, kView32)));
     EXPECT_TRUE(HasLine(trace.LinesInScope("CBaseConverter::Convert"),
                         "U conversion lock Global\\NVDBConv.Conversion cannot be opened"))
         << trace.Dump();
@@ -380,13 +380,13 @@ TEST_F(ConversionLockTest, LockNobodyMayOpenKeepsOutACallerWhoIsNoAdministrator)
 TEST_F(ConversionLockTest, AnotherKindOfObjectUnderTheLocksNameFailsWithTheOpenError)
 {
     FillDatabase();
-    const RegTree before = Snapshot(kDb, kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
     nv::unique_handle_null event(::CreateEventW(nullptr, TRUE, FALSE, nvframe::kConversionMutexName));
     ASSERT_TRUE(event);
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE), converter.Convert());
     EXPECT_TRUE(converter.calls.empty());
-    EXPECT_EQ("", DiffTrees(before, Snapshot(kDb, kView32)));
+    EXPECT_EQ("", DiffTrees(before, Snapshot(kDbPath, kView32)));
     EXPECT_TRUE(HasLine(trace.LinesInScope("CBaseConverter::Convert"),
                         "U conversion lock Global\\NVDBConv.Conversion cannot be opened"))
         << trace.Dump();
@@ -556,5 +556,5 @@ TEST_F(TwoConvertersTest, TwoProcessesConvertingOneDatabaseMoveEveryUserOnce)
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB-v2.0", kView64));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB-v2.0", kView32));
     RegValue backup;
-    EXPECT_FALSE(GetValue(kDb, L"Backup", kView32, &backup));
+    EXPECT_FALSE(GetValue(kDbPath, L"Backup", kView32, &backup));
 }

@@ -15,6 +15,8 @@
 #include "support/legacy_db_tree.h"
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
+#include "support/db_paths.h"
+#include "support/computer_name.h"
 #include "writer/legacy_writer.h"
 
 using namespace nvtest;
@@ -22,19 +24,10 @@ using namespace nvtest;
 namespace {
 
 constexpr const wchar_t kVendor[] = L"SOFTWARE\\Norvane";
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
 constexpr const wchar_t kBackup[] = L"SOFTWARE\\Norvane\\DB-v1.0";
 constexpr const char kBackupText[] = "SOFTWARE\\Norvane\\DB-v1.0";
 
-std::wstring Sub(const std::wstring& rel) { return std::wstring(kDb) + L"\\" + rel; }
-
-std::wstring ComputerName()
-{
-    wchar_t name[MAX_PATH];
-    DWORD cch = MAX_PATH;
-    EXPECT_TRUE(::GetComputerNameExW(ComputerNameNetBIOS, name, &cch));
-    return std::wstring(name, cch);
-}
+std::wstring Sub(const std::wstring& rel) { return std::wstring(kDbPath) + L"\\" + rel; }
 
 // A scope's enter and leave for every key of the tree at path, in the registry's
 // enumeration order: what a recursive CopyKey or DeleteKey of that tree traces.
@@ -58,7 +51,7 @@ void Append(std::vector<std::string>& out, std::initializer_list<const char*> li
 std::vector<std::string> SuccessfulConvertLines(size_t stores)
 {
     std::vector<std::string> lines{"> CBaseConverter::Backup"};
-    TreeScopeLines(kDb, kView32, "CBaseConverter::CopyKey", lines);
+    TreeScopeLines(kDbPath, kView32, "CBaseConverter::CopyKey", lines);
     Append(lines, {"U backup key created, name stored", "<", "> CConverter2::do_Convert",
                    "> CConverter2::CollectNameIndexAndPolicies", "<"});
     for (size_t i = 0; i < stores; ++i)
@@ -77,7 +70,7 @@ std::vector<std::string> SuccessfulConvertLines(size_t stores)
     Append(lines, {"U policies deleted", "U version put", "<", "> CBaseConverter::Cleanup"});
     lines.push_back(std::string("U cleaning up backup key ") + kBackupText);
     // The backup is a copy of the database as it is now, listed in the same order.
-    TreeScopeLines(kDb, kView32, "CBaseConverter::DeleteKey", lines);
+    TreeScopeLines(kDbPath, kView32, "CBaseConverter::DeleteKey", lines);
     Append(lines, {"> CConverter2::do_Cleanup", "<", "<"});
     return lines;
 }
@@ -136,7 +129,7 @@ void ExpectFreshLoadSeesFormat10()
 void ExpectOnlyTheConvertedDatabase(const nvwriter::DbRecord& written)
 {
     RegTree expected = ToRegTree(written.ExpectedAfter10To20(ComputerName()));
-    RegTree actual = Snapshot(kDb, kView32);
+    RegTree actual = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
     EXPECT_EQ((std::vector<std::wstring>{L"DB"}), SubkeyNames(kVendor, kView32));
     EXPECT_EQ((std::vector<std::wstring>{L"Tracing"}), SubkeyNames(kVendor, kView64));
@@ -203,7 +196,7 @@ TEST_F(Convert10Test, DatabaseWithoutCacheConvertsTheMachineStoreOnly)
     EXPECT_EQ(1u, trace.Count("> CConverter2::ConvertNameIndexTo20"));
     EXPECT_FALSE(KeyExists(Sub(L"Data\\Policies").c_str(), kView32));
     std::wstring version;
-    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    ASSERT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"2.0", version);
     ExpectOnlyTheConvertedDatabase(written);
     ExpectFreshLoadSeesFormat20();
@@ -211,7 +204,7 @@ TEST_F(Convert10Test, DatabaseWithoutCacheConvertsTheMachineStoreOnly)
 
 TEST_F(Convert10Test, SixteenByteAliceSlashIsDeletedAndFourByteNoteKept)
 {
-    nvwriter::DbWriter writer(kDb, KEY_WOW64_32KEY);
+    nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
     nvwriter::WriteVersion(writer, L"1.0");
     std::vector<BYTE> id(16);
     for (size_t i = 0; i < id.size(); ++i)
@@ -264,7 +257,7 @@ TEST_F(Convert10Test, DomainsBAndLowercaseAFailingStoreShowsBIsConvertedBeforeA)
         SCOPED_TRACE(Narrow(missing));
         WipeSuiteKeys();
         trace.Start();
-        nvwriter::DbWriter writer(kDb, KEY_WOW64_32KEY);
+        nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
         nvwriter::DbOptions options;
         options.users = 12;
         options.domainNames = {L"a", L"B"};
@@ -300,7 +293,7 @@ TEST_F(Convert10Test, DomainsBAndLowercaseAFailingStoreShowsBIsConvertedBeforeA)
             EXPECT_EQ(static_cast<HRESULT>(0x80070002), dll.Convert());
         }
         RegTree want = ToRegTree(expected);
-        RegTree actual = Snapshot(kDb, kView32);
+        RegTree actual = Snapshot(kDbPath, kView32);
         EXPECT_TRUE(want == actual) << DiffTrees(want, actual);
         std::vector<std::string> doConvert = trace.LinesInScope("CConverter2::do_Convert");
         std::vector<std::string> expectedDo{"> CConverter2::CollectNameIndexAndPolicies", "<"};
@@ -353,7 +346,7 @@ TEST_F(Convert10Test, DomainNamedLikeTheComputerKeepsItsIndexButLosesItsPolicies
 TEST_F(Convert10Test, MissingMachineNameIndexFailsAndTheRollbackRunsInTheLibrarysOwnView)
 {
     const std::wstring computer = ComputerName();
-    nvwriter::DbWriter writer(kDb, KEY_WOW64_32KEY);
+    nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
     nvwriter::DbOptions options;
     options.users = 20;
     // One domain sorts before any NetBIOS name, one after.
@@ -363,7 +356,7 @@ TEST_F(Convert10Test, MissingMachineNameIndexFailsAndTheRollbackRunsInTheLibrary
     writer.DeleteKey(L"MainDB\\Users\\Index\\NameIndex");
     writer.Flush();
     const nvwriter::DbRecord original = writer.record();
-    const RegTree originalTree = Snapshot(kDb, kView32);
+    const RegTree originalTree = Snapshot(kDbPath, kView32);
 
     nvwriter::DbRecord expected = original;
     {
@@ -378,7 +371,7 @@ TEST_F(Convert10Test, MissingMachineNameIndexFailsAndTheRollbackRunsInTheLibrary
     expected.values[L""][L"Backup"] = backup;
 
     std::vector<std::string> expectedLines{"> CBaseConverter::Backup"};
-    TreeScopeLines(kDb, kView32, "CBaseConverter::CopyKey", expectedLines);
+    TreeScopeLines(kDbPath, kView32, "CBaseConverter::CopyKey", expectedLines);
     Append(expectedLines, {"U backup key created, name stored", "<", "> CConverter2::do_Convert",
                            "> CConverter2::CollectNameIndexAndPolicies", "<", "> CConverter2::ConvertNameIndexTo20",
                            "<", "> CConverter2::ConvertNameIndexTo20", "E -2147024894 ", "<", "E -2147024894 ", "<",
@@ -394,12 +387,12 @@ TEST_F(Convert10Test, MissingMachineNameIndexFailsAndTheRollbackRunsInTheLibrary
     EXPECT_EQ(expectedLines, trace.LinesInScope("CBaseConverter::Convert")) << trace.Dump();
 
     RegTree want = ToRegTree(expected);
-    RegTree actual = Snapshot(kDb, kView32);
+    RegTree actual = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(want == actual) << DiffTrees(want, actual);
     // The backup holds the database as it was before the conversion, without "Backup".
     RegTree backupTree = Snapshot(kBackup, kView32);
     EXPECT_TRUE(originalTree == backupTree) << DiffTrees(originalTree, backupTree);
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
     EXPECT_FALSE(KeyExists(kBackup, kView64));
     EXPECT_EQ((std::vector<std::wstring>{L"Tracing"}), SubkeyNames(kVendor, kView64));
 
@@ -414,7 +407,7 @@ TEST_F(Convert10Test, MissingMachineNameIndexFailsAndTheRollbackRunsInTheLibrary
                                         "> CConverter2::do_Rollback", "<"}),
               trace.LinesInScope("CBaseConverter::Rollback"))
         << trace.Dump();
-    actual = Snapshot(kDb, kView32);
+    actual = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(want == actual) << DiffTrees(want, actual);
     ExpectFreshLoadSeesFormat10();
 }
@@ -424,7 +417,7 @@ TEST_F(Convert10Test, MissingMachineNameIndexFailsAndTheRollbackRunsInTheLibrary
 // written and the rollback finds no backup name. The copy made so far stays.
 TEST_F(Convert10Test, EmptyValueInANameIndexFailsTheBackupWith80070008AndConvertsNothing)
 {
-    nvwriter::DbWriter writer(kDb, KEY_WOW64_32KEY);
+    nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
     nvwriter::DbOptions options;
     options.users = 8;
     options.domainNames = {L"DOM"};
@@ -432,13 +425,13 @@ TEST_F(Convert10Test, EmptyValueInANameIndexFailsTheBackupWith80070008AndConvert
     nvwriter::Write10(writer, options, rng);
     writer.SetBinary(L"Cache\\DOM\\Users\\Index\\NameIndex", L"empty", {});
     writer.Flush();
-    const RegTree before = Snapshot(kDb, kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
 
     {
         LoadedLibrary dll;
         EXPECT_EQ(static_cast<HRESULT>(0x80070008), dll.Convert());
     }
-    RegTree after = Snapshot(kDb, kView32);
+    RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
     EXPECT_EQ(0u, trace.Count("> CConverter2::do_Convert")) << trace.Dump();
     std::vector<std::string> convert = trace.LinesInScope("CBaseConverter::Convert");
@@ -466,7 +459,7 @@ TEST_F(Convert10Test, EmptyValueInANameIndexFailsTheBackupWith80070008AndConvert
 
 TEST_F(Convert10Test, MissingPolicyKeysDoNotFailTheConversion)
 {
-    nvwriter::DbWriter writer(kDb, KEY_WOW64_32KEY);
+    nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
     nvwriter::DbOptions options;
     options.users = 6;
     options.domainNames = {L"DOM"};
@@ -516,9 +509,9 @@ TEST_F(Convert10Test, DatabaseIn64BitViewIsDetectedButCannotBeOpenedByCConverter
               trace.LinesInScope("CBaseConverter::Convert"))
         << trace.Dump();
     RegTree expected = ToRegTree(written);
-    RegTree actual = Snapshot(kDb, kView64);
+    RegTree actual = Snapshot(kDbPath, kView64);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
-    EXPECT_FALSE(KeyExists(kDb, kView32));
+    EXPECT_FALSE(KeyExists(kDbPath, kView32));
     EXPECT_FALSE(KeyExists(kBackup, kView32));
     EXPECT_FALSE(KeyExists(kBackup, kView64));
 }

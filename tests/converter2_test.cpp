@@ -11,23 +11,16 @@
 #include "support/legacy_db_tree.h"
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
+#include "support/db_paths.h"
+#include "support/computer_name.h"
 #include "writer/legacy_writer.h"
 
 using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
 
-std::wstring Sub(const std::wstring& rel) { return std::wstring(kDb) + L"\\" + rel; }
-
-std::wstring ComputerName()
-{
-    wchar_t name[MAX_PATH];
-    DWORD cch = MAX_PATH;
-    EXPECT_TRUE(::GetComputerNameExW(ComputerNameNetBIOS, name, &cch));
-    return std::wstring(name, cch);
-}
+std::wstring Sub(const std::wstring& rel) { return std::wstring(kDbPath) + L"\\" + rel; }
 
 std::vector<BYTE> Id(BYTE seed) { return std::vector<BYTE>(16, seed); }
 
@@ -47,7 +40,7 @@ class Converter2Test : public TraceCaptureTest {};
 
 TEST_F(Converter2Test, BaseIsBuiltForFormat20WithTheDatabaseOpenInThe32BitView)
 {
-    SetString(kDb, L"Version", L"1.0", kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
     CConverter2 converter;
     EXPECT_EQ(0x00020000u, converter.GetTargetVersion());
     EXPECT_EQ(L"2.0", converter.GetTargetVersionText());
@@ -61,14 +54,14 @@ TEST_F(Converter2Test, BaseIsBuiltForFormat20WithTheDatabaseOpenInThe32BitView)
 
 TEST_F(Converter2Test, DatabaseOnlyInThe64BitViewIsNotOpened)
 {
-    SetString(kDb, L"Version", L"1.0", kView64);
+    SetString(kDbPath, L"Version", L"1.0", kView64);
     CConverter2 converter;
     EXPECT_FALSE(converter.HasDatabaseKey());
 }
 
 TEST_F(Converter2Test, ConstructorAndDestructorOpenTheirScopesAroundTheBase)
 {
-    SetString(kDb, L"Version", L"1.0", kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
     {
         CConverter2 converter;
     }
@@ -92,7 +85,7 @@ TEST_F(Converter2Test, RollbackAndCleanupHooksTraceAndChangeNothing)
               trace.Lines())
         << trace.Dump();
     RegTree expected = ToRegTree(record);
-    RegTree actual = Snapshot(kDb, kView32);
+    RegTree actual = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
 }
 
@@ -123,28 +116,28 @@ TEST_F(Converter2Test, ConvertNameIndexDeletesAliceSlashAndKeepsNote)
     const std::wstring index = Sub(L"MainDB\\Users\\Index\\NameIndex");
     SetBinary(index.c_str(), L"alice/", Id(0xA1), kView32);
     SetBinary(index.c_str(), L"note", {1, 2, 3, 4}, kView32);
-    SetString(kDb, L"Version", L"1.0", kView32);
-    RegTree expected = Snapshot(kDb, kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
+    RegTree expected = Snapshot(kDbPath, kView32);
     ASSERT_EQ(1u, expected.values.erase(L"MainDB\\Users\\Index\\NameIndex|alice/"));
 
     CConverter2 converter;
     trace.Start();
     EXPECT_EQ(S_OK, converter.ConvertNameIndexTo20(L"MainDB\\Users\\Index\\NameIndex"));
-    RegTree actual = Snapshot(kDb, kView32);
+    RegTree actual = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
     EXPECT_EQ((std::vector<std::string>{"> CConverter2::ConvertNameIndexTo20", "<"}), trace.Lines())
         << trace.Dump();
 }
 
 TEST_F(Converter2Test, ConvertNameIndexOfAMissingKeyFailsWith80070002)
 {
-    SetString(kDb, L"Version", L"1.0", kView32);
-    RegTree before = Snapshot(kDb, kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
+    RegTree before = Snapshot(kDbPath, kView32);
     CConverter2 converter;
     trace.Start();
     EXPECT_EQ(static_cast<HRESULT>(0x80070002), converter.ConvertNameIndexTo20(L"MainDB\\Users\\Index\\NameIndex"));
-    RegTree after = Snapshot(kDb, kView32);
+    RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
     EXPECT_EQ((std::vector<std::string>{"> CConverter2::ConvertNameIndexTo20", "E -2147024894 ", "<"}),
               trace.Lines())
@@ -166,7 +159,7 @@ TEST_F(Converter2Test, ConvertNameIndexWithAnEmptyValueDeletesEarlierIdentifiers
     std::vector<std::wstring> order = ValueNames(index.c_str(), kView32);
     auto empty = std::find(order.begin(), order.end(), L"k3");
     ASSERT_NE(order.end(), empty);
-    RegTree expected = Snapshot(kDb, kView32);
+    RegTree expected = Snapshot(kDbPath, kView32);
     size_t deleted = 0;
     for (auto it = order.begin(); it != empty; ++it)
         if (*it != L"k0")
@@ -176,7 +169,7 @@ TEST_F(Converter2Test, ConvertNameIndexWithAnEmptyValueDeletesEarlierIdentifiers
     CConverter2 converter;
     trace.Start();
     EXPECT_EQ(static_cast<HRESULT>(0x80070008), converter.ConvertNameIndexTo20(L"Cache\\DOM\\Users\\Index\\NameIndex"));
-    RegTree actual = Snapshot(kDb, kView32);
+    RegTree actual = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
     EXPECT_EQ((std::vector<std::string>{"> CConverter2::ConvertNameIndexTo20", "E -2147024888 ", "<"}),
               trace.Lines())
@@ -211,16 +204,16 @@ TEST_F(Converter2Test, DoConvertRewritesIndexesDeletesPoliciesAndPutsTheVersionL
     EXPECT_EQ(S_OK, converter.do_Convert());
 
     RegTree expected = ToRegTree(record.ExpectedAfter10To20(ComputerName()));
-    RegTree actual = Snapshot(kDb, kView32);
+    RegTree actual = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
     EXPECT_EQ(expectedLines, trace.Lines()) << trace.Dump();
 }
 
 TEST_F(Converter2Test, DoConvertStopsAtTheFirstFailingStoreInOrdinalOrder)
 {
     // "B" sorts before "a": with B's index missing, "a" is never reached.
-    nvwriter::DbWriter writer(kDb, KEY_WOW64_32KEY);
+    nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
     nvwriter::DbOptions options;
     options.users = 9;
     options.domainNames = {L"a", L"B"};
@@ -241,7 +234,7 @@ TEST_F(Converter2Test, DoConvertStopsAtTheFirstFailingStoreInOrdinalOrder)
     trace.Start();
     EXPECT_EQ(static_cast<HRESULT>(0x80070002), converter.do_Convert());
     RegTree expected = ToRegTree(expectedRecord);
-    RegTree actual = Snapshot(kDb, kView32);
+    RegTree actual = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
 
     std::vector<std::string> expectedLines{"> CConverter2::do_Convert", "> CConverter2::CollectNameIndexAndPolicies",
@@ -257,7 +250,7 @@ TEST_F(Converter2Test, DoConvertStopsAtTheFirstFailingStoreInOrdinalOrder)
 
 TEST_F(Converter2Test, MissingPolicyKeysAreNoFailure)
 {
-    nvwriter::DbWriter writer(kDb, KEY_WOW64_32KEY);
+    nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
     nvwriter::DbOptions options;
     options.users = 4;
     options.domainNames = {L"DOM"};
@@ -271,7 +264,7 @@ TEST_F(Converter2Test, MissingPolicyKeysAreNoFailure)
     trace.Start();
     EXPECT_EQ(S_OK, converter.do_Convert());
     RegTree expected = ToRegTree(writer.record().ExpectedAfter10To20(ComputerName()));
-    RegTree actual = Snapshot(kDb, kView32);
+    RegTree actual = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
     EXPECT_EQ((std::vector<std::string>{"> CConverter2::do_Convert", "> CConverter2::CollectNameIndexAndPolicies", "<",
                                         "> CConverter2::ConvertNameIndexTo20", "<", "> CConverter2::ConvertNameIndexTo20",
@@ -284,7 +277,7 @@ TEST_F(Converter2Test, MissingPolicyKeysAreNoFailure)
 
 TEST_F(Converter2Test, FactoryCreatesCConverter2ForMajorVersion1WhateverTheMinor)
 {
-    SetString(kDb, L"Version", L"1.0", kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
     nv::CNVRegKey unused;
     for (DWORD version : {0x00010000u, 0x00010007u}) {
         trace.Start();

@@ -15,13 +15,12 @@
 #include "support/registry_sandbox.h"
 #include "support/test_converter.h"
 #include "support/trace_capture.h"
+#include "support/db_paths.h"
 
 using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
-constexpr const wchar_t kMainDB[] = L"SOFTWARE\\Norvane\\DB\\MainDB";
 constexpr DWORD kSentinel = 0xdeadbeef;
 
 class DBConverterTest : public RegistrySandbox {};
@@ -109,7 +108,7 @@ TEST_F(DBConverterTest, FactoryTableListsMajorsOneToThreeWithTheirTraceLinesAndM
 // MainDB opens in the 32-bit view; every other version gets none.
 TEST_F(DBConverterTest, CreateConverterBuildsCConverter2ForMajorOneCConverter3ForMajorsTwoAndThreeAndNoneForOthers)
 {
-    CreateKeyPath(kMainDB, kView32);
+    CreateKeyPath(kMainDbPath, kView32);
     nv::CNVRegKey unused;
     for (DWORD v : {0x00010000u, 0x00010003u}) {
         std::unique_ptr<CBaseConverter> c(CBaseConverter::CreateConverter(v, unused));
@@ -123,7 +122,7 @@ TEST_F(DBConverterTest, CreateConverterBuildsCConverter2ForMajorOneCConverter3Fo
         std::unique_ptr<CBaseConverter> c(CBaseConverter::CreateConverter(v, unused));
         EXPECT_EQ(nullptr, c.get()) << std::hex << v;
     }
-    DeleteTree(kMainDB, kView32);
+    DeleteTree(kMainDbPath, kView32);
     std::unique_ptr<CBaseConverter> none(CBaseConverter::CreateConverter(0x00030000u, unused));
     EXPECT_EQ(nullptr, none.get());
 }
@@ -145,11 +144,11 @@ TEST_F(DBConverterTest, MajorThreeGetsConverterOnlyWhileMainDBOpensIn32BitView)
 {
     EXPECT_EQ(std::wstring(L"null"), FakeKindFor(0x00030000));
 
-    CreateKeyPath(kMainDB, kView64);
+    CreateKeyPath(kMainDbPath, kView64);
     EXPECT_FALSE(nvframe::DatabaseStillHoldsMainDB());
     EXPECT_EQ(std::wstring(L"null"), FakeKindFor(0x00030000));
 
-    CreateKeyPath(kMainDB, kView32);
+    CreateKeyPath(kMainDbPath, kView32);
     EXPECT_TRUE(nvframe::DatabaseStillHoldsMainDB());
     EXPECT_EQ(std::wstring(L"DB-v2.0"), FakeKindFor(0x00030000));
     EXPECT_EQ(std::wstring(L"DB-v2.0"), FakeKindFor(0x00030001));
@@ -195,8 +194,8 @@ Detected Detect()
 
 TEST_F(DBConverterTest, VersionInOwnViewIsReadFirst)
 {
-    SetString(kDb, L"Version", L"2.0", kView64);
-    SetString(kDb, L"Version", L"1.0", kView32);
+    SetString(kDbPath, L"Version", L"2.0", kView64);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
     Detected d = Detect();
     EXPECT_EQ(S_OK, d.hr);
     EXPECT_EQ(0x00020000u, d.version);
@@ -204,7 +203,7 @@ TEST_F(DBConverterTest, VersionInOwnViewIsReadFirst)
 
 TEST_F(DBConverterTest, VersionIn32BitViewOnlyIsFoundByTheSecondOpen)
 {
-    SetString(kDb, L"Version", L"1.0", kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
     Detected d = Detect();
     EXPECT_EQ(S_OK, d.hr);
     EXPECT_EQ(0x00010000u, d.version);
@@ -214,8 +213,8 @@ TEST_F(DBConverterTest, VersionIn32BitViewOnlyIsFoundByTheSecondOpen)
 // holds no "Version".
 TEST_F(DBConverterTest, DatabaseKeyInOwnViewWithoutVersionHidesThe32BitVersion)
 {
-    CreateKeyPath(kDb, kView64);
-    SetString(kDb, L"Version", L"1.0", kView32);
+    CreateKeyPath(kDbPath, kView64);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
     Detected d = Detect();
     EXPECT_EQ(S_OK, d.hr);
     EXPECT_EQ(0u, d.version);
@@ -245,7 +244,7 @@ TEST_F(DBConverterTest, VersionValueTheReaderRefusesLeavesVersionZero)
     };
     for (const Case& c : cases) {
         WipeSuiteKeys();
-        SetBinary(kDb, L"Version", c.data, kView32, c.type);
+        SetBinary(kDbPath, L"Version", c.data, kView32, c.type);
         Detected d = Detect();
         EXPECT_EQ(S_OK, d.hr) << c.what;
         EXPECT_EQ(0u, d.version) << c.what;
@@ -255,17 +254,17 @@ TEST_F(DBConverterTest, VersionValueTheReaderRefusesLeavesVersionZero)
 
 TEST_F(DBConverterTest, VersionTooLongForItsBufferLeavesVersionZero)
 {
-    SetString(kDb, L"Version", L"2" + std::wstring(259, L'0'), kView64);
+    SetString(kDbPath, L"Version", L"2" + std::wstring(259, L'0'), kView64);
     EXPECT_EQ(0u, Detect().version);
 
     // 259 characters and the terminator still fit.
-    SetString(kDb, L"Version", L"2." + std::wstring(257, L'0'), kView64);
+    SetString(kDbPath, L"Version", L"2." + std::wstring(257, L'0'), kView64);
     EXPECT_EQ(0x00020000u, Detect().version);
 }
 
 TEST_F(DBConverterTest, VersionOfTypeExpandStringIsRead)
 {
-    SetString(kDb, L"Version", L"2.0", kView32, REG_EXPAND_SZ);
+    SetString(kDbPath, L"Version", L"2.0", kView32, REG_EXPAND_SZ);
     EXPECT_EQ(0x00020000u, Detect().version);
 }
 
@@ -277,7 +276,7 @@ TEST_F(DBConverterTest, VersionTextsAreParsedAsTheRulesSay)
     } cases[] = {{L"1", 0x00010000}, {L"DB-v1.0", 0}, {L"2.5", 0x00020005}, {L"3.0", 0x00030000}, {L"", 0}};
     for (const Case& c : cases) {
         WipeSuiteKeys();
-        SetString(kDb, L"Version", c.text, kView32);
+        SetString(kDbPath, L"Version", c.text, kView32);
         Detected d = Detect();
         EXPECT_EQ(S_OK, d.hr) << Narrow(c.text);
         EXPECT_EQ(c.version, d.version) << Narrow(c.text);
@@ -288,8 +287,8 @@ TEST_F(DBConverterTest, VersionTextsAreParsedAsTheRulesSay)
 
 TEST_F(DBConverterTest, DetectionWritesNothing)
 {
-    SetString(kDb, L"Version", L"1.0", kView32);
-    CreateKeyPath(kMainDB, kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
+    CreateKeyPath(kMainDbPath, kView32);
     const RegTree before32 = Snapshot(L"SOFTWARE\\Norvane", kView32);
     Detect();
     EXPECT_TRUE(before32 == Snapshot(L"SOFTWARE\\Norvane", kView32));
@@ -298,7 +297,7 @@ TEST_F(DBConverterTest, DetectionWritesNothing)
 
 TEST_F(DBConverterTest, FinalConstructReplacesAConverterHeldBefore)
 {
-    SetString(kDb, L"Version", L"4.0", kView64);
+    SetString(kDbPath, L"Version", L"4.0", kView64);
     CDBConverter holder;
     bool destroyed = false;
     auto* old = new TestConverter(0, 0, L"DB-old");
@@ -336,7 +335,7 @@ TEST_F(DBConverterTest, ActionsWithoutConverterAnswerEFail)
 
 TEST_F(DBConverterTest, ActionsReachTheHeldConverter)
 {
-    SetString(kDb, L"Version", L"1.0", kView64);
+    SetString(kDbPath, L"Version", L"1.0", kView64);
     CDBConverter holder;
     auto* c = new TestConverter(0, 0, L"DB-v2.0");
     holder.m_pConverter.reset(c);
@@ -392,7 +391,7 @@ using Lines = std::vector<std::string>;
 
 TEST_F(DBConverterTraceTest, DetectionTracesTheVersionReadAndTheFactoryChoice)
 {
-    SetString(kDb, L"Version", L"1.0", kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
     Detect();
     // The holder goes at the end of Detect, and its converter with it.
     EXPECT_EQ((Lines{
@@ -411,7 +410,7 @@ TEST_F(DBConverterTraceTest, DetectionTracesTheVersionReadAndTheFactoryChoice)
 
 TEST_F(DBConverterTraceTest, VersionWithoutConverterTracesReturningNull)
 {
-    SetString(kDb, L"Version", L"4.1", kView64);
+    SetString(kDbPath, L"Version", L"4.1", kView64);
     Detect();
     EXPECT_EQ((Lines{
                   "> CDBConverter::FinalConstruct",
@@ -426,7 +425,7 @@ TEST_F(DBConverterTraceTest, VersionWithoutConverterTracesReturningNull)
 
 TEST_F(DBConverterTraceTest, UnreadableVersionStillTracesTheVersionWord)
 {
-    SetDword(kDb, L"Version", 0x00020000, kView64);
+    SetDword(kDbPath, L"Version", 0x00020000, kView64);
     Detect();
     EXPECT_EQ((Lines{
                   "> CDBConverter::FinalConstruct",
@@ -446,8 +445,8 @@ TEST_F(DBConverterTraceTest, MissingDatabaseTracesOnlyTheOpenError)
 
 TEST_F(DBConverterTraceTest, ChosenConverterIsTracedBeforeItIsBuilt)
 {
-    SetString(kDb, L"Version", L"3.0", kView32);
-    CreateKeyPath(kMainDB, kView32);
+    SetString(kDbPath, L"Version", L"3.0", kView32);
+    CreateKeyPath(kMainDbPath, kView32);
     std::unique_ptr<CBaseConverter> three(nvframe::CreateConverterFrom(kFakeKinds, 3, 0x00030000));
     std::unique_ptr<CBaseConverter> one(nvframe::CreateConverterFrom(kFakeKinds, 3, 0x00010000));
     EXPECT_EQ((Lines{

@@ -10,15 +10,14 @@
 #include "support/dll_loader.h"
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
+#include "support/db_paths.h"
 #include "writer/legacy_writer.h"
 
 using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
 constexpr const wchar_t kVendor[] = L"SOFTWARE\\Norvane";
-constexpr const wchar_t kMainDB[] = L"SOFTWARE\\Norvane\\DB\\MainDB";
 constexpr DWORD kSentinel = 0xdeadbeef;
 
 class DllFrameTest : public RegistrySandbox {
@@ -103,10 +102,10 @@ TEST_F(DllFrameTest, Version10In32BitViewOnlyIsDetectedAndConvertedByCConverter2
         EXPECT_EQ(S_FALSE, dll.Cleanup());
     }
     std::wstring version;
-    EXPECT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    EXPECT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(std::wstring(L"2.0"), version);
     RegValue ignored;
-    EXPECT_FALSE(GetValue(kDb, L"Backup", kView32, &ignored));
+    EXPECT_FALSE(GetValue(kDbPath, L"Backup", kView32, &ignored));
     EXPECT_EQ(std::vector<std::wstring>{L"DB"}, SubkeyNames(kVendor, kView32));
     EXPECT_FALSE(KeyExists(kVendor, kView64));
 }
@@ -116,8 +115,8 @@ TEST_F(DllFrameTest, Version10In32BitViewOnlyIsDetectedAndConvertedByCConverter2
 // from the registry state alone.
 TEST_F(DllFrameTest, CleanupInALaterProcessRemovesTheBackupLeftBehind)
 {
-    SetString(kDb, L"Version", L"1.0", kView32);
-    SetString(kDb, L"Backup", L"SOFTWARE\\Norvane\\DB-v1.0", kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
+    SetString(kDbPath, L"Backup", L"SOFTWARE\\Norvane\\DB-v1.0", kView32);
     SetString(L"SOFTWARE\\Norvane\\DB-v1.0", L"Version", L"1.0", kView32);
     SetDword(L"SOFTWARE\\Norvane\\DB-v1.0\\Sub", L"x", 1, kView32);
     {
@@ -130,7 +129,7 @@ TEST_F(DllFrameTest, CleanupInALaterProcessRemovesTheBackupLeftBehind)
     expected.exists = true;
     expected.keys = {L""};
     expected.values[L"|Version"] = RegValue{REG_SZ, {'1', 0, '.', 0, '0', 0, 0, 0}};
-    const RegTree db = Snapshot(kDb, kView32);
+    const RegTree db = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == db) << DiffTrees(expected, db);
     EXPECT_FALSE(KeyExists(kVendor, kView64));
 }
@@ -141,8 +140,8 @@ TEST_F(DllFrameTest, CleanupInALaterProcessRemovesTheBackupLeftBehind)
 // 32-bit database, its "Backup" value and the 32-bit backup all stay as they were.
 TEST_F(DllFrameTest, RollbackInALaterProcessCannotReachThe32BitDatabase)
 {
-    SetString(kDb, L"Version", L"1.0", kView32);
-    SetString(kDb, L"Backup", L"SOFTWARE\\Norvane\\DB-v1.0", kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
+    SetString(kDbPath, L"Backup", L"SOFTWARE\\Norvane\\DB-v1.0", kView32);
     SetString(L"SOFTWARE\\Norvane\\DB-v1.0", L"Version", L"1.0", kView32);
     const BothViews before;
     {
@@ -154,8 +153,8 @@ TEST_F(DllFrameTest, RollbackInALaterProcessCannotReachThe32BitDatabase)
 
 TEST_F(DllFrameTest, VersionInOwnViewWinsOverThe32BitView)
 {
-    SetString(kDb, L"Version", L"2.0", kView64);
-    SetString(kDb, L"Version", L"1.0", kView32);
+    SetString(kDbPath, L"Version", L"2.0", kView64);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
     Versions v = Load();
     EXPECT_EQ(S_OK, v.hr);
     EXPECT_EQ(0x00020000u, v.current);
@@ -165,8 +164,8 @@ TEST_F(DllFrameTest, VersionInOwnViewWinsOverThe32BitView)
 
 TEST_F(DllFrameTest, Version30GetsCConverter3OnlyWhileMainDBStillOpens)
 {
-    SetString(kDb, L"Version", L"3.0", kView32);
-    CreateKeyPath(kMainDB, kView32);
+    SetString(kDbPath, L"Version", L"3.0", kView32);
+    CreateKeyPath(kMainDbPath, kView32);
     {
         LoadedLibrary dll;
         DWORD current = kSentinel, target = kSentinel;
@@ -174,7 +173,7 @@ TEST_F(DllFrameTest, Version30GetsCConverter3OnlyWhileMainDBStillOpens)
         EXPECT_EQ(0x00030000u, current);
         EXPECT_EQ(0x00030000u, target);
     }
-    DeleteTree(kMainDB, kView32);
+    DeleteTree(kMainDbPath, kView32);
     {
         LoadedLibrary dll;
         DWORD current = kSentinel, target = kSentinel;
@@ -202,7 +201,7 @@ TEST_F(DllFrameTest, VersionTextsAndTypesFollowTheReaderAndParseRules)
     };
     for (const Case& c : cases) {
         WipeSuiteKeys();
-        SetString(kDb, L"Version", c.text, kView32, c.type);
+        SetString(kDbPath, L"Version", c.text, kView32, c.type);
         Versions v = Load();
         EXPECT_EQ(S_OK, v.hr) << c.what;
         EXPECT_EQ(c.version, v.current) << c.what;
@@ -212,7 +211,7 @@ TEST_F(DllFrameTest, VersionTextsAndTypesFollowTheReaderAndParseRules)
 
 TEST_F(DllFrameTest, DwordVersionIsRefusedByTheReader)
 {
-    SetDword(kDb, L"Version", 0x00010000, kView32);
+    SetDword(kDbPath, L"Version", 0x00010000, kView32);
     Versions v = Load();
     EXPECT_EQ(S_OK, v.hr);
     EXPECT_EQ(0u, v.current);
@@ -221,7 +220,7 @@ TEST_F(DllFrameTest, DwordVersionIsRefusedByTheReader)
 
 TEST_F(DllFrameTest, GetDBVersionWithOneNullPointerIsInvalidArgAndLeavesTheOtherAlone)
 {
-    SetString(kDb, L"Version", L"1.0", kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
     LoadedLibrary dll;
     DWORD value = kSentinel;
     EXPECT_EQ(static_cast<HRESULT>(0x80070057), dll.GetDBVersion(nullptr, &value));
@@ -232,11 +231,11 @@ TEST_F(DllFrameTest, GetDBVersionWithOneNullPointerIsInvalidArgAndLeavesTheOther
 
 TEST_F(DllFrameTest, EveryLoadDetectsTheVersionAfresh)
 {
-    SetString(kDb, L"Version", L"1.0", kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
     EXPECT_EQ(0x00010000u, Load().current);
-    SetString(kDb, L"Version", L"2.0", kView32);
+    SetString(kDbPath, L"Version", L"2.0", kView32);
     EXPECT_EQ(0x00020000u, Load().current);
-    DeleteTree(kDb, kView32);
+    DeleteTree(kDbPath, kView32);
     EXPECT_EQ(0u, Load().current);
 }
 
@@ -253,7 +252,7 @@ class DllFrameTraceTest : public TraceCaptureTest {};
 
 TEST_F(DllFrameTraceTest, LoadTracesModuleInitAndVersionDetectionIn32BitView)
 {
-    SetString(kDb, L"Version", L"1.0", kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
     {
         LoadedLibrary dll;
         DWORD current = kSentinel, target = kSentinel;
@@ -277,7 +276,7 @@ TEST_F(DllFrameTraceTest, LoadTracesModuleInitAndVersionDetectionIn32BitView)
 
 TEST_F(DllFrameTraceTest, UnknownVersionTracesReturningNull)
 {
-    SetString(kDb, L"Version", L"0.9", kView64);
+    SetString(kDbPath, L"Version", L"0.9", kView64);
     {
         LoadedLibrary dll;
         EXPECT_EQ(E_FAIL, dll.Convert());
@@ -308,7 +307,7 @@ TEST_F(DllFrameTraceTest, LoadWithoutDatabaseTracesTheOpenError)
 
 TEST_F(DllFrameTraceTest, Version30WithoutMainDBReturnsNull)
 {
-    SetString(kDb, L"Version", L"3.0", kView32);
+    SetString(kDbPath, L"Version", L"3.0", kView32);
     {
         LoadedLibrary dll;
         EXPECT_EQ(static_cast<HRESULT>(0x80004005), dll.Convert());

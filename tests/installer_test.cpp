@@ -17,6 +17,8 @@
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
 #include "support/store_sandbox.h"
+#include "support/db_paths.h"
+#include "support/text_util.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -24,9 +26,7 @@ using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
 constexpr const wchar_t kBackup10[] = L"SOFTWARE\\Norvane\\DB-v1.0";
-constexpr const wchar_t kBackup20[] = L"SOFTWARE\\Norvane\\DB-v2.0";
 
 std::wstring InstallerPath() { return ExeDirectory() + L"nvdbconv-setup.exe"; }
 
@@ -34,30 +34,6 @@ struct InstallerRun {
     DWORD exitCode = 0xdeadbeef;
     std::vector<std::string> log;
 };
-
-std::vector<std::string> ReadLogLines(const std::wstring& path)
-{
-    std::vector<std::string> lines;
-    HANDLE file = ::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-    if (file == INVALID_HANDLE_VALUE)
-        return lines;
-    std::string text;
-    char buf[4096];
-    DWORD n = 0;
-    while (::ReadFile(file, buf, sizeof(buf), &n, nullptr) && n)
-        text.append(buf, n);
-    ::CloseHandle(file);
-    text = WithoutCarriageReturns(text);
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos)
-            end = text.size();
-        lines.push_back(text.substr(start, end - start));
-        start = end + 1;
-    }
-    return lines;
-}
 
 // Runs the installer silently with its log in a fresh temporary file.
 InstallerRun RunInstaller()
@@ -73,7 +49,7 @@ InstallerRun RunInstaller()
     EXPECT_TRUE(process.started);
     EXPECT_FALSE(process.timedOut);
     run.exitCode = process.exitCode;
-    run.log = ReadLogLines(log);
+    run.log = ReadFileLines(log);
     ::DeleteFileW(log);
     return run;
 }
@@ -90,7 +66,6 @@ std::string Joined(const std::vector<std::string>& lines)
 // script's own CoInitializeEx answers S_FALSE and is balanced all the same.
 const char kComLine[] = "CoInitializeEx = 0x00000001";
 
-constexpr const wchar_t kPolicy[] = L"SOFTWARE\\Norvane\\Policies\\Default";
 
 // Everything the suite keeps, both views. The installer writes the policy value on
 // every run; a test that compares sets it first.
@@ -162,15 +137,15 @@ TEST_F(InstallerStoreTest, A10DatabaseReaches30InOneRun)
                       {"outcome = converted 1.0 -> 2.0 -> 3.0"}}),
               run.log);
 
-    EXPECT_TRUE(KeyExists(kDb, kView32));
+    EXPECT_TRUE(KeyExists(kDbPath, kView32));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Data", kView32));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\MainDB", kView32));
-    for (const wchar_t* backup : {kBackup10, kBackup20}) {
+    for (const wchar_t* backup : {kBackup10, kBackup20Path}) {
         EXPECT_FALSE(KeyExists(backup, kView32));
         EXPECT_FALSE(KeyExists(backup, kView64));
     }
     RegValue backupValue;
-    EXPECT_FALSE(GetValue(kDb, L"Backup", kView32, &backupValue));
+    EXPECT_FALSE(GetValue(kDbPath, L"Backup", kView32, &backupValue));
     EXPECT_EQ(SortedSids(db20), nvstore::inspect::ListUsers());
 }
 
@@ -188,14 +163,14 @@ TEST_F(InstallerStoreTest, Converts20DatabaseIntoTheStoreThenCleansUp)
 
     // Every user moved: the old per-user data and MainDB are gone, the rest of the
     // database stays, and no backup is left behind.
-    EXPECT_TRUE(KeyExists(kDb, kView32));
+    EXPECT_TRUE(KeyExists(kDbPath, kView32));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Data", kView32));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\MainDB", kView32));
     EXPECT_TRUE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Cache", kView32));
-    EXPECT_FALSE(KeyExists(kBackup20, kView64));
-    EXPECT_FALSE(KeyExists(kBackup20, kView32));
+    EXPECT_FALSE(KeyExists(kBackup20Path, kView64));
+    EXPECT_FALSE(KeyExists(kBackup20Path, kView32));
     RegValue backupValue;
-    EXPECT_FALSE(GetValue(kDb, L"Backup", kView32, &backupValue));
+    EXPECT_FALSE(GetValue(kDbPath, L"Backup", kView32, &backupValue));
 
     EXPECT_EQ(SortedSids(db), nvstore::inspect::ListUsers());
     for (const auto& user : db.users) {
@@ -216,7 +191,7 @@ TEST_F(InstallerStoreTest, ASecondRunOnAConvertedMachineSucceedsAndChangesNothin
     Write20(containers, 3);
     ASSERT_EQ(0u, RunInstaller().exitCode);
     std::wstring version;
-    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    ASSERT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     ASSERT_EQ(L"2.1", version);
     const SuiteSnapshot before = SnapshotSuite();
 
@@ -229,7 +204,7 @@ TEST_F(InstallerStoreTest, ASecondRunOnAConvertedMachineSucceedsAndChangesNothin
               }),
               run.log);
     ExpectSuiteUnchanged(before, __LINE__);
-    EXPECT_FALSE(KeyExists(kBackup20, kView64));
+    EXPECT_FALSE(KeyExists(kBackup20Path, kView64));
 }
 
 // The layout decides, not "Version".
@@ -237,10 +212,10 @@ TEST_F(InstallerTest, ALayout30DatabaseIsConvertedWhateverVersionReads)
 {
     for (const wchar_t* text : {L"2.0", L"2.1", L"3.0"}) {
         SCOPED_TRACE(Narrow(text));
-        ASSERT_TRUE(DeleteTree(kDb, kView32));
-        SetString(kDb, L"Version", text, kView32);
+        ASSERT_TRUE(DeleteTree(kDbPath, kView32));
+        SetString(kDbPath, L"Version", text, kView32);
         SetString(L"SOFTWARE\\Norvane\\DB\\Policies", L"Kept", L"yes", kView32);
-        SetDword(kPolicy, L"StrictConversion", 1, kView64);
+        SetDword(kPolicyDefaultPath, L"StrictConversion", 1, kView64);
         const SuiteSnapshot before = SnapshotSuite();
         const InstallerRun run = RunInstaller();
         EXPECT_EQ(0u, run.exitCode) << Joined(run.log);
@@ -304,8 +279,8 @@ TEST_F(InstallerTest, AFailingConvertWithoutABackupIsNotRolledBackAgain)
     nvwriter::DbRecord record;
     ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
     // An empty value cannot be backed up (Win32 error 8), so Convert fails first thing.
-    SetBinary(kDb, L"Empty", {}, kView32);
-    const RegTree before = Snapshot(kDb, kView32);
+    SetBinary(kDbPath, L"Empty", {}, kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
 
     const InstallerRun run = RunInstaller();
     EXPECT_EQ(1u, run.exitCode) << Joined(run.log);
@@ -321,10 +296,10 @@ TEST_F(InstallerTest, AFailingConvertWithoutABackupIsNotRolledBackAgain)
                   "FreeLibrary = ok",
               }),
               run.log);
-    const RegTree after = Snapshot(kDb, kView32);
+    const RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
     RegValue backupValue;
-    EXPECT_FALSE(GetValue(kDb, L"Backup", kView32, &backupValue));
+    EXPECT_FALSE(GetValue(kDbPath, L"Backup", kView32, &backupValue));
 }
 
 // "Backup" left naming a key that is not there (here one the library refuses, so
@@ -337,9 +312,9 @@ TEST_F(InstallerTest, RollbackIsNotCalledWhenTheBackupKeyIsMissing)
     options.domains = 1;
     nvwriter::DbRecord record;
     ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
-    SetBinary(kDb, L"Empty", {}, kView32);
-    SetString(kDb, L"Backup", L"SOFTWARE\\Norvane\\Gone", kView32);
-    const RegTree before = Snapshot(kDb, kView32);
+    SetBinary(kDbPath, L"Empty", {}, kView32);
+    SetString(kDbPath, L"Backup", L"SOFTWARE\\Norvane\\Gone", kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
 
     const InstallerRun run = RunInstaller();
     EXPECT_EQ(1u, run.exitCode) << Joined(run.log);
@@ -355,7 +330,7 @@ TEST_F(InstallerTest, RollbackIsNotCalledWhenTheBackupKeyIsMissing)
                   "FreeLibrary = ok",
               }),
               run.log);
-    const RegTree after = Snapshot(kDb, kView32);
+    const RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
 }
 
@@ -363,7 +338,7 @@ TEST_F(InstallerTest, RollbackIsNotCalledWhenTheBackupKeyIsMissing)
 // backup key, which exists: then the installer calls Rollback.
 TEST_F(InstallerTest, RollbackIsCalledWhenTheBackupKeyExists)
 {
-    nvwriter::DbWriter writer(kDb, KEY_WOW64_32KEY);
+    nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
     nvwriter::DbOptions options;
     options.users = 6;
     options.domains = 1;
@@ -402,19 +377,19 @@ TEST_F(InstallerTest, WithoutADatabaseThereIsNothingToConvert)
                   "FreeLibrary = ok",
               }),
               run.log);
-    EXPECT_FALSE(KeyExists(kDb, kView32));
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    EXPECT_FALSE(KeyExists(kDbPath, kView32));
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
 }
 
 TEST_F(InstallerTest, TheInstallerTurnsTheStrictConversionPolicyOn)
 {
-    ASSERT_FALSE(KeyExists(kPolicy, kView64));
+    ASSERT_FALSE(KeyExists(kPolicyDefaultPath, kView64));
     const InstallerRun run = RunInstaller();
     EXPECT_EQ(0u, run.exitCode) << Joined(run.log);
     // In the library's own (64-bit) view, where Convert reads it.
     RegValue value;
-    ASSERT_TRUE(GetValue(kPolicy, L"StrictConversion", kView64, &value));
+    ASSERT_TRUE(GetValue(kPolicyDefaultPath, L"StrictConversion", kView64, &value));
     EXPECT_EQ(DWORD(REG_DWORD), value.type);
     EXPECT_EQ((std::vector<BYTE>{1, 0, 0, 0}), value.data);
-    EXPECT_FALSE(KeyExists(kPolicy, kView32));
+    EXPECT_FALSE(KeyExists(kPolicyDefaultPath, kView32));
 }

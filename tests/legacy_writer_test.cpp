@@ -10,6 +10,7 @@
 #include "support/key_containers.h"
 #include "support/legacy_db_tree.h"
 #include "support/registry_sandbox.h"
+#include "support/db_paths.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -17,9 +18,8 @@ using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
 
-std::wstring Sub(const std::wstring& rel) { return std::wstring(kDb) + L"\\" + rel; }
+std::wstring Sub(const std::wstring& rel) { return std::wstring(kDbPath) + L"\\" + rel; }
 
 nvwriter::DbRecord Write(const nvwriter::DbOptions& options)
 {
@@ -72,12 +72,12 @@ TEST_F(LegacyWriterTest, RecordMatchesTheRegistryValueByValueAndOnlyInTheChosenV
     options.seed = 11;
     nvwriter::DbRecord record = Write(options);
 
-    RegTree actual = Snapshot(kDb, kView32);
+    RegTree actual = Snapshot(kDbPath, kView32);
     RegTree expected = ToRegTree(record);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
     EXPECT_EQ(KEY_WOW64_32KEY, record.view);
-    EXPECT_EQ(std::wstring(kDb), record.dbPath);
+    EXPECT_EQ(std::wstring(kDbPath), record.dbPath);
     // A sanity floor, so that an empty record cannot pass for a match.
     EXPECT_GT(record.ValueCount(), 40u * 3);
 }
@@ -91,7 +91,7 @@ TEST_F(LegacyWriterTest, Format10LayoutHasVersionIndexesUsersAndPolicies)
     nvwriter::DbRecord record = Write(options);
 
     std::wstring version;
-    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    ASSERT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"1.0", version);
     EXPECT_EQ(L"1.0", record.versionText);
 
@@ -164,16 +164,16 @@ TEST_F(LegacyWriterTest, SameSeedGivesTheSameDatabaseAndAnotherSeedADifferentOne
     options.domains = 2;
     options.seed = 99;
     Write(options);
-    RegTree first = Snapshot(kDb, kView32);
+    RegTree first = Snapshot(kDbPath, kView32);
 
     options.wipe = true;
     Write(options);
-    RegTree second = Snapshot(kDb, kView32);
+    RegTree second = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(first == second) << DiffTrees(first, second);
 
     options.seed = 100;
     Write(options);
-    RegTree third = Snapshot(kDb, kView32);
+    RegTree third = Snapshot(kDbPath, kView32);
     EXPECT_FALSE(first == third);
 }
 
@@ -184,27 +184,27 @@ TEST_F(LegacyWriterTest, View64WritesIntoThe64BitViewOnly)
     options.users = 5;
     options.domains = 1;
     nvwriter::DbRecord record = Write(options);
-    RegTree actual = Snapshot(kDb, kView64);
+    RegTree actual = Snapshot(kDbPath, kView64);
     RegTree expected = ToRegTree(record);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
-    EXPECT_FALSE(KeyExists(kDb, kView32));
+    EXPECT_FALSE(KeyExists(kDbPath, kView32));
 }
 
 TEST_F(LegacyWriterTest, ExistingDatabaseIsRefusedWithoutWipeAndLeftAlone)
 {
-    SetString(kDb, L"Version", L"3.0", kView32);
-    RegTree before = Snapshot(kDb, kView32);
+    SetString(kDbPath, L"Version", L"3.0", kView32);
+    RegTree before = Snapshot(kDbPath, kView32);
     nvwriter::DbOptions options;
     nvwriter::DbRecord record;
     record.versionText = L"sentinel";
     EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_ALREADY_EXISTS), nvwriter::WriteDatabase(options, &record));
     EXPECT_EQ(L"sentinel", record.versionText);
-    RegTree after = Snapshot(kDb, kView32);
+    RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
 
     options.wipe = true;
     record = Write(options);
-    RegTree written = Snapshot(kDb, kView32);
+    RegTree written = Snapshot(kDbPath, kView32);
     RegTree expected = ToRegTree(record);
     EXPECT_TRUE(expected == written) << DiffTrees(expected, written);
 }
@@ -221,10 +221,10 @@ TEST_F(LegacyWriterTest, Format20ComesFromThe20WriterAndIsRecordedValueByValue)
     containers.Track(model.hostId);
 
     nvwriter::DbRecord record = Write(options);
-    RegTree actual = Snapshot(kDb, kView32);
+    RegTree actual = Snapshot(kDbPath, kView32);
     RegTree expected = ToRegTree(record);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
     EXPECT_EQ(L"2.0", record.versionText);
     EXPECT_EQ(nvwriter::DomainNames10(options), model.domains);
 
@@ -256,7 +256,7 @@ TEST_F(LegacyWriterTest, Users20AreAddedToA10DatabaseBesideItsStores)
     containers.Track(model.hostId);
 
     nvwriter::DbRecord record = Write(options);
-    RegTree actual = Snapshot(kDb, kView32);
+    RegTree actual = Snapshot(kDbPath, kView32);
     RegTree expected = ToRegTree(record);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
     EXPECT_EQ(L"1.0", record.versionText);
@@ -305,7 +305,7 @@ TEST_F(LegacyWriterTest, RemovalsAndHandMadeValuesKeepTheRecordInStep)
     nvwriter::DbOptions options;
     options.users = 8;
     options.domains = 2;
-    nvwriter::DbWriter writer(kDb, KEY_WOW64_32KEY);
+    nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
     nvwriter::Prng rng(options.seed);
     nvwriter::Write10(writer, options, rng);
     const std::wstring domain = writer.record().stores[1].name;
@@ -318,7 +318,7 @@ TEST_F(LegacyWriterTest, RemovalsAndHandMadeValuesKeepTheRecordInStep)
 
     EXPECT_EQ(0u, writer.record().keys.count(L"MainDB\\Users\\Index\\NameIndex"));
     EXPECT_EQ(1u, writer.record().keys.count(L"MainDB\\Users\\Index"));
-    RegTree actual = Snapshot(kDb, kView32);
+    RegTree actual = Snapshot(kDbPath, kView32);
     RegTree expected = ToRegTree(writer.record());
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
     RegValue odd;
@@ -329,7 +329,7 @@ TEST_F(LegacyWriterTest, RemovalsAndHandMadeValuesKeepTheRecordInStep)
 TEST(LegacyWriterOracleTest, ExpectedAfter10To20DropsIdentifiersAndPoliciesButSparesTheComputerNamedDomain)
 {
     nvwriter::DbRecord r;
-    r.dbPath = kDb;
+    r.dbPath = kDbPath;
     r.keys = {L"",
               L"Cache",
               L"Cache\\DOM",

@@ -20,6 +20,7 @@
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
 #include "support/store_sandbox.h"
+#include "support/db_paths.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -27,8 +28,6 @@ using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
-constexpr const wchar_t kPolicy[] = L"SOFTWARE\\Norvane\\Policies\\Default";
 constexpr DWORD kInstallFailure = 1603;
 
 std::wstring PackagePath() { return ExeDirectory() + L"nvdbconv-upgrade.msi"; }
@@ -162,7 +161,7 @@ TEST_F(MsiInstallerTest, A20DatabaseConvertsIntoTheStoreAndTheInstallReturns0)
 
     // The strict conversion policy is on, in the library's own (64-bit) view.
     DWORD strict = 0;
-    EXPECT_TRUE(GetDword(kPolicy, L"StrictConversion", kView64, &strict));
+    EXPECT_TRUE(GetDword(kPolicyDefaultPath, L"StrictConversion", kView64, &strict));
     EXPECT_EQ(1u, strict);
 
     // Every user moved: the old per-user data is gone, no backup is left.
@@ -170,7 +169,7 @@ TEST_F(MsiInstallerTest, A20DatabaseConvertsIntoTheStoreAndTheInstallReturns0)
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\MainDB", kView32));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB-v2.0", kView64));
     RegValue backup;
-    EXPECT_FALSE(GetValue(kDb, L"Backup", kView32, &backup));
+    EXPECT_FALSE(GetValue(kDbPath, L"Backup", kView32, &backup));
     std::vector<std::wstring> sids;
     for (const auto& user : db.users)
         sids.push_back(user.sidText);
@@ -186,9 +185,9 @@ TEST_F(MsiInstallerTest, AFailingConvertFailsTheInstallWith1603AndRunsTheRollbac
     nvwriter::DbRecord record;
     ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
     // An empty value cannot be backed up (Win32 error 8): Convert fails first thing.
-    SetBinary(kDb, L"Empty", {}, kView32);
-    const RegTree before32 = Snapshot(kDb, kView32);
-    const RegTree before64 = Snapshot(kDb, kView64);
+    SetBinary(kDbPath, L"Empty", {}, kView32);
+    const RegTree before32 = Snapshot(kDbPath, kView32);
+    const RegTree before64 = Snapshot(kDbPath, kView64);
 
     const MsiRun run = Msiexec(L"/i");
     m_installed = run.exitCode == 0;
@@ -211,12 +210,12 @@ TEST_F(MsiInstallerTest, AFailingConvertFailsTheInstallWith1603AndRunsTheRollbac
     // Nothing lost: the database as before, in both views. The install is undone:
     // no policy value, no library. The backup copy that stopped at the empty value
     // stays behind (it was never named by "Backup", so nothing restores from it).
-    const RegTree after32 = Snapshot(kDb, kView32);
-    const RegTree after64 = Snapshot(kDb, kView64);
+    const RegTree after32 = Snapshot(kDbPath, kView32);
+    const RegTree after64 = Snapshot(kDbPath, kView64);
     EXPECT_TRUE(before32 == after32) << DiffTrees(before32, after32);
     EXPECT_TRUE(before64 == after64) << DiffTrees(before64, after64);
     DWORD strict = 0;
-    EXPECT_FALSE(GetDword(kPolicy, L"StrictConversion", kView64, &strict));
+    EXPECT_FALSE(GetDword(kPolicyDefaultPath, L"StrictConversion", kView64, &strict));
     EXPECT_FALSE(FileExists(InstalledLibrary()));
     EXPECT_TRUE(KeyExists(L"SOFTWARE\\Norvane\\DB-v1.0", kView32));
 }
@@ -289,7 +288,7 @@ TEST_F(MsiInstallerTest, A10DatabaseReaches30InOneInstall)
               }),
               run.lines)
         << run.log;
-    EXPECT_TRUE(KeyExists(kDb, kView32));
+    EXPECT_TRUE(KeyExists(kDbPath, kView32));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Data", kView32));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\MainDB", kView32));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB-v1.0", kView32));
@@ -313,7 +312,7 @@ TEST_F(MsiInstallerTest, ASecondInstallOnAConvertedMachineSucceedsAndChangesNoth
     run = Msiexec(L"/x");
     ASSERT_EQ(0u, run.exitCode) << run.log;
     std::wstring version;
-    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    ASSERT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     ASSERT_EQ(L"2.1", version);
     const std::vector<RegTree> before = SnapshotData();
 

@@ -9,22 +9,15 @@
 #include "common/hresult.h"
 #include "converter2/nameindex.h"
 #include "support/registry_sandbox.h"
+#include "support/db_paths.h"
+#include "support/computer_name.h"
 
 using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
 
-std::wstring Sub(const std::wstring& rel) { return std::wstring(kDb) + L"\\" + rel; }
-
-std::wstring ComputerName()
-{
-    wchar_t name[MAX_PATH];
-    DWORD cch = MAX_PATH;
-    EXPECT_TRUE(::GetComputerNameExW(ComputerNameNetBIOS, name, &cch));
-    return std::wstring(name, cch);
-}
+std::wstring Sub(const std::wstring& rel) { return std::wstring(kDbPath) + L"\\" + rel; }
 
 std::vector<BYTE> Id(BYTE seed)
 {
@@ -45,8 +38,8 @@ class NameIndexTest : public RegistrySandbox {
 protected:
     void OpenDb()
     {
-        CreateKeyPath(kDb, kView32);
-        ASSERT_EQ(ERROR_SUCCESS, ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kDb, 0, KEY_READ | KEY_WRITE | kView32,
+        CreateKeyPath(kDbPath, kView32);
+        ASSERT_EQ(ERROR_SUCCESS, ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kDbPath, 0, KEY_READ | KEY_WRITE | kView32,
                                                  m_db.put()));
     }
     void TearDown() override
@@ -240,25 +233,25 @@ TEST_F(NameIndexTest, SixteenByteValuesGoAndOthersStay)
     SetBinary(index.c_str(), L"text16", Text(L"1234567"), kView32, REG_SZ); // 16 bytes of text
     SetString(Sub(L"MainDB").c_str(), L"beside", L"x", kView32);
     OpenDb();
-    RegTree before = Snapshot(kDb, kView32);
+    RegTree before = Snapshot(kDbPath, kView32);
 
     ASSERT_EQ(S_OK, Strip(L"MainDB\\Users\\Index\\NameIndex"));
 
     RegTree expected = before;
     for (const wchar_t* gone : {L"alice/", L"bob", L"text16"})
         ASSERT_EQ(1u, expected.values.erase(std::wstring(L"MainDB\\Users\\Index\\NameIndex|") + gone));
-    RegTree after = Snapshot(kDb, kView32);
+    RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == after) << DiffTrees(expected, after);
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
 }
 
 TEST_F(NameIndexTest, MissingNameIndexFailsWithFileNotFoundAndChangesNothing)
 {
     SetBinary(Sub(L"MainDB\\Users").c_str(), L"id", Id(3), kView32);
     OpenDb();
-    RegTree before = Snapshot(kDb, kView32);
+    RegTree before = Snapshot(kDbPath, kView32);
     EXPECT_EQ(static_cast<HRESULT>(0x80070002), Strip(L"MainDB\\Users\\Index\\NameIndex"));
-    RegTree after = Snapshot(kDb, kView32);
+    RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
 }
 
@@ -282,7 +275,7 @@ TEST_F(NameIndexTest, EmptyValueFailsWithError8AfterDeletingTheIdentifiersFoundB
     ASSERT_NE(order.end(), empty);
     ASSERT_NE(order.begin(), empty);
     ASSERT_NE(order.end() - 1, empty);
-    RegTree expected = Snapshot(kDb, kView32);
+    RegTree expected = Snapshot(kDbPath, kView32);
     size_t deleted = 0;
     for (auto it = order.begin(); it != empty; ++it)
         if (*it != L"Count")
@@ -291,7 +284,7 @@ TEST_F(NameIndexTest, EmptyValueFailsWithError8AfterDeletingTheIdentifiersFoundB
     ASSERT_LT(deleted, 6u);
 
     EXPECT_EQ(static_cast<HRESULT>(0x80070008), Strip(L"Cache\\DOM\\Users\\Index\\NameIndex"));
-    RegTree after = Snapshot(kDb, kView32);
+    RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == after) << DiffTrees(expected, after);
 }
 
@@ -299,8 +292,8 @@ TEST_F(NameIndexTest, AnEmptyIndexIsConvertedToItself)
 {
     CreateKeyPath(Sub(L"MainDB\\Users\\Index\\NameIndex").c_str(), kView32);
     OpenDb();
-    RegTree before = Snapshot(kDb, kView32);
+    RegTree before = Snapshot(kDbPath, kView32);
     EXPECT_EQ(S_OK, Strip(L"MainDB\\Users\\Index\\NameIndex"));
-    RegTree after = Snapshot(kDb, kView32);
+    RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
 }

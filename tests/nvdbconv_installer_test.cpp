@@ -17,6 +17,8 @@
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
 #include "support/store_sandbox.h"
+#include "support/db_paths.h"
+#include "support/text_util.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -24,9 +26,6 @@ using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
-constexpr const wchar_t kMainDb[] = L"SOFTWARE\\Norvane\\DB\\MainDB";
-constexpr const wchar_t kBackup20[] = L"SOFTWARE\\Norvane\\DB-v2.0";
 constexpr const wchar_t kComponents[] = L"SOFTWARE\\Norvane\\Core\\SysComponents";
 
 const std::string kAlreadyConverted =
@@ -52,8 +51,6 @@ JsonValue Json(const ToolRun& run)
     EXPECT_TRUE(ParseJson(run.out, &doc, &error)) << error << "\n" << run.out;
     return doc;
 }
-
-bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 // "  label           value\n", as the host lays out its text rows.
 std::string Row(const std::string& label, const std::string& value)
@@ -116,10 +113,10 @@ TEST_F(NvdbconvFinishedTest, ConvertAfterUpgradeSaysAlreadyConvertedAndChangesNo
     ASSERT_EQ(0u, upgrade.exitCode) << upgrade.out << upgrade.err;
     // Finished as the format has it: "Version" reads 2.1, no Data, no MainDB.
     std::wstring version;
-    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    ASSERT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"2.1", version);
     ASSERT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Data", kView32));
-    ASSERT_FALSE(KeyExists(kMainDb, kView32));
+    ASSERT_FALSE(KeyExists(kMainDbPath, kView32));
     const SuiteSnapshot before = SnapshotSuite();
 
     ToolRun run = Nvdbconv(L"convert");
@@ -138,7 +135,7 @@ TEST_F(NvdbconvFinishedTest, ConvertAfterUpgradeSaysAlreadyConvertedAndChangesNo
     EXPECT_EQ("3.0", doc["before"]["layout"].Text());
     EXPECT_EQ(0, doc["exitCode"].Int());
     ExpectSuiteUnchanged(before, __LINE__);
-    EXPECT_FALSE(KeyExists(kBackup20, kView64));
+    EXPECT_FALSE(KeyExists(kBackup20Path, kView64));
 }
 
 TEST_F(NvdbconvFinishedTest, UpgradeOfAConvertedDatabaseSaysSoAndChangesNothing)
@@ -171,8 +168,8 @@ TEST_F(NvdbconvFinishedTest, ALayout30DatabaseIsConvertedWhateverVersionReads)
 {
     for (const wchar_t* text : {L"2.0", L"2.1", L"3.0"}) {
         SCOPED_TRACE(Narrow(text));
-        ASSERT_TRUE(DeleteTree(kDb, kView32));
-        SetString(kDb, L"Version", text, kView32);
+        ASSERT_TRUE(DeleteTree(kDbPath, kView32));
+        SetString(kDbPath, L"Version", text, kView32);
         SetString(L"SOFTWARE\\Norvane\\DB\\Policies", L"Kept", L"yes", kView32);
         const SuiteSnapshot before = SnapshotSuite();
         for (const wchar_t* command : {L"convert", L"upgrade"}) {
@@ -199,14 +196,14 @@ TEST_F(NvdbconvFinishedTest, ConvertOfAFinishedDatabaseRemovesWhatAnInterruptedR
     // The backup key and its name, as Cleanup found them before it was interrupted.
     SetString(L"SOFTWARE\\Norvane\\DB-v2.0\\Data\\Users\\{00000000-0000-0000-0000-000000000001}", L"Kept",
               L"old", kView64);
-    SetString(kDb, L"Backup", L"SOFTWARE\\Norvane\\DB-v2.0", kView32);
+    SetString(kDbPath, L"Backup", L"SOFTWARE\\Norvane\\DB-v2.0", kView32);
     ToolRun run = Nvdbconv(L"convert");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
     EXPECT_TRUE(Contains(run.out, Row("state", kAlreadyConverted + "; Convert not called"))) << run.out;
     EXPECT_TRUE(Contains(run.out, Row("left over", "backup key HKLM\\SOFTWARE\\Norvane\\DB-v2.0 of an interrupted "
                                                    "run: Cleanup " + nvdbconv::DescribeResult(S_OK, "Cleanup"))))
         << run.out;
-    EXPECT_FALSE(KeyExists(kBackup20, kView64));
+    EXPECT_FALSE(KeyExists(kBackup20Path, kView64));
     ExpectSuiteUnchanged(finished, __LINE__);
     run = Nvdbconv(L"convert");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
@@ -214,7 +211,7 @@ TEST_F(NvdbconvFinishedTest, ConvertOfAFinishedDatabaseRemovesWhatAnInterruptedR
     ExpectSuiteUnchanged(finished, __LINE__);
 
     // "Backup" naming a key that is gone: only the value goes.
-    SetString(kDb, L"Backup", L"SOFTWARE\\Norvane\\DB-v2.0", kView32);
+    SetString(kDbPath, L"Backup", L"SOFTWARE\\Norvane\\DB-v2.0", kView32);
     run = Nvdbconv(L"--json convert");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
     const JsonValue doc = Json(run);
@@ -223,7 +220,7 @@ TEST_F(NvdbconvFinishedTest, ConvertOfAFinishedDatabaseRemovesWhatAnInterruptedR
     ExpectSuiteUnchanged(finished, __LINE__);
 
     // A foreign one is not ours to touch.
-    SetString(kDb, L"Backup", L"SOFTWARE\\Elsewhere", kView32);
+    SetString(kDbPath, L"Backup", L"SOFTWARE\\Elsewhere", kView32);
     const SuiteSnapshot planted = SnapshotSuite();
     run = Nvdbconv(L"convert");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
@@ -240,7 +237,7 @@ TEST_F(NvdbconvFinishedTest, A2xDatabaseWithoutDataUsersIsNotConvertedAgain)
     Write20(containers, 2);
     ASSERT_EQ(0u, Nvdbconv(L"upgrade").exitCode);
     SetString(L"SOFTWARE\\Norvane\\DB\\Data\\Other", L"Left", L"over", kView32);
-    SetString(kMainDb, L"Left", L"over", kView32);
+    SetString(kMainDbPath, L"Left", L"over", kView32);
     const SuiteSnapshot before = SnapshotSuite();
 
     for (int run = 0; run < 2; ++run) {
@@ -253,7 +250,7 @@ TEST_F(NvdbconvFinishedTest, A2xDatabaseWithoutDataUsersIsNotConvertedAgain)
         EXPECT_FALSE(Contains(convert.out, "  Convert ")) << convert.out;
         ExpectSuiteUnchanged(before, __LINE__);
     }
-    EXPECT_FALSE(KeyExists(kBackup20, kView64));
+    EXPECT_FALSE(KeyExists(kBackup20Path, kView64));
 }
 
 // A 2.0 database with users still under Data\Users is not finished: convert runs.
@@ -265,7 +262,7 @@ TEST_F(NvdbconvFinishedTest, A20DatabaseWithUsersLeftIsStillConverted)
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
     EXPECT_FALSE(Contains(run.out, "already converted")) << run.out;
     EXPECT_TRUE(Contains(run.out, Row("Convert", Described(S_OK)))) << run.out;
-    EXPECT_FALSE(KeyExists(kMainDb, kView32));
+    EXPECT_FALSE(KeyExists(kMainDbPath, kView32));
 }
 
 class NvdbconvInstallerTest : public StoreSandbox {};
@@ -369,7 +366,7 @@ protected:
         StoreSandbox::SetUp();
         Write10(m_containers);
         // Zero bytes: the backup's copy refuses it.
-        SetBinary(kMainDb, L"Blank", {}, kView32);
+        SetBinary(kMainDbPath, L"Blank", {}, kView32);
     }
     ContainerJanitor m_containers;
 };
@@ -401,7 +398,7 @@ TEST_F(NvdbconvEmptyValueTest, ConvertNamesTheKeyAndTheValueWhenTheBackupFails)
         << run.out;
     EXPECT_EQ("nvdbconv: Convert failed: " + Described(refused) + ": " + kEmptyValueInMainDb + "\n", run.err);
     std::wstring version;
-    EXPECT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    EXPECT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"1.0", version);
 }
 

@@ -22,6 +22,8 @@
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
 #include "support/store_sandbox.h"
+#include "support/db_paths.h"
+#include "support/text_util.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -29,8 +31,6 @@ using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
-constexpr const wchar_t kUsers[] = L"SOFTWARE\\Norvane\\DB\\Data\\Users";
 
 ProcessRun RunTool(const std::wstring& exe, const std::wstring& args)
 {
@@ -49,8 +49,6 @@ JsonValue Json(const ProcessRun& run)
     EXPECT_TRUE(ParseJson(run.out, &doc, &error)) << error << "\n" << run.out;
     return doc;
 }
-
-bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 std::wstring StoreClassKey()
 {
@@ -111,7 +109,7 @@ void ExpectUnchanged(const RegTree& before, const RegTree& after)
 
 std::vector<std::wstring> UserKeyNames()
 {
-    std::vector<std::wstring> names = SubkeyNames(kUsers, kView32);
+    std::vector<std::wstring> names = SubkeyNames(kDataUsersPath, kView32);
     return names;
 }
 
@@ -131,7 +129,7 @@ TEST_F(NvdbconvOutcomeTest, WithoutTheStoreConvertRefusesAndChangesNothing)
     ContainerJanitor containers;
     const nvwriter::Db20Database db = Write20(containers, 3);
     ASSERT_TRUE(DeleteTree(StoreClassKey().c_str(), kView64));
-    const RegTree before = Snapshot(kDb, kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
 
     ProcessRun run = Nvdbconv(L"convert");
     EXPECT_EQ(3u, run.exitCode) << run.out << run.err;
@@ -147,7 +145,7 @@ TEST_F(NvdbconvOutcomeTest, WithoutTheStoreConvertRefusesAndChangesNothing)
     EXPECT_FALSE(doc["storeRegistered"].Bool());
     EXPECT_EQ(3, doc["exitCode"].Int());
 
-    const RegTree after = Snapshot(kDb, kView32);
+    const RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
 }
 
@@ -301,7 +299,7 @@ TEST_F(NvdbconvOutcomeTest, CheckNamesTheUserWhoWouldFailAndWritesNothing)
     ExpectUnchanged(before32, after32);
     ExpectUnchanged(before64, after64);
     std::wstring version;
-    EXPECT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    EXPECT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"2.0", version);
 }
 
@@ -320,7 +318,6 @@ TEST_F(NvdbconvOutcomeTest, CheckOfAHealthyDatabaseExits0)
 namespace {
 
 constexpr const wchar_t kPasswordSecret[] = L"SystemLogonInfo";
-constexpr const wchar_t kPolicy[] = L"SOFTWARE\\Norvane\\Policies\\Default";
 
 // What the library traces and nvdbconv and nvtrace show for a user whose password
 // secret the store refused (E_FAIL, the store's default failure).
@@ -508,7 +505,7 @@ TEST_F(NvdbconvGapsTest, UpgradeNamesTheUserTheStrictPolicyHeld)
     ContainerJanitor containers;
     const nvwriter::Db20Database db = Write20(containers, 2);
     TracingOn();
-    SetDword(kPolicy, L"StrictConversion", 1, kView64);
+    SetDword(kPolicyDefaultPath, L"StrictConversion", 1, kView64);
     const nvwriter::Db20User& held = db.users[1];
     nvstore::inspect::SetFailOpenUser({held.sidText}, E_ACCESSDENIED);
 

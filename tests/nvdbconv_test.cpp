@@ -32,6 +32,8 @@
 #include "support/registry_sandbox.h"
 #include "support/store_sandbox.h"
 #include "support/unix_side.h"
+#include "support/db_paths.h"
+#include "support/text_util.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -39,8 +41,6 @@ using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
-constexpr const wchar_t kUsers[] = L"SOFTWARE\\Norvane\\DB\\Data\\Users";
 constexpr const wchar_t kBackup10[] = L"SOFTWARE\\Norvane\\DB-v1.0";
 constexpr const wchar_t kTracing[] = L"SOFTWARE\\Norvane\\Tracing";
 constexpr const wchar_t kComponents[] = L"SOFTWARE\\Norvane\\Core\\SysComponents";
@@ -63,22 +63,6 @@ JsonValue Json(const ProcessRun& run)
     std::string error;
     EXPECT_TRUE(ParseJson(run.out, &doc, &error)) << error << "\n" << run.out;
     return doc;
-}
-
-bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
-std::vector<std::string> Lines(const std::string& text)
-{
-    std::vector<std::string> lines;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos)
-            end = text.size();
-        lines.push_back(text.substr(start, end - start));
-        start = end + 1;
-    }
-    return lines;
 }
 
 // "  label           value", as the host lays out its text rows.
@@ -105,9 +89,7 @@ nvwriter::DbRecord Write10(unsigned users = 6, unsigned domains = 1, REGSAM view
 
 void CheckResult(const JsonValue& result, HRESULT hr, const char* call = nullptr)
 {
-    char hex[16];
-    std::snprintf(hex, sizeof(hex), "0x%08lX", static_cast<unsigned long>(hr));
-    EXPECT_EQ(hex, result["hr"].Text());
+    EXPECT_EQ(Hex(hr), result["hr"].Text());
     EXPECT_EQ(static_cast<long>(hr), result["code"].Int());
     EXPECT_EQ(nvdbconv::ResultMessage(hr, call), result["message"].Text());
     EXPECT_EQ(SUCCEEDED(hr), result["ok"].Bool());
@@ -249,13 +231,13 @@ TEST_F(NvdbconvStatusTest, A10DatabaseInText)
                                 : "registered: " + Narrow(RegisteredStoreServerPath())),
         Row("trace", "off (no HKLM\\SOFTWARE\\Norvane\\Tracing key)"),
     };
-    EXPECT_EQ(expected, Lines(run.out));
+    EXPECT_EQ(expected, SplitLines(run.out));
 }
 
 TEST_F(NvdbconvStatusTest, JsonReportsVersionViewsBackupUsersAndTraceSettings)
 {
     Write10(6, 1);
-    SetString(kDb, L"Backup", L"SOFTWARE\\Norvane\\DB-v1.0", kView32);
+    SetString(kDbPath, L"Backup", L"SOFTWARE\\Norvane\\DB-v1.0", kView32);
     CreateKeyPath(kBackup10, kView32);
     CreateKeyPath(L"SOFTWARE\\Norvane\\DB\\Data\\Users\\{00000000-0000-0000-0000-000000000001}", kView32);
     CreateKeyPath(L"SOFTWARE\\Norvane\\DB\\Data\\Users\\{00000000-0000-0000-0000-000000000002}", kView32);
@@ -326,7 +308,7 @@ TEST_F(NvdbconvStatusTest, NoDatabaseReportsVersionZeroAndNothingToConvert)
 
     run = Nvdbconv(L"status");
     EXPECT_EQ(0u, run.exitCode);
-    const std::vector<std::string> lines = Lines(run.out);
+    const std::vector<std::string> lines = SplitLines(run.out);
     EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(),
                                      Row("version", "none (0x00000000) -> target none (0x00000000): no converter for "
                                                     "this database")))
@@ -338,7 +320,7 @@ TEST_F(NvdbconvStatusTest, NoDatabaseReportsVersionZeroAndNothingToConvert)
 TEST_F(NvdbconvStatusTest, DatabaseInBothViewsIsReadFromThe64BitViewFirst)
 {
     Write10(3, 0, KEY_WOW64_32KEY);
-    SetString(kDb, L"Version", L"2.0", kView64);
+    SetString(kDbPath, L"Version", L"2.0", kView64);
     const JsonValue doc = Json(Nvdbconv(L"--json status"));
     ASSERT_EQ(2u, doc["database"]["views"].Size());
     EXPECT_EQ("32-bit", doc["database"]["views"][0].Text());
@@ -389,7 +371,7 @@ TEST_F(NvdbconvConvertTest, Convert10RewritesTheDatabaseTo20AndReportsIt)
     DWORD cch = MAX_COMPUTERNAME_LENGTH + 1;
     ASSERT_TRUE(::GetComputerNameExW(ComputerNameNetBIOS, computer, &cch));
     RegTree expected = ToRegTree(record.ExpectedAfter10To20(computer));
-    RegTree actual = Snapshot(kDb, kView32);
+    RegTree actual = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
     EXPECT_FALSE(KeyExists(kBackup10, kView32));
 }
@@ -408,7 +390,7 @@ TEST_F(NvdbconvConvertTest, ConvertInTextShowsEveryResultAndTheOutcome)
         Row("now", "format 2.0, no users under Data\\Users: convert has nobody to move"),
         Row("backup", "no \"Backup\" value"),
     };
-    EXPECT_EQ(expected, Lines(run.out));
+    EXPECT_EQ(expected, SplitLines(run.out));
     EXPECT_FALSE(Contains(run.out, "\r")) << "no progress line for a 1.0 conversion";
 }
 
@@ -416,7 +398,7 @@ TEST_F(NvdbconvConvertTest, ConvertWithoutADatabaseFailsWithEFailAndExits1)
 {
     ProcessRun run = Nvdbconv(L"convert");
     EXPECT_EQ(1u, run.exitCode);
-    const std::vector<std::string> lines = Lines(run.out);
+    const std::vector<std::string> lines = SplitLines(run.out);
     EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(), Row("Convert", Described(E_FAIL)))) << run.out;
     EXPECT_EQ("nvdbconv: Convert failed: " + Described(E_FAIL) + "\n", run.err);
     EXPECT_EQ(0u, Described(E_FAIL).find("0x80004005 E_FAIL \""));
@@ -445,7 +427,7 @@ TEST_F(NvdbconvConvertTest, QuietPrintsNothingButKeepsTheExitCodeAndTheProblem)
     EXPECT_EQ(0u, run.exitCode) << run.err;
     EXPECT_EQ("", run.out);
     std::wstring version;
-    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    ASSERT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"2.0", version);
 }
 
@@ -454,7 +436,7 @@ TEST_F(NvdbconvConvertTest, CleanupWithoutABackupAnswersSFalse)
     Write10(4, 1);
     ProcessRun run = Nvdbconv(L"cleanup");
     EXPECT_EQ(0u, run.exitCode) << run.err;
-    const std::vector<std::string> lines = Lines(run.out);
+    const std::vector<std::string> lines = SplitLines(run.out);
     EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(),
                                      Row("Cleanup", "0x00000001 S_FALSE \"no backup to remove\"")))
         << run.out;
@@ -469,7 +451,7 @@ TEST_F(NvdbconvConvertTest, CleanupWithoutABackupAnswersSFalse)
 TEST_F(NvdbconvConvertTest, CleanupRemovesTheBackupKeyAndTheBackupValue)
 {
     Write10(4, 1);
-    SetString(kDb, L"Backup", L"SOFTWARE\\Norvane\\DB-v1.0", kView32);
+    SetString(kDbPath, L"Backup", L"SOFTWARE\\Norvane\\DB-v1.0", kView32);
     SetString(kBackup10, L"Version", L"1.0", kView32);
     const JsonValue doc = Json(Nvdbconv(L"--json cleanup"));
     CheckResult(doc["cleanup"], S_OK);
@@ -479,7 +461,7 @@ TEST_F(NvdbconvConvertTest, CleanupRemovesTheBackupKeyAndTheBackupValue)
     EXPECT_FALSE(doc["after"]["backup"]["DB-v1.0"]["exists"].Bool());
     EXPECT_FALSE(KeyExists(kBackup10, kView32));
     RegValue backup;
-    EXPECT_FALSE(GetValue(kDb, L"Backup", kView32, &backup));
+    EXPECT_FALSE(GetValue(kDbPath, L"Backup", kView32, &backup));
 }
 
 class NvdbconvRollbackTest : public RegistrySandbox {
@@ -490,15 +472,15 @@ protected:
     {
         Write10(4, 1, KEY_WOW64_32KEY);
         Write10(4, 1, KEY_WOW64_64KEY);
-        SetString(kDb, L"Backup", L"SOFTWARE\\Norvane\\DB-v1.0", kView32);
+        SetString(kDbPath, L"Backup", L"SOFTWARE\\Norvane\\DB-v1.0", kView32);
     }
 };
 
 TEST_F(NvdbconvRollbackTest, RefusesWhenTheBackupKeyThatBackupNamesIsMissing)
 {
     SetUpDatabaseInBothViews();
-    const RegTree before32 = Snapshot(kDb, kView32);
-    const RegTree before64 = Snapshot(kDb, kView64);
+    const RegTree before32 = Snapshot(kDbPath, kView32);
+    const RegTree before64 = Snapshot(kDbPath, kView64);
 
     ProcessRun run = Nvdbconv(L"rollback");
     EXPECT_EQ(3u, run.exitCode);
@@ -521,8 +503,8 @@ TEST_F(NvdbconvRollbackTest, RefusesWhenTheBackupKeyThatBackupNamesIsMissing)
     EXPECT_TRUE(doc["rollback"].IsMissing());
     EXPECT_EQ(3, doc["exitCode"].Int());
 
-    const RegTree after32 = Snapshot(kDb, kView32);
-    const RegTree after64 = Snapshot(kDb, kView64);
+    const RegTree after32 = Snapshot(kDbPath, kView32);
+    const RegTree after64 = Snapshot(kDbPath, kView64);
     EXPECT_TRUE(before32 == after32) << DiffTrees(before32, after32);
     EXPECT_TRUE(before64 == after64) << DiffTrees(before64, after64);
 }
@@ -530,7 +512,7 @@ TEST_F(NvdbconvRollbackTest, RefusesWhenTheBackupKeyThatBackupNamesIsMissing)
 TEST_F(NvdbconvRollbackTest, ForceRollsBackAnywayAndTheDatabaseKeyIsLost)
 {
     SetUpDatabaseInBothViews();
-    ASSERT_TRUE(KeyExists(kDb, kView64));
+    ASSERT_TRUE(KeyExists(kDbPath, kView64));
     const JsonValue doc = Json(Nvdbconv(L"--json rollback --force"));
     EXPECT_FALSE(doc["refused"].Bool());
     EXPECT_TRUE(doc["refused"].IsBool());
@@ -539,7 +521,7 @@ TEST_F(NvdbconvRollbackTest, ForceRollsBackAnywayAndTheDatabaseKeyIsLost)
     // reports S_OK all the same: what the refusal protects against.
     CheckResult(doc["rollback"], S_OK);
     EXPECT_EQ(0, doc["exitCode"].Int());
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
 }
 
 TEST_F(NvdbconvRollbackTest, WithTheBackupKeyPresentRollsBackFromIt)
@@ -554,7 +536,7 @@ TEST_F(NvdbconvRollbackTest, WithTheBackupKeyPresentRollsBackFromIt)
     EXPECT_TRUE(doc["backupKey"]["exists"].Bool());
     CheckResult(doc["rollback"], S_OK);
     std::wstring restored;
-    ASSERT_TRUE(GetString(kDb, L"Restored", kView64, &restored));
+    ASSERT_TRUE(GetString(kDbPath, L"Restored", kView64, &restored));
     EXPECT_EQ(L"yes", restored);
     EXPECT_FALSE(KeyExists(kBackup10, kView32));
 }
@@ -564,7 +546,7 @@ TEST_F(NvdbconvRollbackTest, WithoutABackupValueRollbackRunsAndAnswersSFalse)
     Write10(4, 1);
     ProcessRun run = Nvdbconv(L"rollback");
     EXPECT_EQ(0u, run.exitCode) << run.err;
-    const std::vector<std::string> lines = Lines(run.out);
+    const std::vector<std::string> lines = SplitLines(run.out);
     EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(),
                                      Row("Rollback", "0x00000001 S_FALSE \"no backup to restore\"")))
         << run.out;
@@ -592,7 +574,7 @@ const std::string kForeignAdvice =
 TEST_F(NvdbconvRollbackTest, StatusCallsAForeignBackupValueForeignAndSaysWhatToDo)
 {
     Write10(4, 1, KEY_WOW64_32KEY);
-    SetString(kDb, L"Backup", kForeignKey, kView32);
+    SetString(kDbPath, L"Backup", kForeignKey, kView32);
 
     ProcessRun run = Nvdbconv(L"status");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
@@ -617,11 +599,11 @@ TEST_F(NvdbconvRollbackTest, RollbackAndCleanupRefuseAForeignBackupValueEvenWith
 {
     Write10(4, 1, KEY_WOW64_32KEY);
     Write10(4, 1, KEY_WOW64_64KEY);
-    SetString(kDb, L"Backup", kForeignKey, kView32);
+    SetString(kDbPath, L"Backup", kForeignKey, kView32);
     for (REGSAM view : {kView32, kView64})
         SetString(kForeignKey, L"Sentinel", L"must survive", view);
-    const RegTree before32 = Snapshot(kDb, kView32);
-    const RegTree before64 = Snapshot(kDb, kView64);
+    const RegTree before32 = Snapshot(kDbPath, kView32);
+    const RegTree before64 = Snapshot(kDbPath, kView64);
     const RegTree foreign32 = Snapshot(kForeignKey, kView32);
     const RegTree foreign64 = Snapshot(kForeignKey, kView64);
 
@@ -640,8 +622,8 @@ TEST_F(NvdbconvRollbackTest, RollbackAndCleanupRefuseAForeignBackupValueEvenWith
     EXPECT_TRUE(doc["rollback"].IsMissing());
     EXPECT_EQ(3, doc["exitCode"].Int());
 
-    EXPECT_EQ("", DiffTrees(before32, Snapshot(kDb, kView32)));
-    EXPECT_EQ("", DiffTrees(before64, Snapshot(kDb, kView64)));
+    EXPECT_EQ("", DiffTrees(before32, Snapshot(kDbPath, kView32)));
+    EXPECT_EQ("", DiffTrees(before64, Snapshot(kDbPath, kView64)));
     EXPECT_EQ("", DiffTrees(foreign32, Snapshot(kForeignKey, kView32)));
     EXPECT_EQ("", DiffTrees(foreign64, Snapshot(kForeignKey, kView64)));
 }
@@ -1008,7 +990,7 @@ protected:
                 templates += credential.templates.size();
             EXPECT_EQ(templates, nvstore::inspect::ListTemplates(user.sidText).size()) << Narrow(user.sidText);
         }
-        EXPECT_FALSE(KeyExists(kUsers, kView32));
+        EXPECT_FALSE(KeyExists(kDataUsersPath, kView32));
     }
 
     ContainerJanitor m_containers;

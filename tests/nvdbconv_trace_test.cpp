@@ -20,6 +20,7 @@
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
 #include "support/store_sandbox.h"
+#include "support/text_util.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -46,8 +47,6 @@ JsonValue Json(const ProcessRun& run)
     EXPECT_TRUE(ParseJson(run.out, &doc, &error)) << error << "\n" << run.out;
     return doc;
 }
-
-bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 std::wstring TraceFile()
 {

@@ -11,6 +11,8 @@
 #include "support/legacy_db_tree.h"
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
+#include "support/db_paths.h"
+#include "support/text_util.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -18,7 +20,6 @@ using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
 
 // nvdbgen started as its own process through the shared runner, which starts again a
 // launch that Wine failed before the program ran.
@@ -29,8 +30,6 @@ ProcessRun RunTool(const std::wstring& args)
     EXPECT_FALSE(run.timedOut) << Narrow(args);
     return run;
 }
-
-bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 } // namespace
 
@@ -63,8 +62,8 @@ TEST_F(NvDbGenTest, UsageErrorsExitWith2AndExplainWithoutWriting)
         EXPECT_TRUE(Contains(run.err, "usage: nvdbgen --format 1.0|2.0")) << Narrow(c.args);
         EXPECT_EQ("", run.out) << Narrow(c.args);
     }
-    EXPECT_FALSE(KeyExists(kDb, kView32));
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    EXPECT_FALSE(KeyExists(kDbPath, kView32));
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
 }
 
 TEST_F(NvDbGenTest, HelpPrintsUsageAndExits0)
@@ -72,15 +71,15 @@ TEST_F(NvDbGenTest, HelpPrintsUsageAndExits0)
     ProcessRun run = RunTool(L"--help");
     EXPECT_EQ(0u, run.exitCode);
     EXPECT_TRUE(Contains(run.out, "usage: nvdbgen --format 1.0|2.0")) << run.out;
-    EXPECT_FALSE(KeyExists(kDb, kView32));
+    EXPECT_FALSE(KeyExists(kDbPath, kView32));
 }
 
 TEST_F(NvDbGenTest, Format10WritesWhatTheWriterLibraryWritesForTheSameSeed)
 {
     ProcessRun run = RunTool(L"--format 1.0 --users 30 --domains 3 --seed 7 --view 32");
     ASSERT_EQ(0u, run.exitCode) << run.err;
-    RegTree fromTool = Snapshot(kDb, kView32);
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    RegTree fromTool = Snapshot(kDbPath, kView32);
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
 
     nvwriter::DbOptions options;
     options.users = 30;
@@ -112,12 +111,12 @@ TEST_F(NvDbGenTest, Format10WritesWhatTheWriterLibraryWritesForTheSameSeed)
 TEST_F(NvDbGenTest, ExistingDatabaseNeedsWipe)
 {
     ASSERT_EQ(0u, RunTool(L"--format 1.0 --users 4 --domains 1 --seed 1").exitCode);
-    RegTree first = Snapshot(kDb, kView32);
+    RegTree first = Snapshot(kDbPath, kView32);
 
     ProcessRun again = RunTool(L"--format 1.0 --users 9 --domains 2 --seed 2");
     EXPECT_EQ(1u, again.exitCode);
     EXPECT_TRUE(Contains(again.err, "already exists in the 32-bit view; use --wipe")) << again.err;
-    RegTree unchanged = Snapshot(kDb, kView32);
+    RegTree unchanged = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(first == unchanged) << DiffTrees(first, unchanged);
 
     ProcessRun wiped = RunTool(L"--format 1.0 --users 9 --domains 2 --seed 2 --wipe");
@@ -130,7 +129,7 @@ TEST_F(NvDbGenTest, ExistingDatabaseNeedsWipe)
     nvwriter::DbRecord record;
     ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
     RegTree expected = ToRegTree(record);
-    RegTree actual = Snapshot(kDb, kView32);
+    RegTree actual = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
 }
 
@@ -139,9 +138,9 @@ TEST_F(NvDbGenTest, View64WritesThe64BitViewOnly)
     ProcessRun run = RunTool(L"--format 1.0 --users 3 --domains 1 --view 64");
     ASSERT_EQ(0u, run.exitCode) << run.err;
     EXPECT_TRUE(Contains(run.out, "(64-bit view)")) << run.out;
-    EXPECT_FALSE(KeyExists(kDb, kView32));
+    EXPECT_FALSE(KeyExists(kDbPath, kView32));
     std::wstring version;
-    ASSERT_TRUE(GetString(kDb, L"Version", kView64, &version));
+    ASSERT_TRUE(GetString(kDbPath, L"Version", kView64, &version));
     EXPECT_EQ(L"1.0", version);
 }
 
@@ -162,8 +161,8 @@ TEST_F(NvDbGenTest, Format20WritesTheSameLayoutAsTheWriterLibraryForTheSameSeed)
         << run.out;
     EXPECT_TRUE(Contains(run.out, "  host: " + Narrow(nvwriter::GuidText(model.hostId)))) << run.out;
     EXPECT_TRUE(ContainerExists(model.hostId));
-    const RegTree fromTool = Snapshot(kDb, kView32);
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    const RegTree fromTool = Snapshot(kDbPath, kView32);
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
 
     // Sealed values carry fresh session keys; keys, value names and types are the same.
     options.wipe = true;
@@ -177,7 +176,7 @@ TEST_F(NvDbGenTest, Format20WritesTheSameLayoutAsTheWriterLibraryForTheSameSeed)
         EXPECT_EQ(e->second.type, t->second.type) << Narrow(e->first);
     }
     std::wstring version;
-    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    ASSERT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"2.0", version);
     EXPECT_EQ(5u, SubkeyNames(L"SOFTWARE\\Norvane\\DB\\Data\\Users", kView32).size());
 }
@@ -201,7 +200,7 @@ TEST_F(NvDbGenTest, Users20AddsSealedUsersToA10DatabaseLikeTheWriterLibrary)
     EXPECT_TRUE(Contains(run.out, "  2.0-style users: 4 with sealed records under Data\\Users\n")) << run.out;
     EXPECT_TRUE(Contains(run.out, "  host: " + Narrow(nvwriter::GuidText(model.hostId)))) << run.out;
     EXPECT_TRUE(ContainerExists(model.hostId));
-    const RegTree fromTool = Snapshot(kDb, kView32);
+    const RegTree fromTool = Snapshot(kDbPath, kView32);
 
     // Sealed values carry fresh session keys; keys, value names and types are the same.
     options.wipe = true;
@@ -215,7 +214,7 @@ TEST_F(NvDbGenTest, Users20AddsSealedUsersToA10DatabaseLikeTheWriterLibrary)
         EXPECT_EQ(e->second.type, t->second.type) << Narrow(e->first);
     }
     std::wstring version;
-    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    ASSERT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"1.0", version);
     std::vector<std::wstring> guids;
     for (const auto& user : model.users)

@@ -17,6 +17,7 @@
 #include "support/api_faults.h"
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
+#include "support/db_paths.h"
 #include "writer/db20_der.h"
 #include "writer/host_provisioning.h"
 #include "writer/db20_writer.h"
@@ -29,7 +30,6 @@ using LegacyNVDB2::CNVSecretMap;
 namespace {
 
 constexpr HRESULT kBadData = static_cast<HRESULT>(0x80090005);
-constexpr const wchar_t kDataUsers[] = L"SOFTWARE\\Norvane\\DB\\Data\\Users";
 constexpr const wchar_t kHostKey[] = L"SOFTWARE\\Norvane\\NVHOST";
 
 std::vector<BYTE> BlobBytes(const CRYPT_DATA_BLOB& b)
@@ -39,7 +39,7 @@ std::vector<BYTE> BlobBytes(const CRYPT_DATA_BLOB& b)
 
 std::wstring UserKey(const GUID& g)
 {
-    return std::wstring(kDataUsers) + L"\\" + GuidText(g);
+    return std::wstring(kDataUsersPath) + L"\\" + GuidText(g);
 }
 
 std::wstring SidOf(PSID sid)
@@ -195,7 +195,7 @@ protected:
     std::vector<const Db20User*> InEnumerationOrder(const Db20Database& db)
     {
         std::vector<const Db20User*> order;
-        for (const std::wstring& name : SubkeyNames(kDataUsers, kView32)) {
+        for (const std::wstring& name : SubkeyNames(kDataUsersPath, kView32)) {
             const Db20User* found = nullptr;
             for (const Db20User& u : db.users)
                 if (GuidText(u.guid) == name)
@@ -406,7 +406,7 @@ TEST_F(UserExtractorTest, UnreadableUserKeysAreSkippedAndTheirSlotsStayZero)
     DWORD count = 0;
     ASSERT_EQ(S_OK, extractor.EnumerateUsers(&users, &count));
     ASSERT_EQ(6u, count);
-    const std::vector<std::wstring> names = SubkeyNames(kDataUsers, kView32);
+    const std::vector<std::wstring> names = SubkeyNames(kDataUsersPath, kView32);
     for (DWORD i = 0; i < count; ++i) {
         SCOPED_TRACE(Narrow(names[i]));
         const Db20User* model = nullptr;

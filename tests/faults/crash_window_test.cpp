@@ -21,6 +21,7 @@
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
 #include "support/store_sandbox.h"
+#include "support/text_util.h"
 #include "writer/db20_writer.h"
 
 using namespace nvtest;
@@ -38,8 +39,6 @@ ProcessRun RunTool(const std::wstring& exe, const std::wstring& args)
     return run;
 }
 
-
-bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 class CrashWindowTest : public nvfaults::FaultChildTest {
 protected:

@@ -37,13 +37,6 @@ std::vector<std::string> OwnLines(const TraceCapture& trace, const std::string& 
     return own;
 }
 
-std::string Hex(HRESULT hr)
-{
-    char text[16];
-    std::snprintf(text, sizeof(text), "0x%08X", static_cast<unsigned>(hr));
-    return text;
-}
-
 namespace {
 
 // The items of a SEQUENCE OF ANY, each a complete DER value; ok turns false when it

@@ -16,7 +16,9 @@
 #include <string>
 #include <vector>
 
+#include "support/db_paths.h"
 #include "support/registry_sandbox.h"
+#include "support/text_util.h"
 #include "support/trace_capture.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
@@ -26,12 +28,6 @@ namespace nvtest {
 // "{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}", as registry key names spell a GUID.
 using nvwriter::GuidText;
 
-inline constexpr const wchar_t kDbPath[] = L"SOFTWARE\\Norvane\\DB";
-inline constexpr const wchar_t kDataPath[] = L"SOFTWARE\\Norvane\\DB\\Data";
-inline constexpr const wchar_t kDataUsersPath[] = L"SOFTWARE\\Norvane\\DB\\Data\\Users";
-inline constexpr const wchar_t kMainDbPath[] = L"SOFTWARE\\Norvane\\DB\\MainDB";
-inline constexpr const wchar_t kBackup20Path[] = L"SOFTWARE\\Norvane\\DB-v2.0";
-inline constexpr const wchar_t kPolicyDefaultPath[] = L"SOFTWARE\\Norvane\\Policies\\Default";
 
 // SOFTWARE\Norvane\DB\Data\Users\{GUID}
 std::wstring UserKeyPath(const GUID& userGuid);
@@ -39,9 +35,6 @@ std::wstring UserKeyPath(const GUID& userGuid);
 // The lines a scope wrote itself: nested scopes (their enter, lines and leave) are
 // left out. Empty when the scope is not in the trace.
 std::vector<std::string> OwnLines(const TraceCapture& trace, const std::string& scope, std::size_t occurrence = 0);
-
-// "0x%08X" of a result code, as the conversion traces it.
-std::string Hex(HRESULT hr);
 
 // ---- what the store must hold after a conversion ------------------------------
 
