@@ -21,6 +21,7 @@
 #include "support/test_converter.h"
 #include "support/trace_capture.h"
 #include "support/db_paths.h"
+#include "support/test_results.h"
 
 using namespace nvtest;
 
@@ -30,8 +31,7 @@ constexpr const wchar_t kVendor[] = L"SOFTWARE\\Norvane";
 constexpr const wchar_t kBackup10[] = L"SOFTWARE\\Norvane\\DB-v1.0";
 constexpr const wchar_t kUserKey[] = L"SOFTWARE\\Norvane\\DB\\Data\\Users\\S-1-5-21-7-8-9-1001";
 
-constexpr HRESULT kConvertFailure = static_cast<HRESULT>(0x8009000B);
-constexpr HRESULT kHookFailure = static_cast<HRESULT>(0x80041234);
+constexpr HRESULT kConvertFailure = NTE_BAD_KEY_STATE;
 
 std::wstring Path(const wchar_t* base, const wchar_t* rel)
 {
@@ -210,7 +210,7 @@ TEST_F(BaseConverterTest, BackupOfDatabaseWithEmptyBinaryValueFailsWithNotEnough
     const RegTree before = Snapshot(kDbPath, kView32);
 
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
-    EXPECT_EQ(static_cast<HRESULT>(0x80070008), converter.Backup());
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY), converter.Backup());
 
     const RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
@@ -392,7 +392,7 @@ TEST_F(BaseConverterTest, BackupFailingHalfwayLeavesPartialBackupKeyAndRollbackF
     const RegTree before = Snapshot(kDbPath, kView32);
 
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
-    EXPECT_EQ(static_cast<HRESULT>(0x80070008), converter.Convert());
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY), converter.Convert());
     EXPECT_EQ(std::vector<std::string>{"do_Rollback"}, converter.calls);
 
     const RegTree after = Snapshot(kDbPath, kView32);
@@ -413,7 +413,7 @@ TEST_F(BaseConverterTest, EmptyBinaryValueMakesConvertFailAndRollBack)
     const RegTree before = Snapshot(kDbPath, kView64);
     TestConverter converter(0, 0, L"DB-v2.0");
 
-    EXPECT_EQ(static_cast<HRESULT>(0x80070008), converter.Convert());
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY), converter.Convert());
     EXPECT_EQ(std::vector<std::string>{"do_Rollback"}, converter.calls);
     const RegTree after = Snapshot(kDbPath, kView64);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
@@ -423,7 +423,7 @@ TEST_F(BaseConverterTest, ConvertWithoutDatabaseKeyFailsInCopyKeyAndCreatesNothi
 {
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     ASSERT_FALSE(converter.HasDatabaseKey());
-    EXPECT_EQ(static_cast<HRESULT>(0x80070006), converter.Convert());
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE), converter.Convert());
     EXPECT_EQ(std::vector<std::string>{"do_Rollback"}, converter.calls);
     EXPECT_FALSE(KeyExists(kVendor, kView32));
     EXPECT_FALSE(KeyExists(kVendor, kView64));
@@ -582,7 +582,7 @@ TEST_F(BaseConverterTest, CleanupWithBackupKeyRemovedByHandFailsAndKeepsBackupVa
     ASSERT_TRUE(DeleteTree(kBackup10, kView32));
     converter.calls.clear();
 
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), converter.Cleanup());
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), converter.Cleanup());
     EXPECT_TRUE(converter.calls.empty());
     std::wstring recorded;
     EXPECT_TRUE(GetString(kDbPath, L"Backup", kView32, &recorded));
@@ -792,7 +792,7 @@ INSTANTIATE_TEST_SUITE_P(Views, CopyKeyViewTest,
 
 TEST_F(BaseConverterTest, CopyKeyOfMissingSourceFailsAndCreatesNoDestination)
 {
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002),
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND),
               CBaseConverter::CopyKey(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane\\Target", 0, HKEY_LOCAL_MACHINE,
                                       L"SOFTWARE\\Norvane\\Missing", 0));
     EXPECT_FALSE(KeyExists(kVendor, kView64));
@@ -805,7 +805,7 @@ TEST_F(BaseConverterTest, CopyKeyRefusesEmptyValueOfAnyType)
         DeleteTree(kVendor, kView64);
         SetDword(L"SOFTWARE\\Norvane\\Src", L"a", 1, kView64);
         SetBinary(L"SOFTWARE\\Norvane\\Src", L"b", {}, kView64, type);
-        EXPECT_EQ(static_cast<HRESULT>(0x80070008),
+        EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY),
                   CBaseConverter::CopyKey(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane\\Dst", 0, HKEY_LOCAL_MACHINE,
                                           L"SOFTWARE\\Norvane\\Src", 0))
             << "type " << type;
@@ -823,7 +823,7 @@ TEST_F(BaseConverterTest, CopyKeyOfValueWhoseNameLeavesNoRoomForTheTerminatorFai
 {
     const std::wstring longName(16383, L'q');
     SetDword(L"SOFTWARE\\Norvane\\Src", longName.c_str(), 7, kView64);
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002),
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND),
               CBaseConverter::CopyKey(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane\\Dst", 0, HKEY_LOCAL_MACHINE,
                                       L"SOFTWARE\\Norvane\\Src", 0));
     EXPECT_TRUE(ValueNames(L"SOFTWARE\\Norvane\\Dst", kView64).empty());
@@ -862,8 +862,9 @@ TEST_F(BaseConverterTest, DeleteKeyRelativeToOpenKey)
 TEST_F(BaseConverterTest, DeleteKeyOfMissingKeyFailsWithFileNotFound)
 {
     CreateKeyPath(kVendor, kView64);
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), CBaseConverter::DeleteKey(HKEY_LOCAL_MACHINE, kDbPath, 0));
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), CBaseConverter::DeleteKey(HKEY_LOCAL_MACHINE, kDbPath, KEY_WOW64_32KEY));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), CBaseConverter::DeleteKey(HKEY_LOCAL_MACHINE, kDbPath, 0));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND),
+              CBaseConverter::DeleteKey(HKEY_LOCAL_MACHINE, kDbPath, KEY_WOW64_32KEY));
 }
 
 namespace {
@@ -939,7 +940,7 @@ TEST_F(BaseConverterTest, DeleteKeyByNonAdministratorDeletesOnlyWhatCallerMayDel
         NonAdministratorScope nonAdmin;
         hr = CBaseConverter::DeleteKey(HKEY_LOCAL_MACHINE, tree, 0);
     }
-    EXPECT_EQ(static_cast<HRESULT>(0x80070005), hr);
+    EXPECT_EQ(E_ACCESSDENIED, hr);
     EXPECT_FALSE(KeyExists(open, kView64));
     EXPECT_TRUE(KeyExists(locked, kView64));
     EXPECT_EQ(treeDacl, DaclText(tree, kView64));
@@ -1224,7 +1225,7 @@ TEST_F(BaseConverterTraceTest, EmptyValueTracesTheCopyFailureAndAnEmptyRollback)
 {
     SetBinary(kDbPath, L"Hollow", {}, kView32);
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
-    ASSERT_EQ(static_cast<HRESULT>(0x80070008), converter.Convert());
+    ASSERT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY), converter.Convert());
     EXPECT_EQ((Lines{
                   "> CBaseConverter::CBaseConverter", "<",
                   "> CBaseConverter::Convert",
@@ -1298,7 +1299,7 @@ TEST_F(BaseConverterTraceTest, CleanupOfMissingBackupKeyTracesTheDeleteFailure)
 {
     SetString(kDbPath, L"Backup", kBackup10, kView32);
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), converter.Cleanup());
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), converter.Cleanup());
     EXPECT_EQ((Lines{
                   "> CBaseConverter::CBaseConverter", "<",
                   "> CBaseConverter::Cleanup",

@@ -131,7 +131,7 @@ TEST(ComModuleInitTest, InitWithInstanceWithoutFileNameFailsWithTheLastError)
     NVObjectMapEntry map[] = {{nullptr, nullptr, nullptr, nullptr}};
     CNVComModule module;
     module.m_wstrModulePath = L"unchanged";
-    EXPECT_EQ(static_cast<HRESULT>(0x8007007E),
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND),
               module.Init(map, reinterpret_cast<HINSTANCE>(0x12340000), &nvcom::kLIBID_NVDBConvLib));
     EXPECT_EQ(std::wstring(L"unchanged"), module.m_wstrModulePath);
     EXPECT_TRUE(module.m_wstrHostName.empty());
@@ -298,7 +298,7 @@ TEST_F(ComModuleTest, InitRunsConvertAndReturnsSOkEvenWhenConversionFails)
 {
     SetString(kDbPath, L"Version", L"1.0", kView64);
     auto* converter = new TestConverter(0, 0, L"DB-v2.0");
-    converter->convertResult = static_cast<HRESULT>(0x8009000B);
+    converter->convertResult = NTE_BAD_KEY_STATE;
     g_DBConverter.m_pConverter.reset(converter);
 
     nv::com_ptr<INVComponentInit> object;
@@ -421,7 +421,7 @@ TEST_F(ComModuleTest, InitTracesTheFailureOfTheConversionItRan)
     TraceCapture trace;
     trace.Start();
     auto* converter = new TestConverter(0, 0, L"DB-v2.0");
-    converter->convertResult = static_cast<HRESULT>(0x8009000B);
+    converter->convertResult = NTE_BAD_KEY_STATE;
     g_DBConverter.m_pConverter.reset(converter);
     nv::com_ptr<INVComponentInit> object;
     ASSERT_EQ(S_OK, Factory()->CreateInstance(nullptr, __uuidof(INVComponentInit), object.put_void()));
@@ -442,7 +442,7 @@ TEST_F(ComModuleTest, ModuleInitTracesItsScopeAndFailure)
     CNVComModule module;
     EXPECT_EQ(S_OK, module.Init(map, ::GetModuleHandleW(nullptr), &nvcom::kLIBID_NVDBConvLib));
     CNVComModule broken;
-    EXPECT_EQ(static_cast<HRESULT>(0x8007007E),
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND),
               broken.Init(map, reinterpret_cast<HINSTANCE>(0x12340000), &nvcom::kLIBID_NVDBConvLib));
     EXPECT_EQ((Lines{"> CNVComModule::Init", "<", "> CNVComModule::Init", "E -2147024770 ", "<"}), trace.Lines())
         << trace.Dump();

@@ -148,10 +148,12 @@ TEST_F(ComponentRegistrationTest, UnregisteringKeepsAListKeyThatStillHasSubkeys)
 
 TEST_F(ComponentRegistrationTest, UnregisteringWhenTheListKeyIsMissingReturnsTheOpenError)
 {
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), CComponentRegistrar::UnregisterComponent(kSys, L"CNVDBConverter"));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND),
+              CComponentRegistrar::UnregisterComponent(kSys, L"CNVDBConverter"));
     // The 32-bit view's list does not count.
     SetString(kSys, L"CNVDBConverter", L"x", kView32);
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), CComponentRegistrar::UnregisterComponent(kSys, L"CNVDBConverter"));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND),
+              CComponentRegistrar::UnregisterComponent(kSys, L"CNVDBConverter"));
     std::wstring kept;
     EXPECT_TRUE(GetString(kSys, L"CNVDBConverter", kView32, &kept));
 }
@@ -168,7 +170,7 @@ TEST_F(ComponentRegistrationTest, UpdateRegistryRegistersAndUnregistersTheConver
 
     EXPECT_EQ(S_OK, CNVDBConverter::UpdateRegistry(FALSE));
     EXPECT_FALSE(KeyExists(kSys, kView64));
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), CNVDBConverter::UpdateRegistry(FALSE));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), CNVDBConverter::UpdateRegistry(FALSE));
 }
 
 TEST_F(ComponentRegistrationTest, ModuleRegisterServerRunsEachClassRegistration)
@@ -181,7 +183,7 @@ TEST_F(ComponentRegistrationTest, ModuleRegisterServerRunsEachClassRegistration)
 
     EXPECT_EQ(S_OK, g_NVComModule.UnRegisterServer(nullptr));
     EXPECT_FALSE(KeyExists(kSys, kView64));
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), g_NVComModule.UnRegisterServer(nullptr));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), g_NVComModule.UnRegisterServer(nullptr));
 }
 
 TEST_F(ComponentRegistrationTest, ModuleRegistrationOfAnotherClassTouchesNothing)
@@ -224,7 +226,7 @@ TEST_F(DllRegistrationTest, DllRegisterServerAddsOnlyTheComponentEntry)
 
     EXPECT_EQ(S_OK, dll.DllUnregisterServer());
     EXPECT_FALSE(KeyExists(kSys, kView64));
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), dll.DllUnregisterServer());
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), dll.DllUnregisterServer());
 }
 
 namespace {
@@ -301,7 +303,7 @@ TEST_F(ComponentRegistrationTest, RegistrationAndUnregistrationAreTracedAtEachLe
     trace.Start();
     ASSERT_EQ(S_OK, g_NVComModule.RegisterServer(FALSE, nullptr));
     ASSERT_EQ(S_OK, g_NVComModule.UnRegisterServer(nullptr));
-    ASSERT_EQ(static_cast<HRESULT>(0x80070002), g_NVComModule.UnRegisterServer(nullptr));
+    ASSERT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), g_NVComModule.UnRegisterServer(nullptr));
     EXPECT_EQ((Lines{
                   "> CNVComModule::RegisterServer",
                   "> Updateregistry - SYS", "> CComponentRegistrar::RegisterComponent", "<", "<",

@@ -26,6 +26,7 @@
 #include "support/token_scope.h"
 #include "support/trace_capture.h"
 #include "support/db_paths.h"
+#include "support/test_results.h"
 
 using namespace nvtest;
 namespace inspect = nvstore::inspect;
@@ -280,8 +281,8 @@ TEST_F(ConversionLockTest, ConvertAfterItsOwnRollbackRunsAgain)
     // In the library's own view, where Rollback deletes and restores it.
     FillDatabase(kView64);
     TestConverter converter(0, 0, L"DB-v2.0");
-    converter.convertResult = static_cast<HRESULT>(0x80041234);
-    EXPECT_EQ(static_cast<HRESULT>(0x80041234), converter.Convert());
+    converter.convertResult = kHookFailure;
+    EXPECT_EQ(kHookFailure, converter.Convert());
     converter.convertResult = S_OK;
     EXPECT_EQ(S_OK, converter.Convert());
     EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Convert", "do_Rollback", "do_Backup", "do_Convert",

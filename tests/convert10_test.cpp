@@ -290,7 +290,7 @@ TEST_F(Convert10Test, DomainsBAndLowercaseAFailingStoreShowsBIsConvertedBeforeA)
 
         {
             LoadedLibrary dll;
-            EXPECT_EQ(static_cast<HRESULT>(0x80070002), dll.Convert());
+            EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), dll.Convert());
         }
         RegTree want = ToRegTree(expected);
         RegTree actual = Snapshot(kDbPath, kView32);
@@ -382,7 +382,7 @@ TEST_F(Convert10Test, MissingMachineNameIndexFailsAndTheRollbackRunsInTheLibrary
 
     {
         LoadedLibrary dll;
-        EXPECT_EQ(static_cast<HRESULT>(0x80070002), dll.Convert());
+        EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), dll.Convert());
     }
     EXPECT_EQ(expectedLines, trace.LinesInScope("CBaseConverter::Convert")) << trace.Dump();
 
@@ -429,7 +429,7 @@ TEST_F(Convert10Test, EmptyValueInANameIndexFailsTheBackupWith80070008AndConvert
 
     {
         LoadedLibrary dll;
-        EXPECT_EQ(static_cast<HRESULT>(0x80070008), dll.Convert());
+        EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY), dll.Convert());
     }
     RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
@@ -493,7 +493,7 @@ TEST_F(Convert10Test, DatabaseIn64BitViewIsDetectedButCannotBeOpenedByCConverter
         EXPECT_EQ(S_OK, dll.GetDBVersion(&current, &target));
         EXPECT_EQ(0x00010000u, current);
         EXPECT_EQ(0x00020000u, target);
-        EXPECT_EQ(static_cast<HRESULT>(0x80070006), dll.Convert());
+        EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE), dll.Convert());
     }
     // The constructor's open fails; the copy then has no source key (0x80070006).
     EXPECT_EQ((std::vector<std::string>{"U wszVersion = 1.0", "U m_dwVersion = 0x10000",

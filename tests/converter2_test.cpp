@@ -136,7 +136,8 @@ TEST_F(Converter2Test, ConvertNameIndexOfAMissingKeyFailsWith80070002)
     RegTree before = Snapshot(kDbPath, kView32);
     CConverter2 converter;
     trace.Start();
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), converter.ConvertNameIndexTo20(L"MainDB\\Users\\Index\\NameIndex"));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND),
+              converter.ConvertNameIndexTo20(L"MainDB\\Users\\Index\\NameIndex"));
     RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
     EXPECT_EQ((std::vector<std::string>{"> CConverter2::ConvertNameIndexTo20", "E -2147024894 ", "<"}),
@@ -168,7 +169,8 @@ TEST_F(Converter2Test, ConvertNameIndexWithAnEmptyValueDeletesEarlierIdentifiers
 
     CConverter2 converter;
     trace.Start();
-    EXPECT_EQ(static_cast<HRESULT>(0x80070008), converter.ConvertNameIndexTo20(L"Cache\\DOM\\Users\\Index\\NameIndex"));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY),
+              converter.ConvertNameIndexTo20(L"Cache\\DOM\\Users\\Index\\NameIndex"));
     RegTree actual = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
     EXPECT_EQ((std::vector<std::string>{"> CConverter2::ConvertNameIndexTo20", "E -2147024888 ", "<"}),
@@ -232,7 +234,7 @@ TEST_F(Converter2Test, DoConvertStopsAtTheFirstFailingStoreInOrdinalOrder)
 
     CConverter2 converter;
     trace.Start();
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), converter.do_Convert());
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), converter.do_Convert());
     RegTree expected = ToRegTree(expectedRecord);
     RegTree actual = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);

@@ -31,7 +31,6 @@ namespace inspect = nvstore::inspect;
 namespace {
 
 constexpr const wchar_t kStrictValue[] = L"StrictConversion";
-constexpr HRESULT kIncomplete = static_cast<HRESULT>(0x80040201);
 
 bool HasLine(const std::vector<std::string>& lines, const std::string& line)
 {
@@ -197,7 +196,7 @@ TEST_F(StrictPolicyConversionTest, SecretTheStoreRefusesKeepsTheUserUntilALaterC
     const std::string missing = "secret not stored '" + secret + "' (0x80070005)";
     const auto lines = OwnLines(trace, "CConverter3::do_Convert");
     EXPECT_TRUE(HasLine(lines, "U Incomplete user '" + sid + "' keeps its old key: " + missing)) << trace.Dump();
-    EXPECT_EQ("U Conversion process is over for '" + sid + "', " + Hex(kIncomplete), lines.back());
+    EXPECT_EQ("U Conversion process is over for '" + sid + "', " + Hex(NV_E_USER_INCOMPLETE), lines.back());
     // The old key stays as it was; what reached the store stays there.
     EXPECT_EQ("", DiffTrees(oldKey, Snapshot(UserKeyPath(u.guid).c_str(), kView32)));
     EXPECT_TRUE(inspect::UserExists(u.sidText));
@@ -208,7 +207,7 @@ TEST_F(StrictPolicyConversionTest, SecretTheStoreRefusesKeepsTheUserUntilALaterC
     ASSERT_EQ(1u, held.size());
     EXPECT_EQ(GuidText(u.guid), held[0].key);
     EXPECT_EQ(u.sidText, held[0].sid);
-    EXPECT_EQ(static_cast<DWORD>(kIncomplete), held[0].result);
+    EXPECT_EQ(static_cast<DWORD>(NV_E_USER_INCOMPLETE), held[0].result);
     EXPECT_EQ(Widen(missing), held[0].reason);
     ProcessRun run = RunProcess(QuoteArg(ExeDirectory() + L"nvdbconv.exe") + L" status");
     EXPECT_NE(std::string::npos, run.out.find("held user       " + sid + " " + Narrow(GuidText(u.guid)) +
@@ -266,7 +265,7 @@ TEST_F(StrictPolicyConversionTest, MalformedTemplateItemKeepsTheUserUnderStrictA
     const std::string missing = "template malformed at position 1";
     const auto lines = OwnLines(trace, "CConverter3::do_Convert");
     EXPECT_TRUE(HasLine(lines, "U Incomplete user '" + sid + "' keeps its old key: " + missing)) << trace.Dump();
-    EXPECT_EQ("U Conversion process is over for '" + sid + "', " + Hex(kIncomplete), lines.back());
+    EXPECT_EQ("U Conversion process is over for '" + sid + "', " + Hex(NV_E_USER_INCOMPLETE), lines.back());
     EXPECT_TRUE(KeyExists(UserKeyPath(u.guid).c_str(), kView32));
     const auto held = nvdbconv::ReadHeldUsers();
     ASSERT_EQ(1u, held.size());
@@ -312,7 +311,7 @@ TEST_F(StrictPolicyConversionTest, PasswordThatDoesNotUnpackHoldsTheUserBeforeAn
     const std::string missing = "password secret not unpacked (0x80090005)";
     const auto lines = OwnLines(trace, "CConverter3::do_Convert");
     EXPECT_TRUE(HasLine(lines, "U Incomplete user '" + sid + "' keeps its old key: " + missing)) << trace.Dump();
-    EXPECT_EQ("U Conversion process is over for '" + sid + "', " + Hex(kIncomplete), lines.back());
+    EXPECT_EQ("U Conversion process is over for '" + sid + "', " + Hex(NV_E_USER_INCOMPLETE), lines.back());
     EXPECT_TRUE(KeyExists(UserKeyPath(u.guid).c_str(), kView32));
     const auto held = nvdbconv::ReadHeldUsers();
     ASSERT_EQ(1u, held.size());
@@ -378,13 +377,13 @@ TEST_P(StoreGapTest, UserTheStoreCannotRegisterKeepsItsOldKeyUnderStrict)
     const auto lines = OwnLines(trace, "CConverter3::do_Convert");
     ASSERT_FALSE(lines.empty()) << trace.Dump();
     EXPECT_TRUE(HasLine(lines, "U Incomplete user '" + sid + "' keeps its old key: " + missing)) << trace.Dump();
-    EXPECT_EQ("U Conversion process is over for '" + sid + "', " + Hex(kIncomplete), lines.back());
+    EXPECT_EQ("U Conversion process is over for '" + sid + "', " + Hex(NV_E_USER_INCOMPLETE), lines.back());
     EXPECT_EQ("", DiffTrees(oldKey, Snapshot(UserKeyPath(u.guid).c_str(), kView32)));
     EXPECT_FALSE(inspect::IsRegistered(u.sidText));
     const auto held = nvdbconv::ReadHeldUsers();
     ASSERT_EQ(1u, held.size());
     EXPECT_EQ(u.sidText, held[0].sid);
-    EXPECT_EQ(static_cast<DWORD>(kIncomplete), held[0].result);
+    EXPECT_EQ(static_cast<DWORD>(NV_E_USER_INCOMPLETE), held[0].result);
     EXPECT_EQ(Widen(missing), held[0].reason);
 
     // The store offers it again: a later Convert moves and registers the user.
@@ -553,14 +552,14 @@ protected:
                       incomplete)
                 << trace.Dump();
         EXPECT_EQ("U Conversion process is over for '" + sidShown + "', " +
-                      Hex(missing.empty() ? E_UNEXPECTED : kIncomplete),
+                      Hex(missing.empty() ? E_UNEXPECTED : NV_E_USER_INCOMPLETE),
                   lines.back());
         EXPECT_EQ("", DiffTrees(oldKey, Snapshot(UserKeyPath(u.guid).c_str(), kView32)));
         const auto held = nvdbconv::ReadHeldUsers();
         ASSERT_EQ(1u, held.size());
         EXPECT_EQ(GuidText(u.guid), held[0].key);
         EXPECT_EQ(Widen(sidShown), held[0].sid);
-        EXPECT_EQ(static_cast<DWORD>(missing.empty() ? E_UNEXPECTED : kIncomplete), held[0].result);
+        EXPECT_EQ(static_cast<DWORD>(missing.empty() ? E_UNEXPECTED : NV_E_USER_INCOMPLETE), held[0].result);
         EXPECT_EQ(missing.empty() ? std::wstring(L"conversion failed (0x8000FFFF)") : Widen(missing), held[0].reason);
     }
 };

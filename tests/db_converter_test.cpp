@@ -16,6 +16,7 @@
 #include "support/test_converter.h"
 #include "support/trace_capture.h"
 #include "support/db_paths.h"
+#include "support/test_results.h"
 
 using namespace nvtest;
 
@@ -224,7 +225,7 @@ TEST_F(DBConverterTest, DatabaseKeyInOwnViewWithoutVersionHidesThe32BitVersion)
 TEST_F(DBConverterTest, DatabaseKeyAbsentInBothViewsGivesVersionZeroAndTheOpenError)
 {
     Detected d = Detect();
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), d.hr);
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), d.hr);
     EXPECT_EQ(0u, d.version);
     EXPECT_FALSE(d.converter);
 }
@@ -339,14 +340,14 @@ TEST_F(DBConverterTest, ActionsReachTheHeldConverter)
     CDBConverter holder;
     auto* c = new TestConverter(0, 0, L"DB-v2.0");
     holder.m_pConverter.reset(c);
-    c->cleanupResult = static_cast<HRESULT>(0x80041001);
+    c->cleanupResult = kCleanupFailure;
 
-    EXPECT_EQ(static_cast<HRESULT>(0x80041001), holder.Convert());
+    EXPECT_EQ(kCleanupFailure, holder.Convert());
     EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Convert", "do_Cleanup", "do_Rollback"}), c->calls);
     c->calls.clear();
-    c->rollbackResult = static_cast<HRESULT>(0x80041002);
-    EXPECT_EQ(static_cast<HRESULT>(0x80041002), holder.Rollback());
-    EXPECT_EQ(static_cast<HRESULT>(0x80041001), holder.Cleanup());
+    c->rollbackResult = kRollbackFailure;
+    EXPECT_EQ(kRollbackFailure, holder.Rollback());
+    EXPECT_EQ(kCleanupFailure, holder.Cleanup());
     EXPECT_EQ((std::vector<std::string>{"do_Rollback", "do_Cleanup"}), c->calls);
 }
 

@@ -180,7 +180,7 @@ TEST_F(DllFrameTest, Version30GetsCConverter3OnlyWhileMainDBStillOpens)
         EXPECT_EQ(S_OK, dll.GetDBVersion(&current, &target));
         EXPECT_EQ(0x00030000u, current);
         EXPECT_EQ(0u, target);
-        EXPECT_EQ(static_cast<HRESULT>(0x80004005), dll.Convert());
+        EXPECT_EQ(E_FAIL, dll.Convert());
     }
 }
 
@@ -223,9 +223,9 @@ TEST_F(DllFrameTest, GetDBVersionWithOneNullPointerIsInvalidArgAndLeavesTheOther
     SetString(kDbPath, L"Version", L"1.0", kView32);
     LoadedLibrary dll;
     DWORD value = kSentinel;
-    EXPECT_EQ(static_cast<HRESULT>(0x80070057), dll.GetDBVersion(nullptr, &value));
+    EXPECT_EQ(E_INVALIDARG, dll.GetDBVersion(nullptr, &value));
     EXPECT_EQ(kSentinel, value);
-    EXPECT_EQ(static_cast<HRESULT>(0x80070057), dll.GetDBVersion(&value, nullptr));
+    EXPECT_EQ(E_INVALIDARG, dll.GetDBVersion(&value, nullptr));
     EXPECT_EQ(kSentinel, value);
 }
 
@@ -310,7 +310,7 @@ TEST_F(DllFrameTraceTest, Version30WithoutMainDBReturnsNull)
     SetString(kDbPath, L"Version", L"3.0", kView32);
     {
         LoadedLibrary dll;
-        EXPECT_EQ(static_cast<HRESULT>(0x80004005), dll.Convert());
+        EXPECT_EQ(E_FAIL, dll.Convert());
     }
     EXPECT_EQ((Lines{"> CBaseConverter::CreateConverter", "U Returning NULL", "<"}),
               [&] {

@@ -250,7 +250,7 @@ TEST_F(NameIndexTest, MissingNameIndexFailsWithFileNotFoundAndChangesNothing)
     SetBinary(Sub(L"MainDB\\Users").c_str(), L"id", Id(3), kView32);
     OpenDb();
     RegTree before = Snapshot(kDbPath, kView32);
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), Strip(L"MainDB\\Users\\Index\\NameIndex"));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), Strip(L"MainDB\\Users\\Index\\NameIndex"));
     RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
 }
@@ -283,7 +283,7 @@ TEST_F(NameIndexTest, EmptyValueFailsWithError8AfterDeletingTheIdentifiersFoundB
     ASSERT_GT(deleted, 0u);
     ASSERT_LT(deleted, 6u);
 
-    EXPECT_EQ(static_cast<HRESULT>(0x80070008), Strip(L"Cache\\DOM\\Users\\Index\\NameIndex"));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY), Strip(L"Cache\\DOM\\Users\\Index\\NameIndex"));
     RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == after) << DiffTrees(expected, after);
 }

@@ -20,9 +20,6 @@
 using namespace nvtest;
 
 namespace {
-
-constexpr HRESULT kInvalidData = static_cast<HRESULT>(0x8007000D);
-constexpr HRESULT kFileNotFound = static_cast<HRESULT>(0x80070002);
 constexpr const wchar_t kMainUsers[] = L"SOFTWARE\\Norvane\\DB\\MainDB\\Users";
 constexpr GUID kUser = {0x01234567, 0x89AB, 0xCDEF, {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF}};
 constexpr const wchar_t kUserKey[] = L"SOFTWARE\\Norvane\\DB\\Data\\Users\\{01234567-89AB-CDEF-0123-456789ABCDEF}";
@@ -374,7 +371,7 @@ TEST_F(RegSetTest, OpenFailingLeavesTheRecordSetClosed)
     ::RegCloseKey(key);
 
     CNVDBRegSet set;
-    EXPECT_EQ(static_cast<HRESULT>(0x80070005), set.Open(ComputerName().c_str(), 0));
+    EXPECT_EQ(E_ACCESSDENIED, set.Open(ComputerName().c_str(), 0));
     EXPECT_FALSE(set.IsOpen());
     nv::CCryptBlob blob;
     EXPECT_EQ(E_FAIL, set.ReadField(kUser, L"x", blob));
@@ -453,8 +450,8 @@ TEST_F(RegSetTest, ReadFieldOfAStringOrDwordFieldFailsWithInvalidData)
     CNVDBRegSet set;
     ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
     nv::CCryptBlob blob(reinterpret_cast<const BYTE*>("\xde\xad\xbe\xef"), 4);
-    EXPECT_EQ(kInvalidData, set.ReadField(kUser, L"Text", blob));
-    EXPECT_EQ(kInvalidData, set.ReadField(kUser, L"Number", blob));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INVALID_DATA), set.ReadField(kUser, L"Text", blob));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INVALID_DATA), set.ReadField(kUser, L"Number", blob));
     EXPECT_EQ(0, std::memcmp(blob.pbData, "\xde\xad\xbe\xef", 4));
 }
 
@@ -508,7 +505,7 @@ TEST_F(RegSetTest, EnumFieldsOfAMissingUserFailsAndLeavesTheVector)
     CNVDBRegSet set;
     ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
     std::vector<std::wstring> fields{L"sentinel"};
-    EXPECT_EQ(kFileNotFound, set.EnumFields(kUser, fields));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), set.EnumFields(kUser, fields));
     EXPECT_EQ(std::vector<std::wstring>{L"sentinel"}, fields);
 }
 
@@ -556,7 +553,7 @@ TEST_F(RegSetTest, ReadsTraceWhatTheyFoundInNestedScopes)
     EXPECT_EQ(S_FALSE, set.ReadField(unknown, L"Secret", blob));
     EXPECT_EQ(S_FALSE, set.ReadField(kUser, L"Missing", blob));
     EXPECT_EQ(S_OK, set.ReadField(kUser, L"Secret", blob));
-    EXPECT_EQ(kInvalidData, set.ReadField(kUser, L"Text", blob));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INVALID_DATA), set.ReadField(kUser, L"Text", blob));
     EXPECT_EQ((std::vector<std::string>{
                   "> CNVDBRegSet::ReadField", "> CNVDBRegSet::ReadAnyField", "U key not found", "<", "<",
                   "> CNVDBRegSet::ReadField", "> CNVDBRegSet::ReadAnyField", "U field not found", "<", "<",
@@ -576,7 +573,7 @@ TEST_F(RegSetTest, FailuresAreTracedAsResults)
     EXPECT_EQ(E_FAIL, set.ReadField(kUser, L"x", blob));
     EXPECT_EQ(E_FAIL, set.EnumFields(kUser, fields));
     ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
-    EXPECT_EQ(kFileNotFound, set.EnumFields(kUser, fields));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), set.EnumFields(kUser, fields));
     EXPECT_EQ((std::vector<std::string>{"> CNVDBRegSet::ReadField", "E -2147467259 ", "<",
                                         "> CNVDBRegSet::EnumFields", "E -2147467259 ", "<",
                                         "> CNVDBRegSet::Open", "U writing new version number: <2.1>", "<",

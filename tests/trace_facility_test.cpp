@@ -103,7 +103,8 @@ TEST_F(TraceFacilityTest, ScopeLineAndResultReachTheFileAfterDateAndTime)
     {
         NVTraceNS::CTraceScope scope("CFoo::Bar", 0);
         NVTraceNS::Trace(scope, 0, "value %d of %ls and %s", 5, L"wide", "narrow");
-        EXPECT_EQ(HRESULT(0x80070002), NVTraceNS::TraceReturn(scope, HRESULT(0x80070002)));
+        EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND),
+                  NVTraceNS::TraceReturn(scope, HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)));
     }
     EXPECT_EQ((std::vector<std::string>{"t 11/15/26", "T 09:30:00.125", "> CFoo::Bar", "U value 5 of wide and narrow",
                                         "E -2147024894 ", "<"}),
@@ -219,7 +220,7 @@ TEST_F(TraceFacilityTest, ResultsAreTracedWhenNegativeOrOfFacilityNine)
 {
     {
         NVTraceNS::CTraceScope scope("Results", 0);
-        for (HRESULT hr : {HRESULT(0), HRESULT(1), HRESULT(0x00090312), HRESULT(0x80090016), HRESULT(0x10090000),
+        for (HRESULT hr : {HRESULT(0), HRESULT(1), HRESULT(0x00090312), NTE_BAD_KEYSET, HRESULT(0x10090000),
                            HRESULT(0x00080000), HRESULT(0x0009FFFF), HRESULT(0x00190000), HRESULT(0x7FFFFFFF),
                            HRESULT(0x80000000)})
             NVTraceNS::TraceResult(scope, "", hr);
