@@ -565,7 +565,7 @@ TEST_F(HostIdReadFailureTest, AValueThatIsReallyMissingIsStillReplaced)
     DeleteValue(kHostKey, L"HostId", kView32);
     CFPSecurityContext ctx;
     // The new identifier names no container yet: the provider's error, after writing.
-    EXPECT_NE(S_OK, ctx.FinalConstruct(KEY_WOW64_32KEY));
+    EXPECT_EQ(NTE_BAD_KEYSET, ctx.FinalConstruct(KEY_WOW64_32KEY));
     RegValue v;
     ASSERT_TRUE(GetValue(kHostKey, L"HostId", kView32, &v));
     EXPECT_EQ(16u, v.data.size());
