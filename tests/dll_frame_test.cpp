@@ -11,6 +11,7 @@
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
 #include "support/db_paths.h"
+#include "support/sample_databases.h"
 #include "writer/legacy_writer.h"
 
 using namespace nvtest;
@@ -83,11 +84,7 @@ TEST_F(DllFrameTest, WithoutDatabaseTheActionsFailAndVersionsAreZero)
 // Convert runs a CConverter2 to the end: "2.0", no backup left in either view.
 TEST_F(DllFrameTest, Version10In32BitViewOnlyIsDetectedAndConvertedByCConverter2)
 {
-    nvwriter::DbOptions options;
-    options.users = 3;
-    options.domains = 1;
-    nvwriter::DbRecord record;
-    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    ASSERT_EQ(S_OK, WriteDb10(3, 1));
     ASSERT_FALSE(KeyExists(kVendor, kView64));
 
     {

@@ -19,6 +19,8 @@
 #include "support/store_sandbox.h"
 #include "support/db_paths.h"
 #include "support/text_util.h"
+#include "support/tool_runs.h"
+#include "support/sample_databases.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -54,14 +56,6 @@ InstallerRun RunInstaller()
     return run;
 }
 
-std::string Joined(const std::vector<std::string>& lines)
-{
-    std::string text;
-    for (const std::string& l : lines)
-        text += l + "\n";
-    return text;
-}
-
 // The installer's thread is a COM apartment already (NSIS initialises OLE), so the
 // script's own CoInitializeEx answers S_FALSE and is balanced all the same.
 const char kComLine[] = "CoInitializeEx = 0x00000001";
@@ -71,14 +65,7 @@ const char kComLine[] = "CoInitializeEx = 0x00000001";
 // every run; a test that compares sets it first.
 nvwriter::Db20Database Write20(ContainerJanitor& containers, unsigned users)
 {
-    nvwriter::Db20Options options;
-    options.seed = 41;
-    options.userCount = users;
-    options.domainCount = 1;
-    nvwriter::Db20Database db = nvwriter::MakeDb20Database(options);
-    containers.Track(db.hostId);
-    EXPECT_EQ(S_OK, nvwriter::WriteDb20Database(db));
-    return db;
+    return WriteTracked20(containers, users, 41);
 }
 
 std::vector<std::wstring> SortedSids(const nvwriter::Db20Database& db)
@@ -102,6 +89,20 @@ std::vector<std::string> StepLines(int step, const char* current, const char* ta
             "FreeLibrary = ok"};
 }
 
+// The lines of a 1.0 step whose Convert fails and is rolled back (or not, as the
+// Rollback line says).
+std::vector<std::string> FailedStepLines(const char* convert, const std::string& rollback)
+{
+    return {"step 1",
+            "LoadLibrary = ok",
+            "GetDBVersion = 0x00000000 current 0x00010000 target 0x00020000",
+            std::string("Convert = ") + convert,
+            "Rollback = " + rollback,
+            "step 1 = failed 1.0 -> 2.0",
+            "outcome = rolled back",
+            "FreeLibrary = ok"};
+}
+
 std::vector<std::string> Concat(std::initializer_list<std::vector<std::string>> parts)
 {
     std::vector<std::string> all;
@@ -119,15 +120,9 @@ class InstallerStoreTest : public StoreSandbox {};
 // load per step, each step logged.
 TEST_F(InstallerStoreTest, A10DatabaseReaches30InOneRun)
 {
-    nvwriter::DbOptions options;
-    options.users = 4;
-    options.domains = 1;
-    options.users20 = 4;
     ContainerJanitor containers;
-    const nvwriter::Db20Database db20 = nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options));
-    containers.Track(db20.hostId);
-    nvwriter::DbRecord record;
-    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    nvwriter::Db20Database db20;
+    ASSERT_EQ(S_OK, Write10With20Records(containers, 4, 4, false, &db20));
 
     const InstallerRun run = RunInstaller();
     EXPECT_EQ(0u, run.exitCode) << Joined(run.log);
@@ -273,29 +268,14 @@ TEST_F(InstallerStoreTest, AUserTheStrictPolicyHeldIsNamedAndTheInstallerExits4)
 // with the backup: the installer does not call Rollback without it.
 TEST_F(InstallerTest, AFailingConvertWithoutABackupIsNotRolledBackAgain)
 {
-    nvwriter::DbOptions options;
-    options.users = 4;
-    options.domains = 1;
-    nvwriter::DbRecord record;
-    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    ASSERT_EQ(S_OK, WriteDb10(4, 1));
     // An empty value cannot be backed up (Win32 error 8), so Convert fails first thing.
     SetBinary(kDbPath, L"Empty", {}, kView32);
     const RegTree before = Snapshot(kDbPath, kView32);
 
     const InstallerRun run = RunInstaller();
     EXPECT_EQ(1u, run.exitCode) << Joined(run.log);
-    EXPECT_EQ((std::vector<std::string>{
-                  kComLine,
-                  "step 1",
-                  "LoadLibrary = ok",
-                  "GetDBVersion = 0x00000000 current 0x00010000 target 0x00020000",
-                  "Convert = 0x80070008",
-                  "Rollback = not called: no \"Backup\" value",
-                  "step 1 = failed 1.0 -> 2.0",
-                  "outcome = rolled back",
-                  "FreeLibrary = ok",
-              }),
-              run.log);
+    EXPECT_EQ(Concat({{kComLine}, FailedStepLines("0x80070008", "not called: no \"Backup\" value")}), run.log);
     const RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
     RegValue backupValue;
@@ -307,28 +287,16 @@ TEST_F(InstallerTest, AFailingConvertWithoutABackupIsNotRolledBackAgain)
 // delete the database and restore nothing, so the installer does not call it.
 TEST_F(InstallerTest, RollbackIsNotCalledWhenTheBackupKeyIsMissing)
 {
-    nvwriter::DbOptions options;
-    options.users = 4;
-    options.domains = 1;
-    nvwriter::DbRecord record;
-    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    ASSERT_EQ(S_OK, WriteDb10(4, 1));
     SetBinary(kDbPath, L"Empty", {}, kView32);
     SetString(kDbPath, L"Backup", L"SOFTWARE\\Norvane\\Gone", kView32);
     const RegTree before = Snapshot(kDbPath, kView32);
 
     const InstallerRun run = RunInstaller();
     EXPECT_EQ(1u, run.exitCode) << Joined(run.log);
-    EXPECT_EQ((std::vector<std::string>{
-                  kComLine,
-                  "step 1",
-                  "LoadLibrary = ok",
-                  "GetDBVersion = 0x00000000 current 0x00010000 target 0x00020000",
-                  "Convert = 0x80070008",
-                  "Rollback = not called: \"Backup\" names HKLM\\SOFTWARE\\Norvane\\Gone, which is missing (32-bit view)",
-                  "step 1 = failed 1.0 -> 2.0",
-                  "outcome = rolled back",
-                  "FreeLibrary = ok",
-              }),
+    EXPECT_EQ(Concat({{kComLine},
+                      FailedStepLines("0x80070008", "not called: \"Backup\" names HKLM\\SOFTWARE\\Norvane\\Gone, "
+                                                    "which is missing (32-bit view)")}),
               run.log);
     const RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
@@ -350,18 +318,7 @@ TEST_F(InstallerTest, RollbackIsCalledWhenTheBackupKeyExists)
 
     const InstallerRun run = RunInstaller();
     EXPECT_EQ(1u, run.exitCode) << Joined(run.log);
-    EXPECT_EQ((std::vector<std::string>{
-                  kComLine,
-                  "step 1",
-                  "LoadLibrary = ok",
-                  "GetDBVersion = 0x00000000 current 0x00010000 target 0x00020000",
-                  "Convert = 0x80070002",
-                  "Rollback = 0x00000000",
-                  "step 1 = failed 1.0 -> 2.0",
-                  "outcome = rolled back",
-                  "FreeLibrary = ok",
-              }),
-              run.log);
+    EXPECT_EQ(Concat({{kComLine}, FailedStepLines("0x80070002", "0x00000000")}), run.log);
 }
 
 TEST_F(InstallerTest, WithoutADatabaseThereIsNothingToConvert)

@@ -21,6 +21,8 @@
 #include "support/registry_sandbox.h"
 #include "support/store_sandbox.h"
 #include "support/db_paths.h"
+#include "support/tool_runs.h"
+#include "support/sample_databases.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -99,14 +101,6 @@ MsiRun Msiexec(const std::wstring& action)
     return run;
 }
 
-std::string Joined(const std::vector<std::string>& lines)
-{
-    std::string text;
-    for (const std::string& l : lines)
-        text += l + "\n";
-    return text;
-}
-
 bool FileExists(const std::wstring& path) { return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 
 } // namespace
@@ -179,11 +173,7 @@ TEST_F(MsiInstallerTest, A20DatabaseConvertsIntoTheStoreAndTheInstallReturns0)
 
 TEST_F(MsiInstallerTest, AFailingConvertFailsTheInstallWith1603AndRunsTheRollbackAction)
 {
-    nvwriter::DbOptions options;
-    options.users = 4;
-    options.domains = 1;
-    nvwriter::DbRecord record;
-    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    ASSERT_EQ(S_OK, WriteDb10(4, 1));
     // An empty value cannot be backed up (Win32 error 8): Convert fails first thing.
     SetBinary(kDbPath, L"Empty", {}, kView32);
     const RegTree before32 = Snapshot(kDbPath, kView32);
@@ -239,14 +229,7 @@ std::vector<RegTree> SnapshotData()
 
 nvwriter::Db20Database Write20(ContainerJanitor& containers, unsigned users)
 {
-    nvwriter::Db20Options options;
-    options.seed = 16;
-    options.userCount = users;
-    options.domainCount = 1;
-    nvwriter::Db20Database db = nvwriter::MakeDb20Database(options);
-    containers.Track(db.hostId);
-    EXPECT_EQ(S_OK, nvwriter::WriteDb20Database(db));
-    return db;
+    return WriteTracked20(containers, users, 16);
 }
 
 } // namespace
@@ -255,15 +238,9 @@ nvwriter::Db20Database Write20(ContainerJanitor& containers, unsigned users)
 // library load per step, each step logged.
 TEST_F(MsiInstallerTest, A10DatabaseReaches30InOneInstall)
 {
-    nvwriter::DbOptions options;
-    options.users = 3;
-    options.domains = 1;
-    options.users20 = 3;
     ContainerJanitor containers;
-    const nvwriter::Db20Database db20 = nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options));
-    containers.Track(db20.hostId);
-    nvwriter::DbRecord record;
-    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    nvwriter::Db20Database db20;
+    ASSERT_EQ(S_OK, Write10With20Records(containers, 3, 3, false, &db20));
 
     const MsiRun run = Msiexec(L"/i");
     m_installed = run.exitCode == 0;

@@ -24,6 +24,8 @@
 #include "support/store_sandbox.h"
 #include "support/db_paths.h"
 #include "support/text_util.h"
+#include "support/tool_runs.h"
+#include "support/sample_databases.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -31,52 +33,15 @@ using namespace nvtest;
 
 namespace {
 
-
-ProcessRun RunTool(const std::wstring& exe, const std::wstring& args)
-{
-    ProcessRun run = RunProcess(QuoteArg(ExeDirectory() + exe) + L" " + args, 300000);
-    EXPECT_TRUE(run.started) << Narrow(exe);
-    EXPECT_FALSE(run.timedOut) << Narrow(args);
-    return run;
-}
-
 ProcessRun Nvdbconv(const std::wstring& args) { return RunTool(L"nvdbconv.exe", args); }
 
-JsonValue Json(const ProcessRun& run)
-{
-    JsonValue doc;
-    std::string error;
-    EXPECT_TRUE(ParseJson(run.out, &doc, &error)) << error << "\n" << run.out;
-    return doc;
-}
-
-std::wstring StoreClassKey()
-{
-    wchar_t clsid[64] = {};
-    ::StringFromGUID2(nvstore::kClsidUserStore, clsid, 64);
-    return std::wstring(L"SOFTWARE\\Classes\\CLSID\\") + clsid;
-}
-
-std::wstring TraceFile()
-{
-    wchar_t dir[MAX_PATH] = {};
-    ::GetTempPathW(MAX_PATH, dir);
-    return std::wstring(dir) + L"nvdbconv-outcome-" + std::to_wstring(::GetCurrentProcessId()) + L".trc3";
-}
+std::wstring TraceFile() { return TempTraceFile(L"nvdbconv-outcome-"); }
 
 // The container is tracked (which deletes any old one) before the writer makes it.
 nvwriter::Db20Database Write20(ContainerJanitor& containers, unsigned users,
                                std::vector<std::pair<unsigned, nvwriter::Db20Defect>> defects = {})
 {
-    nvwriter::Db20Options options;
-    options.seed = 1616;
-    options.userCount = users;
-    options.domainCount = 1;
-    options.defects = std::move(defects);
-    nvwriter::Db20Database db = nvwriter::MakeDb20Database(options);
-    containers.Track(db.hostId);
-    EXPECT_EQ(S_OK, nvwriter::WriteDb20Database(db));
-    return db;
+    return WriteTracked20(containers, users, 1616, std::move(defects));
 }
 
 // Wine keeps machine key containers in the registry (Wine\Crypto\RSA\<name>) and
@@ -214,14 +179,8 @@ TEST_F(NvdbconvOutcomeTest, ForcedWithoutTheStoreExits4AndNamesEveryUserWithItsT
 
 TEST_F(NvdbconvOutcomeTest, UpgradeChains10To20To30InChildProcesses)
 {
-    nvwriter::DbOptions options;
-    options.users = 5;
-    options.domains = 1;
-    options.users20 = 5;
     ContainerJanitor containers;
-    containers.Track(nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options)).hostId);
-    nvwriter::DbRecord record;
-    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    ASSERT_EQ(S_OK, Write10With20Records(containers, 5, 5));
 
     const ProcessRun run = Nvdbconv(L"upgrade");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;

@@ -34,6 +34,7 @@
 #include "support/unix_side.h"
 #include "support/db_paths.h"
 #include "support/text_util.h"
+#include "support/tool_runs.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -48,30 +49,7 @@ constexpr const wchar_t kComponents[] = L"SOFTWARE\\Norvane\\Core\\SysComponents
 std::wstring NvdbconvExe() { return ExeDirectory() + L"nvdbconv.exe"; }
 std::wstring LibraryPath() { return ExeDirectory() + L"NVDBConv.dll"; }
 std::string LibraryPathU8() { return Narrow(LibraryPath()); }
-
-ProcessRun Nvdbconv(const std::wstring& args)
-{
-    ProcessRun run = RunProcess(QuoteArg(NvdbconvExe()) + L" " + args);
-    EXPECT_TRUE(run.started) << "nvdbconv.exe did not start";
-    EXPECT_FALSE(run.timedOut) << Narrow(args);
-    return run;
-}
-
-JsonValue Json(const ProcessRun& run)
-{
-    JsonValue doc;
-    std::string error;
-    EXPECT_TRUE(ParseJson(run.out, &doc, &error)) << error << "\n" << run.out;
-    return doc;
-}
-
-// "  label           value", as the host lays out its text rows.
-std::string Row(const std::string& label, const std::string& value)
-{
-    std::string line = "  " + label;
-    line.resize(std::max<size_t>(line.size(), 17), ' ');
-    return line + " " + value;
-}
+ProcessRun Nvdbconv(const std::wstring& args) { return RunTool(L"nvdbconv.exe", args, 120000); }
 
 // The tool's line for a result: code, symbol and Wine's message text.
 const std::string kSucceeded = "0x00000000 S_OK \"Success.\"";

@@ -13,6 +13,7 @@
 #include "support/registry_sandbox.h"
 #include "support/db_paths.h"
 #include "support/text_util.h"
+#include "support/tool_runs.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -23,13 +24,7 @@ namespace {
 
 // nvdbgen started as its own process through the shared runner, which starts again a
 // launch that Wine failed before the program ran.
-ProcessRun RunTool(const std::wstring& args)
-{
-    ProcessRun run = RunProcess(L"\"" + ExeDirectory() + L"nvdbgen.exe\" " + args, 60000);
-    EXPECT_TRUE(run.started) << "cannot start nvdbgen: " << run.startError;
-    EXPECT_FALSE(run.timedOut) << Narrow(args);
-    return run;
-}
+ProcessRun Nvdbgen(const std::wstring& args) { return RunTool(L"nvdbgen.exe", args, 60000); }
 
 } // namespace
 
@@ -56,7 +51,7 @@ TEST_F(NvDbGenTest, UsageErrorsExitWith2AndExplainWithoutWriting)
         {L"--format 2.0 --users20 3", "--users20 goes with --format 1.0 (a 2.0 database takes --users)"},
     };
     for (const Case& c : cases) {
-        ProcessRun run = RunTool(c.args);
+        ProcessRun run = Nvdbgen(c.args);
         EXPECT_EQ(2u, run.exitCode) << Narrow(c.args);
         EXPECT_TRUE(Contains(run.err, std::string("nvdbgen: ") + c.message)) << Narrow(c.args) << "\n" << run.err;
         EXPECT_TRUE(Contains(run.err, "usage: nvdbgen --format 1.0|2.0")) << Narrow(c.args);
@@ -68,7 +63,7 @@ TEST_F(NvDbGenTest, UsageErrorsExitWith2AndExplainWithoutWriting)
 
 TEST_F(NvDbGenTest, HelpPrintsUsageAndExits0)
 {
-    ProcessRun run = RunTool(L"--help");
+    ProcessRun run = Nvdbgen(L"--help");
     EXPECT_EQ(0u, run.exitCode);
     EXPECT_TRUE(Contains(run.out, "usage: nvdbgen --format 1.0|2.0")) << run.out;
     EXPECT_FALSE(KeyExists(kDbPath, kView32));
@@ -76,7 +71,7 @@ TEST_F(NvDbGenTest, HelpPrintsUsageAndExits0)
 
 TEST_F(NvDbGenTest, Format10WritesWhatTheWriterLibraryWritesForTheSameSeed)
 {
-    ProcessRun run = RunTool(L"--format 1.0 --users 30 --domains 3 --seed 7 --view 32");
+    ProcessRun run = Nvdbgen(L"--format 1.0 --users 30 --domains 3 --seed 7 --view 32");
     ASSERT_EQ(0u, run.exitCode) << run.err;
     RegTree fromTool = Snapshot(kDbPath, kView32);
     EXPECT_FALSE(KeyExists(kDbPath, kView64));
@@ -110,16 +105,16 @@ TEST_F(NvDbGenTest, Format10WritesWhatTheWriterLibraryWritesForTheSameSeed)
 
 TEST_F(NvDbGenTest, ExistingDatabaseNeedsWipe)
 {
-    ASSERT_EQ(0u, RunTool(L"--format 1.0 --users 4 --domains 1 --seed 1").exitCode);
+    ASSERT_EQ(0u, Nvdbgen(L"--format 1.0 --users 4 --domains 1 --seed 1").exitCode);
     RegTree first = Snapshot(kDbPath, kView32);
 
-    ProcessRun again = RunTool(L"--format 1.0 --users 9 --domains 2 --seed 2");
+    ProcessRun again = Nvdbgen(L"--format 1.0 --users 9 --domains 2 --seed 2");
     EXPECT_EQ(1u, again.exitCode);
     EXPECT_TRUE(Contains(again.err, "already exists in the 32-bit view; use --wipe")) << again.err;
     RegTree unchanged = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(first == unchanged) << DiffTrees(first, unchanged);
 
-    ProcessRun wiped = RunTool(L"--format 1.0 --users 9 --domains 2 --seed 2 --wipe");
+    ProcessRun wiped = Nvdbgen(L"--format 1.0 --users 9 --domains 2 --seed 2 --wipe");
     EXPECT_EQ(0u, wiped.exitCode) << wiped.err;
     nvwriter::DbOptions options;
     options.users = 9;
@@ -135,7 +130,7 @@ TEST_F(NvDbGenTest, ExistingDatabaseNeedsWipe)
 
 TEST_F(NvDbGenTest, View64WritesThe64BitViewOnly)
 {
-    ProcessRun run = RunTool(L"--format 1.0 --users 3 --domains 1 --view 64");
+    ProcessRun run = Nvdbgen(L"--format 1.0 --users 3 --domains 1 --view 64");
     ASSERT_EQ(0u, run.exitCode) << run.err;
     EXPECT_TRUE(Contains(run.out, "(64-bit view)")) << run.out;
     EXPECT_FALSE(KeyExists(kDbPath, kView32));
@@ -155,7 +150,7 @@ TEST_F(NvDbGenTest, Format20WritesTheSameLayoutAsTheWriterLibraryForTheSameSeed)
     ContainerJanitor containers;
     containers.Track(model.hostId);
 
-    ProcessRun run = RunTool(L"--format 2.0 --users 5 --domains 1 --seed 9");
+    ProcessRun run = Nvdbgen(L"--format 2.0 --users 5 --domains 1 --seed 9");
     ASSERT_EQ(0u, run.exitCode) << run.err;
     EXPECT_TRUE(Contains(run.out, "nvdbgen: wrote a format 2.0 database to HKLM\\SOFTWARE\\Norvane\\DB (32-bit view), seed 9"))
         << run.out;
@@ -192,7 +187,7 @@ TEST_F(NvDbGenTest, Users20AddsSealedUsersToA10DatabaseLikeTheWriterLibrary)
     ContainerJanitor containers;
     containers.Track(model.hostId);
 
-    ProcessRun run = RunTool(L"--format 1.0 --users 6 --domains 2 --users20 4 --seed 11");
+    ProcessRun run = Nvdbgen(L"--format 1.0 --users 6 --domains 2 --users20 4 --seed 11");
     ASSERT_EQ(0u, run.exitCode) << run.err;
     run.out.erase(std::remove(run.out.begin(), run.out.end(), '\r'), run.out.end());
     EXPECT_TRUE(Contains(run.out, "nvdbgen: wrote a format 1.0 database to HKLM\\SOFTWARE\\Norvane\\DB (32-bit view), seed 11"))
