@@ -24,9 +24,7 @@ namespace {
 SampleTrace ThreeUsers()
 {
     SampleTrace s;
-    s.Add(7, 't', "11/15/26").Add(7, 'T', "09:30:00.125").Add(7, '>', "CBaseConverter::Convert")
-        .Add(7, '>', "CConverter3::do_Convert")
-        .Add(7, 'U', "Conversion process began for 'S-1-5-21-1-2-3-1001'")
+    s.ConversionBegins()
         .Add(7, 'U', "DeleteKey('S-1-5-21-1-2-3-1001'), 0x00000000")
         .Add(7, 'U', "Conversion process is over for 'S-1-5-21-1-2-3-1001', 0x00000000")
         .Add(7, 'U', "Conversion process began for 'S-1-5-21-1-2-3-1002'")
@@ -117,9 +115,7 @@ TEST(NvtraceHtmlTest, AUserMovedByALaterRunCountsAsMoved)
     s.Add(7, '>', "CBaseConverter::Convert").Add(7, 'U', "Conversion process began for 'S-1-5-21-9-1001'")
         .Add(7, 'U', "Conversion process is over for 'S-1-5-21-9-1001', 0x80004003").Add(7, '<');
     s.Add(0, 'N', "11-15-2026").Add(8, '>', "CBaseConverter::Convert")
-        .Add(8, 'U', "Conversion process began for 'S-1-5-21-9-1001'")
-        .Add(8, 'U', "DeleteKey('S-1-5-21-9-1001'), 0x00000000")
-        .Add(8, 'U', "Conversion process is over for 'S-1-5-21-9-1001', 0x00000000").Add(8, '<');
+        .UserMoved(8, "S-1-5-21-9-1001", "0x00000000").Add(8, '<');
     const std::string page = Page(s);
     EXPECT_NE(std::string::npos, page.find("<section class=\"verdict warn\" id=\"verdict\">\n<h2>Converted, after an "
                                            "earlier run left users behind</h2>\n<pre class=\"verdict-lines\">"))

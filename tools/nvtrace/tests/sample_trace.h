@@ -48,6 +48,25 @@ public:
         m_bytes.insert(m_bytes.end(), record.begin(), record.end());
         return *this;
     }
+    // How the sample conversions start: thread 7 on 11/15/26 at 09:30:00.125 enters
+    // Convert and do_Convert, and the first user's conversion begins.
+    SampleTrace& ConversionBegins()
+    {
+        return Add(7, 't', "11/15/26")
+            .Add(7, 'T', "09:30:00.125")
+            .Add(7, '>', "CBaseConverter::Convert")
+            .Add(7, '>', "CConverter3::do_Convert")
+            .Add(7, 'U', "Conversion process began for 'S-1-5-21-1-2-3-1001'");
+    }
+
+    // A user the conversion moves: began, its old key deleted, over with the status.
+    SampleTrace& UserMoved(std::uint32_t thread, const std::string& sid, const std::string& status)
+    {
+        return Add(thread, 'U', "Conversion process began for '" + sid + "'")
+            .Add(thread, 'U', "DeleteKey('" + sid + "'), 0x00000000")
+            .Add(thread, 'U', "Conversion process is over for '" + sid + "', " + status);
+    }
+
     SampleTrace& AddRaw(const std::vector<std::uint8_t>& bytes)
     {
         m_bytes.insert(m_bytes.end(), bytes.begin(), bytes.end());

@@ -18,9 +18,7 @@ namespace {
 SampleTrace TwoProcesses()
 {
     SampleTrace s;
-    s.Add(7, 't', "11/15/26").Add(7, 'T', "09:30:00.125").Add(7, '>', "CBaseConverter::Convert")
-        .Add(7, '>', "CConverter3::do_Convert")
-        .Add(7, 'U', "Conversion process began for 'S-1-5-21-1-2-3-1001'")
+    s.ConversionBegins()
         .Add(7, 'T', "09:30:00.250").Add(7, 'U', "DeleteKey('S-1-5-21-1-2-3-1001'), 0x00000000")
         .Add(7, 'U', "Conversion process is over for 'S-1-5-21-1-2-3-1001', 0x00000000")
         .Add(7, 'U', "Conversion process began for 'S-1-5-21-1-2-3-1002'")
@@ -161,9 +159,7 @@ TEST(NvtraceSummaryTest, UsersMovedWithGapsAndHeldUsersAreNamedWithWhatIsMissing
         .Add(4, 'U', "Conversion process began for 'S-1-5-21-9-1002'")
         .Add(4, 'U', "Incomplete user 'S-1-5-21-9-1002' keeps its old key: template malformed at position 1")
         .Add(4, 'U', "Conversion process is over for 'S-1-5-21-9-1002', 0x80040201")
-        .Add(4, 'U', "Conversion process began for 'S-1-5-21-9-1003'")
-        .Add(4, 'U', "DeleteKey('S-1-5-21-9-1003'), 0x00000000")
-        .Add(4, 'U', "Conversion process is over for 'S-1-5-21-9-1003', 0x00000000")
+        .UserMoved(4, "S-1-5-21-9-1003", "0x00000000")
         .Add(4, '<');
     const nvtrace::TraceSummary summary = nvtrace::Summarize(nvtrace::Decode(s.bytes()));
     ASSERT_EQ(3u, summary.users.size());
@@ -208,9 +204,7 @@ TEST(NvtraceVerdictTest, StrictPolicyHeldAndFailedUsersWithTheirCodes)
         .Add(4, 'U', "Conversion process is over for 'S-1-5-21-7-1001', 0x80040201")
         .Add(4, 'U', "Conversion process began for 'S-1-5-21-7-1002'")
         .Add(4, 'U', "Conversion process is over for 'S-1-5-21-7-1002', 0x80070005")
-        .Add(4, 'U', "Conversion process began for 'S-1-5-21-7-1003'")
-        .Add(4, 'U', "DeleteKey('S-1-5-21-7-1003'), 0x00000000")
-        .Add(4, 'U', "Conversion process is over for 'S-1-5-21-7-1003', 0x00000000")
+        .UserMoved(4, "S-1-5-21-7-1003", "0x00000000")
         .Add(4, '<').Add(4, '<');
     const std::string text = SummaryText(s);
     EXPECT_EQ(0u, text.find(
@@ -255,9 +249,7 @@ TEST(NvtraceVerdictTest, StatusCarriedForwardIsExplainedNotCountedAsAFailure)
         .Add(2, 'U', "Retrieve payload")
         .Add(2, 'U', "DeleteKey('S-1-5-21-8-1001'), 0x00000000")
         .Add(2, 'U', "Conversion process is over for 'S-1-5-21-8-1001', 0x8009000D")
-        .Add(2, 'U', "Conversion process began for 'S-1-5-21-8-1002'")
-        .Add(2, 'U', "DeleteKey('S-1-5-21-8-1002'), 0x00000000")
-        .Add(2, 'U', "Conversion process is over for 'S-1-5-21-8-1002', 0x8009000D")
+        .UserMoved(2, "S-1-5-21-8-1002", "0x8009000D")
         .Add(2, '<');
     const std::string text = SummaryText(s);
     EXPECT_EQ("verdict: process 1, 2026-11-15 09:30:00.125: 2.0 -> 3.0, default policy, 2 users: 2 moved, 0 moved "
@@ -282,9 +274,7 @@ TEST(NvtraceVerdictTest, ProcessesThatOnlyLoadedTheLibraryAreFoldedIntoOneLine)
     s.Add(0, 'N', "11-25-2026").Add(12, 'T', "10:05:00.000");
     LoadOnly(s, 12, "2.0");
     s.Add(12, '>', "CBaseConverter::Convert").Add(12, '>', "CConverter3::do_Convert")
-        .Add(12, 'U', "Conversion process began for 'S-1-5-21-6-1001'")
-        .Add(12, 'U', "DeleteKey('S-1-5-21-6-1001'), 0x00000000")
-        .Add(12, 'U', "Conversion process is over for 'S-1-5-21-6-1001', 0x00000000")
+        .UserMoved(12, "S-1-5-21-6-1001", "0x00000000")
         .Add(12, '<').Add(12, '<');
     s.Add(0, 'N', "11-26-2026").Add(13, 'T', "09:00:00.000");
     LoadOnly(s, 13, "3.0");

@@ -25,9 +25,7 @@ namespace {
 SampleTrace TwoProcesses()
 {
     SampleTrace s;
-    s.Add(7, 't', "11/15/26").Add(7, 'T', "09:30:00.125").Add(7, '>', "CBaseConverter::Convert")
-        .Add(7, '>', "CConverter3::do_Convert")
-        .Add(7, 'U', "Conversion process began for 'S-1-5-21-1-2-3-1001'")
+    s.ConversionBegins()
         .Add(9, '>', "CFPSecurityContext::FinalConstruct")
         .Add(7, 'T', "09:30:00.250").Add(7, 'U', "DeleteKey('S-1-5-21-1-2-3-1001'), 0x00000000")
         .Add(9, '<')
