@@ -66,6 +66,16 @@ protected:
         RegistrySandbox::TearDown();
     }
 
+    // A 2.0 test converter whose do_Convert fails with NTE_BAD_KEY_STATE, in the
+    // holder that Init converts through.
+    static TestConverter* HoldFailingConverter()
+    {
+        auto* converter = new TestConverter(0, 0, L"DB-v2.0");
+        converter->convertResult = NTE_BAD_KEY_STATE;
+        g_DBConverter.m_pConverter.reset(converter);
+        return converter;
+    }
+
     nv::com_ptr<IClassFactory> Factory()
     {
         nv::com_ptr<IClassFactory> cf;
@@ -297,9 +307,7 @@ TEST_F(ComModuleTest, AggregationNeedsIUnknownAndDelegatesToTheOuterObject)
 TEST_F(ComModuleTest, InitRunsConvertAndReturnsSOkEvenWhenConversionFails)
 {
     SetString(kDbPath, L"Version", L"1.0", kView64);
-    auto* converter = new TestConverter(0, 0, L"DB-v2.0");
-    converter->convertResult = NTE_BAD_KEY_STATE;
-    g_DBConverter.m_pConverter.reset(converter);
+    TestConverter* converter = HoldFailingConverter();
 
     nv::com_ptr<INVComponentInit> object;
     ASSERT_EQ(S_OK, Factory()->CreateInstance(nullptr, __uuidof(INVComponentInit), object.put_void()));
@@ -391,6 +399,15 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
+// An object created, initialised, terminated and released while no converter is
+// held: Init's conversion answers E_FAIL.
+const Lines kObjectLifeWithoutAConverter = {
+    "> CNVDBConverter:FinalConstruct", "<",
+    "> CNVDBConverter:Init", "E -2147467259 ", "<",
+    "> CNVDBConverter:Term", "<",
+    "> CNVDBConverter:FinalRelease", "<",
+};
+
 } // namespace
 
 TEST_F(ComModuleTest, ObjectLifetimeTracesEachOperationWithItsOneColonScope)
@@ -405,13 +422,7 @@ TEST_F(ComModuleTest, ObjectLifetimeTracesEachOperationWithItsOneColonScope)
     object.reset();
     cf.reset();
     // Without a converter the conversion answers E_FAIL, which only the trace shows.
-    EXPECT_EQ((Lines{
-                  "> CNVDBConverter:FinalConstruct", "<",
-                  "> CNVDBConverter:Init", "E -2147467259 ", "<",
-                  "> CNVDBConverter:Term", "<",
-                  "> CNVDBConverter:FinalRelease", "<",
-              }),
-              trace.Lines())
+    EXPECT_EQ(kObjectLifeWithoutAConverter, trace.Lines())
         << trace.Dump();
 }
 
@@ -420,9 +431,7 @@ TEST_F(ComModuleTest, InitTracesTheFailureOfTheConversionItRan)
     SetString(kDbPath, L"Version", L"1.0", kView64);
     TraceCapture trace;
     trace.Start();
-    auto* converter = new TestConverter(0, 0, L"DB-v2.0");
-    converter->convertResult = NTE_BAD_KEY_STATE;
-    g_DBConverter.m_pConverter.reset(converter);
+    TestConverter* converter = HoldFailingConverter();
     nv::com_ptr<INVComponentInit> object;
     ASSERT_EQ(S_OK, Factory()->CreateInstance(nullptr, __uuidof(INVComponentInit), object.put_void()));
     EXPECT_EQ(S_OK, object->Init());
@@ -461,14 +470,8 @@ TEST_F(ComDllTest, DllLoadAndObjectLifetimeAreTraced)
         EXPECT_EQ(S_OK, object->Init());
         EXPECT_EQ(S_OK, object->Term());
     }
-    EXPECT_EQ((Lines{
-                  "> CNVComModule::Init", "<",
-                  "> CDBConverter::FinalConstruct", "E -2147024894 ", "<",
-                  "> CNVDBConverter:FinalConstruct", "<",
-                  "> CNVDBConverter:Init", "E -2147467259 ", "<",
-                  "> CNVDBConverter:Term", "<",
-                  "> CNVDBConverter:FinalRelease", "<",
-              }),
-              trace.Lines())
+    Lines expected = {"> CNVComModule::Init", "<", "> CDBConverter::FinalConstruct", "E -2147024894 ", "<"};
+    expected.insert(expected.end(), kObjectLifeWithoutAConverter.begin(), kObjectLifeWithoutAConverter.end());
+    EXPECT_EQ(expected, trace.Lines())
         << trace.Dump();
 }

@@ -295,6 +295,16 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
+// What a successful RegisterServer and UnRegisterServer of the module trace.
+const Lines kRegisterThenUnregister = {
+    "> CNVComModule::RegisterServer",
+    "> Updateregistry - SYS", "> CComponentRegistrar::RegisterComponent", "<", "<",
+    "<",
+    "> CNVComModule::UnRegisterServer",
+    "> Updateregistry - SYS", "> CComponentRegistrar::UnregisterComponent", "<", "<",
+    "<",
+};
+
 } // namespace
 
 TEST_F(ComponentRegistrationTest, RegistrationAndUnregistrationAreTracedAtEachLevel)
@@ -304,20 +314,11 @@ TEST_F(ComponentRegistrationTest, RegistrationAndUnregistrationAreTracedAtEachLe
     ASSERT_EQ(S_OK, g_NVComModule.RegisterServer(FALSE, nullptr));
     ASSERT_EQ(S_OK, g_NVComModule.UnRegisterServer(nullptr));
     ASSERT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), g_NVComModule.UnRegisterServer(nullptr));
-    EXPECT_EQ((Lines{
-                  "> CNVComModule::RegisterServer",
-                  "> Updateregistry - SYS", "> CComponentRegistrar::RegisterComponent", "<", "<",
-                  "<",
-                  "> CNVComModule::UnRegisterServer",
-                  "> Updateregistry - SYS", "> CComponentRegistrar::UnregisterComponent", "<", "<",
-                  "<",
-                  "> CNVComModule::UnRegisterServer",
-                  "> Updateregistry - SYS",
-                  "> CComponentRegistrar::UnregisterComponent", "E -2147024894 ", "<",
-                  "E -2147024894 ", "<",
-                  "E -2147024894 ", "<",
-              }),
-              trace.Lines())
+    Lines expected = kRegisterThenUnregister;
+    expected.insert(expected.end(), {"> CNVComModule::UnRegisterServer", "> Updateregistry - SYS",
+                                     "> CComponentRegistrar::UnregisterComponent", "E -2147024894 ", "<",
+                                     "E -2147024894 ", "<", "E -2147024894 ", "<"});
+    EXPECT_EQ(expected, trace.Lines())
         << trace.Dump();
 }
 
@@ -330,16 +331,8 @@ TEST_F(DllRegistrationTest, DllRegisterServerIsTracedInTheDll)
         EXPECT_EQ(S_OK, dll.DllRegisterServer());
         EXPECT_EQ(S_OK, dll.DllUnregisterServer());
     }
-    EXPECT_EQ((Lines{
-                  "> CNVComModule::Init", "<",
-                  "> CDBConverter::FinalConstruct", "E -2147024894 ", "<",
-                  "> CNVComModule::RegisterServer",
-                  "> Updateregistry - SYS", "> CComponentRegistrar::RegisterComponent", "<", "<",
-                  "<",
-                  "> CNVComModule::UnRegisterServer",
-                  "> Updateregistry - SYS", "> CComponentRegistrar::UnregisterComponent", "<", "<",
-                  "<",
-              }),
-              trace.Lines())
+    Lines expected = {"> CNVComModule::Init", "<", "> CDBConverter::FinalConstruct", "E -2147024894 ", "<"};
+    expected.insert(expected.end(), kRegisterThenUnregister.begin(), kRegisterThenUnregister.end());
+    EXPECT_EQ(expected, trace.Lines())
         << trace.Dump();
 }

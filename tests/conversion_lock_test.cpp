@@ -27,6 +27,7 @@
 #include "support/trace_capture.h"
 #include "support/db_paths.h"
 #include "support/test_results.h"
+#include "support/text_util.h"
 
 using namespace nvtest;
 namespace inspect = nvstore::inspect;
@@ -485,19 +486,7 @@ public:
         m_err.reset();
         return code;
     }
-    std::string Output() const
-    {
-        std::string text;
-        FILE* f = ::_wfopen(m_errPath.c_str(), L"rb");
-        if (!f)
-            return text;
-        char buffer[4096];
-        size_t n;
-        while ((n = std::fread(buffer, 1, sizeof(buffer), f)) > 0)
-            text.append(buffer, n);
-        std::fclose(f);
-        return text;
-    }
+    std::string Output() const { return ReadFileBytes(m_errPath); }
 
 private:
     std::wstring m_errPath;

@@ -160,10 +160,7 @@ TEST_F(Convert10Test, GeneratedDatabaseConvertsTo20)
     {
         LoadedLibrary dll;
         ASSERT_TRUE(dll.loaded());
-        DWORD current = 0xdeadbeef, target = 0xdeadbeef;
-        EXPECT_EQ(S_OK, dll.GetDBVersion(&current, &target));
-        EXPECT_EQ(0x00010000u, current);
-        EXPECT_EQ(0x00020000u, target);
+        ExpectDbVersions(dll, 0x00010000u, 0x00020000u, __LINE__);
         EXPECT_EQ(S_OK, dll.Convert());
     }
     ExpectLoadChoseCConverter2(trace);
@@ -489,10 +486,7 @@ TEST_F(Convert10Test, DatabaseIn64BitViewIsDetectedButCannotBeOpenedByCConverter
     nvwriter::DbRecord written = WriteDb(options);
     {
         LoadedLibrary dll;
-        DWORD current = 0xdeadbeef, target = 0xdeadbeef;
-        EXPECT_EQ(S_OK, dll.GetDBVersion(&current, &target));
-        EXPECT_EQ(0x00010000u, current);
-        EXPECT_EQ(0x00020000u, target);
+        ExpectDbVersions(dll, 0x00010000u, 0x00020000u, __LINE__);
         EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE), dll.Convert());
     }
     // The constructor's open fails; the copy then has no source key (0x80070006).

@@ -162,10 +162,7 @@ TEST_F(Converter3ConvertTest, DatabaseWithoutUsersConvertsToNothingAndIsCleanedU
     {
         LoadedLibrary dll;
         ASSERT_TRUE(dll.loaded());
-        DWORD current = 0xdeadbeef, target = 0xdeadbeef;
-        EXPECT_EQ(S_OK, dll.GetDBVersion(&current, &target));
-        EXPECT_EQ(0x00020000u, current);
-        EXPECT_EQ(0x00030000u, target);
+        ExpectDbVersions(dll, 0x00020000u, 0x00030000u, __LINE__);
         EXPECT_EQ(S_OK, dll.Convert());
     }
     EXPECT_EQ((std::vector<std::string>{}), OwnLines(trace, "CConverter3::do_Convert"));

@@ -45,10 +45,7 @@ TEST_F(SignedLibraryTest, RegistersLoadsAndConverts)
 
     LoadedLibrary dll(kSignedLibrary);
     ASSERT_TRUE(dll.loaded());
-    DWORD current = 0xdeadbeef, target = 0xdeadbeef;
-    EXPECT_EQ(S_OK, dll.GetDBVersion(&current, &target));
-    EXPECT_EQ(0x00010000u, current);
-    EXPECT_EQ(0x00020000u, target);
+    ExpectDbVersions(dll, 0x00010000u, 0x00020000u, __LINE__);
 
     EXPECT_EQ(S_OK, dll.DllRegisterServer());
     std::wstring entry;

@@ -86,10 +86,10 @@ std::vector<BYTE> UnscramblePackedPassword(const std::vector<BYTE>& packed)
     return plain;
 }
 
-namespace {
-
-void AppendDerLength(std::vector<BYTE>& out, size_t n)
+std::vector<BYTE> DerTlv(BYTE tag, const std::vector<BYTE>& content)
 {
+    std::vector<BYTE> out{tag};
+    const size_t n = content.size();
     if (n < 0x80) {
         out.push_back(static_cast<BYTE>(n));
     } else if (n < 0x100) {
@@ -100,9 +100,9 @@ void AppendDerLength(std::vector<BYTE>& out, size_t n)
         out.push_back(static_cast<BYTE>(n >> 8));
         out.push_back(static_cast<BYTE>(n));
     }
+    out.insert(out.end(), content.begin(), content.end());
+    return out;
 }
-
-} // namespace
 
 std::vector<BYTE> ExpectedPasswordSecretDer(const std::wstring& password)
 {
@@ -113,13 +113,10 @@ std::vector<BYTE> ExpectedPasswordSecretDer(const std::wstring& password)
     }
     text.push_back(0x00);
     text.push_back(0x00);
-    std::vector<BYTE> body{0x02, 0x01, 0x01, 0x1E};
-    AppendDerLength(body, text.size());
-    body.insert(body.end(), text.begin(), text.end());
-    std::vector<BYTE> out{0x30};
-    AppendDerLength(out, body.size());
-    out.insert(out.end(), body.begin(), body.end());
-    return out;
+    std::vector<BYTE> body{0x02, 0x01, 0x01};
+    const std::vector<BYTE> bmp = DerTlv(0x1E, text);
+    body.insert(body.end(), bmp.begin(), bmp.end());
+    return DerTlv(0x30, body);
 }
 
 bool DecodePackedPassword(const std::vector<BYTE>& packed, DWORD* version, std::wstring* password)

@@ -36,6 +36,10 @@ std::vector<BYTE> UnscramblePackedPassword(const std::vector<BYTE>& packed);
 // SEQUENCE { INTEGER 1, BMPString password with its terminating zero }.
 std::vector<BYTE> ExpectedPasswordSecretDer(const std::wstring& password);
 
+// A DER value made by hand: the tag, the definite length (short form, 0x81 or 0x82
+// long form) and the content.
+std::vector<BYTE> DerTlv(BYTE tag, const std::vector<BYTE>& content);
+
 // A template header value as the legacy reader hands it on: the DER INTEGER's
 // content bytes without sign extension, so a negative value keeps only the bytes of
 // its shortest two's complement (-3, one byte 0xFD, reads as 253).
