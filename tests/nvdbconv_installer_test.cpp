@@ -159,7 +159,7 @@ TEST_F(NvdbconvFinishedTest, ConvertOfAFinishedDatabaseRemovesWhatAnInterruptedR
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
     EXPECT_TRUE(Contains(run.out, RowLine("state", kAlreadyConverted + "; Convert not called"))) << run.out;
     EXPECT_TRUE(Contains(run.out, RowLine("left over", "backup key HKLM\\SOFTWARE\\Norvane\\DB-v2.0 of an interrupted "
-                                                   "run: Cleanup " + nvdbconv::DescribeResult(S_OK, "Cleanup"))))
+                                                   "run: Cleanup " + kSucceeded)))
         << run.out;
     EXPECT_FALSE(KeyExists(kBackup20Path, kView64));
     ExpectSuiteUnchanged(finished, __LINE__);
@@ -219,7 +219,7 @@ TEST_F(NvdbconvFinishedTest, A20DatabaseWithUsersLeftIsStillConverted)
     const ProcessRun run = Nvdbconv(L"convert");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
     EXPECT_FALSE(Contains(run.out, "already converted")) << run.out;
-    EXPECT_TRUE(Contains(run.out, RowLine("Convert", Described(S_OK)))) << run.out;
+    EXPECT_TRUE(Contains(run.out, RowLine("Convert", kSucceeded))) << run.out;
     EXPECT_FALSE(KeyExists(kMainDbPath, kView32));
 }
 

@@ -185,8 +185,8 @@ TEST_F(NvdbconvOutcomeTest, UpgradeChains10To20To30InChildProcesses)
     const ProcessRun run = Nvdbconv(L"upgrade");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
     const std::string out = WithoutCarriageReturns(run.out);
-    EXPECT_TRUE(Contains(out, "  step 1: 1.0 -> 2.0, Convert " + nvdbconv::DescribeResult(S_OK) + ", exit 0\n")) << out;
-    EXPECT_TRUE(Contains(out, "  step 2: 2.0 -> 3.0, Convert " + nvdbconv::DescribeResult(S_OK) + ", exit 0\n"
+    EXPECT_TRUE(Contains(out, "  step 1: 1.0 -> 2.0, Convert " + kSucceeded + ", exit 0\n")) << out;
+    EXPECT_TRUE(Contains(out, "  step 2: 2.0 -> 3.0, Convert " + kSucceeded + ", exit 0\n"
                               "    users: 5 of 5 moved into the store\n"))
         << out;
     EXPECT_TRUE(Contains(out, "  upgrade         1.0 -> 2.0 -> 3.0 done, 5 of 5 users in the store\n")) << out;
@@ -331,7 +331,7 @@ TEST_F(NvdbconvGapsTest, ConvertNamesWhatDidNotReachTheStoreAndExits4)
     const ProcessRun run = Nvdbconv(L"convert");
     EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
     const std::string out = WithoutCarriageReturns(run.out);
-    EXPECT_TRUE(Contains(out, "  Convert         " + nvdbconv::DescribeResult(S_OK) + "\n")) << out;
+    EXPECT_TRUE(Contains(out, "  Convert         " + kSucceeded + "\n")) << out;
     EXPECT_TRUE(Contains(out, "  moved with gaps 3 of 3 users: parts of them did not reach the store (Convert "
                               "answered S_OK)\n"))
         << out;
@@ -426,7 +426,7 @@ TEST_F(NvdbconvGapsTest, UpgradeReportsMovedWithGapsNamesThemAndExits4)
     const ProcessRun run = Nvdbconv(L"upgrade");
     EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
     const std::string out = WithoutCarriageReturns(run.out);
-    EXPECT_TRUE(Contains(out, "  step 1: 2.0 -> 3.0, Convert " + nvdbconv::DescribeResult(S_OK) + ", exit 4\n"
+    EXPECT_TRUE(Contains(out, "  step 1: 2.0 -> 3.0, Convert " + kSucceeded + ", exit 4\n"
                               "    users: 3 of 3 moved into the store\n"))
         << out;
     for (const std::string& sid : SortedSids(db))

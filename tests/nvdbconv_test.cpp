@@ -51,8 +51,7 @@ std::wstring LibraryPath() { return ExeDirectory() + L"NVDBConv.dll"; }
 std::string LibraryPathU8() { return Narrow(LibraryPath()); }
 ProcessRun Nvdbconv(const std::wstring& args) { return RunTool(L"nvdbconv.exe", args, 120000); }
 
-// The tool's line for a result: code, symbol and Wine's message text.
-const std::string kSucceeded = "0x00000000 S_OK \"Success.\"";
+// The tool's line for a failed call: code, symbol and Wine's message text.
 const std::string kFailed = "0x80004005 E_FAIL \"Unspecified error\"";
 
 nvwriter::DbRecord Write10(unsigned users = 6, unsigned domains = 1, REGSAM view = KEY_WOW64_32KEY)

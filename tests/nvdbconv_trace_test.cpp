@@ -342,7 +342,7 @@ TEST_F(NvdbconvTraceTest, UpgradeWithNewFileInThe32BitViewKeepsEveryStepAndPutsT
     const ProcessRun run = Nvdbconv(L"upgrade");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
     EXPECT_EQ("", run.err);
-    const std::string ok = nvdbconv::DescribeResult(S_OK);
+    const std::string ok = kSucceeded;
     EXPECT_TRUE(Contains(run.out, "  step 1: 1.0 -> 2.0, Convert " + ok + ", exit 0\n"
                                   "  trace: the steps after the first append to " + Narrow(file) +
                                   " (NewFileAlways = 0 for them; it was 1): " + ok + "\n"

@@ -19,6 +19,9 @@ ProcessRun WithPlainLineEnds(ProcessRun run);
 // Standard output as one JSON document; a failure is recorded when it does not parse.
 JsonValue Json(const ProcessRun& run);
 
+// How nvdbconv shows a call that answered S_OK: code, symbol and Wine's message.
+inline const std::string kSucceeded = "0x00000000 S_OK \"Success.\"";
+
 // "  label           value", as nvdbconv lays out its text rows.
 std::string Row(const std::string& label, const std::string& value);
 // The lines, each ended by '\n'.
