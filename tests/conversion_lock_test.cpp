@@ -109,6 +109,14 @@ protected:
         nvframe::g_conversionLockWaitMs = m_savedWait;
         TraceCaptureTest::TearDown();
     }
+    // Whether CBaseConverter::Convert's scope holds this line; a failure shows the trace.
+    testing::AssertionResult ConvertScopeHas(const std::string& line) const
+    {
+        if (HasLine(trace.LinesInScope("CBaseConverter::Convert"), line))
+            return testing::AssertionSuccess();
+        return testing::AssertionFailure() << "no line \"" << line << "\" in\n" << trace.Dump();
+    }
+
     void FillDatabase(REGSAM view = kView32)
     {
         SetString(kDbPath, L"Version", L"1.0", view);
@@ -118,14 +126,6 @@ protected:
 
     DWORD m_savedWait = 0;
 };
-
-bool HasLine(const std::vector<std::string>& lines, const std::string& line)
-{
-    for (const std::string& l : lines)
-        if (l == line)
-            return true;
-    return false;
-}
 
 } // namespace
 
@@ -192,10 +192,8 @@ TEST_F(ConversionLockTest, DatabaseChangedWhileWaitingMakesConvertRefuse)
     expected.values[L"|Version"].data = {'2', 0, '.', 0, '0', 0, 0, 0};
     const RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == after) << DiffTrees(expected, after);
-    EXPECT_TRUE(HasLine(trace.LinesInScope("CBaseConverter::Convert"),
-                        "U the database changed since this converter last saw it: Version 1.0, no MainDB, now "
-                        "Version 2.0, no MainDB"))
-        << trace.Dump();
+    EXPECT_TRUE(ConvertScopeHas("U the database changed since this converter last saw it: Version 1.0, no MainDB, now "
+                                "Version 2.0, no MainDB"));
 }
 
 // Another process converted the database between this converter's load and its
@@ -245,9 +243,7 @@ TEST_F(ConversionLockTest, LockOfAHolderThatEndedWithoutReleasingItIsTakenOver)
 
     EXPECT_EQ(S_OK, converter.Convert());
     EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Convert", "do_Cleanup"}), converter.calls);
-    EXPECT_TRUE(HasLine(trace.LinesInScope("CBaseConverter::Convert"),
-                        "U the previous holder of the conversion lock ended without releasing it"))
-        << trace.Dump();
+    EXPECT_TRUE(ConvertScopeHas("U the previous holder of the conversion lock ended without releasing it"));
 }
 
 // Another thread of the same process calling into the same converter waits for the
@@ -320,10 +316,8 @@ TEST_F(ConversionLockTest, LockMadeByAnotherAccountIsNotWaitedFor)
     ASSERT_TRUE(holder.ok());
     EXPECT_EQ(S_OK, converter.Convert());
     EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Convert", "do_Cleanup"}), converter.calls);
-    EXPECT_TRUE(HasLine(trace.LinesInScope("CBaseConverter::Convert"),
-                        "U conversion lock Global\\NVDBConv.Conversion belongs to another account: going on "
-                        "without it"))
-        << trace.Dump();
+    EXPECT_TRUE(ConvertScopeHas("U conversion lock Global\\NVDBConv.Conversion belongs to another account: going on "
+                                "without it"));
 }
 
 namespace {
@@ -353,10 +347,8 @@ TEST_F(ConversionLockTest, LockNobodyMayOpenLetsAnAdministratorGoOnWithoutIt)
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     EXPECT_EQ(S_OK, converter.Convert());
     EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Convert", "do_Cleanup"}), converter.calls);
-    EXPECT_TRUE(HasLine(trace.LinesInScope("CBaseConverter::Convert"),
-                        "U conversion lock Global\\NVDBConv.Conversion belongs to another account: going on "
-                        "without it"))
-        << trace.Dump();
+    EXPECT_TRUE(ConvertScopeHas("U conversion lock Global\\NVDBConv.Conversion belongs to another account: going on "
+                                "without it"));
 }
 
 TEST_F(ConversionLockTest, LockNobodyMayOpenKeepsOutACallerWhoIsNoAdministrator)
@@ -374,9 +366,7 @@ TEST_F(ConversionLockTest, LockNobodyMayOpenKeepsOutACallerWhoIsNoAdministrator)
     EXPECT_EQ(E_ACCESSDENIED, hr);
     EXPECT_TRUE(converter.calls.empty());
     EXPECT_EQ("", DiffTrees(before, Snapshot(kDbPath, kView32)));
-    EXPECT_TRUE(HasLine(trace.LinesInScope("CBaseConverter::Convert"),
-                        "U conversion lock Global\\NVDBConv.Conversion cannot be opened"))
-        << trace.Dump();
+    EXPECT_TRUE(ConvertScopeHas("U conversion lock Global\\NVDBConv.Conversion cannot be opened"));
 }
 
 TEST_F(ConversionLockTest, AnotherKindOfObjectUnderTheLocksNameFailsWithTheOpenError)
@@ -389,9 +379,7 @@ TEST_F(ConversionLockTest, AnotherKindOfObjectUnderTheLocksNameFailsWithTheOpenE
     EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE), converter.Convert());
     EXPECT_TRUE(converter.calls.empty());
     EXPECT_EQ("", DiffTrees(before, Snapshot(kDbPath, kView32)));
-    EXPECT_TRUE(HasLine(trace.LinesInScope("CBaseConverter::Convert"),
-                        "U conversion lock Global\\NVDBConv.Conversion cannot be opened"))
-        << trace.Dump();
+    EXPECT_TRUE(ConvertScopeHas("U conversion lock Global\\NVDBConv.Conversion cannot be opened"));
 }
 
 TEST(ConversionLockOwnerTest, OnlySystemAdministratorsAndThisAccountAreTrusted)

@@ -22,6 +22,7 @@
 #include "support/key_containers.h"
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
+#include "support/text_util.h"
 #include "writer/db20_der.h"
 #include "writer/host_provisioning.h"
 
@@ -31,14 +32,6 @@ namespace inspect = nvstore::inspect;
 namespace {
 
 constexpr const wchar_t kStrictValue[] = L"StrictConversion";
-
-bool HasLine(const std::vector<std::string>& lines, const std::string& line)
-{
-    for (const std::string& l : lines)
-        if (l == line)
-            return true;
-    return false;
-}
 
 nvwriter::Db20Template MakeTemplate(unsigned position, BYTE fill)
 {

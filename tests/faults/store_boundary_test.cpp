@@ -32,11 +32,6 @@ namespace {
 
 constexpr wchar_t kStrictValue[] = L"StrictConversion";
 
-bool HasLine(const std::vector<std::string>& lines, const std::string& line)
-{
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
-}
-
 // The n-th (from 1) call of the function, or null.
 const nvfaults::CallRecord* NthCall(const std::vector<nvfaults::CallRecord>& calls, const std::string& function,
                                     unsigned n)

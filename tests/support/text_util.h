@@ -10,6 +10,15 @@ namespace nvtest {
 
 inline bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
+// Whether the line is one of the lines, whole.
+inline bool HasLine(const std::vector<std::string>& lines, const std::string& line)
+{
+    for (const std::string& l : lines)
+        if (l == line)
+            return true;
+    return false;
+}
+
 // The lines of a text split at '\n' (a '\r' before it stays); a last line without
 // '\n' counts, a final '\n' opens no empty line.
 inline std::vector<std::string> SplitLines(const std::string& text)
