@@ -46,7 +46,6 @@ constexpr const wchar_t kBackup10[] = L"SOFTWARE\\Norvane\\DB-v1.0";
 constexpr const wchar_t kTracing[] = L"SOFTWARE\\Norvane\\Tracing";
 constexpr const wchar_t kComponents[] = L"SOFTWARE\\Norvane\\Core\\SysComponents";
 
-std::wstring NvdbconvExe() { return ExeDirectory() + L"nvdbconv.exe"; }
 std::wstring LibraryPath() { return ExeDirectory() + L"NVDBConv.dll"; }
 std::string LibraryPathU8() { return Narrow(LibraryPath()); }
 ProcessRun Nvdbconv(const std::wstring& args) { return RunTool(L"nvdbconv.exe", args, 120000); }
