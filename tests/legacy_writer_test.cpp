@@ -11,6 +11,7 @@
 #include "support/legacy_db_tree.h"
 #include "support/registry_sandbox.h"
 #include "support/db_paths.h"
+#include "support/sample_databases.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -72,9 +73,7 @@ TEST_F(LegacyWriterTest, RecordMatchesTheRegistryValueByValueAndOnlyInTheChosenV
     options.seed = 11;
     nvwriter::DbRecord record = Write(options);
 
-    RegTree actual = Snapshot(kDbPath, kView32);
-    RegTree expected = ToRegTree(record);
-    EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
+    EXPECT_TRUE(RegistryHoldsRecord(record, kView32));
     EXPECT_FALSE(KeyExists(kDbPath, kView64));
     EXPECT_EQ(KEY_WOW64_32KEY, record.view);
     EXPECT_EQ(std::wstring(kDbPath), record.dbPath);
@@ -184,9 +183,7 @@ TEST_F(LegacyWriterTest, View64WritesIntoThe64BitViewOnly)
     options.users = 5;
     options.domains = 1;
     nvwriter::DbRecord record = Write(options);
-    RegTree actual = Snapshot(kDbPath, kView64);
-    RegTree expected = ToRegTree(record);
-    EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
+    EXPECT_TRUE(RegistryHoldsRecord(record, kView64));
     EXPECT_FALSE(KeyExists(kDbPath, kView32));
 }
 
@@ -204,9 +201,7 @@ TEST_F(LegacyWriterTest, ExistingDatabaseIsRefusedWithoutWipeAndLeftAlone)
 
     options.wipe = true;
     record = Write(options);
-    RegTree written = Snapshot(kDbPath, kView32);
-    RegTree expected = ToRegTree(record);
-    EXPECT_TRUE(expected == written) << DiffTrees(expected, written);
+    EXPECT_TRUE(RegistryHoldsRecord(record, kView32));
 }
 
 TEST_F(LegacyWriterTest, Format20ComesFromThe20WriterAndIsRecordedValueByValue)
@@ -216,14 +211,11 @@ TEST_F(LegacyWriterTest, Format20ComesFromThe20WriterAndIsRecordedValueByValue)
     options.users = 7;
     options.domains = 2;
     options.seed = 21;
-    const nvwriter::Db20Database model = nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options));
     ContainerJanitor containers;
-    containers.Track(model.hostId);
+    const nvwriter::Db20Database model = TrackedModel20(containers, options);
 
     nvwriter::DbRecord record = Write(options);
-    RegTree actual = Snapshot(kDbPath, kView32);
-    RegTree expected = ToRegTree(record);
-    EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
+    EXPECT_TRUE(RegistryHoldsRecord(record, kView32));
     EXPECT_FALSE(KeyExists(kDbPath, kView64));
     EXPECT_EQ(L"2.0", record.versionText);
     EXPECT_EQ(nvwriter::DomainNames10(options), model.domains);
@@ -251,14 +243,11 @@ TEST_F(LegacyWriterTest, Users20AreAddedToA10DatabaseBesideItsStores)
     options.users = 6;
     options.users20 = 3;
     options.seed = 22;
-    const nvwriter::Db20Database model = nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options));
     ContainerJanitor containers;
-    containers.Track(model.hostId);
+    const nvwriter::Db20Database model = TrackedModel20(containers, options);
 
     nvwriter::DbRecord record = Write(options);
-    RegTree actual = Snapshot(kDbPath, kView32);
-    RegTree expected = ToRegTree(record);
-    EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
+    EXPECT_TRUE(RegistryHoldsRecord(record, kView32));
     EXPECT_EQ(L"1.0", record.versionText);
     EXPECT_EQ(6u, record.users.size());
     ASSERT_EQ(3u, model.users.size());

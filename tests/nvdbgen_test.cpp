@@ -14,6 +14,7 @@
 #include "support/db_paths.h"
 #include "support/text_util.h"
 #include "support/tool_runs.h"
+#include "support/sample_databases.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -25,6 +26,23 @@ namespace {
 // nvdbgen started as its own process through the shared runner, which starts again a
 // launch that Wine failed before the program ran.
 ProcessRun Nvdbgen(const std::wstring& args) { return RunTool(L"nvdbgen.exe", args, 60000); }
+
+// What the writer library writes for the same options (written again over the
+// tool's database) has the keys, value names and value types the tool wrote. Sealed
+// values carry fresh session keys, so their bytes differ.
+void ExpectLayoutOfTheWriter(nvwriter::DbOptions options, const RegTree& fromTool)
+{
+    options.wipe = true;
+    nvwriter::DbRecord record;
+    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    const RegTree expected = ToRegTree(record);
+    EXPECT_EQ(expected.keys, fromTool.keys);
+    ASSERT_EQ(expected.values.size(), fromTool.values.size());
+    for (auto e = expected.values.begin(), t = fromTool.values.begin(); e != expected.values.end(); ++e, ++t) {
+        EXPECT_EQ(Narrow(e->first), Narrow(t->first));
+        EXPECT_EQ(e->second.type, t->second.type) << Narrow(e->first);
+    }
+}
 
 } // namespace
 
@@ -123,9 +141,7 @@ TEST_F(NvDbGenTest, ExistingDatabaseNeedsWipe)
     options.wipe = true;
     nvwriter::DbRecord record;
     ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
-    RegTree expected = ToRegTree(record);
-    RegTree actual = Snapshot(kDbPath, kView32);
-    EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
+    EXPECT_TRUE(RegistryHoldsRecord(record, kView32));
 }
 
 TEST_F(NvDbGenTest, View64WritesThe64BitViewOnly)
@@ -146,9 +162,8 @@ TEST_F(NvDbGenTest, Format20WritesTheSameLayoutAsTheWriterLibraryForTheSameSeed)
     options.users = 5;
     options.domains = 1;
     options.seed = 9;
-    const nvwriter::Db20Database model = nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options));
     ContainerJanitor containers;
-    containers.Track(model.hostId);
+    const nvwriter::Db20Database model = TrackedModel20(containers, options);
 
     ProcessRun run = Nvdbgen(L"--format 2.0 --users 5 --domains 1 --seed 9");
     ASSERT_EQ(0u, run.exitCode) << run.err;
@@ -159,17 +174,7 @@ TEST_F(NvDbGenTest, Format20WritesTheSameLayoutAsTheWriterLibraryForTheSameSeed)
     const RegTree fromTool = Snapshot(kDbPath, kView32);
     EXPECT_FALSE(KeyExists(kDbPath, kView64));
 
-    // Sealed values carry fresh session keys; keys, value names and types are the same.
-    options.wipe = true;
-    nvwriter::DbRecord record;
-    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
-    const RegTree expected = ToRegTree(record);
-    EXPECT_EQ(expected.keys, fromTool.keys);
-    ASSERT_EQ(expected.values.size(), fromTool.values.size());
-    for (auto e = expected.values.begin(), t = fromTool.values.begin(); e != expected.values.end(); ++e, ++t) {
-        EXPECT_EQ(Narrow(e->first), Narrow(t->first));
-        EXPECT_EQ(e->second.type, t->second.type) << Narrow(e->first);
-    }
+    ASSERT_NO_FATAL_FAILURE(ExpectLayoutOfTheWriter(options, fromTool));
     std::wstring version;
     ASSERT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"2.0", version);
@@ -183,9 +188,8 @@ TEST_F(NvDbGenTest, Users20AddsSealedUsersToA10DatabaseLikeTheWriterLibrary)
     options.domains = 2;
     options.users20 = 4;
     options.seed = 11;
-    const nvwriter::Db20Database model = nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options));
     ContainerJanitor containers;
-    containers.Track(model.hostId);
+    const nvwriter::Db20Database model = TrackedModel20(containers, options);
 
     ProcessRun run = Nvdbgen(L"--format 1.0 --users 6 --domains 2 --users20 4 --seed 11");
     ASSERT_EQ(0u, run.exitCode) << run.err;
@@ -197,17 +201,7 @@ TEST_F(NvDbGenTest, Users20AddsSealedUsersToA10DatabaseLikeTheWriterLibrary)
     EXPECT_TRUE(ContainerExists(model.hostId));
     const RegTree fromTool = Snapshot(kDbPath, kView32);
 
-    // Sealed values carry fresh session keys; keys, value names and types are the same.
-    options.wipe = true;
-    nvwriter::DbRecord record;
-    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
-    const RegTree expected = ToRegTree(record);
-    EXPECT_EQ(expected.keys, fromTool.keys);
-    ASSERT_EQ(expected.values.size(), fromTool.values.size());
-    for (auto e = expected.values.begin(), t = fromTool.values.begin(); e != expected.values.end(); ++e, ++t) {
-        EXPECT_EQ(Narrow(e->first), Narrow(t->first));
-        EXPECT_EQ(e->second.type, t->second.type) << Narrow(e->first);
-    }
+    ASSERT_NO_FATAL_FAILURE(ExpectLayoutOfTheWriter(options, fromTool));
     std::wstring version;
     ASSERT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"1.0", version);

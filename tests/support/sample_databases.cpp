@@ -4,6 +4,13 @@
 
 namespace nvtest {
 
+nvwriter::Db20Database TrackedModel20(ContainerJanitor& containers, const nvwriter::DbOptions& options)
+{
+    nvwriter::Db20Database model = nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options));
+    containers.Track(model.hostId);
+    return model;
+}
+
 HRESULT WriteDb10(unsigned users, unsigned domains)
 {
     nvwriter::DbOptions options;
@@ -22,8 +29,7 @@ HRESULT Write10With20Records(ContainerJanitor& containers, unsigned users, unsig
     options.users20 = users20;
     options.wipe = wipe;
     if (users20) {
-        const nvwriter::Db20Database model = nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options));
-        containers.Track(model.hostId);
+        const nvwriter::Db20Database model = TrackedModel20(containers, options);
         if (db20)
             *db20 = model;
     }

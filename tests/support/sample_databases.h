@@ -9,6 +9,10 @@
 
 namespace nvtest {
 
+// The 2.0 model the writer draws for these options (the users of a 2.0 database, or
+// the 2.0 records of a 1.0 one); its machine container is tracked.
+nvwriter::Db20Database TrackedModel20(ContainerJanitor& containers, const nvwriter::DbOptions& options);
+
 // A 1.0 database of that many users and cached domains, in the 32-bit view.
 HRESULT WriteDb10(unsigned users, unsigned domains);
 
