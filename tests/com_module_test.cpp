@@ -431,7 +431,7 @@ TEST_F(ComModuleTest, InitTracesTheFailureOfTheConversionItRan)
     SetString(kDbPath, L"Version", L"1.0", kView64);
     TraceCapture trace;
     trace.Start();
-    TestConverter* converter = HoldFailingConverter();
+    HoldFailingConverter();
     nv::com_ptr<INVComponentInit> object;
     ASSERT_EQ(S_OK, Factory()->CreateInstance(nullptr, __uuidof(INVComponentInit), object.put_void()));
     EXPECT_EQ(S_OK, object->Init());
