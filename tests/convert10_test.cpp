@@ -27,8 +27,6 @@ constexpr const wchar_t kVendor[] = L"SOFTWARE\\Norvane";
 constexpr const wchar_t kBackup[] = L"SOFTWARE\\Norvane\\DB-v1.0";
 constexpr const char kBackupText[] = "SOFTWARE\\Norvane\\DB-v1.0";
 
-std::wstring Sub(const std::wstring& rel) { return std::wstring(kDbPath) + L"\\" + rel; }
-
 // A scope's enter and leave for every key of the tree at path, in the registry's
 // enumeration order: what a recursive CopyKey or DeleteKey of that tree traces.
 void TreeScopeLines(const std::wstring& path, REGSAM view, const std::string& scope, std::vector<std::string>& out)
@@ -58,9 +56,9 @@ std::vector<std::string> SuccessfulConvertLines(size_t stores)
         Append(lines, {"> CConverter2::ConvertNameIndexTo20", "<"});
     lines.push_back("U domains converted");
     std::vector<std::wstring> policies;
-    for (const auto& domain : SubkeyNames(Sub(L"Cache").c_str(), kView32))
-        policies.push_back(Sub(L"Cache\\" + domain + L"\\Policies"));
-    policies.push_back(Sub(L"Data\\Policies"));
+    for (const auto& domain : SubkeyNames(DbPath(L"Cache").c_str(), kView32))
+        policies.push_back(DbPath(L"Cache\\" + domain + L"\\Policies"));
+    policies.push_back(DbPath(L"Data\\Policies"));
     for (const auto& policy : policies) {
         if (KeyExists(policy.c_str(), kView32))
             TreeScopeLines(policy, kView32, "CBaseConverter::DeleteKey", lines);
@@ -182,7 +180,7 @@ TEST_F(Convert10Test, DatabaseWithoutCacheConvertsTheMachineStoreOnly)
     options.users = 10;
     options.domains = 0;
     nvwriter::DbRecord written = WriteDb(options);
-    ASSERT_FALSE(KeyExists(Sub(L"Cache").c_str(), kView32));
+    ASSERT_FALSE(KeyExists(DbPath(L"Cache").c_str(), kView32));
     const std::vector<std::string> expectedLines = SuccessfulConvertLines(1);
 
     {
@@ -191,7 +189,7 @@ TEST_F(Convert10Test, DatabaseWithoutCacheConvertsTheMachineStoreOnly)
     }
     EXPECT_EQ(expectedLines, trace.LinesInScope("CBaseConverter::Convert")) << trace.Dump();
     EXPECT_EQ(1u, trace.Count("> CConverter2::ConvertNameIndexTo20"));
-    EXPECT_FALSE(KeyExists(Sub(L"Data\\Policies").c_str(), kView32));
+    EXPECT_FALSE(KeyExists(DbPath(L"Data\\Policies").c_str(), kView32));
     std::wstring version;
     ASSERT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"2.0", version);
@@ -218,9 +216,9 @@ TEST_F(Convert10Test, SixteenByteAliceSlashIsDeletedAndFourByteNoteKept)
         EXPECT_EQ(S_OK, dll.Convert());
     }
     EXPECT_EQ(expectedLines, trace.LinesInScope("CBaseConverter::Convert")) << trace.Dump();
-    EXPECT_EQ((std::vector<std::wstring>{L"note"}), ValueNames(Sub(L"MainDB\\Users\\Index\\NameIndex").c_str(), kView32));
+    EXPECT_EQ((std::vector<std::wstring>{L"note"}), ValueNames(DbPath(L"MainDB\\Users\\Index\\NameIndex").c_str(), kView32));
     RegValue note;
-    ASSERT_TRUE(GetValue(Sub(L"MainDB\\Users\\Index\\NameIndex").c_str(), L"note", kView32, &note));
+    ASSERT_TRUE(GetValue(DbPath(L"MainDB\\Users\\Index\\NameIndex").c_str(), L"note", kView32, &note));
     EXPECT_EQ((std::vector<BYTE>{1, 2, 3, 4}), note.data);
     EXPECT_EQ(static_cast<DWORD>(REG_BINARY), note.type);
     ExpectOnlyTheConvertedDatabase(written);
@@ -321,14 +319,14 @@ TEST_F(Convert10Test, DomainNamedLikeTheComputerKeepsItsIndexButLosesItsPolicies
     }
     EXPECT_EQ(expectedLines, trace.LinesInScope("CBaseConverter::Convert")) << trace.Dump();
     // The twin's index is untouched, 16-byte values and all; its policy key is gone.
-    RegTree twinAfter = Snapshot(Sub(twin->nameIndexPath).c_str(), kView32);
+    RegTree twinAfter = Snapshot(DbPath(twin->nameIndexPath).c_str(), kView32);
     EXPECT_EQ(twinIndex.size(), twinAfter.values.size());
     for (const auto& [name, v] : twinIndex) {
         auto it = twinAfter.values.find(L"|" + name);
         ASSERT_NE(twinAfter.values.end(), it) << Narrow(name);
         EXPECT_EQ(v.data, it->second.data);
     }
-    EXPECT_FALSE(KeyExists(Sub(twin->policiesPath).c_str(), kView32));
+    EXPECT_FALSE(KeyExists(DbPath(twin->policiesPath).c_str(), kView32));
     ExpectOnlyTheConvertedDatabase(written);
     ExpectFreshLoadSeesFormat20();
 }
@@ -533,7 +531,7 @@ TEST_F(Convert10Test, FiveThousandUsersInTwentyDomainsConvert)
         const nvwriter::StoreRecord* store = written.FindStore(user.store, user.store.empty());
         ASSERT_NE(nullptr, store);
         RegValue v;
-        ASSERT_FALSE(GetValue(Sub(store->nameIndexPath).c_str(), user.name.c_str(), kView32, &v)) << Narrow(user.name);
+        ASSERT_FALSE(GetValue(DbPath(store->nameIndexPath).c_str(), user.name.c_str(), kView32, &v)) << Narrow(user.name);
     }
     ExpectFreshLoadSeesFormat20();
 }

@@ -20,8 +20,6 @@ using namespace nvtest;
 namespace {
 
 
-std::wstring Sub(const std::wstring& rel) { return std::wstring(kDbPath) + L"\\" + rel; }
-
 std::vector<BYTE> Id(BYTE seed) { return std::vector<BYTE>(16, seed); }
 
 // A scope's enter and leave for every key of the tree at path, in the registry's
@@ -91,8 +89,8 @@ TEST_F(Converter2Test, RollbackAndCleanupHooksTraceAndChangeNothing)
 
 TEST_F(Converter2Test, CollectListsDomainsInOrdinalOrderThenTheMachine)
 {
-    CreateKeyPath(Sub(L"Cache\\a").c_str(), kView32);
-    CreateKeyPath(Sub(L"Cache\\B").c_str(), kView32);
+    CreateKeyPath(DbPath(L"Cache\\a").c_str(), kView32);
+    CreateKeyPath(DbPath(L"Cache\\B").c_str(), kView32);
     CConverter2 converter;
     trace.Start();
     nv::NameIndexMap map;
@@ -103,7 +101,7 @@ TEST_F(Converter2Test, CollectListsDomainsInOrdinalOrderThenTheMachine)
                                 {ComputerName(), L"MainDB\\Users\\Index\\NameIndex"}}),
               map);
     nv::PolicyKeyList expected;
-    for (const auto& name : SubkeyNames(Sub(L"Cache").c_str(), kView32))
+    for (const auto& name : SubkeyNames(DbPath(L"Cache").c_str(), kView32))
         expected.push_back(L"Cache\\" + name + L"\\Policies");
     expected.push_back(L"Data\\Policies");
     EXPECT_EQ(expected, list);
@@ -113,7 +111,7 @@ TEST_F(Converter2Test, CollectListsDomainsInOrdinalOrderThenTheMachine)
 
 TEST_F(Converter2Test, ConvertNameIndexDeletesAliceSlashAndKeepsNote)
 {
-    const std::wstring index = Sub(L"MainDB\\Users\\Index\\NameIndex");
+    const std::wstring index = DbPath(L"MainDB\\Users\\Index\\NameIndex");
     SetBinary(index.c_str(), L"alice/", Id(0xA1), kView32);
     SetBinary(index.c_str(), L"note", {1, 2, 3, 4}, kView32);
     SetString(kDbPath, L"Version", L"1.0", kView32);
@@ -149,7 +147,7 @@ TEST_F(Converter2Test, ConvertNameIndexOfAMissingKeyFailsWith80070002)
 // behaviour is reachable only by calling the operation itself.
 TEST_F(Converter2Test, ConvertNameIndexWithAnEmptyValueDeletesEarlierIdentifiersThenFailsWith80070008)
 {
-    const std::wstring index = Sub(L"Cache\\DOM\\Users\\Index\\NameIndex");
+    const std::wstring index = DbPath(L"Cache\\DOM\\Users\\Index\\NameIndex");
     for (const wchar_t* name : {L"k1/", L"k2", L"k3", L"k4/", L"k5"}) {
         if (std::wstring(name) == L"k3")
             SetBinary(index.c_str(), name, {}, kView32);
@@ -195,9 +193,9 @@ TEST_F(Converter2Test, DoConvertRewritesIndexesDeletesPoliciesAndPutsTheVersionL
         expectedLines.push_back("<");
     }
     expectedLines.push_back("U domains converted");
-    for (const auto& name : SubkeyNames(Sub(L"Cache").c_str(), kView32))
-        TreeScopeLines(Sub(L"Cache\\" + name + L"\\Policies"), kView32, "CBaseConverter::DeleteKey", expectedLines);
-    TreeScopeLines(Sub(L"Data\\Policies"), kView32, "CBaseConverter::DeleteKey", expectedLines);
+    for (const auto& name : SubkeyNames(DbPath(L"Cache").c_str(), kView32))
+        TreeScopeLines(DbPath(L"Cache\\" + name + L"\\Policies"), kView32, "CBaseConverter::DeleteKey", expectedLines);
+    TreeScopeLines(DbPath(L"Data\\Policies"), kView32, "CBaseConverter::DeleteKey", expectedLines);
     for (const char* line : {"U policies deleted", "U version put", "<"})
         expectedLines.push_back(line);
 

@@ -20,8 +20,6 @@ using namespace nvtest;
 namespace {
 
 
-std::wstring Sub(const std::wstring& rel) { return std::wstring(kDbPath) + L"\\" + rel; }
-
 nvwriter::DbRecord Write(const nvwriter::DbOptions& options)
 {
     nvwriter::DbRecord record;
@@ -99,7 +97,7 @@ TEST_F(LegacyWriterTest, Format10LayoutHasVersionIndexesUsersAndPolicies)
     EXPECT_TRUE(record.stores[0].machine);
     EXPECT_EQ(L"MainDB\\Users\\Index\\NameIndex", record.stores[0].nameIndexPath);
     EXPECT_EQ(L"Data\\Policies", record.stores[0].policiesPath);
-    std::vector<std::wstring> cache = SubkeyNames(Sub(L"Cache").c_str(), kView32);
+    std::vector<std::wstring> cache = SubkeyNames(DbPath(L"Cache").c_str(), kView32);
     std::set<std::wstring> cacheSet(cache.begin(), cache.end());
     std::set<std::wstring> domainSet;
     for (size_t i = 1; i < record.stores.size(); ++i) {
@@ -114,9 +112,9 @@ TEST_F(LegacyWriterTest, Format10LayoutHasVersionIndexesUsersAndPolicies)
                                                                             record.stores[2].name,
                                                                             record.stores[3].name}));
     for (const auto& s : record.stores) {
-        EXPECT_TRUE(KeyExists(Sub(s.nameIndexPath).c_str(), kView32));
-        EXPECT_TRUE(KeyExists(Sub(s.policiesPath).c_str(), kView32));
-        EXPECT_TRUE(KeyExists(Sub(s.policiesPath + L"\\Default").c_str(), kView32));
+        EXPECT_TRUE(KeyExists(DbPath(s.nameIndexPath).c_str(), kView32));
+        EXPECT_TRUE(KeyExists(DbPath(s.policiesPath).c_str(), kView32));
+        EXPECT_TRUE(KeyExists(DbPath(s.policiesPath + L"\\Default").c_str(), kView32));
     }
 
     // Every user is a 16-byte REG_BINARY holding its GUID in its store's index; the
@@ -129,14 +127,14 @@ TEST_F(LegacyWriterTest, Format10LayoutHasVersionIndexesUsersAndPolicies)
         ASSERT_NE(nullptr, s);
         ++perStore[u.store];
         RegValue v;
-        ASSERT_TRUE(GetValue(Sub(s->nameIndexPath).c_str(), u.name.c_str(), kView32, &v)) << Narrow(u.name);
+        ASSERT_TRUE(GetValue(DbPath(s->nameIndexPath).c_str(), u.name.c_str(), kView32, &v)) << Narrow(u.name);
         EXPECT_EQ(static_cast<DWORD>(REG_BINARY), v.type);
         ASSERT_EQ(16u, v.data.size());
         EXPECT_EQ(0, std::memcmp(v.data.data(), &u.id, 16));
         EXPECT_EQ(u.trailingSlash, u.name.back() == L'/');
         slashed += u.trailingSlash ? 1 : 0;
         std::wstring name;
-        ASSERT_TRUE(GetString(Sub(u.userKeyPath).c_str(), L"Name", kView32, &name));
+        ASSERT_TRUE(GetString(DbPath(u.userKeyPath).c_str(), L"Name", kView32, &name));
         EXPECT_EQ(u.trailingSlash ? u.name.substr(0, u.name.size() - 1) : u.name, name);
     }
     for (const auto& [store, n] : perStore)
@@ -251,14 +249,14 @@ TEST_F(LegacyWriterTest, Users20AreAddedToA10DatabaseBesideItsStores)
     EXPECT_EQ(L"1.0", record.versionText);
     EXPECT_EQ(6u, record.users.size());
     ASSERT_EQ(3u, model.users.size());
-    std::vector<std::wstring> keys = SubkeyNames(Sub(L"Data\\Users").c_str(), kView32);
+    std::vector<std::wstring> keys = SubkeyNames(DbPath(L"Data\\Users").c_str(), kView32);
     std::sort(keys.begin(), keys.end());
     std::vector<std::wstring> expectedKeys;
     for (const auto& user : model.users)
         expectedKeys.push_back(nvwriter::GuidText(user.guid));
     std::sort(expectedKeys.begin(), expectedKeys.end());
     EXPECT_EQ(expectedKeys, keys);
-    EXPECT_TRUE(KeyExists(Sub(L"Data\\Policies").c_str(), kView32));
+    EXPECT_TRUE(KeyExists(DbPath(L"Data\\Policies").c_str(), kView32));
     EXPECT_TRUE(ContainerExists(model.hostId));
     EXPECT_EQ(E_POINTER, nvwriter::WriteDatabase(nvwriter::DbOptions(), nullptr));
 }
@@ -269,7 +267,7 @@ TEST_F(LegacyWriterTest, NoDomainsWritesNoCacheKey)
     options.domains = 0;
     options.users = 6;
     nvwriter::DbRecord record = Write(options);
-    EXPECT_FALSE(KeyExists(Sub(L"Cache").c_str(), kView32));
+    EXPECT_FALSE(KeyExists(DbPath(L"Cache").c_str(), kView32));
     EXPECT_EQ(0u, record.keys.count(L"Cache"));
     ASSERT_EQ(1u, record.stores.size());
     EXPECT_EQ(6u, record.users.size());
@@ -285,7 +283,7 @@ TEST_F(LegacyWriterTest, ExplicitDomainNamesReplaceTheGeneratedOnes)
     ASSERT_EQ(3u, record.stores.size());
     EXPECT_EQ(L"B", record.stores[1].name);
     EXPECT_EQ(L"a", record.stores[2].name);
-    std::vector<std::wstring> cache = SubkeyNames(Sub(L"Cache").c_str(), kView32);
+    std::vector<std::wstring> cache = SubkeyNames(DbPath(L"Cache").c_str(), kView32);
     EXPECT_EQ((std::set<std::wstring>{L"B", L"a"}), std::set<std::wstring>(cache.begin(), cache.end()));
 }
 
@@ -311,7 +309,7 @@ TEST_F(LegacyWriterTest, RemovalsAndHandMadeValuesKeepTheRecordInStep)
     RegTree expected = ToRegTree(writer.record());
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
     RegValue odd;
-    ASSERT_TRUE(GetValue(Sub(L"Cache\\" + domain).c_str(), L"Odd", kView32, &odd));
+    ASSERT_TRUE(GetValue(DbPath(L"Cache\\" + domain).c_str(), L"Odd", kView32, &odd));
     EXPECT_EQ(4u, odd.data.size());
 }
 
