@@ -51,7 +51,7 @@ std::string LibraryPathU8() { return Narrow(LibraryPath()); }
 ProcessRun Nvdbconv(const std::wstring& args) { return RunTool(L"nvdbconv.exe", args, 120000); }
 
 // The tool's line for a failed call: code, symbol and Wine's message text.
-const std::string kFailed = "0x80004005 E_FAIL \"Unspecified error\"";
+const std::string kFailed = "0x80004005 E_FAIL \"Call failed.\"";
 
 nvwriter::DbRecord Write10(unsigned users = 6, unsigned domains = 1, REGSAM view = KEY_WOW64_32KEY)
 {
@@ -381,7 +381,7 @@ TEST_F(NvdbconvConvertTest, ConvertWithoutADatabaseFailsWithEFailAndExits1)
     EXPECT_EQ("nvdbconv: Convert failed: " + kFailed + "\n", run.err);
 
     const JsonValue doc = Json(Nvdbconv(L"--json convert"));
-    CheckResult(doc["convert"], E_FAIL, "Unspecified error");
+    CheckResult(doc["convert"], E_FAIL, "Call failed.");
     EXPECT_EQ("E_FAIL", doc["convert"]["symbol"].Text());
     EXPECT_FALSE(doc["convert"]["message"].Text().empty());
     EXPECT_EQ(1, doc["exitCode"].Int());
@@ -608,7 +608,7 @@ TEST_F(NvdbconvRollbackTest, RollbackAndCleanupRefuseAForeignBackupValueEvenWith
 TEST_F(NvdbconvRollbackTest, WithoutADatabaseThereIsNoConverterAndRollbackFails)
 {
     const JsonValue doc = Json(Nvdbconv(L"--json rollback"));
-    CheckResult(doc["rollback"], E_FAIL, "Unspecified error");
+    CheckResult(doc["rollback"], E_FAIL, "Call failed.");
     EXPECT_FALSE(doc["refused"].Bool());
     EXPECT_EQ(1, doc["exitCode"].Int());
 }
