@@ -20,19 +20,18 @@
 #include "support/token_scope.h"
 #include "support/test_converter.h"
 #include "support/trace_capture.h"
+#include "support/db_paths.h"
+#include "support/test_results.h"
 
 using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
 constexpr const wchar_t kVendor[] = L"SOFTWARE\\Norvane";
 constexpr const wchar_t kBackup10[] = L"SOFTWARE\\Norvane\\DB-v1.0";
-constexpr const wchar_t kBackup20[] = L"SOFTWARE\\Norvane\\DB-v2.0";
 constexpr const wchar_t kUserKey[] = L"SOFTWARE\\Norvane\\DB\\Data\\Users\\S-1-5-21-7-8-9-1001";
 
-constexpr HRESULT kConvertFailure = static_cast<HRESULT>(0x8009000B);
-constexpr HRESULT kHookFailure = static_cast<HRESULT>(0x80041234);
+constexpr HRESULT kConvertFailure = NTE_BAD_KEY_STATE;
 
 std::wstring Path(const wchar_t* base, const wchar_t* rel)
 {
@@ -62,28 +61,28 @@ std::vector<BYTE> Qword(unsigned long long v)
 // empty key.
 void FillDatabase(REGSAM view)
 {
-    SetString(kDb, L"Version", L"1.0", view);
-    SetString(kDb, L"", L"default text", view);
-    SetDword(kDb, L"Flags", 7, view);
-    SetBinary(kDb, L"Blob", {1, 2, 3, 0, 255}, view);
-    SetString(kDb, L"Path", L"%SystemRoot%\\x", view, REG_EXPAND_SZ);
-    SetBinary(kDb, L"Names", MultiSz({L"alpha", L"beta"}), view, REG_MULTI_SZ);
-    SetBinary(kDb, L"Stamp", Qword(0x0123456789ABCDEFull), view, REG_QWORD);
+    SetString(kDbPath, L"Version", L"1.0", view);
+    SetString(kDbPath, L"", L"default text", view);
+    SetDword(kDbPath, L"Flags", 7, view);
+    SetBinary(kDbPath, L"Blob", {1, 2, 3, 0, 255}, view);
+    SetString(kDbPath, L"Path", L"%SystemRoot%\\x", view, REG_EXPAND_SZ);
+    SetBinary(kDbPath, L"Names", MultiSz({L"alpha", L"beta"}), view, REG_MULTI_SZ);
+    SetBinary(kDbPath, L"Stamp", Qword(0x0123456789ABCDEFull), view, REG_QWORD);
     SetString(kUserKey, L"Name", L"alice", view);
     SetBinary(kUserKey, L"Record", {9, 8, 7, 6}, view);
-    SetDword(Path(kDb, L"Policies\\Default").c_str(), L"LogonMode", 2, view);
-    CreateKeyPath(Path(kDb, L"Empty").c_str(), view);
+    SetDword(Path(kDbPath, L"Policies\\Default").c_str(), L"LogonMode", 2, view);
+    CreateKeyPath(Path(kDbPath, L"Empty").c_str(), view);
 }
 
 // What do_Convert does to the database before it answers: values changed, added
 // and removed, a key tree removed and a key added.
 void ChangeDatabase(REGSAM view)
 {
-    SetString(kDb, L"Version", L"2.0", view);
-    SetDword(kDb, L"Added", 1, view);
-    DeleteValue(kDb, L"Flags", view);
-    DeleteTree(Path(kDb, L"Data").c_str(), view);
-    CreateKeyPath(Path(kDb, L"NewKey").c_str(), view);
+    SetString(kDbPath, L"Version", L"2.0", view);
+    SetDword(kDbPath, L"Added", 1, view);
+    DeleteValue(kDbPath, L"Flags", view);
+    DeleteTree(Path(kDbPath, L"Data").c_str(), view);
+    CreateKeyPath(Path(kDbPath, L"NewKey").c_str(), view);
 }
 
 std::vector<BYTE> StringBytes(const std::wstring& s)
@@ -126,9 +125,9 @@ TEST_F(BaseConverterTest, ConstructorOpensDatabaseInGivenViewAndKeepsOwnerViewWo
     EXPECT_EQ(ERROR_SUCCESS, ::RegSetValueExW(converter.DbKey(), L"Probe", 0, REG_DWORD,
                                               reinterpret_cast<const BYTE*>("\1\0\0\0"), 4));
     DWORD probe = 0;
-    EXPECT_TRUE(GetDword(kDb, L"Probe", kView32, &probe));
+    EXPECT_TRUE(GetDword(kDbPath, L"Probe", kView32, &probe));
     EXPECT_EQ(1u, probe);
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
 }
 
 TEST_F(BaseConverterTest, ConstructorWithoutDatabaseInItsViewBuildsObjectWithoutKey)
@@ -138,7 +137,7 @@ TEST_F(BaseConverterTest, ConstructorWithoutDatabaseInItsViewBuildsObjectWithout
     EXPECT_FALSE(converter.HasDatabaseKey());
     EXPECT_EQ(nullptr, converter.DbKey());
     EXPECT_EQ(0u, converter.DbOwnerView());
-    EXPECT_FALSE(KeyExists(kDb, kView32));
+    EXPECT_FALSE(KeyExists(kDbPath, kView32));
 }
 
 // ---------------------------------------------------------------------------
@@ -150,7 +149,7 @@ TEST_P(BackupViewTest, BackupCopiesDatabaseIntoBackupKeyThenRecordsItsPath)
 {
     const REGSAM backupView = GetParam();
     FillDatabase(kView32);
-    const RegTree before = Snapshot(kDb, kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
 
     TestConverter converter(KEY_WOW64_32KEY, backupView, L"DB-v1.0");
     EXPECT_EQ(S_OK, converter.Backup());
@@ -161,11 +160,11 @@ TEST_P(BackupViewTest, BackupCopiesDatabaseIntoBackupKeyThenRecordsItsPath)
 
     RegTree expectedDb = before;
     expectedDb.values[L"|Backup"] = BackupValue(kBackup10);
-    const RegTree after = Snapshot(kDb, kView32);
+    const RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expectedDb == after) << DiffTrees(expectedDb, after);
 
     RegValue raw;
-    ASSERT_TRUE(GetValue(kDb, L"Backup", kView32, &raw));
+    ASSERT_TRUE(GetValue(kDbPath, L"Backup", kView32, &raw));
     EXPECT_EQ(static_cast<DWORD>(REG_SZ), raw.type);
     EXPECT_EQ(StringBytes(L"SOFTWARE\\Norvane\\DB-v1.0"), raw.data);
 
@@ -190,7 +189,7 @@ TEST_F(BaseConverterTest, BackupMergesIntoExistingBackupKey)
     SetString(kBackup10, L"Version", L"0.9", kView32);
     SetDword(kBackup10, L"Leftover", 42, kView32);
     SetString(Path(kBackup10, L"OldKey").c_str(), L"x", L"y", kView32);
-    const RegTree db = Snapshot(kDb, kView32);
+    const RegTree db = Snapshot(kDbPath, kView32);
 
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     EXPECT_EQ(S_OK, converter.Backup());
@@ -207,13 +206,13 @@ TEST_F(BaseConverterTest, BackupMergesIntoExistingBackupKey)
 TEST_F(BaseConverterTest, BackupOfDatabaseWithEmptyBinaryValueFailsWithNotEnoughMemoryAndWritesNoBackupValue)
 {
     FillDatabase(kView32);
-    SetBinary(kDb, L"Hollow", {}, kView32);
-    const RegTree before = Snapshot(kDb, kView32);
+    SetBinary(kDbPath, L"Hollow", {}, kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
 
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
-    EXPECT_EQ(static_cast<HRESULT>(0x80070008), converter.Backup());
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY), converter.Backup());
 
-    const RegTree after = Snapshot(kDb, kView32);
+    const RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
     EXPECT_TRUE(converter.calls.empty());
 }
@@ -221,7 +220,7 @@ TEST_F(BaseConverterTest, BackupOfDatabaseWithEmptyBinaryValueFailsWithNotEnough
 TEST_F(BaseConverterTest, FailingDoBackupFailsBackupAfterTheBackupWasRecorded)
 {
     FillDatabase(kView32);
-    const RegTree before = Snapshot(kDb, kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     converter.backupResult = kHookFailure;
 
@@ -229,7 +228,7 @@ TEST_F(BaseConverterTest, FailingDoBackupFailsBackupAfterTheBackupWasRecorded)
     const RegTree backup = Snapshot(kBackup10, kView32);
     EXPECT_TRUE(before == backup) << DiffTrees(before, backup);
     std::wstring recorded;
-    EXPECT_TRUE(GetString(kDb, L"Backup", kView32, &recorded));
+    EXPECT_TRUE(GetString(kDbPath, L"Backup", kView32, &recorded));
     EXPECT_EQ(std::wstring(kBackup10), recorded);
 }
 
@@ -254,8 +253,8 @@ TEST_P(BackupViewTest, SuccessfulConvertRunsBackupConvertAndCleanupAndLeavesNoBa
     EXPECT_EQ(S_OK, converter.Convert());
 
     EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Convert", "do_Cleanup"}), converter.calls);
-    EXPECT_FALSE(KeyExists(kBackup20, kView32));
-    EXPECT_FALSE(KeyExists(kBackup20, kView64));
+    EXPECT_FALSE(KeyExists(kBackup20Path, kView32));
+    EXPECT_FALSE(KeyExists(kBackup20Path, kView64));
 
     if (Concrete(backupView) == kView64) {
         // The backup's parent, made in the library's own view, stays behind empty.
@@ -271,9 +270,9 @@ TEST_P(BackupViewTest, SuccessfulConvertRunsBackupConvertAndCleanupAndLeavesNoBa
     // The expected tree is built the same way in the 64-bit view, then removed.
     FillDatabase(kView64);
     ChangeDatabase(kView64);
-    RegTree expected = Snapshot(kDb, kView64);
-    DeleteTree(kDb, kView64);
-    const RegTree after = Snapshot(kDb, kView32);
+    RegTree expected = Snapshot(kDbPath, kView64);
+    DeleteTree(kDbPath, kView64);
+    const RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == after) << DiffTrees(expected, after);
 }
 
@@ -285,7 +284,7 @@ TEST_P(BackupViewTest, FailingDoConvertRestoresDatabaseInOwnViewExactly)
 {
     const REGSAM backupView = GetParam();
     FillDatabase(kView64);
-    const RegTree before = Snapshot(kDb, kView64);
+    const RegTree before = Snapshot(kDbPath, kView64);
 
     TestConverter converter(0, backupView, L"DB-v1.0");
     converter.convertWork = [] { ChangeDatabase(kView64); };
@@ -294,11 +293,11 @@ TEST_P(BackupViewTest, FailingDoConvertRestoresDatabaseInOwnViewExactly)
     EXPECT_EQ(kConvertFailure, converter.Convert());
     EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Convert", "do_Rollback"}), converter.calls);
 
-    const RegTree after = Snapshot(kDb, kView64);
+    const RegTree after = Snapshot(kDbPath, kView64);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
     EXPECT_FALSE(KeyExists(kBackup10, kView32));
     EXPECT_FALSE(KeyExists(kBackup10, kView64));
-    EXPECT_FALSE(KeyExists(kDb, kView32));
+    EXPECT_FALSE(KeyExists(kDbPath, kView32));
 }
 
 // A backup key left behind by an earlier run is not emptied: the second Convert
@@ -306,7 +305,7 @@ TEST_P(BackupViewTest, FailingDoConvertRestoresDatabaseInOwnViewExactly)
 TEST_F(BaseConverterTest, SecondConvertMergesIntoLeftBackupKeyAndRollbackRestoresTheMerge)
 {
     FillDatabase(kView64);
-    const RegTree before = Snapshot(kDb, kView64);
+    const RegTree before = Snapshot(kDbPath, kView64);
     SetDword(kBackup10, L"Leftover", 42, kView32);
     SetString(Path(kBackup10, L"OldKey").c_str(), L"x", L"y", kView32);
     SetString(kBackup10, L"Version", L"0.9", kView32);
@@ -321,7 +320,7 @@ TEST_F(BaseConverterTest, SecondConvertMergesIntoLeftBackupKeyAndRollbackRestore
     expected.keys.push_back(L"OldKey");
     std::sort(expected.keys.begin(), expected.keys.end());
     expected.values[L"OldKey|x"] = RegValue{REG_SZ, StringBytes(L"y")};
-    const RegTree after = Snapshot(kDb, kView64);
+    const RegTree after = Snapshot(kDbPath, kView64);
     EXPECT_TRUE(expected == after) << DiffTrees(expected, after);
     EXPECT_FALSE(KeyExists(kBackup10, kView32));
 }
@@ -334,22 +333,22 @@ TEST_F(BaseConverterTest, SecondSuccessfulConvertRemovesTheMergedBackupKey)
     EXPECT_EQ(S_OK, converter.Convert());
     EXPECT_FALSE(KeyExists(kBackup10, kView32));
     RegValue ignored;
-    EXPECT_FALSE(GetValue(kDb, L"Backup", kView32, &ignored));
-    EXPECT_FALSE(GetValue(kDb, L"Leftover", kView32, &ignored));
+    EXPECT_FALSE(GetValue(kDbPath, L"Backup", kView32, &ignored));
+    EXPECT_FALSE(GetValue(kDbPath, L"Leftover", kView32, &ignored));
 }
 
 TEST_F(BaseConverterTest, FailingDoBackupMakesConvertRollBackWithoutConverting)
 {
     FillDatabase(kView64);
-    const RegTree before = Snapshot(kDb, kView64);
+    const RegTree before = Snapshot(kDbPath, kView64);
     TestConverter converter(0, 0, L"DB-v2.0");
     converter.backupResult = kHookFailure;
 
     EXPECT_EQ(kHookFailure, converter.Convert());
     EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Rollback"}), converter.calls);
-    const RegTree after = Snapshot(kDb, kView64);
+    const RegTree after = Snapshot(kDbPath, kView64);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
-    EXPECT_FALSE(KeyExists(kBackup20, kView64));
+    EXPECT_FALSE(KeyExists(kBackup20Path, kView64));
 }
 
 TEST_F(BaseConverterTest, ConvertReturnsFirstFailureEvenWhenRollbackFailsToo)
@@ -373,12 +372,12 @@ TEST_F(BaseConverterTest, FailingCleanupInsideConvertTriggersRollbackWhichFindsN
     EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Convert", "do_Cleanup", "do_Rollback"}), converter.calls);
     // Cleanup removed the backup and "Backup" before its hook failed, so the
     // rollback had nothing to restore from: the converted database stays.
-    EXPECT_FALSE(KeyExists(kBackup20, kView64));
+    EXPECT_FALSE(KeyExists(kBackup20Path, kView64));
     std::wstring version;
-    EXPECT_TRUE(GetString(kDb, L"Version", kView64, &version));
+    EXPECT_TRUE(GetString(kDbPath, L"Version", kView64, &version));
     EXPECT_EQ(std::wstring(L"2.0"), version);
     RegValue ignored;
-    EXPECT_FALSE(GetValue(kDb, L"Backup", kView64, &ignored));
+    EXPECT_FALSE(GetValue(kDbPath, L"Backup", kView64, &ignored));
 }
 
 // "Backup" is written only after the copy, so a copy failing halfway leaves the
@@ -387,16 +386,16 @@ TEST_F(BaseConverterTest, BackupFailingHalfwayLeavesPartialBackupKeyAndRollbackF
 {
     FillDatabase(kView32);
     // Subkeys are copied in name order: "A" before "Z", and "ZZ" never.
-    SetDword(Path(kDb, L"A").c_str(), L"a", 1, kView32);
-    SetBinary(Path(kDb, L"Z").c_str(), L"Hollow", {}, kView32);
-    SetDword(Path(kDb, L"ZZ").c_str(), L"z", 2, kView32);
-    const RegTree before = Snapshot(kDb, kView32);
+    SetDword(Path(kDbPath, L"A").c_str(), L"a", 1, kView32);
+    SetBinary(Path(kDbPath, L"Z").c_str(), L"Hollow", {}, kView32);
+    SetDword(Path(kDbPath, L"ZZ").c_str(), L"z", 2, kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
 
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
-    EXPECT_EQ(static_cast<HRESULT>(0x80070008), converter.Convert());
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY), converter.Convert());
     EXPECT_EQ(std::vector<std::string>{"do_Rollback"}, converter.calls);
 
-    const RegTree after = Snapshot(kDb, kView32);
+    const RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
 
     RegTree expectedPartial = before;
@@ -410,13 +409,13 @@ TEST_F(BaseConverterTest, BackupFailingHalfwayLeavesPartialBackupKeyAndRollbackF
 TEST_F(BaseConverterTest, EmptyBinaryValueMakesConvertFailAndRollBack)
 {
     FillDatabase(kView64);
-    SetBinary(kDb, L"Hollow", {}, kView64);
-    const RegTree before = Snapshot(kDb, kView64);
+    SetBinary(kDbPath, L"Hollow", {}, kView64);
+    const RegTree before = Snapshot(kDbPath, kView64);
     TestConverter converter(0, 0, L"DB-v2.0");
 
-    EXPECT_EQ(static_cast<HRESULT>(0x80070008), converter.Convert());
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY), converter.Convert());
     EXPECT_EQ(std::vector<std::string>{"do_Rollback"}, converter.calls);
-    const RegTree after = Snapshot(kDb, kView64);
+    const RegTree after = Snapshot(kDbPath, kView64);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
 }
 
@@ -424,7 +423,7 @@ TEST_F(BaseConverterTest, ConvertWithoutDatabaseKeyFailsInCopyKeyAndCreatesNothi
 {
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     ASSERT_FALSE(converter.HasDatabaseKey());
-    EXPECT_EQ(static_cast<HRESULT>(0x80070006), converter.Convert());
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE), converter.Convert());
     EXPECT_EQ(std::vector<std::string>{"do_Rollback"}, converter.calls);
     EXPECT_FALSE(KeyExists(kVendor, kView32));
     EXPECT_FALSE(KeyExists(kVendor, kView64));
@@ -444,7 +443,7 @@ TEST_F(BaseConverterTest, ConvertWithoutDatabaseKeyFailsInCopyKeyAndCreatesNothi
 TEST_F(BaseConverterTest, FailedConvertOf32BitDatabaseWith32BitBackupLeavesConvertedDatabaseAndBackup)
 {
     FillDatabase(kView32);
-    const RegTree before = Snapshot(kDb, kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     converter.convertWork = [] { ChangeDatabase(kView32); };
     converter.convertResult = kConvertFailure;
@@ -454,10 +453,10 @@ TEST_F(BaseConverterTest, FailedConvertOf32BitDatabaseWith32BitBackupLeavesConve
 
     FillDatabase(kView64);
     ChangeDatabase(kView64);
-    RegTree expected = Snapshot(kDb, kView64);
+    RegTree expected = Snapshot(kDbPath, kView64);
     DeleteTree(kVendor, kView64);
     expected.values[L"|Backup"] = BackupValue(kBackup10);
-    const RegTree after = Snapshot(kDb, kView32);
+    const RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == after) << DiffTrees(expected, after);
 
     const RegTree backup = Snapshot(kBackup10, kView32);
@@ -468,7 +467,7 @@ TEST_F(BaseConverterTest, FailedConvertOf32BitDatabaseWith32BitBackupLeavesConve
     converter.calls.clear();
     EXPECT_EQ(S_OK, converter.Rollback());
     EXPECT_EQ(std::vector<std::string>{"do_Rollback"}, converter.calls);
-    const RegTree again = Snapshot(kDb, kView32);
+    const RegTree again = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == again) << DiffTrees(expected, again);
     EXPECT_TRUE(KeyExists(kBackup10, kView32));
 }
@@ -478,25 +477,25 @@ TEST_F(BaseConverterTest, FailedConvertOf32BitDatabaseWith32BitBackupLeavesConve
 TEST_F(BaseConverterTest, FailedConvertOf32BitDatabaseWithOwnViewBackupLeavesBackupIn64BitView)
 {
     FillDatabase(kView32);
-    const RegTree before = Snapshot(kDb, kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
     TestConverter converter(KEY_WOW64_32KEY, 0, L"DB-v2.0");
     converter.convertWork = [] { ChangeDatabase(kView32); };
     converter.convertResult = kConvertFailure;
 
     EXPECT_EQ(kConvertFailure, converter.Convert());
 
-    const RegTree backup = Snapshot(kBackup20, kView64);
+    const RegTree backup = Snapshot(kBackup20Path, kView64);
     EXPECT_TRUE(before == backup) << DiffTrees(before, backup);
-    EXPECT_FALSE(KeyExists(kBackup20, kView32));
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    EXPECT_FALSE(KeyExists(kBackup20Path, kView32));
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
 
     std::wstring recorded;
-    EXPECT_TRUE(GetString(kDb, L"Backup", kView32, &recorded));
-    EXPECT_EQ(std::wstring(kBackup20), recorded);
+    EXPECT_TRUE(GetString(kDbPath, L"Backup", kView32, &recorded));
+    EXPECT_EQ(std::wstring(kBackup20Path), recorded);
     std::wstring version;
-    EXPECT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    EXPECT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(std::wstring(L"2.0"), version);
-    EXPECT_FALSE(KeyExists(Path(kDb, L"Data").c_str(), kView32));
+    EXPECT_FALSE(KeyExists(Path(kDbPath, L"Data").c_str(), kView32));
 }
 
 // A database in both views: the converter works on the 32-bit one, but Rollback
@@ -506,25 +505,25 @@ TEST_F(BaseConverterTest, FailedConvertOf32BitDatabaseWithOwnViewBackupLeavesBac
 TEST_F(BaseConverterTest, FailedConvertWithDatabaseInBothViewsRestoresBackupInto64BitView)
 {
     FillDatabase(kView32);
-    SetString(kDb, L"Version", L"1.0", kView64);
-    SetDword(kDb, L"Only64", 64, kView64);
-    const RegTree before32 = Snapshot(kDb, kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView64);
+    SetDword(kDbPath, L"Only64", 64, kView64);
+    const RegTree before32 = Snapshot(kDbPath, kView32);
 
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     converter.convertWork = [] { ChangeDatabase(kView32); };
     converter.convertResult = kConvertFailure;
     EXPECT_EQ(kConvertFailure, converter.Convert());
 
-    const RegTree db64 = Snapshot(kDb, kView64);
+    const RegTree db64 = Snapshot(kDbPath, kView64);
     EXPECT_TRUE(before32 == db64) << DiffTrees(before32, db64);
     EXPECT_FALSE(KeyExists(kBackup10, kView32));
     EXPECT_FALSE(KeyExists(kBackup10, kView64));
 
     std::wstring recorded;
-    EXPECT_TRUE(GetString(kDb, L"Backup", kView32, &recorded));
+    EXPECT_TRUE(GetString(kDbPath, L"Backup", kView32, &recorded));
     EXPECT_EQ(std::wstring(kBackup10), recorded);
     DWORD added = 0;
-    EXPECT_TRUE(GetDword(kDb, L"Added", kView32, &added));
+    EXPECT_TRUE(GetDword(kDbPath, L"Added", kView32, &added));
 }
 
 // ---------------------------------------------------------------------------
@@ -535,12 +534,12 @@ TEST_F(BaseConverterTest, RollbackAfterSuccessfulConvertFindsNoBackupNameAndStil
     FillDatabase(kView32);
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     ASSERT_EQ(S_OK, converter.Convert());
-    const RegTree before = Snapshot(kDb, kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
     converter.calls.clear();
 
     EXPECT_EQ(S_FALSE, converter.Rollback());
     EXPECT_EQ(std::vector<std::string>{"do_Rollback"}, converter.calls);
-    const RegTree after = Snapshot(kDb, kView32);
+    const RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
 
     converter.rollbackResult = kHookFailure;
@@ -563,7 +562,7 @@ TEST_F(BaseConverterTest, CleanupAfterSuccessfulConvertFindsNoBackupNameAndStill
 TEST_F(BaseConverterTest, CleanupDeletesBackupKeyAndBackupValueThenRunsHook)
 {
     FillDatabase(kView32);
-    const RegTree before = Snapshot(kDb, kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     ASSERT_EQ(S_OK, converter.Backup());
     ASSERT_TRUE(KeyExists(kBackup10, kView32));
@@ -571,7 +570,7 @@ TEST_F(BaseConverterTest, CleanupDeletesBackupKeyAndBackupValueThenRunsHook)
     EXPECT_EQ(S_OK, converter.Cleanup());
     EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Cleanup"}), converter.calls);
     EXPECT_FALSE(KeyExists(kBackup10, kView32));
-    const RegTree after = Snapshot(kDb, kView32);
+    const RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
 }
 
@@ -583,22 +582,22 @@ TEST_F(BaseConverterTest, CleanupWithBackupKeyRemovedByHandFailsAndKeepsBackupVa
     ASSERT_TRUE(DeleteTree(kBackup10, kView32));
     converter.calls.clear();
 
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), converter.Cleanup());
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), converter.Cleanup());
     EXPECT_TRUE(converter.calls.empty());
     std::wstring recorded;
-    EXPECT_TRUE(GetString(kDb, L"Backup", kView32, &recorded));
+    EXPECT_TRUE(GetString(kDbPath, L"Backup", kView32, &recorded));
     EXPECT_EQ(std::wstring(kBackup10), recorded);
 }
 
 TEST_F(BaseConverterTest, CleanupIgnoresBackupValueThatIsNotAString)
 {
     FillDatabase(kView64);
-    SetDword(kDb, L"Backup", 1, kView64);
+    SetDword(kDbPath, L"Backup", 1, kView64);
     TestConverter converter(0, 0, L"DB-v2.0");
     EXPECT_EQ(S_FALSE, converter.Cleanup());
     EXPECT_EQ(std::vector<std::string>{"do_Cleanup"}, converter.calls);
     DWORD kept = 0;
-    EXPECT_TRUE(GetDword(kDb, L"Backup", kView64, &kept));
+    EXPECT_TRUE(GetDword(kDbPath, L"Backup", kView64, &kept));
 }
 
 // The backup state lives in the registry: a converter of a later process restores
@@ -607,7 +606,7 @@ TEST_P(BackupViewTest, RollbackByLaterConverterRestoresFromRegistryState)
 {
     const REGSAM backupView = GetParam();
     FillDatabase(kView64);
-    const RegTree before = Snapshot(kDb, kView64);
+    const RegTree before = Snapshot(kDbPath, kView64);
     {
         TestConverter first(0, backupView, L"DB-v1.0");
         ASSERT_EQ(S_OK, first.Backup());
@@ -617,7 +616,7 @@ TEST_P(BackupViewTest, RollbackByLaterConverterRestoresFromRegistryState)
     TestConverter later(0, backupView, L"DB-v1.0");
     EXPECT_EQ(S_OK, later.Rollback());
     EXPECT_EQ(std::vector<std::string>{"do_Rollback"}, later.calls);
-    const RegTree after = Snapshot(kDb, kView64);
+    const RegTree after = Snapshot(kDbPath, kView64);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
     EXPECT_FALSE(KeyExists(kBackup10, Concrete(backupView)));
 }
@@ -625,14 +624,14 @@ TEST_P(BackupViewTest, RollbackByLaterConverterRestoresFromRegistryState)
 TEST_F(BaseConverterTest, RollbackWhoseHookFailsReturnsHookCodeAfterRestoring)
 {
     FillDatabase(kView64);
-    const RegTree before = Snapshot(kDb, kView64);
+    const RegTree before = Snapshot(kDbPath, kView64);
     TestConverter converter(0, 0, L"DB-v2.0");
     ASSERT_EQ(S_OK, converter.Backup());
     ChangeDatabase(kView64);
     converter.rollbackResult = kHookFailure;
 
     EXPECT_EQ(kHookFailure, converter.Rollback());
-    const RegTree after = Snapshot(kDb, kView64);
+    const RegTree after = Snapshot(kDbPath, kView64);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
 }
 
@@ -641,27 +640,27 @@ TEST_F(BaseConverterTest, RollbackWhoseHookFailsReturnsHookCodeAfterRestoring)
 TEST_F(BaseConverterTest, RollbackKeepsSOkWhenCopyFailsAfterDatabaseWasDeleted)
 {
     FillDatabase(kView64);
-    SetString(kDb, L"Backup", kBackup20, kView64);
+    SetString(kDbPath, L"Backup", kBackup20Path, kView64);
     TestConverter converter(0, 0, L"DB-v2.0");
 
     EXPECT_EQ(S_OK, converter.Rollback());
     EXPECT_EQ(std::vector<std::string>{"do_Rollback"}, converter.calls);
-    EXPECT_FALSE(KeyExists(kDb, kView64));
-    EXPECT_FALSE(KeyExists(kBackup20, kView64));
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
+    EXPECT_FALSE(KeyExists(kBackup20Path, kView64));
 }
 
 TEST_F(BaseConverterTest, RollbackKeepsSOkWhenFirstDeleteFails)
 {
     FillDatabase(kView32);
-    SetString(kDb, L"Backup", kBackup10, kView32);
+    SetString(kDbPath, L"Backup", kBackup10, kView32);
     SetDword(kBackup10, L"Saved", 5, kView32);
-    const RegTree db = Snapshot(kDb, kView32);
+    const RegTree db = Snapshot(kDbPath, kView32);
     const RegTree backup = Snapshot(kBackup10, kView32);
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
 
     EXPECT_EQ(S_OK, converter.Rollback());
     EXPECT_EQ(std::vector<std::string>{"do_Rollback"}, converter.calls);
-    EXPECT_TRUE(db == Snapshot(kDb, kView32));
+    EXPECT_TRUE(db == Snapshot(kDbPath, kView32));
     EXPECT_TRUE(backup == Snapshot(kBackup10, kView32));
     EXPECT_FALSE(KeyExists(kVendor, kView64));
 }
@@ -793,7 +792,7 @@ INSTANTIATE_TEST_SUITE_P(Views, CopyKeyViewTest,
 
 TEST_F(BaseConverterTest, CopyKeyOfMissingSourceFailsAndCreatesNoDestination)
 {
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002),
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND),
               CBaseConverter::CopyKey(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane\\Target", 0, HKEY_LOCAL_MACHINE,
                                       L"SOFTWARE\\Norvane\\Missing", 0));
     EXPECT_FALSE(KeyExists(kVendor, kView64));
@@ -806,7 +805,7 @@ TEST_F(BaseConverterTest, CopyKeyRefusesEmptyValueOfAnyType)
         DeleteTree(kVendor, kView64);
         SetDword(L"SOFTWARE\\Norvane\\Src", L"a", 1, kView64);
         SetBinary(L"SOFTWARE\\Norvane\\Src", L"b", {}, kView64, type);
-        EXPECT_EQ(static_cast<HRESULT>(0x80070008),
+        EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY),
                   CBaseConverter::CopyKey(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane\\Dst", 0, HKEY_LOCAL_MACHINE,
                                           L"SOFTWARE\\Norvane\\Src", 0))
             << "type " << type;
@@ -824,7 +823,7 @@ TEST_F(BaseConverterTest, CopyKeyOfValueWhoseNameLeavesNoRoomForTheTerminatorFai
 {
     const std::wstring longName(16383, L'q');
     SetDword(L"SOFTWARE\\Norvane\\Src", longName.c_str(), 7, kView64);
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002),
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND),
               CBaseConverter::CopyKey(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane\\Dst", 0, HKEY_LOCAL_MACHINE,
                                       L"SOFTWARE\\Norvane\\Src", 0));
     EXPECT_TRUE(ValueNames(L"SOFTWARE\\Norvane\\Dst", kView64).empty());
@@ -837,15 +836,15 @@ TEST_F(BaseConverterTest, DeleteKeyRemovesWholeTreeInItsViewOnly)
 {
     FillDatabase(kView32);
     FillDatabase(kView64);
-    const RegTree db64 = Snapshot(kDb, kView64);
+    const RegTree db64 = Snapshot(kDbPath, kView64);
 
-    EXPECT_EQ(S_OK, CBaseConverter::DeleteKey(HKEY_LOCAL_MACHINE, kDb, KEY_WOW64_32KEY));
-    EXPECT_FALSE(KeyExists(kDb, kView32));
+    EXPECT_EQ(S_OK, CBaseConverter::DeleteKey(HKEY_LOCAL_MACHINE, kDbPath, KEY_WOW64_32KEY));
+    EXPECT_FALSE(KeyExists(kDbPath, kView32));
     EXPECT_TRUE(KeyExists(kVendor, kView32));
-    EXPECT_TRUE(db64 == Snapshot(kDb, kView64));
+    EXPECT_TRUE(db64 == Snapshot(kDbPath, kView64));
 
-    EXPECT_EQ(S_OK, CBaseConverter::DeleteKey(HKEY_LOCAL_MACHINE, kDb, 0));
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    EXPECT_EQ(S_OK, CBaseConverter::DeleteKey(HKEY_LOCAL_MACHINE, kDbPath, 0));
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
     EXPECT_TRUE(KeyExists(kVendor, kView64));
 }
 
@@ -853,18 +852,19 @@ TEST_F(BaseConverterTest, DeleteKeyRelativeToOpenKey)
 {
     FillDatabase(kView64);
     HKEY db = nullptr;
-    ASSERT_EQ(ERROR_SUCCESS, ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kDb, 0, KEY_READ | DELETE, &db));
+    ASSERT_EQ(ERROR_SUCCESS, ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kDbPath, 0, KEY_READ | DELETE, &db));
     EXPECT_EQ(S_OK, CBaseConverter::DeleteKey(db, L"Data", 0));
     ::RegCloseKey(db);
-    EXPECT_FALSE(KeyExists(Path(kDb, L"Data").c_str(), kView64));
-    EXPECT_TRUE(KeyExists(Path(kDb, L"Policies").c_str(), kView64));
+    EXPECT_FALSE(KeyExists(Path(kDbPath, L"Data").c_str(), kView64));
+    EXPECT_TRUE(KeyExists(Path(kDbPath, L"Policies").c_str(), kView64));
 }
 
 TEST_F(BaseConverterTest, DeleteKeyOfMissingKeyFailsWithFileNotFound)
 {
     CreateKeyPath(kVendor, kView64);
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), CBaseConverter::DeleteKey(HKEY_LOCAL_MACHINE, kDb, 0));
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), CBaseConverter::DeleteKey(HKEY_LOCAL_MACHINE, kDb, KEY_WOW64_32KEY));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), CBaseConverter::DeleteKey(HKEY_LOCAL_MACHINE, kDbPath, 0));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND),
+              CBaseConverter::DeleteKey(HKEY_LOCAL_MACHINE, kDbPath, KEY_WOW64_32KEY));
 }
 
 namespace {
@@ -940,7 +940,7 @@ TEST_F(BaseConverterTest, DeleteKeyByNonAdministratorDeletesOnlyWhatCallerMayDel
         NonAdministratorScope nonAdmin;
         hr = CBaseConverter::DeleteKey(HKEY_LOCAL_MACHINE, tree, 0);
     }
-    EXPECT_EQ(static_cast<HRESULT>(0x80070005), hr);
+    EXPECT_EQ(E_ACCESSDENIED, hr);
     EXPECT_FALSE(KeyExists(open, kView64));
     EXPECT_TRUE(KeyExists(locked, kView64));
     EXPECT_EQ(treeDacl, DaclText(tree, kView64));
@@ -1070,15 +1070,15 @@ TEST_F(BaseConverterTest, CleanupRefusesForeignBackupValueAndLeavesThatKeyUntouc
 {
     FillDatabase(kView32);
     const PlantedVictim victim = PlantVictim(kView32);
-    SetString(kDb, L"Backup", kVictim, kView32);
-    const RegTree db = Snapshot(kDb, kView32);
+    SetString(kDbPath, L"Backup", kVictim, kView32);
+    const RegTree db = Snapshot(kDbPath, kView32);
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
 
     EXPECT_EQ(E_ACCESSDENIED, converter.Cleanup());
     // Refused as a failed delete is: the hook does not run.
     EXPECT_TRUE(converter.calls.empty());
     ExpectVictimUntouched(victim, kView32);
-    const RegTree after = Snapshot(kDb, kView32);
+    const RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(db == after) << DiffTrees(db, after);
 }
 
@@ -1086,14 +1086,14 @@ TEST_F(BaseConverterTest, RollbackRefusesForeignBackupValueKeepsDatabaseAndStill
 {
     FillDatabase(kView64);
     const PlantedVictim victim = PlantVictim(kView64);
-    SetString(kDb, L"Backup", kVictim, kView64);
-    const RegTree db = Snapshot(kDb, kView64);
+    SetString(kDbPath, L"Backup", kVictim, kView64);
+    const RegTree db = Snapshot(kDbPath, kView64);
     TestConverter converter(0, 0, L"DB-v2.0");
 
     EXPECT_EQ(E_ACCESSDENIED, converter.Rollback());
     EXPECT_EQ(std::vector<std::string>{"do_Rollback"}, converter.calls);
     ExpectVictimUntouched(victim, kView64);
-    const RegTree after = Snapshot(kDb, kView64);
+    const RegTree after = Snapshot(kDbPath, kView64);
     EXPECT_TRUE(db == after) << DiffTrees(db, after);
 
     // A failing hook still has the last word.
@@ -1107,16 +1107,16 @@ TEST_F(BaseConverterTest, RollbackRefusesForeignBackupValueKeepsDatabaseAndStill
 TEST_F(BaseConverterTest, ConvertWhoseBackupFailsDoesNotRollBackFromForeignBackupValue)
 {
     FillDatabase(kView64);
-    SetBinary(kDb, L"Hollow", {}, kView64);
+    SetBinary(kDbPath, L"Hollow", {}, kView64);
     const PlantedVictim victim = PlantVictim(kView64);
-    SetString(kDb, L"Backup", kVictim, kView64);
-    const RegTree db = Snapshot(kDb, kView64);
+    SetString(kDbPath, L"Backup", kVictim, kView64);
+    const RegTree db = Snapshot(kDbPath, kView64);
     TestConverter converter(0, 0, L"DB-v2.0");
 
     EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY), converter.Convert());
     EXPECT_EQ(std::vector<std::string>{"do_Rollback"}, converter.calls);
     ExpectVictimUntouched(victim, kView64);
-    const RegTree after = Snapshot(kDb, kView64);
+    const RegTree after = Snapshot(kDbPath, kView64);
     EXPECT_TRUE(db == after) << DiffTrees(db, after);
 }
 
@@ -1124,30 +1124,30 @@ TEST_F(BaseConverterTest, SuccessfulConvertOverwritesForeignBackupValueAndLeaves
 {
     FillDatabase(kView64);
     const PlantedVictim victim = PlantVictim(kView64);
-    SetString(kDb, L"Backup", kVictim, kView64);
+    SetString(kDbPath, L"Backup", kVictim, kView64);
     TestConverter converter(0, 0, L"DB-v2.0");
 
     EXPECT_EQ(S_OK, converter.Convert());
     EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Convert", "do_Cleanup"}), converter.calls);
     ExpectVictimUntouched(victim, kView64);
-    EXPECT_FALSE(KeyExists(kBackup20, kView64));
+    EXPECT_FALSE(KeyExists(kBackup20Path, kView64));
     std::wstring left;
-    EXPECT_FALSE(GetString(kDb, L"Backup", kView64, &left)) << "left: " << std::string(left.begin(), left.end());
+    EXPECT_FALSE(GetString(kDbPath, L"Backup", kView64, &left)) << "left: " << std::string(left.begin(), left.end());
 }
 
 TEST_F(BaseConverterTest, BackupValueInAnotherCaseStillNamesTheLibrarysBackupKey)
 {
     FillDatabase(kView64);
-    const RegTree before = Snapshot(kDb, kView64);
+    const RegTree before = Snapshot(kDbPath, kView64);
     TestConverter converter(0, 0, L"DB-v2.0");
     ASSERT_EQ(S_OK, converter.Backup());
     ChangeDatabase(kView64);
-    SetString(kDb, L"Backup", L"software\\norvane\\db-V2.0", kView64);
+    SetString(kDbPath, L"Backup", L"software\\norvane\\db-V2.0", kView64);
 
     EXPECT_EQ(S_OK, converter.Rollback());
-    const RegTree after = Snapshot(kDb, kView64);
+    const RegTree after = Snapshot(kDbPath, kView64);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
-    EXPECT_FALSE(KeyExists(kBackup20, kView64));
+    EXPECT_FALSE(KeyExists(kBackup20Path, kView64));
 }
 
 // ---------------------------------------------------------------------------
@@ -1163,7 +1163,7 @@ using Lines = std::vector<std::string>;
 
 TEST_F(BaseConverterTraceTest, ConstructorTracesItsScopeAndTheOpenResult)
 {
-    SetString(kDb, L"Version", L"1.0", kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
     { TestConverter found(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0"); }
     { TestConverter missing(0, KEY_WOW64_32KEY, L"DB-v1.0"); }
     EXPECT_EQ((Lines{"> CBaseConverter::CBaseConverter", "<",
@@ -1174,8 +1174,8 @@ TEST_F(BaseConverterTraceTest, ConstructorTracesItsScopeAndTheOpenResult)
 
 TEST_F(BaseConverterTraceTest, SuccessfulConvertTracesBackupCopyCleanupAndDelete)
 {
-    SetString(kDb, L"Version", L"1.0", kView32);
-    SetDword(Path(kDb, L"Sub").c_str(), L"x", 1, kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
+    SetDword(Path(kDbPath, L"Sub").c_str(), L"x", 1, kView32);
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     ASSERT_EQ(S_OK, converter.Convert());
     EXPECT_EQ((Lines{
@@ -1197,7 +1197,7 @@ TEST_F(BaseConverterTraceTest, SuccessfulConvertTracesBackupCopyCleanupAndDelete
 
 TEST_F(BaseConverterTraceTest, FailedConvertTracesRestoreAndTheFailingCode)
 {
-    SetString(kDb, L"Version", L"1.0", kView64);
+    SetString(kDbPath, L"Version", L"1.0", kView64);
     TestConverter converter(0, 0, L"DB-v2.0");
     converter.convertResult = kConvertFailure;
     ASSERT_EQ(kConvertFailure, converter.Convert());
@@ -1223,9 +1223,9 @@ TEST_F(BaseConverterTraceTest, FailedConvertTracesRestoreAndTheFailingCode)
 
 TEST_F(BaseConverterTraceTest, EmptyValueTracesTheCopyFailureAndAnEmptyRollback)
 {
-    SetBinary(kDb, L"Hollow", {}, kView32);
+    SetBinary(kDbPath, L"Hollow", {}, kView32);
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
-    ASSERT_EQ(static_cast<HRESULT>(0x80070008), converter.Convert());
+    ASSERT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY), converter.Convert());
     EXPECT_EQ((Lines{
                   "> CBaseConverter::CBaseConverter", "<",
                   "> CBaseConverter::Convert",
@@ -1246,7 +1246,7 @@ TEST_F(BaseConverterTraceTest, EmptyValueTracesTheCopyFailureAndAnEmptyRollback)
 
 TEST_F(BaseConverterTraceTest, RollbackAndCleanupWithoutBackupNameTraceNothingToDo)
 {
-    SetString(kDb, L"Version", L"1.0", kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     EXPECT_EQ(S_FALSE, converter.Rollback());
     EXPECT_EQ(S_FALSE, converter.Cleanup());
@@ -1261,7 +1261,7 @@ TEST_F(BaseConverterTraceTest, RollbackAndCleanupWithoutBackupNameTraceNothingTo
 
 TEST_F(BaseConverterTraceTest, RollbackWhoseFirstDeleteFailsTracesOnlyThatDelete)
 {
-    SetString(kDb, L"Backup", kBackup10, kView32);
+    SetString(kDbPath, L"Backup", kBackup10, kView32);
     SetDword(kBackup10, L"Saved", 5, kView32);
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     EXPECT_EQ(S_OK, converter.Rollback());
@@ -1278,7 +1278,7 @@ TEST_F(BaseConverterTraceTest, RollbackWhoseFirstDeleteFailsTracesOnlyThatDelete
 
 TEST_F(BaseConverterTraceTest, ForeignBackupValueIsNamedInTheTraceOfRollbackAndCleanup)
 {
-    SetString(kDb, L"Backup", L"SAM\\SAM", kView32);
+    SetString(kDbPath, L"Backup", L"SAM\\SAM", kView32);
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     EXPECT_EQ(E_ACCESSDENIED, converter.Rollback());
     EXPECT_EQ(E_ACCESSDENIED, converter.Cleanup());
@@ -1297,9 +1297,9 @@ TEST_F(BaseConverterTraceTest, ForeignBackupValueIsNamedInTheTraceOfRollbackAndC
 
 TEST_F(BaseConverterTraceTest, CleanupOfMissingBackupKeyTracesTheDeleteFailure)
 {
-    SetString(kDb, L"Backup", kBackup10, kView32);
+    SetString(kDbPath, L"Backup", kBackup10, kView32);
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), converter.Cleanup());
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), converter.Cleanup());
     EXPECT_EQ((Lines{
                   "> CBaseConverter::CBaseConverter", "<",
                   "> CBaseConverter::Cleanup",

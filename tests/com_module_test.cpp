@@ -19,12 +19,12 @@
 #include "support/registry_sandbox.h"
 #include "support/test_converter.h"
 #include "support/trace_capture.h"
+#include "support/db_paths.h"
 
 using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
 // A class this server does not serve.
 constexpr CLSID kOtherClsid = {0x0C1D2E3F, 0x4A5B, 0x4C6D, {0x8E, 0x9F, 0x10, 0x21, 0x32, 0x43, 0x54, 0x65}};
 
@@ -64,6 +64,16 @@ protected:
         g_NVComModule.Term();
         g_DBConverter.m_pConverter.reset();
         RegistrySandbox::TearDown();
+    }
+
+    // A 2.0 test converter whose do_Convert fails with NTE_BAD_KEY_STATE, in the
+    // holder that Init converts through.
+    static TestConverter* HoldFailingConverter()
+    {
+        auto* converter = new TestConverter(0, 0, L"DB-v2.0");
+        converter->convertResult = NTE_BAD_KEY_STATE;
+        g_DBConverter.m_pConverter.reset(converter);
+        return converter;
     }
 
     nv::com_ptr<IClassFactory> Factory()
@@ -131,7 +141,7 @@ TEST(ComModuleInitTest, InitWithInstanceWithoutFileNameFailsWithTheLastError)
     NVObjectMapEntry map[] = {{nullptr, nullptr, nullptr, nullptr}};
     CNVComModule module;
     module.m_wstrModulePath = L"unchanged";
-    EXPECT_EQ(static_cast<HRESULT>(0x8007007E),
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND),
               module.Init(map, reinterpret_cast<HINSTANCE>(0x12340000), &nvcom::kLIBID_NVDBConvLib));
     EXPECT_EQ(std::wstring(L"unchanged"), module.m_wstrModulePath);
     EXPECT_TRUE(module.m_wstrHostName.empty());
@@ -296,10 +306,8 @@ TEST_F(ComModuleTest, AggregationNeedsIUnknownAndDelegatesToTheOuterObject)
 // Init runs the conversion through the holder and answers S_OK whatever it gave.
 TEST_F(ComModuleTest, InitRunsConvertAndReturnsSOkEvenWhenConversionFails)
 {
-    SetString(kDb, L"Version", L"1.0", kView64);
-    auto* converter = new TestConverter(0, 0, L"DB-v2.0");
-    converter->convertResult = static_cast<HRESULT>(0x8009000B);
-    g_DBConverter.m_pConverter.reset(converter);
+    SetString(kDbPath, L"Version", L"1.0", kView64);
+    TestConverter* converter = HoldFailingConverter();
 
     nv::com_ptr<INVComponentInit> object;
     ASSERT_EQ(S_OK, Factory()->CreateInstance(nullptr, __uuidof(INVComponentInit), object.put_void()));
@@ -323,7 +331,7 @@ TEST_F(ComModuleTest, InitWithoutConverterReturnsSOk)
 
 TEST_F(ComModuleTest, TermReturnsSOkAndUndoesNothing)
 {
-    SetString(kDb, L"Version", L"1.0", kView64);
+    SetString(kDbPath, L"Version", L"1.0", kView64);
     auto* converter = new TestConverter(0, 0, L"DB-v2.0");
     g_DBConverter.m_pConverter.reset(converter);
     nv::com_ptr<INVComponentInit> object;
@@ -391,6 +399,15 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
+// An object created, initialised, terminated and released while no converter is
+// held: Init's conversion answers E_FAIL.
+const Lines kObjectLifeWithoutAConverter = {
+    "> CNVDBConverter:FinalConstruct", "<",
+    "> CNVDBConverter:Init", "E -2147467259 ", "<",
+    "> CNVDBConverter:Term", "<",
+    "> CNVDBConverter:FinalRelease", "<",
+};
+
 } // namespace
 
 TEST_F(ComModuleTest, ObjectLifetimeTracesEachOperationWithItsOneColonScope)
@@ -405,24 +422,16 @@ TEST_F(ComModuleTest, ObjectLifetimeTracesEachOperationWithItsOneColonScope)
     object.reset();
     cf.reset();
     // Without a converter the conversion answers E_FAIL, which only the trace shows.
-    EXPECT_EQ((Lines{
-                  "> CNVDBConverter:FinalConstruct", "<",
-                  "> CNVDBConverter:Init", "E -2147467259 ", "<",
-                  "> CNVDBConverter:Term", "<",
-                  "> CNVDBConverter:FinalRelease", "<",
-              }),
-              trace.Lines())
+    EXPECT_EQ(kObjectLifeWithoutAConverter, trace.Lines())
         << trace.Dump();
 }
 
 TEST_F(ComModuleTest, InitTracesTheFailureOfTheConversionItRan)
 {
-    SetString(kDb, L"Version", L"1.0", kView64);
+    SetString(kDbPath, L"Version", L"1.0", kView64);
     TraceCapture trace;
     trace.Start();
-    auto* converter = new TestConverter(0, 0, L"DB-v2.0");
-    converter->convertResult = static_cast<HRESULT>(0x8009000B);
-    g_DBConverter.m_pConverter.reset(converter);
+    HoldFailingConverter();
     nv::com_ptr<INVComponentInit> object;
     ASSERT_EQ(S_OK, Factory()->CreateInstance(nullptr, __uuidof(INVComponentInit), object.put_void()));
     EXPECT_EQ(S_OK, object->Init());
@@ -442,7 +451,7 @@ TEST_F(ComModuleTest, ModuleInitTracesItsScopeAndFailure)
     CNVComModule module;
     EXPECT_EQ(S_OK, module.Init(map, ::GetModuleHandleW(nullptr), &nvcom::kLIBID_NVDBConvLib));
     CNVComModule broken;
-    EXPECT_EQ(static_cast<HRESULT>(0x8007007E),
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND),
               broken.Init(map, reinterpret_cast<HINSTANCE>(0x12340000), &nvcom::kLIBID_NVDBConvLib));
     EXPECT_EQ((Lines{"> CNVComModule::Init", "<", "> CNVComModule::Init", "E -2147024770 ", "<"}), trace.Lines())
         << trace.Dump();
@@ -461,14 +470,8 @@ TEST_F(ComDllTest, DllLoadAndObjectLifetimeAreTraced)
         EXPECT_EQ(S_OK, object->Init());
         EXPECT_EQ(S_OK, object->Term());
     }
-    EXPECT_EQ((Lines{
-                  "> CNVComModule::Init", "<",
-                  "> CDBConverter::FinalConstruct", "E -2147024894 ", "<",
-                  "> CNVDBConverter:FinalConstruct", "<",
-                  "> CNVDBConverter:Init", "E -2147467259 ", "<",
-                  "> CNVDBConverter:Term", "<",
-                  "> CNVDBConverter:FinalRelease", "<",
-              }),
-              trace.Lines())
+    Lines expected = {"> CNVComModule::Init", "<", "> CDBConverter::FinalConstruct", "E -2147024894 ", "<"};
+    expected.insert(expected.end(), kObjectLifeWithoutAConverter.begin(), kObjectLifeWithoutAConverter.end());
+    EXPECT_EQ(expected, trace.Lines())
         << trace.Dump();
 }

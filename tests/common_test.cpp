@@ -20,15 +20,15 @@ using namespace nvtest;
 
 TEST(HResultFromWin32Test, PlainCodesBecomeFacilityWin32KeepingLow16Bits)
 {
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), nv::HResultFromWin32(2));
-    EXPECT_EQ(static_cast<HRESULT>(0x8007000D), nv::HResultFromWin32(13));
-    EXPECT_EQ(static_cast<HRESULT>(0x80070103), nv::HResultFromWin32(259));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), nv::HResultFromWin32(2));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INVALID_DATA), nv::HResultFromWin32(13));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NO_MORE_ITEMS), nv::HResultFromWin32(259));
 }
 
 TEST(HResultFromWin32Test, ZeroStaysSuccessAndCodesWithFacilityBitsPassUnchanged)
 {
     EXPECT_EQ(S_OK, nv::HResultFromWin32(0));
-    EXPECT_EQ(static_cast<HRESULT>(0x80090005), nv::HResultFromWin32(static_cast<LONG>(0x80090005)));
+    EXPECT_EQ(NTE_BAD_DATA, nv::HResultFromWin32(NTE_BAD_DATA));
     EXPECT_EQ(static_cast<HRESULT>(0x00090312), nv::HResultFromWin32(0x00090312));
 }
 
@@ -40,19 +40,20 @@ TEST(ThrowIfWin32FailedTest, RaisesPlainCodesAndNegativeResultsOnly)
         nv::ThrowIfWin32Failed(5);
         FAIL() << "no exception";
     } catch (const _com_error& e) {
-        EXPECT_EQ(static_cast<HRESULT>(0x80070005), e.Error());
+        EXPECT_EQ(E_ACCESSDENIED, e.Error());
     }
     try {
-        nv::ThrowIfWin32Failed(static_cast<LONG>(0x80090016));
+        nv::ThrowIfWin32Failed(NTE_BAD_KEYSET);
         FAIL() << "no exception";
     } catch (const _com_error& e) {
-        EXPECT_EQ(static_cast<HRESULT>(0x80090016), e.Error());
+        EXPECT_EQ(NTE_BAD_KEYSET, e.Error());
     }
 }
 
 TEST(GuardedTest, ComErrorGivesItsCodeAnythingElseEUnexpected)
 {
-    EXPECT_EQ(static_cast<HRESULT>(0x80070008), nv::Guarded([]() -> HRESULT { nv::ThrowHr(0x80070008); }));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY),
+              nv::Guarded([]() -> HRESULT { nv::ThrowHr(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY)); }));
     EXPECT_EQ(E_UNEXPECTED, nv::Guarded([]() -> HRESULT { throw std::out_of_range("x"); }));
     EXPECT_EQ(S_FALSE, nv::Guarded([]() -> HRESULT { return S_FALSE; }));
 }
@@ -115,7 +116,8 @@ TEST_F(RegKeyTest, OpenClosesThePreviousHandleAndLeavesTheViewWordAlone)
 TEST_F(RegKeyTest, CreatedKeyLandsInTheRequestedViewOnly)
 {
     nv::CNVRegKey key;
-    ASSERT_EQ(ERROR_SUCCESS, key.Create(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane\\Only32", KEY_ALL_ACCESS | KEY_WOW64_32KEY));
+    ASSERT_EQ(ERROR_SUCCESS,
+              key.Create(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane\\Only32", KEY_ALL_ACCESS | KEY_WOW64_32KEY));
     key.Close();
     EXPECT_TRUE(KeyExists(L"SOFTWARE\\Norvane\\Only32", kView32));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\Only32", kView64));

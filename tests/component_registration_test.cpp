@@ -148,10 +148,12 @@ TEST_F(ComponentRegistrationTest, UnregisteringKeepsAListKeyThatStillHasSubkeys)
 
 TEST_F(ComponentRegistrationTest, UnregisteringWhenTheListKeyIsMissingReturnsTheOpenError)
 {
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), CComponentRegistrar::UnregisterComponent(kSys, L"CNVDBConverter"));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND),
+              CComponentRegistrar::UnregisterComponent(kSys, L"CNVDBConverter"));
     // The 32-bit view's list does not count.
     SetString(kSys, L"CNVDBConverter", L"x", kView32);
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), CComponentRegistrar::UnregisterComponent(kSys, L"CNVDBConverter"));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND),
+              CComponentRegistrar::UnregisterComponent(kSys, L"CNVDBConverter"));
     std::wstring kept;
     EXPECT_TRUE(GetString(kSys, L"CNVDBConverter", kView32, &kept));
 }
@@ -168,7 +170,7 @@ TEST_F(ComponentRegistrationTest, UpdateRegistryRegistersAndUnregistersTheConver
 
     EXPECT_EQ(S_OK, CNVDBConverter::UpdateRegistry(FALSE));
     EXPECT_FALSE(KeyExists(kSys, kView64));
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), CNVDBConverter::UpdateRegistry(FALSE));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), CNVDBConverter::UpdateRegistry(FALSE));
 }
 
 TEST_F(ComponentRegistrationTest, ModuleRegisterServerRunsEachClassRegistration)
@@ -181,7 +183,7 @@ TEST_F(ComponentRegistrationTest, ModuleRegisterServerRunsEachClassRegistration)
 
     EXPECT_EQ(S_OK, g_NVComModule.UnRegisterServer(nullptr));
     EXPECT_FALSE(KeyExists(kSys, kView64));
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), g_NVComModule.UnRegisterServer(nullptr));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), g_NVComModule.UnRegisterServer(nullptr));
 }
 
 TEST_F(ComponentRegistrationTest, ModuleRegistrationOfAnotherClassTouchesNothing)
@@ -224,7 +226,7 @@ TEST_F(DllRegistrationTest, DllRegisterServerAddsOnlyTheComponentEntry)
 
     EXPECT_EQ(S_OK, dll.DllUnregisterServer());
     EXPECT_FALSE(KeyExists(kSys, kView64));
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), dll.DllUnregisterServer());
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), dll.DllUnregisterServer());
 }
 
 namespace {
@@ -293,6 +295,16 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
+// What a successful RegisterServer and UnRegisterServer of the module trace.
+const Lines kRegisterThenUnregister = {
+    "> CNVComModule::RegisterServer",
+    "> Updateregistry - SYS", "> CComponentRegistrar::RegisterComponent", "<", "<",
+    "<",
+    "> CNVComModule::UnRegisterServer",
+    "> Updateregistry - SYS", "> CComponentRegistrar::UnregisterComponent", "<", "<",
+    "<",
+};
+
 } // namespace
 
 TEST_F(ComponentRegistrationTest, RegistrationAndUnregistrationAreTracedAtEachLevel)
@@ -301,21 +313,12 @@ TEST_F(ComponentRegistrationTest, RegistrationAndUnregistrationAreTracedAtEachLe
     trace.Start();
     ASSERT_EQ(S_OK, g_NVComModule.RegisterServer(FALSE, nullptr));
     ASSERT_EQ(S_OK, g_NVComModule.UnRegisterServer(nullptr));
-    ASSERT_EQ(static_cast<HRESULT>(0x80070002), g_NVComModule.UnRegisterServer(nullptr));
-    EXPECT_EQ((Lines{
-                  "> CNVComModule::RegisterServer",
-                  "> Updateregistry - SYS", "> CComponentRegistrar::RegisterComponent", "<", "<",
-                  "<",
-                  "> CNVComModule::UnRegisterServer",
-                  "> Updateregistry - SYS", "> CComponentRegistrar::UnregisterComponent", "<", "<",
-                  "<",
-                  "> CNVComModule::UnRegisterServer",
-                  "> Updateregistry - SYS",
-                  "> CComponentRegistrar::UnregisterComponent", "E -2147024894 ", "<",
-                  "E -2147024894 ", "<",
-                  "E -2147024894 ", "<",
-              }),
-              trace.Lines())
+    ASSERT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), g_NVComModule.UnRegisterServer(nullptr));
+    Lines expected = kRegisterThenUnregister;
+    expected.insert(expected.end(), {"> CNVComModule::UnRegisterServer", "> Updateregistry - SYS",
+                                     "> CComponentRegistrar::UnregisterComponent", "E -2147024894 ", "<",
+                                     "E -2147024894 ", "<", "E -2147024894 ", "<"});
+    EXPECT_EQ(expected, trace.Lines())
         << trace.Dump();
 }
 
@@ -328,16 +331,8 @@ TEST_F(DllRegistrationTest, DllRegisterServerIsTracedInTheDll)
         EXPECT_EQ(S_OK, dll.DllRegisterServer());
         EXPECT_EQ(S_OK, dll.DllUnregisterServer());
     }
-    EXPECT_EQ((Lines{
-                  "> CNVComModule::Init", "<",
-                  "> CDBConverter::FinalConstruct", "E -2147024894 ", "<",
-                  "> CNVComModule::RegisterServer",
-                  "> Updateregistry - SYS", "> CComponentRegistrar::RegisterComponent", "<", "<",
-                  "<",
-                  "> CNVComModule::UnRegisterServer",
-                  "> Updateregistry - SYS", "> CComponentRegistrar::UnregisterComponent", "<", "<",
-                  "<",
-              }),
-              trace.Lines())
+    Lines expected = {"> CNVComModule::Init", "<", "> CDBConverter::FinalConstruct", "E -2147024894 ", "<"};
+    expected.insert(expected.end(), kRegisterThenUnregister.begin(), kRegisterThenUnregister.end());
+    EXPECT_EQ(expected, trace.Lines())
         << trace.Dump();
 }

@@ -25,13 +25,15 @@
 #include "support/test_converter.h"
 #include "support/token_scope.h"
 #include "support/trace_capture.h"
+#include "support/db_paths.h"
+#include "support/test_results.h"
+#include "support/text_util.h"
 
 using namespace nvtest;
 namespace inspect = nvstore::inspect;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
 constexpr const wchar_t kBackup10[] = L"SOFTWARE\\Norvane\\DB-v1.0";
 
 // Holds the conversion lock on a thread of its own until Release (or, with
@@ -107,32 +109,32 @@ protected:
         nvframe::g_conversionLockWaitMs = m_savedWait;
         TraceCaptureTest::TearDown();
     }
+    // Whether CBaseConverter::Convert's scope holds this line; a failure shows the trace.
+    testing::AssertionResult ConvertScopeHas(const std::string& line) const
+    {
+        if (HasLine(trace.LinesInScope("CBaseConverter::Convert"), line))
+            return testing::AssertionSuccess();
+        return testing::AssertionFailure() << "no line \"" << line << "\" in\n" << trace.Dump();
+    }
+
     void FillDatabase(REGSAM view = kView32)
     {
-        SetString(kDb, L"Version", L"1.0", view);
-        SetDword(kDb, L"Flags", 7, view);
+        SetString(kDbPath, L"Version", L"1.0", view);
+        SetDword(kDbPath, L"Flags", 7, view);
         SetString(L"SOFTWARE\\Norvane\\DB\\Data\\Users\\S-1-5-21-7-8-9-1001", L"Name", L"alice", view);
     }
 
     DWORD m_savedWait = 0;
 };
 
-bool HasLine(const std::vector<std::string>& lines, const std::string& line)
-{
-    for (const std::string& l : lines)
-        if (l == line)
-            return true;
-    return false;
-}
-
 } // namespace
 
 TEST_F(ConversionLockTest, HeldForTheWholeWaitConvertRollbackAndCleanupFailBusyAndChangeNothing)
 {
     FillDatabase();
-    SetString(kDb, L"Backup", kBackup10, kView32);
+    SetString(kDbPath, L"Backup", kBackup10, kView32);
     SetDword(kBackup10, L"Saved", 1, kView32);
-    const RegTree db = Snapshot(kDb, kView32);
+    const RegTree db = Snapshot(kDbPath, kView32);
     const RegTree backup = Snapshot(kBackup10, kView32);
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     nvframe::g_conversionLockWaitMs = 200;
@@ -143,7 +145,7 @@ TEST_F(ConversionLockTest, HeldForTheWholeWaitConvertRollbackAndCleanupFailBusyA
     EXPECT_EQ(nvframe::NV_E_CONVERSION_BUSY, converter.Rollback());
     EXPECT_EQ(nvframe::NV_E_CONVERSION_BUSY, converter.Cleanup());
     EXPECT_TRUE(converter.calls.empty());
-    EXPECT_EQ("", DiffTrees(db, Snapshot(kDb, kView32)));
+    EXPECT_EQ("", DiffTrees(db, Snapshot(kDbPath, kView32)));
     EXPECT_EQ("", DiffTrees(backup, Snapshot(kBackup10, kView32)));
     EXPECT_EQ((std::vector<std::string>{
                   "U waiting up to 200 ms for another conversion to end",
@@ -174,13 +176,13 @@ TEST_F(ConversionLockTest, ReleasedWithinTheWaitConvertGoesOn)
 TEST_F(ConversionLockTest, DatabaseChangedWhileWaitingMakesConvertRefuse)
 {
     FillDatabase();
-    const RegTree before = Snapshot(kDb, kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     nvframe::g_conversionLockWaitMs = 20000;
     LockHolder holder;
     ASSERT_TRUE(holder.ok());
     // What another process's conversion leaves: the next format's "Version".
-    holder.BeforeRelease([] { SetString(kDb, L"Version", L"2.0", kView32); });
+    holder.BeforeRelease([] { SetString(kDbPath, L"Version", L"2.0", kView32); });
     holder.ReleaseAfter(300);
 
     EXPECT_EQ(nvframe::NV_E_CONVERSION_BUSY, converter.Convert());
@@ -188,12 +190,10 @@ TEST_F(ConversionLockTest, DatabaseChangedWhileWaitingMakesConvertRefuse)
     EXPECT_FALSE(KeyExists(kBackup10, kView32));
     RegTree expected = before;
     expected.values[L"|Version"].data = {'2', 0, '.', 0, '0', 0, 0, 0};
-    const RegTree after = Snapshot(kDb, kView32);
+    const RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == after) << DiffTrees(expected, after);
-    EXPECT_TRUE(HasLine(trace.LinesInScope("CBaseConverter::Convert"),
-                        "U the database changed since this converter last saw it: Version 1.0, no MainDB, now "
-                        "Version 2.0, no MainDB"))
-        << trace.Dump();
+    EXPECT_TRUE(ConvertScopeHas("U the database changed since this converter last saw it: Version 1.0, no MainDB, now "
+                                "Version 2.0, no MainDB"));
 }
 
 // Another process converted the database between this converter's load and its
@@ -203,12 +203,12 @@ TEST_F(ConversionLockTest, DatabaseChangedBeforeTheCallMakesConvertRefuseWithout
     FillDatabase();
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     CreateKeyPath(L"SOFTWARE\\Norvane\\DB\\MainDB", kView32);
-    const RegTree before = Snapshot(kDb, kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
 
     EXPECT_EQ(nvframe::NV_E_CONVERSION_BUSY, converter.Convert());
     EXPECT_TRUE(converter.calls.empty());
     EXPECT_FALSE(KeyExists(kBackup10, kView32));
-    EXPECT_EQ("", DiffTrees(before, Snapshot(kDb, kView32)));
+    EXPECT_EQ("", DiffTrees(before, Snapshot(kDbPath, kView32)));
     EXPECT_EQ((std::vector<std::string>{
                   "U the database changed since this converter last saw it: Version 1.0, no MainDB, now Version "
                   "1.0, MainDB present",
@@ -224,9 +224,9 @@ TEST_F(ConversionLockTest, ConvertersOwnChangesDoNotMakeItsNextConvertRefuse)
 {
     FillDatabase();
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
-    converter.convertWork = [] { SetString(kDb, L"Version", L"2.0", kView32); };
+    converter.convertWork = [] { SetString(kDbPath, L"Version", L"2.0", kView32); };
     EXPECT_EQ(S_OK, converter.Convert());
-    converter.convertWork = [] { SetString(kDb, L"Version", L"2.5", kView32); };
+    converter.convertWork = [] { SetString(kDbPath, L"Version", L"2.5", kView32); };
     EXPECT_EQ(S_OK, converter.Convert());
     EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Convert", "do_Cleanup", "do_Backup", "do_Convert",
                                         "do_Cleanup"}),
@@ -243,9 +243,7 @@ TEST_F(ConversionLockTest, LockOfAHolderThatEndedWithoutReleasingItIsTakenOver)
 
     EXPECT_EQ(S_OK, converter.Convert());
     EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Convert", "do_Cleanup"}), converter.calls);
-    EXPECT_TRUE(HasLine(trace.LinesInScope("CBaseConverter::Convert"),
-                        "U the previous holder of the conversion lock ended without releasing it"))
-        << trace.Dump();
+    EXPECT_TRUE(ConvertScopeHas("U the previous holder of the conversion lock ended without releasing it"));
 }
 
 // Another thread of the same process calling into the same converter waits for the
@@ -280,8 +278,8 @@ TEST_F(ConversionLockTest, ConvertAfterItsOwnRollbackRunsAgain)
     // In the library's own view, where Rollback deletes and restores it.
     FillDatabase(kView64);
     TestConverter converter(0, 0, L"DB-v2.0");
-    converter.convertResult = static_cast<HRESULT>(0x80041234);
-    EXPECT_EQ(static_cast<HRESULT>(0x80041234), converter.Convert());
+    converter.convertResult = kHookFailure;
+    EXPECT_EQ(kHookFailure, converter.Convert());
     converter.convertResult = S_OK;
     EXPECT_EQ(S_OK, converter.Convert());
     EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Convert", "do_Rollback", "do_Backup", "do_Convert",
@@ -318,10 +316,8 @@ TEST_F(ConversionLockTest, LockMadeByAnotherAccountIsNotWaitedFor)
     ASSERT_TRUE(holder.ok());
     EXPECT_EQ(S_OK, converter.Convert());
     EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Convert", "do_Cleanup"}), converter.calls);
-    EXPECT_TRUE(HasLine(trace.LinesInScope("CBaseConverter::Convert"),
-                        "U conversion lock Global\\NVDBConv.Conversion belongs to another account: going on "
-                        "without it"))
-        << trace.Dump();
+    EXPECT_TRUE(ConvertScopeHas("U conversion lock Global\\NVDBConv.Conversion belongs to another account: going on "
+                                "without it"));
 }
 
 namespace {
@@ -351,16 +347,14 @@ TEST_F(ConversionLockTest, LockNobodyMayOpenLetsAnAdministratorGoOnWithoutIt)
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     EXPECT_EQ(S_OK, converter.Convert());
     EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Convert", "do_Cleanup"}), converter.calls);
-    EXPECT_TRUE(HasLine(trace.LinesInScope("CBaseConverter::Convert"),
-                        "U conversion lock Global\\NVDBConv.Conversion belongs to another account: going on "
-                        "without it"))
-        << trace.Dump();
+    EXPECT_TRUE(ConvertScopeHas("U conversion lock Global\\NVDBConv.Conversion belongs to another account: going on "
+                                "without it"));
 }
 
 TEST_F(ConversionLockTest, LockNobodyMayOpenKeepsOutACallerWhoIsNoAdministrator)
 {
     FillDatabase();
-    const RegTree before = Snapshot(kDb, kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
     nv::unique_handle_null squatted = SquatLockDenyingEveryone();
     ASSERT_TRUE(squatted);
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
@@ -371,25 +365,21 @@ TEST_F(ConversionLockTest, LockNobodyMayOpenKeepsOutACallerWhoIsNoAdministrator)
     }
     EXPECT_EQ(E_ACCESSDENIED, hr);
     EXPECT_TRUE(converter.calls.empty());
-    EXPECT_EQ("", DiffTrees(before, Snapshot(kDb, kView32)));
-    EXPECT_TRUE(HasLine(trace.LinesInScope("CBaseConverter::Convert"),
-                        "U conversion lock Global\\NVDBConv.Conversion cannot be opened"))
-        << trace.Dump();
+    EXPECT_EQ("", DiffTrees(before, Snapshot(kDbPath, kView32)));
+    EXPECT_TRUE(ConvertScopeHas("U conversion lock Global\\NVDBConv.Conversion cannot be opened"));
 }
 
 TEST_F(ConversionLockTest, AnotherKindOfObjectUnderTheLocksNameFailsWithTheOpenError)
 {
     FillDatabase();
-    const RegTree before = Snapshot(kDb, kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
     nv::unique_handle_null event(::CreateEventW(nullptr, TRUE, FALSE, nvframe::kConversionMutexName));
     ASSERT_TRUE(event);
     TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE), converter.Convert());
     EXPECT_TRUE(converter.calls.empty());
-    EXPECT_EQ("", DiffTrees(before, Snapshot(kDb, kView32)));
-    EXPECT_TRUE(HasLine(trace.LinesInScope("CBaseConverter::Convert"),
-                        "U conversion lock Global\\NVDBConv.Conversion cannot be opened"))
-        << trace.Dump();
+    EXPECT_EQ("", DiffTrees(before, Snapshot(kDbPath, kView32)));
+    EXPECT_TRUE(ConvertScopeHas("U conversion lock Global\\NVDBConv.Conversion cannot be opened"));
 }
 
 TEST(ConversionLockOwnerTest, OnlySystemAdministratorsAndThisAccountAreTrusted)
@@ -484,19 +474,7 @@ public:
         m_err.reset();
         return code;
     }
-    std::string Output() const
-    {
-        std::string text;
-        FILE* f = ::_wfopen(m_errPath.c_str(), L"rb");
-        if (!f)
-            return text;
-        char buffer[4096];
-        size_t n;
-        while ((n = std::fread(buffer, 1, sizeof(buffer), f)) > 0)
-            text.append(buffer, n);
-        std::fclose(f);
-        return text;
-    }
+    std::string Output() const { return ReadFileBytes(m_errPath); }
 
 private:
     std::wstring m_errPath;
@@ -556,5 +534,5 @@ TEST_F(TwoConvertersTest, TwoProcessesConvertingOneDatabaseMoveEveryUserOnce)
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB-v2.0", kView64));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB-v2.0", kView32));
     RegValue backup;
-    EXPECT_FALSE(GetValue(kDb, L"Backup", kView32, &backup));
+    EXPECT_FALSE(GetValue(kDbPath, L"Backup", kView32, &backup));
 }

@@ -14,6 +14,7 @@
 #include "legacydb/hostname.h"
 #include "legacydb/regset.h"
 #include "support/registry_sandbox.h"
+#include "support/db_paths.h"
 
 using namespace nvtest;
 using nv::CConversionScope;
@@ -242,25 +243,24 @@ void ExpectOpen(const std::wstring& store, DWORD initial, DWORD userList, const 
 
 TEST_F(ConversionScopeTest, TheDatabaseIsCheckedAndStampedAtTheFirstOpenOfAScopeOnly)
 {
-    const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
     const std::wstring host = CHostName().str();
     {
         CConversionScope scope;
         ExpectOpen(host, 7, 7, L"2.1");
         // Changed behind the scope's back: a later open in the scope relies on what the
         // first one found and made.
-        SetString(kDb, L"Version", L"9.9", kView32);
+        SetString(kDbPath, L"Version", L"9.9", kView32);
         SetDword(L"SOFTWARE\\Norvane\\DB\\MainDB\\Users", L"", 3, kView32);
         ExpectOpen(host, 0, 7, L"9.9");
         // Another store's users path is checked on its own.
         ExpectOpen(L"OTHERHOST", 5, 5, L"2.1");
     }
     // A new scope, and no scope, check everything again.
-    SetString(kDb, L"Version", L"9.9", kView32);
+    SetString(kDbPath, L"Version", L"9.9", kView32);
     {
         CConversionScope scope;
         ExpectOpen(host, 0, 3, L"2.1");
     }
-    SetString(kDb, L"Version", L"9.9", kView32);
+    SetString(kDbPath, L"Version", L"9.9", kView32);
     ExpectOpen(host, 0, 3, L"2.1");
 }

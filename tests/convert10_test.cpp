@@ -15,6 +15,8 @@
 #include "support/legacy_db_tree.h"
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
+#include "support/db_paths.h"
+#include "support/computer_name.h"
 #include "writer/legacy_writer.h"
 
 using namespace nvtest;
@@ -22,19 +24,8 @@ using namespace nvtest;
 namespace {
 
 constexpr const wchar_t kVendor[] = L"SOFTWARE\\Norvane";
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
 constexpr const wchar_t kBackup[] = L"SOFTWARE\\Norvane\\DB-v1.0";
 constexpr const char kBackupText[] = "SOFTWARE\\Norvane\\DB-v1.0";
-
-std::wstring Sub(const std::wstring& rel) { return std::wstring(kDb) + L"\\" + rel; }
-
-std::wstring ComputerName()
-{
-    wchar_t name[MAX_PATH];
-    DWORD cch = MAX_PATH;
-    EXPECT_TRUE(::GetComputerNameExW(ComputerNameNetBIOS, name, &cch));
-    return std::wstring(name, cch);
-}
 
 // A scope's enter and leave for every key of the tree at path, in the registry's
 // enumeration order: what a recursive CopyKey or DeleteKey of that tree traces.
@@ -58,16 +49,16 @@ void Append(std::vector<std::string>& out, std::initializer_list<const char*> li
 std::vector<std::string> SuccessfulConvertLines(size_t stores)
 {
     std::vector<std::string> lines{"> CBaseConverter::Backup"};
-    TreeScopeLines(kDb, kView32, "CBaseConverter::CopyKey", lines);
+    TreeScopeLines(kDbPath, kView32, "CBaseConverter::CopyKey", lines);
     Append(lines, {"U backup key created, name stored", "<", "> CConverter2::do_Convert",
                    "> CConverter2::CollectNameIndexAndPolicies", "<"});
     for (size_t i = 0; i < stores; ++i)
         Append(lines, {"> CConverter2::ConvertNameIndexTo20", "<"});
     lines.push_back("U domains converted");
     std::vector<std::wstring> policies;
-    for (const auto& domain : SubkeyNames(Sub(L"Cache").c_str(), kView32))
-        policies.push_back(Sub(L"Cache\\" + domain + L"\\Policies"));
-    policies.push_back(Sub(L"Data\\Policies"));
+    for (const auto& domain : SubkeyNames(DbPath(L"Cache").c_str(), kView32))
+        policies.push_back(DbPath(L"Cache\\" + domain + L"\\Policies"));
+    policies.push_back(DbPath(L"Data\\Policies"));
     for (const auto& policy : policies) {
         if (KeyExists(policy.c_str(), kView32))
             TreeScopeLines(policy, kView32, "CBaseConverter::DeleteKey", lines);
@@ -77,7 +68,7 @@ std::vector<std::string> SuccessfulConvertLines(size_t stores)
     Append(lines, {"U policies deleted", "U version put", "<", "> CBaseConverter::Cleanup"});
     lines.push_back(std::string("U cleaning up backup key ") + kBackupText);
     // The backup is a copy of the database as it is now, listed in the same order.
-    TreeScopeLines(kDb, kView32, "CBaseConverter::DeleteKey", lines);
+    TreeScopeLines(kDbPath, kView32, "CBaseConverter::DeleteKey", lines);
     Append(lines, {"> CConverter2::do_Cleanup", "<", "<"});
     return lines;
 }
@@ -136,7 +127,7 @@ void ExpectFreshLoadSeesFormat10()
 void ExpectOnlyTheConvertedDatabase(const nvwriter::DbRecord& written)
 {
     RegTree expected = ToRegTree(written.ExpectedAfter10To20(ComputerName()));
-    RegTree actual = Snapshot(kDb, kView32);
+    RegTree actual = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
     EXPECT_EQ((std::vector<std::wstring>{L"DB"}), SubkeyNames(kVendor, kView32));
     EXPECT_EQ((std::vector<std::wstring>{L"Tracing"}), SubkeyNames(kVendor, kView64));
@@ -167,10 +158,7 @@ TEST_F(Convert10Test, GeneratedDatabaseConvertsTo20)
     {
         LoadedLibrary dll;
         ASSERT_TRUE(dll.loaded());
-        DWORD current = 0xdeadbeef, target = 0xdeadbeef;
-        EXPECT_EQ(S_OK, dll.GetDBVersion(&current, &target));
-        EXPECT_EQ(0x00010000u, current);
-        EXPECT_EQ(0x00020000u, target);
+        ExpectDbVersions(dll, 0x00010000u, 0x00020000u, __LINE__);
         EXPECT_EQ(S_OK, dll.Convert());
     }
     ExpectLoadChoseCConverter2(trace);
@@ -192,7 +180,7 @@ TEST_F(Convert10Test, DatabaseWithoutCacheConvertsTheMachineStoreOnly)
     options.users = 10;
     options.domains = 0;
     nvwriter::DbRecord written = WriteDb(options);
-    ASSERT_FALSE(KeyExists(Sub(L"Cache").c_str(), kView32));
+    ASSERT_FALSE(KeyExists(DbPath(L"Cache").c_str(), kView32));
     const std::vector<std::string> expectedLines = SuccessfulConvertLines(1);
 
     {
@@ -201,9 +189,9 @@ TEST_F(Convert10Test, DatabaseWithoutCacheConvertsTheMachineStoreOnly)
     }
     EXPECT_EQ(expectedLines, trace.LinesInScope("CBaseConverter::Convert")) << trace.Dump();
     EXPECT_EQ(1u, trace.Count("> CConverter2::ConvertNameIndexTo20"));
-    EXPECT_FALSE(KeyExists(Sub(L"Data\\Policies").c_str(), kView32));
+    EXPECT_FALSE(KeyExists(DbPath(L"Data\\Policies").c_str(), kView32));
     std::wstring version;
-    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    ASSERT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"2.0", version);
     ExpectOnlyTheConvertedDatabase(written);
     ExpectFreshLoadSeesFormat20();
@@ -211,7 +199,7 @@ TEST_F(Convert10Test, DatabaseWithoutCacheConvertsTheMachineStoreOnly)
 
 TEST_F(Convert10Test, SixteenByteAliceSlashIsDeletedAndFourByteNoteKept)
 {
-    nvwriter::DbWriter writer(kDb, KEY_WOW64_32KEY);
+    nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
     nvwriter::WriteVersion(writer, L"1.0");
     std::vector<BYTE> id(16);
     for (size_t i = 0; i < id.size(); ++i)
@@ -228,9 +216,9 @@ TEST_F(Convert10Test, SixteenByteAliceSlashIsDeletedAndFourByteNoteKept)
         EXPECT_EQ(S_OK, dll.Convert());
     }
     EXPECT_EQ(expectedLines, trace.LinesInScope("CBaseConverter::Convert")) << trace.Dump();
-    EXPECT_EQ((std::vector<std::wstring>{L"note"}), ValueNames(Sub(L"MainDB\\Users\\Index\\NameIndex").c_str(), kView32));
+    EXPECT_EQ((std::vector<std::wstring>{L"note"}), ValueNames(DbPath(L"MainDB\\Users\\Index\\NameIndex").c_str(), kView32));
     RegValue note;
-    ASSERT_TRUE(GetValue(Sub(L"MainDB\\Users\\Index\\NameIndex").c_str(), L"note", kView32, &note));
+    ASSERT_TRUE(GetValue(DbPath(L"MainDB\\Users\\Index\\NameIndex").c_str(), L"note", kView32, &note));
     EXPECT_EQ((std::vector<BYTE>{1, 2, 3, 4}), note.data);
     EXPECT_EQ(static_cast<DWORD>(REG_BINARY), note.type);
     ExpectOnlyTheConvertedDatabase(written);
@@ -264,7 +252,7 @@ TEST_F(Convert10Test, DomainsBAndLowercaseAFailingStoreShowsBIsConvertedBeforeA)
         SCOPED_TRACE(Narrow(missing));
         WipeSuiteKeys();
         trace.Start();
-        nvwriter::DbWriter writer(kDb, KEY_WOW64_32KEY);
+        nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
         nvwriter::DbOptions options;
         options.users = 12;
         options.domainNames = {L"a", L"B"};
@@ -297,10 +285,10 @@ TEST_F(Convert10Test, DomainsBAndLowercaseAFailingStoreShowsBIsConvertedBeforeA)
 
         {
             LoadedLibrary dll;
-            EXPECT_EQ(static_cast<HRESULT>(0x80070002), dll.Convert());
+            EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), dll.Convert());
         }
         RegTree want = ToRegTree(expected);
-        RegTree actual = Snapshot(kDb, kView32);
+        RegTree actual = Snapshot(kDbPath, kView32);
         EXPECT_TRUE(want == actual) << DiffTrees(want, actual);
         std::vector<std::string> doConvert = trace.LinesInScope("CConverter2::do_Convert");
         std::vector<std::string> expectedDo{"> CConverter2::CollectNameIndexAndPolicies", "<"};
@@ -331,14 +319,14 @@ TEST_F(Convert10Test, DomainNamedLikeTheComputerKeepsItsIndexButLosesItsPolicies
     }
     EXPECT_EQ(expectedLines, trace.LinesInScope("CBaseConverter::Convert")) << trace.Dump();
     // The twin's index is untouched, 16-byte values and all; its policy key is gone.
-    RegTree twinAfter = Snapshot(Sub(twin->nameIndexPath).c_str(), kView32);
+    RegTree twinAfter = Snapshot(DbPath(twin->nameIndexPath).c_str(), kView32);
     EXPECT_EQ(twinIndex.size(), twinAfter.values.size());
     for (const auto& [name, v] : twinIndex) {
         auto it = twinAfter.values.find(L"|" + name);
         ASSERT_NE(twinAfter.values.end(), it) << Narrow(name);
         EXPECT_EQ(v.data, it->second.data);
     }
-    EXPECT_FALSE(KeyExists(Sub(twin->policiesPath).c_str(), kView32));
+    EXPECT_FALSE(KeyExists(DbPath(twin->policiesPath).c_str(), kView32));
     ExpectOnlyTheConvertedDatabase(written);
     ExpectFreshLoadSeesFormat20();
 }
@@ -353,7 +341,7 @@ TEST_F(Convert10Test, DomainNamedLikeTheComputerKeepsItsIndexButLosesItsPolicies
 TEST_F(Convert10Test, MissingMachineNameIndexFailsAndTheRollbackRunsInTheLibrarysOwnView)
 {
     const std::wstring computer = ComputerName();
-    nvwriter::DbWriter writer(kDb, KEY_WOW64_32KEY);
+    nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
     nvwriter::DbOptions options;
     options.users = 20;
     // One domain sorts before any NetBIOS name, one after.
@@ -363,7 +351,7 @@ TEST_F(Convert10Test, MissingMachineNameIndexFailsAndTheRollbackRunsInTheLibrary
     writer.DeleteKey(L"MainDB\\Users\\Index\\NameIndex");
     writer.Flush();
     const nvwriter::DbRecord original = writer.record();
-    const RegTree originalTree = Snapshot(kDb, kView32);
+    const RegTree originalTree = Snapshot(kDbPath, kView32);
 
     nvwriter::DbRecord expected = original;
     {
@@ -378,7 +366,7 @@ TEST_F(Convert10Test, MissingMachineNameIndexFailsAndTheRollbackRunsInTheLibrary
     expected.values[L""][L"Backup"] = backup;
 
     std::vector<std::string> expectedLines{"> CBaseConverter::Backup"};
-    TreeScopeLines(kDb, kView32, "CBaseConverter::CopyKey", expectedLines);
+    TreeScopeLines(kDbPath, kView32, "CBaseConverter::CopyKey", expectedLines);
     Append(expectedLines, {"U backup key created, name stored", "<", "> CConverter2::do_Convert",
                            "> CConverter2::CollectNameIndexAndPolicies", "<", "> CConverter2::ConvertNameIndexTo20",
                            "<", "> CConverter2::ConvertNameIndexTo20", "E -2147024894 ", "<", "E -2147024894 ", "<",
@@ -389,17 +377,17 @@ TEST_F(Convert10Test, MissingMachineNameIndexFailsAndTheRollbackRunsInTheLibrary
 
     {
         LoadedLibrary dll;
-        EXPECT_EQ(static_cast<HRESULT>(0x80070002), dll.Convert());
+        EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), dll.Convert());
     }
     EXPECT_EQ(expectedLines, trace.LinesInScope("CBaseConverter::Convert")) << trace.Dump();
 
     RegTree want = ToRegTree(expected);
-    RegTree actual = Snapshot(kDb, kView32);
+    RegTree actual = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(want == actual) << DiffTrees(want, actual);
     // The backup holds the database as it was before the conversion, without "Backup".
     RegTree backupTree = Snapshot(kBackup, kView32);
     EXPECT_TRUE(originalTree == backupTree) << DiffTrees(originalTree, backupTree);
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
     EXPECT_FALSE(KeyExists(kBackup, kView64));
     EXPECT_EQ((std::vector<std::wstring>{L"Tracing"}), SubkeyNames(kVendor, kView64));
 
@@ -414,7 +402,7 @@ TEST_F(Convert10Test, MissingMachineNameIndexFailsAndTheRollbackRunsInTheLibrary
                                         "> CConverter2::do_Rollback", "<"}),
               trace.LinesInScope("CBaseConverter::Rollback"))
         << trace.Dump();
-    actual = Snapshot(kDb, kView32);
+    actual = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(want == actual) << DiffTrees(want, actual);
     ExpectFreshLoadSeesFormat10();
 }
@@ -424,7 +412,7 @@ TEST_F(Convert10Test, MissingMachineNameIndexFailsAndTheRollbackRunsInTheLibrary
 // written and the rollback finds no backup name. The copy made so far stays.
 TEST_F(Convert10Test, EmptyValueInANameIndexFailsTheBackupWith80070008AndConvertsNothing)
 {
-    nvwriter::DbWriter writer(kDb, KEY_WOW64_32KEY);
+    nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
     nvwriter::DbOptions options;
     options.users = 8;
     options.domainNames = {L"DOM"};
@@ -432,13 +420,13 @@ TEST_F(Convert10Test, EmptyValueInANameIndexFailsTheBackupWith80070008AndConvert
     nvwriter::Write10(writer, options, rng);
     writer.SetBinary(L"Cache\\DOM\\Users\\Index\\NameIndex", L"empty", {});
     writer.Flush();
-    const RegTree before = Snapshot(kDb, kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
 
     {
         LoadedLibrary dll;
-        EXPECT_EQ(static_cast<HRESULT>(0x80070008), dll.Convert());
+        EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY), dll.Convert());
     }
-    RegTree after = Snapshot(kDb, kView32);
+    RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
     EXPECT_EQ(0u, trace.Count("> CConverter2::do_Convert")) << trace.Dump();
     std::vector<std::string> convert = trace.LinesInScope("CBaseConverter::Convert");
@@ -466,7 +454,7 @@ TEST_F(Convert10Test, EmptyValueInANameIndexFailsTheBackupWith80070008AndConvert
 
 TEST_F(Convert10Test, MissingPolicyKeysDoNotFailTheConversion)
 {
-    nvwriter::DbWriter writer(kDb, KEY_WOW64_32KEY);
+    nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
     nvwriter::DbOptions options;
     options.users = 6;
     options.domainNames = {L"DOM"};
@@ -496,11 +484,8 @@ TEST_F(Convert10Test, DatabaseIn64BitViewIsDetectedButCannotBeOpenedByCConverter
     nvwriter::DbRecord written = WriteDb(options);
     {
         LoadedLibrary dll;
-        DWORD current = 0xdeadbeef, target = 0xdeadbeef;
-        EXPECT_EQ(S_OK, dll.GetDBVersion(&current, &target));
-        EXPECT_EQ(0x00010000u, current);
-        EXPECT_EQ(0x00020000u, target);
-        EXPECT_EQ(static_cast<HRESULT>(0x80070006), dll.Convert());
+        ExpectDbVersions(dll, 0x00010000u, 0x00020000u, __LINE__);
+        EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE), dll.Convert());
     }
     // The constructor's open fails; the copy then has no source key (0x80070006).
     EXPECT_EQ((std::vector<std::string>{"U wszVersion = 1.0", "U m_dwVersion = 0x10000",
@@ -516,9 +501,9 @@ TEST_F(Convert10Test, DatabaseIn64BitViewIsDetectedButCannotBeOpenedByCConverter
               trace.LinesInScope("CBaseConverter::Convert"))
         << trace.Dump();
     RegTree expected = ToRegTree(written);
-    RegTree actual = Snapshot(kDb, kView64);
+    RegTree actual = Snapshot(kDbPath, kView64);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
-    EXPECT_FALSE(KeyExists(kDb, kView32));
+    EXPECT_FALSE(KeyExists(kDbPath, kView32));
     EXPECT_FALSE(KeyExists(kBackup, kView32));
     EXPECT_FALSE(KeyExists(kBackup, kView64));
 }
@@ -546,7 +531,7 @@ TEST_F(Convert10Test, FiveThousandUsersInTwentyDomainsConvert)
         const nvwriter::StoreRecord* store = written.FindStore(user.store, user.store.empty());
         ASSERT_NE(nullptr, store);
         RegValue v;
-        ASSERT_FALSE(GetValue(Sub(store->nameIndexPath).c_str(), user.name.c_str(), kView32, &v)) << Narrow(user.name);
+        ASSERT_FALSE(GetValue(DbPath(store->nameIndexPath).c_str(), user.name.c_str(), kView32, &v)) << Narrow(user.name);
     }
     ExpectFreshLoadSeesFormat20();
 }

@@ -11,23 +11,14 @@
 #include "support/legacy_db_tree.h"
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
+#include "support/db_paths.h"
+#include "support/computer_name.h"
 #include "writer/legacy_writer.h"
 
 using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
-
-std::wstring Sub(const std::wstring& rel) { return std::wstring(kDb) + L"\\" + rel; }
-
-std::wstring ComputerName()
-{
-    wchar_t name[MAX_PATH];
-    DWORD cch = MAX_PATH;
-    EXPECT_TRUE(::GetComputerNameExW(ComputerNameNetBIOS, name, &cch));
-    return std::wstring(name, cch);
-}
 
 std::vector<BYTE> Id(BYTE seed) { return std::vector<BYTE>(16, seed); }
 
@@ -47,7 +38,7 @@ class Converter2Test : public TraceCaptureTest {};
 
 TEST_F(Converter2Test, BaseIsBuiltForFormat20WithTheDatabaseOpenInThe32BitView)
 {
-    SetString(kDb, L"Version", L"1.0", kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
     CConverter2 converter;
     EXPECT_EQ(0x00020000u, converter.GetTargetVersion());
     EXPECT_EQ(L"2.0", converter.GetTargetVersionText());
@@ -61,14 +52,14 @@ TEST_F(Converter2Test, BaseIsBuiltForFormat20WithTheDatabaseOpenInThe32BitView)
 
 TEST_F(Converter2Test, DatabaseOnlyInThe64BitViewIsNotOpened)
 {
-    SetString(kDb, L"Version", L"1.0", kView64);
+    SetString(kDbPath, L"Version", L"1.0", kView64);
     CConverter2 converter;
     EXPECT_FALSE(converter.HasDatabaseKey());
 }
 
 TEST_F(Converter2Test, ConstructorAndDestructorOpenTheirScopesAroundTheBase)
 {
-    SetString(kDb, L"Version", L"1.0", kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
     {
         CConverter2 converter;
     }
@@ -92,14 +83,14 @@ TEST_F(Converter2Test, RollbackAndCleanupHooksTraceAndChangeNothing)
               trace.Lines())
         << trace.Dump();
     RegTree expected = ToRegTree(record);
-    RegTree actual = Snapshot(kDb, kView32);
+    RegTree actual = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
 }
 
 TEST_F(Converter2Test, CollectListsDomainsInOrdinalOrderThenTheMachine)
 {
-    CreateKeyPath(Sub(L"Cache\\a").c_str(), kView32);
-    CreateKeyPath(Sub(L"Cache\\B").c_str(), kView32);
+    CreateKeyPath(DbPath(L"Cache\\a").c_str(), kView32);
+    CreateKeyPath(DbPath(L"Cache\\B").c_str(), kView32);
     CConverter2 converter;
     trace.Start();
     nv::NameIndexMap map;
@@ -110,7 +101,7 @@ TEST_F(Converter2Test, CollectListsDomainsInOrdinalOrderThenTheMachine)
                                 {ComputerName(), L"MainDB\\Users\\Index\\NameIndex"}}),
               map);
     nv::PolicyKeyList expected;
-    for (const auto& name : SubkeyNames(Sub(L"Cache").c_str(), kView32))
+    for (const auto& name : SubkeyNames(DbPath(L"Cache").c_str(), kView32))
         expected.push_back(L"Cache\\" + name + L"\\Policies");
     expected.push_back(L"Data\\Policies");
     EXPECT_EQ(expected, list);
@@ -120,31 +111,32 @@ TEST_F(Converter2Test, CollectListsDomainsInOrdinalOrderThenTheMachine)
 
 TEST_F(Converter2Test, ConvertNameIndexDeletesAliceSlashAndKeepsNote)
 {
-    const std::wstring index = Sub(L"MainDB\\Users\\Index\\NameIndex");
+    const std::wstring index = DbPath(L"MainDB\\Users\\Index\\NameIndex");
     SetBinary(index.c_str(), L"alice/", Id(0xA1), kView32);
     SetBinary(index.c_str(), L"note", {1, 2, 3, 4}, kView32);
-    SetString(kDb, L"Version", L"1.0", kView32);
-    RegTree expected = Snapshot(kDb, kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
+    RegTree expected = Snapshot(kDbPath, kView32);
     ASSERT_EQ(1u, expected.values.erase(L"MainDB\\Users\\Index\\NameIndex|alice/"));
 
     CConverter2 converter;
     trace.Start();
     EXPECT_EQ(S_OK, converter.ConvertNameIndexTo20(L"MainDB\\Users\\Index\\NameIndex"));
-    RegTree actual = Snapshot(kDb, kView32);
+    RegTree actual = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
     EXPECT_EQ((std::vector<std::string>{"> CConverter2::ConvertNameIndexTo20", "<"}), trace.Lines())
         << trace.Dump();
 }
 
 TEST_F(Converter2Test, ConvertNameIndexOfAMissingKeyFailsWith80070002)
 {
-    SetString(kDb, L"Version", L"1.0", kView32);
-    RegTree before = Snapshot(kDb, kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
+    RegTree before = Snapshot(kDbPath, kView32);
     CConverter2 converter;
     trace.Start();
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), converter.ConvertNameIndexTo20(L"MainDB\\Users\\Index\\NameIndex"));
-    RegTree after = Snapshot(kDb, kView32);
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND),
+              converter.ConvertNameIndexTo20(L"MainDB\\Users\\Index\\NameIndex"));
+    RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
     EXPECT_EQ((std::vector<std::string>{"> CConverter2::ConvertNameIndexTo20", "E -2147024894 ", "<"}),
               trace.Lines())
@@ -155,7 +147,7 @@ TEST_F(Converter2Test, ConvertNameIndexOfAMissingKeyFailsWith80070002)
 // behaviour is reachable only by calling the operation itself.
 TEST_F(Converter2Test, ConvertNameIndexWithAnEmptyValueDeletesEarlierIdentifiersThenFailsWith80070008)
 {
-    const std::wstring index = Sub(L"Cache\\DOM\\Users\\Index\\NameIndex");
+    const std::wstring index = DbPath(L"Cache\\DOM\\Users\\Index\\NameIndex");
     for (const wchar_t* name : {L"k1/", L"k2", L"k3", L"k4/", L"k5"}) {
         if (std::wstring(name) == L"k3")
             SetBinary(index.c_str(), name, {}, kView32);
@@ -166,7 +158,7 @@ TEST_F(Converter2Test, ConvertNameIndexWithAnEmptyValueDeletesEarlierIdentifiers
     std::vector<std::wstring> order = ValueNames(index.c_str(), kView32);
     auto empty = std::find(order.begin(), order.end(), L"k3");
     ASSERT_NE(order.end(), empty);
-    RegTree expected = Snapshot(kDb, kView32);
+    RegTree expected = Snapshot(kDbPath, kView32);
     size_t deleted = 0;
     for (auto it = order.begin(); it != empty; ++it)
         if (*it != L"k0")
@@ -175,8 +167,9 @@ TEST_F(Converter2Test, ConvertNameIndexWithAnEmptyValueDeletesEarlierIdentifiers
 
     CConverter2 converter;
     trace.Start();
-    EXPECT_EQ(static_cast<HRESULT>(0x80070008), converter.ConvertNameIndexTo20(L"Cache\\DOM\\Users\\Index\\NameIndex"));
-    RegTree actual = Snapshot(kDb, kView32);
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY),
+              converter.ConvertNameIndexTo20(L"Cache\\DOM\\Users\\Index\\NameIndex"));
+    RegTree actual = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
     EXPECT_EQ((std::vector<std::string>{"> CConverter2::ConvertNameIndexTo20", "E -2147024888 ", "<"}),
               trace.Lines())
@@ -200,9 +193,9 @@ TEST_F(Converter2Test, DoConvertRewritesIndexesDeletesPoliciesAndPutsTheVersionL
         expectedLines.push_back("<");
     }
     expectedLines.push_back("U domains converted");
-    for (const auto& name : SubkeyNames(Sub(L"Cache").c_str(), kView32))
-        TreeScopeLines(Sub(L"Cache\\" + name + L"\\Policies"), kView32, "CBaseConverter::DeleteKey", expectedLines);
-    TreeScopeLines(Sub(L"Data\\Policies"), kView32, "CBaseConverter::DeleteKey", expectedLines);
+    for (const auto& name : SubkeyNames(DbPath(L"Cache").c_str(), kView32))
+        TreeScopeLines(DbPath(L"Cache\\" + name + L"\\Policies"), kView32, "CBaseConverter::DeleteKey", expectedLines);
+    TreeScopeLines(DbPath(L"Data\\Policies"), kView32, "CBaseConverter::DeleteKey", expectedLines);
     for (const char* line : {"U policies deleted", "U version put", "<"})
         expectedLines.push_back(line);
 
@@ -211,16 +204,16 @@ TEST_F(Converter2Test, DoConvertRewritesIndexesDeletesPoliciesAndPutsTheVersionL
     EXPECT_EQ(S_OK, converter.do_Convert());
 
     RegTree expected = ToRegTree(record.ExpectedAfter10To20(ComputerName()));
-    RegTree actual = Snapshot(kDb, kView32);
+    RegTree actual = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
     EXPECT_EQ(expectedLines, trace.Lines()) << trace.Dump();
 }
 
 TEST_F(Converter2Test, DoConvertStopsAtTheFirstFailingStoreInOrdinalOrder)
 {
     // "B" sorts before "a": with B's index missing, "a" is never reached.
-    nvwriter::DbWriter writer(kDb, KEY_WOW64_32KEY);
+    nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
     nvwriter::DbOptions options;
     options.users = 9;
     options.domainNames = {L"a", L"B"};
@@ -239,9 +232,9 @@ TEST_F(Converter2Test, DoConvertStopsAtTheFirstFailingStoreInOrdinalOrder)
 
     CConverter2 converter;
     trace.Start();
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), converter.do_Convert());
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), converter.do_Convert());
     RegTree expected = ToRegTree(expectedRecord);
-    RegTree actual = Snapshot(kDb, kView32);
+    RegTree actual = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
 
     std::vector<std::string> expectedLines{"> CConverter2::do_Convert", "> CConverter2::CollectNameIndexAndPolicies",
@@ -257,7 +250,7 @@ TEST_F(Converter2Test, DoConvertStopsAtTheFirstFailingStoreInOrdinalOrder)
 
 TEST_F(Converter2Test, MissingPolicyKeysAreNoFailure)
 {
-    nvwriter::DbWriter writer(kDb, KEY_WOW64_32KEY);
+    nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
     nvwriter::DbOptions options;
     options.users = 4;
     options.domainNames = {L"DOM"};
@@ -271,7 +264,7 @@ TEST_F(Converter2Test, MissingPolicyKeysAreNoFailure)
     trace.Start();
     EXPECT_EQ(S_OK, converter.do_Convert());
     RegTree expected = ToRegTree(writer.record().ExpectedAfter10To20(ComputerName()));
-    RegTree actual = Snapshot(kDb, kView32);
+    RegTree actual = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
     EXPECT_EQ((std::vector<std::string>{"> CConverter2::do_Convert", "> CConverter2::CollectNameIndexAndPolicies", "<",
                                         "> CConverter2::ConvertNameIndexTo20", "<", "> CConverter2::ConvertNameIndexTo20",
@@ -284,7 +277,7 @@ TEST_F(Converter2Test, MissingPolicyKeysAreNoFailure)
 
 TEST_F(Converter2Test, FactoryCreatesCConverter2ForMajorVersion1WhateverTheMinor)
 {
-    SetString(kDb, L"Version", L"1.0", kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
     nv::CNVRegKey unused;
     for (DWORD version : {0x00010000u, 0x00010007u}) {
         trace.Start();

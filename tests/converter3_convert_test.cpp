@@ -16,13 +16,12 @@
 #include "support/dll_loader.h"
 #include "support/import_patch.h"
 #include "support/registry_sandbox.h"
+#include "support/test_results.h"
 
 using namespace nvtest;
 namespace inspect = nvstore::inspect;
 
 namespace {
-
-constexpr HRESULT kNoKey = static_cast<HRESULT>(0x8009000D); // NTE_NO_KEY, the store's answer without a key
 
 RegValue SzValue(const std::wstring& text)
 {
@@ -116,7 +115,7 @@ protected:
     static std::vector<std::string> ConvertedLines(const nvwriter::Db20User& u)
     {
         return UserLines(u.sidText, HasLogonSecret(u), true, true, S_OK,
-                         ExpectedTemplates(u).empty() ? kNoKey : S_OK);
+                         ExpectedTemplates(u).empty() ? NTE_NO_KEY : S_OK);
     }
 
     static void Append(std::vector<std::string>& to, const std::vector<std::string>& more)
@@ -163,10 +162,7 @@ TEST_F(Converter3ConvertTest, DatabaseWithoutUsersConvertsToNothingAndIsCleanedU
     {
         LoadedLibrary dll;
         ASSERT_TRUE(dll.loaded());
-        DWORD current = 0xdeadbeef, target = 0xdeadbeef;
-        EXPECT_EQ(S_OK, dll.GetDBVersion(&current, &target));
-        EXPECT_EQ(0x00020000u, current);
-        EXPECT_EQ(0x00030000u, target);
+        ExpectDbVersions(dll, 0x00020000u, 0x00030000u, __LINE__);
         EXPECT_EQ(S_OK, dll.Convert());
     }
     EXPECT_EQ((std::vector<std::string>{}), OwnLines(trace, "CConverter3::do_Convert"));
@@ -309,7 +305,7 @@ TEST_F(Converter3ConvertTest, UserWithoutSystemLogonInfoIsConvertedWithoutAPassw
 
     EXPECT_EQ(S_OK, ConvertOnce());
 
-    EXPECT_EQ(UserLines(u.sidText, false, true, true, S_OK, ExpectedTemplates(u).empty() ? kNoKey : S_OK),
+    EXPECT_EQ(UserLines(u.sidText, false, true, true, S_OK, ExpectedTemplates(u).empty() ? NTE_NO_KEY : S_OK),
               OwnLines(trace, "CConverter3::do_Convert"));
     EXPECT_EQ(0u, trace.Count("U Read password secret from old DB"));
     ExpectUserConverted(u); // every secret under its own name, the empty password enrolled
@@ -483,12 +479,12 @@ TEST_F(Converter3ConvertTest, FailingPutTemplateIsTheUsersStatusAndKeepsItsKey)
     u.credentials.clear();
     u.credentials.push_back(FingerprintEntry(0x80000003u, {MakeTemplate(0, 1), MakeTemplate(1, 2), MakeTemplate(31, 3)}));
     WriteDatabase(db);
-    inspect::SetFailPutTemplateAt(31, static_cast<HRESULT>(0x80071234));
+    inspect::SetFailPutTemplateAt(31, kStorePutFailure);
     const RegTree key = Snapshot(UserKeyPath(u.guid).c_str(), kView32);
 
     EXPECT_EQ(S_OK, ConvertOnce());
 
-    EXPECT_EQ(UserLines(u.sidText, HasLogonSecret(u), true, false, S_OK, static_cast<HRESULT>(0x80071234)),
+    EXPECT_EQ(UserLines(u.sidText, HasLogonSecret(u), true, false, S_OK, kStorePutFailure),
               OwnLines(trace, "CConverter3::do_Convert"));
     const auto templates = inspect::ListTemplates(u.sidText);
     EXPECT_EQ(2u, templates.size());
@@ -513,7 +509,7 @@ TEST_F(Converter3ConvertTest, DifferentlyCasedSystemLogonInfoIsNotThePasswordSec
 
     EXPECT_EQ(S_OK, ConvertOnce());
 
-    EXPECT_EQ(UserLines(u.sidText, false, true, true, S_OK, ExpectedTemplates(u).empty() ? kNoKey : S_OK),
+    EXPECT_EQ(UserLines(u.sidText, false, true, true, S_OK, ExpectedTemplates(u).empty() ? NTE_NO_KEY : S_OK),
               OwnLines(trace, "CConverter3::do_Convert"));
     // Stored under its own name with its old content, not repacked; no password.
     const auto secrets = inspect::ListSecrets(u.sidText);
@@ -716,7 +712,7 @@ TEST_F(Converter3ConvertTest, CorruptSealStopsTheWholeConversionAndConvertRollsB
     {
         LoadedLibrary dll;
         ASSERT_TRUE(dll.loaded());
-        EXPECT_EQ(static_cast<HRESULT>(0x80090005), dll.Convert()); // NTE_BAD_DATA, from the outer guard
+        EXPECT_EQ(NTE_BAD_DATA, dll.Convert()); // from the outer guard
     }
 
     EXPECT_EQ((std::vector<std::string>{"E -2146893819 "}), OwnLines(trace, "CConverter3::do_Convert"));

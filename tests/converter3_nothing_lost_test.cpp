@@ -18,6 +18,7 @@
 #include "support/conversion_fixture.h"
 #include "support/dll_loader.h"
 #include "support/registry_sandbox.h"
+#include "support/test_results.h"
 
 using namespace nvtest;
 namespace inspect = nvstore::inspect;
@@ -25,7 +26,6 @@ namespace inspect = nvstore::inspect;
 namespace {
 
 constexpr unsigned kUsers = 300;
-constexpr HRESULT kPutTemplateFailure = static_cast<HRESULT>(0x80074321);
 
 enum class Fate { Converts, OpenUserFails, PutTemplateFails, NoRecord, AlreadyRegistered, ExistingKey };
 

@@ -22,6 +22,7 @@
 #include "support/key_containers.h"
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
+#include "support/text_util.h"
 #include "writer/db20_der.h"
 #include "writer/host_provisioning.h"
 
@@ -31,15 +32,6 @@ namespace inspect = nvstore::inspect;
 namespace {
 
 constexpr const wchar_t kStrictValue[] = L"StrictConversion";
-constexpr HRESULT kIncomplete = static_cast<HRESULT>(0x80040201);
-
-bool HasLine(const std::vector<std::string>& lines, const std::string& line)
-{
-    for (const std::string& l : lines)
-        if (l == line)
-            return true;
-    return false;
-}
 
 nvwriter::Db20Template MakeTemplate(unsigned position, BYTE fill)
 {
@@ -157,6 +149,21 @@ protected:
         return db;
     }
 
+    // The user kept its old key for `missing`: do_Convert traces it so and ends the
+    // user with NV_E_USER_INCOMPLETE. do_Convert's own lines.
+    std::vector<std::string> ExpectKeptFor(const nvwriter::Db20User& u, const std::string& missing)
+    {
+        const std::string sid = Narrow(u.sidText);
+        const auto lines = OwnLines(trace, "CConverter3::do_Convert");
+        if (lines.empty()) {
+            ADD_FAILURE() << "no do_Convert lines\n" << trace.Dump();
+            return lines;
+        }
+        EXPECT_TRUE(HasLine(lines, "U Incomplete user '" + sid + "' keeps its old key: " + missing)) << trace.Dump();
+        EXPECT_EQ("U Conversion process is over for '" + sid + "', " + Hex(NV_E_USER_INCOMPLETE), lines.back());
+        return lines;
+    }
+
     static std::string SecretNamed(const nvwriter::Db20User& u)
     {
         for (const auto& s : u.secrets)
@@ -195,9 +202,7 @@ TEST_F(StrictPolicyConversionTest, SecretTheStoreRefusesKeepsTheUserUntilALaterC
 
     const std::string sid = Narrow(u.sidText);
     const std::string missing = "secret not stored '" + secret + "' (0x80070005)";
-    const auto lines = OwnLines(trace, "CConverter3::do_Convert");
-    EXPECT_TRUE(HasLine(lines, "U Incomplete user '" + sid + "' keeps its old key: " + missing)) << trace.Dump();
-    EXPECT_EQ("U Conversion process is over for '" + sid + "', " + Hex(kIncomplete), lines.back());
+    const auto lines = ExpectKeptFor(u, missing);
     // The old key stays as it was; what reached the store stays there.
     EXPECT_EQ("", DiffTrees(oldKey, Snapshot(UserKeyPath(u.guid).c_str(), kView32)));
     EXPECT_TRUE(inspect::UserExists(u.sidText));
@@ -208,7 +213,7 @@ TEST_F(StrictPolicyConversionTest, SecretTheStoreRefusesKeepsTheUserUntilALaterC
     ASSERT_EQ(1u, held.size());
     EXPECT_EQ(GuidText(u.guid), held[0].key);
     EXPECT_EQ(u.sidText, held[0].sid);
-    EXPECT_EQ(static_cast<DWORD>(kIncomplete), held[0].result);
+    EXPECT_EQ(static_cast<DWORD>(NV_E_USER_INCOMPLETE), held[0].result);
     EXPECT_EQ(Widen(missing), held[0].reason);
     ProcessRun run = RunProcess(QuoteArg(ExeDirectory() + L"nvdbconv.exe") + L" status");
     EXPECT_NE(std::string::npos, run.out.find("held user       " + sid + " " + Narrow(GuidText(u.guid)) +
@@ -264,9 +269,7 @@ TEST_F(StrictPolicyConversionTest, MalformedTemplateItemKeepsTheUserUnderStrictA
 
     const std::string sid = Narrow(u.sidText);
     const std::string missing = "template malformed at position 1";
-    const auto lines = OwnLines(trace, "CConverter3::do_Convert");
-    EXPECT_TRUE(HasLine(lines, "U Incomplete user '" + sid + "' keeps its old key: " + missing)) << trace.Dump();
-    EXPECT_EQ("U Conversion process is over for '" + sid + "', " + Hex(kIncomplete), lines.back());
+    const auto lines = ExpectKeptFor(u, missing);
     EXPECT_TRUE(KeyExists(UserKeyPath(u.guid).c_str(), kView32));
     const auto held = nvdbconv::ReadHeldUsers();
     ASSERT_EQ(1u, held.size());
@@ -310,9 +313,7 @@ TEST_F(StrictPolicyConversionTest, PasswordThatDoesNotUnpackHoldsTheUserBeforeAn
 
     const std::string sid = Narrow(u.sidText);
     const std::string missing = "password secret not unpacked (0x80090005)";
-    const auto lines = OwnLines(trace, "CConverter3::do_Convert");
-    EXPECT_TRUE(HasLine(lines, "U Incomplete user '" + sid + "' keeps its old key: " + missing)) << trace.Dump();
-    EXPECT_EQ("U Conversion process is over for '" + sid + "', " + Hex(kIncomplete), lines.back());
+    const auto lines = ExpectKeptFor(u, missing);
     EXPECT_TRUE(KeyExists(UserKeyPath(u.guid).c_str(), kView32));
     const auto held = nvdbconv::ReadHeldUsers();
     ASSERT_EQ(1u, held.size());
@@ -375,16 +376,13 @@ TEST_P(StoreGapTest, UserTheStoreCannotRegisterKeepsItsOldKeyUnderStrict)
 
     const std::string sid = Narrow(u.sidText);
     const std::string missing = GetParam().missing;
-    const auto lines = OwnLines(trace, "CConverter3::do_Convert");
-    ASSERT_FALSE(lines.empty()) << trace.Dump();
-    EXPECT_TRUE(HasLine(lines, "U Incomplete user '" + sid + "' keeps its old key: " + missing)) << trace.Dump();
-    EXPECT_EQ("U Conversion process is over for '" + sid + "', " + Hex(kIncomplete), lines.back());
+    const auto lines = ExpectKeptFor(u, missing);
     EXPECT_EQ("", DiffTrees(oldKey, Snapshot(UserKeyPath(u.guid).c_str(), kView32)));
     EXPECT_FALSE(inspect::IsRegistered(u.sidText));
     const auto held = nvdbconv::ReadHeldUsers();
     ASSERT_EQ(1u, held.size());
     EXPECT_EQ(u.sidText, held[0].sid);
-    EXPECT_EQ(static_cast<DWORD>(kIncomplete), held[0].result);
+    EXPECT_EQ(static_cast<DWORD>(NV_E_USER_INCOMPLETE), held[0].result);
     EXPECT_EQ(Widen(missing), held[0].reason);
 
     // The store offers it again: a later Convert moves and registers the user.
@@ -526,6 +524,20 @@ protected:
         return db;
     }
 
+    // One conversion in a fresh load of the library, whose import of `function` is
+    // `replacement` (which reaches the original through g_originals); it must answer S_OK.
+    template <class Function>
+    static void ConvertWithImportPatched(const char* function, Function* replacement)
+    {
+        LoadedLibrary dll;
+        ASSERT_TRUE(dll.loaded());
+        ImportPatch patch(dll.module(), {{function, reinterpret_cast<void*>(replacement)}});
+        ASSERT_TRUE(patch.ok());
+        g_originals[function] = patch.Original(function);
+        ASSERT_NE(nullptr, g_originals[function]);
+        EXPECT_EQ(S_OK, dll.Convert());
+    }
+
     // Writes the database and turns the strict policy on; the user's old key as
     // it stands before the conversion.
     RegTree Prepare(const nvwriter::Db20Database& db)
@@ -553,14 +565,14 @@ protected:
                       incomplete)
                 << trace.Dump();
         EXPECT_EQ("U Conversion process is over for '" + sidShown + "', " +
-                      Hex(missing.empty() ? E_UNEXPECTED : kIncomplete),
+                      Hex(missing.empty() ? E_UNEXPECTED : NV_E_USER_INCOMPLETE),
                   lines.back());
         EXPECT_EQ("", DiffTrees(oldKey, Snapshot(UserKeyPath(u.guid).c_str(), kView32)));
         const auto held = nvdbconv::ReadHeldUsers();
         ASSERT_EQ(1u, held.size());
         EXPECT_EQ(GuidText(u.guid), held[0].key);
         EXPECT_EQ(Widen(sidShown), held[0].sid);
-        EXPECT_EQ(static_cast<DWORD>(missing.empty() ? E_UNEXPECTED : kIncomplete), held[0].result);
+        EXPECT_EQ(static_cast<DWORD>(missing.empty() ? E_UNEXPECTED : NV_E_USER_INCOMPLETE), held[0].result);
         EXPECT_EQ(missing.empty() ? std::wstring(L"conversion failed (0x8000FFFF)") : Widen(missing), held[0].reason);
     }
 };
@@ -657,15 +669,7 @@ TEST_F(StrictMissingPartTest, SecretsThatCannotBeSealedAreNamedEachWithTheProvid
     const nvwriter::Db20User& u = db.users[0];
     const RegTree oldKey = Prepare(db);
     g_genKeyCalls = 0;
-    {
-        LoadedLibrary dll;
-        ASSERT_TRUE(dll.loaded());
-        ImportPatch patch(dll.module(), {{"CryptGenKey", reinterpret_cast<void*>(&GenKeyWithout3Des)}});
-        ASSERT_TRUE(patch.ok());
-        g_originals["CryptGenKey"] = patch.Original("CryptGenKey");
-        ASSERT_NE(nullptr, g_originals["CryptGenKey"]);
-        EXPECT_EQ(S_OK, dll.Convert());
-    }
+    ASSERT_NO_FATAL_FAILURE(ConvertWithImportPatched("CryptGenKey", &GenKeyWithout3Des));
     EXPECT_EQ(3, g_genKeyCalls);
 
     ExpectHeldFor(u, oldKey,
@@ -772,15 +776,7 @@ TEST_F(StrictMissingPartTest, FieldListThatBreaksOffKeepsTheUser)
     const nvwriter::Db20User& u = db.users[0];
     const RegTree oldKey = Prepare(db);
     g_enumValueCalls = 0;
-    {
-        LoadedLibrary dll;
-        ASSERT_TRUE(dll.loaded());
-        ImportPatch patch(dll.module(), {{"RegEnumValueW", reinterpret_cast<void*>(&EnumValueFailingSecondName)}});
-        ASSERT_TRUE(patch.ok());
-        g_originals["RegEnumValueW"] = patch.Original("RegEnumValueW");
-        ASSERT_NE(nullptr, g_originals["RegEnumValueW"]);
-        EXPECT_EQ(S_OK, dll.Convert());
-    }
+    ASSERT_NO_FATAL_FAILURE(ConvertWithImportPatched("RegEnumValueW", &EnumValueFailingSecondName));
     EXPECT_EQ(1, g_enumValueCalls);
 
     ExpectHeldFor(u, oldKey, "fields not all listed (0x800700EA)", Narrow(u.sidText));
@@ -795,15 +791,7 @@ TEST_F(StrictMissingPartTest, UserWhoseSidHasNoTextIsHeldAsAFailedConversion)
     // conversion's own call for the user is the next one.
     g_sidTextCalls = 0;
     g_failSidTextCall = 2;
-    {
-        LoadedLibrary dll;
-        ASSERT_TRUE(dll.loaded());
-        ImportPatch patch(dll.module(), {{"ConvertSidToStringSidW", reinterpret_cast<void*>(&SidTextFailingOnce)}});
-        ASSERT_TRUE(patch.ok());
-        g_originals["ConvertSidToStringSidW"] = patch.Original("ConvertSidToStringSidW");
-        ASSERT_NE(nullptr, g_originals["ConvertSidToStringSidW"]);
-        EXPECT_EQ(S_OK, dll.Convert());
-    }
+    ASSERT_NO_FATAL_FAILURE(ConvertWithImportPatched("ConvertSidToStringSidW", &SidTextFailingOnce));
     g_failSidTextCall = 0;
     EXPECT_GE(g_sidTextCalls, 2);
 

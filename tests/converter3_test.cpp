@@ -125,12 +125,10 @@ TEST_F(Converter3Test, RollbackChangesNothingInEitherView)
     MakeOldDatabase(kView32, {L"{AAAAAAAA-0000-0000-0000-000000000001}"});
     MakeOldDatabase(kView64, {});
     SetString(kBackup20Path, L"Version", L"2.0", kView64);
-    const RegTree before32 = Snapshot(L"SOFTWARE\\Norvane", kView32);
-    const RegTree before64 = Snapshot(L"SOFTWARE\\Norvane", kView64);
+    const SuiteSnapshot before = SnapshotSuite();
     CConverter3 converter;
     EXPECT_EQ(S_OK, converter.do_Rollback());
-    EXPECT_EQ("", DiffTrees(before32, Snapshot(L"SOFTWARE\\Norvane", kView32)));
-    EXPECT_EQ("", DiffTrees(before64, Snapshot(L"SOFTWARE\\Norvane", kView64)));
+    ExpectSuiteUnchanged(before, __LINE__);
     EXPECT_EQ((std::vector<std::string>{}), trace.LinesInScope("CConverter3::do_Rollback"));
     EXPECT_EQ(1u, trace.Count("> CConverter3::do_Rollback"));
 }
@@ -139,12 +137,10 @@ TEST_F(Converter3Test, CleanupWithOneUserKeyLeftDeletesNothing)
 {
     MakeOldDatabase(kView32, {L"{AAAAAAAA-0000-0000-0000-000000000001}"});
     MakeOldDatabase(kView64, {});
-    const RegTree before32 = Snapshot(L"SOFTWARE\\Norvane", kView32);
-    const RegTree before64 = Snapshot(L"SOFTWARE\\Norvane", kView64);
+    const SuiteSnapshot before = SnapshotSuite();
     CConverter3 converter;
     EXPECT_EQ(S_OK, converter.do_Cleanup());
-    EXPECT_EQ("", DiffTrees(before32, Snapshot(L"SOFTWARE\\Norvane", kView32)));
-    EXPECT_EQ("", DiffTrees(before64, Snapshot(L"SOFTWARE\\Norvane", kView64)));
+    ExpectSuiteUnchanged(before, __LINE__);
     EXPECT_EQ((std::vector<std::string>{}), trace.LinesInScope("CConverter3::do_Cleanup"));
 }
 

@@ -15,6 +15,7 @@
 #include "secret_keys.h"
 #include "support/key_containers.h"
 #include "support/registry_sandbox.h"
+#include "support/db_paths.h"
 #include "writer/db20_der.h"
 #include "writer/db20_writer.h"
 #include "writer/host_provisioning.h"
@@ -26,7 +27,6 @@ using Bytes = std::vector<BYTE>;
 namespace {
 
 constexpr DWORD kDer = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
 constexpr GUID kGuid = {0x00112233, 0x4455, 0x6677, {0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF}};
 
 // Test-side decoding, independent of the library's reader.
@@ -293,7 +293,7 @@ TEST_F(Db20WriterTest, WritesTheDatabaseLayoutInThe32BitView)
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane", kView64));
 
     std::wstring version;
-    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    ASSERT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"2.0", version);
 
     RegValue hostId;
@@ -573,7 +573,7 @@ TEST_F(Db20WriterTest, SecretsAreExportRecordsAroundSealedContent)
 
 TEST_F(Db20WriterTest, WriteUsersFillsAnExistingTreeWithoutTouchingTheRest)
 {
-    SetString(kDb, L"Version", L"1.0", kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
     SetBinary(L"SOFTWARE\\Norvane\\DB\\MainDB\\Users\\Index\\NameIndex", L"alice/", Bytes(16, 1), kView32);
     const RegTree before = Snapshot(L"SOFTWARE\\Norvane\\DB\\MainDB", kView32);
 
@@ -585,12 +585,12 @@ TEST_F(Db20WriterTest, WriteUsersFillsAnExistingTreeWithoutTouchingTheRest)
     ASSERT_EQ(S_OK, WriteDb20Users(db));
 
     std::wstring version;
-    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    ASSERT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"1.0", version);
     const RegTree after = Snapshot(L"SOFTWARE\\Norvane\\DB\\MainDB", kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Cache", kView32));
-    EXPECT_EQ((std::vector<std::wstring>{L"Data", L"MainDB", L"Policy"}), SubkeyNames(kDb, kView32));
+    EXPECT_EQ((std::vector<std::wstring>{L"Data", L"MainDB", L"Policy"}), SubkeyNames(kDbPath, kView32));
     EXPECT_EQ(3u, SubkeyNames(L"SOFTWARE\\Norvane\\DB\\Data\\Users", kView32).size());
     EXPECT_TRUE(MachineContainerExists(db.hostId));
     RegValue hostId;

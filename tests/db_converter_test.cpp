@@ -15,13 +15,14 @@
 #include "support/registry_sandbox.h"
 #include "support/test_converter.h"
 #include "support/trace_capture.h"
+#include "support/db_paths.h"
+#include "support/test_results.h"
+#include "support/frame_traces.h"
 
 using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
-constexpr const wchar_t kMainDB[] = L"SOFTWARE\\Norvane\\DB\\MainDB";
 constexpr DWORD kSentinel = 0xdeadbeef;
 
 class DBConverterTest : public RegistrySandbox {};
@@ -109,7 +110,7 @@ TEST_F(DBConverterTest, FactoryTableListsMajorsOneToThreeWithTheirTraceLinesAndM
 // MainDB opens in the 32-bit view; every other version gets none.
 TEST_F(DBConverterTest, CreateConverterBuildsCConverter2ForMajorOneCConverter3ForMajorsTwoAndThreeAndNoneForOthers)
 {
-    CreateKeyPath(kMainDB, kView32);
+    CreateKeyPath(kMainDbPath, kView32);
     nv::CNVRegKey unused;
     for (DWORD v : {0x00010000u, 0x00010003u}) {
         std::unique_ptr<CBaseConverter> c(CBaseConverter::CreateConverter(v, unused));
@@ -123,7 +124,7 @@ TEST_F(DBConverterTest, CreateConverterBuildsCConverter2ForMajorOneCConverter3Fo
         std::unique_ptr<CBaseConverter> c(CBaseConverter::CreateConverter(v, unused));
         EXPECT_EQ(nullptr, c.get()) << std::hex << v;
     }
-    DeleteTree(kMainDB, kView32);
+    DeleteTree(kMainDbPath, kView32);
     std::unique_ptr<CBaseConverter> none(CBaseConverter::CreateConverter(0x00030000u, unused));
     EXPECT_EQ(nullptr, none.get());
 }
@@ -145,11 +146,11 @@ TEST_F(DBConverterTest, MajorThreeGetsConverterOnlyWhileMainDBOpensIn32BitView)
 {
     EXPECT_EQ(std::wstring(L"null"), FakeKindFor(0x00030000));
 
-    CreateKeyPath(kMainDB, kView64);
+    CreateKeyPath(kMainDbPath, kView64);
     EXPECT_FALSE(nvframe::DatabaseStillHoldsMainDB());
     EXPECT_EQ(std::wstring(L"null"), FakeKindFor(0x00030000));
 
-    CreateKeyPath(kMainDB, kView32);
+    CreateKeyPath(kMainDbPath, kView32);
     EXPECT_TRUE(nvframe::DatabaseStillHoldsMainDB());
     EXPECT_EQ(std::wstring(L"DB-v2.0"), FakeKindFor(0x00030000));
     EXPECT_EQ(std::wstring(L"DB-v2.0"), FakeKindFor(0x00030001));
@@ -195,8 +196,8 @@ Detected Detect()
 
 TEST_F(DBConverterTest, VersionInOwnViewIsReadFirst)
 {
-    SetString(kDb, L"Version", L"2.0", kView64);
-    SetString(kDb, L"Version", L"1.0", kView32);
+    SetString(kDbPath, L"Version", L"2.0", kView64);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
     Detected d = Detect();
     EXPECT_EQ(S_OK, d.hr);
     EXPECT_EQ(0x00020000u, d.version);
@@ -204,7 +205,7 @@ TEST_F(DBConverterTest, VersionInOwnViewIsReadFirst)
 
 TEST_F(DBConverterTest, VersionIn32BitViewOnlyIsFoundByTheSecondOpen)
 {
-    SetString(kDb, L"Version", L"1.0", kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
     Detected d = Detect();
     EXPECT_EQ(S_OK, d.hr);
     EXPECT_EQ(0x00010000u, d.version);
@@ -214,8 +215,8 @@ TEST_F(DBConverterTest, VersionIn32BitViewOnlyIsFoundByTheSecondOpen)
 // holds no "Version".
 TEST_F(DBConverterTest, DatabaseKeyInOwnViewWithoutVersionHidesThe32BitVersion)
 {
-    CreateKeyPath(kDb, kView64);
-    SetString(kDb, L"Version", L"1.0", kView32);
+    CreateKeyPath(kDbPath, kView64);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
     Detected d = Detect();
     EXPECT_EQ(S_OK, d.hr);
     EXPECT_EQ(0u, d.version);
@@ -225,7 +226,7 @@ TEST_F(DBConverterTest, DatabaseKeyInOwnViewWithoutVersionHidesThe32BitVersion)
 TEST_F(DBConverterTest, DatabaseKeyAbsentInBothViewsGivesVersionZeroAndTheOpenError)
 {
     Detected d = Detect();
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), d.hr);
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), d.hr);
     EXPECT_EQ(0u, d.version);
     EXPECT_FALSE(d.converter);
 }
@@ -245,7 +246,7 @@ TEST_F(DBConverterTest, VersionValueTheReaderRefusesLeavesVersionZero)
     };
     for (const Case& c : cases) {
         WipeSuiteKeys();
-        SetBinary(kDb, L"Version", c.data, kView32, c.type);
+        SetBinary(kDbPath, L"Version", c.data, kView32, c.type);
         Detected d = Detect();
         EXPECT_EQ(S_OK, d.hr) << c.what;
         EXPECT_EQ(0u, d.version) << c.what;
@@ -255,17 +256,17 @@ TEST_F(DBConverterTest, VersionValueTheReaderRefusesLeavesVersionZero)
 
 TEST_F(DBConverterTest, VersionTooLongForItsBufferLeavesVersionZero)
 {
-    SetString(kDb, L"Version", L"2" + std::wstring(259, L'0'), kView64);
+    SetString(kDbPath, L"Version", L"2" + std::wstring(259, L'0'), kView64);
     EXPECT_EQ(0u, Detect().version);
 
     // 259 characters and the terminator still fit.
-    SetString(kDb, L"Version", L"2." + std::wstring(257, L'0'), kView64);
+    SetString(kDbPath, L"Version", L"2." + std::wstring(257, L'0'), kView64);
     EXPECT_EQ(0x00020000u, Detect().version);
 }
 
 TEST_F(DBConverterTest, VersionOfTypeExpandStringIsRead)
 {
-    SetString(kDb, L"Version", L"2.0", kView32, REG_EXPAND_SZ);
+    SetString(kDbPath, L"Version", L"2.0", kView32, REG_EXPAND_SZ);
     EXPECT_EQ(0x00020000u, Detect().version);
 }
 
@@ -277,7 +278,7 @@ TEST_F(DBConverterTest, VersionTextsAreParsedAsTheRulesSay)
     } cases[] = {{L"1", 0x00010000}, {L"DB-v1.0", 0}, {L"2.5", 0x00020005}, {L"3.0", 0x00030000}, {L"", 0}};
     for (const Case& c : cases) {
         WipeSuiteKeys();
-        SetString(kDb, L"Version", c.text, kView32);
+        SetString(kDbPath, L"Version", c.text, kView32);
         Detected d = Detect();
         EXPECT_EQ(S_OK, d.hr) << Narrow(c.text);
         EXPECT_EQ(c.version, d.version) << Narrow(c.text);
@@ -288,8 +289,8 @@ TEST_F(DBConverterTest, VersionTextsAreParsedAsTheRulesSay)
 
 TEST_F(DBConverterTest, DetectionWritesNothing)
 {
-    SetString(kDb, L"Version", L"1.0", kView32);
-    CreateKeyPath(kMainDB, kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
+    CreateKeyPath(kMainDbPath, kView32);
     const RegTree before32 = Snapshot(L"SOFTWARE\\Norvane", kView32);
     Detect();
     EXPECT_TRUE(before32 == Snapshot(L"SOFTWARE\\Norvane", kView32));
@@ -298,7 +299,7 @@ TEST_F(DBConverterTest, DetectionWritesNothing)
 
 TEST_F(DBConverterTest, FinalConstructReplacesAConverterHeldBefore)
 {
-    SetString(kDb, L"Version", L"4.0", kView64);
+    SetString(kDbPath, L"Version", L"4.0", kView64);
     CDBConverter holder;
     bool destroyed = false;
     auto* old = new TestConverter(0, 0, L"DB-old");
@@ -336,18 +337,18 @@ TEST_F(DBConverterTest, ActionsWithoutConverterAnswerEFail)
 
 TEST_F(DBConverterTest, ActionsReachTheHeldConverter)
 {
-    SetString(kDb, L"Version", L"1.0", kView64);
+    SetString(kDbPath, L"Version", L"1.0", kView64);
     CDBConverter holder;
     auto* c = new TestConverter(0, 0, L"DB-v2.0");
     holder.m_pConverter.reset(c);
-    c->cleanupResult = static_cast<HRESULT>(0x80041001);
+    c->cleanupResult = kCleanupFailure;
 
-    EXPECT_EQ(static_cast<HRESULT>(0x80041001), holder.Convert());
+    EXPECT_EQ(kCleanupFailure, holder.Convert());
     EXPECT_EQ((std::vector<std::string>{"do_Backup", "do_Convert", "do_Cleanup", "do_Rollback"}), c->calls);
     c->calls.clear();
-    c->rollbackResult = static_cast<HRESULT>(0x80041002);
-    EXPECT_EQ(static_cast<HRESULT>(0x80041002), holder.Rollback());
-    EXPECT_EQ(static_cast<HRESULT>(0x80041001), holder.Cleanup());
+    c->rollbackResult = kRollbackFailure;
+    EXPECT_EQ(kRollbackFailure, holder.Rollback());
+    EXPECT_EQ(kCleanupFailure, holder.Cleanup());
     EXPECT_EQ((std::vector<std::string>{"do_Rollback", "do_Cleanup"}), c->calls);
 }
 
@@ -392,26 +393,16 @@ using Lines = std::vector<std::string>;
 
 TEST_F(DBConverterTraceTest, DetectionTracesTheVersionReadAndTheFactoryChoice)
 {
-    SetString(kDb, L"Version", L"1.0", kView32);
+    SetString(kDbPath, L"Version", L"1.0", kView32);
     Detect();
     // The holder goes at the end of Detect, and its converter with it.
-    EXPECT_EQ((Lines{
-                  "> CDBConverter::FinalConstruct",
-                  "U wszVersion = 1.0",
-                  "U m_dwVersion = 0x10000",
-                  "> CBaseConverter::CreateConverter", "U Using CConverter2",
-                  "> CBaseConverter::CBaseConverter", "<", "> CConverter2::CConverter2", "<",
-                  "<",
-                  "<",
-                  "> CConverter2::~CConverter2", "<",
-              }),
-              trace.Lines())
+    EXPECT_EQ(kDetected10Lines, trace.Lines())
         << trace.Dump();
 }
 
 TEST_F(DBConverterTraceTest, VersionWithoutConverterTracesReturningNull)
 {
-    SetString(kDb, L"Version", L"4.1", kView64);
+    SetString(kDbPath, L"Version", L"4.1", kView64);
     Detect();
     EXPECT_EQ((Lines{
                   "> CDBConverter::FinalConstruct",
@@ -426,7 +417,7 @@ TEST_F(DBConverterTraceTest, VersionWithoutConverterTracesReturningNull)
 
 TEST_F(DBConverterTraceTest, UnreadableVersionStillTracesTheVersionWord)
 {
-    SetDword(kDb, L"Version", 0x00020000, kView64);
+    SetDword(kDbPath, L"Version", 0x00020000, kView64);
     Detect();
     EXPECT_EQ((Lines{
                   "> CDBConverter::FinalConstruct",
@@ -446,8 +437,8 @@ TEST_F(DBConverterTraceTest, MissingDatabaseTracesOnlyTheOpenError)
 
 TEST_F(DBConverterTraceTest, ChosenConverterIsTracedBeforeItIsBuilt)
 {
-    SetString(kDb, L"Version", L"3.0", kView32);
-    CreateKeyPath(kMainDB, kView32);
+    SetString(kDbPath, L"Version", L"3.0", kView32);
+    CreateKeyPath(kMainDbPath, kView32);
     std::unique_ptr<CBaseConverter> three(nvframe::CreateConverterFrom(kFakeKinds, 3, 0x00030000));
     std::unique_ptr<CBaseConverter> one(nvframe::CreateConverterFrom(kFakeKinds, 3, 0x00010000));
     EXPECT_EQ((Lines{

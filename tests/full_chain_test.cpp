@@ -119,7 +119,7 @@ TEST_F(FullChainTest, Database10HoldingUsers20ConvertsTo20ThenTo30InFreshProcess
     EXPECT_EQ(4u, trace.Count("> CLocalDBUserExtractor::InternalLoadSecretsToMap"));
     for (const auto& u : users20.users) {
         EXPECT_TRUE(trace.Contains("U Conversion process is over for '" + Narrow(u.sidText) + "', " +
-                                   Hex(ExpectedTemplates(u).empty() ? static_cast<HRESULT>(0x8009000D) : S_OK)))
+                                   Hex(ExpectedTemplates(u).empty() ? NTE_NO_KEY : S_OK)))
             << trace.Dump();
         ExpectUserConverted(u);
     }

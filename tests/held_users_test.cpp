@@ -17,7 +17,6 @@ using namespace nvtest;
 namespace {
 
 constexpr GUID kUser = {0x6f1e2d3c, 0x4b5a, 0x4978, {0x86, 0x95, 0xa4, 0xb3, 0xc2, 0xd1, 0xe0, 0xf7}};
-constexpr HRESULT kIncomplete = static_cast<HRESULT>(0x80040201);
 
 class HeldUsersTest : public RegistrySandbox {};
 
@@ -48,7 +47,7 @@ TEST_F(HeldUsersTest, RecordLeavesItsKeysForSystemAndAdministratorsOnly)
     ASSERT_NE(std::wstring::npos, DaclText(nvconv3::kHeldUsersKeyPath, kView32).find(L";;;BU)"));
 
     nvconv3::CHeldUsers held;
-    held.Record(kUser, L"S-1-5-21-1-2-3-1001", kIncomplete, L"secret not stored 'PIN' (0x80070005)");
+    held.Record(kUser, L"S-1-5-21-1-2-3-1001", NV_E_USER_INCOMPLETE, L"secret not stored 'PIN' (0x80070005)");
 
     ExpectKeysForAdministratorsOnly();
 
@@ -57,7 +56,7 @@ TEST_F(HeldUsersTest, RecordLeavesItsKeysForSystemAndAdministratorsOnly)
     EXPECT_TRUE(GetString(EntryPath().c_str(), nvconv3::kHeldUserSidValue, kView32, &sid));
     EXPECT_EQ(std::wstring(L"S-1-5-21-1-2-3-1001"), sid);
     EXPECT_TRUE(GetDword(EntryPath().c_str(), nvconv3::kHeldUserResultValue, kView32, &result));
-    EXPECT_EQ(static_cast<DWORD>(kIncomplete), result);
+    EXPECT_EQ(static_cast<DWORD>(NV_E_USER_INCOMPLETE), result);
     EXPECT_TRUE(GetString(EntryPath().c_str(), nvconv3::kHeldUserReasonValue, kView32, &reason));
     EXPECT_EQ(std::wstring(L"secret not stored 'PIN' (0x80070005)"), reason);
 }
@@ -65,7 +64,7 @@ TEST_F(HeldUsersTest, RecordLeavesItsKeysForSystemAndAdministratorsOnly)
 TEST_F(HeldUsersTest, RecordOnAFreshMachineCreatesProtectedKeys)
 {
     nvconv3::CHeldUsers held;
-    held.Record(kUser, L"S-1-5-21-1-2-3-1001", kIncomplete, L"user not registered (0x80004005)");
+    held.Record(kUser, L"S-1-5-21-1-2-3-1001", NV_E_USER_INCOMPLETE, L"user not registered (0x80004005)");
 
     ExpectKeysForAdministratorsOnly();
     EXPECT_TRUE(KeyExists(EntryPath().c_str(), kView32));
@@ -79,7 +78,7 @@ TEST_F(HeldUsersTest, AnAccountWithoutAdminRightsCannotReadTheRecordAndIsToldSo)
     // The entry is listed only while the user's old key is there.
     CreateKeyPath((std::wstring(L"SOFTWARE\\Norvane\\DB\\Data\\Users\\") + nv::GuidText(kUser)).c_str(), kView32);
     nvconv3::CHeldUsers held;
-    held.Record(kUser, L"S-1-5-21-1-2-3-1001", kIncomplete, L"user not registered (0x80004005)");
+    held.Record(kUser, L"S-1-5-21-1-2-3-1001", NV_E_USER_INCOMPLETE, L"user not registered (0x80004005)");
     ASSERT_EQ(1u, nvdbconv::ReadHeldUsers().size());
     EXPECT_TRUE(nvdbconv::HeldUsersReadable());
     {

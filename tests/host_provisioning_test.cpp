@@ -105,7 +105,7 @@ TEST_F(HostProvisioningTest, CreatingAnExistingContainerRaisesNteExists)
         nvwriter::CreateMachineContainer(kTestHostId);
         FAIL() << "no exception";
     } catch (const _com_error& e) {
-        EXPECT_EQ(static_cast<HRESULT>(0x8009000F), e.Error()); // NTE_EXISTS
+        EXPECT_EQ(NTE_EXISTS, e.Error());
     }
 }
 
@@ -123,7 +123,7 @@ TEST_F(HostProvisioningTest, OpenMachineContainerNeverCreates)
         nvwriter::OpenMachineContainer(kTestHostId);
         FAIL() << "no exception";
     } catch (const _com_error& e) {
-        EXPECT_EQ(static_cast<HRESULT>(0x80090016), e.Error()); // NTE_BAD_KEYSET
+        EXPECT_EQ(NTE_BAD_KEYSET, e.Error());
     }
     EXPECT_FALSE(ContainerExists(kTestHostId));
 }

@@ -17,6 +17,10 @@
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
 #include "support/store_sandbox.h"
+#include "support/db_paths.h"
+#include "support/text_util.h"
+#include "support/tool_runs.h"
+#include "support/sample_databases.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -24,9 +28,7 @@ using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
 constexpr const wchar_t kBackup10[] = L"SOFTWARE\\Norvane\\DB-v1.0";
-constexpr const wchar_t kBackup20[] = L"SOFTWARE\\Norvane\\DB-v2.0";
 
 std::wstring InstallerPath() { return ExeDirectory() + L"nvdbconv-setup.exe"; }
 
@@ -34,30 +36,6 @@ struct InstallerRun {
     DWORD exitCode = 0xdeadbeef;
     std::vector<std::string> log;
 };
-
-std::vector<std::string> ReadLogLines(const std::wstring& path)
-{
-    std::vector<std::string> lines;
-    HANDLE file = ::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-    if (file == INVALID_HANDLE_VALUE)
-        return lines;
-    std::string text;
-    char buf[4096];
-    DWORD n = 0;
-    while (::ReadFile(file, buf, sizeof(buf), &n, nullptr) && n)
-        text.append(buf, n);
-    ::CloseHandle(file);
-    text = WithoutCarriageReturns(text);
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos)
-            end = text.size();
-        lines.push_back(text.substr(start, end - start));
-        start = end + 1;
-    }
-    return lines;
-}
 
 // Runs the installer silently with its log in a fresh temporary file.
 InstallerRun RunInstaller()
@@ -73,37 +51,21 @@ InstallerRun RunInstaller()
     EXPECT_TRUE(process.started);
     EXPECT_FALSE(process.timedOut);
     run.exitCode = process.exitCode;
-    run.log = ReadLogLines(log);
+    run.log = ReadFileLines(log);
     ::DeleteFileW(log);
     return run;
-}
-
-std::string Joined(const std::vector<std::string>& lines)
-{
-    std::string text;
-    for (const std::string& l : lines)
-        text += l + "\n";
-    return text;
 }
 
 // The installer's thread is a COM apartment already (NSIS initialises OLE), so the
 // script's own CoInitializeEx answers S_FALSE and is balanced all the same.
 const char kComLine[] = "CoInitializeEx = 0x00000001";
 
-constexpr const wchar_t kPolicy[] = L"SOFTWARE\\Norvane\\Policies\\Default";
 
 // Everything the suite keeps, both views. The installer writes the policy value on
 // every run; a test that compares sets it first.
 nvwriter::Db20Database Write20(ContainerJanitor& containers, unsigned users)
 {
-    nvwriter::Db20Options options;
-    options.seed = 41;
-    options.userCount = users;
-    options.domainCount = 1;
-    nvwriter::Db20Database db = nvwriter::MakeDb20Database(options);
-    containers.Track(db.hostId);
-    EXPECT_EQ(S_OK, nvwriter::WriteDb20Database(db));
-    return db;
+    return WriteTracked20(containers, users, 41);
 }
 
 std::vector<std::wstring> SortedSids(const nvwriter::Db20Database& db)
@@ -127,6 +89,20 @@ std::vector<std::string> StepLines(int step, const char* current, const char* ta
             "FreeLibrary = ok"};
 }
 
+// The lines of a 1.0 step whose Convert fails and is rolled back (or not, as the
+// Rollback line says).
+std::vector<std::string> FailedStepLines(const char* convert, const std::string& rollback)
+{
+    return {"step 1",
+            "LoadLibrary = ok",
+            "GetDBVersion = 0x00000000 current 0x00010000 target 0x00020000",
+            std::string("Convert = ") + convert,
+            "Rollback = " + rollback,
+            "step 1 = failed 1.0 -> 2.0",
+            "outcome = rolled back",
+            "FreeLibrary = ok"};
+}
+
 std::vector<std::string> Concat(std::initializer_list<std::vector<std::string>> parts)
 {
     std::vector<std::string> all;
@@ -144,15 +120,9 @@ class InstallerStoreTest : public StoreSandbox {};
 // load per step, each step logged.
 TEST_F(InstallerStoreTest, A10DatabaseReaches30InOneRun)
 {
-    nvwriter::DbOptions options;
-    options.users = 4;
-    options.domains = 1;
-    options.users20 = 4;
     ContainerJanitor containers;
-    const nvwriter::Db20Database db20 = nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options));
-    containers.Track(db20.hostId);
-    nvwriter::DbRecord record;
-    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    nvwriter::Db20Database db20;
+    ASSERT_EQ(S_OK, Write10With20Records(containers, 4, 4, false, &db20));
 
     const InstallerRun run = RunInstaller();
     EXPECT_EQ(0u, run.exitCode) << Joined(run.log);
@@ -162,15 +132,15 @@ TEST_F(InstallerStoreTest, A10DatabaseReaches30InOneRun)
                       {"outcome = converted 1.0 -> 2.0 -> 3.0"}}),
               run.log);
 
-    EXPECT_TRUE(KeyExists(kDb, kView32));
+    EXPECT_TRUE(KeyExists(kDbPath, kView32));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Data", kView32));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\MainDB", kView32));
-    for (const wchar_t* backup : {kBackup10, kBackup20}) {
+    for (const wchar_t* backup : {kBackup10, kBackup20Path}) {
         EXPECT_FALSE(KeyExists(backup, kView32));
         EXPECT_FALSE(KeyExists(backup, kView64));
     }
     RegValue backupValue;
-    EXPECT_FALSE(GetValue(kDb, L"Backup", kView32, &backupValue));
+    EXPECT_FALSE(GetValue(kDbPath, L"Backup", kView32, &backupValue));
     EXPECT_EQ(SortedSids(db20), nvstore::inspect::ListUsers());
 }
 
@@ -188,14 +158,14 @@ TEST_F(InstallerStoreTest, Converts20DatabaseIntoTheStoreThenCleansUp)
 
     // Every user moved: the old per-user data and MainDB are gone, the rest of the
     // database stays, and no backup is left behind.
-    EXPECT_TRUE(KeyExists(kDb, kView32));
+    EXPECT_TRUE(KeyExists(kDbPath, kView32));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Data", kView32));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\MainDB", kView32));
     EXPECT_TRUE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Cache", kView32));
-    EXPECT_FALSE(KeyExists(kBackup20, kView64));
-    EXPECT_FALSE(KeyExists(kBackup20, kView32));
+    EXPECT_FALSE(KeyExists(kBackup20Path, kView64));
+    EXPECT_FALSE(KeyExists(kBackup20Path, kView32));
     RegValue backupValue;
-    EXPECT_FALSE(GetValue(kDb, L"Backup", kView32, &backupValue));
+    EXPECT_FALSE(GetValue(kDbPath, L"Backup", kView32, &backupValue));
 
     EXPECT_EQ(SortedSids(db), nvstore::inspect::ListUsers());
     for (const auto& user : db.users) {
@@ -216,7 +186,7 @@ TEST_F(InstallerStoreTest, ASecondRunOnAConvertedMachineSucceedsAndChangesNothin
     Write20(containers, 3);
     ASSERT_EQ(0u, RunInstaller().exitCode);
     std::wstring version;
-    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    ASSERT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     ASSERT_EQ(L"2.1", version);
     const SuiteSnapshot before = SnapshotSuite();
 
@@ -229,7 +199,7 @@ TEST_F(InstallerStoreTest, ASecondRunOnAConvertedMachineSucceedsAndChangesNothin
               }),
               run.log);
     ExpectSuiteUnchanged(before, __LINE__);
-    EXPECT_FALSE(KeyExists(kBackup20, kView64));
+    EXPECT_FALSE(KeyExists(kBackup20Path, kView64));
 }
 
 // The layout decides, not "Version".
@@ -237,10 +207,10 @@ TEST_F(InstallerTest, ALayout30DatabaseIsConvertedWhateverVersionReads)
 {
     for (const wchar_t* text : {L"2.0", L"2.1", L"3.0"}) {
         SCOPED_TRACE(Narrow(text));
-        ASSERT_TRUE(DeleteTree(kDb, kView32));
-        SetString(kDb, L"Version", text, kView32);
+        ASSERT_TRUE(DeleteTree(kDbPath, kView32));
+        SetString(kDbPath, L"Version", text, kView32);
         SetString(L"SOFTWARE\\Norvane\\DB\\Policies", L"Kept", L"yes", kView32);
-        SetDword(kPolicy, L"StrictConversion", 1, kView64);
+        SetDword(kPolicyDefaultPath, L"StrictConversion", 1, kView64);
         const SuiteSnapshot before = SnapshotSuite();
         const InstallerRun run = RunInstaller();
         EXPECT_EQ(0u, run.exitCode) << Joined(run.log);
@@ -298,33 +268,18 @@ TEST_F(InstallerStoreTest, AUserTheStrictPolicyHeldIsNamedAndTheInstallerExits4)
 // with the backup: the installer does not call Rollback without it.
 TEST_F(InstallerTest, AFailingConvertWithoutABackupIsNotRolledBackAgain)
 {
-    nvwriter::DbOptions options;
-    options.users = 4;
-    options.domains = 1;
-    nvwriter::DbRecord record;
-    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    ASSERT_EQ(S_OK, WriteDb10(4, 1));
     // An empty value cannot be backed up (Win32 error 8), so Convert fails first thing.
-    SetBinary(kDb, L"Empty", {}, kView32);
-    const RegTree before = Snapshot(kDb, kView32);
+    SetBinary(kDbPath, L"Empty", {}, kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
 
     const InstallerRun run = RunInstaller();
     EXPECT_EQ(1u, run.exitCode) << Joined(run.log);
-    EXPECT_EQ((std::vector<std::string>{
-                  kComLine,
-                  "step 1",
-                  "LoadLibrary = ok",
-                  "GetDBVersion = 0x00000000 current 0x00010000 target 0x00020000",
-                  "Convert = 0x80070008",
-                  "Rollback = not called: no \"Backup\" value",
-                  "step 1 = failed 1.0 -> 2.0",
-                  "outcome = rolled back",
-                  "FreeLibrary = ok",
-              }),
-              run.log);
-    const RegTree after = Snapshot(kDb, kView32);
+    EXPECT_EQ(Concat({{kComLine}, FailedStepLines("0x80070008", "not called: no \"Backup\" value")}), run.log);
+    const RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
     RegValue backupValue;
-    EXPECT_FALSE(GetValue(kDb, L"Backup", kView32, &backupValue));
+    EXPECT_FALSE(GetValue(kDbPath, L"Backup", kView32, &backupValue));
 }
 
 // "Backup" left naming a key that is not there (here one the library refuses, so
@@ -332,30 +287,18 @@ TEST_F(InstallerTest, AFailingConvertWithoutABackupIsNotRolledBackAgain)
 // delete the database and restore nothing, so the installer does not call it.
 TEST_F(InstallerTest, RollbackIsNotCalledWhenTheBackupKeyIsMissing)
 {
-    nvwriter::DbOptions options;
-    options.users = 4;
-    options.domains = 1;
-    nvwriter::DbRecord record;
-    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
-    SetBinary(kDb, L"Empty", {}, kView32);
-    SetString(kDb, L"Backup", L"SOFTWARE\\Norvane\\Gone", kView32);
-    const RegTree before = Snapshot(kDb, kView32);
+    ASSERT_EQ(S_OK, WriteDb10(4, 1));
+    SetBinary(kDbPath, L"Empty", {}, kView32);
+    SetString(kDbPath, L"Backup", L"SOFTWARE\\Norvane\\Gone", kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
 
     const InstallerRun run = RunInstaller();
     EXPECT_EQ(1u, run.exitCode) << Joined(run.log);
-    EXPECT_EQ((std::vector<std::string>{
-                  kComLine,
-                  "step 1",
-                  "LoadLibrary = ok",
-                  "GetDBVersion = 0x00000000 current 0x00010000 target 0x00020000",
-                  "Convert = 0x80070008",
-                  "Rollback = not called: \"Backup\" names HKLM\\SOFTWARE\\Norvane\\Gone, which is missing (32-bit view)",
-                  "step 1 = failed 1.0 -> 2.0",
-                  "outcome = rolled back",
-                  "FreeLibrary = ok",
-              }),
+    EXPECT_EQ(Concat({{kComLine},
+                      FailedStepLines("0x80070008", "not called: \"Backup\" names HKLM\\SOFTWARE\\Norvane\\Gone, "
+                                                    "which is missing (32-bit view)")}),
               run.log);
-    const RegTree after = Snapshot(kDb, kView32);
+    const RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
 }
 
@@ -363,7 +306,7 @@ TEST_F(InstallerTest, RollbackIsNotCalledWhenTheBackupKeyIsMissing)
 // backup key, which exists: then the installer calls Rollback.
 TEST_F(InstallerTest, RollbackIsCalledWhenTheBackupKeyExists)
 {
-    nvwriter::DbWriter writer(kDb, KEY_WOW64_32KEY);
+    nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
     nvwriter::DbOptions options;
     options.users = 6;
     options.domains = 1;
@@ -375,18 +318,7 @@ TEST_F(InstallerTest, RollbackIsCalledWhenTheBackupKeyExists)
 
     const InstallerRun run = RunInstaller();
     EXPECT_EQ(1u, run.exitCode) << Joined(run.log);
-    EXPECT_EQ((std::vector<std::string>{
-                  kComLine,
-                  "step 1",
-                  "LoadLibrary = ok",
-                  "GetDBVersion = 0x00000000 current 0x00010000 target 0x00020000",
-                  "Convert = 0x80070002",
-                  "Rollback = 0x00000000",
-                  "step 1 = failed 1.0 -> 2.0",
-                  "outcome = rolled back",
-                  "FreeLibrary = ok",
-              }),
-              run.log);
+    EXPECT_EQ(Concat({{kComLine}, FailedStepLines("0x80070002", "0x00000000")}), run.log);
 }
 
 TEST_F(InstallerTest, WithoutADatabaseThereIsNothingToConvert)
@@ -402,19 +334,19 @@ TEST_F(InstallerTest, WithoutADatabaseThereIsNothingToConvert)
                   "FreeLibrary = ok",
               }),
               run.log);
-    EXPECT_FALSE(KeyExists(kDb, kView32));
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    EXPECT_FALSE(KeyExists(kDbPath, kView32));
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
 }
 
 TEST_F(InstallerTest, TheInstallerTurnsTheStrictConversionPolicyOn)
 {
-    ASSERT_FALSE(KeyExists(kPolicy, kView64));
+    ASSERT_FALSE(KeyExists(kPolicyDefaultPath, kView64));
     const InstallerRun run = RunInstaller();
     EXPECT_EQ(0u, run.exitCode) << Joined(run.log);
     // In the library's own (64-bit) view, where Convert reads it.
     RegValue value;
-    ASSERT_TRUE(GetValue(kPolicy, L"StrictConversion", kView64, &value));
+    ASSERT_TRUE(GetValue(kPolicyDefaultPath, L"StrictConversion", kView64, &value));
     EXPECT_EQ(DWORD(REG_DWORD), value.type);
     EXPECT_EQ((std::vector<BYTE>{1, 0, 0, 0}), value.data);
-    EXPECT_FALSE(KeyExists(kPolicy, kView32));
+    EXPECT_FALSE(KeyExists(kPolicyDefaultPath, kView32));
 }

@@ -10,6 +10,8 @@
 #include "support/key_containers.h"
 #include "support/legacy_db_tree.h"
 #include "support/registry_sandbox.h"
+#include "support/db_paths.h"
+#include "support/sample_databases.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -17,9 +19,6 @@ using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
-
-std::wstring Sub(const std::wstring& rel) { return std::wstring(kDb) + L"\\" + rel; }
 
 nvwriter::DbRecord Write(const nvwriter::DbOptions& options)
 {
@@ -72,12 +71,10 @@ TEST_F(LegacyWriterTest, RecordMatchesTheRegistryValueByValueAndOnlyInTheChosenV
     options.seed = 11;
     nvwriter::DbRecord record = Write(options);
 
-    RegTree actual = Snapshot(kDb, kView32);
-    RegTree expected = ToRegTree(record);
-    EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    EXPECT_TRUE(RegistryHoldsRecord(record, kView32));
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
     EXPECT_EQ(KEY_WOW64_32KEY, record.view);
-    EXPECT_EQ(std::wstring(kDb), record.dbPath);
+    EXPECT_EQ(std::wstring(kDbPath), record.dbPath);
     // A sanity floor, so that an empty record cannot pass for a match.
     EXPECT_GT(record.ValueCount(), 40u * 3);
 }
@@ -91,7 +88,7 @@ TEST_F(LegacyWriterTest, Format10LayoutHasVersionIndexesUsersAndPolicies)
     nvwriter::DbRecord record = Write(options);
 
     std::wstring version;
-    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    ASSERT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"1.0", version);
     EXPECT_EQ(L"1.0", record.versionText);
 
@@ -100,7 +97,7 @@ TEST_F(LegacyWriterTest, Format10LayoutHasVersionIndexesUsersAndPolicies)
     EXPECT_TRUE(record.stores[0].machine);
     EXPECT_EQ(L"MainDB\\Users\\Index\\NameIndex", record.stores[0].nameIndexPath);
     EXPECT_EQ(L"Data\\Policies", record.stores[0].policiesPath);
-    std::vector<std::wstring> cache = SubkeyNames(Sub(L"Cache").c_str(), kView32);
+    std::vector<std::wstring> cache = SubkeyNames(DbPath(L"Cache").c_str(), kView32);
     std::set<std::wstring> cacheSet(cache.begin(), cache.end());
     std::set<std::wstring> domainSet;
     for (size_t i = 1; i < record.stores.size(); ++i) {
@@ -115,9 +112,9 @@ TEST_F(LegacyWriterTest, Format10LayoutHasVersionIndexesUsersAndPolicies)
                                                                             record.stores[2].name,
                                                                             record.stores[3].name}));
     for (const auto& s : record.stores) {
-        EXPECT_TRUE(KeyExists(Sub(s.nameIndexPath).c_str(), kView32));
-        EXPECT_TRUE(KeyExists(Sub(s.policiesPath).c_str(), kView32));
-        EXPECT_TRUE(KeyExists(Sub(s.policiesPath + L"\\Default").c_str(), kView32));
+        EXPECT_TRUE(KeyExists(DbPath(s.nameIndexPath).c_str(), kView32));
+        EXPECT_TRUE(KeyExists(DbPath(s.policiesPath).c_str(), kView32));
+        EXPECT_TRUE(KeyExists(DbPath(s.policiesPath + L"\\Default").c_str(), kView32));
     }
 
     // Every user is a 16-byte REG_BINARY holding its GUID in its store's index; the
@@ -130,14 +127,14 @@ TEST_F(LegacyWriterTest, Format10LayoutHasVersionIndexesUsersAndPolicies)
         ASSERT_NE(nullptr, s);
         ++perStore[u.store];
         RegValue v;
-        ASSERT_TRUE(GetValue(Sub(s->nameIndexPath).c_str(), u.name.c_str(), kView32, &v)) << Narrow(u.name);
+        ASSERT_TRUE(GetValue(DbPath(s->nameIndexPath).c_str(), u.name.c_str(), kView32, &v)) << Narrow(u.name);
         EXPECT_EQ(static_cast<DWORD>(REG_BINARY), v.type);
         ASSERT_EQ(16u, v.data.size());
         EXPECT_EQ(0, std::memcmp(v.data.data(), &u.id, 16));
         EXPECT_EQ(u.trailingSlash, u.name.back() == L'/');
         slashed += u.trailingSlash ? 1 : 0;
         std::wstring name;
-        ASSERT_TRUE(GetString(Sub(u.userKeyPath).c_str(), L"Name", kView32, &name));
+        ASSERT_TRUE(GetString(DbPath(u.userKeyPath).c_str(), L"Name", kView32, &name));
         EXPECT_EQ(u.trailingSlash ? u.name.substr(0, u.name.size() - 1) : u.name, name);
     }
     for (const auto& [store, n] : perStore)
@@ -164,16 +161,16 @@ TEST_F(LegacyWriterTest, SameSeedGivesTheSameDatabaseAndAnotherSeedADifferentOne
     options.domains = 2;
     options.seed = 99;
     Write(options);
-    RegTree first = Snapshot(kDb, kView32);
+    RegTree first = Snapshot(kDbPath, kView32);
 
     options.wipe = true;
     Write(options);
-    RegTree second = Snapshot(kDb, kView32);
+    RegTree second = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(first == second) << DiffTrees(first, second);
 
     options.seed = 100;
     Write(options);
-    RegTree third = Snapshot(kDb, kView32);
+    RegTree third = Snapshot(kDbPath, kView32);
     EXPECT_FALSE(first == third);
 }
 
@@ -184,29 +181,25 @@ TEST_F(LegacyWriterTest, View64WritesIntoThe64BitViewOnly)
     options.users = 5;
     options.domains = 1;
     nvwriter::DbRecord record = Write(options);
-    RegTree actual = Snapshot(kDb, kView64);
-    RegTree expected = ToRegTree(record);
-    EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
-    EXPECT_FALSE(KeyExists(kDb, kView32));
+    EXPECT_TRUE(RegistryHoldsRecord(record, kView64));
+    EXPECT_FALSE(KeyExists(kDbPath, kView32));
 }
 
 TEST_F(LegacyWriterTest, ExistingDatabaseIsRefusedWithoutWipeAndLeftAlone)
 {
-    SetString(kDb, L"Version", L"3.0", kView32);
-    RegTree before = Snapshot(kDb, kView32);
+    SetString(kDbPath, L"Version", L"3.0", kView32);
+    RegTree before = Snapshot(kDbPath, kView32);
     nvwriter::DbOptions options;
     nvwriter::DbRecord record;
     record.versionText = L"sentinel";
     EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_ALREADY_EXISTS), nvwriter::WriteDatabase(options, &record));
     EXPECT_EQ(L"sentinel", record.versionText);
-    RegTree after = Snapshot(kDb, kView32);
+    RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
 
     options.wipe = true;
     record = Write(options);
-    RegTree written = Snapshot(kDb, kView32);
-    RegTree expected = ToRegTree(record);
-    EXPECT_TRUE(expected == written) << DiffTrees(expected, written);
+    EXPECT_TRUE(RegistryHoldsRecord(record, kView32));
 }
 
 TEST_F(LegacyWriterTest, Format20ComesFromThe20WriterAndIsRecordedValueByValue)
@@ -216,15 +209,12 @@ TEST_F(LegacyWriterTest, Format20ComesFromThe20WriterAndIsRecordedValueByValue)
     options.users = 7;
     options.domains = 2;
     options.seed = 21;
-    const nvwriter::Db20Database model = nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options));
     ContainerJanitor containers;
-    containers.Track(model.hostId);
+    const nvwriter::Db20Database model = TrackedModel20(containers, options);
 
     nvwriter::DbRecord record = Write(options);
-    RegTree actual = Snapshot(kDb, kView32);
-    RegTree expected = ToRegTree(record);
-    EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    EXPECT_TRUE(RegistryHoldsRecord(record, kView32));
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
     EXPECT_EQ(L"2.0", record.versionText);
     EXPECT_EQ(nvwriter::DomainNames10(options), model.domains);
 
@@ -251,25 +241,22 @@ TEST_F(LegacyWriterTest, Users20AreAddedToA10DatabaseBesideItsStores)
     options.users = 6;
     options.users20 = 3;
     options.seed = 22;
-    const nvwriter::Db20Database model = nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options));
     ContainerJanitor containers;
-    containers.Track(model.hostId);
+    const nvwriter::Db20Database model = TrackedModel20(containers, options);
 
     nvwriter::DbRecord record = Write(options);
-    RegTree actual = Snapshot(kDb, kView32);
-    RegTree expected = ToRegTree(record);
-    EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
+    EXPECT_TRUE(RegistryHoldsRecord(record, kView32));
     EXPECT_EQ(L"1.0", record.versionText);
     EXPECT_EQ(6u, record.users.size());
     ASSERT_EQ(3u, model.users.size());
-    std::vector<std::wstring> keys = SubkeyNames(Sub(L"Data\\Users").c_str(), kView32);
+    std::vector<std::wstring> keys = SubkeyNames(DbPath(L"Data\\Users").c_str(), kView32);
     std::sort(keys.begin(), keys.end());
     std::vector<std::wstring> expectedKeys;
     for (const auto& user : model.users)
         expectedKeys.push_back(nvwriter::GuidText(user.guid));
     std::sort(expectedKeys.begin(), expectedKeys.end());
     EXPECT_EQ(expectedKeys, keys);
-    EXPECT_TRUE(KeyExists(Sub(L"Data\\Policies").c_str(), kView32));
+    EXPECT_TRUE(KeyExists(DbPath(L"Data\\Policies").c_str(), kView32));
     EXPECT_TRUE(ContainerExists(model.hostId));
     EXPECT_EQ(E_POINTER, nvwriter::WriteDatabase(nvwriter::DbOptions(), nullptr));
 }
@@ -280,7 +267,7 @@ TEST_F(LegacyWriterTest, NoDomainsWritesNoCacheKey)
     options.domains = 0;
     options.users = 6;
     nvwriter::DbRecord record = Write(options);
-    EXPECT_FALSE(KeyExists(Sub(L"Cache").c_str(), kView32));
+    EXPECT_FALSE(KeyExists(DbPath(L"Cache").c_str(), kView32));
     EXPECT_EQ(0u, record.keys.count(L"Cache"));
     ASSERT_EQ(1u, record.stores.size());
     EXPECT_EQ(6u, record.users.size());
@@ -296,7 +283,7 @@ TEST_F(LegacyWriterTest, ExplicitDomainNamesReplaceTheGeneratedOnes)
     ASSERT_EQ(3u, record.stores.size());
     EXPECT_EQ(L"B", record.stores[1].name);
     EXPECT_EQ(L"a", record.stores[2].name);
-    std::vector<std::wstring> cache = SubkeyNames(Sub(L"Cache").c_str(), kView32);
+    std::vector<std::wstring> cache = SubkeyNames(DbPath(L"Cache").c_str(), kView32);
     EXPECT_EQ((std::set<std::wstring>{L"B", L"a"}), std::set<std::wstring>(cache.begin(), cache.end()));
 }
 
@@ -305,7 +292,7 @@ TEST_F(LegacyWriterTest, RemovalsAndHandMadeValuesKeepTheRecordInStep)
     nvwriter::DbOptions options;
     options.users = 8;
     options.domains = 2;
-    nvwriter::DbWriter writer(kDb, KEY_WOW64_32KEY);
+    nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
     nvwriter::Prng rng(options.seed);
     nvwriter::Write10(writer, options, rng);
     const std::wstring domain = writer.record().stores[1].name;
@@ -318,18 +305,18 @@ TEST_F(LegacyWriterTest, RemovalsAndHandMadeValuesKeepTheRecordInStep)
 
     EXPECT_EQ(0u, writer.record().keys.count(L"MainDB\\Users\\Index\\NameIndex"));
     EXPECT_EQ(1u, writer.record().keys.count(L"MainDB\\Users\\Index"));
-    RegTree actual = Snapshot(kDb, kView32);
+    RegTree actual = Snapshot(kDbPath, kView32);
     RegTree expected = ToRegTree(writer.record());
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
     RegValue odd;
-    ASSERT_TRUE(GetValue(Sub(L"Cache\\" + domain).c_str(), L"Odd", kView32, &odd));
+    ASSERT_TRUE(GetValue(DbPath(L"Cache\\" + domain).c_str(), L"Odd", kView32, &odd));
     EXPECT_EQ(4u, odd.data.size());
 }
 
 TEST(LegacyWriterOracleTest, ExpectedAfter10To20DropsIdentifiersAndPoliciesButSparesTheComputerNamedDomain)
 {
     nvwriter::DbRecord r;
-    r.dbPath = kDb;
+    r.dbPath = kDbPath;
     r.keys = {L"",
               L"Cache",
               L"Cache\\DOM",

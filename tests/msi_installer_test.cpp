@@ -20,6 +20,9 @@
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
 #include "support/store_sandbox.h"
+#include "support/db_paths.h"
+#include "support/tool_runs.h"
+#include "support/sample_databases.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -27,8 +30,6 @@ using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
-constexpr const wchar_t kPolicy[] = L"SOFTWARE\\Norvane\\Policies\\Default";
 constexpr DWORD kInstallFailure = 1603;
 
 std::wstring PackagePath() { return ExeDirectory() + L"nvdbconv-upgrade.msi"; }
@@ -100,14 +101,6 @@ MsiRun Msiexec(const std::wstring& action)
     return run;
 }
 
-std::string Joined(const std::vector<std::string>& lines)
-{
-    std::string text;
-    for (const std::string& l : lines)
-        text += l + "\n";
-    return text;
-}
-
 bool FileExists(const std::wstring& path) { return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 
 } // namespace
@@ -162,7 +155,7 @@ TEST_F(MsiInstallerTest, A20DatabaseConvertsIntoTheStoreAndTheInstallReturns0)
 
     // The strict conversion policy is on, in the library's own (64-bit) view.
     DWORD strict = 0;
-    EXPECT_TRUE(GetDword(kPolicy, L"StrictConversion", kView64, &strict));
+    EXPECT_TRUE(GetDword(kPolicyDefaultPath, L"StrictConversion", kView64, &strict));
     EXPECT_EQ(1u, strict);
 
     // Every user moved: the old per-user data is gone, no backup is left.
@@ -170,7 +163,7 @@ TEST_F(MsiInstallerTest, A20DatabaseConvertsIntoTheStoreAndTheInstallReturns0)
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\MainDB", kView32));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB-v2.0", kView64));
     RegValue backup;
-    EXPECT_FALSE(GetValue(kDb, L"Backup", kView32, &backup));
+    EXPECT_FALSE(GetValue(kDbPath, L"Backup", kView32, &backup));
     std::vector<std::wstring> sids;
     for (const auto& user : db.users)
         sids.push_back(user.sidText);
@@ -180,15 +173,11 @@ TEST_F(MsiInstallerTest, A20DatabaseConvertsIntoTheStoreAndTheInstallReturns0)
 
 TEST_F(MsiInstallerTest, AFailingConvertFailsTheInstallWith1603AndRunsTheRollbackAction)
 {
-    nvwriter::DbOptions options;
-    options.users = 4;
-    options.domains = 1;
-    nvwriter::DbRecord record;
-    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    ASSERT_EQ(S_OK, WriteDb10(4, 1));
     // An empty value cannot be backed up (Win32 error 8): Convert fails first thing.
-    SetBinary(kDb, L"Empty", {}, kView32);
-    const RegTree before32 = Snapshot(kDb, kView32);
-    const RegTree before64 = Snapshot(kDb, kView64);
+    SetBinary(kDbPath, L"Empty", {}, kView32);
+    const RegTree before32 = Snapshot(kDbPath, kView32);
+    const RegTree before64 = Snapshot(kDbPath, kView64);
 
     const MsiRun run = Msiexec(L"/i");
     m_installed = run.exitCode == 0;
@@ -211,12 +200,12 @@ TEST_F(MsiInstallerTest, AFailingConvertFailsTheInstallWith1603AndRunsTheRollbac
     // Nothing lost: the database as before, in both views. The install is undone:
     // no policy value, no library. The backup copy that stopped at the empty value
     // stays behind (it was never named by "Backup", so nothing restores from it).
-    const RegTree after32 = Snapshot(kDb, kView32);
-    const RegTree after64 = Snapshot(kDb, kView64);
+    const RegTree after32 = Snapshot(kDbPath, kView32);
+    const RegTree after64 = Snapshot(kDbPath, kView64);
     EXPECT_TRUE(before32 == after32) << DiffTrees(before32, after32);
     EXPECT_TRUE(before64 == after64) << DiffTrees(before64, after64);
     DWORD strict = 0;
-    EXPECT_FALSE(GetDword(kPolicy, L"StrictConversion", kView64, &strict));
+    EXPECT_FALSE(GetDword(kPolicyDefaultPath, L"StrictConversion", kView64, &strict));
     EXPECT_FALSE(FileExists(InstalledLibrary()));
     EXPECT_TRUE(KeyExists(L"SOFTWARE\\Norvane\\DB-v1.0", kView32));
 }
@@ -240,14 +229,7 @@ std::vector<RegTree> SnapshotData()
 
 nvwriter::Db20Database Write20(ContainerJanitor& containers, unsigned users)
 {
-    nvwriter::Db20Options options;
-    options.seed = 16;
-    options.userCount = users;
-    options.domainCount = 1;
-    nvwriter::Db20Database db = nvwriter::MakeDb20Database(options);
-    containers.Track(db.hostId);
-    EXPECT_EQ(S_OK, nvwriter::WriteDb20Database(db));
-    return db;
+    return WriteTracked20(containers, users, 16);
 }
 
 } // namespace
@@ -256,15 +238,9 @@ nvwriter::Db20Database Write20(ContainerJanitor& containers, unsigned users)
 // library load per step, each step logged.
 TEST_F(MsiInstallerTest, A10DatabaseReaches30InOneInstall)
 {
-    nvwriter::DbOptions options;
-    options.users = 3;
-    options.domains = 1;
-    options.users20 = 3;
     ContainerJanitor containers;
-    const nvwriter::Db20Database db20 = nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options));
-    containers.Track(db20.hostId);
-    nvwriter::DbRecord record;
-    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    nvwriter::Db20Database db20;
+    ASSERT_EQ(S_OK, Write10With20Records(containers, 3, 3, false, &db20));
 
     const MsiRun run = Msiexec(L"/i");
     m_installed = run.exitCode == 0;
@@ -289,7 +265,7 @@ TEST_F(MsiInstallerTest, A10DatabaseReaches30InOneInstall)
               }),
               run.lines)
         << run.log;
-    EXPECT_TRUE(KeyExists(kDb, kView32));
+    EXPECT_TRUE(KeyExists(kDbPath, kView32));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Data", kView32));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\MainDB", kView32));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB-v1.0", kView32));
@@ -313,7 +289,7 @@ TEST_F(MsiInstallerTest, ASecondInstallOnAConvertedMachineSucceedsAndChangesNoth
     run = Msiexec(L"/x");
     ASSERT_EQ(0u, run.exitCode) << run.log;
     std::wstring version;
-    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    ASSERT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     ASSERT_EQ(L"2.1", version);
     const std::vector<RegTree> before = SnapshotData();
 

@@ -9,22 +9,13 @@
 #include "common/hresult.h"
 #include "converter2/nameindex.h"
 #include "support/registry_sandbox.h"
+#include "support/db_paths.h"
+#include "support/computer_name.h"
 
 using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
-
-std::wstring Sub(const std::wstring& rel) { return std::wstring(kDb) + L"\\" + rel; }
-
-std::wstring ComputerName()
-{
-    wchar_t name[MAX_PATH];
-    DWORD cch = MAX_PATH;
-    EXPECT_TRUE(::GetComputerNameExW(ComputerNameNetBIOS, name, &cch));
-    return std::wstring(name, cch);
-}
 
 std::vector<BYTE> Id(BYTE seed)
 {
@@ -45,8 +36,8 @@ class NameIndexTest : public RegistrySandbox {
 protected:
     void OpenDb()
     {
-        CreateKeyPath(kDb, kView32);
-        ASSERT_EQ(ERROR_SUCCESS, ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kDb, 0, KEY_READ | KEY_WRITE | kView32,
+        CreateKeyPath(kDbPath, kView32);
+        ASSERT_EQ(ERROR_SUCCESS, ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kDbPath, 0, KEY_READ | KEY_WRITE | kView32,
                                                  m_db.put()));
     }
     void TearDown() override
@@ -88,9 +79,9 @@ TEST(NetBiosNameTest, MatchesTheSystemAndGrowsFromATooSmallBuffer)
 
 TEST_F(NameIndexTest, StoresAreMappedInOrdinalOrderAndPoliciesInEnumerationOrder)
 {
-    CreateKeyPath(Sub(L"Cache\\a").c_str(), kView32);
-    CreateKeyPath(Sub(L"Cache\\B").c_str(), kView32);
-    CreateKeyPath(Sub(L"Cache\\CORP").c_str(), kView32);
+    CreateKeyPath(DbPath(L"Cache\\a").c_str(), kView32);
+    CreateKeyPath(DbPath(L"Cache\\B").c_str(), kView32);
+    CreateKeyPath(DbPath(L"Cache\\CORP").c_str(), kView32);
     OpenDb();
     nv::NameIndexMap map;
     nv::PolicyKeyList list;
@@ -114,7 +105,7 @@ TEST_F(NameIndexTest, StoresAreMappedInOrdinalOrderAndPoliciesInEnumerationOrder
 
     // Policy keys follow the registry's enumeration order, the machine's last.
     nv::PolicyKeyList expectedList;
-    for (const auto& name : SubkeyNames(Sub(L"Cache").c_str(), kView32))
+    for (const auto& name : SubkeyNames(DbPath(L"Cache").c_str(), kView32))
         expectedList.push_back(L"Cache\\" + name + L"\\Policies");
     expectedList.push_back(L"Data\\Policies");
     ASSERT_EQ(4u, expectedList.size());
@@ -134,8 +125,8 @@ TEST_F(NameIndexTest, WithoutCacheOnlyTheMachineStoreAndDataPoliciesAreListed)
 TEST_F(NameIndexTest, DomainNamedLikeTheComputerIsReplacedByTheMachineStore)
 {
     const std::wstring computer = ComputerName();
-    CreateKeyPath(Sub(L"Cache\\" + computer).c_str(), kView32);
-    CreateKeyPath(Sub(L"Cache\\OTHER").c_str(), kView32);
+    CreateKeyPath(DbPath(L"Cache\\" + computer).c_str(), kView32);
+    CreateKeyPath(DbPath(L"Cache\\OTHER").c_str(), kView32);
     OpenDb();
     nv::NameIndexMap map;
     nv::PolicyKeyList list;
@@ -158,7 +149,7 @@ TEST_F(NameIndexTest, DomainNamedLikeTheComputerIsReplacedByTheMachineStore)
 TEST_F(NameIndexTest, EnumerationErrorOnOneSubkeySkipsItAndTheOthersAreStillListed)
 {
     for (const wchar_t* d : {L"Cache\\D0", L"Cache\\D1", L"Cache\\D2", L"Cache\\D3"})
-        CreateKeyPath(Sub(d).c_str(), kView32);
+        CreateKeyPath(DbPath(d).c_str(), kView32);
     OpenDb();
     std::vector<DWORD> asked;
     auto failing = [&](HKEY key, DWORD index, wchar_t* name, DWORD* cch) -> LONG {
@@ -174,7 +165,7 @@ TEST_F(NameIndexTest, EnumerationErrorOnOneSubkeySkipsItAndTheOthersAreStillList
     nv::PolicyKeyList list;
     ASSERT_EQ(S_OK, Collect(map, list, failing));
 
-    std::vector<std::wstring> names = SubkeyNames(Sub(L"Cache").c_str(), kView32);
+    std::vector<std::wstring> names = SubkeyNames(DbPath(L"Cache").c_str(), kView32);
     ASSERT_EQ(4u, names.size());
     EXPECT_EQ((std::vector<DWORD>{0, 1, 2, 3, 4}), asked);
     EXPECT_EQ((nv::NameIndexMap{{names[0], L"Cache\\" + names[0] + L"\\Users\\Index\\NameIndex"},
@@ -191,7 +182,7 @@ TEST_F(NameIndexTest, EnumerationErrorOnOneSubkeySkipsItAndTheOthersAreStillList
 // shorter than the bound is still skipped.
 TEST_F(NameIndexTest, ListingThatFailsOnEveryIndexEndsWithTheLastErrorAfterABoundedRun)
 {
-    CreateKeyPath(Sub(L"Cache\\D0").c_str(), kView32);
+    CreateKeyPath(DbPath(L"Cache\\D0").c_str(), kView32);
     OpenDb();
     DWORD calls = 0;
     auto locked = [&](HKEY, DWORD, wchar_t*, DWORD*) -> LONG {
@@ -218,7 +209,7 @@ TEST_F(NameIndexTest, ListingThatFailsOnEveryIndexEndsWithTheLastErrorAfterABoun
 
 TEST_F(NameIndexTest, ContainersAreFilledNotCleared)
 {
-    CreateKeyPath(Sub(L"Cache\\DOM").c_str(), kView32);
+    CreateKeyPath(DbPath(L"Cache\\DOM").c_str(), kView32);
     OpenDb();
     nv::NameIndexMap map{{L"DOM", L"old"}, {L"KEEP", L"kept"}};
     nv::PolicyKeyList list{L"first"};
@@ -230,7 +221,7 @@ TEST_F(NameIndexTest, ContainersAreFilledNotCleared)
 
 TEST_F(NameIndexTest, SixteenByteValuesGoAndOthersStay)
 {
-    const std::wstring index = Sub(L"MainDB\\Users\\Index\\NameIndex");
+    const std::wstring index = DbPath(L"MainDB\\Users\\Index\\NameIndex");
     SetBinary(index.c_str(), L"alice/", Id(1), kView32);
     SetBinary(index.c_str(), L"bob", Id(2), kView32);
     SetBinary(index.c_str(), L"note", {1, 2, 3, 4}, kView32);
@@ -238,33 +229,33 @@ TEST_F(NameIndexTest, SixteenByteValuesGoAndOthersStay)
     SetBinary(index.c_str(), L"long", std::vector<BYTE>(17, 7), kView32);
     SetDword(index.c_str(), L"Count", 2, kView32);
     SetBinary(index.c_str(), L"text16", Text(L"1234567"), kView32, REG_SZ); // 16 bytes of text
-    SetString(Sub(L"MainDB").c_str(), L"beside", L"x", kView32);
+    SetString(DbPath(L"MainDB").c_str(), L"beside", L"x", kView32);
     OpenDb();
-    RegTree before = Snapshot(kDb, kView32);
+    RegTree before = Snapshot(kDbPath, kView32);
 
     ASSERT_EQ(S_OK, Strip(L"MainDB\\Users\\Index\\NameIndex"));
 
     RegTree expected = before;
     for (const wchar_t* gone : {L"alice/", L"bob", L"text16"})
         ASSERT_EQ(1u, expected.values.erase(std::wstring(L"MainDB\\Users\\Index\\NameIndex|") + gone));
-    RegTree after = Snapshot(kDb, kView32);
+    RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == after) << DiffTrees(expected, after);
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
 }
 
 TEST_F(NameIndexTest, MissingNameIndexFailsWithFileNotFoundAndChangesNothing)
 {
-    SetBinary(Sub(L"MainDB\\Users").c_str(), L"id", Id(3), kView32);
+    SetBinary(DbPath(L"MainDB\\Users").c_str(), L"id", Id(3), kView32);
     OpenDb();
-    RegTree before = Snapshot(kDb, kView32);
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), Strip(L"MainDB\\Users\\Index\\NameIndex"));
-    RegTree after = Snapshot(kDb, kView32);
+    RegTree before = Snapshot(kDbPath, kView32);
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), Strip(L"MainDB\\Users\\Index\\NameIndex"));
+    RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
 }
 
 TEST_F(NameIndexTest, EmptyValueFailsWithError8AfterDeletingTheIdentifiersFoundBeforeIt)
 {
-    const std::wstring index = Sub(L"Cache\\DOM\\Users\\Index\\NameIndex");
+    const std::wstring index = DbPath(L"Cache\\DOM\\Users\\Index\\NameIndex");
     // The empty value is written in the middle, so that it is in the middle of the
     // enumeration whether the registry lists values by name or by age.
     for (const wchar_t* name : {L"u1", L"u2/", L"u3", L"u35", L"u4", L"u5/", L"u6"}) {
@@ -282,7 +273,7 @@ TEST_F(NameIndexTest, EmptyValueFailsWithError8AfterDeletingTheIdentifiersFoundB
     ASSERT_NE(order.end(), empty);
     ASSERT_NE(order.begin(), empty);
     ASSERT_NE(order.end() - 1, empty);
-    RegTree expected = Snapshot(kDb, kView32);
+    RegTree expected = Snapshot(kDbPath, kView32);
     size_t deleted = 0;
     for (auto it = order.begin(); it != empty; ++it)
         if (*it != L"Count")
@@ -290,17 +281,17 @@ TEST_F(NameIndexTest, EmptyValueFailsWithError8AfterDeletingTheIdentifiersFoundB
     ASSERT_GT(deleted, 0u);
     ASSERT_LT(deleted, 6u);
 
-    EXPECT_EQ(static_cast<HRESULT>(0x80070008), Strip(L"Cache\\DOM\\Users\\Index\\NameIndex"));
-    RegTree after = Snapshot(kDb, kView32);
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY), Strip(L"Cache\\DOM\\Users\\Index\\NameIndex"));
+    RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == after) << DiffTrees(expected, after);
 }
 
 TEST_F(NameIndexTest, AnEmptyIndexIsConvertedToItself)
 {
-    CreateKeyPath(Sub(L"MainDB\\Users\\Index\\NameIndex").c_str(), kView32);
+    CreateKeyPath(DbPath(L"MainDB\\Users\\Index\\NameIndex").c_str(), kView32);
     OpenDb();
-    RegTree before = Snapshot(kDb, kView32);
+    RegTree before = Snapshot(kDbPath, kView32);
     EXPECT_EQ(S_OK, Strip(L"MainDB\\Users\\Index\\NameIndex"));
-    RegTree after = Snapshot(kDb, kView32);
+    RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
 }

@@ -17,6 +17,10 @@
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
 #include "support/store_sandbox.h"
+#include "support/db_paths.h"
+#include "support/text_util.h"
+#include "support/tool_runs.h"
+#include "support/sample_databases.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -24,78 +28,29 @@ using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
-constexpr const wchar_t kMainDb[] = L"SOFTWARE\\Norvane\\DB\\MainDB";
-constexpr const wchar_t kBackup20[] = L"SOFTWARE\\Norvane\\DB-v2.0";
 constexpr const wchar_t kComponents[] = L"SOFTWARE\\Norvane\\Core\\SysComponents";
 
 const std::string kAlreadyConverted =
     "already converted: format 3.0 (no Data and no MainDB under HKLM\\SOFTWARE\\Norvane\\DB)";
 
-struct ToolRun {
-    DWORD exitCode = 0;
-    std::string out, err;
-};
+ProcessRun Nvdbconv(const std::wstring& args) { return WithPlainLineEnds(RunTool(L"nvdbconv.exe", args)); }
 
-ToolRun Nvdbconv(const std::wstring& args)
-{
-    const ProcessRun run = RunProcess(QuoteArg(ExeDirectory() + L"nvdbconv.exe") + L" " + args, 300000);
-    EXPECT_TRUE(run.started) << Narrow(args);
-    EXPECT_FALSE(run.timedOut) << Narrow(args);
-    return {run.exitCode, WithoutCarriageReturns(run.out), WithoutCarriageReturns(run.err)};
-}
-
-JsonValue Json(const ToolRun& run)
-{
-    JsonValue doc;
-    std::string error;
-    EXPECT_TRUE(ParseJson(run.out, &doc, &error)) << error << "\n" << run.out;
-    return doc;
-}
-
-bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
-// "  label           value\n", as the host lays out its text rows.
-std::string Row(const std::string& label, const std::string& value)
-{
-    std::string line = "  " + label;
-    line.resize(std::max<size_t>(line.size(), 17), ' ');
-    return line + " " + value + "\n";
-}
+// A text row with its line end.
+std::string RowLine(const std::string& label, const std::string& value) { return Row(label, value) + "\n"; }
 
 std::string Described(HRESULT hr) { return nvdbconv::DescribeResult(hr); }
-
-std::wstring StoreClassKey()
-{
-    wchar_t clsid[64] = {};
-    ::StringFromGUID2(nvstore::kClsidUserStore, clsid, 64);
-    return std::wstring(L"SOFTWARE\\Classes\\CLSID\\") + clsid;
-}
 
 // The container is tracked (which deletes any old one) before the writer makes it.
 void Write20(ContainerJanitor& containers, unsigned users)
 {
-    nvwriter::Db20Options options;
-    options.seed = 4242;
-    options.userCount = users;
-    options.domainCount = 1;
-    const nvwriter::Db20Database db = nvwriter::MakeDb20Database(options);
-    containers.Track(db.hostId);
-    ASSERT_EQ(S_OK, nvwriter::WriteDb20Database(db));
+    nvwriter::Db20Database db;
+    ASSERT_EQ(S_OK, WriteTracked20(containers, users, 4242, {}, &db));
 }
 
 // A 1.0 database; with users20 it already holds that many 2.0-style users.
 void Write10(ContainerJanitor& containers, unsigned users20 = 0)
 {
-    nvwriter::DbOptions options;
-    options.users = 4;
-    options.domains = 1;
-    options.users20 = users20;
-    options.wipe = true;
-    if (users20)
-        containers.Track(nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options)).hostId);
-    nvwriter::DbRecord record;
-    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    ASSERT_EQ(S_OK, Write10With20Records(containers, 4, users20, true));
 }
 
 const std::string kEmptyValueInMainDb =
@@ -112,20 +67,20 @@ TEST_F(NvdbconvFinishedTest, ConvertAfterUpgradeSaysAlreadyConvertedAndChangesNo
 {
     ContainerJanitor containers;
     Write20(containers, 3);
-    const ToolRun upgrade = Nvdbconv(L"upgrade");
+    const ProcessRun upgrade = Nvdbconv(L"upgrade");
     ASSERT_EQ(0u, upgrade.exitCode) << upgrade.out << upgrade.err;
     // Finished as the format has it: "Version" reads 2.1, no Data, no MainDB.
     std::wstring version;
-    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    ASSERT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"2.1", version);
     ASSERT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Data", kView32));
-    ASSERT_FALSE(KeyExists(kMainDb, kView32));
+    ASSERT_FALSE(KeyExists(kMainDbPath, kView32));
     const SuiteSnapshot before = SnapshotSuite();
 
-    ToolRun run = Nvdbconv(L"convert");
+    ProcessRun run = Nvdbconv(L"convert");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
-    EXPECT_TRUE(Contains(run.out, Row("version", "2.1 (0x00020001) -> target 3.0 (0x00030000)"))) << run.out;
-    EXPECT_TRUE(Contains(run.out, Row("state", kAlreadyConverted + "; Convert not called"))) << run.out;
+    EXPECT_TRUE(Contains(run.out, RowLine("version", "2.1 (0x00020001) -> target 3.0 (0x00030000)"))) << run.out;
+    EXPECT_TRUE(Contains(run.out, RowLine("state", kAlreadyConverted + "; Convert not called"))) << run.out;
     EXPECT_FALSE(Contains(run.out, "  Convert ")) << run.out;
     EXPECT_EQ("", run.err);
     ExpectSuiteUnchanged(before, __LINE__);
@@ -138,7 +93,7 @@ TEST_F(NvdbconvFinishedTest, ConvertAfterUpgradeSaysAlreadyConvertedAndChangesNo
     EXPECT_EQ("3.0", doc["before"]["layout"].Text());
     EXPECT_EQ(0, doc["exitCode"].Int());
     ExpectSuiteUnchanged(before, __LINE__);
-    EXPECT_FALSE(KeyExists(kBackup20, kView64));
+    EXPECT_FALSE(KeyExists(kBackup20Path, kView64));
 }
 
 TEST_F(NvdbconvFinishedTest, UpgradeOfAConvertedDatabaseSaysSoAndChangesNothing)
@@ -148,9 +103,9 @@ TEST_F(NvdbconvFinishedTest, UpgradeOfAConvertedDatabaseSaysSoAndChangesNothing)
     ASSERT_EQ(0u, Nvdbconv(L"upgrade").exitCode);
     const SuiteSnapshot before = SnapshotSuite();
 
-    ToolRun run = Nvdbconv(L"upgrade");
+    ProcessRun run = Nvdbconv(L"upgrade");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
-    EXPECT_TRUE(Contains(run.out, Row("upgrade", kAlreadyConverted + "; nothing to do"))) << run.out;
+    EXPECT_TRUE(Contains(run.out, RowLine("upgrade", kAlreadyConverted + "; nothing to do"))) << run.out;
     EXPECT_FALSE(Contains(run.out, "  step ")) << run.out;
     EXPECT_EQ("", run.err);
     ExpectSuiteUnchanged(before, __LINE__);
@@ -171,12 +126,12 @@ TEST_F(NvdbconvFinishedTest, ALayout30DatabaseIsConvertedWhateverVersionReads)
 {
     for (const wchar_t* text : {L"2.0", L"2.1", L"3.0"}) {
         SCOPED_TRACE(Narrow(text));
-        ASSERT_TRUE(DeleteTree(kDb, kView32));
-        SetString(kDb, L"Version", text, kView32);
+        ASSERT_TRUE(DeleteTree(kDbPath, kView32));
+        SetString(kDbPath, L"Version", text, kView32);
         SetString(L"SOFTWARE\\Norvane\\DB\\Policies", L"Kept", L"yes", kView32);
         const SuiteSnapshot before = SnapshotSuite();
         for (const wchar_t* command : {L"convert", L"upgrade"}) {
-            const ToolRun run = Nvdbconv(command);
+            const ProcessRun run = Nvdbconv(command);
             EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
             EXPECT_TRUE(Contains(run.out, kAlreadyConverted)) << run.out;
             EXPECT_EQ("", run.err);
@@ -199,14 +154,14 @@ TEST_F(NvdbconvFinishedTest, ConvertOfAFinishedDatabaseRemovesWhatAnInterruptedR
     // The backup key and its name, as Cleanup found them before it was interrupted.
     SetString(L"SOFTWARE\\Norvane\\DB-v2.0\\Data\\Users\\{00000000-0000-0000-0000-000000000001}", L"Kept",
               L"old", kView64);
-    SetString(kDb, L"Backup", L"SOFTWARE\\Norvane\\DB-v2.0", kView32);
-    ToolRun run = Nvdbconv(L"convert");
+    SetString(kDbPath, L"Backup", L"SOFTWARE\\Norvane\\DB-v2.0", kView32);
+    ProcessRun run = Nvdbconv(L"convert");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
-    EXPECT_TRUE(Contains(run.out, Row("state", kAlreadyConverted + "; Convert not called"))) << run.out;
-    EXPECT_TRUE(Contains(run.out, Row("left over", "backup key HKLM\\SOFTWARE\\Norvane\\DB-v2.0 of an interrupted "
-                                                   "run: Cleanup " + nvdbconv::DescribeResult(S_OK, "Cleanup"))))
+    EXPECT_TRUE(Contains(run.out, RowLine("state", kAlreadyConverted + "; Convert not called"))) << run.out;
+    EXPECT_TRUE(Contains(run.out, RowLine("left over", "backup key HKLM\\SOFTWARE\\Norvane\\DB-v2.0 of an interrupted "
+                                                   "run: Cleanup " + kSucceeded)))
         << run.out;
-    EXPECT_FALSE(KeyExists(kBackup20, kView64));
+    EXPECT_FALSE(KeyExists(kBackup20Path, kView64));
     ExpectSuiteUnchanged(finished, __LINE__);
     run = Nvdbconv(L"convert");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
@@ -214,7 +169,7 @@ TEST_F(NvdbconvFinishedTest, ConvertOfAFinishedDatabaseRemovesWhatAnInterruptedR
     ExpectSuiteUnchanged(finished, __LINE__);
 
     // "Backup" naming a key that is gone: only the value goes.
-    SetString(kDb, L"Backup", L"SOFTWARE\\Norvane\\DB-v2.0", kView32);
+    SetString(kDbPath, L"Backup", L"SOFTWARE\\Norvane\\DB-v2.0", kView32);
     run = Nvdbconv(L"--json convert");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
     const JsonValue doc = Json(run);
@@ -223,7 +178,7 @@ TEST_F(NvdbconvFinishedTest, ConvertOfAFinishedDatabaseRemovesWhatAnInterruptedR
     ExpectSuiteUnchanged(finished, __LINE__);
 
     // A foreign one is not ours to touch.
-    SetString(kDb, L"Backup", L"SOFTWARE\\Elsewhere", kView32);
+    SetString(kDbPath, L"Backup", L"SOFTWARE\\Elsewhere", kView32);
     const SuiteSnapshot planted = SnapshotSuite();
     run = Nvdbconv(L"convert");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
@@ -240,20 +195,20 @@ TEST_F(NvdbconvFinishedTest, A2xDatabaseWithoutDataUsersIsNotConvertedAgain)
     Write20(containers, 2);
     ASSERT_EQ(0u, Nvdbconv(L"upgrade").exitCode);
     SetString(L"SOFTWARE\\Norvane\\DB\\Data\\Other", L"Left", L"over", kView32);
-    SetString(kMainDb, L"Left", L"over", kView32);
+    SetString(kMainDbPath, L"Left", L"over", kView32);
     const SuiteSnapshot before = SnapshotSuite();
 
     for (int run = 0; run < 2; ++run) {
-        const ToolRun convert = Nvdbconv(L"convert");
+        const ProcessRun convert = Nvdbconv(L"convert");
         EXPECT_EQ(0u, convert.exitCode) << convert.out << convert.err;
-        EXPECT_TRUE(Contains(convert.out, Row("state", "no Data\\Users: every user was moved, the rest of the old "
+        EXPECT_TRUE(Contains(convert.out, RowLine("state", "no Data\\Users: every user was moved, the rest of the old "
                                                        "database is what an interrupted clean-up left; Convert not "
                                                        "called")))
             << convert.out;
         EXPECT_FALSE(Contains(convert.out, "  Convert ")) << convert.out;
         ExpectSuiteUnchanged(before, __LINE__);
     }
-    EXPECT_FALSE(KeyExists(kBackup20, kView64));
+    EXPECT_FALSE(KeyExists(kBackup20Path, kView64));
 }
 
 // A 2.0 database with users still under Data\Users is not finished: convert runs.
@@ -261,11 +216,11 @@ TEST_F(NvdbconvFinishedTest, A20DatabaseWithUsersLeftIsStillConverted)
 {
     ContainerJanitor containers;
     Write20(containers, 2);
-    const ToolRun run = Nvdbconv(L"convert");
+    const ProcessRun run = Nvdbconv(L"convert");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
     EXPECT_FALSE(Contains(run.out, "already converted")) << run.out;
-    EXPECT_TRUE(Contains(run.out, Row("Convert", Described(S_OK)))) << run.out;
-    EXPECT_FALSE(KeyExists(kMainDb, kView32));
+    EXPECT_TRUE(Contains(run.out, RowLine("Convert", kSucceeded))) << run.out;
+    EXPECT_FALSE(KeyExists(kMainDbPath, kView32));
 }
 
 class NvdbconvInstallerTest : public StoreSandbox {};
@@ -275,17 +230,17 @@ TEST_F(NvdbconvInstallerTest, UnregisterWithNothingRegisteredSucceedsTwice)
     ASSERT_FALSE(KeyExists(kComponents, kView64));
     for (int i = 0; i < 2; ++i) {
         SCOPED_TRACE(i);
-        const ToolRun run = Nvdbconv(L"unregister");
+        const ProcessRun run = Nvdbconv(L"unregister");
         EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
-        EXPECT_TRUE(Contains(run.out, Row("DllUnregisterServer", Described(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)))))
+        EXPECT_TRUE(Contains(run.out, RowLine("DllUnregisterServer", Described(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)))))
             << run.out;
         EXPECT_TRUE(Contains(
-            run.out, Row("unregistered", "nothing was registered (no HKLM\\SOFTWARE\\Norvane\\Core\\SysComponents)")))
+            run.out, RowLine("unregistered", "nothing was registered (no HKLM\\SOFTWARE\\Norvane\\Core\\SysComponents)")))
             << run.out;
         EXPECT_EQ("", run.err);
         EXPECT_FALSE(KeyExists(kComponents, kView64));
     }
-    const ToolRun json = Nvdbconv(L"--json unregister");
+    const ProcessRun json = Nvdbconv(L"--json unregister");
     EXPECT_EQ(0u, json.exitCode);
     const JsonValue doc = Json(json);
     EXPECT_TRUE(doc["nothingRegistered"].Bool());
@@ -296,7 +251,7 @@ TEST_F(NvdbconvInstallerTest, UnregisterWithNothingRegisteredSucceedsTwice)
 TEST_F(NvdbconvInstallerTest, UnregisterAfterRegisterIsNotNothingRegistered)
 {
     ASSERT_EQ(0u, Nvdbconv(L"register").exitCode);
-    const ToolRun run = Nvdbconv(L"--json unregister");
+    const ProcessRun run = Nvdbconv(L"--json unregister");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
     const JsonValue doc = Json(run);
     EXPECT_FALSE(doc["nothingRegistered"].Bool());
@@ -310,24 +265,24 @@ TEST_F(NvdbconvInstallerTest, OneUserIsCountedInTheSingular)
     Write20(containers, 1);
     ASSERT_TRUE(DeleteTree(StoreClassKey().c_str(), kView64));
 
-    ToolRun run = Nvdbconv(L"status");
-    EXPECT_TRUE(Contains(run.out, Row("state", "format 2.0: 1 user to move into the store (convert)"))) << run.out;
+    ProcessRun run = Nvdbconv(L"status");
+    EXPECT_TRUE(Contains(run.out, RowLine("state", "format 2.0: 1 user to move into the store (convert)"))) << run.out;
 
     run = Nvdbconv(L"convert");
     EXPECT_EQ(3u, run.exitCode) << run.out << run.err;
-    EXPECT_TRUE(Contains(run.out, Row("users", "1 user key under Data\\Users to move into the store"))) << run.out;
+    EXPECT_TRUE(Contains(run.out, RowLine("users", "1 user key under Data\\Users to move into the store"))) << run.out;
     EXPECT_TRUE(Contains(run.err, "none of the\n  1 user can be moved: every one")) << run.err;
 
     run = Nvdbconv(L"convert --force");
     EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
-    EXPECT_TRUE(Contains(run.out, Row("kept old data", "1 of 1 user (Convert answered S_OK all the same)"))) << run.out;
+    EXPECT_TRUE(Contains(run.out, RowLine("kept old data", "1 of 1 user (Convert answered S_OK all the same)"))) << run.out;
     EXPECT_TRUE(Contains(run.err, "nvdbconv: 1 of 1 user kept their old data under "
                                   "HKLM\\SOFTWARE\\Norvane\\DB\\Data\\Users (exit code 4)\n"))
         << run.err;
 
     run = Nvdbconv(L"check");
     EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
-    EXPECT_TRUE(Contains(run.out, Row("verdict", "1 of 1 user would not convert and would keep their old data")))
+    EXPECT_TRUE(Contains(run.out, RowLine("verdict", "1 of 1 user would not convert and would keep their old data")))
         << run.out;
 }
 
@@ -340,14 +295,14 @@ TEST_F(NvdbconvInstallerTest, CheckOfA10DatabaseJudgesOnlyTheStepTo20)
     ASSERT_TRUE(DeleteTree(StoreClassKey().c_str(), kView64));
     const SuiteSnapshot before = SnapshotSuite();
 
-    ToolRun run = Nvdbconv(L"check");
+    ProcessRun run = Nvdbconv(L"check");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
     EXPECT_FALSE(Contains(run.out, "would fail")) << run.out;
-    EXPECT_TRUE(Contains(run.out, Row("users", "3 under Data\\Users (the next step does not move them)"))) << run.out;
+    EXPECT_TRUE(Contains(run.out, RowLine("users", "3 under Data\\Users (the next step does not move them)"))) << run.out;
     // Listed, one of them with a single template, without a verdict on each.
     EXPECT_TRUE(Contains(run.out, ": record ok, 1 template (mask 0x00000002), 2 secrets, password secret opens\n"))
         << run.out;
-    EXPECT_TRUE(Contains(run.out, Row("verdict", "the 1.0 -> 2.0 step moves no user; nothing stands in its way")))
+    EXPECT_TRUE(Contains(run.out, RowLine("verdict", "the 1.0 -> 2.0 step moves no user; nothing stands in its way")))
         << run.out;
     EXPECT_EQ("", run.err);
 
@@ -369,7 +324,7 @@ protected:
         StoreSandbox::SetUp();
         Write10(m_containers);
         // Zero bytes: the backup's copy refuses it.
-        SetBinary(kMainDb, L"Blank", {}, kView32);
+        SetBinary(kMainDbPath, L"Blank", {}, kView32);
     }
     ContainerJanitor m_containers;
 };
@@ -377,11 +332,11 @@ protected:
 TEST_F(NvdbconvEmptyValueTest, CheckNamesTheKeyAndTheValueAndExits4)
 {
     const SuiteSnapshot before = SnapshotSuite();
-    ToolRun run = Nvdbconv(L"check");
+    ProcessRun run = Nvdbconv(L"check");
     EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
-    EXPECT_TRUE(Contains(run.out, Row("backup", "would fail: " + kEmptyValueInMainDb))) << run.out;
+    EXPECT_TRUE(Contains(run.out, RowLine("backup", "would fail: " + kEmptyValueInMainDb))) << run.out;
     const std::string verdict = "the 1.0 -> 2.0 step would fail before converting anything: " + kEmptyValueInMainDb;
-    EXPECT_TRUE(Contains(run.out, Row("verdict", verdict))) << run.out;
+    EXPECT_TRUE(Contains(run.out, RowLine("verdict", verdict))) << run.out;
     EXPECT_EQ("nvdbconv: " + verdict + "\n", run.err);
 
     run = Nvdbconv(L"--json check");
@@ -395,13 +350,13 @@ TEST_F(NvdbconvEmptyValueTest, CheckNamesTheKeyAndTheValueAndExits4)
 TEST_F(NvdbconvEmptyValueTest, ConvertNamesTheKeyAndTheValueWhenTheBackupFails)
 {
     const HRESULT refused = HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY);
-    const ToolRun run = Nvdbconv(L"convert");
+    const ProcessRun run = Nvdbconv(L"convert");
     EXPECT_EQ(1u, run.exitCode) << run.out << run.err;
-    EXPECT_TRUE(Contains(run.out, Row("Convert", Described(refused)) + Row("cause", kEmptyValueInMainDb)))
+    EXPECT_TRUE(Contains(run.out, RowLine("Convert", Described(refused)) + RowLine("cause", kEmptyValueInMainDb)))
         << run.out;
     EXPECT_EQ("nvdbconv: Convert failed: " + Described(refused) + ": " + kEmptyValueInMainDb + "\n", run.err);
     std::wstring version;
-    EXPECT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    EXPECT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"1.0", version);
 }
 
@@ -410,12 +365,12 @@ TEST_F(NvdbconvEmptyValueTest, ConvertNamesTheKeyAndTheValueWhenTheBackupFails)
 TEST_F(NvdbconvEmptyValueTest, UpgradeLabelsTheFailedStepByItsTargetAndNamesTheValue)
 {
     const HRESULT refused = HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY);
-    ToolRun run = Nvdbconv(L"upgrade");
+    ProcessRun run = Nvdbconv(L"upgrade");
     EXPECT_EQ(1u, run.exitCode) << run.out << run.err;
     EXPECT_TRUE(Contains(run.out, "  step 1: 1.0 -> 2.0, Convert " + Described(refused) + ", exit 1\n"
                                   "    cause: " + kEmptyValueInMainDb + "\n"))
         << run.out;
-    EXPECT_TRUE(Contains(run.out, Row("upgrade", "1.0 failed: " + kEmptyValueInMainDb))) << run.out;
+    EXPECT_TRUE(Contains(run.out, RowLine("upgrade", "1.0 failed: " + kEmptyValueInMainDb))) << run.out;
     EXPECT_EQ("nvdbconv: upgrade failed: 1.0 failed: " + kEmptyValueInMainDb + "\n", run.err);
 
     run = Nvdbconv(L"--json upgrade");

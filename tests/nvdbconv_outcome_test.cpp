@@ -22,6 +22,10 @@
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
 #include "support/store_sandbox.h"
+#include "support/db_paths.h"
+#include "support/text_util.h"
+#include "support/tool_runs.h"
+#include "support/sample_databases.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -29,56 +33,15 @@ using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
-constexpr const wchar_t kUsers[] = L"SOFTWARE\\Norvane\\DB\\Data\\Users";
-
-ProcessRun RunTool(const std::wstring& exe, const std::wstring& args)
-{
-    ProcessRun run = RunProcess(QuoteArg(ExeDirectory() + exe) + L" " + args, 300000);
-    EXPECT_TRUE(run.started) << Narrow(exe);
-    EXPECT_FALSE(run.timedOut) << Narrow(args);
-    return run;
-}
-
 ProcessRun Nvdbconv(const std::wstring& args) { return RunTool(L"nvdbconv.exe", args); }
 
-JsonValue Json(const ProcessRun& run)
-{
-    JsonValue doc;
-    std::string error;
-    EXPECT_TRUE(ParseJson(run.out, &doc, &error)) << error << "\n" << run.out;
-    return doc;
-}
-
-bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
-std::wstring StoreClassKey()
-{
-    wchar_t clsid[64] = {};
-    ::StringFromGUID2(nvstore::kClsidUserStore, clsid, 64);
-    return std::wstring(L"SOFTWARE\\Classes\\CLSID\\") + clsid;
-}
-
-std::wstring TraceFile()
-{
-    wchar_t dir[MAX_PATH] = {};
-    ::GetTempPathW(MAX_PATH, dir);
-    return std::wstring(dir) + L"nvdbconv-outcome-" + std::to_wstring(::GetCurrentProcessId()) + L".trc3";
-}
+std::wstring TraceFile() { return TempTraceFile(L"nvdbconv-outcome-"); }
 
 // The container is tracked (which deletes any old one) before the writer makes it.
 nvwriter::Db20Database Write20(ContainerJanitor& containers, unsigned users,
                                std::vector<std::pair<unsigned, nvwriter::Db20Defect>> defects = {})
 {
-    nvwriter::Db20Options options;
-    options.seed = 1616;
-    options.userCount = users;
-    options.domainCount = 1;
-    options.defects = std::move(defects);
-    nvwriter::Db20Database db = nvwriter::MakeDb20Database(options);
-    containers.Track(db.hostId);
-    EXPECT_EQ(S_OK, nvwriter::WriteDb20Database(db));
-    return db;
+    return WriteTracked20(containers, users, 1616, std::move(defects));
 }
 
 // Wine keeps machine key containers in the registry (Wine\Crypto\RSA\<name>) and
@@ -111,7 +74,7 @@ void ExpectUnchanged(const RegTree& before, const RegTree& after)
 
 std::vector<std::wstring> UserKeyNames()
 {
-    std::vector<std::wstring> names = SubkeyNames(kUsers, kView32);
+    std::vector<std::wstring> names = SubkeyNames(kDataUsersPath, kView32);
     return names;
 }
 
@@ -131,7 +94,7 @@ TEST_F(NvdbconvOutcomeTest, WithoutTheStoreConvertRefusesAndChangesNothing)
     ContainerJanitor containers;
     const nvwriter::Db20Database db = Write20(containers, 3);
     ASSERT_TRUE(DeleteTree(StoreClassKey().c_str(), kView64));
-    const RegTree before = Snapshot(kDb, kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
 
     ProcessRun run = Nvdbconv(L"convert");
     EXPECT_EQ(3u, run.exitCode) << run.out << run.err;
@@ -147,7 +110,7 @@ TEST_F(NvdbconvOutcomeTest, WithoutTheStoreConvertRefusesAndChangesNothing)
     EXPECT_FALSE(doc["storeRegistered"].Bool());
     EXPECT_EQ(3, doc["exitCode"].Int());
 
-    const RegTree after = Snapshot(kDb, kView32);
+    const RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
 }
 
@@ -216,20 +179,14 @@ TEST_F(NvdbconvOutcomeTest, ForcedWithoutTheStoreExits4AndNamesEveryUserWithItsT
 
 TEST_F(NvdbconvOutcomeTest, UpgradeChains10To20To30InChildProcesses)
 {
-    nvwriter::DbOptions options;
-    options.users = 5;
-    options.domains = 1;
-    options.users20 = 5;
     ContainerJanitor containers;
-    containers.Track(nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options)).hostId);
-    nvwriter::DbRecord record;
-    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    ASSERT_EQ(S_OK, Write10With20Records(containers, 5, 5));
 
     const ProcessRun run = Nvdbconv(L"upgrade");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
     const std::string out = WithoutCarriageReturns(run.out);
-    EXPECT_TRUE(Contains(out, "  step 1: 1.0 -> 2.0, Convert " + nvdbconv::DescribeResult(S_OK) + ", exit 0\n")) << out;
-    EXPECT_TRUE(Contains(out, "  step 2: 2.0 -> 3.0, Convert " + nvdbconv::DescribeResult(S_OK) + ", exit 0\n"
+    EXPECT_TRUE(Contains(out, "  step 1: 1.0 -> 2.0, Convert " + kSucceeded + ", exit 0\n")) << out;
+    EXPECT_TRUE(Contains(out, "  step 2: 2.0 -> 3.0, Convert " + kSucceeded + ", exit 0\n"
                               "    users: 5 of 5 moved into the store\n"))
         << out;
     EXPECT_TRUE(Contains(out, "  upgrade         1.0 -> 2.0 -> 3.0 done, 5 of 5 users in the store\n")) << out;
@@ -301,7 +258,7 @@ TEST_F(NvdbconvOutcomeTest, CheckNamesTheUserWhoWouldFailAndWritesNothing)
     ExpectUnchanged(before32, after32);
     ExpectUnchanged(before64, after64);
     std::wstring version;
-    EXPECT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    EXPECT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"2.0", version);
 }
 
@@ -320,7 +277,6 @@ TEST_F(NvdbconvOutcomeTest, CheckOfAHealthyDatabaseExits0)
 namespace {
 
 constexpr const wchar_t kPasswordSecret[] = L"SystemLogonInfo";
-constexpr const wchar_t kPolicy[] = L"SOFTWARE\\Norvane\\Policies\\Default";
 
 // What the library traces and nvdbconv and nvtrace show for a user whose password
 // secret the store refused (E_FAIL, the store's default failure).
@@ -375,7 +331,7 @@ TEST_F(NvdbconvGapsTest, ConvertNamesWhatDidNotReachTheStoreAndExits4)
     const ProcessRun run = Nvdbconv(L"convert");
     EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
     const std::string out = WithoutCarriageReturns(run.out);
-    EXPECT_TRUE(Contains(out, "  Convert         " + nvdbconv::DescribeResult(S_OK) + "\n")) << out;
+    EXPECT_TRUE(Contains(out, "  Convert         " + kSucceeded + "\n")) << out;
     EXPECT_TRUE(Contains(out, "  moved with gaps 3 of 3 users: parts of them did not reach the store (Convert "
                               "answered S_OK)\n"))
         << out;
@@ -470,7 +426,7 @@ TEST_F(NvdbconvGapsTest, UpgradeReportsMovedWithGapsNamesThemAndExits4)
     const ProcessRun run = Nvdbconv(L"upgrade");
     EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
     const std::string out = WithoutCarriageReturns(run.out);
-    EXPECT_TRUE(Contains(out, "  step 1: 2.0 -> 3.0, Convert " + nvdbconv::DescribeResult(S_OK) + ", exit 4\n"
+    EXPECT_TRUE(Contains(out, "  step 1: 2.0 -> 3.0, Convert " + kSucceeded + ", exit 4\n"
                               "    users: 3 of 3 moved into the store\n"))
         << out;
     for (const std::string& sid : SortedSids(db))
@@ -508,7 +464,7 @@ TEST_F(NvdbconvGapsTest, UpgradeNamesTheUserTheStrictPolicyHeld)
     ContainerJanitor containers;
     const nvwriter::Db20Database db = Write20(containers, 2);
     TracingOn();
-    SetDword(kPolicy, L"StrictConversion", 1, kView64);
+    SetDword(kPolicyDefaultPath, L"StrictConversion", 1, kView64);
     const nvwriter::Db20User& held = db.users[1];
     nvstore::inspect::SetFailOpenUser({held.sidText}, E_ACCESSDENIED);
 

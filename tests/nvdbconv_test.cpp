@@ -34,6 +34,9 @@
 #include "support/registry_sandbox.h"
 #include "support/store_sandbox.h"
 #include "support/unix_side.h"
+#include "support/db_paths.h"
+#include "support/text_util.h"
+#include "support/tool_runs.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -41,57 +44,16 @@ using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
-constexpr const wchar_t kUsers[] = L"SOFTWARE\\Norvane\\DB\\Data\\Users";
 constexpr const wchar_t kBackup10[] = L"SOFTWARE\\Norvane\\DB-v1.0";
 constexpr const wchar_t kTracing[] = L"SOFTWARE\\Norvane\\Tracing";
 constexpr const wchar_t kComponents[] = L"SOFTWARE\\Norvane\\Core\\SysComponents";
 
-std::wstring NvdbconvExe() { return ExeDirectory() + L"nvdbconv.exe"; }
 std::wstring LibraryPath() { return ExeDirectory() + L"NVDBConv.dll"; }
 std::string LibraryPathU8() { return Narrow(LibraryPath()); }
+ProcessRun Nvdbconv(const std::wstring& args) { return RunTool(L"nvdbconv.exe", args, 120000); }
 
-ProcessRun Nvdbconv(const std::wstring& args)
-{
-    ProcessRun run = RunProcess(QuoteArg(NvdbconvExe()) + L" " + args);
-    EXPECT_TRUE(run.started) << "nvdbconv.exe did not start";
-    EXPECT_FALSE(run.timedOut) << Narrow(args);
-    return run;
-}
-
-JsonValue Json(const ProcessRun& run)
-{
-    JsonValue doc;
-    std::string error;
-    EXPECT_TRUE(ParseJson(run.out, &doc, &error)) << error << "\n" << run.out;
-    return doc;
-}
-
-bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
-std::vector<std::string> Lines(const std::string& text)
-{
-    std::vector<std::string> lines;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos)
-            end = text.size();
-        lines.push_back(text.substr(start, end - start));
-        start = end + 1;
-    }
-    return lines;
-}
-
-// "  label           value", as the host lays out its text rows.
-std::string Row(const std::string& label, const std::string& value)
-{
-    std::string line = "  " + label;
-    line.resize(std::max<size_t>(line.size(), 17), ' ');
-    return line + " " + value;
-}
-
-std::string Described(HRESULT hr) { return nvdbconv::DescribeResult(hr); }
+// The tool's line for a failed call: code, symbol and Wine's message text.
+const std::string kFailed = "0x80004005 E_FAIL \"Call failed.\"";
 
 nvwriter::DbRecord Write10(unsigned users = 6, unsigned domains = 1, REGSAM view = KEY_WOW64_32KEY)
 {
@@ -105,13 +67,11 @@ nvwriter::DbRecord Write10(unsigned users = 6, unsigned domains = 1, REGSAM view
     return record;
 }
 
-void CheckResult(const JsonValue& result, HRESULT hr, const char* call = nullptr)
+void CheckResult(const JsonValue& result, HRESULT hr, const std::string& message)
 {
-    char hex[16];
-    std::snprintf(hex, sizeof(hex), "0x%08lX", static_cast<unsigned long>(hr));
-    EXPECT_EQ(hex, result["hr"].Text());
+    EXPECT_EQ(Hex(hr), result["hr"].Text());
     EXPECT_EQ(static_cast<long>(hr), result["code"].Int());
-    EXPECT_EQ(nvdbconv::ResultMessage(hr, call), result["message"].Text());
+    EXPECT_EQ(message, result["message"].Text());
     EXPECT_EQ(SUCCEEDED(hr), result["ok"].Bool());
     EXPECT_TRUE(result["ok"].IsBool());
 }
@@ -237,7 +197,7 @@ TEST_F(NvdbconvStatusTest, A10DatabaseInText)
     const std::vector<std::string> expected = {
         "nvdbconv status",
         Row("library", LibraryPathU8()),
-        Row("GetDBVersion", Described(S_OK)),
+        Row("GetDBVersion", kSucceeded),
         Row("version", "1.0 (0x00010000) -> target 2.0 (0x00020000)"),
         Row("database", "HKLM\\SOFTWARE\\Norvane\\DB, 32-bit view"),
         Row("\"Version\"", "\"1.0\" (32-bit view)"),
@@ -251,13 +211,13 @@ TEST_F(NvdbconvStatusTest, A10DatabaseInText)
                                 : "registered: " + Narrow(RegisteredStoreServerPath())),
         Row("trace", "off (no HKLM\\SOFTWARE\\Norvane\\Tracing key)"),
     };
-    EXPECT_EQ(expected, Lines(run.out));
+    EXPECT_EQ(expected, SplitLines(run.out));
 }
 
 TEST_F(NvdbconvStatusTest, JsonReportsVersionViewsBackupUsersAndTraceSettings)
 {
     Write10(6, 1);
-    SetString(kDb, L"Backup", L"SOFTWARE\\Norvane\\DB-v1.0", kView32);
+    SetString(kDbPath, L"Backup", L"SOFTWARE\\Norvane\\DB-v1.0", kView32);
     CreateKeyPath(kBackup10, kView32);
     CreateKeyPath(L"SOFTWARE\\Norvane\\DB\\Data\\Users\\{00000000-0000-0000-0000-000000000001}", kView32);
     CreateKeyPath(L"SOFTWARE\\Norvane\\DB\\Data\\Users\\{00000000-0000-0000-0000-000000000002}", kView32);
@@ -274,8 +234,8 @@ TEST_F(NvdbconvStatusTest, JsonReportsVersionViewsBackupUsersAndTraceSettings)
     EXPECT_EQ("nvdbconv", doc["tool"].Text());
     EXPECT_EQ("status", doc["command"].Text());
     EXPECT_EQ(LibraryPathU8(), doc["dll"].Text());
-    CheckResult(doc["load"], S_OK);
-    CheckResult(doc["getDBVersion"]["result"], S_OK);
+    CheckResult(doc["load"], S_OK, "Success.");
+    CheckResult(doc["getDBVersion"]["result"], S_OK, "Success.");
     EXPECT_EQ(0x00010000, doc["getDBVersion"]["current"].Int());
     EXPECT_EQ("1.0", doc["getDBVersion"]["currentText"].Text());
     EXPECT_EQ(0x00020000, doc["getDBVersion"]["target"].Int());
@@ -328,7 +288,7 @@ TEST_F(NvdbconvStatusTest, NoDatabaseReportsVersionZeroAndNothingToConvert)
 
     run = Nvdbconv(L"status");
     EXPECT_EQ(0u, run.exitCode);
-    const std::vector<std::string> lines = Lines(run.out);
+    const std::vector<std::string> lines = SplitLines(run.out);
     EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(),
                                      Row("version", "none (0x00000000) -> target none (0x00000000): no converter for "
                                                     "this database")))
@@ -340,7 +300,7 @@ TEST_F(NvdbconvStatusTest, NoDatabaseReportsVersionZeroAndNothingToConvert)
 TEST_F(NvdbconvStatusTest, DatabaseInBothViewsIsReadFromThe64BitViewFirst)
 {
     Write10(3, 0, KEY_WOW64_32KEY);
-    SetString(kDb, L"Version", L"2.0", kView64);
+    SetString(kDbPath, L"Version", L"2.0", kView64);
     const JsonValue doc = Json(Nvdbconv(L"--json status"));
     ASSERT_EQ(2u, doc["database"]["views"].Size());
     EXPECT_EQ("32-bit", doc["database"]["views"][0].Text());
@@ -377,7 +337,7 @@ TEST_F(NvdbconvConvertTest, Convert10RewritesTheDatabaseTo20AndReportsIt)
     ProcessRun run = Nvdbconv(L"--json convert");
     EXPECT_EQ(0u, run.exitCode) << run.err;
     const JsonValue doc = Json(run);
-    CheckResult(doc["convert"], S_OK);
+    CheckResult(doc["convert"], S_OK, "Success.");
     EXPECT_EQ("1.0", doc["before"]["version"].Text());
     EXPECT_EQ("1.0", doc["before"]["layout"].Text());
     EXPECT_EQ("2.0", doc["after"]["version"].Text());
@@ -391,7 +351,7 @@ TEST_F(NvdbconvConvertTest, Convert10RewritesTheDatabaseTo20AndReportsIt)
     DWORD cch = MAX_COMPUTERNAME_LENGTH + 1;
     ASSERT_TRUE(::GetComputerNameExW(ComputerNameNetBIOS, computer, &cch));
     RegTree expected = ToRegTree(record.ExpectedAfter10To20(computer));
-    RegTree actual = Snapshot(kDb, kView32);
+    RegTree actual = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
     EXPECT_FALSE(KeyExists(kBackup10, kView32));
 }
@@ -404,13 +364,13 @@ TEST_F(NvdbconvConvertTest, ConvertInTextShowsEveryResultAndTheOutcome)
     const std::vector<std::string> expected = {
         "nvdbconv convert",
         Row("library", LibraryPathU8()),
-        Row("GetDBVersion", Described(S_OK)),
+        Row("GetDBVersion", kSucceeded),
         Row("version", "1.0 (0x00010000) -> target 2.0 (0x00020000)"),
-        Row("Convert", Described(S_OK)),
+        Row("Convert", kSucceeded),
         Row("now", "format 2.0, no users under Data\\Users: convert has nobody to move"),
         Row("backup", "no \"Backup\" value"),
     };
-    EXPECT_EQ(expected, Lines(run.out));
+    EXPECT_EQ(expected, SplitLines(run.out));
     EXPECT_FALSE(Contains(run.out, "\r")) << "no progress line for a 1.0 conversion";
 }
 
@@ -418,13 +378,12 @@ TEST_F(NvdbconvConvertTest, ConvertWithoutADatabaseFailsWithEFailAndExits1)
 {
     ProcessRun run = Nvdbconv(L"convert");
     EXPECT_EQ(1u, run.exitCode);
-    const std::vector<std::string> lines = Lines(run.out);
-    EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(), Row("Convert", Described(E_FAIL)))) << run.out;
-    EXPECT_EQ("nvdbconv: Convert failed: " + Described(E_FAIL) + "\n", run.err);
-    EXPECT_EQ(0u, Described(E_FAIL).find("0x80004005 E_FAIL \""));
+    const std::vector<std::string> lines = SplitLines(run.out);
+    EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(), Row("Convert", kFailed))) << run.out;
+    EXPECT_EQ("nvdbconv: Convert failed: " + kFailed + "\n", run.err);
 
     const JsonValue doc = Json(Nvdbconv(L"--json convert"));
-    CheckResult(doc["convert"], E_FAIL);
+    CheckResult(doc["convert"], E_FAIL, "Call failed.");
     EXPECT_EQ("E_FAIL", doc["convert"]["symbol"].Text());
     EXPECT_FALSE(doc["convert"]["message"].Text().empty());
     EXPECT_EQ(1, doc["exitCode"].Int());
@@ -440,14 +399,14 @@ TEST_F(NvdbconvConvertTest, QuietPrintsNothingButKeepsTheExitCodeAndTheProblem)
     run = Nvdbconv(L"convert --quiet");
     EXPECT_EQ(1u, run.exitCode);
     EXPECT_EQ("", run.out);
-    EXPECT_EQ("nvdbconv: Convert failed: " + Described(E_FAIL) + "\n", run.err);
+    EXPECT_EQ("nvdbconv: Convert failed: " + kFailed + "\n", run.err);
 
     Write10(3, 0);
     run = Nvdbconv(L"-q convert");
     EXPECT_EQ(0u, run.exitCode) << run.err;
     EXPECT_EQ("", run.out);
     std::wstring version;
-    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    ASSERT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"2.0", version);
 }
 
@@ -456,12 +415,12 @@ TEST_F(NvdbconvConvertTest, CleanupWithoutABackupAnswersSFalse)
     Write10(4, 1);
     ProcessRun run = Nvdbconv(L"cleanup");
     EXPECT_EQ(0u, run.exitCode) << run.err;
-    const std::vector<std::string> lines = Lines(run.out);
+    const std::vector<std::string> lines = SplitLines(run.out);
     EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(),
                                      Row("Cleanup", "0x00000001 S_FALSE \"no backup to remove\"")))
         << run.out;
     const JsonValue doc = Json(Nvdbconv(L"--json cleanup"));
-    CheckResult(doc["cleanup"], S_FALSE, "Cleanup");
+    CheckResult(doc["cleanup"], S_FALSE, "no backup to remove");
     EXPECT_EQ("S_FALSE", doc["cleanup"]["symbol"].Text());
     EXPECT_EQ("no backup to remove", doc["cleanup"]["message"].Text());
     EXPECT_FALSE(Contains(run.out, "Invalid function")) << run.out;
@@ -471,17 +430,17 @@ TEST_F(NvdbconvConvertTest, CleanupWithoutABackupAnswersSFalse)
 TEST_F(NvdbconvConvertTest, CleanupRemovesTheBackupKeyAndTheBackupValue)
 {
     Write10(4, 1);
-    SetString(kDb, L"Backup", L"SOFTWARE\\Norvane\\DB-v1.0", kView32);
+    SetString(kDbPath, L"Backup", L"SOFTWARE\\Norvane\\DB-v1.0", kView32);
     SetString(kBackup10, L"Version", L"1.0", kView32);
     const JsonValue doc = Json(Nvdbconv(L"--json cleanup"));
-    CheckResult(doc["cleanup"], S_OK);
+    CheckResult(doc["cleanup"], S_OK, "Success.");
     EXPECT_EQ("SOFTWARE\\Norvane\\DB-v1.0", doc["before"]["backup"]["value"].Text());
     EXPECT_TRUE(doc["before"]["backup"]["DB-v1.0"]["exists"].Bool());
     EXPECT_TRUE(doc["after"]["backup"]["value"].IsNull());
     EXPECT_FALSE(doc["after"]["backup"]["DB-v1.0"]["exists"].Bool());
     EXPECT_FALSE(KeyExists(kBackup10, kView32));
     RegValue backup;
-    EXPECT_FALSE(GetValue(kDb, L"Backup", kView32, &backup));
+    EXPECT_FALSE(GetValue(kDbPath, L"Backup", kView32, &backup));
 }
 
 class NvdbconvRollbackTest : public RegistrySandbox {
@@ -492,15 +451,15 @@ protected:
     {
         Write10(4, 1, KEY_WOW64_32KEY);
         Write10(4, 1, KEY_WOW64_64KEY);
-        SetString(kDb, L"Backup", L"SOFTWARE\\Norvane\\DB-v1.0", kView32);
+        SetString(kDbPath, L"Backup", L"SOFTWARE\\Norvane\\DB-v1.0", kView32);
     }
 };
 
 TEST_F(NvdbconvRollbackTest, RefusesWhenTheBackupKeyThatBackupNamesIsMissing)
 {
     SetUpDatabaseInBothViews();
-    const RegTree before32 = Snapshot(kDb, kView32);
-    const RegTree before64 = Snapshot(kDb, kView64);
+    const RegTree before32 = Snapshot(kDbPath, kView32);
+    const RegTree before64 = Snapshot(kDbPath, kView64);
 
     ProcessRun run = Nvdbconv(L"rollback");
     EXPECT_EQ(3u, run.exitCode);
@@ -523,8 +482,8 @@ TEST_F(NvdbconvRollbackTest, RefusesWhenTheBackupKeyThatBackupNamesIsMissing)
     EXPECT_TRUE(doc["rollback"].IsMissing());
     EXPECT_EQ(3, doc["exitCode"].Int());
 
-    const RegTree after32 = Snapshot(kDb, kView32);
-    const RegTree after64 = Snapshot(kDb, kView64);
+    const RegTree after32 = Snapshot(kDbPath, kView32);
+    const RegTree after64 = Snapshot(kDbPath, kView64);
     EXPECT_TRUE(before32 == after32) << DiffTrees(before32, after32);
     EXPECT_TRUE(before64 == after64) << DiffTrees(before64, after64);
 }
@@ -532,16 +491,16 @@ TEST_F(NvdbconvRollbackTest, RefusesWhenTheBackupKeyThatBackupNamesIsMissing)
 TEST_F(NvdbconvRollbackTest, ForceRollsBackAnywayAndTheDatabaseKeyIsLost)
 {
     SetUpDatabaseInBothViews();
-    ASSERT_TRUE(KeyExists(kDb, kView64));
+    ASSERT_TRUE(KeyExists(kDbPath, kView64));
     const JsonValue doc = Json(Nvdbconv(L"--json rollback --force"));
     EXPECT_FALSE(doc["refused"].Bool());
     EXPECT_TRUE(doc["refused"].IsBool());
     EXPECT_FALSE(doc["backupKey"]["exists"].Bool());
     // The delete succeeded, the copy from the missing backup failed, and Rollback
     // reports S_OK all the same: what the refusal protects against.
-    CheckResult(doc["rollback"], S_OK);
+    CheckResult(doc["rollback"], S_OK, "Success.");
     EXPECT_EQ(0, doc["exitCode"].Int());
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
 }
 
 TEST_F(NvdbconvRollbackTest, WithTheBackupKeyPresentRollsBackFromIt)
@@ -554,9 +513,9 @@ TEST_F(NvdbconvRollbackTest, WithTheBackupKeyPresentRollsBackFromIt)
     const JsonValue doc = Json(run);
     EXPECT_FALSE(doc["refused"].Bool());
     EXPECT_TRUE(doc["backupKey"]["exists"].Bool());
-    CheckResult(doc["rollback"], S_OK);
+    CheckResult(doc["rollback"], S_OK, "Success.");
     std::wstring restored;
-    ASSERT_TRUE(GetString(kDb, L"Restored", kView64, &restored));
+    ASSERT_TRUE(GetString(kDbPath, L"Restored", kView64, &restored));
     EXPECT_EQ(L"yes", restored);
     EXPECT_FALSE(KeyExists(kBackup10, kView32));
 }
@@ -566,7 +525,7 @@ TEST_F(NvdbconvRollbackTest, WithoutABackupValueRollbackRunsAndAnswersSFalse)
     Write10(4, 1);
     ProcessRun run = Nvdbconv(L"rollback");
     EXPECT_EQ(0u, run.exitCode) << run.err;
-    const std::vector<std::string> lines = Lines(run.out);
+    const std::vector<std::string> lines = SplitLines(run.out);
     EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(),
                                      Row("Rollback", "0x00000001 S_FALSE \"no backup to restore\"")))
         << run.out;
@@ -594,7 +553,7 @@ const std::string kForeignAdvice =
 TEST_F(NvdbconvRollbackTest, StatusCallsAForeignBackupValueForeignAndSaysWhatToDo)
 {
     Write10(4, 1, KEY_WOW64_32KEY);
-    SetString(kDb, L"Backup", kForeignKey, kView32);
+    SetString(kDbPath, L"Backup", kForeignKey, kView32);
 
     ProcessRun run = Nvdbconv(L"status");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
@@ -619,11 +578,11 @@ TEST_F(NvdbconvRollbackTest, RollbackAndCleanupRefuseAForeignBackupValueEvenWith
 {
     Write10(4, 1, KEY_WOW64_32KEY);
     Write10(4, 1, KEY_WOW64_64KEY);
-    SetString(kDb, L"Backup", kForeignKey, kView32);
+    SetString(kDbPath, L"Backup", kForeignKey, kView32);
     for (REGSAM view : {kView32, kView64})
         SetString(kForeignKey, L"Sentinel", L"must survive", view);
-    const RegTree before32 = Snapshot(kDb, kView32);
-    const RegTree before64 = Snapshot(kDb, kView64);
+    const RegTree before32 = Snapshot(kDbPath, kView32);
+    const RegTree before64 = Snapshot(kDbPath, kView64);
     const RegTree foreign32 = Snapshot(kForeignKey, kView32);
     const RegTree foreign64 = Snapshot(kForeignKey, kView64);
 
@@ -642,8 +601,8 @@ TEST_F(NvdbconvRollbackTest, RollbackAndCleanupRefuseAForeignBackupValueEvenWith
     EXPECT_TRUE(doc["rollback"].IsMissing());
     EXPECT_EQ(3, doc["exitCode"].Int());
 
-    EXPECT_EQ("", DiffTrees(before32, Snapshot(kDb, kView32)));
-    EXPECT_EQ("", DiffTrees(before64, Snapshot(kDb, kView64)));
+    EXPECT_EQ("", DiffTrees(before32, Snapshot(kDbPath, kView32)));
+    EXPECT_EQ("", DiffTrees(before64, Snapshot(kDbPath, kView64)));
     EXPECT_EQ("", DiffTrees(foreign32, Snapshot(kForeignKey, kView32)));
     EXPECT_EQ("", DiffTrees(foreign64, Snapshot(kForeignKey, kView64)));
 }
@@ -651,7 +610,7 @@ TEST_F(NvdbconvRollbackTest, RollbackAndCleanupRefuseAForeignBackupValueEvenWith
 TEST_F(NvdbconvRollbackTest, WithoutADatabaseThereIsNoConverterAndRollbackFails)
 {
     const JsonValue doc = Json(Nvdbconv(L"--json rollback"));
-    CheckResult(doc["rollback"], E_FAIL);
+    CheckResult(doc["rollback"], E_FAIL, "Call failed.");
     EXPECT_FALSE(doc["refused"].Bool());
     EXPECT_EQ(1, doc["exitCode"].Int());
 }
@@ -665,7 +624,7 @@ TEST_F(NvdbconvCommandsTest, RegisterAddsTheComponentAndUnregisterRemovesIt)
     ProcessRun run = Nvdbconv(L"--json register");
     EXPECT_EQ(0u, run.exitCode) << run.out;
     JsonValue doc = Json(run);
-    CheckResult(doc["register"], S_OK);
+    CheckResult(doc["register"], S_OK, "Success.");
     std::wstring component;
     ASSERT_TRUE(GetString(kComponents, L"CNVDBConverter", kView64, &component));
     EXPECT_EQ(Narrow(component), doc["components"]["CNVDBConverter"].Text());
@@ -673,7 +632,7 @@ TEST_F(NvdbconvCommandsTest, RegisterAddsTheComponentAndUnregisterRemovesIt)
 
     run = Nvdbconv(L"unregister");
     EXPECT_EQ(0u, run.exitCode) << run.out;
-    EXPECT_TRUE(Contains(run.out, Row("DllUnregisterServer", Described(S_OK)))) << run.out;
+    EXPECT_TRUE(Contains(run.out, Row("DllUnregisterServer", kSucceeded))) << run.out;
     EXPECT_TRUE(Contains(run.out, Row("components", "none in HKLM\\SOFTWARE\\Norvane\\Core\\SysComponents")))
         << run.out;
     EXPECT_FALSE(KeyExists(kComponents, kView64));
@@ -687,7 +646,7 @@ TEST_F(NvdbconvCommandsTest, TraceOnWritesTheSettingsAndTheLibraryTracesWhereSta
     ProcessRun run = Nvdbconv(L"--json trace on --verbosity 7 --append --file " + QuoteArg(file));
     EXPECT_EQ(0u, run.exitCode) << run.out;
     JsonValue doc = Json(run);
-    CheckResult(doc["write"], S_OK);
+    CheckResult(doc["write"], S_OK, "Success.");
     EXPECT_TRUE(doc["on"].Bool());
     DWORD value = 0xdeadbeef;
     ASSERT_TRUE(GetDword(kTracing, L"DoTrace", kView64, &value));
@@ -900,7 +859,7 @@ TEST_F(NvdbconvCommandsTest, VersionShowsBothVersionsAndTheExports)
     const JsonValue doc = Json(run);
     EXPECT_EQ(NV_VERSION_TEXT, doc["version"].Text());
     EXPECT_EQ(NV_VERSION_TEXT, doc["fileVersion"].Text());
-    CheckResult(doc["load"], S_OK);
+    CheckResult(doc["load"], S_OK, "Success.");
     for (const char* name : {"Convert", "Rollback", "Cleanup", "GetDBVersion", "DllCanUnloadNow", "DllGetClassObject",
                              "DllRegisterServer", "DllUnregisterServer"})
         EXPECT_TRUE(doc["exports"][name].Bool()) << name;
@@ -1010,7 +969,7 @@ protected:
                 templates += credential.templates.size();
             EXPECT_EQ(templates, nvstore::inspect::ListTemplates(user.sidText).size()) << Narrow(user.sidText);
         }
-        EXPECT_FALSE(KeyExists(kUsers, kView32));
+        EXPECT_FALSE(KeyExists(kDataUsersPath, kView32));
     }
 
     ContainerJanitor m_containers;
@@ -1044,7 +1003,7 @@ TEST_F(NvdbconvConvert20Test, ProgressAlwaysDrawsUsersConvertedTotalAndRate)
     EXPECT_EQ(4u, converted.back());
     const size_t last = run.out.rfind(prefix);
     EXPECT_EQ(0u, run.out.compare(run.out.find(')', last) + 1, 1, "\n"));
-    EXPECT_TRUE(Contains(run.out, Row("Convert", Described(S_OK)))) << run.out;
+    EXPECT_TRUE(Contains(run.out, Row("Convert", kSucceeded))) << run.out;
     EXPECT_TRUE(Contains(run.out, Row("now", "format 3.0: the users live in the store, the old per-user data is gone")))
         << run.out;
     ExpectEveryUserInTheStore(db);
@@ -1058,7 +1017,7 @@ TEST_F(NvdbconvConvert20Test, JsonReportsUsersMovedAndDrawsNoProgressWhenNotATer
     EXPECT_FALSE(Contains(run.out, "\r")) << "the output is a file, not a terminal";
     EXPECT_EQ("", run.err);
     const JsonValue doc = Json(run);
-    CheckResult(doc["convert"], S_OK);
+    CheckResult(doc["convert"], S_OK, "Success.");
     EXPECT_EQ(0x00020000, doc["getDBVersion"]["current"].Int());
     EXPECT_EQ(0x00030000, doc["getDBVersion"]["target"].Int());
     EXPECT_EQ(5, doc["before"]["userKeys"].Int());

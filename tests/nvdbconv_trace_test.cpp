@@ -20,6 +20,9 @@
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
 #include "support/store_sandbox.h"
+#include "support/text_util.h"
+#include "support/tool_runs.h"
+#include "support/sample_databases.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -29,32 +32,9 @@ namespace {
 
 constexpr const wchar_t kTracing[] = L"SOFTWARE\\Norvane\\Tracing";
 
-ProcessRun Nvdbconv(const std::wstring& args)
-{
-    ProcessRun run = RunProcess(QuoteArg(ExeDirectory() + L"nvdbconv.exe") + L" " + args, 300000);
-    EXPECT_TRUE(run.started);
-    EXPECT_FALSE(run.timedOut) << Narrow(args);
-    run.out = WithoutCarriageReturns(run.out);
-    run.err = WithoutCarriageReturns(run.err);
-    return run;
-}
+ProcessRun Nvdbconv(const std::wstring& args) { return WithPlainLineEnds(RunTool(L"nvdbconv.exe", args)); }
 
-JsonValue Json(const ProcessRun& run)
-{
-    JsonValue doc;
-    std::string error;
-    EXPECT_TRUE(ParseJson(run.out, &doc, &error)) << error << "\n" << run.out;
-    return doc;
-}
-
-bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
-std::wstring TraceFile()
-{
-    wchar_t dir[MAX_PATH] = {};
-    ::GetTempPathW(MAX_PATH, dir);
-    return std::wstring(dir) + L"nvdbconv-keep-" + std::to_wstring(::GetCurrentProcessId()) + L".trc3";
-}
+std::wstring TraceFile() { return TempTraceFile(L"nvdbconv-keep-"); }
 
 // The records of each process that wrote the file, in order, as canonical lines
 // without the timestamps: a process begins with the file or with its 'N' record.
@@ -90,13 +70,7 @@ std::string Listing(const std::vector<std::vector<std::string>>& processes)
 // tracked, so that it goes again).
 void Write10(ContainerJanitor& containers)
 {
-    nvwriter::DbOptions options;
-    options.users = 2;
-    options.domains = 1;
-    options.users20 = 2;
-    containers.Track(nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options)).hostId);
-    nvwriter::DbRecord record;
-    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    ASSERT_EQ(S_OK, Write10With20Records(containers, 2, 2));
 }
 
 // The host's warning on standard error when the settings start the file anew.
@@ -368,7 +342,7 @@ TEST_F(NvdbconvTraceTest, UpgradeWithNewFileInThe32BitViewKeepsEveryStepAndPutsT
     const ProcessRun run = Nvdbconv(L"upgrade");
     EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
     EXPECT_EQ("", run.err);
-    const std::string ok = nvdbconv::DescribeResult(S_OK);
+    const std::string ok = kSucceeded;
     EXPECT_TRUE(Contains(run.out, "  step 1: 1.0 -> 2.0, Convert " + ok + ", exit 0\n"
                                   "  trace: the steps after the first append to " + Narrow(file) +
                                   " (NewFileAlways = 0 for them; it was 1): " + ok + "\n"

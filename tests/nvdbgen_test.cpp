@@ -11,6 +11,10 @@
 #include "support/legacy_db_tree.h"
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
+#include "support/db_paths.h"
+#include "support/text_util.h"
+#include "support/tool_runs.h"
+#include "support/sample_databases.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -18,19 +22,27 @@ using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
 
 // nvdbgen started as its own process through the shared runner, which starts again a
 // launch that Wine failed before the program ran.
-ProcessRun RunTool(const std::wstring& args)
-{
-    ProcessRun run = RunProcess(L"\"" + ExeDirectory() + L"nvdbgen.exe\" " + args, 60000);
-    EXPECT_TRUE(run.started) << "cannot start nvdbgen: " << run.startError;
-    EXPECT_FALSE(run.timedOut) << Narrow(args);
-    return run;
-}
+ProcessRun Nvdbgen(const std::wstring& args) { return RunTool(L"nvdbgen.exe", args, 60000); }
 
-bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+// What the writer library writes for the same options (written again over the
+// tool's database) has the keys, value names and value types the tool wrote. Sealed
+// values carry fresh session keys, so their bytes differ.
+void ExpectLayoutOfTheWriter(nvwriter::DbOptions options, const RegTree& fromTool)
+{
+    options.wipe = true;
+    nvwriter::DbRecord record;
+    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    const RegTree expected = ToRegTree(record);
+    EXPECT_EQ(expected.keys, fromTool.keys);
+    ASSERT_EQ(expected.values.size(), fromTool.values.size());
+    for (auto e = expected.values.begin(), t = fromTool.values.begin(); e != expected.values.end(); ++e, ++t) {
+        EXPECT_EQ(Narrow(e->first), Narrow(t->first));
+        EXPECT_EQ(e->second.type, t->second.type) << Narrow(e->first);
+    }
+}
 
 } // namespace
 
@@ -57,30 +69,30 @@ TEST_F(NvDbGenTest, UsageErrorsExitWith2AndExplainWithoutWriting)
         {L"--format 2.0 --users20 3", "--users20 goes with --format 1.0 (a 2.0 database takes --users)"},
     };
     for (const Case& c : cases) {
-        ProcessRun run = RunTool(c.args);
+        ProcessRun run = Nvdbgen(c.args);
         EXPECT_EQ(2u, run.exitCode) << Narrow(c.args);
         EXPECT_TRUE(Contains(run.err, std::string("nvdbgen: ") + c.message)) << Narrow(c.args) << "\n" << run.err;
         EXPECT_TRUE(Contains(run.err, "usage: nvdbgen --format 1.0|2.0")) << Narrow(c.args);
         EXPECT_EQ("", run.out) << Narrow(c.args);
     }
-    EXPECT_FALSE(KeyExists(kDb, kView32));
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    EXPECT_FALSE(KeyExists(kDbPath, kView32));
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
 }
 
 TEST_F(NvDbGenTest, HelpPrintsUsageAndExits0)
 {
-    ProcessRun run = RunTool(L"--help");
+    ProcessRun run = Nvdbgen(L"--help");
     EXPECT_EQ(0u, run.exitCode);
     EXPECT_TRUE(Contains(run.out, "usage: nvdbgen --format 1.0|2.0")) << run.out;
-    EXPECT_FALSE(KeyExists(kDb, kView32));
+    EXPECT_FALSE(KeyExists(kDbPath, kView32));
 }
 
 TEST_F(NvDbGenTest, Format10WritesWhatTheWriterLibraryWritesForTheSameSeed)
 {
-    ProcessRun run = RunTool(L"--format 1.0 --users 30 --domains 3 --seed 7 --view 32");
+    ProcessRun run = Nvdbgen(L"--format 1.0 --users 30 --domains 3 --seed 7 --view 32");
     ASSERT_EQ(0u, run.exitCode) << run.err;
-    RegTree fromTool = Snapshot(kDb, kView32);
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    RegTree fromTool = Snapshot(kDbPath, kView32);
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
 
     nvwriter::DbOptions options;
     options.users = 30;
@@ -111,16 +123,16 @@ TEST_F(NvDbGenTest, Format10WritesWhatTheWriterLibraryWritesForTheSameSeed)
 
 TEST_F(NvDbGenTest, ExistingDatabaseNeedsWipe)
 {
-    ASSERT_EQ(0u, RunTool(L"--format 1.0 --users 4 --domains 1 --seed 1").exitCode);
-    RegTree first = Snapshot(kDb, kView32);
+    ASSERT_EQ(0u, Nvdbgen(L"--format 1.0 --users 4 --domains 1 --seed 1").exitCode);
+    RegTree first = Snapshot(kDbPath, kView32);
 
-    ProcessRun again = RunTool(L"--format 1.0 --users 9 --domains 2 --seed 2");
+    ProcessRun again = Nvdbgen(L"--format 1.0 --users 9 --domains 2 --seed 2");
     EXPECT_EQ(1u, again.exitCode);
     EXPECT_TRUE(Contains(again.err, "already exists in the 32-bit view; use --wipe")) << again.err;
-    RegTree unchanged = Snapshot(kDb, kView32);
+    RegTree unchanged = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(first == unchanged) << DiffTrees(first, unchanged);
 
-    ProcessRun wiped = RunTool(L"--format 1.0 --users 9 --domains 2 --seed 2 --wipe");
+    ProcessRun wiped = Nvdbgen(L"--format 1.0 --users 9 --domains 2 --seed 2 --wipe");
     EXPECT_EQ(0u, wiped.exitCode) << wiped.err;
     nvwriter::DbOptions options;
     options.users = 9;
@@ -129,19 +141,17 @@ TEST_F(NvDbGenTest, ExistingDatabaseNeedsWipe)
     options.wipe = true;
     nvwriter::DbRecord record;
     ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
-    RegTree expected = ToRegTree(record);
-    RegTree actual = Snapshot(kDb, kView32);
-    EXPECT_TRUE(expected == actual) << DiffTrees(expected, actual);
+    EXPECT_TRUE(RegistryHoldsRecord(record, kView32));
 }
 
 TEST_F(NvDbGenTest, View64WritesThe64BitViewOnly)
 {
-    ProcessRun run = RunTool(L"--format 1.0 --users 3 --domains 1 --view 64");
+    ProcessRun run = Nvdbgen(L"--format 1.0 --users 3 --domains 1 --view 64");
     ASSERT_EQ(0u, run.exitCode) << run.err;
     EXPECT_TRUE(Contains(run.out, "(64-bit view)")) << run.out;
-    EXPECT_FALSE(KeyExists(kDb, kView32));
+    EXPECT_FALSE(KeyExists(kDbPath, kView32));
     std::wstring version;
-    ASSERT_TRUE(GetString(kDb, L"Version", kView64, &version));
+    ASSERT_TRUE(GetString(kDbPath, L"Version", kView64, &version));
     EXPECT_EQ(L"1.0", version);
 }
 
@@ -152,32 +162,21 @@ TEST_F(NvDbGenTest, Format20WritesTheSameLayoutAsTheWriterLibraryForTheSameSeed)
     options.users = 5;
     options.domains = 1;
     options.seed = 9;
-    const nvwriter::Db20Database model = nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options));
     ContainerJanitor containers;
-    containers.Track(model.hostId);
+    const nvwriter::Db20Database model = TrackedModel20(containers, options);
 
-    ProcessRun run = RunTool(L"--format 2.0 --users 5 --domains 1 --seed 9");
+    ProcessRun run = Nvdbgen(L"--format 2.0 --users 5 --domains 1 --seed 9");
     ASSERT_EQ(0u, run.exitCode) << run.err;
     EXPECT_TRUE(Contains(run.out, "nvdbgen: wrote a format 2.0 database to HKLM\\SOFTWARE\\Norvane\\DB (32-bit view), seed 9"))
         << run.out;
     EXPECT_TRUE(Contains(run.out, "  host: " + Narrow(nvwriter::GuidText(model.hostId)))) << run.out;
     EXPECT_TRUE(ContainerExists(model.hostId));
-    const RegTree fromTool = Snapshot(kDb, kView32);
-    EXPECT_FALSE(KeyExists(kDb, kView64));
+    const RegTree fromTool = Snapshot(kDbPath, kView32);
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
 
-    // Sealed values carry fresh session keys; keys, value names and types are the same.
-    options.wipe = true;
-    nvwriter::DbRecord record;
-    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
-    const RegTree expected = ToRegTree(record);
-    EXPECT_EQ(expected.keys, fromTool.keys);
-    ASSERT_EQ(expected.values.size(), fromTool.values.size());
-    for (auto e = expected.values.begin(), t = fromTool.values.begin(); e != expected.values.end(); ++e, ++t) {
-        EXPECT_EQ(Narrow(e->first), Narrow(t->first));
-        EXPECT_EQ(e->second.type, t->second.type) << Narrow(e->first);
-    }
+    ASSERT_NO_FATAL_FAILURE(ExpectLayoutOfTheWriter(options, fromTool));
     std::wstring version;
-    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    ASSERT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"2.0", version);
     EXPECT_EQ(5u, SubkeyNames(L"SOFTWARE\\Norvane\\DB\\Data\\Users", kView32).size());
 }
@@ -189,11 +188,10 @@ TEST_F(NvDbGenTest, Users20AddsSealedUsersToA10DatabaseLikeTheWriterLibrary)
     options.domains = 2;
     options.users20 = 4;
     options.seed = 11;
-    const nvwriter::Db20Database model = nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options));
     ContainerJanitor containers;
-    containers.Track(model.hostId);
+    const nvwriter::Db20Database model = TrackedModel20(containers, options);
 
-    ProcessRun run = RunTool(L"--format 1.0 --users 6 --domains 2 --users20 4 --seed 11");
+    ProcessRun run = Nvdbgen(L"--format 1.0 --users 6 --domains 2 --users20 4 --seed 11");
     ASSERT_EQ(0u, run.exitCode) << run.err;
     run.out.erase(std::remove(run.out.begin(), run.out.end(), '\r'), run.out.end());
     EXPECT_TRUE(Contains(run.out, "nvdbgen: wrote a format 1.0 database to HKLM\\SOFTWARE\\Norvane\\DB (32-bit view), seed 11"))
@@ -201,21 +199,11 @@ TEST_F(NvDbGenTest, Users20AddsSealedUsersToA10DatabaseLikeTheWriterLibrary)
     EXPECT_TRUE(Contains(run.out, "  2.0-style users: 4 with sealed records under Data\\Users\n")) << run.out;
     EXPECT_TRUE(Contains(run.out, "  host: " + Narrow(nvwriter::GuidText(model.hostId)))) << run.out;
     EXPECT_TRUE(ContainerExists(model.hostId));
-    const RegTree fromTool = Snapshot(kDb, kView32);
+    const RegTree fromTool = Snapshot(kDbPath, kView32);
 
-    // Sealed values carry fresh session keys; keys, value names and types are the same.
-    options.wipe = true;
-    nvwriter::DbRecord record;
-    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
-    const RegTree expected = ToRegTree(record);
-    EXPECT_EQ(expected.keys, fromTool.keys);
-    ASSERT_EQ(expected.values.size(), fromTool.values.size());
-    for (auto e = expected.values.begin(), t = fromTool.values.begin(); e != expected.values.end(); ++e, ++t) {
-        EXPECT_EQ(Narrow(e->first), Narrow(t->first));
-        EXPECT_EQ(e->second.type, t->second.type) << Narrow(e->first);
-    }
+    ASSERT_NO_FATAL_FAILURE(ExpectLayoutOfTheWriter(options, fromTool));
     std::wstring version;
-    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    ASSERT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"1.0", version);
     std::vector<std::wstring> guids;
     for (const auto& user : model.users)

@@ -35,7 +35,6 @@ const wchar_t kSid[] = L"S-1-5-21-1111111111-2222222222-3333333333-1001";
 const wchar_t kSid2[] = L"S-1-5-21-1111111111-2222222222-3333333333-1002";
 const wchar_t kPassword[] = L"Corr3ct horse";
 const HRESULT kNotFound = HRESULT_FROM_WIN32(ERROR_NOT_FOUND);
-const HRESULT kNotSupported = static_cast<HRESULT>(0x80070032);
 BYTE* const kSentinelPtr = reinterpret_cast<BYTE*>(static_cast<uintptr_t>(0xdeadbeef));
 const DWORD kSentinel = 0xdeadbeef;
 
@@ -672,7 +671,8 @@ TEST_F(NVStoreTest, EnrolmentRefusesMalformedInfoAndLeavesNoUser)
     const Bytes ok = Info(kPassword);
     CRYPT_DATA_BLOB okBlob = In(ok);
     const GUID other = {0x1, 0x2, 0x3, {4, 5, 6, 7, 8, 9, 10, 11}};
-    EXPECT_EQ(kNotSupported, Auth()->EnrollAuthentication(other, kSid, 8, &empty, &okBlob, &extra));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED),
+              Auth()->EnrollAuthentication(other, kSid, 8, &empty, &okBlob, &extra));
     EXPECT_EQ(E_INVALIDARG, Auth()->EnrollAuthentication(nvstore::kAuthTypePassword, kSid, 1, &empty, &okBlob, &extra));
     EXPECT_TRUE(inspect::ListUsers().empty());
 }
@@ -697,9 +697,9 @@ TEST_F(NVStoreTest, WrongPasswordFailsLeavesTheOutputsAloneAndIsCounted)
 {
     ASSERT_EQ(S_OK, Enroll(kSid, kPassword));
     AuthResult wrong = Authenticate(kSid, L"Corr3ct horsE");
-    EXPECT_EQ(static_cast<HRESULT>(0x8007052B), wrong.hr);
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_WRONG_PASSWORD), wrong.hr);
     EXPECT_TRUE(wrong.untouched);
-    EXPECT_EQ(static_cast<HRESULT>(0x8007052B), Authenticate(kSid, L"").hr);
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_WRONG_PASSWORD), Authenticate(kSid, L"").hr);
     EXPECT_EQ(2u, inspect::FailedCount(kSid));
 
     DWORD count = 0;
@@ -714,11 +714,11 @@ TEST_F(NVStoreTest, WrongPasswordFailsLeavesTheOutputsAloneAndIsCounted)
 TEST_F(NVStoreTest, AuthenticateOfAnUnenrolledUserFails)
 {
     AuthResult unknown = Authenticate(kSid, kPassword);
-    EXPECT_EQ(static_cast<HRESULT>(0x80070525), unknown.hr);
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NO_SUCH_USER), unknown.hr);
     EXPECT_TRUE(unknown.untouched);
     Open(kSid); // a record, but neither key nor password
     AuthResult bare = Authenticate(kSid, kPassword);
-    EXPECT_EQ(static_cast<HRESULT>(0x80070525), bare.hr);
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NO_SUCH_USER), bare.hr);
     EXPECT_TRUE(bare.untouched);
     EXPECT_FALSE(inspect::HasPassword(kSid));
 }
@@ -744,12 +744,13 @@ TEST_F(NVStoreTest, OtherAuthenticationOperations)
     const Bytes good = Info(kPassword), bad = Info(L"nope"), next = Info(L"next one");
     CRYPT_DATA_BLOB goodBlob = In(good), badBlob = In(bad), nextBlob = In(next);
     EXPECT_EQ(S_OK, auth->VerifyAuthentication(nvstore::kAuthTypePassword, kSid, 8, &goodBlob));
-    EXPECT_EQ(static_cast<HRESULT>(0x8007052B), auth->VerifyAuthentication(nvstore::kAuthTypePassword, kSid, 8, &badBlob));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_WRONG_PASSWORD),
+              auth->VerifyAuthentication(nvstore::kAuthTypePassword, kSid, 8, &badBlob));
     EXPECT_EQ(1u, inspect::FailedCount(kSid));
     EXPECT_EQ(S_OK, auth->ResetFailedCount(nvstore::kAuthTypePassword, kSid, 8));
     EXPECT_EQ(0u, inspect::FailedCount(kSid));
 
-    EXPECT_EQ(static_cast<HRESULT>(0x8007052B),
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_WRONG_PASSWORD),
               auth->ChangeAuthentication(nvstore::kAuthTypePassword, kSid, 8, &badBlob, &nextBlob));
     EXPECT_EQ(S_OK, auth->ChangeAuthentication(nvstore::kAuthTypePassword, kSid, 8, &goodBlob, &nextBlob));
     EXPECT_TRUE(inspect::CheckPassword(kSid, L"next one"));
@@ -931,10 +932,10 @@ TEST_F(NVStoreTest, FailOpenUserForAGivenSid)
     EXPECT_EQ(S_OK, store->OpenUser(kSid, 8, other.put()));
     EXPECT_EQ(std::vector<std::wstring>{kSid}, inspect::ListUsers());
 
-    inspect::SetFailOpenUser({kSid, kSid2}, static_cast<HRESULT>(0x80040111));
-    EXPECT_EQ(static_cast<HRESULT>(0x80040111), store->OpenUser(kSid, 8, &user));
+    inspect::SetFailOpenUser({kSid, kSid2}, CLASS_E_CLASSNOTAVAILABLE);
+    EXPECT_EQ(CLASS_E_CLASSNOTAVAILABLE, store->OpenUser(kSid, 8, &user));
     SetString(L"SOFTWARE\\Norvane\\Store\\TestBehaviours", L"FailOpenUser", kSid, kView64);
-    EXPECT_EQ(static_cast<HRESULT>(0x80040111), store->OpenUser(kSid, 8, &user));
+    EXPECT_EQ(CLASS_E_CLASSNOTAVAILABLE, store->OpenUser(kSid, 8, &user));
     EXPECT_EQ(S_OK, store->OpenUser(kSid2, 8, other.put()));
 }
 
@@ -976,8 +977,8 @@ TEST_F(NVStoreTest, FailPutTemplateAtAPosition)
     EXPECT_EQ(E_FAIL, templates->PutTemplate(2, &b));
     EXPECT_EQ(S_OK, templates->PutTemplate(3, &b));
     EXPECT_EQ((std::map<DWORD, Bytes>{{0, t}, {3, t}}), inspect::ListTemplates(kSid));
-    inspect::SetFailPutTemplateAt(0, static_cast<HRESULT>(0x8007001F));
-    EXPECT_EQ(static_cast<HRESULT>(0x8007001F), templates->PutTemplate(0, &b));
+    inspect::SetFailPutTemplateAt(0, HRESULT_FROM_WIN32(ERROR_GEN_FAILURE));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_GEN_FAILURE), templates->PutTemplate(0, &b));
     EXPECT_EQ(S_OK, templates->PutTemplate(2, &b));
 }
 
@@ -1009,7 +1010,7 @@ TEST_F(NVStoreTest, StartAUserWithAnExistingPublicKey)
     EXPECT_EQ(payload, first.payload);
     EXPECT_EQ(key, first.extra);
     EXPECT_TRUE(inspect::CheckPassword(kSid, kPassword));
-    EXPECT_EQ(static_cast<HRESULT>(0x8007052B), Authenticate(kSid, L"another").hr);
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_WRONG_PASSWORD), Authenticate(kSid, L"another").hr);
 
     // Other users start without a key.
     PublicKeyProperty(kSid2, &hr);

@@ -13,24 +13,16 @@
 #include "legacydb/regset.h"
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
+#include "support/db_paths.h"
+#include "support/computer_name.h"
 #include "trace/trace.h"
 
 using namespace nvtest;
 
 namespace {
-
-constexpr HRESULT kInvalidData = static_cast<HRESULT>(0x8007000D);
-constexpr HRESULT kFileNotFound = static_cast<HRESULT>(0x80070002);
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
 constexpr const wchar_t kMainUsers[] = L"SOFTWARE\\Norvane\\DB\\MainDB\\Users";
-constexpr const wchar_t kDataUsers[] = L"SOFTWARE\\Norvane\\DB\\Data\\Users";
 constexpr GUID kUser = {0x01234567, 0x89AB, 0xCDEF, {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF}};
 constexpr const wchar_t kUserKey[] = L"SOFTWARE\\Norvane\\DB\\Data\\Users\\{01234567-89AB-CDEF-0123-456789ABCDEF}";
-
-std::wstring ComputerName()
-{
-    return CHostName().str();
-}
 
 std::wstring Lower(std::wstring s)
 {
@@ -176,14 +168,14 @@ TEST_F(RegSetTest, OpenWithTheComputerNameUsesMainDbAndCreatesBothKeysInThe32Bit
     DWORD dw = 0xdeadbeef;
     ASSERT_TRUE(GetDword(kMainUsers, L"", kView32, &dw));
     EXPECT_EQ(7u, dw);
-    EXPECT_TRUE(KeyExists(kDataUsers, kView32));
+    EXPECT_TRUE(KeyExists(kDataUsersPath, kView32));
     std::wstring version;
-    ASSERT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    ASSERT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"2.1", version);
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane", kView64));
 
     // Nothing else is created.
-    const RegTree tree = Snapshot(kDb, kView32);
+    const RegTree tree = Snapshot(kDbPath, kView32);
     EXPECT_EQ((std::vector<std::wstring>{L"", L"Data", L"Data\\Users", L"MainDB", L"MainDB\\Users"}), tree.keys);
     EXPECT_EQ(2u, tree.values.size());
 }
@@ -284,7 +276,7 @@ TEST_F(RegSetTest, CreatedKeysGetTheDatabaseKeySecurity)
 {
     CNVDBRegSet set;
     ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
-    for (const wchar_t* path : {kMainUsers, kDataUsers}) {
+    for (const wchar_t* path : {kMainUsers, kDataUsersPath}) {
         bool isProtected = false;
         std::vector<AceInfo> aces;
         ASSERT_TRUE(ReadDacl(path, &isProtected, &aces));
@@ -293,17 +285,17 @@ TEST_F(RegSetTest, CreatedKeysGetTheDatabaseKeySecurity)
     // Keys made on the way as parents are not touched.
     bool isProtected = false;
     std::vector<AceInfo> aces;
-    ASSERT_TRUE(ReadDacl(kDb, &isProtected, &aces));
+    ASSERT_TRUE(ReadDacl(kDbPath, &isProtected, &aces));
     EXPECT_NE(kStandardAces, aces);
 }
 
 TEST_F(RegSetTest, ExistingKeysKeepTheirSecurity)
 {
     CreateKeyPath(kMainUsers, kView32);
-    CreateKeyPath(kDataUsers, kView32);
+    CreateKeyPath(kDataUsersPath, kView32);
     CNVDBRegSet set;
     ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 5));
-    for (const wchar_t* path : {kMainUsers, kDataUsers}) {
+    for (const wchar_t* path : {kMainUsers, kDataUsersPath}) {
         bool isProtected = false;
         std::vector<AceInfo> aces;
         ASSERT_TRUE(ReadDacl(path, &isProtected, &aces));
@@ -318,11 +310,11 @@ TEST_F(RegSetTest, ExistingKeysKeepTheirSecurity)
 TEST_F(RegSetTest, VersionAlreadyStampedIsNotWritten)
 {
     // REG_EXPAND_SZ reads as "2.1" too; a rewrite would make it REG_SZ.
-    SetString(kDb, L"Version", L"2.1", kView32, REG_EXPAND_SZ);
+    SetString(kDbPath, L"Version", L"2.1", kView32, REG_EXPAND_SZ);
     CNVDBRegSet set;
     ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
     RegValue v;
-    ASSERT_TRUE(GetValue(kDb, L"Version", kView32, &v));
+    ASSERT_TRUE(GetValue(kDbPath, L"Version", kView32, &v));
     EXPECT_EQ(static_cast<DWORD>(REG_EXPAND_SZ), v.type);
 }
 
@@ -331,20 +323,20 @@ TEST_F(RegSetTest, OtherVersionsAreRewrittenAsRegSz21)
     const std::vector<BYTE> expected = {'2', 0, '.', 0, '1', 0, 0, 0};
     for (const wchar_t* old : {L"2.0", L"2.1 ", L"2.10", L""}) {
         WipeSuiteKeys();
-        SetString(kDb, L"Version", old, kView32);
+        SetString(kDbPath, L"Version", old, kView32);
         CNVDBRegSet set;
         ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
         RegValue v;
-        ASSERT_TRUE(GetValue(kDb, L"Version", kView32, &v));
+        ASSERT_TRUE(GetValue(kDbPath, L"Version", kView32, &v));
         EXPECT_EQ(static_cast<DWORD>(REG_SZ), v.type) << Narrow(old);
         EXPECT_EQ(expected, v.data) << Narrow(old);
     }
     WipeSuiteKeys();
-    SetDword(kDb, L"Version", 0x21, kView32);
+    SetDword(kDbPath, L"Version", 0x21, kView32);
     CNVDBRegSet set;
     ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
     RegValue v;
-    ASSERT_TRUE(GetValue(kDb, L"Version", kView32, &v));
+    ASSERT_TRUE(GetValue(kDbPath, L"Version", kView32, &v));
     EXPECT_EQ(expected, v.data);
 }
 
@@ -368,9 +360,9 @@ TEST_F(RegSetTest, OpenFailingLeavesTheRecordSetClosed)
 {
     // A database key that cannot be opened for all access.
     CreateKeyPath(kMainUsers, kView32);
-    CreateKeyPath(kDataUsers, kView32);
+    CreateKeyPath(kDataUsersPath, kView32);
     HKEY key = nullptr;
-    ASSERT_EQ(ERROR_SUCCESS, ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kDb, 0, WRITE_DAC | KEY_WOW64_32KEY, &key));
+    ASSERT_EQ(ERROR_SUCCESS, ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kDbPath, 0, WRITE_DAC | KEY_WOW64_32KEY, &key));
     PSECURITY_DESCRIPTOR sd = nullptr;
     ASSERT_TRUE(::ConvertStringSecurityDescriptorToSecurityDescriptorW(L"D:P(A;;KR;;;BA)(A;;KR;;;SY)", SDDL_REVISION_1,
                                                                       &sd, nullptr));
@@ -379,13 +371,13 @@ TEST_F(RegSetTest, OpenFailingLeavesTheRecordSetClosed)
     ::RegCloseKey(key);
 
     CNVDBRegSet set;
-    EXPECT_EQ(static_cast<HRESULT>(0x80070005), set.Open(ComputerName().c_str(), 0));
+    EXPECT_EQ(E_ACCESSDENIED, set.Open(ComputerName().c_str(), 0));
     EXPECT_FALSE(set.IsOpen());
     nv::CCryptBlob blob;
     EXPECT_EQ(E_FAIL, set.ReadField(kUser, L"x", blob));
 
     // Give the sandbox its key back.
-    ASSERT_EQ(ERROR_SUCCESS, ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kDb, 0, WRITE_DAC | KEY_WOW64_32KEY, &key));
+    ASSERT_EQ(ERROR_SUCCESS, ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kDbPath, 0, WRITE_DAC | KEY_WOW64_32KEY, &key));
     ASSERT_TRUE(::ConvertStringSecurityDescriptorToSecurityDescriptorW(L"D:(A;OICI;KA;;;BA)(A;OICI;KA;;;SY)",
                                                                       SDDL_REVISION_1, &sd, nullptr));
     ::RegSetKeySecurity(key, DACL_SECURITY_INFORMATION, sd);
@@ -458,8 +450,8 @@ TEST_F(RegSetTest, ReadFieldOfAStringOrDwordFieldFailsWithInvalidData)
     CNVDBRegSet set;
     ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
     nv::CCryptBlob blob(reinterpret_cast<const BYTE*>("\xde\xad\xbe\xef"), 4);
-    EXPECT_EQ(kInvalidData, set.ReadField(kUser, L"Text", blob));
-    EXPECT_EQ(kInvalidData, set.ReadField(kUser, L"Number", blob));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INVALID_DATA), set.ReadField(kUser, L"Text", blob));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INVALID_DATA), set.ReadField(kUser, L"Number", blob));
     EXPECT_EQ(0, std::memcmp(blob.pbData, "\xde\xad\xbe\xef", 4));
 }
 
@@ -513,7 +505,7 @@ TEST_F(RegSetTest, EnumFieldsOfAMissingUserFailsAndLeavesTheVector)
     CNVDBRegSet set;
     ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
     std::vector<std::wstring> fields{L"sentinel"};
-    EXPECT_EQ(kFileNotFound, set.EnumFields(kUser, fields));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), set.EnumFields(kUser, fields));
     EXPECT_EQ(std::vector<std::wstring>{L"sentinel"}, fields);
 }
 
@@ -521,7 +513,7 @@ TEST_F(RegSetTest, OpenTracesTheVersionStampOnlyWhenItWritesIt)
 {
     TraceCapture trace;
     trace.Start();
-    SetString(kDb, L"Version", L"2.0", kView32);
+    SetString(kDbPath, L"Version", L"2.0", kView32);
     {
         CNVDBRegSet set;
         ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
@@ -561,7 +553,7 @@ TEST_F(RegSetTest, ReadsTraceWhatTheyFoundInNestedScopes)
     EXPECT_EQ(S_FALSE, set.ReadField(unknown, L"Secret", blob));
     EXPECT_EQ(S_FALSE, set.ReadField(kUser, L"Missing", blob));
     EXPECT_EQ(S_OK, set.ReadField(kUser, L"Secret", blob));
-    EXPECT_EQ(kInvalidData, set.ReadField(kUser, L"Text", blob));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INVALID_DATA), set.ReadField(kUser, L"Text", blob));
     EXPECT_EQ((std::vector<std::string>{
                   "> CNVDBRegSet::ReadField", "> CNVDBRegSet::ReadAnyField", "U key not found", "<", "<",
                   "> CNVDBRegSet::ReadField", "> CNVDBRegSet::ReadAnyField", "U field not found", "<", "<",
@@ -581,7 +573,7 @@ TEST_F(RegSetTest, FailuresAreTracedAsResults)
     EXPECT_EQ(E_FAIL, set.ReadField(kUser, L"x", blob));
     EXPECT_EQ(E_FAIL, set.EnumFields(kUser, fields));
     ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
-    EXPECT_EQ(kFileNotFound, set.EnumFields(kUser, fields));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), set.EnumFields(kUser, fields));
     EXPECT_EQ((std::vector<std::string>{"> CNVDBRegSet::ReadField", "E -2147467259 ", "<",
                                         "> CNVDBRegSet::EnumFields", "E -2147467259 ", "<",
                                         "> CNVDBRegSet::Open", "U writing new version number: <2.1>", "<",

@@ -11,13 +11,13 @@
 #include "frame/dblayout.h"
 #include "support/dll_loader.h"
 #include "support/registry_sandbox.h"
+#include "support/db_paths.h"
 #include "writer/legacy_writer.h"
 
 using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
 
 // The layout as both homes of the test see it: the header's function and the
 // library's name for it must agree.
@@ -34,7 +34,7 @@ class SdkHeaderTest : public RegistrySandbox {};
 
 TEST_F(SdkHeaderTest, NoDatabaseIsNotConverted)
 {
-    ASSERT_FALSE(KeyExists(kDb, kView32));
+    ASSERT_FALSE(KeyExists(kDbPath, kView32));
     EXPECT_FALSE(Layout30());
 }
 
@@ -42,8 +42,8 @@ TEST_F(SdkHeaderTest, ADatabaseKeyWithoutDataAndMainDBIsConvertedWhateverVersion
 {
     for (const wchar_t* version : {L"2.0", L"2.1", L"3.0", L""}) {
         SCOPED_TRACE(Narrow(version));
-        ASSERT_TRUE(DeleteTree(kDb, kView32));
-        SetString(kDb, L"Version", version, kView32);
+        ASSERT_TRUE(DeleteTree(kDbPath, kView32));
+        SetString(kDbPath, L"Version", version, kView32);
         CreateKeyPath(L"SOFTWARE\\Norvane\\DB\\Policies", kView32);
         EXPECT_TRUE(Layout30());
     }
@@ -51,7 +51,7 @@ TEST_F(SdkHeaderTest, ADatabaseKeyWithoutDataAndMainDBIsConvertedWhateverVersion
 
 TEST_F(SdkHeaderTest, DataOrMainDBUnderTheDatabaseKeyIsNotConverted)
 {
-    SetString(kDb, L"Version", L"2.1", kView32);
+    SetString(kDbPath, L"Version", L"2.1", kView32);
     CreateKeyPath(L"SOFTWARE\\Norvane\\DB\\Data", kView32);
     EXPECT_FALSE(Layout30());
     ASSERT_TRUE(DeleteTree(L"SOFTWARE\\Norvane\\DB\\Data", kView32));
@@ -65,9 +65,9 @@ TEST_F(SdkHeaderTest, DataOrMainDBUnderTheDatabaseKeyIsNotConverted)
 // alone is no database, and a 64-bit Data does not make the 32-bit one unfinished.
 TEST_F(SdkHeaderTest, OnlyThe32BitViewCounts)
 {
-    SetString(kDb, L"Version", L"2.1", kView64);
+    SetString(kDbPath, L"Version", L"2.1", kView64);
     EXPECT_FALSE(Layout30());
-    SetString(kDb, L"Version", L"2.1", kView32);
+    SetString(kDbPath, L"Version", L"2.1", kView32);
     CreateKeyPath(L"SOFTWARE\\Norvane\\DB\\Data", kView64);
     CreateKeyPath(L"SOFTWARE\\Norvane\\DB\\MainDB", kView64);
     EXPECT_TRUE(Layout30());
@@ -76,7 +76,7 @@ TEST_F(SdkHeaderTest, OnlyThe32BitViewCounts)
 // A Data key that exists but may not be read is not "certainly absent".
 TEST_F(SdkHeaderTest, ADataKeyThatCannotBeOpenedIsNotConverted)
 {
-    SetString(kDb, L"Version", L"2.1", kView32);
+    SetString(kDbPath, L"Version", L"2.1", kView32);
     CreateKeyPath(L"SOFTWARE\\Norvane\\DB\\Data", kView32);
     SetDacl(L"SOFTWARE\\Norvane\\DB\\Data", kView32, L"D:P");
     EXPECT_FALSE(Layout30());

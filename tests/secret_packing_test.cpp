@@ -182,16 +182,16 @@ TEST(UnpackPasswordAndPinTest, EmptyContentIsFileNotFoundAndLeavesTheOutputsAlon
 {
     Unpacked u;
     Unpack({}, u);
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), u.hr);
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), u.hr);
     EXPECT_EQ(kSentinel, u.password);
     EXPECT_EQ(kSentinel, u.pin);
 
     BYTE byte = 0x30;
     CRYPT_DATA_BLOB noData{1, nullptr};
     CRYPT_DATA_BLOB noCount{0, &byte};
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), UnpackPasswordAndPin(&noData, &u.password, &u.pin));
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), UnpackPasswordAndPin(&noCount, &u.password, &u.pin));
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), UnpackPasswordAndPin(nullptr, &u.password, &u.pin));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), UnpackPasswordAndPin(&noData, &u.password, &u.pin));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), UnpackPasswordAndPin(&noCount, &u.password, &u.pin));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), UnpackPasswordAndPin(nullptr, &u.password, &u.pin));
     EXPECT_EQ(kSentinel, u.password);
     EXPECT_EQ(kSentinel, u.pin);
 }
@@ -200,7 +200,7 @@ TEST(UnpackPasswordAndPinTest, EmptyContentGivesNoPassword)
 {
     BSTR password = nullptr;
     CRYPT_DATA_BLOB empty{0, nullptr};
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), UnpackPasswordAndPin(&empty, &password, nullptr));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), UnpackPasswordAndPin(&empty, &password, nullptr));
     EXPECT_EQ(nullptr, password);
 }
 
@@ -249,25 +249,25 @@ TEST(UnpackPasswordAndPinTest, VersionNineIsAcceptedVersionTenAndZeroAreBadData)
 
     Unpacked v10;
     Unpack(Scrambled(Seq({Uint(10), Bmp(L"pw"), Bmp(L"12")})), v10);
-    EXPECT_EQ(static_cast<HRESULT>(0x80090005), v10.hr);
+    EXPECT_EQ(NTE_BAD_DATA, v10.hr);
     EXPECT_EQ(kSentinel, v10.password);
     EXPECT_EQ(kSentinel, v10.pin);
 
     Unpacked v0;
     Unpack(Scrambled(Seq({Uint(0), Bmp(L"pw")})), v0);
-    EXPECT_EQ(static_cast<HRESULT>(0x80090005), v0.hr);
+    EXPECT_EQ(NTE_BAD_DATA, v0.hr);
     EXPECT_EQ(kSentinel, v0.password);
 
     Unpacked v200;
     Unpack(Scrambled(Seq({Uint(200), Bmp(L"pw")})), v200);
-    EXPECT_EQ(static_cast<HRESULT>(0x80090005), v200.hr);
+    EXPECT_EQ(NTE_BAD_DATA, v200.hr);
 }
 
 TEST(UnpackPasswordAndPinTest, SequenceWithoutItemsIsBadData)
 {
     Unpacked u;
     Unpack(Scrambled(Seq({})), u);
-    EXPECT_EQ(static_cast<HRESULT>(0x80090005), u.hr);
+    EXPECT_EQ(NTE_BAD_DATA, u.hr);
     EXPECT_EQ(kSentinel, u.password);
     EXPECT_EQ(kSentinel, u.pin);
 }

@@ -23,8 +23,6 @@
 using namespace nvtest;
 
 namespace {
-
-constexpr HRESULT kBadKeyset = static_cast<HRESULT>(0x80090016); // NTE_BAD_KEYSET
 constexpr DWORD kDer = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
 const wchar_t kHostKey[] = L"SOFTWARE\\Norvane\\NVHOST";
 BYTE* const kSentinelPtr = reinterpret_cast<BYTE*>(static_cast<uintptr_t>(0xdeadbeef));
@@ -369,7 +367,7 @@ protected:
     void ExpectReplacedHostId()
     {
         CFPSecurityContext ctx;
-        EXPECT_EQ(kBadKeyset, ctx.FinalConstruct(kView32));
+        EXPECT_EQ(NTE_BAD_KEYSET, ctx.FinalConstruct(kView32));
         EXPECT_EQ(0u, ctx.Provider());
         const GUID written = FreshHostId(kView32);
         EXPECT_FALSE(KeyExists(kHostKey, kView64));
@@ -457,7 +455,7 @@ TEST_F(SecurityContextHostIdTest, MissingContainerGivesTheProvidersError)
     SetBinary(kHostKey, L"HostId", kTestHostIdValue, kView32);
     DeleteContainerIfPresent(kTestHostId);
     CFPSecurityContext ctx;
-    EXPECT_EQ(kBadKeyset, ctx.FinalConstruct(kView32));
+    EXPECT_EQ(NTE_BAD_KEYSET, ctx.FinalConstruct(kView32));
     EXPECT_EQ(0u, ctx.Provider());
     RegValue value;
     ASSERT_TRUE(GetValue(kHostKey, L"HostId", kView32, &value));
@@ -495,7 +493,7 @@ TEST_F(SecurityContextHostIdTest, ThrowingConstructorRaisesTheFailureAsComError)
         CFPSecurityContext ctx(kView32);
         FAIL() << "no exception";
     } catch (const _com_error& e) {
-        EXPECT_EQ(kBadKeyset, e.Error());
+        EXPECT_EQ(NTE_BAD_KEYSET, e.Error());
     }
 }
 
@@ -680,12 +678,12 @@ TEST_F(SecurityContextTest, SignBlobFailuresLeaveTheOutBlobAlone)
     CRYPT_DATA_BLOB in{static_cast<DWORD>(kToBeSigned.size()), const_cast<BYTE*>(kToBeSigned.data())};
     {
         TaskBlob out; // the container has no signature key
-        EXPECT_EQ(static_cast<HRESULT>(0x8009000D), ctx.SignBLOB(&in, &out, ctx.Provider(), AT_SIGNATURE, nullptr));
+        EXPECT_EQ(NTE_NO_KEY, ctx.SignBLOB(&in, &out, ctx.Provider(), AT_SIGNATURE, nullptr));
         EXPECT_TRUE(out.Untouched());
     }
     {
         TaskBlob out; // an OID that names no signature algorithm
-        EXPECT_EQ(static_cast<HRESULT>(0x80090008), ctx.SignBLOB(&in, &out, ctx.Provider(), AT_KEYEXCHANGE, "1.2.3.4"));
+        EXPECT_EQ(NTE_BAD_ALGID, ctx.SignBLOB(&in, &out, ctx.Provider(), AT_KEYEXCHANGE, "1.2.3.4"));
         EXPECT_TRUE(out.Untouched());
     }
     {
@@ -781,7 +779,7 @@ TEST_F(SecurityContextVerifyTest, PublicKeyThatDoesNotDecodeFailsWithTheDecoders
 {
     std::vector<BYTE> garbage = {0x01, 0x02, 0x03, 0x04, 0x05};
     CRYPT_DATA_BLOB s = Blob(m_signed), k = Blob(garbage);
-    EXPECT_EQ(static_cast<HRESULT>(0x8009310B), m_ctx.Verify(&s, &k)); // CRYPT_E_ASN1_BADTAG
+    EXPECT_EQ(CRYPT_E_ASN1_BADTAG, m_ctx.Verify(&s, &k));
 }
 
 TEST_F(SecurityContextTest, VerifyWithoutProviderOrKeyFails)
@@ -828,10 +826,10 @@ TEST_F(SecurityContextTest, TraceRecordsFailuresButNotABadSignature)
     TraceCapture trace;
     trace.Start(10);
     CFPSecurityContext ctx;
-    EXPECT_EQ(kBadKeyset, ctx.FinalConstruct(kView32));
+    EXPECT_EQ(NTE_BAD_KEYSET, ctx.FinalConstruct(kView32));
     std::vector<BYTE> garbage = {0x01, 0x02};
     CRYPT_DATA_BLOB g{2, garbage.data()};
-    EXPECT_EQ(static_cast<HRESULT>(0x8009310B), ctx.Verify(&g, &g));
+    EXPECT_EQ(CRYPT_E_ASN1_BADTAG, ctx.Verify(&g, &g));
     m_containers.Create(kTestHostId);
     ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
     EXPECT_EQ(S_FALSE, ctx.Verify(&g, nullptr));
@@ -856,7 +854,7 @@ TEST_F(SecurityContextTest, LowLevelScopesNeedVerbosityTenButTheirFailuresAlways
         EXPECT_EQ(S_OK, ctx.GetContext(&lent));
         CRYPT_DATA_BLOB in{static_cast<DWORD>(kToBeSigned.size()), const_cast<BYTE*>(kToBeSigned.data())};
         TaskBlob out;
-        EXPECT_EQ(static_cast<HRESULT>(0x8009000D), ctx.SignBLOB(&in, &out, ctx.Provider(), AT_SIGNATURE, nullptr));
+        EXPECT_EQ(NTE_NO_KEY, ctx.SignBLOB(&in, &out, ctx.Provider(), AT_SIGNATURE, nullptr));
     }
     EXPECT_EQ((std::vector<std::string>{
                   "> CFPSecurityContext::FinalConstruct", "<",

@@ -98,12 +98,31 @@ protected:
     }
 };
 
+
+// BuildTracePath on the tracing key as the settings stand now; the path it leaves
+// (a sentinel in the buffer first, so that a path left alone shows).
+static bool TracePathNow(std::wstring* out)
+{
+    nv::unique_hkey key;
+    if (NVTraceNS::OpenTracingKey(key.put()) != ERROR_SUCCESS) {
+        ADD_FAILURE() << "the tracing key does not open";
+        return false;
+    }
+    wchar_t path[NVTraceNS::kTracePathChars];
+    path[0] = L'x';
+    path[1] = L'\0';
+    const bool named = NVTraceNS::BuildTracePath(key.get(), path);
+    *out = path;
+    return named;
+}
+
 TEST_F(TraceFacilityTest, ScopeLineAndResultReachTheFileAfterDateAndTime)
 {
     {
         NVTraceNS::CTraceScope scope("CFoo::Bar", 0);
         NVTraceNS::Trace(scope, 0, "value %d of %ls and %s", 5, L"wide", "narrow");
-        EXPECT_EQ(HRESULT(0x80070002), NVTraceNS::TraceReturn(scope, HRESULT(0x80070002)));
+        EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND),
+                  NVTraceNS::TraceReturn(scope, HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)));
     }
     EXPECT_EQ((std::vector<std::string>{"t 11/15/26", "T 09:30:00.125", "> CFoo::Bar", "U value 5 of wide and narrow",
                                         "E -2147024894 ", "<"}),
@@ -219,7 +238,7 @@ TEST_F(TraceFacilityTest, ResultsAreTracedWhenNegativeOrOfFacilityNine)
 {
     {
         NVTraceNS::CTraceScope scope("Results", 0);
-        for (HRESULT hr : {HRESULT(0), HRESULT(1), HRESULT(0x00090312), HRESULT(0x80090016), HRESULT(0x10090000),
+        for (HRESULT hr : {HRESULT(0), HRESULT(1), HRESULT(0x00090312), NTE_BAD_KEYSET, HRESULT(0x10090000),
                            HRESULT(0x00080000), HRESULT(0x0009FFFF), HRESULT(0x00190000), HRESULT(0x7FFFFFFF),
                            HRESULT(0x80000000)})
             NVTraceNS::TraceResult(scope, "", hr);
@@ -518,19 +537,16 @@ TEST_F(TraceFacilityTest, TracePathWithNoRoomForItsBackslashNamesNoFileAndTraces
     dir.append(NVTraceNS::kTracePathChars - 1 - dir.size(), L'a'); // the longest readable value
     DeleteValue(kTracing, L"FileName", kViewNative);
     SetString(kTracing, L"TracePath", dir, kViewNative);
-    nv::unique_hkey key;
-    ASSERT_EQ(ERROR_SUCCESS, NVTraceNS::OpenTracingKey(key.put()));
-    wchar_t path[NVTraceNS::kTracePathChars];
-    path[0] = L'x';
-    EXPECT_FALSE(NVTraceNS::BuildTracePath(key.get(), path));
-    EXPECT_STREQ(L"", path);
+    std::wstring path = L"x";
+    EXPECT_FALSE(TracePathNow(&path));
+    EXPECT_EQ(L"", path);
 
     // One character less leaves room for the backslash but not for the file name.
     dir.pop_back();
     SetString(kTracing, L"TracePath", dir, kViewNative);
-    path[0] = L'x';
-    EXPECT_FALSE(NVTraceNS::BuildTracePath(key.get(), path));
-    EXPECT_STREQ(L"", path);
+    path = L"x";
+    EXPECT_FALSE(TracePathNow(&path));
+    EXPECT_EQ(L"", path);
 
     const std::wstring fallback = ExeDirectory() + PatternFileName();
     ::DeleteFileW(fallback.c_str());
@@ -549,12 +565,9 @@ TEST_F(TraceFacilityTest, TracePathWhoseFileNameWouldBeCutNamesNoFile)
     dir += L'\\';
     DeleteValue(kTracing, L"FileName", kViewNative);
     SetString(kTracing, L"TracePath", dir, kViewNative);
-    nv::unique_hkey key;
-    ASSERT_EQ(ERROR_SUCCESS, NVTraceNS::OpenTracingKey(key.put()));
-    wchar_t path[NVTraceNS::kTracePathChars];
-    path[0] = L'x';
-    EXPECT_FALSE(NVTraceNS::BuildTracePath(key.get(), path));
-    EXPECT_STREQ(L"", path);
+    std::wstring path = L"x";
+    EXPECT_FALSE(TracePathNow(&path));
+    EXPECT_EQ(L"", path);
     ASSERT_LT(dir.size() + PatternFileName().size(), 300u);
     ASSERT_GE(dir.size() + PatternFileName().size(), NVTraceNS::kTracePathChars);
 }

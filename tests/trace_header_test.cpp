@@ -11,6 +11,7 @@
 
 #include "support/dll_loader.h"
 #include "support/trace_capture.h"
+#include "support/computer_name.h"
 #include "trace/trace.h"
 #include "trace/trace_output.h"
 
@@ -50,14 +51,6 @@ void SetVersion(DWORD platform, DWORD major, DWORD minor, BYTE productType, cons
     g_version.dwMinorVersion = minor;
     g_version.wProductType = productType;
     std::strncpy(g_version.szCSDVersion, servicePack, sizeof(g_version.szCSDVersion) - 1);
-}
-
-std::string ComputerName()
-{
-    char name[300] = {};
-    DWORD n = sizeof(name) - 1;
-    EXPECT_TRUE(::GetComputerNameExA(ComputerNameNetBIOS, name, &n));
-    return name;
 }
 
 std::wstring TempDir()
@@ -142,7 +135,7 @@ TEST_F(TraceHeaderTest, NewFileBeginsWithEveryHeaderLineInOrder)
                                                        "[ 1-3][0-9] [0-9]{4} [0-2][0-9]:[0-5][0-9]:[0-5][0-9]")))
         << header[1];
     EXPECT_EQ((std::vector<std::string>{"trace3", header[1], "OS: Windows7", "ServicePack: Service Pack 1",
-                                        "Machine name: " + ComputerName(), "Trace Ver: 3.0.1", "FileVersion: UNKNOWN",
+                                        "Machine name: " + Narrow(ComputerName()), "Trace Ver: 3.0.1", "FileVersion: UNKNOWN",
                                         "No Palmera products found", "installation: NETWORK",
                                         "03/07/2026 04:05:06.007", "."}),
               header);

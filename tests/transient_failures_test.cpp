@@ -79,6 +79,27 @@ std::vector<FailureKind> DecodeKinds()
     return kinds;
 }
 
+enum class Coder { Decode, Encode };
+
+// Each of the first `calls` decode (or encode) calls failed in turn with each kind's
+// error: `body` runs under a fresh ApiFaults armed so, the call and kind named in
+// any failure it records.
+template <class Kinds, class Body>
+void ForEachFailedCall(unsigned calls, const Kinds& kinds, Coder coder, Body&& body)
+{
+    for (unsigned n = 1; n <= calls; ++n) {
+        for (const FailureKind& kind : kinds) {
+            SCOPED_TRACE("call " + std::to_string(n) + " " + kind.name);
+            ApiFaults faults;
+            if (coder == Coder::Decode)
+                faults.FailDecode(n, kind.lastError);
+            else
+                faults.FailEncode(n, kind.lastError);
+            body(kind);
+        }
+    }
+}
+
 // The code a call raised as _com_error, S_OK when it returned.
 template <class Body>
 HRESULT Raised(Body&& body)
@@ -202,25 +223,17 @@ TEST(SecretRecordFailureTest, EveryDecodeFailingWithOutOfMemoryRaisesIt)
         calls = faults.DecodeCalls();
     }
     ASSERT_GT(calls, 6u);
-    for (unsigned n = 1; n <= calls; ++n) {
-        for (const FailureKind& kind : kOutOfMemoryKinds) {
-            SCOPED_TRACE("call " + std::to_string(n) + " " + kind.name);
-            ApiFaults faults;
-            faults.FailDecode(n, kind.lastError);
-            CNVSecret secret;
-            EXPECT_EQ(E_OUTOFMEMORY, Raised([&] { LegacyNVDB2::DecodeSecretField(nullptr, field, secret); }));
-        }
-        // A data error in the same place reads as that part's empty value.
-        std::vector<FailureKind> dataKinds(std::begin(kDecodeVerdictKinds), std::end(kDecodeVerdictKinds));
-        dataKinds.push_back({static_cast<DWORD>(CRYPT_E_ASN1_CORRUPT), S_OK, "CRYPT_E_ASN1_CORRUPT"});
-        for (const FailureKind& kind : dataKinds) {
-            ApiFaults faults;
-            faults.FailDecode(n, kind.lastError);
-            CNVSecret secret;
-            EXPECT_EQ(S_OK, Raised([&] { LegacyNVDB2::DecodeSecretField(nullptr, field, secret); }))
-                << "call " << n << " " << kind.name;
-        }
-    }
+    ForEachFailedCall(calls, kOutOfMemoryKinds, Coder::Decode, [&](const FailureKind&) {
+        CNVSecret secret;
+        EXPECT_EQ(E_OUTOFMEMORY, Raised([&] { LegacyNVDB2::DecodeSecretField(nullptr, field, secret); }));
+    });
+    // A data error in the same place reads as that part's empty value.
+    std::vector<FailureKind> dataKinds(std::begin(kDecodeVerdictKinds), std::end(kDecodeVerdictKinds));
+    dataKinds.push_back({static_cast<DWORD>(CRYPT_E_ASN1_CORRUPT), S_OK, "CRYPT_E_ASN1_CORRUPT"});
+    ForEachFailedCall(calls, dataKinds, Coder::Decode, [&](const FailureKind&) {
+        CNVSecret secret;
+        EXPECT_EQ(S_OK, Raised([&] { LegacyNVDB2::DecodeSecretField(nullptr, field, secret); }));
+    });
 }
 
 // ---- Import, GetContent and the user blob parser, on a provisioned machine -----------
@@ -245,22 +258,17 @@ TEST_F(ProvisionedReaderFailureTest, ImportRaisesNothingButReportsOutOfMemoryAnd
         calls = faults.DecodeCalls();
     }
     ASSERT_GE(calls, 6u);
-    for (unsigned n = 1; n <= calls; ++n) {
-        for (const FailureKind& kind : DecodeKinds()) {
-            SCOPED_TRACE("call " + std::to_string(n) + " " + kind.name);
-            ApiFaults faults;
-            faults.FailDecode(n, kind.lastError);
-            nv::CCoTaskCryptBlob out;
-            const HRESULT hr = ctx.Import(&record, out.put(), nullptr, nullptr);
-            if (kind.raised == S_OK) {
-                EXPECT_EQ(S_OK, hr);
-                EXPECT_TRUE(out.IsEmpty()); // bytes that do not decode carry no data
-            } else {
-                EXPECT_EQ(kind.raised, hr);
-                EXPECT_TRUE(out.IsEmpty());
-            }
+    ForEachFailedCall(calls, DecodeKinds(), Coder::Decode, [&](const FailureKind& kind) {
+        nv::CCoTaskCryptBlob out;
+        const HRESULT hr = ctx.Import(&record, out.put(), nullptr, nullptr);
+        if (kind.raised == S_OK) {
+            EXPECT_EQ(S_OK, hr);
+            EXPECT_TRUE(out.IsEmpty()); // bytes that do not decode carry no data
+        } else {
+            EXPECT_EQ(kind.raised, hr);
+            EXPECT_TRUE(out.IsEmpty());
         }
-    }
+    });
 }
 
 TEST_F(ProvisionedReaderFailureTest, GetContentRaisesOutOfMemoryFromEveryDecode)
@@ -406,33 +414,24 @@ TEST(PackingFailureTest, UnpackReturnsOutOfMemoryAndDataErrorsAsThemselves)
         calls = faults.DecodeCalls();
     }
     ASSERT_GE(calls, 8u);
-    for (unsigned n = 1; n <= calls; ++n) {
-        for (const FailureKind& kind : kKinds) {
-            SCOPED_TRACE("call " + std::to_string(n) + " " + kind.name);
-            ApiFaults faults;
-            faults.FailDecode(n, kind.lastError);
-            BSTR password = nullptr, pin = nullptr;
-            const HRESULT hr = UnpackPasswordAndPin(&in, &password, &pin);
-            EXPECT_EQ(kind.raised == S_OK ? nv::HResultFromWin32(static_cast<LONG>(kind.lastError)) : kind.raised,
-                      hr);
-            ::SysFreeString(password);
-            ::SysFreeString(pin);
-        }
-        // A caught fault or a refused value is classified before it becomes a result:
-        // it says "malformed" (never access denied, which HRESULT_FROM_WIN32 would
-        // make of STATUS_ACCESS_VIOLATION), so the conversion takes it as data.
-        for (const FailureKind& kind : kDecodeVerdictKinds) {
-            SCOPED_TRACE("call " + std::to_string(n) + " " + kind.name);
-            ApiFaults faults;
-            faults.FailDecode(n, kind.lastError);
-            BSTR password = nullptr, pin = nullptr;
-            const HRESULT hr = UnpackPasswordAndPin(&in, &password, &pin);
-            EXPECT_EQ(CRYPT_E_ASN1_CORRUPT, hr);
-            EXPECT_TRUE(nv::IsDataErrorCode(static_cast<DWORD>(hr)));
-            ::SysFreeString(password);
-            ::SysFreeString(pin);
-        }
-    }
+    ForEachFailedCall(calls, kKinds, Coder::Decode, [&](const FailureKind& kind) {
+        BSTR password = nullptr, pin = nullptr;
+        const HRESULT hr = UnpackPasswordAndPin(&in, &password, &pin);
+        EXPECT_EQ(kind.raised == S_OK ? nv::HResultFromWin32(static_cast<LONG>(kind.lastError)) : kind.raised, hr);
+        ::SysFreeString(password);
+        ::SysFreeString(pin);
+    });
+    // A caught fault or a refused value is classified before it becomes a result:
+    // it says "malformed" (never access denied, which HRESULT_FROM_WIN32 would
+    // make of STATUS_ACCESS_VIOLATION), so the conversion takes it as data.
+    ForEachFailedCall(calls, kDecodeVerdictKinds, Coder::Decode, [&](const FailureKind&) {
+        BSTR password = nullptr, pin = nullptr;
+        const HRESULT hr = UnpackPasswordAndPin(&in, &password, &pin);
+        EXPECT_EQ(CRYPT_E_ASN1_CORRUPT, hr);
+        EXPECT_TRUE(nv::IsDataErrorCode(static_cast<DWORD>(hr)));
+        ::SysFreeString(password);
+        ::SysFreeString(pin);
+    });
 }
 
 TEST(PackingFailureTest, PackPasswordRaisesOutOfMemoryFromEveryEncode)
@@ -445,15 +444,10 @@ TEST(PackingFailureTest, PackPasswordRaisesOutOfMemoryFromEveryEncode)
         calls = faults.EncodeCalls();
     }
     ASSERT_GE(calls, 6u);
-    for (unsigned n = 1; n <= calls; ++n) {
-        for (const FailureKind& kind : kOutOfMemoryKinds) {
-            SCOPED_TRACE("call " + std::to_string(n) + " " + kind.name);
-            ApiFaults faults;
-            faults.FailEncode(n, kind.lastError);
-            nv::CCryptBlob blob;
-            EXPECT_EQ(E_OUTOFMEMORY, Raised([&] { PackPassword(L"abc", blob); }));
-        }
-    }
+    ForEachFailedCall(calls, kOutOfMemoryKinds, Coder::Encode, [&](const FailureKind&) {
+        nv::CCryptBlob blob;
+        EXPECT_EQ(E_OUTOFMEMORY, Raised([&] { PackPassword(L"abc", blob); }));
+    });
 }
 
 TEST(PackingFailureTest, EncryptExRaisesOutOfMemoryButReturnsOtherEncodeFailures)
@@ -473,24 +467,19 @@ TEST(PackingFailureTest, EncryptExRaisesOutOfMemoryButReturnsOtherEncodeFailures
         calls = faults.EncodeCalls();
     }
     ASSERT_GE(calls, 6u);
-    for (unsigned n = 1; n <= calls; ++n) {
-        for (const FailureKind& kind : kKinds) {
-            SCOPED_TRACE("call " + std::to_string(n) + " " + kind.name);
-            ApiFaults faults;
-            faults.FailEncode(n, kind.lastError);
-            nv::CCryptBlob blob(plain.data(), static_cast<DWORD>(plain.size()));
-            HRESULT returned = S_OK;
-            const HRESULT raised = Raised([&] { returned = EncryptEx(blob, prov.get(), exchange.get(), CALG_3DES); });
-            if (kind.raised == E_OUTOFMEMORY) {
-                EXPECT_EQ(E_OUTOFMEMORY, raised);
-            } else {
-                EXPECT_EQ(S_OK, raised);
-                EXPECT_EQ(nv::HResultFromWin32(static_cast<LONG>(kind.lastError)), returned);
-            }
-            // Either way the caller's blob keeps the plain bytes.
-            EXPECT_EQ(plain, Bytes(blob.pbData, blob.pbData + blob.cbData));
+    ForEachFailedCall(calls, kKinds, Coder::Encode, [&](const FailureKind& kind) {
+        nv::CCryptBlob blob(plain.data(), static_cast<DWORD>(plain.size()));
+        HRESULT returned = S_OK;
+        const HRESULT raised = Raised([&] { returned = EncryptEx(blob, prov.get(), exchange.get(), CALG_3DES); });
+        if (kind.raised == E_OUTOFMEMORY) {
+            EXPECT_EQ(E_OUTOFMEMORY, raised);
+        } else {
+            EXPECT_EQ(S_OK, raised);
+            EXPECT_EQ(nv::HResultFromWin32(static_cast<LONG>(kind.lastError)), returned);
         }
-    }
+        // Either way the caller's blob keeps the plain bytes.
+        EXPECT_EQ(plain, Bytes(blob.pbData, blob.pbData + blob.cbData));
+    });
 }
 
 // ---- the host identifier ---------------------------------------------------------------
@@ -565,7 +554,7 @@ TEST_F(HostIdReadFailureTest, AValueThatIsReallyMissingIsStillReplaced)
     DeleteValue(kHostKey, L"HostId", kView32);
     CFPSecurityContext ctx;
     // The new identifier names no container yet: the provider's error, after writing.
-    EXPECT_NE(S_OK, ctx.FinalConstruct(KEY_WOW64_32KEY));
+    EXPECT_EQ(NTE_BAD_KEYSET, ctx.FinalConstruct(KEY_WOW64_32KEY));
     RegValue v;
     ASSERT_TRUE(GetValue(kHostKey, L"HostId", kView32, &v));
     EXPECT_EQ(16u, v.data.size());

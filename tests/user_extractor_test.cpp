@@ -17,6 +17,7 @@
 #include "support/api_faults.h"
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
+#include "support/db_paths.h"
 #include "writer/db20_der.h"
 #include "writer/host_provisioning.h"
 #include "writer/db20_writer.h"
@@ -27,9 +28,6 @@ using LegacyNVDB2::CLocalDBUserExtractor;
 using LegacyNVDB2::CNVSecretMap;
 
 namespace {
-
-constexpr HRESULT kBadData = static_cast<HRESULT>(0x80090005);
-constexpr const wchar_t kDataUsers[] = L"SOFTWARE\\Norvane\\DB\\Data\\Users";
 constexpr const wchar_t kHostKey[] = L"SOFTWARE\\Norvane\\NVHOST";
 
 std::vector<BYTE> BlobBytes(const CRYPT_DATA_BLOB& b)
@@ -39,7 +37,7 @@ std::vector<BYTE> BlobBytes(const CRYPT_DATA_BLOB& b)
 
 std::wstring UserKey(const GUID& g)
 {
-    return std::wstring(kDataUsers) + L"\\" + GuidText(g);
+    return std::wstring(kDataUsersPath) + L"\\" + GuidText(g);
 }
 
 std::wstring SidOf(PSID sid)
@@ -195,7 +193,7 @@ protected:
     std::vector<const Db20User*> InEnumerationOrder(const Db20Database& db)
     {
         std::vector<const Db20User*> order;
-        for (const std::wstring& name : SubkeyNames(kDataUsers, kView32)) {
+        for (const std::wstring& name : SubkeyNames(kDataUsersPath, kView32)) {
             const Db20User* found = nullptr;
             for (const Db20User& u : db.users)
                 if (GuidText(u.guid) == name)
@@ -288,7 +286,7 @@ TEST_F(UserExtractorTest, ConstructionWithoutTheHostKeyLeavesNoContainerAndEnume
     NV_USER_RECORD* users = nullptr;
     DWORD count = 0xdeadbeef;
     const HRESULT hr = extractor.EnumerateUsers(&users, &count);
-    EXPECT_EQ(static_cast<HRESULT>(0x80070057), hr); // CryptGetUserKey on no provider: ERROR_INVALID_PARAMETER
+    EXPECT_EQ(E_INVALIDARG, hr); // CryptGetUserKey on no provider
     EXPECT_EQ(2u, count);
     ASSERT_NE(nullptr, users);
     EXPECT_EQ(nullptr, users[0].pSid);
@@ -356,7 +354,7 @@ TEST_F(UserExtractorTest, AMissingUsersKeyFailsWithCountZeroAndNoArray)
     auto* sentinel = reinterpret_cast<NV_USER_RECORD*>(static_cast<ULONG_PTR>(0xdeadbeef));
     NV_USER_RECORD* users = sentinel;
     DWORD count = 0xdeadbeef;
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), extractor.EnumerateUsers(&users, &count));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), extractor.EnumerateUsers(&users, &count));
     EXPECT_EQ(0u, count);
     EXPECT_EQ(sentinel, users);
 }
@@ -406,7 +404,7 @@ TEST_F(UserExtractorTest, UnreadableUserKeysAreSkippedAndTheirSlotsStayZero)
     DWORD count = 0;
     ASSERT_EQ(S_OK, extractor.EnumerateUsers(&users, &count));
     ASSERT_EQ(6u, count);
-    const std::vector<std::wstring> names = SubkeyNames(kDataUsers, kView32);
+    const std::vector<std::wstring> names = SubkeyNames(kDataUsersPath, kView32);
     for (DWORD i = 0; i < count; ++i) {
         SCOPED_TRACE(Narrow(names[i]));
         const Db20User* model = nullptr;
@@ -448,7 +446,7 @@ TEST_F(UserExtractorTest, ACorruptSealEndsTheEnumerationAndLaterSlotsStayZero)
         CLocalDBUserExtractor extractor;
         NV_USER_RECORD* users = nullptr;
         DWORD count = 0;
-        EXPECT_EQ(kBadData, extractor.EnumerateUsers(&users, &count));
+        EXPECT_EQ(NTE_BAD_DATA, extractor.EnumerateUsers(&users, &count));
         ASSERT_EQ(5u, count);
         ASSERT_NE(nullptr, users);
         ExpectUser(db.users[0], users[0]);
@@ -482,7 +480,7 @@ TEST_F(UserExtractorTest, ShortValuesAndSealsOfOtherShapesAreBadData)
         CLocalDBUserExtractor extractor;
         NV_USER_RECORD* users = nullptr;
         DWORD count = 0;
-        EXPECT_EQ(kBadData, extractor.EnumerateUsers(&users, &count)) << value.size();
+        EXPECT_EQ(NTE_BAD_DATA, extractor.EnumerateUsers(&users, &count)) << value.size();
         EXPECT_EQ(S_OK, extractor.FreeUsers(users));
     }
     // Version 2 with a payload whose key blob does not import: the import's error.
@@ -492,7 +490,7 @@ TEST_F(UserExtractorTest, ShortValuesAndSealsOfOtherShapesAreBadData)
     DWORD count = 0;
     const HRESULT hr = extractor.EnumerateUsers(&users, &count);
     EXPECT_TRUE(FAILED(hr));
-    EXPECT_NE(kBadData, hr);
+    EXPECT_NE(NTE_BAD_DATA, hr);
     EXPECT_EQ(S_OK, extractor.FreeUsers(users));
 }
 
@@ -742,7 +740,7 @@ TEST_F(UserExtractorTest, AStringSecretFieldEndsTheLoadWithInvalidData)
     DWORD count = 0;
     ASSERT_EQ(S_OK, extractor.EnumerateUsers(&users, &count));
     CNVSecretMap secrets;
-    EXPECT_EQ(static_cast<HRESULT>(0x8007000D), extractor.InternalLoadSecretsToMap(users[0], secrets));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INVALID_DATA), extractor.InternalLoadSecretsToMap(users[0], secrets));
     EXPECT_EQ(S_OK, extractor.FreeUsers(users));
 }
 
@@ -754,7 +752,7 @@ TEST_F(UserExtractorTest, SecretsOfAUserWithoutAKeyFailWithFileNotFound)
     user.guidUser = {0x99999999, 0, 0, {0, 0, 0, 0, 0, 0, 0, 0}};
     CNVSecretMap secrets;
     secrets[_bstr_t(L"kept")] = nullptr;
-    EXPECT_EQ(static_cast<HRESULT>(0x80070002), extractor.InternalLoadSecretsToMap(user, secrets));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), extractor.InternalLoadSecretsToMap(user, secrets));
     EXPECT_TRUE(secrets.empty());
 }
 
@@ -882,7 +880,7 @@ TEST_F(UserExtractorTest, ACorruptSealIsTheEnumerationsTracedResult)
     CLocalDBUserExtractor extractor;
     NV_USER_RECORD* users = nullptr;
     DWORD count = 0;
-    EXPECT_EQ(kBadData, extractor.EnumerateUsers(&users, &count));
+    EXPECT_EQ(NTE_BAD_DATA, extractor.EnumerateUsers(&users, &count));
     EXPECT_EQ(S_OK, extractor.FreeUsers(users));
     EXPECT_EQ((std::vector<std::string>{"E -2146893819 "}), trace.LinesInScope("CLocalDBUserExtractor::EnumerateUsers"));
 }

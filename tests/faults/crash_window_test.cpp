@@ -21,6 +21,8 @@
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
 #include "support/store_sandbox.h"
+#include "support/text_util.h"
+#include "support/tool_runs.h"
 #include "writer/db20_writer.h"
 
 using namespace nvtest;
@@ -29,17 +31,6 @@ namespace inspect = nvstore::inspect;
 namespace {
 
 constexpr wchar_t kBackupValue[] = L"Backup";
-
-ProcessRun RunTool(const std::wstring& exe, const std::wstring& args)
-{
-    ProcessRun run = RunProcess(QuoteArg(ExeDirectory() + exe) + L" " + args);
-    EXPECT_TRUE(run.started) << Narrow(exe);
-    EXPECT_FALSE(run.timedOut) << Narrow(exe + L" " + args);
-    return run;
-}
-
-
-bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 class CrashWindowTest : public nvfaults::FaultChildTest {
 protected:

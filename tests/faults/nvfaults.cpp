@@ -57,6 +57,7 @@
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
 #include "support/store_sandbox.h"
+#include "support/text_util.h"
 #include "nvdbconv/dbstate.h"
 
 using namespace nvfaults;
@@ -71,13 +72,6 @@ constexpr int kExitSetup = 3;
 // one still running after this long is stopped and reported as hung.
 constexpr DWORD kChildTimeoutMs = 30000;
 constexpr wchar_t kLibraryName[] = L"NVDBConv.dll";
-
-std::string HexCode(DWORD v)
-{
-    char text[16];
-    std::snprintf(text, sizeof(text), "0x%08X", static_cast<unsigned>(v));
-    return text;
-}
 
 std::map<std::string, std::string> ParseOptions(int argc, wchar_t** argv, int from)
 {
@@ -103,25 +97,6 @@ bool WriteText(const std::wstring& path, const std::string& text)
     std::fwrite(text.data(), 1, text.size(), f);
     std::fclose(f);
     return true;
-}
-
-std::vector<std::string> ReadLines(const std::wstring& path)
-{
-    std::vector<std::string> lines;
-    FILE* f = _wfopen(path.c_str(), L"rb");
-    if (!f)
-        return lines;
-    std::string text;
-    char buffer[4096];
-    size_t n;
-    while ((n = std::fread(buffer, 1, sizeof(buffer), f)) > 0)
-        text.append(buffer, n);
-    std::fclose(f);
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line))
-        lines.push_back(line);
-    return lines;
 }
 
 // ---- child: one conversion under the hooks ------------------------------------
@@ -167,7 +142,7 @@ int Child(const std::map<std::string, std::string>& o)
                              "catalog does not classify:%s\n", unclassified.c_str());
         return kExitSetup;
     }
-    std::string text = "result " + HexCode(static_cast<DWORD>(hr)) + "\ncalls " + std::to_string(CallCount()) +
+    std::string text = "result " + nvtest::Hex(static_cast<DWORD>(hr)) + "\ncalls " + std::to_string(CallCount()) +
                        "\nfailed " + std::to_string(FailedCount()) + "\nstore objects left " +
                        std::to_string(LiveStoreWrappers()) + "\n";
     for (const CallRecord& r : Records())
@@ -249,13 +224,13 @@ std::vector<std::string> RecoverRound(Conversion conversion)
                     r = RegDeleteValueW(db, nvdbconv::kBackupValueName);
                     RegCloseKey(db);
                 }
-                notes.push_back("dangling \"Backup\" removed " + HexCode(static_cast<DWORD>(r)));
+                notes.push_back("dangling \"Backup\" removed " + nvtest::Hex(static_cast<DWORD>(r)));
                 if (conversion == Conversion::From20 && !layout30)
-                    notes.push_back("cleanup " + HexCode(static_cast<DWORD>(dll.Cleanup())));
+                    notes.push_back("cleanup " + nvtest::Hex(static_cast<DWORD>(dll.Cleanup())));
                 return notes;
             }
             if (hasBackup || (conversion == Conversion::From20 && !layout30))
-                notes.push_back("cleanup " + HexCode(static_cast<DWORD>(dll.Cleanup())));
+                notes.push_back("cleanup " + nvtest::Hex(static_cast<DWORD>(dll.Cleanup())));
             return notes;
         }
         if (target != 0 && hasBackup) {
@@ -265,7 +240,7 @@ std::vector<std::string> RecoverRound(Conversion conversion)
                 const HRESULT hr = dll.Rollback();
                 const nvtest::RegTree after = nvtest::Snapshot(nvdbconv::kDatabasePath, nvtest::kView32);
                 const bool backupKept = nvtest::KeyExists(backup.c_str(), view);
-                notes.push_back("rollback " + HexCode(static_cast<DWORD>(hr)) +
+                notes.push_back("rollback " + nvtest::Hex(static_cast<DWORD>(hr)) +
                                 (before == after ? " database-unchanged" : " database-changed") +
                                 (backupKept ? " backup-kept" : " backup-gone"));
             } else {
@@ -275,7 +250,7 @@ std::vector<std::string> RecoverRound(Conversion conversion)
     }
     // A fresh load: the version is detected again after a rollback.
     nvtest::LoadedLibrary dll;
-    notes.push_back("convert " + HexCode(static_cast<DWORD>(dll.Convert())));
+    notes.push_back("convert " + nvtest::Hex(static_cast<DWORD>(dll.Convert())));
     return notes;
 }
 
@@ -340,7 +315,7 @@ ChildOutcome RunChild(const std::wstring& args, const std::wstring& out)
     c.timedOut = run.timedOut;
     c.exitCode = run.exitCode;
     c.killed = run.exitCode == kKilledExitCode;
-    for (const std::string& line : ReadLines(out)) {
+    for (const std::string& line : nvtest::ReadFileLines(out)) {
         CallRecord r;
         if (line == "end")
             c.complete = true;
@@ -601,7 +576,7 @@ struct Sweep {
         const nvtest::ProcessRun recovery = RunSelf(L"recover --conversion " +
                                                     nvtest::Widen(ConversionName(conversion)) + L" --out " +
                                                     nvtest::QuoteArg(recoveryOut));
-        std::vector<std::string> recoveryLines = ReadLines(recoveryOut);
+        std::vector<std::string> recoveryLines = nvtest::ReadFileLines(recoveryOut);
         if (!run.started || !recovery.started) {
             // Not a finding about the library: the sweep cannot go on.
             std::fprintf(stderr, "nvfaults: the %s process of scenario %s %llu could not be started\n",
@@ -631,14 +606,14 @@ struct Sweep {
             }
         } else {
             processVerdict = Verdict::Crashed;
-            problems.push_back("conversion process ended without its answer (exit " + HexCode(run.exitCode) +
+            problems.push_back("conversion process ended without its answer (exit " + nvtest::Hex(run.exitCode) +
                                (run.complete ? "" : ", no result") + ")");
         }
         const bool recoveryComplete = !recoveryLines.empty() && recoveryLines.back() == "end";
         if (recovery.timedOut || recovery.exitCode != 0 || !recoveryComplete) {
             processVerdict = recovery.timedOut ? Verdict::Hung : Verdict::Crashed;
             problems.push_back("recovery process " + std::string(recovery.timedOut ? "hung" : "ended without its answer") +
-                               " (exit " + HexCode(recovery.exitCode) + ")" + recovery.err);
+                               " (exit " + nvtest::Hex(recovery.exitCode) + ")" + recovery.err);
         }
         for (const std::string& line : recoveryLines) {
             if (line == "end")
@@ -936,7 +911,7 @@ int SweepCommand(const std::map<std::string, std::string>& o)
     CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
     const HRESULT registered = nvtest::RegisterStoreServer();
     if (FAILED(registered)) {
-        std::fprintf(stderr, "nvfaults: registering the reference store failed: %s\n", HexCode(registered).c_str());
+        std::fprintf(stderr, "nvfaults: registering the reference store failed: %s\n", nvtest::Hex(registered).c_str());
         return kExitSetup;
     }
     World world(conversion);
@@ -976,7 +951,7 @@ int SweepCommand(const std::map<std::string, std::string>& o)
         const ChildOutcome clean = RunChild(L"child --mode count", tempDir + L"clean.txt");
         if (clean.exitCode != 0 || clean.result != "0x00000000" || clean.calls == 0) {
             std::fprintf(stderr, "nvfaults: the clean conversion failed: exit %s, Convert %s, %llu calls\n",
-                         HexCode(clean.exitCode).c_str(), clean.result.c_str(),
+                         nvtest::Hex(clean.exitCode).c_str(), clean.result.c_str(),
                          static_cast<unsigned long long>(clean.calls));
             rc = kExitSetup;
             break;

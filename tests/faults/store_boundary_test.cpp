@@ -23,6 +23,7 @@
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
+#include "support/text_util.h"
 
 using namespace nvtest;
 namespace inspect = nvstore::inspect;
@@ -30,29 +31,6 @@ namespace inspect = nvstore::inspect;
 namespace {
 
 constexpr wchar_t kStrictValue[] = L"StrictConversion";
-
-// The lines of nvfaults' output file.
-std::vector<std::string> FileLines(const std::wstring& file)
-{
-    std::vector<std::string> lines;
-    FILE* f = _wfopen(file.c_str(), L"rb");
-    if (!f)
-        return lines;
-    char line[4096];
-    while (std::fgets(line, sizeof(line), f)) {
-        std::string text(line);
-        while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
-            text.pop_back();
-        lines.push_back(text);
-    }
-    std::fclose(f);
-    return lines;
-}
-
-bool HasLine(const std::vector<std::string>& lines, const std::string& line)
-{
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
-}
 
 // The n-th (from 1) call of the function, or null.
 const nvfaults::CallRecord* NthCall(const std::vector<nvfaults::CallRecord>& calls, const std::string& function,
@@ -113,7 +91,7 @@ protected:
         WriteFreshWorld();
         const ProcessRun count = Child(L"--mode count");
         EXPECT_EQ(0u, count.exitCode) << count.err;
-        const std::vector<std::string> lines = FileLines(m_calls);
+        const std::vector<std::string> lines = ReadFileLines(m_calls);
         EXPECT_TRUE(HasLine(lines, "result 0x00000000"));
         EXPECT_TRUE(HasLine(lines, "store objects left 0"));
         std::vector<nvfaults::CallRecord> calls = nvfaults::ReadCallRecords(m_calls);
@@ -222,7 +200,7 @@ TEST_P(StoreErrorTest, OnceAtOpenUserFailsThatUserWithTheStoreError)
         Child(L"--mode once --n " + std::to_wstring(open->number) + L" --store-error " + Widen(GetParam()));
     ASSERT_EQ(0u, run.exitCode) << run.err;
 
-    const std::vector<std::string> lines = FileLines(m_calls);
+    const std::vector<std::string> lines = ReadFileLines(m_calls);
     EXPECT_TRUE(HasLine(lines, "result 0x00000000"));
     EXPECT_TRUE(HasLine(lines, "failed 1"));
     EXPECT_TRUE(HasLine(lines, "store objects left 0"));
@@ -257,7 +235,7 @@ TEST_F(StoreBoundaryTest, KillInsideAStoreCallEndsTheProcessThereAndARerunMovesE
 
     const ProcessRun run = Child(L"--mode kill --n " + std::to_wstring(enrol->number));
     ASSERT_EQ(nvfaults::kKilledExitCode, run.exitCode) << run.err;
-    const std::vector<std::string> lines = FileLines(m_calls);
+    const std::vector<std::string> lines = ReadFileLines(m_calls);
     ASSERT_LE(2u, lines.size());
     EXPECT_EQ("killed " + std::to_string(enrol->number), lines[0]);
     nvfaults::CallRecord record;
@@ -346,7 +324,7 @@ TEST_P(StrictStoreFaultTest, StrictKeepsTheOldKeyOfAUserTheStoreDidNotTakeWhole)
         args += L" --store-error " + Widen(site.error);
     const ProcessRun run = Child(args);
     ASSERT_EQ(0u, run.exitCode) << run.err;
-    const std::vector<std::string> lines = FileLines(m_calls);
+    const std::vector<std::string> lines = ReadFileLines(m_calls);
     EXPECT_TRUE(HasLine(lines, "result 0x00000000")) << trace.Dump();
     EXPECT_TRUE(HasLine(lines, "failed 1"));
     EXPECT_TRUE(HasLine(lines, "store objects left 0"));

@@ -15,8 +15,13 @@
 #include "writer/db20_der.h"
 #include "writer/db20_writer.h"
 #include "writer/host_provisioning.h"
+#include "support/db_paths.h"
+#include "support/text_util.h"
 
 namespace nvfuzz {
+
+using nvtest::Hex;
+using nvtest::kDbPath;
 
 namespace {
 
@@ -50,18 +55,10 @@ constexpr BYTE kFuzzMachineKey[] = {
     0x89, 0x6E, 0x06, 0x09
 };
 constexpr wchar_t kAccountsPath[] = L"SOFTWARE\\Norvane\\DB\\Policy\\Accounts\\";
-constexpr wchar_t kDbPath[] = L"SOFTWARE\\Norvane\\DB";
 // The template map of an extractor keeps one entry per SID text it has seen.
 constexpr unsigned kInputsPerExtractor = 256;
 
 bool IsSecurityFacility(HRESULT hr) { return (static_cast<ULONG>(hr) & 0xFFFF0000u) == 0x80090000u; }
-
-std::string Hex(HRESULT hr)
-{
-    char text[16];
-    std::snprintf(text, sizeof(text), "0x%08lX", static_cast<unsigned long>(hr));
-    return text;
-}
 
 Outcome Disallowed(HRESULT hr, const char* parser)
 {

@@ -25,6 +25,7 @@
 #include "support/registry_sandbox.h"
 #include "support/store_sandbox.h"
 #include "support/trace_capture.h"
+#include "support/sample_databases.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -123,11 +124,7 @@ protected:
 
 TEST_F(LibraryLoadsTest, EveryLoadDuringTracedConvertRollbackCleanupAndRegistrationIsFromTheSystemDirectory)
 {
-    nvwriter::DbOptions options;
-    options.users = 4;
-    options.domains = 1;
-    nvwriter::DbRecord record;
-    ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
+    ASSERT_EQ(S_OK, WriteDb10(4, 1));
 
     LoadedLibrary dll; // tracing is off: the library reads its settings and opens no file
     ASSERT_TRUE(dll.loaded());

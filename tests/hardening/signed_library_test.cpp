@@ -8,6 +8,7 @@
 #include "support/dll_loader.h"
 #include "support/pe_file.h"
 #include "support/registry_sandbox.h"
+#include "support/db_paths.h"
 #include "writer/legacy_writer.h"
 
 using namespace nvtest;
@@ -16,7 +17,6 @@ namespace {
 
 constexpr const wchar_t kSignedLibrary[] = L"signed\\NVDBConv.dll";
 constexpr const wchar_t kSysComponents[] = L"SOFTWARE\\Norvane\\Core\\SysComponents";
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
 
 class SignedLibraryTest : public RegistrySandbox {};
 
@@ -45,10 +45,7 @@ TEST_F(SignedLibraryTest, RegistersLoadsAndConverts)
 
     LoadedLibrary dll(kSignedLibrary);
     ASSERT_TRUE(dll.loaded());
-    DWORD current = 0xdeadbeef, target = 0xdeadbeef;
-    EXPECT_EQ(S_OK, dll.GetDBVersion(&current, &target));
-    EXPECT_EQ(0x00010000u, current);
-    EXPECT_EQ(0x00020000u, target);
+    ExpectDbVersions(dll, 0x00010000u, 0x00020000u, __LINE__);
 
     EXPECT_EQ(S_OK, dll.DllRegisterServer());
     std::wstring entry;
@@ -59,7 +56,7 @@ TEST_F(SignedLibraryTest, RegistersLoadsAndConverts)
 
     EXPECT_EQ(S_OK, dll.Convert());
     std::wstring version;
-    EXPECT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    EXPECT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"2.0", version);
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB-v1.0", kView32));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB-v1.0", kView64));

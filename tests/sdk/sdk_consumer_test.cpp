@@ -12,6 +12,7 @@
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
 #include "support/store_sandbox.h"
+#include "support/db_paths.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -19,11 +20,7 @@ using namespace nvtest;
 
 namespace {
 
-constexpr const wchar_t kDb[] = L"SOFTWARE\\Norvane\\DB";
-constexpr const wchar_t kData[] = L"SOFTWARE\\Norvane\\DB\\Data";
-constexpr const wchar_t kMainDb[] = L"SOFTWARE\\Norvane\\DB\\MainDB";
 constexpr const wchar_t kBackup10[] = L"SOFTWARE\\Norvane\\DB-v1.0";
-constexpr const wchar_t kBackup20[] = L"SOFTWARE\\Norvane\\DB-v2.0";
 constexpr const wchar_t kStoreUsers[] = L"SOFTWARE\\Norvane\\Store\\Users";
 constexpr unsigned kUsers = 3;
 
@@ -71,10 +68,10 @@ void ExpectFormat20(int line)
 {
     SCOPED_TRACE(line);
     std::wstring version, backup;
-    EXPECT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    EXPECT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"2.0", version);
     EXPECT_EQ(kUsers, SubkeyNames(L"SOFTWARE\\Norvane\\DB\\Data\\Users", kView32).size());
-    EXPECT_FALSE(GetString(kDb, L"Backup", kView32, &backup)) << Narrow(backup);
+    EXPECT_FALSE(GetString(kDbPath, L"Backup", kView32, &backup)) << Narrow(backup);
     EXPECT_FALSE(KeyExists(kBackup10, kView32));
     EXPECT_FALSE(KeyExists(kBackup10, kView64));
 }
@@ -85,15 +82,15 @@ void ExpectFormat30(int line)
 {
     SCOPED_TRACE(line);
     std::wstring version, backup;
-    EXPECT_TRUE(KeyExists(kDb, kView32));
-    EXPECT_FALSE(KeyExists(kData, kView32));
-    EXPECT_FALSE(KeyExists(kMainDb, kView32));
-    EXPECT_TRUE(GetString(kDb, L"Version", kView32, &version));
+    EXPECT_TRUE(KeyExists(kDbPath, kView32));
+    EXPECT_FALSE(KeyExists(kDataPath, kView32));
+    EXPECT_FALSE(KeyExists(kMainDbPath, kView32));
+    EXPECT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"2.1", version); // as the format leaves it: the layout tells "converted"
     EXPECT_EQ(kUsers, SubkeyNames(kStoreUsers, kView64).size());
-    EXPECT_FALSE(GetString(kDb, L"Backup", kView32, &backup)) << Narrow(backup);
-    EXPECT_FALSE(KeyExists(kBackup20, kView64));
-    EXPECT_FALSE(KeyExists(kBackup20, kView32));
+    EXPECT_FALSE(GetString(kDbPath, L"Backup", kView32, &backup)) << Narrow(backup);
+    EXPECT_FALSE(KeyExists(kBackup20Path, kView64));
+    EXPECT_FALSE(KeyExists(kBackup20Path, kView32));
 }
 
 } // namespace

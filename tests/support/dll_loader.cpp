@@ -62,4 +62,13 @@ HRESULT LoadedLibrary::DllGetClassObject(REFCLSID clsid, REFIID iid, void** out)
     return fn ? fn(clsid, iid, out) : E_NOTIMPL;
 }
 
+void ExpectDbVersions(const LoadedLibrary& dll, DWORD current, DWORD target, int line)
+{
+    SCOPED_TRACE(testing::Message() << "from line " << line);
+    DWORD gotCurrent = 0xdeadbeef, gotTarget = 0xdeadbeef;
+    EXPECT_EQ(S_OK, dll.GetDBVersion(&gotCurrent, &gotTarget));
+    EXPECT_EQ(current, gotCurrent);
+    EXPECT_EQ(target, gotTarget);
+}
+
 } // namespace nvtest

@@ -47,4 +47,8 @@ private:
     std::wstring m_path;
 };
 
+// GetDBVersion of the loaded library answers S_OK with these versions (its
+// out-parameters pre-filled with sentinels); a failure names the caller's line.
+void ExpectDbVersions(const LoadedLibrary& dll, DWORD current, DWORD target, int line);
+
 } // namespace nvtest

@@ -1,7 +1,9 @@
 // Bridges the legacy database writer and the registry sandbox: what the writer
 // recorded, as a tree that compares with a registry Snapshot value by value.
 #pragma once
+#include <gtest/gtest.h>
 #include <algorithm>
+#include "support/db_paths.h"
 #include "support/registry_sandbox.h"
 #include "writer/legacy_writer.h"
 
@@ -21,6 +23,17 @@ inline RegTree ToRegTree(const nvwriter::DbRecord& record)
             tree.values[key + L"|" + name] = std::move(v);
         }
     return tree;
+}
+
+// The database in the registry (SOFTWARE\Norvane\DB, in that view) is what the
+// writer recorded, value by value.
+inline testing::AssertionResult RegistryHoldsRecord(const nvwriter::DbRecord& record, REGSAM view)
+{
+    const RegTree expected = ToRegTree(record);
+    const RegTree actual = Snapshot(kDbPath, view);
+    if (expected == actual)
+        return testing::AssertionSuccess();
+    return testing::AssertionFailure() << DiffTrees(expected, actual);
 }
 
 } // namespace nvtest

@@ -49,6 +49,15 @@ bool DecodeSequenceOfAny(const std::vector<BYTE>& der, std::vector<std::vector<B
     return true;
 }
 
+bool DecodeBlobContent(LPCSTR type, const std::vector<BYTE>& der, std::vector<BYTE>* content)
+{
+    std::vector<BYTE> buffer;
+    if (!Decode(type, der, &buffer))
+        return false;
+    *content = BlobBytes(*reinterpret_cast<const CRYPT_DATA_BLOB*>(buffer.data()));
+    return true;
+}
+
 std::vector<BYTE> PublicKeyBlobOf(HCRYPTPROV prov)
 {
     nv::unique_hcryptkey key;

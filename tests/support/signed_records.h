@@ -22,6 +22,10 @@ struct SignedRecord {
 bool DecodeSignedRecord(const std::vector<BYTE>& der, SignedRecord* out);
 // The items of a SEQUENCE OF ANY, each a complete DER value; false when it does not decode.
 bool DecodeSequenceOfAny(const std::vector<BYTE>& der, std::vector<std::vector<BYTE>>* items);
+// The content bytes of a value whose decoded form is a blob (X509_OCTET_STRING, and
+// X509_MULTI_BYTE_UINT and X509_MULTI_BYTE_INTEGER little-endian); false when it
+// does not decode as that type.
+bool DecodeBlobContent(LPCSTR type, const std::vector<BYTE>& der, std::vector<BYTE>* content);
 
 // The key exchange key of a provider as a PUBLICKEYBLOB.
 std::vector<BYTE> PublicKeyBlobOf(HCRYPTPROV prov);
