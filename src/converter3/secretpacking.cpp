@@ -5,8 +5,8 @@
 #include <utility>
 #include "common/handles.h"
 #include "common/hresult.h"
-#include "common/tea_cfb.h"
-#include "converter3/nvblobs.h"
+#include "common/teacfb.h"
+#include "converter3/typedblobs.h"
 #include "secret_keys.h"
 #include "trace/trace.h"
 

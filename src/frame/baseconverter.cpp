@@ -10,7 +10,7 @@
 #include "common/keysecurity.h"
 #include "frame/conversionlock.h"
 #include "frame/dblayout.h"
-#include "frame/dbconverter.h"
+#include "dll/dbconverter.h"
 #include "frame/paths.h"
 #include "trace/trace.h"
 

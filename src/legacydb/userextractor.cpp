@@ -7,7 +7,7 @@
 #include <memory>
 #include <new>
 #include <vector>
-#include "common/apicalls.h"
+#include "common/replaceablecalls.h"
 #include "common/handles.h"
 #include "common/hresult.h"
 #include "common/regkey.h"

@@ -6,7 +6,7 @@
 #include <cwchar>
 #include <vector>
 
-#include "common/apicalls.h"
+#include "common/replaceablecalls.h"
 #include "common/cryptblob.h"
 #include "common/handles.h"
 #include "common/hresult.h"

@@ -10,7 +10,7 @@
 #include <cwchar>
 
 #include "common/regkey.h"
-#include "trace/trace_output.h"
+#include "trace/traceoutput.h"
 
 namespace NVTraceNS {
 

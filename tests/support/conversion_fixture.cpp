@@ -5,8 +5,8 @@
 #include <wincrypt.h>
 #include <algorithm>
 #include <cstdio>
-#include "common/tea_cfb.h"
-#include "converter3/nvstore_api.h"
+#include "common/teacfb.h"
+#include "common/storecontract.h"
 #include "secret_keys.h"
 #include "nvstore_inspect.h"
 #include "support/store_sandbox.h"

@@ -13,11 +13,11 @@
 #include <iterator>
 #include <sstream>
 
-#include "common/tea_cfb.h"
+#include "common/teacfb.h"
 #include "rollup.h"
 #include "summary.h"
 #include "timeline_cli.h"
-#include "trace/trace_keys.h"
+#include "trace/tracekeys.h"
 
 namespace nvtrace {
 

@@ -1,4 +1,4 @@
-#include "frame/dbconverter.h"
+#include "dll/dbconverter.h"
 
 #include <cwchar>
 
