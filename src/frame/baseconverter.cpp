@@ -9,8 +9,8 @@
 #include "common/hresult.h"
 #include "common/keysecurity.h"
 #include "frame/conversionlock.h"
+#include "frame/databaseversion.h"
 #include "frame/dblayout.h"
-#include "dll/dbconverter.h"
 #include "frame/paths.h"
 #include "trace/trace.h"
 
@@ -408,10 +408,5 @@ HRESULT CBaseConverter::DeleteKeyTree(HKEY hRoot, bool openRoot, const wchar_t* 
 
 HRESULT CBaseConverter::GrantFullAccess(HKEY hKey, ACCESS_MASK usersMask)
 {
-    return nv::Guarded([&]() -> HRESULT {
-        if (!nv::CallerIsSystemOrAdministrator())
-            return S_OK;
-        // S_FALSE when the DACL cannot be set: the delete is tried anyway.
-        return nv::SetProtectedKeyDacl(hKey, usersMask);
-    });
+    return nv::GrantFullAccess(hKey, usersMask);
 }

@@ -47,10 +47,8 @@ public:
                            const wchar_t* wszSrcPath, REGSAM samSrcView);
     static HRESULT DeleteKey(HKEY hRoot, const wchar_t* wszPath, REGSAM samView);
 
-    // Replaces the key's DACL by a protected one: LocalSystem and Administrators full
-    // access, Users the given mask (no entry for 0). Only for callers that are
-    // LocalSystem or administrators; others get S_OK and no change. S_FALSE when
-    // setting the DACL fails. Also the database's standard security for new keys.
+    // The grant of common/keysecurity.h (nv::GrantFullAccess), which DeleteKey gives
+    // each key before deleting it.
     static HRESULT GrantFullAccess(HKEY hKey, ACCESS_MASK usersMask);
 
     // The converter factory; the key owner argument is not used.
