@@ -39,17 +39,6 @@ std::wstring BoundedPath(std::wstring path)
     return path;
 }
 
-// Memory shortage inside the parser is reported as the COM error it stands for.
-template <class Body>
-void RaiseOutOfMemoryAsComError(Body&& body)
-{
-    try {
-        body();
-    } catch (const std::bad_alloc&) {
-        nv::ThrowHr(E_OUTOFMEMORY);
-    }
-}
-
 void ReadTemplateItem(DerView item, CNVTemplate& tmpl)
 {
     tmpl.Clear();
@@ -218,7 +207,8 @@ HRESULT CLocalDBUserExtractor::ParseUserBlob(DWORD cbBlob, const BYTE* pbBlob, N
 {
     NVTraceNS::CTraceScope scope("CLocalDBUserExtractor::ParseUserBlob", 0);
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
-        RaiseOutOfMemoryAsComError([&]() {
+        // Memory shortage inside the parser is reported as the COM error it stands for.
+        nv::RaiseBadAllocAsOutOfMemory([&]() {
             const Bytes signedContent = ReadEnvelope(DerView(pbBlob, cbBlob));
             const ItemList outer = ReadList(DerView(signedContent));
             const Bytes userContent = ReadOctets(ItemAt(outer, 0));
