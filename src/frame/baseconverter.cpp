@@ -31,6 +31,23 @@ struct FreeDeleter {
     void operator()(BYTE* p) const noexcept { std::free(p); }
 };
 
+// Runs each() for every subkey of key, in the registry's order, as it enumerates
+// them, with the subkey's name in the caller's buffer (a recursion keeps one buffer
+// a level); an enumeration error other than the end is raised.
+template <class Each>
+void ForEachSubkey(HKEY key, wchar_t (&name)[kNameBufferChars], Each&& each)
+{
+    for (DWORD index = 0;; ++index) {
+        name[0] = L'\0'; // the registry writes the name and its terminator
+        DWORD cchName = kNameCapacity;
+        LONG r = ::RegEnumKeyExW(key, index, name, &cchName, nullptr, nullptr, nullptr, nullptr);
+        if (r == ERROR_NO_MORE_ITEMS)
+            return;
+        nv::ThrowIfWin32Failed(r);
+        each();
+    }
+}
+
 // A "Backup" value that names no backup key of this library: traced, and refused
 // with E_ACCESSDENIED before anything is deleted or copied.
 HRESULT RefuseForeignBackupPath(NVTraceNS::CTraceScope& scope, const std::wstring& path)
@@ -232,34 +249,40 @@ std::wstring CBaseConverter::ReadBackupPath()
 
 HRESULT CBaseConverter::Rollback()
 {
-    NVTraceNS::CTraceScope scope("CBaseConverter::Rollback", 0);
+    return OnBackupUnderLock("CBaseConverter::Rollback", true, &CBaseConverter::RestoreFromBackup,
+                             &CBaseConverter::do_Rollback);
+}
+
+HRESULT CBaseConverter::Cleanup()
+{
+    // A refused path fails the step as a failed delete would: the hook is skipped.
+    return OnBackupUnderLock("CBaseConverter::Cleanup", false, &CBaseConverter::DeleteBackup,
+                             &CBaseConverter::do_Cleanup);
+}
+
+HRESULT CBaseConverter::OnBackupUnderLock(const char* scopeName, bool hookAfterRefusal,
+                                          HRESULT (CBaseConverter::*step)(NVTraceNS::CTraceScope&,
+                                                                          const std::wstring&),
+                                          HRESULT (CBaseConverter::*hook)())
+{
+    NVTraceNS::CTraceScope scope(scopeName, 0);
     nvframe::CConversionLock lock(scope, m_locks);
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
         nv::ThrowIfFailed(AfterLock(lock, scope, false));
         HRESULT result;
-        std::wstring path = ReadBackupPath();
-        if (!path.empty() && !nvframe::IsLibraryBackupPath(path.c_str())) {
-            result = RefuseForeignBackupPath(scope, path);
-        } else if (!path.empty()) {
-            NVTraceNS::Trace(scope, 0, "restoring database from backup key %ls", path.c_str());
-            // The database is deleted and restored in the view word of the key owner
-            // (0, the library's own view), whatever view it was opened in. Only the
-            // final delete decides the result; an earlier failure leaves S_OK.
-            result = S_OK;
-            const REGSAM dbView = m_dbKey.m_samWOW64;
-            if (SUCCEEDED(DeleteKey(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, dbView)) &&
-                SUCCEEDED(CopyKey(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, dbView, HKEY_LOCAL_MACHINE,
-                                  path.c_str(), GetBackupView()))) {
-                result = DeleteKey(HKEY_LOCAL_MACHINE, path.c_str(), GetBackupView());
-            }
-        } else {
+        const std::wstring path = ReadBackupPath();
+        if (path.empty()) {
             NVTraceNS::Trace(scope, 0, "backup key name is empty, nothing to do");
             result = S_FALSE;
+        } else if (!nvframe::IsLibraryBackupPath(path.c_str())) {
+            result = RefuseForeignBackupPath(scope, path);
+            if (!hookAfterRefusal)
+                return result;
+        } else {
+            result = (this->*step)(scope, path);
         }
-        HRESULT hook = do_Rollback();
-        if (FAILED(hook))
-            result = hook;
-        return result;
+        HRESULT hookResult = (this->*hook)();
+        return FAILED(hookResult) ? hookResult : result;
     });
     // This operation's own changes are not another converter's.
     if (hr != nvframe::NV_E_CONVERSION_BUSY)
@@ -267,35 +290,26 @@ HRESULT CBaseConverter::Rollback()
     return NVTraceNS::TraceReturn(scope, hr);
 }
 
-HRESULT CBaseConverter::Cleanup()
+HRESULT CBaseConverter::RestoreFromBackup(NVTraceNS::CTraceScope& scope, const std::wstring& path)
 {
-    NVTraceNS::CTraceScope scope("CBaseConverter::Cleanup", 0);
-    nvframe::CConversionLock lock(scope, m_locks);
-    HRESULT hr = nv::Guarded([&]() -> HRESULT {
-        nv::ThrowIfFailed(AfterLock(lock, scope, false));
-        HRESULT result;
-        std::wstring path = ReadBackupPath();
-        // A refused path fails the step as a failed delete would: the hook is skipped.
-        if (!path.empty() && !nvframe::IsLibraryBackupPath(path.c_str()))
-            return RefuseForeignBackupPath(scope, path);
-        if (!path.empty()) {
-            NVTraceNS::Trace(scope, 0, "cleaning up backup key %ls", path.c_str());
-            nv::ThrowIfFailed(DeleteKey(HKEY_LOCAL_MACHINE, path.c_str(), GetBackupView()));
-            ::RegDeleteValueW(m_dbKey.Get(), s_wszBackupValue);
-            result = S_OK;
-        } else {
-            NVTraceNS::Trace(scope, 0, "backup key name is empty, nothing to do");
-            result = S_FALSE;
-        }
-        HRESULT hook = do_Cleanup();
-        if (FAILED(hook))
-            result = hook;
-        return result;
-    });
-    // This operation's own changes are not another converter's.
-    if (hr != nvframe::NV_E_CONVERSION_BUSY)
-        RememberDatabaseState(lock, scope);
-    return NVTraceNS::TraceReturn(scope, hr);
+    NVTraceNS::Trace(scope, 0, "restoring database from backup key %ls", path.c_str());
+    // The database is deleted and restored in the view word of the key owner
+    // (0, the library's own view), whatever view it was opened in. Only the
+    // final delete decides the result; an earlier failure leaves S_OK.
+    const REGSAM dbView = m_dbKey.m_samWOW64;
+    if (SUCCEEDED(DeleteKey(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, dbView)) &&
+        SUCCEEDED(CopyKey(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, dbView, HKEY_LOCAL_MACHINE, path.c_str(),
+                          GetBackupView())))
+        return DeleteKey(HKEY_LOCAL_MACHINE, path.c_str(), GetBackupView());
+    return S_OK;
+}
+
+HRESULT CBaseConverter::DeleteBackup(NVTraceNS::CTraceScope& scope, const std::wstring& path)
+{
+    NVTraceNS::Trace(scope, 0, "cleaning up backup key %ls", path.c_str());
+    nv::ThrowIfFailed(DeleteKey(HKEY_LOCAL_MACHINE, path.c_str(), GetBackupView()));
+    ::RegDeleteValueW(m_dbKey.Get(), s_wszBackupValue);
+    return S_OK;
 }
 
 HRESULT CBaseConverter::CopyKey(HKEY hDstRoot, const wchar_t* wszDstPath, REGSAM samDstView, HKEY hSrcRoot,
@@ -335,15 +349,9 @@ HRESULT CBaseConverter::CopyKey(HKEY hDstRoot, const wchar_t* wszDstPath, REGSAM
             nv::ThrowIfWin32Failed(::RegSetValueExW(dst.get(), name, 0, type, data.get(), cbData));
         }
 
-        for (DWORD index = 0;; ++index) {
-            name[0] = L'\0'; // the registry writes the name and its terminator
-            DWORD cchName = kNameCapacity;
-            LONG r = ::RegEnumKeyExW(src.get(), index, name, &cchName, nullptr, nullptr, nullptr, nullptr);
-            if (r == ERROR_NO_MORE_ITEMS)
-                break;
-            nv::ThrowIfWin32Failed(r);
+        ForEachSubkey(src.get(), name, [&]() {
             nv::ThrowIfFailed(CopyKey(dst.get(), name, samDstView, src.get(), name, samSrcView));
-        }
+        });
         return S_OK;
     });
     return NVTraceNS::TraceReturn(scope, hr);
@@ -385,15 +393,7 @@ HRESULT CBaseConverter::DeleteKeyTree(HKEY hRoot, bool openRoot, const wchar_t* 
         // List first, delete afterwards: deleting while enumerating shifts the indexes.
         std::vector<std::wstring> children;
         wchar_t name[kNameBufferChars];
-        for (DWORD index = 0;; ++index) {
-            name[0] = L'\0'; // the registry writes the name and its terminator
-            DWORD cchName = kNameCapacity;
-            LONG r = ::RegEnumKeyExW(target.get(), index, name, &cchName, nullptr, nullptr, nullptr, nullptr);
-            if (r == ERROR_NO_MORE_ITEMS)
-                break;
-            nv::ThrowIfWin32Failed(r);
-            children.emplace_back(name);
-        }
+        ForEachSubkey(target.get(), name, [&]() { children.emplace_back(name); });
         for (const std::wstring& child : children)
             nv::ThrowIfFailed(DeleteKeyTree(target.get(), false, child.c_str(), samView, privilege));
 

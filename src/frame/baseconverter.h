@@ -94,6 +94,16 @@ private:
     // Opens the database key anew; a key that is gone leaves no handle (S_OK), any
     // other failure is the answer.
     HRESULT ReopenDatabaseKey(NVTraceNS::CTraceScope& scope);
+
+    // Rollback's and Cleanup's frame: the scope, the conversion lock, the "Backup"
+    // path read under it (empty: S_FALSE; not one of the library's: refused), the
+    // step on a path of the library's own, then the converter's hook, whose failure
+    // is the result; after a refusal only when hookAfterRefusal says so.
+    HRESULT OnBackupUnderLock(const char* scopeName, bool hookAfterRefusal,
+                              HRESULT (CBaseConverter::*step)(NVTraceNS::CTraceScope&, const std::wstring&),
+                              HRESULT (CBaseConverter::*hook)());
+    HRESULT RestoreFromBackup(NVTraceNS::CTraceScope& scope, const std::wstring& path);
+    HRESULT DeleteBackup(NVTraceNS::CTraceScope& scope, const std::wstring& path);
     REGSAM m_samDbView;
     std::wstring m_wstrSeenState;
     nvframe::LockCount m_locks;
