@@ -249,49 +249,69 @@ std::wstring CBaseConverter::ReadBackupPath()
 
 HRESULT CBaseConverter::Rollback()
 {
-    return OnBackupUnderLock("CBaseConverter::Rollback", true, &CBaseConverter::RestoreFromBackup,
-                             &CBaseConverter::do_Rollback);
+    NVTraceNS::CTraceScope scope("CBaseConverter::Rollback", 0);
+    nvframe::CConversionLock lock(scope, m_locks);
+    HRESULT hr = nv::Guarded([&]() -> HRESULT {
+        const std::wstring path = BackupPathUnderLock(lock, scope);
+        const HRESULT result = RestoreFromBackup(scope, path);
+        const HRESULT hook = do_Rollback();
+        return FAILED(hook) ? hook : result;
+    });
+    return FinishUnderLock(lock, scope, hr);
 }
 
 HRESULT CBaseConverter::Cleanup()
 {
-    // A refused path fails the step as a failed delete would: the hook is skipped.
-    return OnBackupUnderLock("CBaseConverter::Cleanup", false, &CBaseConverter::DeleteBackup,
-                             &CBaseConverter::do_Cleanup);
-}
-
-HRESULT CBaseConverter::OnBackupUnderLock(const char* scopeName, bool hookAfterRefusal,
-                                          HRESULT (CBaseConverter::*step)(NVTraceNS::CTraceScope&,
-                                                                          const std::wstring&),
-                                          HRESULT (CBaseConverter::*hook)())
-{
-    NVTraceNS::CTraceScope scope(scopeName, 0);
+    NVTraceNS::CTraceScope scope("CBaseConverter::Cleanup", 0);
     nvframe::CConversionLock lock(scope, m_locks);
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
-        nv::ThrowIfFailed(AfterLock(lock, scope, false));
+        const std::wstring path = BackupPathUnderLock(lock, scope);
         HRESULT result;
-        const std::wstring path = ReadBackupPath();
         if (path.empty()) {
-            NVTraceNS::Trace(scope, 0, "backup key name is empty, nothing to do");
-            result = S_FALSE;
-        } else if (!nvframe::IsLibraryBackupPath(path.c_str())) {
-            result = RefuseForeignBackupPath(scope, path);
-            if (!hookAfterRefusal)
-                return result;
+            result = NoBackupPath(scope);
         } else {
-            result = (this->*step)(scope, path);
+            // A refused path fails the step as a failed delete would: the hook is skipped.
+            if (!nvframe::IsLibraryBackupPath(path.c_str()))
+                return RefuseForeignBackupPath(scope, path);
+            NVTraceNS::Trace(scope, 0, "cleaning up backup key %ls", path.c_str());
+            nv::ThrowIfFailed(DeleteKey(HKEY_LOCAL_MACHINE, path.c_str(), GetBackupView()));
+            ::RegDeleteValueW(m_dbKey.Get(), s_wszBackupValue);
+            result = S_OK;
         }
-        HRESULT hookResult = (this->*hook)();
-        return FAILED(hookResult) ? hookResult : result;
+        const HRESULT hook = do_Cleanup();
+        return FAILED(hook) ? hook : result;
     });
+    return FinishUnderLock(lock, scope, hr);
+}
+
+std::wstring CBaseConverter::BackupPathUnderLock(const nvframe::CConversionLock& lock, NVTraceNS::CTraceScope& scope)
+{
+    nv::ThrowIfFailed(AfterLock(lock, scope, false));
+    return ReadBackupPath();
+}
+
+HRESULT CBaseConverter::FinishUnderLock(const nvframe::CConversionLock& lock, NVTraceNS::CTraceScope& scope,
+                                        HRESULT hr)
+{
     // This operation's own changes are not another converter's.
     if (hr != nvframe::NV_E_CONVERSION_BUSY)
         RememberDatabaseState(lock, scope);
     return NVTraceNS::TraceReturn(scope, hr);
 }
 
+HRESULT CBaseConverter::NoBackupPath(NVTraceNS::CTraceScope& scope)
+{
+    NVTraceNS::Trace(scope, 0, "backup key name is empty, nothing to do");
+    return S_FALSE;
+}
+
 HRESULT CBaseConverter::RestoreFromBackup(NVTraceNS::CTraceScope& scope, const std::wstring& path)
 {
+    if (path.empty())
+        return NoBackupPath(scope);
+    // A refused path is Rollback's result; the hook still runs.
+    if (!nvframe::IsLibraryBackupPath(path.c_str()))
+        return RefuseForeignBackupPath(scope, path);
     NVTraceNS::Trace(scope, 0, "restoring database from backup key %ls", path.c_str());
     // The database is deleted and restored in the view word of the key owner
     // (0, the library's own view), whatever view it was opened in. Only the
@@ -301,14 +321,6 @@ HRESULT CBaseConverter::RestoreFromBackup(NVTraceNS::CTraceScope& scope, const s
         SUCCEEDED(CopyKey(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, dbView, HKEY_LOCAL_MACHINE, path.c_str(),
                           GetBackupView())))
         return DeleteKey(HKEY_LOCAL_MACHINE, path.c_str(), GetBackupView());
-    return S_OK;
-}
-
-HRESULT CBaseConverter::DeleteBackup(NVTraceNS::CTraceScope& scope, const std::wstring& path)
-{
-    NVTraceNS::Trace(scope, 0, "cleaning up backup key %ls", path.c_str());
-    nv::ThrowIfFailed(DeleteKey(HKEY_LOCAL_MACHINE, path.c_str(), GetBackupView()));
-    ::RegDeleteValueW(m_dbKey.Get(), s_wszBackupValue);
     return S_OK;
 }
 

@@ -95,15 +95,15 @@ private:
     // other failure is the answer.
     HRESULT ReopenDatabaseKey(NVTraceNS::CTraceScope& scope);
 
-    // Rollback's and Cleanup's frame: the scope, the conversion lock, the "Backup"
-    // path read under it (empty: S_FALSE; not one of the library's: refused), the
-    // step on a path of the library's own, then the converter's hook, whose failure
-    // is the result; after a refusal only when hookAfterRefusal says so.
-    HRESULT OnBackupUnderLock(const char* scopeName, bool hookAfterRefusal,
-                              HRESULT (CBaseConverter::*step)(NVTraceNS::CTraceScope&, const std::wstring&),
-                              HRESULT (CBaseConverter::*hook)());
+    // Rollback's and Cleanup's steps. Under the lock: AfterLock's failure raised, then
+    // the "Backup" path. At the end: the state this operation leaves remembered
+    // (unless another converter's change was found), and the result traced.
+    std::wstring BackupPathUnderLock(const nvframe::CConversionLock& lock, NVTraceNS::CTraceScope& scope);
+    HRESULT FinishUnderLock(const nvframe::CConversionLock& lock, NVTraceNS::CTraceScope& scope, HRESULT hr);
+    static HRESULT NoBackupPath(NVTraceNS::CTraceScope& scope);
+    // Rollback's work on the "Backup" path: S_FALSE when there is none, refused when
+    // it is not one of the library's, else the database restored from it.
     HRESULT RestoreFromBackup(NVTraceNS::CTraceScope& scope, const std::wstring& path);
-    HRESULT DeleteBackup(NVTraceNS::CTraceScope& scope, const std::wstring& path);
     REGSAM m_samDbView;
     std::wstring m_wstrSeenState;
     nvframe::LockCount m_locks;
