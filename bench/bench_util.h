@@ -15,7 +15,7 @@
 #include "common/handles.h"
 #include "common/procaddress.h"
 #include "common/regkey.h"
-#include "trace/trace_output.h"
+#include "trace/traceoutput.h"
 
 namespace nvbench {
 

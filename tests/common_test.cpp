@@ -7,12 +7,12 @@
 #include <vector>
 
 #include "common/guidtext.h"
-#include "common/apicalls.h"
+#include "common/replaceablecalls.h"
 #include "common/cryptblob.h"
 #include "common/handles.h"
 #include "common/hresult.h"
 #include "common/regkey.h"
-#include "common/tea_cfb.h"
+#include "common/teacfb.h"
 #include "support/api_faults.h"
 #include "support/registry_sandbox.h"
 

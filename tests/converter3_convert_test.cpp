@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "common/handles.h"
-#include "converter3/nvstore_api.h"
+#include "common/storecontract.h"
 #include "nvstore_inspect.h"
 #include "support/conversion_fixture.h"
 #include "support/dll_loader.h"

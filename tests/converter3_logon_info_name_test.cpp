@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "converter3/logon_info_name.h"
+#include "converter3/logoninfoname.h"
 #include "support/registry_sandbox.h"
 #include "support/db_paths.h"
 

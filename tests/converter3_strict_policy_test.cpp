@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "converter3/conversion_policy.h"
-#include "converter3/held_users.h"
+#include "converter3/conversionpolicy.h"
+#include "converter3/heldusers.h"
 #include "nvstore_inspect.h"
 #include "nvdbconv/cli.h"
 #include "nvdbconv/policy.h"

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "common/cryptblob.h"
-#include "converter3/template_encoder.h"
+#include "converter3/templateencoder.h"
 #include "legacydb/records.h"
 #include "support/conversion_fixture.h"
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "common/handles.h"
-#include "common/tea_cfb.h"
+#include "common/teacfb.h"
 #include "secret_keys.h"
 #include "support/key_containers.h"
 #include "support/registry_sandbox.h"

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "common/guidtext.h"
-#include "converter3/held_users.h"
+#include "converter3/heldusers.h"
 #include "nvdbconv/policy.h"
 #include "support/registry_sandbox.h"
 #include "support/token_scope.h"

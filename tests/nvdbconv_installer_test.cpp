@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "converter3/nvstore_api.h"
+#include "common/storecontract.h"
 #include "nvdbconv/result_codes.h"
 #include "support/dll_loader.h"
 #include "support/json_reader.h"

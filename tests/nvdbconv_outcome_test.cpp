@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "converter3/nvstore_api.h"
+#include "common/storecontract.h"
 #include "nvdbconv/result_codes.h"
 #include "nvstore_inspect.h"
 #include "nvtracelib.h"

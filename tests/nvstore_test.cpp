@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "common/handles.h"
-#include "converter3/nvstore_api.h"
+#include "common/storecontract.h"
 #include "converter3/secretpacking.h"
 #include "nvstore_inspect.h"
 #include "storelayout.h"

@@ -14,7 +14,7 @@
 #include "support/dll_loader.h"
 #include "support/trace_capture.h"
 #include "trace/trace.h"
-#include "trace/trace_output.h"
+#include "trace/traceoutput.h"
 
 using namespace nvtest;
 

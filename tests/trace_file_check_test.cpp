@@ -20,8 +20,8 @@
 #include "support/trace_capture.h"
 #include "support/unix_side.h"
 #include "trace/trace.h"
-#include "trace/trace_file_check.h"
-#include "trace/trace_output.h"
+#include "trace/tracefilecheck.h"
+#include "trace/traceoutput.h"
 
 using namespace nvtest;
 using NVTraceNS::TraceFileFacts;

@@ -13,7 +13,7 @@
 #include "support/trace_capture.h"
 #include "support/computer_name.h"
 #include "trace/trace.h"
-#include "trace/trace_output.h"
+#include "trace/traceoutput.h"
 
 using namespace nvtest;
 

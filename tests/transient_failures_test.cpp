@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "common/apicalls.h"
+#include "common/replaceablecalls.h"
 #include "common/cryptblob.h"
 #include "common/handles.h"
 #include "common/hresult.h"

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include <comdef.h>
-#include "converter3/nvblobs.h"
+#include "converter3/typedblobs.h"
 #include "support/api_faults.h"
 
 namespace {

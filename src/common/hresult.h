@@ -6,6 +6,7 @@
 #pragma once
 #include <windows.h>
 #include <comdef.h>
+#include <new>
 
 namespace nv {
 
@@ -76,6 +77,40 @@ HRESULT Guarded(Body&& body) noexcept
 {
     try {
         return body();
+    } catch (...) {
+        return ResultFromCaughtException();
+    }
+}
+
+// Memory shortage, in one place. Inside the library it is the _com_error
+// E_OUTOFMEMORY (ThrowLastError raises every Win32 form of it so). Code that
+// allocates through the standard library raises std::bad_alloc instead; where such
+// a shortage must reach the caller as E_OUTOFMEMORY, not as Guarded's E_UNEXPECTED,
+// the work runs inside RaiseBadAllocAsOutOfMemory.
+template <class Body>
+auto RaiseBadAllocAsOutOfMemory(Body&& body) -> decltype(body())
+{
+    try {
+        return body();
+    } catch (const std::bad_alloc&) {
+        ThrowHr(E_OUTOFMEMORY);
+    }
+}
+
+// Guarded for a step whose caller must not go on when memory is short: runs body
+// and maps what it throws to a result code as Guarded does, except E_OUTOFMEMORY,
+// which runs beforeRaising (the step's own record of it) and is raised on.
+template <class Body, class BeforeRaising>
+HRESULT GuardedUnlessOutOfMemory(Body&& body, BeforeRaising&& beforeRaising)
+{
+    try {
+        return body();
+    } catch (const _com_error& e) {
+        if (e.Error() == E_OUTOFMEMORY) {
+            beforeRaising();
+            throw;
+        }
+        return e.Error();
     } catch (...) {
         return ResultFromCaughtException();
     }

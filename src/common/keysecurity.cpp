@@ -64,4 +64,14 @@ bool TokenIsSystemOrAdministrator()
     return false;
 }
 
+HRESULT GrantFullAccess(HKEY hKey, ACCESS_MASK usersMask)
+{
+    return Guarded([&]() -> HRESULT {
+        if (!CallerIsSystemOrAdministrator())
+            return S_OK;
+        // S_FALSE when the DACL cannot be set: the delete is tried anyway.
+        return SetProtectedKeyDacl(hKey, usersMask);
+    });
+}
+
 } // namespace nv

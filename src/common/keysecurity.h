@@ -15,4 +15,11 @@ bool CallerIsSystemOrAdministrator();
 // The same test, always read from the token.
 bool TokenIsSystemOrAdministrator();
 
+// Replaces the key's DACL by a protected one (SetProtectedKeyDacl): LocalSystem and
+// Administrators full access, Users the given mask (no entry for 0). Only for
+// callers that are LocalSystem or administrators; others get S_OK and no change.
+// S_FALSE when setting the DACL fails, so that a delete can still be tried. The
+// database's standard security for the keys it creates. Never throws.
+HRESULT GrantFullAccess(HKEY hKey, ACCESS_MASK usersMask);
+
 } // namespace nv

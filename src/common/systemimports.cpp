@@ -78,34 +78,51 @@ NET_API_STATUS MissingNetFunction() noexcept
     return error ? error : ERROR_PROC_NOT_FOUND;
 }
 
+// The platform's function called with the caller's arguments. A crypt32 function
+// that cannot be found answers FALSE with the loader's last error; a netapi32 one
+// answers that error.
+template <class Fn, class... Args>
+BOOL CallCrypt32(SystemFunction& function, Args... args) noexcept
+{
+    const Fn fn = Find<Fn>(function);
+    return fn && fn(args...);
+}
+
+template <class Fn, class... Args>
+NET_API_STATUS CallNetapi32(SystemFunction& function, Args... args) noexcept
+{
+    const Fn fn = Find<Fn>(function);
+    return fn ? fn(args...) : MissingNetFunction();
+}
+
 } // namespace
 
 BOOL WINAPI CryptDecodeObject(DWORD dwCertEncodingType, LPCSTR lpszStructType, const BYTE* pbEncoded,
                               DWORD cbEncoded, DWORD dwFlags, void* pvStructInfo, DWORD* pcbStructInfo)
 {
-    const auto fn = Find<decltype(&::CryptDecodeObject)>(g_decodeObject);
-    return fn && fn(dwCertEncodingType, lpszStructType, pbEncoded, cbEncoded, dwFlags, pvStructInfo, pcbStructInfo);
+    return CallCrypt32<decltype(&::CryptDecodeObject)>(g_decodeObject, dwCertEncodingType, lpszStructType, pbEncoded,
+                                                       cbEncoded, dwFlags, pvStructInfo, pcbStructInfo);
 }
 
 BOOL WINAPI CryptEncodeObject(DWORD dwCertEncodingType, LPCSTR lpszStructType, const void* pvStructInfo,
                               BYTE* pbEncoded, DWORD* pcbEncoded)
 {
-    const auto fn = Find<decltype(&::CryptEncodeObject)>(g_encodeObject);
-    return fn && fn(dwCertEncodingType, lpszStructType, pvStructInfo, pbEncoded, pcbEncoded);
+    return CallCrypt32<decltype(&::CryptEncodeObject)>(g_encodeObject, dwCertEncodingType, lpszStructType,
+                                                       pvStructInfo, pbEncoded, pcbEncoded);
 }
 
 BOOL WINAPI CryptExportPublicKeyInfo(HCRYPTPROV_OR_NCRYPT_KEY_HANDLE hCryptProvOrNCryptKey, DWORD dwKeySpec,
                                      DWORD dwCertEncodingType, PCERT_PUBLIC_KEY_INFO pInfo, DWORD* pcbInfo)
 {
-    const auto fn = Find<decltype(&::CryptExportPublicKeyInfo)>(g_exportPublicKeyInfo);
-    return fn && fn(hCryptProvOrNCryptKey, dwKeySpec, dwCertEncodingType, pInfo, pcbInfo);
+    return CallCrypt32<decltype(&::CryptExportPublicKeyInfo)>(g_exportPublicKeyInfo, hCryptProvOrNCryptKey, dwKeySpec,
+                                                              dwCertEncodingType, pInfo, pcbInfo);
 }
 
 BOOL WINAPI CryptImportPublicKeyInfo(HCRYPTPROV hCryptProv, DWORD dwCertEncodingType, PCERT_PUBLIC_KEY_INFO pInfo,
                                      HCRYPTKEY* phKey)
 {
-    const auto fn = Find<decltype(&::CryptImportPublicKeyInfo)>(g_importPublicKeyInfo);
-    return fn && fn(hCryptProv, dwCertEncodingType, pInfo, phKey);
+    return CallCrypt32<decltype(&::CryptImportPublicKeyInfo)>(g_importPublicKeyInfo, hCryptProv, dwCertEncodingType,
+                                                              pInfo, phKey);
 }
 
 BOOL WINAPI CryptSignCertificate(HCRYPTPROV_OR_NCRYPT_KEY_HANDLE hCryptProvOrNCryptKey, DWORD dwKeySpec,
@@ -113,9 +130,10 @@ BOOL WINAPI CryptSignCertificate(HCRYPTPROV_OR_NCRYPT_KEY_HANDLE hCryptProvOrNCr
                                  PCRYPT_ALGORITHM_IDENTIFIER pSignatureAlgorithm, const void* pvHashAuxInfo,
                                  BYTE* pbSignature, DWORD* pcbSignature)
 {
-    const auto fn = Find<decltype(&::CryptSignCertificate)>(g_signCertificate);
-    return fn && fn(hCryptProvOrNCryptKey, dwKeySpec, dwCertEncodingType, pbEncodedToBeSigned, cbEncodedToBeSigned,
-                    pSignatureAlgorithm, pvHashAuxInfo, pbSignature, pcbSignature);
+    return CallCrypt32<decltype(&::CryptSignCertificate)>(g_signCertificate, hCryptProvOrNCryptKey, dwKeySpec,
+                                                          dwCertEncodingType, pbEncodedToBeSigned, cbEncodedToBeSigned,
+                                                          pSignatureAlgorithm, pvHashAuxInfo, pbSignature,
+                                                          pcbSignature);
 }
 
 BOOL WINAPI CryptSignAndEncodeCertificate(HCRYPTPROV_OR_NCRYPT_KEY_HANDLE hCryptProvOrNCryptKey, DWORD dwKeySpec,
@@ -123,34 +141,33 @@ BOOL WINAPI CryptSignAndEncodeCertificate(HCRYPTPROV_OR_NCRYPT_KEY_HANDLE hCrypt
                                           PCRYPT_ALGORITHM_IDENTIFIER pSignatureAlgorithm, const void* pvHashAuxInfo,
                                           BYTE* pbEncoded, DWORD* pcbEncoded)
 {
-    const auto fn = Find<decltype(&::CryptSignAndEncodeCertificate)>(g_signAndEncodeCertificate);
-    return fn && fn(hCryptProvOrNCryptKey, dwKeySpec, dwCertEncodingType, lpszStructType, pvStructInfo,
-                    pSignatureAlgorithm, pvHashAuxInfo, pbEncoded, pcbEncoded);
+    return CallCrypt32<decltype(&::CryptSignAndEncodeCertificate)>(g_signAndEncodeCertificate, hCryptProvOrNCryptKey,
+                                                                   dwKeySpec, dwCertEncodingType, lpszStructType,
+                                                                   pvStructInfo, pSignatureAlgorithm, pvHashAuxInfo,
+                                                                   pbEncoded, pcbEncoded);
 }
 
 BOOL WINAPI CryptVerifyCertificateSignature(HCRYPTPROV_LEGACY hCryptProv, DWORD dwCertEncodingType,
                                             const BYTE* pbEncoded, DWORD cbEncoded, PCERT_PUBLIC_KEY_INFO pPublicKey)
 {
-    const auto fn = Find<decltype(&::CryptVerifyCertificateSignature)>(g_verifyCertificateSignature);
-    return fn && fn(hCryptProv, dwCertEncodingType, pbEncoded, cbEncoded, pPublicKey);
+    return CallCrypt32<decltype(&::CryptVerifyCertificateSignature)>(g_verifyCertificateSignature, hCryptProv,
+                                                                     dwCertEncodingType, pbEncoded, cbEncoded,
+                                                                     pPublicKey);
 }
 
 NET_API_STATUS WINAPI NetServerGetInfo(LMSTR servername, DWORD level, LPBYTE* bufptr)
 {
-    const auto fn = Find<decltype(&::NetServerGetInfo)>(g_serverGetInfo);
-    return fn ? fn(servername, level, bufptr) : MissingNetFunction();
+    return CallNetapi32<decltype(&::NetServerGetInfo)>(g_serverGetInfo, servername, level, bufptr);
 }
 
 NET_API_STATUS WINAPI NetWkstaGetInfo(LMSTR servername, DWORD level, LPBYTE* bufptr)
 {
-    const auto fn = Find<decltype(&::NetWkstaGetInfo)>(g_wkstaGetInfo);
-    return fn ? fn(servername, level, bufptr) : MissingNetFunction();
+    return CallNetapi32<decltype(&::NetWkstaGetInfo)>(g_wkstaGetInfo, servername, level, bufptr);
 }
 
 NET_API_STATUS WINAPI NetApiBufferFree(LPVOID Buffer)
 {
-    const auto fn = Find<decltype(&::NetApiBufferFree)>(g_apiBufferFree);
-    return fn ? fn(Buffer) : MissingNetFunction();
+    return CallNetapi32<decltype(&::NetApiBufferFree)>(g_apiBufferFree, Buffer);
 }
 
 } // namespace nv::sys

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <cwchar>
 #include "common/hresult.h"
-#include "converter3/nvstore_api.h"
+#include "common/storecontract.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <utility>
 #include "common/handles.h"
 #include "common/hresult.h"
-#include "common/tea_cfb.h"
-#include "converter3/nvblobs.h"
+#include "common/teacfb.h"
+#include "converter3/typedblobs.h"
 #include "secret_keys.h"
 #include "trace/trace.h"
 
@@ -49,25 +49,6 @@ void CopyBytes(BYTE* pbTarget, DWORD cbTarget, const BYTE* pbSource, DWORD n)
     if (!pbTarget || !pbSource || cbTarget < n)
         nv::ThrowHr(E_INVALIDARG);
     std::memcpy(pbTarget, pbSource, n);
-}
-
-// Runs body and maps what it throws to a result code, except a memory shortage:
-// that is traced as the result and raised on, so that the caller's user fails
-// instead of losing the secret.
-template <class Body>
-HRESULT GuardedUnlessOutOfMemory(NVTraceNS::CTraceScope& scope, Body&& body)
-{
-    try {
-        return body();
-    } catch (const _com_error& e) {
-        if (e.Error() == E_OUTOFMEMORY) {
-            NVTraceNS::TraceResult(scope, "", E_OUTOFMEMORY);
-            throw;
-        }
-        return e.Error();
-    } catch (...) {
-        return nv::ResultFromCaughtException();
-    }
 }
 
 BSTR AllocBstr(const wchar_t* pwsz, size_t chars)
@@ -181,7 +162,9 @@ void PackPassword(const wchar_t* pwszPassword, nv::CCryptBlob& blob)
 HRESULT EncryptEx(nv::CCryptBlob& blob, HCRYPTPROV hProv, HCRYPTKEY hPublicKey, ALG_ID algId)
 {
     NVTraceNS::CTraceScope scope("EncryptEx", NVTraceNS::kLevelVerbose);
-    HRESULT hr = GuardedUnlessOutOfMemory(scope, [&]() -> HRESULT {
+    // A memory shortage is traced as the result and raised on, so that the caller's
+    // user fails instead of losing the secret.
+    HRESULT hr = nv::GuardedUnlessOutOfMemory([&]() -> HRESULT {
         nv::unique_hcryptkey exchangeKey;
         if (hPublicKey) {
             if (!::CryptDuplicateKey(hPublicKey, nullptr, 0, exchangeKey.put()))
@@ -223,6 +206,6 @@ HRESULT EncryptEx(nv::CCryptBlob& blob, HCRYPTPROV hProv, HCRYPTKEY hPublicKey, 
 
         blob = std::move(sealed);
         return S_OK;
-    });
+    }, [&]() { NVTraceNS::TraceResult(scope, "", E_OUTOFMEMORY); });
     return NVTraceNS::TraceReturn(scope, hr);
 }

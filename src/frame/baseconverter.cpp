@@ -9,8 +9,8 @@
 #include "common/hresult.h"
 #include "common/keysecurity.h"
 #include "frame/conversionlock.h"
+#include "frame/databaseversion.h"
 #include "frame/dblayout.h"
-#include "frame/dbconverter.h"
 #include "frame/paths.h"
 #include "trace/trace.h"
 
@@ -30,6 +30,23 @@ constexpr REGSAM kDeleteParentAccess = KEY_READ | DELETE;   // 0x30019
 struct FreeDeleter {
     void operator()(BYTE* p) const noexcept { std::free(p); }
 };
+
+// Runs each() for every subkey of key, in the registry's order, as it enumerates
+// them, with the subkey's name in the caller's buffer (a recursion keeps one buffer
+// a level); an enumeration error other than the end is raised.
+template <class Each>
+void ForEachSubkey(HKEY key, wchar_t (&name)[kNameBufferChars], Each&& each)
+{
+    for (DWORD index = 0;; ++index) {
+        name[0] = L'\0'; // the registry writes the name and its terminator
+        DWORD cchName = kNameCapacity;
+        LONG r = ::RegEnumKeyExW(key, index, name, &cchName, nullptr, nullptr, nullptr, nullptr);
+        if (r == ERROR_NO_MORE_ITEMS)
+            return;
+        nv::ThrowIfWin32Failed(r);
+        each();
+    }
+}
 
 // A "Backup" value that names no backup key of this library: traced, and refused
 // with E_ACCESSDENIED before anything is deleted or copied.
@@ -235,36 +252,12 @@ HRESULT CBaseConverter::Rollback()
     NVTraceNS::CTraceScope scope("CBaseConverter::Rollback", 0);
     nvframe::CConversionLock lock(scope, m_locks);
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
-        nv::ThrowIfFailed(AfterLock(lock, scope, false));
-        HRESULT result;
-        std::wstring path = ReadBackupPath();
-        if (!path.empty() && !nvframe::IsLibraryBackupPath(path.c_str())) {
-            result = RefuseForeignBackupPath(scope, path);
-        } else if (!path.empty()) {
-            NVTraceNS::Trace(scope, 0, "restoring database from backup key %ls", path.c_str());
-            // The database is deleted and restored in the view word of the key owner
-            // (0, the library's own view), whatever view it was opened in. Only the
-            // final delete decides the result; an earlier failure leaves S_OK.
-            result = S_OK;
-            const REGSAM dbView = m_dbKey.m_samWOW64;
-            if (SUCCEEDED(DeleteKey(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, dbView)) &&
-                SUCCEEDED(CopyKey(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, dbView, HKEY_LOCAL_MACHINE,
-                                  path.c_str(), GetBackupView()))) {
-                result = DeleteKey(HKEY_LOCAL_MACHINE, path.c_str(), GetBackupView());
-            }
-        } else {
-            NVTraceNS::Trace(scope, 0, "backup key name is empty, nothing to do");
-            result = S_FALSE;
-        }
-        HRESULT hook = do_Rollback();
-        if (FAILED(hook))
-            result = hook;
-        return result;
+        const std::wstring path = BackupPathUnderLock(lock, scope);
+        const HRESULT result = RestoreFromBackup(scope, path);
+        const HRESULT hook = do_Rollback();
+        return FAILED(hook) ? hook : result;
     });
-    // This operation's own changes are not another converter's.
-    if (hr != nvframe::NV_E_CONVERSION_BUSY)
-        RememberDatabaseState(lock, scope);
-    return NVTraceNS::TraceReturn(scope, hr);
+    return FinishUnderLock(lock, scope, hr);
 }
 
 HRESULT CBaseConverter::Cleanup()
@@ -272,30 +265,63 @@ HRESULT CBaseConverter::Cleanup()
     NVTraceNS::CTraceScope scope("CBaseConverter::Cleanup", 0);
     nvframe::CConversionLock lock(scope, m_locks);
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
-        nv::ThrowIfFailed(AfterLock(lock, scope, false));
+        const std::wstring path = BackupPathUnderLock(lock, scope);
         HRESULT result;
-        std::wstring path = ReadBackupPath();
-        // A refused path fails the step as a failed delete would: the hook is skipped.
-        if (!path.empty() && !nvframe::IsLibraryBackupPath(path.c_str()))
-            return RefuseForeignBackupPath(scope, path);
-        if (!path.empty()) {
+        if (path.empty()) {
+            result = NoBackupPath(scope);
+        } else {
+            // A refused path fails the step as a failed delete would: the hook is skipped.
+            if (!nvframe::IsLibraryBackupPath(path.c_str()))
+                return RefuseForeignBackupPath(scope, path);
             NVTraceNS::Trace(scope, 0, "cleaning up backup key %ls", path.c_str());
             nv::ThrowIfFailed(DeleteKey(HKEY_LOCAL_MACHINE, path.c_str(), GetBackupView()));
             ::RegDeleteValueW(m_dbKey.Get(), s_wszBackupValue);
             result = S_OK;
-        } else {
-            NVTraceNS::Trace(scope, 0, "backup key name is empty, nothing to do");
-            result = S_FALSE;
         }
-        HRESULT hook = do_Cleanup();
-        if (FAILED(hook))
-            result = hook;
-        return result;
+        const HRESULT hook = do_Cleanup();
+        return FAILED(hook) ? hook : result;
     });
+    return FinishUnderLock(lock, scope, hr);
+}
+
+std::wstring CBaseConverter::BackupPathUnderLock(const nvframe::CConversionLock& lock, NVTraceNS::CTraceScope& scope)
+{
+    nv::ThrowIfFailed(AfterLock(lock, scope, false));
+    return ReadBackupPath();
+}
+
+HRESULT CBaseConverter::FinishUnderLock(const nvframe::CConversionLock& lock, NVTraceNS::CTraceScope& scope,
+                                        HRESULT hr)
+{
     // This operation's own changes are not another converter's.
     if (hr != nvframe::NV_E_CONVERSION_BUSY)
         RememberDatabaseState(lock, scope);
     return NVTraceNS::TraceReturn(scope, hr);
+}
+
+HRESULT CBaseConverter::NoBackupPath(NVTraceNS::CTraceScope& scope)
+{
+    NVTraceNS::Trace(scope, 0, "backup key name is empty, nothing to do");
+    return S_FALSE;
+}
+
+HRESULT CBaseConverter::RestoreFromBackup(NVTraceNS::CTraceScope& scope, const std::wstring& path)
+{
+    if (path.empty())
+        return NoBackupPath(scope);
+    // A refused path is Rollback's result; the hook still runs.
+    if (!nvframe::IsLibraryBackupPath(path.c_str()))
+        return RefuseForeignBackupPath(scope, path);
+    NVTraceNS::Trace(scope, 0, "restoring database from backup key %ls", path.c_str());
+    // The database is deleted and restored in the view word of the key owner
+    // (0, the library's own view), whatever view it was opened in. Only the
+    // final delete decides the result; an earlier failure leaves S_OK.
+    const REGSAM dbView = m_dbKey.m_samWOW64;
+    if (SUCCEEDED(DeleteKey(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, dbView)) &&
+        SUCCEEDED(CopyKey(HKEY_LOCAL_MACHINE, nv::kDatabaseKeyPath, dbView, HKEY_LOCAL_MACHINE, path.c_str(),
+                          GetBackupView())))
+        return DeleteKey(HKEY_LOCAL_MACHINE, path.c_str(), GetBackupView());
+    return S_OK;
 }
 
 HRESULT CBaseConverter::CopyKey(HKEY hDstRoot, const wchar_t* wszDstPath, REGSAM samDstView, HKEY hSrcRoot,
@@ -335,15 +361,9 @@ HRESULT CBaseConverter::CopyKey(HKEY hDstRoot, const wchar_t* wszDstPath, REGSAM
             nv::ThrowIfWin32Failed(::RegSetValueExW(dst.get(), name, 0, type, data.get(), cbData));
         }
 
-        for (DWORD index = 0;; ++index) {
-            name[0] = L'\0'; // the registry writes the name and its terminator
-            DWORD cchName = kNameCapacity;
-            LONG r = ::RegEnumKeyExW(src.get(), index, name, &cchName, nullptr, nullptr, nullptr, nullptr);
-            if (r == ERROR_NO_MORE_ITEMS)
-                break;
-            nv::ThrowIfWin32Failed(r);
+        ForEachSubkey(src.get(), name, [&]() {
             nv::ThrowIfFailed(CopyKey(dst.get(), name, samDstView, src.get(), name, samSrcView));
-        }
+        });
         return S_OK;
     });
     return NVTraceNS::TraceReturn(scope, hr);
@@ -385,15 +405,7 @@ HRESULT CBaseConverter::DeleteKeyTree(HKEY hRoot, bool openRoot, const wchar_t* 
         // List first, delete afterwards: deleting while enumerating shifts the indexes.
         std::vector<std::wstring> children;
         wchar_t name[kNameBufferChars];
-        for (DWORD index = 0;; ++index) {
-            name[0] = L'\0'; // the registry writes the name and its terminator
-            DWORD cchName = kNameCapacity;
-            LONG r = ::RegEnumKeyExW(target.get(), index, name, &cchName, nullptr, nullptr, nullptr, nullptr);
-            if (r == ERROR_NO_MORE_ITEMS)
-                break;
-            nv::ThrowIfWin32Failed(r);
-            children.emplace_back(name);
-        }
+        ForEachSubkey(target.get(), name, [&]() { children.emplace_back(name); });
         for (const std::wstring& child : children)
             nv::ThrowIfFailed(DeleteKeyTree(target.get(), false, child.c_str(), samView, privilege));
 
@@ -408,10 +420,5 @@ HRESULT CBaseConverter::DeleteKeyTree(HKEY hRoot, bool openRoot, const wchar_t* 
 
 HRESULT CBaseConverter::GrantFullAccess(HKEY hKey, ACCESS_MASK usersMask)
 {
-    return nv::Guarded([&]() -> HRESULT {
-        if (!nv::CallerIsSystemOrAdministrator())
-            return S_OK;
-        // S_FALSE when the DACL cannot be set: the delete is tried anyway.
-        return nv::SetProtectedKeyDacl(hKey, usersMask);
-    });
+    return nv::GrantFullAccess(hKey, usersMask);
 }

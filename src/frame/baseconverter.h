@@ -47,10 +47,8 @@ public:
                            const wchar_t* wszSrcPath, REGSAM samSrcView);
     static HRESULT DeleteKey(HKEY hRoot, const wchar_t* wszPath, REGSAM samView);
 
-    // Replaces the key's DACL by a protected one: LocalSystem and Administrators full
-    // access, Users the given mask (no entry for 0). Only for callers that are
-    // LocalSystem or administrators; others get S_OK and no change. S_FALSE when
-    // setting the DACL fails. Also the database's standard security for new keys.
+    // The grant of common/keysecurity.h (nv::GrantFullAccess), which DeleteKey gives
+    // each key before deleting it.
     static HRESULT GrantFullAccess(HKEY hKey, ACCESS_MASK usersMask);
 
     // The converter factory; the key owner argument is not used.
@@ -96,6 +94,16 @@ private:
     // Opens the database key anew; a key that is gone leaves no handle (S_OK), any
     // other failure is the answer.
     HRESULT ReopenDatabaseKey(NVTraceNS::CTraceScope& scope);
+
+    // Rollback's and Cleanup's steps. Under the lock: AfterLock's failure raised, then
+    // the "Backup" path. At the end: the state this operation leaves remembered
+    // (unless another converter's change was found), and the result traced.
+    std::wstring BackupPathUnderLock(const nvframe::CConversionLock& lock, NVTraceNS::CTraceScope& scope);
+    HRESULT FinishUnderLock(const nvframe::CConversionLock& lock, NVTraceNS::CTraceScope& scope, HRESULT hr);
+    static HRESULT NoBackupPath(NVTraceNS::CTraceScope& scope);
+    // Rollback's work on the "Backup" path: S_FALSE when there is none, refused when
+    // it is not one of the library's, else the database restored from it.
+    HRESULT RestoreFromBackup(NVTraceNS::CTraceScope& scope, const std::wstring& path);
     REGSAM m_samDbView;
     std::wstring m_wstrSeenState;
     nvframe::LockCount m_locks;

@@ -1,7 +1,7 @@
 #include "legacydb/derreader.h"
 
 #include <cstring>
-#include "common/apicalls.h"
+#include "common/replaceablecalls.h"
 #include "common/hresult.h"
 #include "common/threadslot.h"
 #include "security/securitycontext.h"

@@ -6,10 +6,10 @@
 #include "common/conversionscope.h"
 #include "common/guidtext.h"
 #include "common/hresult.h"
+#include "common/keysecurity.h"
 #include "common/procaddress.h"
 #include "common/regkey.h"
 #include "common/systemimports.h"
-#include "frame/baseconverter.h"
 #include "legacydb/derreader.h"
 #include "legacydb/hostname.h"
 #include "trace/trace.h"
@@ -170,14 +170,14 @@ HRESULT CNVDBRegSet::Open(const wchar_t* wszName, DWORD dwInitialValue)
                     nv::ThrowIfWin32Failed(key.Create(HKEY_LOCAL_MACHINE, usersPath.c_str(), kAllAccessMask));
                     ::RegSetValueExW(key, nullptr, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&dwInitialValue),
                                      sizeof(dwInitialValue));
-                    CBaseConverter::GrantFullAccess(key, kUsersAccess);
+                    nv::GrantFullAccess(key, kUsersAccess);
                 }
             }
             {
                 nv::CNVRegKey key;
                 if (key.Open(HKEY_LOCAL_MACHINE, dataPath.c_str(), kReadWriteMask) != ERROR_SUCCESS) {
                     nv::ThrowIfWin32Failed(key.Create(HKEY_LOCAL_MACHINE, dataPath.c_str(), kAllAccessMask));
-                    CBaseConverter::GrantFullAccess(key, kUsersAccess);
+                    nv::GrantFullAccess(key, kUsersAccess);
                 }
             }
             {

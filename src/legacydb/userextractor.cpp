@@ -7,7 +7,7 @@
 #include <memory>
 #include <new>
 #include <vector>
-#include "common/apicalls.h"
+#include "common/replaceablecalls.h"
 #include "common/handles.h"
 #include "common/hresult.h"
 #include "common/regkey.h"
@@ -37,17 +37,6 @@ std::wstring BoundedPath(std::wstring path)
     if (path.size() >= MAX_PATH)
         path.resize(MAX_PATH - 1);
     return path;
-}
-
-// Memory shortage inside the parser is reported as the COM error it stands for.
-template <class Body>
-void RaiseOutOfMemoryAsComError(Body&& body)
-{
-    try {
-        body();
-    } catch (const std::bad_alloc&) {
-        nv::ThrowHr(E_OUTOFMEMORY);
-    }
 }
 
 void ReadTemplateItem(DerView item, CNVTemplate& tmpl)
@@ -218,7 +207,8 @@ HRESULT CLocalDBUserExtractor::ParseUserBlob(DWORD cbBlob, const BYTE* pbBlob, N
 {
     NVTraceNS::CTraceScope scope("CLocalDBUserExtractor::ParseUserBlob", 0);
     HRESULT hr = nv::Guarded([&]() -> HRESULT {
-        RaiseOutOfMemoryAsComError([&]() {
+        // Memory shortage inside the parser is reported as the COM error it stands for.
+        nv::RaiseBadAllocAsOutOfMemory([&]() {
             const Bytes signedContent = ReadEnvelope(DerView(pbBlob, cbBlob));
             const ItemList outer = ReadList(DerView(signedContent));
             const Bytes userContent = ReadOctets(ItemAt(outer, 0));

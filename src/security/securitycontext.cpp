@@ -1,19 +1,15 @@
 #include "security/securitycontext.h"
 
-#include <aclapi.h>
-#include <objbase.h>
 #include <cstring>
-#include <cwchar>
 #include <vector>
 
-#include "common/apicalls.h"
+#include "common/replaceablecalls.h"
 #include "common/cryptblob.h"
 #include "common/handles.h"
 #include "common/hresult.h"
 #include "common/systemimports.h"
 #include "common/keysecurity.h"
 #include "common/regkey.h"
-#include "common/threadslot.h"
 #include "trace/trace.h"
 
 using nvsecurity::kEncoding;
@@ -21,8 +17,6 @@ using nvsecurity::kEncoding;
 namespace {
 
 constexpr DWORD kKeyExchange = AT_KEYEXCHANGE;
-// Open or create the host key with whatever the caller's token allows.
-constexpr REGSAM kHostKeyAccess = MAXIMUM_ALLOWED;
 // Records up to this size are decoded into a buffer on the stack.
 constexpr DWORD kStackDecodeLimit = 1024;
 
@@ -86,72 +80,6 @@ void HandOut(const BYTE* data, DWORD cb, CRYPT_DATA_BLOB* out)
     out->pbData = copy.Detach();
 }
 
-// ---- the host key and the host identifier -------------------------------
-
-// Protected DACL: LocalSystem and Administrators full access, Users read, all
-// inherited by subkeys. Best effort: every failure leaves the key as it was.
-void ProtectHostKey(HKEY key) noexcept
-{
-    if (!nvsecurity::CallerIsPrivileged())
-        return;
-    nv::Guarded([&]() -> HRESULT { return nv::SetProtectedKeyDacl(key, nvsecurity::kHostKeyUsersAccess); });
-}
-
-// Opens HKLM\SOFTWARE\Norvane\NVHOST in the caller's view, creating it when it
-// cannot be opened, and replaces its DACL for privileged callers.
-void OpenHostKey(nv::CNVRegKey& key, REGSAM samView)
-{
-    key.m_samWOW64 = samView;
-    const REGSAM access = kHostKeyAccess | samView;
-    if (key.Open(HKEY_LOCAL_MACHINE, nvsecurity::kHostKeyPath, access) != ERROR_SUCCESS) {
-        LONG r = key.Create(HKEY_LOCAL_MACHINE, nvsecurity::kHostKeyPath, access);
-        nv::ThrowIfWin32Failed(r);
-        if (!key.Get())
-            nv::ThrowHr(E_FAIL);
-    }
-    ProtectHostKey(key);
-}
-
-// "HostId" as a GUID. Only a value that is really missing reads as the zero GUID,
-// which the caller replaces: no value at all (ERROR_FILE_NOT_FOUND), another type
-// than REG_BINARY, another length than 16 bytes, or all zero bytes. Any other
-// failure (access denied, a size read that fails, a data read that fails after the
-// size read worked) is raised: the machine's identifier names its key container
-// and every sealed record, so a read error must never turn into a new one.
-GUID ReadHostId(HKEY key)
-{
-    DWORD type = REG_NONE, cb = 0;
-    LONG r = nv::CallRegQueryValueExW(key, nvsecurity::kHostIdValue, &type, nullptr, &cb);
-    if (r == ERROR_FILE_NOT_FOUND)
-        return GUID{};
-    nv::ThrowIfWin32Failed(r);
-    if (type != REG_BINARY || cb != sizeof(GUID))
-        return GUID{};
-    BYTE bytes[sizeof(GUID)] = {};
-    r = nv::CallRegQueryValueExW(key, nvsecurity::kHostIdValue, &type, bytes, &cb);
-    nv::ThrowIfWin32Failed(r);
-    if (type != REG_BINARY || cb != sizeof(GUID))
-        return GUID{};
-    return nvsecurity::GuidFromNetworkBytes(bytes, cb);
-}
-
-// The host identifier; a fresh one is written when the value holds none.
-GUID ReadOrCreateHostId(HKEY key)
-{
-    GUID id = ReadHostId(key);
-    if (!nvsecurity::IsZeroGuid(id))
-        return id;
-    GUID fresh{};
-    nv::ThrowIfFailed(::CoCreateGuid(&fresh));
-    BYTE bytes[sizeof(GUID)];
-    nvsecurity::GuidToNetworkBytes(fresh, bytes);
-    nv::ThrowIfWin32Failed(::RegSetValueExW(key, nvsecurity::kHostIdValue, 0, REG_BINARY, bytes, sizeof(bytes)));
-    id = ReadHostId(key);
-    if (nvsecurity::IsZeroGuid(id))
-        nv::ThrowHr(E_FAIL);
-    return id;
-}
-
 // ---- export records -----------------------------------------------------
 
 // What the DER decoder makes of bytes handed to it as an encoded BIT STRING. The
@@ -181,125 +109,6 @@ GUID GuidFromBitsItem(const CRYPT_DER_BLOB* item)
 
 } // namespace
 
-// ---- nvsecurity helpers -------------------------------------------------
-
-namespace nvsecurity {
-
-void GuidToNetworkBytes(const GUID& guid, BYTE (&bytes)[16]) noexcept
-{
-    bytes[0] = static_cast<BYTE>(guid.Data1 >> 24);
-    bytes[1] = static_cast<BYTE>(guid.Data1 >> 16);
-    bytes[2] = static_cast<BYTE>(guid.Data1 >> 8);
-    bytes[3] = static_cast<BYTE>(guid.Data1);
-    bytes[4] = static_cast<BYTE>(guid.Data2 >> 8);
-    bytes[5] = static_cast<BYTE>(guid.Data2);
-    bytes[6] = static_cast<BYTE>(guid.Data3 >> 8);
-    bytes[7] = static_cast<BYTE>(guid.Data3);
-    std::memcpy(bytes + 8, guid.Data4, sizeof(guid.Data4));
-}
-
-GUID GuidFromNetworkBytes(const BYTE* bytes, DWORD cb) noexcept
-{
-    GUID guid{};
-    if (!bytes || cb != sizeof(GUID))
-        return guid;
-    guid.Data1 = (static_cast<DWORD>(bytes[0]) << 24) | (static_cast<DWORD>(bytes[1]) << 16) |
-                 (static_cast<DWORD>(bytes[2]) << 8) | bytes[3];
-    guid.Data2 = static_cast<WORD>((bytes[4] << 8) | bytes[5]);
-    guid.Data3 = static_cast<WORD>((bytes[6] << 8) | bytes[7]);
-    std::memcpy(guid.Data4, bytes + 8, sizeof(guid.Data4));
-    return guid;
-}
-
-bool IsZeroGuid(const GUID& guid) noexcept
-{
-    static const GUID zero{};
-    return std::memcmp(&guid, &zero, sizeof(GUID)) == 0;
-}
-
-void FormatContainerName(const GUID& hostId, wchar_t (&name)[kContainerNameChars]) noexcept
-{
-    if (::StringFromGUID2(hostId, name, static_cast<int>(kContainerNameChars)) == 0)
-        name[0] = L'\0';
-}
-
-bool CallerIsPrivileged() noexcept
-{
-    // A token that cannot be read grants nothing.
-    return nv::BestEffort([] { return nv::CallerIsSystemOrAdministrator(); }, false);
-}
-
-namespace {
-// The innermost cache of the thread.
-nv::ThreadSlot g_providerCache;
-CProviderCache* ThreadCache() noexcept { return static_cast<CProviderCache*>(g_providerCache.Get()); }
-} // namespace
-
-CProviderCache::CProviderCache() noexcept : m_outer(ThreadCache())
-{
-    g_providerCache.Set(this);
-}
-
-CProviderCache::~CProviderCache()
-{
-    g_providerCache.Set(m_outer);
-    for (size_t i = 0; i < m_count; ++i)
-        ::CryptReleaseContext(m_entries[i].hProv, 0);
-}
-
-bool CProviderCache::AcquireMachineContainer(const wchar_t* container, HCRYPTPROV* phProv) noexcept
-{
-    CProviderCache* cache = ThreadCache();
-    if (cache && container) {
-        for (size_t i = 0; i < cache->m_count; ++i) {
-            Entry& e = cache->m_entries[i];
-            if (std::wcscmp(e.container, container) == 0 && ::CryptContextAddRef(e.hProv, nullptr, 0)) {
-                *phProv = e.hProv;
-                return true;
-            }
-        }
-    }
-    HCRYPTPROV hProv = 0;
-    if (!::CryptAcquireContextW(&hProv, container, kProviderName, PROV_RSA_FULL, CRYPT_MACHINE_KEYSET))
-        return false;
-    // The cache keeps a reference of its own; a container it has no room or no
-    // reference for is simply not shared.
-    if (cache && container && cache->m_count < kMaxEntries && std::wcslen(container) < kContainerNameChars &&
-        ::CryptContextAddRef(hProv, nullptr, 0)) {
-        Entry& e = cache->m_entries[cache->m_count++];
-        std::wcscpy(e.container, container);
-        e.hProv = hProv;
-    }
-    *phProv = hProv;
-    return true;
-}
-
-bool CProviderCache::FindHostContainer(REGSAM samView, wchar_t (&container)[kContainerNameChars]) noexcept
-{
-    const CProviderCache* cache = ThreadCache();
-    if (!cache)
-        return false;
-    for (size_t i = 0; i < cache->m_hostCount; ++i) {
-        if (cache->m_hosts[i].samView == samView) {
-            std::wmemcpy(container, cache->m_hosts[i].container, kContainerNameChars);
-            return true;
-        }
-    }
-    return false;
-}
-
-void CProviderCache::RememberHostContainer(REGSAM samView, const wchar_t (&container)[kContainerNameChars]) noexcept
-{
-    CProviderCache* cache = ThreadCache();
-    if (!cache || cache->m_hostCount == kMaxEntries)
-        return;
-    HostEntry& e = cache->m_hosts[cache->m_hostCount++];
-    e.samView = samView;
-    std::wmemcpy(e.container, container, kContainerNameChars);
-}
-
-} // namespace nvsecurity
-
 // ---- CFPSecurityContext -------------------------------------------------
 
 CFPSecurityContext::CFPSecurityContext(REGSAM samView)
@@ -326,8 +135,8 @@ HRESULT CFPSecurityContext::FinalConstruct(REGSAM samView)
         const bool known = nvsecurity::CProviderCache::FindHostContainer(samView, container);
         nv::CNVRegKey key;
         if (!known) {
-            OpenHostKey(key, samView);
-            nvsecurity::FormatContainerName(ReadOrCreateHostId(key), container);
+            nvsecurity::OpenHostKey(key, samView);
+            nvsecurity::FormatContainerName(nvsecurity::ReadOrCreateHostId(key), container);
         }
         // The host service creates the container; here it is only opened.
         HCRYPTPROV hProv = 0;
@@ -464,8 +273,8 @@ HRESULT CFPSecurityContext::Export(const GUID& guidTarget, const CRYPT_DATA_BLOB
         GUID hostId{};
         {
             nv::CNVRegKey key;
-            OpenHostKey(key, samView);
-            hostId = ReadOrCreateHostId(key);
+            nvsecurity::OpenHostKey(key, samView);
+            hostId = nvsecurity::ReadOrCreateHostId(key);
         }
         nv::CCryptBlob hostDecoded, targetDecoded;
         CRYPT_BIT_BLOB hostBits{}, targetBits{};

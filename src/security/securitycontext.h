@@ -11,10 +11,16 @@
 // Out blobs are written only on success (Export and Import first empty theirs);
 // whatever an out blob held before is overwritten, not freed. Null out pointers
 // give E_POINTER, except Import's, which are optional.
+//
+// The host identifier that names the container (security/hostidentifier.h) and the
+// provider cache the contexts of one conversion share (security/providercache.h)
+// are units of their own.
 #pragma once
 #include <windows.h>
 #include <wincrypt.h>
 #include "common/handles.h"
+#include "security/hostidentifier.h"
+#include "security/providercache.h"
 
 class INVSecurityExt {
 public:
@@ -74,83 +80,8 @@ private:
 };
 
 namespace nvsecurity {
-// Paths and names shared by the library's users of the host identifier.
-inline constexpr const wchar_t kHostKeyPath[] = L"SOFTWARE\\Norvane\\NVHOST";
-inline constexpr const wchar_t kHostIdValue[] = L"HostId";
-inline constexpr const wchar_t kProviderName[] = L"Microsoft Enhanced Cryptographic Provider v1.0";
 inline constexpr const char kMd5RsaOid[] = "1.2.840.113549.1.1.4";
 
 // Encoding types of every DER structure the context makes or reads.
 inline constexpr DWORD kEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
-// Access of the Users group on the NVHOST key once its DACL is replaced (KEY_READ).
-inline constexpr ACCESS_MASK kHostKeyUsersAccess = 0x20019;
-// The container name: "{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}" and its terminator.
-inline constexpr size_t kContainerNameChars = 39;
-
-// The GUID typed value: 16 bytes, the first three fields most significant byte
-// first, the last 8 bytes as they stand.
-void GuidToNetworkBytes(const GUID& guid, BYTE (&bytes)[16]) noexcept;
-// The reverse; any length other than 16 gives the all-zero GUID.
-GUID GuidFromNetworkBytes(const BYTE* bytes, DWORD cb) noexcept;
-bool IsZeroGuid(const GUID& guid) noexcept;
-
-// The machine container's name for a host identifier: the registry form of the
-// GUID, upper-case hexadecimal in braces.
-void FormatContainerName(const GUID& hostId, wchar_t (&name)[kContainerNameChars]) noexcept;
-
-// The privilege test for replacing access lists: the caller's effective token (the
-// thread's when impersonating, else the process's) belongs to LocalSystem or holds
-// the Administrators group (a deny-only group, as in a restricted token, does not
-// count). The same rule as the base converter's access grant.
-bool CallerIsPrivileged() noexcept;
-
-// What the security contexts of one conversion share. A conversion makes a
-// short-lived security context for every secret it reads, all for the same host
-// key and machine container. Opening the container loads its keys and releasing
-// its last handle stores them back; opening the host key, replacing its access list
-// and reading "HostId" crosses the redirected registry path and reads the caller's
-// token. Each costs more than the work done with the context. While a cache is
-// alive on the thread, the contexts of that thread:
-//   - share one provider handle per container (each holding a reference of its own);
-//   - do the host key's work once per registry view: the first context that is
-//     constructed in a view opens the host key, replaces its access list and reads
-//     (or creates) "HostId" as always; later ones in that view take the container
-//     name it found. A construction that fails leaves nothing behind, so the next
-//     one does the whole work again.
-// Without a cache, every context does all of it itself. Caches nest: the innermost
-// one is used.
-class CProviderCache {
-public:
-    CProviderCache() noexcept;
-    ~CProviderCache();
-    CProviderCache(const CProviderCache&) = delete;
-    CProviderCache& operator=(const CProviderCache&) = delete;
-
-    // CryptAcquireContextW of the machine container with the Enhanced provider, or a
-    // new reference on the handle the thread's cache holds for it. The caller releases
-    // its handle with CryptReleaseContext. False with the last error as the open left it.
-    static bool AcquireMachineContainer(const wchar_t* container, HCRYPTPROV* phProv) noexcept;
-
-    // The container name that a context of this thread found through the host key of
-    // the given view, while the thread's cache is alive; false when none did yet.
-    static bool FindHostContainer(REGSAM samView, wchar_t (&container)[kContainerNameChars]) noexcept;
-    // Remembers it for the later contexts of the thread (no cache: nothing happens).
-    static void RememberHostContainer(REGSAM samView, const wchar_t (&container)[kContainerNameChars]) noexcept;
-
-private:
-    struct Entry {
-        wchar_t container[kContainerNameChars];
-        HCRYPTPROV hProv;
-    };
-    struct HostEntry {
-        REGSAM samView;
-        wchar_t container[kContainerNameChars];
-    };
-    static constexpr size_t kMaxEntries = 4;
-    Entry m_entries[kMaxEntries] = {};
-    size_t m_count = 0;
-    HostEntry m_hosts[kMaxEntries] = {};
-    size_t m_hostCount = 0;
-    CProviderCache* m_outer = nullptr;
-};
-}
+} // namespace nvsecurity

@@ -10,7 +10,7 @@
 #include <cwchar>
 
 #include "common/regkey.h"
-#include "trace/trace_output.h"
+#include "trace/traceoutput.h"
 
 namespace NVTraceNS {
 
@@ -206,6 +206,21 @@ void WalkComponentList(HKEY tracing, const wchar_t* subkey, Fn forEach) noexcept
     }
 }
 
+// A scope's enter or leave record, with the timestamps before it, when tracing is
+// on and the scope's level passes.
+void WriteScopeRecord(int level, char kind, const char* name) noexcept
+{
+    if (!TracingOn())
+        return;
+    CLockHolder lock;
+    if (!lock.held())
+        return;
+    if (g_componentEnabled && LevelPasses(level)) {
+        WriteTimestamps();
+        WriteRecord(kind, name);
+    }
+}
+
 } // namespace
 
 CTraceScope::CTraceScope(const char* name, int level) noexcept : m_nLevel(level)
@@ -219,28 +234,12 @@ CTraceScope::CTraceScope(const char* name, int level) noexcept : m_nLevel(level)
     m_szName[n] = '\0';
 
     RefreshSettings();
-    if (!TracingOn())
-        return;
-    CLockHolder lock;
-    if (!lock.held())
-        return;
-    if (g_componentEnabled && LevelPasses(m_nLevel)) {
-        WriteTimestamps();
-        WriteRecord(kKindEnter, m_szName);
-    }
+    WriteScopeRecord(m_nLevel, kKindEnter, m_szName);
 }
 
 CTraceScope::~CTraceScope()
 {
-    if (!TracingOn())
-        return;
-    CLockHolder lock;
-    if (!lock.held())
-        return;
-    if (g_componentEnabled && LevelPasses(m_nLevel)) {
-        WriteTimestamps();
-        WriteRecord(kKindLeave, nullptr, 0);
-    }
+    WriteScopeRecord(m_nLevel, kKindLeave, nullptr);
 }
 
 void Trace(CTraceScope& scope, int /*reserved*/, const char* format, ...) noexcept

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "converter3/conversion_policy.h"
+#include "converter3/conversionpolicy.h"
 #include "frame/dblayout.h"
 #include "nvstore_inspect.h"
 #include "support/conversion_fixture.h"

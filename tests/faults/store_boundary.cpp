@@ -4,7 +4,7 @@
 #include <set>
 #include <type_traits>
 
-#include "converter3/nvstore_api.h"
+#include "common/storecontract.h"
 #include "fault_hooks.h"
 
 namespace nvfaults {

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "converter3/nvstore_api.h"
+#include "common/storecontract.h"
 #include "fault_child_test.h"
 #include "fault_hooks.h"
 #include "nvstore_inspect.h"

@@ -2,7 +2,7 @@
 
 #include <cwchar>
 #include <map>
-#include "common/apicalls.h"
+#include "common/replaceablecalls.h"
 
 namespace nvtest {
 

@@ -1,4 +1,4 @@
-// ApiFaults: makes the library's replaceable platform calls (common/apicalls.h) fail
+// ApiFaults: makes the library's replaceable platform calls (common/replaceablecalls.h) fail
 // on request, in tests that link the core library directly. While an instance
 // lives, every call is counted; a call chosen by its number from the instance's
 // start fails with the chosen code and leaves its outputs alone. The destructor

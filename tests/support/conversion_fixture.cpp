@@ -2,7 +2,7 @@
 
 #include <objbase.h>
 #include <aclapi.h>
-#include "converter3/nvstore_api.h"
+#include "common/storecontract.h"
 #include "nvstore_inspect.h"
 #include "support/store_sandbox.h"
 

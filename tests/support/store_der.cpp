@@ -2,7 +2,7 @@
 
 #include <wincrypt.h>
 #include <cstdint>
-#include "common/tea_cfb.h"
+#include "common/teacfb.h"
 #include "secret_keys.h"
 #include "support/signed_records.h"
 

@@ -3,7 +3,7 @@
 #include <objbase.h>
 #include <cwchar>
 #include "common/procaddress.h"
-#include "converter3/nvstore_api.h"
+#include "common/storecontract.h"
 #include "nvstore_inspect.h"
 #include "support/dll_loader.h"
 #include "support/process_runner.h"

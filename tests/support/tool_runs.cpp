@@ -3,7 +3,7 @@
 #include <objbase.h>
 #include <gtest/gtest.h>
 #include <algorithm>
-#include "converter3/nvstore_api.h"
+#include "common/storecontract.h"
 #include "support/dll_loader.h"
 #include "support/registry_sandbox.h"
 

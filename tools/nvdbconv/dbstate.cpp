@@ -4,7 +4,7 @@
 #include "common/hresult.h"
 #include "com/componentregistrar.h"
 #include "common/regkey.h"
-#include "converter3/nvstore_api.h"
+#include "common/storecontract.h"
 #include "frame/dblayout.h"
 
 namespace nvdbconv {

@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "common/handles.h"
-#include "converter3/logon_info_name.h"
+#include "converter3/logoninfoname.h"
 #include "converter3/secretpacking.h"
 #include "dbstate.h"
 #include "legacydb/derreader.h"

@@ -2,9 +2,9 @@
 
 #include "common/handles.h"
 #include "common/hresult.h"
-#include "converter3/conversion_policy.h"
-#include "converter3/held_users.h"
-#include "converter3/logon_info_name.h"
+#include "converter3/conversionpolicy.h"
+#include "converter3/heldusers.h"
+#include "converter3/logoninfoname.h"
 #include "dbstate.h"
 
 namespace nvdbconv {

@@ -1,6 +1,6 @@
 // The conversion policy as nvdbconv shows and sets it, and the users that the strict
 // policy kept in the old database. The names and places are the library's own
-// (converter3/conversion_policy.h, converter3/held_users.h).
+// (converter3/conversionpolicy.h, converter3/heldusers.h).
 #pragma once
 #include <windows.h>
 #include <optional>

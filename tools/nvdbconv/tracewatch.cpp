@@ -2,7 +2,7 @@
 
 #include "common/handles.h"
 #include "common/regkey.h"
-#include "trace/trace_file_check.h"
+#include "trace/tracefilecheck.h"
 
 namespace nvdbconv {
 

@@ -7,7 +7,7 @@
 #include "common/hresult.h"
 #include "common/procaddress.h"
 #include "common/systemlibrary.h"
-#include "converter3/nvstore_api.h"
+#include "common/storecontract.h"
 #include "storedata.h"
 #include "storelayout.h"
 

@@ -24,7 +24,7 @@
 #include <vector>
 #include "common/handles.h"
 #include "common/systemlibrary.h"
-#include "converter3/nvstore_api.h"
+#include "common/storecontract.h"
 #include "nvstore_inspect.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include "common/handles.h"
 #include "common/hresult.h"
 #include "common/keydacl.h"
-#include "converter3/nvstore_api.h"
+#include "common/storecontract.h"
 #include "storecounters.h"
 #include "storelayout.h"
 

@@ -7,7 +7,7 @@
 #pragma once
 #include <windows.h>
 #include <atomic>
-#include "converter3/nvstore_api.h"
+#include "common/storecontract.h"
 
 namespace nvstore {
 

@@ -5,7 +5,7 @@
 #include <windows.h>
 #include <atomic>
 #include <string>
-#include "converter3/nvstore_api.h"
+#include "common/storecontract.h"
 
 namespace nvstore {
 

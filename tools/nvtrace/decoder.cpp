@@ -11,8 +11,8 @@
 #include <fstream>
 #include <iterator>
 
-#include "common/tea_cfb.h"
-#include "trace/trace_keys.h"
+#include "common/teacfb.h"
+#include "trace/tracekeys.h"
 
 namespace nvtrace {
 

@@ -5,7 +5,7 @@
 #include "common/handles.h"
 #include "common/hresult.h"
 #include "common/regkey.h"
-#include "common/tea_cfb.h"
+#include "common/teacfb.h"
 #include "secret_keys.h"
 #include "writer/host_provisioning.h"
 

@@ -5,9 +5,9 @@
 #include <cstring>
 #include <vector>
 
-#include "common/tea_cfb.h"
+#include "common/teacfb.h"
 #include "nvtracelib.h"
-#include "trace/trace_keys.h"
+#include "trace/tracekeys.h"
 
 namespace {
 

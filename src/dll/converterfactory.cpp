@@ -1,4 +1,4 @@
-#include "frame/converterfactory.h"
+#include "dll/converterfactory.h"
 
 #include <new>
 

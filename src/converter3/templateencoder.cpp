@@ -1,8 +1,8 @@
-#include "converter3/template_encoder.h"
+#include "converter3/templateencoder.h"
 
 #include <wincrypt.h>
 #include <vector>
-#include "common/apicalls.h"
+#include "common/replaceablecalls.h"
 #include "common/hresult.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "common/apicalls.h"
+#include "common/replaceablecalls.h"
 
 #include "common/hresult.h"
 #include "common/systemimports.h"

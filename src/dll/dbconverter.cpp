@@ -1,26 +1,10 @@
-#include "frame/dbconverter.h"
-
-#include <cwchar>
+#include "dll/dbconverter.h"
 
 #include "common/hresult.h"
 #include "common/regkey.h"
 #include "trace/trace.h"
 
 CDBConverter g_DBConverter;
-
-namespace nvframe {
-
-DWORD ParseDatabaseVersion(const wchar_t* wszVersion) noexcept
-{
-    const long major = std::wcstol(wszVersion, nullptr, 10);
-    long minor = 0;
-    if (const wchar_t* dot = std::wcschr(wszVersion, L'.'))
-        minor = std::wcstol(dot + 1, nullptr, 10);
-    // The major part is shifted as it is, not masked first.
-    return (static_cast<DWORD>(major) << 16) | (static_cast<DWORD>(minor) & 0xFFFFu);
-}
-
-} // namespace nvframe
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "trace/trace_file_check.h"
+#include "trace/tracefilecheck.h"
 
 namespace NVTraceNS {
 

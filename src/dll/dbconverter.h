@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "frame/baseconverter.h"
+#include "frame/databaseversion.h"
 
 class CDBConverter {
 public:
@@ -37,12 +38,3 @@ public:
 
 // The library's one holder.
 extern CDBConverter g_DBConverter;
-
-namespace nvframe {
-
-// Turns a "Version" text into the database version: major from the leading decimal
-// number (leading white space and a sign allowed, 0 without digits), minor from the
-// number after the first '.', or 0 without one; major << 16 | (minor & 0xFFFF).
-DWORD ParseDatabaseVersion(const wchar_t* wszVersion) noexcept;
-
-} // namespace nvframe

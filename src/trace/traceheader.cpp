@@ -9,7 +9,7 @@
 #include "common/procaddress.h"
 #include "common/regkey.h"
 #include "common/systemlibrary.h"
-#include "trace/trace_output.h"
+#include "trace/traceoutput.h"
 
 namespace NVTraceNS {
 

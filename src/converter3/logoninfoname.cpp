@@ -1,4 +1,4 @@
-#include "converter3/logon_info_name.h"
+#include "converter3/logoninfoname.h"
 
 #include <windows.h>
 #include <vector>

@@ -1,7 +1,7 @@
-#include "converter3/conversion_policy.h"
+#include "converter3/conversionpolicy.h"
 
 #include "common/handles.h"
-#include "converter3/logon_info_name.h"
+#include "converter3/logoninfoname.h"
 
 namespace nvconv3 {
 

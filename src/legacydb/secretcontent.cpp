@@ -2,7 +2,7 @@
 #include "legacydb/records.h"
 
 #include <cstring>
-#include "common/apicalls.h"
+#include "common/replaceablecalls.h"
 #include "common/handles.h"
 #include "common/hresult.h"
 #include "common/systemimports.h"

@@ -1,4 +1,4 @@
-#include "com/nvdbconverter.h"
+#include "dll/nvdbconverter.h"
 
 #include <new>
 
@@ -6,7 +6,7 @@
 #include "com/ids.h"
 #include "com/nvcommodule.h"
 #include "common/hresult.h"
-#include "frame/dbconverter.h"
+#include "dll/dbconverter.h"
 #include "trace/trace.h"
 
 namespace {

@@ -1,6 +1,6 @@
 // The trace file's safety checks: open without truncating or following a final
 // link, ask the system what was opened, decide, and only then empty the file.
-#include "trace/trace_file_check.h"
+#include "trace/tracefilecheck.h"
 
 #include <sddl.h>
 

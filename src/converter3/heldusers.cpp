@@ -1,4 +1,4 @@
-#include "converter3/held_users.h"
+#include "converter3/heldusers.h"
 
 #include <objbase.h>
 #include "common/hresult.h"

@@ -10,8 +10,8 @@
 #include <nvdbconv/nvdbconv.h>
 
 #include "com/nvcommodule.h"
-#include "frame/dbconverter.h"
-#include "frame/oomreserve.h"
+#include "dll/dbconverter.h"
+#include "dll/oomreserve.h"
 
 extern "C" {
 

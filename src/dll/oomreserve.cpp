@@ -1,4 +1,4 @@
-#include "frame/oomreserve.h"
+#include "dll/oomreserve.h"
 
 #include <windows.h>
 #include <cxxabi.h>

@@ -1,7 +1,7 @@
-#include "com/objectmap.h"
+#include "dll/objectmap.h"
 
 #include "com/ids.h"
-#include "com/nvdbconverter.h"
+#include "dll/nvdbconverter.h"
 
 NVObjectMapEntry g_NVObjectMap[] = {
     {&nvcom::kCLSID_NVDBConverter, &CNVDBConverter::UpdateRegistry, &CNVDBConverter::CreateInstance, nullptr},

@@ -1,9 +1,9 @@
-#include "converter3/nvblobs.h"
+#include "converter3/typedblobs.h"
 
 #include <cstring>
 #include <cwchar>
 #include <utility>
-#include "common/apicalls.h"
+#include "common/replaceablecalls.h"
 #include "common/hresult.h"
 
 namespace {

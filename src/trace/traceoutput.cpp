@@ -1,5 +1,5 @@
 // The output objects, the trace file's name and location, and the record scrambling.
-#include "trace/trace_output.h"
+#include "trace/traceoutput.h"
 
 #include <atomic>
 #include <cstdio>
@@ -10,10 +10,10 @@
 #include "common/hresult.h"
 #include "common/handles.h"
 #include "common/regkey.h"
-#include "common/tea_cfb.h"
+#include "common/teacfb.h"
 #include "trace/trace.h"
-#include "trace/trace_file_check.h"
-#include "trace/trace_keys.h"
+#include "trace/tracefilecheck.h"
+#include "trace/tracekeys.h"
 
 namespace NVTraceNS {
 
