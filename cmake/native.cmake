@@ -7,6 +7,3 @@ set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${CMAKE_SOURCE_DI
 if(EXISTS ${CMAKE_SOURCE_DIR}/tools/nvtrace/CMakeLists.txt)
     add_subdirectory(tools/nvtrace)
 endif()
-
-# The one Wine launcher's rule (scripts/wine-run), checked with a stand-in for wine64.
-add_test(NAME native.scripts.WineRunLaunchRule COMMAND bash ${CMAKE_SOURCE_DIR}/tests/scripts/wine_run_test.sh)

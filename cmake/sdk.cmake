@@ -21,8 +21,8 @@ if(NV_LLVM_DLLTOOL)
     add_custom_command(OUTPUT ${NV_SDK_MSVC_IMPLIB}
         COMMAND ${CMAKE_COMMAND} -E make_directory ${NV_SDK_LIB_DIR}
         COMMAND ${NV_LLVM_DLLTOOL} -m i386:x86-64 -D NVDBConv.dll
-                -d ${CMAKE_SOURCE_DIR}/src/dll/NVDBConv.def -l ${NV_SDK_MSVC_IMPLIB}
-        DEPENDS ${CMAKE_SOURCE_DIR}/src/dll/NVDBConv.def
+                -d ${CMAKE_SOURCE_DIR}/src/com/NVDBConv.def -l ${NV_SDK_MSVC_IMPLIB}
+        DEPENDS ${CMAKE_SOURCE_DIR}/src/com/NVDBConv.def
         COMMENT "MSVC-format import library NVDBConv.lib"
         VERBATIM)
     add_custom_target(nvdbconv_msvc_implib ALL DEPENDS ${NV_SDK_MSVC_IMPLIB})

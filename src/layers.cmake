@@ -4,7 +4,7 @@
 # Read by src/CMakeLists.txt (one target per folder, whose include path holds only
 # these folders) and by cmake/layercheck.cmake (which fails the build on any other
 # include).
-set(NV_LAYERS common trace security legacydb frame converter2 converter3 com dll)
+set(NV_LAYERS common trace security legacydb frame converter2 converter3 com)
 # Errors, handles, registry and crypto helpers, key security, the replaceable calls
 # and the storage server's contract (the library and tools/nvstore both use it).
 set(NV_LAYER_DEPS_common "")
@@ -15,8 +15,7 @@ set(NV_LAYER_DEPS_legacydb common trace security)
 set(NV_LAYER_DEPS_frame common trace)
 set(NV_LAYER_DEPS_converter2 common trace frame)
 set(NV_LAYER_DEPS_converter3 common trace security legacydb frame)
-# The COM server's own parts: module, class factory, registrar, identifiers.
-set(NV_LAYER_DEPS_com common trace)
-# The library itself: the converter factory and holder, the COM class, DllMain and
-# the exports.
-set(NV_LAYER_DEPS_dll common trace security legacydb frame converter2 converter3 com)
+# The library itself, on top: the COM server's parts (module, class factory,
+# registrar, identifiers, the COM class and its object map), the converter factory
+# and holder, DllMain and the exports.
+set(NV_LAYER_DEPS_com common trace security legacydb frame converter2 converter3)

@@ -10,8 +10,8 @@
 
 #include "converter2/converter2.h"
 #include "converter3/converter3.h"
-#include "dll/converterfactory.h"
-#include "dll/dbconverter.h"
+#include "com/converterfactory.h"
+#include "com/dbconverter.h"
 #include "support/registry_sandbox.h"
 #include "support/test_converter.h"
 #include "support/trace_capture.h"

@@ -1,5 +1,5 @@
 // The database's format version as the library reads it from "Version". The holder
-// (dll/dbconverter.h) reads it at load, and every converter again under the
+// (com/dbconverter.h) reads it at load, and every converter again under the
 // conversion lock, so both take it from here.
 #pragma once
 #include <windows.h>

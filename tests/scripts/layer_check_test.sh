@@ -63,14 +63,14 @@ check "legacydb including from frame is refused" 1 \
     'src/legacydb/regset.cpp:2: legacydb may not include "frame/baseconverter.h" (legacydb includes only from: legacydb common trace security)'
 
 fresh_copy
-plant common/hresult.h 3 '#include "dll/dbconverter.h"'
-check "common including from dll is refused" 1 \
-    'src/common/hresult.h:3: common may not include "dll/dbconverter.h" (common includes only from: common)'
+plant common/hresult.h 3 '#include "com/dbconverter.h"'
+check "common including from com is refused" 1 \
+    'src/common/hresult.h:3: common may not include "com/dbconverter.h" (common includes only from: common)'
 
 fresh_copy
-plant com/classfactory.cpp 2 '#include <frame/paths.h>'
+plant frame/baseconverter.cpp 2 '#include <converter3/converter3.h>'
 check "an angle-bracket include from a higher folder is refused" 1 \
-    'src/com/classfactory.cpp:2: com may not include "frame/paths.h" (com includes only from: com common trace)'
+    'src/frame/baseconverter.cpp:2: frame may not include "converter3/converter3.h" (frame includes only from: frame common trace)'
 
 fresh_copy
 plant trace/trace.cpp 2 '#include "../converter3/converter3.h"'
@@ -109,12 +109,12 @@ elif grep -q 'frame/baseconverter.h: No such file or directory' "$work/probe.log
 else
     fail "legacydb's probe failed for another reason: $(cat "$work/probe.log")"
 fi
-if compiles com dll/dbconverter.h; then
-    fail "com's include path finds dll/dbconverter.h"
-elif grep -q 'dll/dbconverter.h: No such file or directory' "$work/probe.log"; then
-    echo "ok: com's include path does not find dll/dbconverter.h"
+if compiles frame com/dbconverter.h; then
+    fail "frame's include path finds com/dbconverter.h"
+elif grep -q 'com/dbconverter.h: No such file or directory' "$work/probe.log"; then
+    echo "ok: frame's include path does not find com/dbconverter.h"
 else
-    fail "com's probe failed for another reason: $(cat "$work/probe.log")"
+    fail "frame's probe failed for another reason: $(cat "$work/probe.log")"
 fi
 
 [ "$failures" = 0 ] || { echo "$failures check(s) failed"; exit 1; }

@@ -1,4 +1,4 @@
-#include "dll/converterfactory.h"
+#include "com/converterfactory.h"
 
 #include <new>
 

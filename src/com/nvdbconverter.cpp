@@ -1,4 +1,4 @@
-#include "dll/nvdbconverter.h"
+#include "com/nvdbconverter.h"
 
 #include <new>
 
@@ -6,7 +6,7 @@
 #include "com/ids.h"
 #include "com/nvcommodule.h"
 #include "common/hresult.h"
-#include "dll/dbconverter.h"
+#include "com/dbconverter.h"
 #include "trace/trace.h"
 
 namespace {

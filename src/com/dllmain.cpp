@@ -5,9 +5,9 @@
 
 #include "com/ids.h"
 #include "com/nvcommodule.h"
-#include "dll/objectmap.h"
-#include "dll/dbconverter.h"
-#include "dll/oomreserve.h"
+#include "com/objectmap.h"
+#include "com/dbconverter.h"
+#include "com/oomreserve.h"
 #include "trace/trace.h"
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE hInstance, DWORD reason, LPVOID /*reserved*/)

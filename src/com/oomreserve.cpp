@@ -1,4 +1,4 @@
-#include "dll/oomreserve.h"
+#include "com/oomreserve.h"
 
 #include <windows.h>
 #include <cxxabi.h>

@@ -10,8 +10,8 @@
 #include <nvdbconv/nvdbconv.h>
 
 #include "com/nvcommodule.h"
-#include "dll/dbconverter.h"
-#include "dll/oomreserve.h"
+#include "com/dbconverter.h"
+#include "com/oomreserve.h"
 
 extern "C" {
 

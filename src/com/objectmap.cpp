@@ -1,7 +1,7 @@
-#include "dll/objectmap.h"
+#include "com/objectmap.h"
 
 #include "com/ids.h"
-#include "dll/nvdbconverter.h"
+#include "com/nvdbconverter.h"
 
 NVObjectMapEntry g_NVObjectMap[] = {
     {&nvcom::kCLSID_NVDBConverter, &CNVDBConverter::UpdateRegistry, &CNVDBConverter::CreateInstance, nullptr},

@@ -1,4 +1,4 @@
-#include "dll/dbconverter.h"
+#include "com/dbconverter.h"
 
 #include "common/hresult.h"
 #include "common/regkey.h"
