@@ -12,3 +12,8 @@ add_test(NAME demo.SmallDatabaseBecomes30WithEveryUserAccountedFor
         -P ${CMAKE_CURRENT_LIST_DIR}/demo_check.cmake)
 set_tests_properties(demo.SmallDatabaseBecomes30WithEveryUserAccountedFor PROPERTIES
     ${NV_WINE_TEST_PROPERTIES} TIMEOUT 300 LABELS demo COST 20)
+
+# What the demo refuses before it builds or writes anything (no Wine involved).
+add_test(NAME demo.RefusesArgumentsAndSettingsThatAreNoWholeNumbers
+    COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/demo_refusals.sh)
+set_tests_properties(demo.RefusesArgumentsAndSettingsThatAreNoWholeNumbers PROPERTIES LABELS demo TIMEOUT 60)
