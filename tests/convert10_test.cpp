@@ -11,12 +11,13 @@
 #include <string>
 #include <vector>
 
+#include "support/computer_name.h"
+#include "support/db_paths.h"
 #include "support/dll_loader.h"
 #include "support/legacy_db_tree.h"
 #include "support/registry_sandbox.h"
+#include "support/sample_databases.h"
 #include "support/trace_capture.h"
-#include "support/db_paths.h"
-#include "support/computer_name.h"
 #include "writer/legacy_writer.h"
 
 using namespace nvtest;
@@ -148,10 +149,7 @@ class Convert10Test : public TraceCaptureTest {};
 
 TEST_F(Convert10Test, GeneratedDatabaseConvertsTo20)
 {
-    nvwriter::DbOptions options;
-    options.users = 60;
-    options.domains = 4;
-    options.seed = 1001;
+    const nvwriter::DbOptions options = WriterOptions(nvwriter::DbFormat::V10, 60, 4, 1001);
     nvwriter::DbRecord written = WriteDb(options);
     const std::vector<std::string> expectedLines = SuccessfulConvertLines(5);
 
@@ -176,9 +174,7 @@ TEST_F(Convert10Test, GeneratedDatabaseConvertsTo20)
 
 TEST_F(Convert10Test, DatabaseWithoutCacheConvertsTheMachineStoreOnly)
 {
-    nvwriter::DbOptions options;
-    options.users = 10;
-    options.domains = 0;
+    const nvwriter::DbOptions options = WriterOptions(nvwriter::DbFormat::V10, 10, 0, 1);
     nvwriter::DbRecord written = WriteDb(options);
     ASSERT_FALSE(KeyExists(DbPath(L"Cache").c_str(), kView32));
     const std::vector<std::string> expectedLines = SuccessfulConvertLines(1);
@@ -510,10 +506,7 @@ TEST_F(Convert10Test, DatabaseIn64BitViewIsDetectedButCannotBeOpenedByCConverter
 
 TEST_F(Convert10Test, FiveThousandUsersInTwentyDomainsConvert)
 {
-    nvwriter::DbOptions options;
-    options.users = 5000;
-    options.domains = 20;
-    options.seed = 5000;
+    const nvwriter::DbOptions options = WriterOptions(nvwriter::DbFormat::V10, 5000, 20, 5000);
     nvwriter::DbRecord written = WriteDb(options);
     ASSERT_EQ(5000u, written.users.size());
     ASSERT_EQ(21u, written.stores.size());

@@ -307,9 +307,7 @@ TEST_F(InstallerTest, RollbackIsNotCalledWhenTheBackupKeyIsMissing)
 TEST_F(InstallerTest, RollbackIsCalledWhenTheBackupKeyExists)
 {
     nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
-    nvwriter::DbOptions options;
-    options.users = 6;
-    options.domains = 1;
+    const nvwriter::DbOptions options = WriterOptions(nvwriter::DbFormat::V10, 6, 1, 1);
     nvwriter::Prng rng(5);
     nvwriter::Write10(writer, options, rng);
     // The machine's name index missing fails the step (HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)).

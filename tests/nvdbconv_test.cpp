@@ -25,18 +25,19 @@
 #include "nvdbconv/tracewatch.h"
 #include "nvstore_inspect.h"
 #include "nvtracelib.h"
+#include "support/db_paths.h"
 #include "support/dll_loader.h"
 #include "support/import_patch.h"
 #include "support/json_reader.h"
-#include "support/legacy_db_tree.h"
 #include "support/key_containers.h"
+#include "support/legacy_db_tree.h"
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
+#include "support/sample_databases.h"
 #include "support/store_sandbox.h"
-#include "support/unix_side.h"
-#include "support/db_paths.h"
 #include "support/text_util.h"
 #include "support/tool_runs.h"
+#include "support/unix_side.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -57,9 +58,7 @@ const std::string kFailed = "0x80004005 E_FAIL \"Call failed.\"";
 
 nvwriter::DbRecord Write10(unsigned users = 6, unsigned domains = 1, REGSAM view = KEY_WOW64_32KEY)
 {
-    nvwriter::DbOptions options;
-    options.users = users;
-    options.domains = domains;
+    nvwriter::DbOptions options = WriterOptions(nvwriter::DbFormat::V10, users, domains, 1);
     options.view = view;
     options.wipe = true;
     nvwriter::DbRecord record;

@@ -4,6 +4,18 @@
 
 namespace nvtest {
 
+nvwriter::DbOptions WriterOptions(nvwriter::DbFormat format, unsigned users, unsigned domains, std::uint64_t seed,
+                                  unsigned users20)
+{
+    nvwriter::DbOptions options;
+    options.format = format;
+    options.users = users;
+    options.domains = domains;
+    options.seed = seed;
+    options.users20 = users20;
+    return options;
+}
+
 nvwriter::Db20Database TrackedModel20(ContainerJanitor& containers, const nvwriter::DbOptions& options)
 {
     nvwriter::Db20Database model = nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options));

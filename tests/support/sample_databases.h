@@ -9,6 +9,11 @@
 
 namespace nvtest {
 
+// Writer options of that format, size and seed, `users20` of the users with 2.0
+// records; everything else as the writer's defaults.
+nvwriter::DbOptions WriterOptions(nvwriter::DbFormat format, unsigned users, unsigned domains, std::uint64_t seed,
+                                  unsigned users20 = 0);
+
 // The 2.0 model the writer draws for these options (the users of a 2.0 database, or
 // the 2.0 records of a 1.0 one); its machine container is tracked.
 nvwriter::Db20Database TrackedModel20(ContainerJanitor& containers, const nvwriter::DbOptions& options);
