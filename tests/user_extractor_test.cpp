@@ -98,16 +98,23 @@ std::vector<BYTE> ContentOf(CNVSecret& secret, bool* produced)
     return out;
 }
 
+// The structure CryptDecodeObject makes of `der` as `type` (empty when it is none).
+std::vector<BYTE> DecodedAs(LPCSTR type, const std::vector<BYTE>& der)
+{
+    DWORD cb = 0;
+    if (!::CryptDecodeObject(X509_ASN_ENCODING, type, der.data(), static_cast<DWORD>(der.size()), 0, nullptr, &cb))
+        return {};
+    std::vector<BYTE> buf(cb);
+    if (!::CryptDecodeObject(X509_ASN_ENCODING, type, der.data(), static_cast<DWORD>(der.size()), 0, buf.data(), &cb))
+        return {};
+    return buf;
+}
+
 // The content of a DER OCTET STRING (empty when it is none).
 std::vector<BYTE> OctetsOf(const std::vector<BYTE>& der)
 {
-    DWORD cb = 0;
-    if (!::CryptDecodeObject(X509_ASN_ENCODING, X509_OCTET_STRING, der.data(), static_cast<DWORD>(der.size()), 0,
-                             nullptr, &cb))
-        return {};
-    std::vector<BYTE> buf(cb);
-    if (!::CryptDecodeObject(X509_ASN_ENCODING, X509_OCTET_STRING, der.data(), static_cast<DWORD>(der.size()), 0,
-                             buf.data(), &cb))
+    const std::vector<BYTE> buf = DecodedAs(X509_OCTET_STRING, der);
+    if (buf.empty())
         return {};
     const auto* blob = reinterpret_cast<const CRYPT_DATA_BLOB*>(buf.data());
     return std::vector<BYTE>(blob->pbData, blob->pbData + blob->cbData);
@@ -116,13 +123,8 @@ std::vector<BYTE> OctetsOf(const std::vector<BYTE>& der)
 // The items of a DER SEQUENCE OF ANY, each a complete DER value (none when it is none).
 std::vector<std::vector<BYTE>> SequenceItems(const std::vector<BYTE>& der)
 {
-    DWORD cb = 0;
-    if (!::CryptDecodeObject(X509_ASN_ENCODING, X509_SEQUENCE_OF_ANY, der.data(), static_cast<DWORD>(der.size()), 0,
-                             nullptr, &cb))
-        return {};
-    std::vector<BYTE> buf(cb);
-    if (!::CryptDecodeObject(X509_ASN_ENCODING, X509_SEQUENCE_OF_ANY, der.data(), static_cast<DWORD>(der.size()), 0,
-                             buf.data(), &cb))
+    const std::vector<BYTE> buf = DecodedAs(X509_SEQUENCE_OF_ANY, der);
+    if (buf.empty())
         return {};
     const auto* seq = reinterpret_cast<const CRYPT_SEQUENCE_OF_ANY*>(buf.data());
     std::vector<std::vector<BYTE>> items;
