@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include "support/db_paths.h"
+#include "support/registry_sandbox.h"
+
 namespace nvtest {
 
 nvwriter::DbOptions WriterOptions(nvwriter::DbFormat format, unsigned users, unsigned domains, std::uint64_t seed,
@@ -68,6 +71,13 @@ nvwriter::Db20Database WriteTracked20(ContainerJanitor& containers, unsigned use
     nvwriter::Db20Database db;
     EXPECT_EQ(S_OK, WriteTracked20(containers, users, seed, std::move(defects), &db));
     return db;
+}
+
+void WriteLayout30Database(const wchar_t* version)
+{
+    ASSERT_TRUE(DeleteTree(kDbPath, kView32));
+    SetString(kDbPath, L"Version", version, kView32);
+    SetString(L"SOFTWARE\\Norvane\\DB\\Policies", L"Kept", L"yes", kView32);
 }
 
 } // namespace nvtest
