@@ -16,6 +16,7 @@
 #include "support/key_containers.h"
 #include "support/api_faults.h"
 #include "support/registry_sandbox.h"
+#include "support/template_expectations.h"
 #include "support/trace_capture.h"
 #include "support/db_paths.h"
 #include "writer/db20_der.h"
@@ -229,15 +230,7 @@ protected:
         const size_t expected = fp ? fp->templates.size() : 0;
         ASSERT_EQ(expected, templates.size());
         for (size_t i = 0; i < expected; ++i) {
-            const Db20Template& t = fp->templates[i];
-            const CNVTemplate& a = *templates[i];
-            EXPECT_EQ(t.format, a.m_header.info.dwFormat);
-            EXPECT_EQ(t.flags, a.m_header.info.dwFlags);
-            EXPECT_TRUE(IsEqualGUID(t.type, a.m_header.info.guidType));
-            EXPECT_TRUE(IsEqualGUID(t.owner, a.m_header.info.guidOwner));
-            EXPECT_EQ(t.size, a.m_header.info.dwSize);
-            EXPECT_EQ(t.headerValue, a.m_header.lHeaderValue);
-            EXPECT_EQ(t.data, a.m_data);
+            ExpectTemplate(fp->templates[i], *templates[i]);
         }
     }
 
