@@ -10,6 +10,7 @@
 #include "converter2/converter2.h"
 #include "support/legacy_db_tree.h"
 #include "support/registry_sandbox.h"
+#include "support/test_converter.h"
 #include "support/trace_capture.h"
 #include "support/db_paths.h"
 #include "support/computer_name.h"
@@ -40,11 +41,7 @@ TEST_F(Converter2Test, BaseIsBuiltForFormat20WithTheDatabaseOpenInThe32BitView)
 {
     SetString(kDbPath, L"Version", L"1.0", kView32);
     CConverter2 converter;
-    EXPECT_EQ(0x00020000u, converter.GetTargetVersion());
-    EXPECT_EQ(L"2.0", converter.GetTargetVersionText());
-    EXPECT_TRUE(converter.HasDatabaseKey());
-    EXPECT_EQ(static_cast<REGSAM>(0x200), converter.GetBackupView());
-    EXPECT_EQ(L"DB-v1.0", converter.GetBackupName());
+    ExpectConverterOpenedFor(converter, 0x00020000u, L"2.0", L"DB-v1.0", static_cast<REGSAM>(0x200));
     // One process-wide string, not a fresh one per call or per converter.
     CConverter2 other;
     EXPECT_EQ(&converter.GetBackupName(), &other.GetBackupName());
