@@ -156,10 +156,8 @@ TEST_F(Converter2Test, ConvertNameIndexWithAnEmptyValueDeletesEarlierIdentifiers
     auto empty = std::find(order.begin(), order.end(), L"k3");
     ASSERT_NE(order.end(), empty);
     RegTree expected = Snapshot(kDbPath, kView32);
-    size_t deleted = 0;
-    for (auto it = order.begin(); it != empty; ++it)
-        if (*it != L"k0")
-            deleted += expected.values.erase(L"Cache\\DOM\\Users\\Index\\NameIndex|" + *it);
+    const size_t deleted =
+        EraseValuesNamed(expected, L"Cache\\DOM\\Users\\Index\\NameIndex", order.begin(), empty, L"k0");
     ASSERT_GT(deleted, 0u);
 
     CConverter2 converter;

@@ -8,6 +8,7 @@
 
 #include "common/procaddress.h"
 #include "support/dll_loader.h"
+#include "support/legacy_db_tree.h"
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
 #include "support/db_paths.h"
@@ -151,8 +152,7 @@ TEST_F(DllFrameTest, RollbackInALaterProcessCannotReachThe32BitDatabase)
 
 TEST_F(DllFrameTest, VersionInOwnViewWinsOverThe32BitView)
 {
-    SetString(kDbPath, L"Version", L"2.0", kView64);
-    SetString(kDbPath, L"Version", L"1.0", kView32);
+    SetVersionInBothViews(L"2.0", L"1.0");
     Versions v = Load();
     EXPECT_EQ(S_OK, v.hr);
     EXPECT_EQ(0x00020000u, v.current);
@@ -241,8 +241,6 @@ TEST_F(DllFrameTest, EveryLoadDetectsTheVersionAfresh)
 // Trace
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 class DllFrameTraceTest : public TraceCaptureTest {};
 
