@@ -249,11 +249,7 @@ TEST_F(Convert10Test, DomainsBAndLowercaseAFailingStoreShowsBIsConvertedBeforeA)
         WipeSuiteKeys();
         trace.Start();
         nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
-        nvwriter::DbOptions options;
-        options.users = 12;
-        options.domainNames = {L"a", L"B"};
-        nvwriter::Prng rng(77);
-        nvwriter::Write10(writer, options, rng);
+        Write10Into(writer, 12, {L"a", L"B"}, 77);
         writer.DeleteKey(L"Cache\\" + std::wstring(missing) + L"\\Users\\Index\\NameIndex");
         writer.Flush();
 
@@ -338,12 +334,8 @@ TEST_F(Convert10Test, MissingMachineNameIndexFailsAndTheRollbackRunsInTheLibrary
 {
     const std::wstring computer = ComputerName();
     nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
-    nvwriter::DbOptions options;
-    options.users = 20;
     // One domain sorts before any NetBIOS name, one after.
-    options.domainNames = {L"0FIRST", L"zlast"};
-    nvwriter::Prng rng(5);
-    nvwriter::Write10(writer, options, rng);
+    Write10Into(writer, 20, {L"0FIRST", L"zlast"}, 5);
     writer.DeleteKey(L"MainDB\\Users\\Index\\NameIndex");
     writer.Flush();
     const nvwriter::DbRecord original = writer.record();
@@ -409,11 +401,7 @@ TEST_F(Convert10Test, MissingMachineNameIndexFailsAndTheRollbackRunsInTheLibrary
 TEST_F(Convert10Test, EmptyValueInANameIndexFailsTheBackupWith80070008AndConvertsNothing)
 {
     nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
-    nvwriter::DbOptions options;
-    options.users = 8;
-    options.domainNames = {L"DOM"};
-    nvwriter::Prng rng(6);
-    nvwriter::Write10(writer, options, rng);
+    Write10Into(writer, 8, {L"DOM"}, 6);
     writer.SetBinary(L"Cache\\DOM\\Users\\Index\\NameIndex", L"empty", {});
     writer.Flush();
     const RegTree before = Snapshot(kDbPath, kView32);
@@ -451,11 +439,7 @@ TEST_F(Convert10Test, EmptyValueInANameIndexFailsTheBackupWith80070008AndConvert
 TEST_F(Convert10Test, MissingPolicyKeysDoNotFailTheConversion)
 {
     nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
-    nvwriter::DbOptions options;
-    options.users = 6;
-    options.domainNames = {L"DOM"};
-    nvwriter::Prng rng(8);
-    nvwriter::Write10(writer, options, rng);
+    Write10Into(writer, 6, {L"DOM"}, 8);
     writer.DeleteKey(L"Data\\Policies");
     writer.Flush();
     const nvwriter::DbRecord written = writer.record();

@@ -10,6 +10,7 @@
 #include "converter2/converter2.h"
 #include "support/legacy_db_tree.h"
 #include "support/registry_sandbox.h"
+#include "support/sample_databases.h"
 #include "support/test_converter.h"
 #include "support/trace_capture.h"
 #include "support/db_paths.h"
@@ -209,11 +210,7 @@ TEST_F(Converter2Test, DoConvertStopsAtTheFirstFailingStoreInOrdinalOrder)
 {
     // "B" sorts before "a": with B's index missing, "a" is never reached.
     nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
-    nvwriter::DbOptions options;
-    options.users = 9;
-    options.domainNames = {L"a", L"B"};
-    nvwriter::Prng rng(3);
-    nvwriter::Write10(writer, options, rng);
+    Write10Into(writer, 9, {L"a", L"B"}, 3);
     writer.DeleteKey(L"Cache\\B\\Users\\Index\\NameIndex");
     writer.Flush();
     const std::wstring computer = ComputerName();
@@ -246,11 +243,7 @@ TEST_F(Converter2Test, DoConvertStopsAtTheFirstFailingStoreInOrdinalOrder)
 TEST_F(Converter2Test, MissingPolicyKeysAreNoFailure)
 {
     nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
-    nvwriter::DbOptions options;
-    options.users = 4;
-    options.domainNames = {L"DOM"};
-    nvwriter::Prng rng(4);
-    nvwriter::Write10(writer, options, rng);
+    Write10Into(writer, 4, {L"DOM"}, 4);
     writer.DeleteKey(L"Data\\Policies");
     writer.DeleteKey(L"Cache\\DOM\\Policies");
     writer.Flush();

@@ -26,6 +26,16 @@ nvwriter::Db20Database TrackedModel20(ContainerJanitor& containers, const nvwrit
     return model;
 }
 
+void Write10Into(nvwriter::DbWriter& writer, unsigned users, std::vector<std::wstring> domainNames,
+                 std::uint64_t seed)
+{
+    nvwriter::DbOptions options;
+    options.users = users;
+    options.domainNames = std::move(domainNames);
+    nvwriter::Prng rng(seed);
+    nvwriter::Write10(writer, options, rng);
+}
+
 HRESULT WriteDb10(unsigned users, unsigned domains)
 {
     nvwriter::DbOptions options;

@@ -18,6 +18,11 @@ nvwriter::DbOptions WriterOptions(nvwriter::DbFormat format, unsigned users, uns
 // the 2.0 records of a 1.0 one); its machine container is tracked.
 nvwriter::Db20Database TrackedModel20(ContainerJanitor& containers, const nvwriter::DbOptions& options);
 
+// Writes a 1.0 database of `users` users in the named cached domains, drawn from
+// `seed`, through `writer`; the caller edits it further and flushes.
+void Write10Into(nvwriter::DbWriter& writer, unsigned users, std::vector<std::wstring> domainNames,
+                 std::uint64_t seed);
+
 // A 1.0 database of that many users and cached domains, in the 32-bit view.
 HRESULT WriteDb10(unsigned users, unsigned domains);
 
