@@ -91,15 +91,6 @@ nvwriter::Db20Database Write20(ContainerJanitor& containers, unsigned users)
     return WriteTracked20(containers, users, 41);
 }
 
-std::vector<std::wstring> SortedSids(const nvwriter::Db20Database& db)
-{
-    std::vector<std::wstring> sids;
-    for (const auto& user : db.users)
-        sids.push_back(user.sidText);
-    std::sort(sids.begin(), sids.end());
-    return sids;
-}
-
 // The lines of one step that converts, Cleanup finding nothing left to remove.
 std::vector<std::string> StepLines(int step, const char* current, const char* target, const std::string& outcome)
 {
@@ -161,7 +152,7 @@ TEST_F(InstallerStoreTest, A10DatabaseReaches30InOneRun)
     }
     RegValue backupValue;
     EXPECT_FALSE(GetValue(kDbPath, L"Backup", kView32, &backupValue));
-    EXPECT_EQ(SortedSids(db20), nvstore::inspect::ListUsers());
+    EXPECT_EQ(SortedUserSids(db20), nvstore::inspect::ListUsers());
 }
 
 TEST_F(InstallerStoreTest, Converts20DatabaseIntoTheStoreThenCleansUp)
@@ -184,7 +175,7 @@ TEST_F(InstallerStoreTest, Converts20DatabaseIntoTheStoreThenCleansUp)
     RegValue backupValue;
     EXPECT_FALSE(GetValue(kDbPath, L"Backup", kView32, &backupValue));
 
-    EXPECT_EQ(SortedSids(db), nvstore::inspect::ListUsers());
+    EXPECT_EQ(SortedUserSids(db), nvstore::inspect::ListUsers());
     for (const auto& user : db.users) {
         size_t templates = 0;
         for (const auto& credential : user.credentials)
@@ -262,7 +253,7 @@ TEST_F(InstallerStoreTest, AUserTheStrictPolicyHeldIsNamedAndTheInstallerExits4)
                       {"outcome = converted 2.1 -> 3.0"}}),
               run.log);
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Data", kView32));
-    EXPECT_EQ(SortedSids(db), nvstore::inspect::ListUsers());
+    EXPECT_EQ(SortedUserSids(db), nvstore::inspect::ListUsers());
 }
 
 // Convert restores the database itself when it fails, and the "Backup" value goes

@@ -1,6 +1,7 @@
 #include "support/sample_databases.h"
 
 #include <gtest/gtest.h>
+#include <algorithm>
 
 #include "support/db_paths.h"
 #include "support/registry_sandbox.h"
@@ -81,6 +82,15 @@ nvwriter::Db20Database WriteTracked20(ContainerJanitor& containers, unsigned use
     nvwriter::Db20Database db;
     EXPECT_EQ(S_OK, WriteTracked20(containers, users, seed, std::move(defects), &db));
     return db;
+}
+
+std::vector<std::wstring> SortedUserSids(const nvwriter::Db20Database& db)
+{
+    std::vector<std::wstring> sids;
+    for (const auto& user : db.users)
+        sids.push_back(user.sidText);
+    std::sort(sids.begin(), sids.end());
+    return sids;
 }
 
 void WriteLayout30Database(const wchar_t* version)

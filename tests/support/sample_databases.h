@@ -40,6 +40,9 @@ nvwriter::Db20Database WriteTracked20(ContainerJanitor& containers, unsigned use
 HRESULT WriteTracked20(ContainerJanitor& containers, unsigned users, std::uint64_t seed,
                        std::vector<std::pair<unsigned, nvwriter::Db20Defect>> defects, nvwriter::Db20Database* db);
 
+// The SIDs of the database's users, sorted (as the store lists them).
+std::vector<std::wstring> SortedUserSids(const nvwriter::Db20Database& db);
+
 // A database key of the 3.0 layout (neither Data nor MainDB) whose "Version" reads
 // `version`, with one policy value that must survive; in the 32-bit view.
 void WriteLayout30Database(const wchar_t* version);
