@@ -129,6 +129,20 @@ protected:
         return run;
     }
 
+    // The first lines of step n: the library it loads and GetDBVersion's answer.
+    static std::vector<std::string> StepStart(int step, const char* current, const char* target)
+    {
+        return {"step " + std::to_string(step), "loaded " + Narrow(InstalledLibrary()),
+                std::string("GetDBVersion = 0x00000000 (S_OK), current ") + current + ", target " + target};
+    }
+    // The install's log is these parts one after the other; a failure shows the whole log.
+    static void ExpectInstallLog(const MsiRun& run, std::initializer_list<std::vector<std::string>> parts)
+    {
+        std::vector<std::string> lines;
+        for (const auto& part : parts)
+            lines.insert(lines.end(), part.begin(), part.end());
+        ExpectInstallLines(run, lines);
+    }
     // The install's log lines are exactly these; a failure shows the whole log.
     static void ExpectInstallLines(const MsiRun& run, const std::vector<std::string>& lines)
     {
@@ -151,17 +165,17 @@ TEST_F(MsiInstallerTest, A20DatabaseConvertsIntoTheStoreAndTheInstallReturns0)
 
     const MsiRun run = Install(0u);
     const std::string library = Narrow(InstalledLibrary());
-    ExpectInstallLines(run, {
-        "converting the database",
-        "step 1",
-        "loaded " + library,
-        "GetDBVersion = 0x00000000 (S_OK), current 0x00020000, target 0x00030000",
-        "Convert = 0x00000000 (S_OK)",
-        "step 1: converted 2.0 -> 3.0, 3 of 3 users in the store",
-        "outcome: converted 2.0 -> 3.0",
-        "committing the database",
-        "loaded " + library,
-        "Cleanup = 0x00000001 (S_FALSE, no backup to remove)",
+    ExpectInstallLog(run, {
+        {"converting the database"},
+        StepStart(1, "0x00020000", "0x00030000"),
+        {
+            "Convert = 0x00000000 (S_OK)",
+            "step 1: converted 2.0 -> 3.0, 3 of 3 users in the store",
+            "outcome: converted 2.0 -> 3.0",
+            "committing the database",
+            "loaded " + library,
+            "Cleanup = 0x00000001 (S_FALSE, no backup to remove)",
+        },
     });
     EXPECT_TRUE(FileExists(InstalledLibrary()));
 
@@ -189,16 +203,16 @@ TEST_F(MsiInstallerTest, AFailingConvertFailsTheInstallWith1603AndRunsTheRollbac
 
     const MsiRun run = Install(kInstallFailure);
     const std::string library = Narrow(InstalledLibrary());
-    ExpectInstallLines(run, {
-        "converting the database",
-        "step 1",
-        "loaded " + library,
-        "GetDBVersion = 0x00000000 (S_OK), current 0x00010000, target 0x00020000",
-        "Convert = 0x80070008 (failure)",
-        "step 1: 1.0 -> 2.0 failed; Convert rolled this step back",
-        "outcome: Convert failed; the install fails",
-        "rolling the database back",
-        "no \"Backup\" value: nothing to roll back",
+    ExpectInstallLog(run, {
+        {"converting the database"},
+        StepStart(1, "0x00010000", "0x00020000"),
+        {
+            "Convert = 0x80070008 (failure)",
+            "step 1: 1.0 -> 2.0 failed; Convert rolled this step back",
+            "outcome: Convert failed; the install fails",
+            "rolling the database back",
+            "no \"Backup\" value: nothing to roll back",
+        },
     });
 
     // Nothing lost: the database as before, in both views. The install is undone:
@@ -248,22 +262,22 @@ TEST_F(MsiInstallerTest, A10DatabaseReaches30InOneInstall)
 
     const MsiRun run = Install(0u);
     const std::string library = Narrow(InstalledLibrary());
-    ExpectInstallLines(run, {
-        "converting the database",
-        "step 1",
-        "loaded " + library,
-        "GetDBVersion = 0x00000000 (S_OK), current 0x00010000, target 0x00020000",
-        "Convert = 0x00000000 (S_OK)",
-        "step 1: converted 1.0 -> 2.0",
-        "step 2",
-        "loaded " + library,
-        "GetDBVersion = 0x00000000 (S_OK), current 0x00020000, target 0x00030000",
-        "Convert = 0x00000000 (S_OK)",
-        "step 2: converted 2.0 -> 3.0, 3 of 3 users in the store",
-        "outcome: converted 1.0 -> 2.0 -> 3.0",
-        "committing the database",
-        "loaded " + library,
-        "Cleanup = 0x00000001 (S_FALSE, no backup to remove)",
+    ExpectInstallLog(run, {
+        {"converting the database"},
+        StepStart(1, "0x00010000", "0x00020000"),
+        {
+            "Convert = 0x00000000 (S_OK)",
+            "step 1: converted 1.0 -> 2.0",
+        },
+        StepStart(2, "0x00020000", "0x00030000"),
+        {
+            "Convert = 0x00000000 (S_OK)",
+            "step 2: converted 2.0 -> 3.0, 3 of 3 users in the store",
+            "outcome: converted 1.0 -> 2.0 -> 3.0",
+            "committing the database",
+            "loaded " + library,
+            "Cleanup = 0x00000001 (S_FALSE, no backup to remove)",
+        },
     });
     EXPECT_TRUE(KeyExists(kDbPath, kView32));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Data", kView32));
@@ -319,19 +333,19 @@ TEST_F(MsiInstallerTest, StrictPolicyHoldsAUserAndTheInstallSucceedsWithALogLine
     const MsiRun run = Install(0u);
     const std::string library = Narrow(InstalledLibrary());
     const std::string key = Narrow(nvwriter::GuidText(held.guid));
-    ExpectInstallLines(run, {
-        "converting the database",
-        "step 1",
-        "loaded " + library,
-        "GetDBVersion = 0x00000000 (S_OK), current 0x00020000, target 0x00030000",
-        "Convert = 0x00000000 (S_OK)",
-        "held user: " + key + " " + Narrow(held.sidText) + " 0x80070005: conversion failed (0x80070005)",
-        "step 1: converted 2.0 -> 3.0, 2 of 3 users in the store",
-        "1 of 3 users kept their old data; the next install tries them again",
-        "outcome: converted 2.0 -> 3.0",
-        "committing the database",
-        "loaded " + library,
-        "Cleanup = 0x00000001 (S_FALSE, no backup to remove)",
+    ExpectInstallLog(run, {
+        {"converting the database"},
+        StepStart(1, "0x00020000", "0x00030000"),
+        {
+            "Convert = 0x00000000 (S_OK)",
+            "held user: " + key + " " + Narrow(held.sidText) + " 0x80070005: conversion failed (0x80070005)",
+            "step 1: converted 2.0 -> 3.0, 2 of 3 users in the store",
+            "1 of 3 users kept their old data; the next install tries them again",
+            "outcome: converted 2.0 -> 3.0",
+            "committing the database",
+            "loaded " + library,
+            "Cleanup = 0x00000001 (S_FALSE, no backup to remove)",
+        },
     });
     // Held: its old key and the record stay, the others moved.
     EXPECT_TRUE(KeyExists((L"SOFTWARE\\Norvane\\DB\\Data\\Users\\" + nvwriter::GuidText(held.guid)).c_str(), kView32));
