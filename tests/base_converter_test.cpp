@@ -869,7 +869,6 @@ TEST_F(BaseConverterTest, DeleteKeyOfMissingKeyFailsWithFileNotFound)
 
 namespace {
 
-
 constexpr const wchar_t kGrantedEntries[] = L"(A;OICI;KA;;;SY)(A;OICI;KA;;;BA)(A;OICI;KA;;;BU)";
 
 } // namespace
@@ -1156,8 +1155,6 @@ TEST_F(BaseConverterTest, BackupValueInAnotherCaseStillNamesTheLibrarysBackupKey
 namespace {
 
 class BaseConverterTraceTest : public TraceCaptureTest {};
-
-using Lines = std::vector<std::string>;
 
 } // namespace
 

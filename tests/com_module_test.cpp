@@ -397,8 +397,6 @@ TEST_F(ComDllTest, LockServerKeepsTheDllFromUnloading)
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
 // An object created, initialised, terminated and released while no converter is
 // held: Init's conversion answers E_FAIL.
 const Lines kObjectLifeWithoutAConverter = {

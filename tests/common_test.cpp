@@ -15,6 +15,7 @@
 #include "common/teacfb.h"
 #include "support/api_faults.h"
 #include "support/registry_sandbox.h"
+#include "support/store_der.h"
 
 using namespace nvtest;
 
@@ -365,19 +366,7 @@ using DerBytes = std::vector<BYTE>;
 // md5RSA without parameters.
 const DerBytes kMd5Rsa = {0x30, 0x0B, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x04};
 
-DerBytes Tlv(BYTE tag, const DerBytes& content)
-{
-    DerBytes out{tag};
-    if (content.size() < 0x80) {
-        out.push_back(static_cast<BYTE>(content.size()));
-    } else {
-        out.push_back(0x82);
-        out.push_back(static_cast<BYTE>(content.size() >> 8));
-        out.push_back(static_cast<BYTE>(content.size()));
-    }
-    out.insert(out.end(), content.begin(), content.end());
-    return out;
-}
+DerBytes Tlv(BYTE tag, const DerBytes& content) { return nvtest::TlvTwoByteLong(tag, content); }
 
 DerBytes Seq(std::initializer_list<DerBytes> items)
 {

@@ -293,8 +293,6 @@ TEST_F(DllRegistrationTest, Regsvr32ReportsFailedUnregistrationWhenNothingIsRegi
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
 // What a successful RegisterServer and UnRegisterServer of the module trace.
 const Lines kRegisterThenUnregister = {
     "> CNVComModule::RegisterServer",

@@ -124,6 +124,22 @@ protected:
         SetString(L"SOFTWARE\\Norvane\\DB\\Data\\Users\\S-1-5-21-7-8-9-1001", L"Name", L"alice", view);
     }
 
+    // Exactly these lines in CBaseConverter::Convert's scope; a failure shows the trace.
+    void ExpectConvertScopeLines(const std::vector<std::string>& lines) const
+    {
+        EXPECT_EQ(lines, trace.LinesInScope("CBaseConverter::Convert")) << trace.Dump();
+    }
+
+    // Convert refused as busy, ran none of the converter's steps and made no backup;
+    // `line` is the caller's.
+    static void ExpectConvertRefusedBusy(TestConverter& converter, int line)
+    {
+        SCOPED_TRACE(testing::Message() << "checked at line " << line);
+        EXPECT_EQ(nvframe::NV_E_CONVERSION_BUSY, converter.Convert());
+        EXPECT_TRUE(converter.calls.empty());
+        EXPECT_FALSE(KeyExists(kBackup10, kView32));
+    }
+
     DWORD m_savedWait = 0;
 };
 
@@ -147,13 +163,11 @@ TEST_F(ConversionLockTest, HeldForTheWholeWaitConvertRollbackAndCleanupFailBusyA
     EXPECT_TRUE(converter.calls.empty());
     EXPECT_EQ("", DiffTrees(db, Snapshot(kDbPath, kView32)));
     EXPECT_EQ("", DiffTrees(backup, Snapshot(kBackup10, kView32)));
-    EXPECT_EQ((std::vector<std::string>{
-                  "U waiting up to 200 ms for another conversion to end",
-                  "U another conversion still holds the database after 200 ms",
-                  "E -2147024726 ",
-              }),
-              trace.LinesInScope("CBaseConverter::Convert"))
-        << trace.Dump();
+    ExpectConvertScopeLines({
+        "U waiting up to 200 ms for another conversion to end",
+        "U another conversion still holds the database after 200 ms",
+        "E -2147024726 ",
+    });
 }
 
 TEST_F(ConversionLockTest, ReleasedWithinTheWaitConvertGoesOn)
@@ -185,9 +199,7 @@ TEST_F(ConversionLockTest, DatabaseChangedWhileWaitingMakesConvertRefuse)
     holder.BeforeRelease([] { SetString(kDbPath, L"Version", L"2.0", kView32); });
     holder.ReleaseAfter(300);
 
-    EXPECT_EQ(nvframe::NV_E_CONVERSION_BUSY, converter.Convert());
-    EXPECT_TRUE(converter.calls.empty());
-    EXPECT_FALSE(KeyExists(kBackup10, kView32));
+    ExpectConvertRefusedBusy(converter, __LINE__);
     RegTree expected = before;
     expected.values[L"|Version"].data = {'2', 0, '.', 0, '0', 0, 0, 0};
     const RegTree after = Snapshot(kDbPath, kView32);
@@ -205,17 +217,13 @@ TEST_F(ConversionLockTest, DatabaseChangedBeforeTheCallMakesConvertRefuseWithout
     CreateKeyPath(L"SOFTWARE\\Norvane\\DB\\MainDB", kView32);
     const RegTree before = Snapshot(kDbPath, kView32);
 
-    EXPECT_EQ(nvframe::NV_E_CONVERSION_BUSY, converter.Convert());
-    EXPECT_TRUE(converter.calls.empty());
-    EXPECT_FALSE(KeyExists(kBackup10, kView32));
+    ExpectConvertRefusedBusy(converter, __LINE__);
     EXPECT_EQ("", DiffTrees(before, Snapshot(kDbPath, kView32)));
-    EXPECT_EQ((std::vector<std::string>{
-                  "U the database changed since this converter last saw it: Version 1.0, no MainDB, now Version "
-                  "1.0, MainDB present",
-                  "E -2147024726 ",
-              }),
-              trace.LinesInScope("CBaseConverter::Convert"))
-        << trace.Dump();
+    ExpectConvertScopeLines({
+        "U the database changed since this converter last saw it: Version 1.0, no MainDB, now Version "
+        "1.0, MainDB present",
+        "E -2147024726 ",
+    });
 }
 
 // What the converter does itself is not another converter's change: a second

@@ -11,12 +11,13 @@
 #include <string>
 #include <vector>
 
+#include "support/computer_name.h"
+#include "support/db_paths.h"
 #include "support/dll_loader.h"
 #include "support/legacy_db_tree.h"
 #include "support/registry_sandbox.h"
+#include "support/sample_databases.h"
 #include "support/trace_capture.h"
-#include "support/db_paths.h"
-#include "support/computer_name.h"
 #include "writer/legacy_writer.h"
 
 using namespace nvtest;
@@ -148,10 +149,7 @@ class Convert10Test : public TraceCaptureTest {};
 
 TEST_F(Convert10Test, GeneratedDatabaseConvertsTo20)
 {
-    nvwriter::DbOptions options;
-    options.users = 60;
-    options.domains = 4;
-    options.seed = 1001;
+    const nvwriter::DbOptions options = WriterOptions(nvwriter::DbFormat::V10, 60, 4, 1001);
     nvwriter::DbRecord written = WriteDb(options);
     const std::vector<std::string> expectedLines = SuccessfulConvertLines(5);
 
@@ -176,9 +174,7 @@ TEST_F(Convert10Test, GeneratedDatabaseConvertsTo20)
 
 TEST_F(Convert10Test, DatabaseWithoutCacheConvertsTheMachineStoreOnly)
 {
-    nvwriter::DbOptions options;
-    options.users = 10;
-    options.domains = 0;
+    const nvwriter::DbOptions options = WriterOptions(nvwriter::DbFormat::V10, 10, 0, 1);
     nvwriter::DbRecord written = WriteDb(options);
     ASSERT_FALSE(KeyExists(DbPath(L"Cache").c_str(), kView32));
     const std::vector<std::string> expectedLines = SuccessfulConvertLines(1);
@@ -253,11 +249,7 @@ TEST_F(Convert10Test, DomainsBAndLowercaseAFailingStoreShowsBIsConvertedBeforeA)
         WipeSuiteKeys();
         trace.Start();
         nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
-        nvwriter::DbOptions options;
-        options.users = 12;
-        options.domainNames = {L"a", L"B"};
-        nvwriter::Prng rng(77);
-        nvwriter::Write10(writer, options, rng);
+        Write10Into(writer, 12, {L"a", L"B"}, 77);
         writer.DeleteKey(L"Cache\\" + std::wstring(missing) + L"\\Users\\Index\\NameIndex");
         writer.Flush();
 
@@ -342,12 +334,8 @@ TEST_F(Convert10Test, MissingMachineNameIndexFailsAndTheRollbackRunsInTheLibrary
 {
     const std::wstring computer = ComputerName();
     nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
-    nvwriter::DbOptions options;
-    options.users = 20;
     // One domain sorts before any NetBIOS name, one after.
-    options.domainNames = {L"0FIRST", L"zlast"};
-    nvwriter::Prng rng(5);
-    nvwriter::Write10(writer, options, rng);
+    Write10Into(writer, 20, {L"0FIRST", L"zlast"}, 5);
     writer.DeleteKey(L"MainDB\\Users\\Index\\NameIndex");
     writer.Flush();
     const nvwriter::DbRecord original = writer.record();
@@ -413,11 +401,7 @@ TEST_F(Convert10Test, MissingMachineNameIndexFailsAndTheRollbackRunsInTheLibrary
 TEST_F(Convert10Test, EmptyValueInANameIndexFailsTheBackupWith80070008AndConvertsNothing)
 {
     nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
-    nvwriter::DbOptions options;
-    options.users = 8;
-    options.domainNames = {L"DOM"};
-    nvwriter::Prng rng(6);
-    nvwriter::Write10(writer, options, rng);
+    Write10Into(writer, 8, {L"DOM"}, 6);
     writer.SetBinary(L"Cache\\DOM\\Users\\Index\\NameIndex", L"empty", {});
     writer.Flush();
     const RegTree before = Snapshot(kDbPath, kView32);
@@ -455,11 +439,7 @@ TEST_F(Convert10Test, EmptyValueInANameIndexFailsTheBackupWith80070008AndConvert
 TEST_F(Convert10Test, MissingPolicyKeysDoNotFailTheConversion)
 {
     nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
-    nvwriter::DbOptions options;
-    options.users = 6;
-    options.domainNames = {L"DOM"};
-    nvwriter::Prng rng(8);
-    nvwriter::Write10(writer, options, rng);
+    Write10Into(writer, 6, {L"DOM"}, 8);
     writer.DeleteKey(L"Data\\Policies");
     writer.Flush();
     const nvwriter::DbRecord written = writer.record();
@@ -510,10 +490,7 @@ TEST_F(Convert10Test, DatabaseIn64BitViewIsDetectedButCannotBeOpenedByCConverter
 
 TEST_F(Convert10Test, FiveThousandUsersInTwentyDomainsConvert)
 {
-    nvwriter::DbOptions options;
-    options.users = 5000;
-    options.domains = 20;
-    options.seed = 5000;
+    const nvwriter::DbOptions options = WriterOptions(nvwriter::DbFormat::V10, 5000, 20, 5000);
     nvwriter::DbRecord written = WriteDb(options);
     ASSERT_EQ(5000u, written.users.size());
     ASSERT_EQ(21u, written.stores.size());

@@ -10,6 +10,8 @@
 #include "converter2/converter2.h"
 #include "support/legacy_db_tree.h"
 #include "support/registry_sandbox.h"
+#include "support/sample_databases.h"
+#include "support/test_converter.h"
 #include "support/trace_capture.h"
 #include "support/db_paths.h"
 #include "support/computer_name.h"
@@ -40,11 +42,7 @@ TEST_F(Converter2Test, BaseIsBuiltForFormat20WithTheDatabaseOpenInThe32BitView)
 {
     SetString(kDbPath, L"Version", L"1.0", kView32);
     CConverter2 converter;
-    EXPECT_EQ(0x00020000u, converter.GetTargetVersion());
-    EXPECT_EQ(L"2.0", converter.GetTargetVersionText());
-    EXPECT_TRUE(converter.HasDatabaseKey());
-    EXPECT_EQ(static_cast<REGSAM>(0x200), converter.GetBackupView());
-    EXPECT_EQ(L"DB-v1.0", converter.GetBackupName());
+    ExpectConverterOpenedFor(converter, 0x00020000u, L"2.0", L"DB-v1.0", static_cast<REGSAM>(0x200));
     // One process-wide string, not a fresh one per call or per converter.
     CConverter2 other;
     EXPECT_EQ(&converter.GetBackupName(), &other.GetBackupName());
@@ -159,10 +157,8 @@ TEST_F(Converter2Test, ConvertNameIndexWithAnEmptyValueDeletesEarlierIdentifiers
     auto empty = std::find(order.begin(), order.end(), L"k3");
     ASSERT_NE(order.end(), empty);
     RegTree expected = Snapshot(kDbPath, kView32);
-    size_t deleted = 0;
-    for (auto it = order.begin(); it != empty; ++it)
-        if (*it != L"k0")
-            deleted += expected.values.erase(L"Cache\\DOM\\Users\\Index\\NameIndex|" + *it);
+    const size_t deleted =
+        EraseValuesNamed(expected, L"Cache\\DOM\\Users\\Index\\NameIndex", order.begin(), empty, L"k0");
     ASSERT_GT(deleted, 0u);
 
     CConverter2 converter;
@@ -214,11 +210,7 @@ TEST_F(Converter2Test, DoConvertStopsAtTheFirstFailingStoreInOrdinalOrder)
 {
     // "B" sorts before "a": with B's index missing, "a" is never reached.
     nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
-    nvwriter::DbOptions options;
-    options.users = 9;
-    options.domainNames = {L"a", L"B"};
-    nvwriter::Prng rng(3);
-    nvwriter::Write10(writer, options, rng);
+    Write10Into(writer, 9, {L"a", L"B"}, 3);
     writer.DeleteKey(L"Cache\\B\\Users\\Index\\NameIndex");
     writer.Flush();
     const std::wstring computer = ComputerName();
@@ -251,11 +243,7 @@ TEST_F(Converter2Test, DoConvertStopsAtTheFirstFailingStoreInOrdinalOrder)
 TEST_F(Converter2Test, MissingPolicyKeysAreNoFailure)
 {
     nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
-    nvwriter::DbOptions options;
-    options.users = 4;
-    options.domainNames = {L"DOM"};
-    nvwriter::Prng rng(4);
-    nvwriter::Write10(writer, options, rng);
+    Write10Into(writer, 4, {L"DOM"}, 4);
     writer.DeleteKey(L"Data\\Policies");
     writer.DeleteKey(L"Cache\\DOM\\Policies");
     writer.Flush();

@@ -33,6 +33,16 @@ uint64_t U64(const BYTE* p, size_t off)
     return v;
 }
 
+// The UNICODE_STRING at `at` in the block at p: Length, MaximumLength and a Buffer
+// that points `buffer` bytes into the block; `line` is the caller's.
+void ExpectUnicodeString(int line, const BYTE* p, size_t at, uint16_t length, uint16_t maximumLength, size_t buffer)
+{
+    SCOPED_TRACE(testing::Message() << "checked at line " << line);
+    EXPECT_EQ(length, U16(p, at));
+    EXPECT_EQ(maximumLength, U16(p, at + 2));
+    EXPECT_EQ(reinterpret_cast<uint64_t>(p + buffer), U64(p, at + 8));
+}
+
 std::vector<BYTE> Bytes(const BYTE* p, size_t cb) { return std::vector<BYTE>(p, p + cb); }
 
 std::vector<BYTE> Utf16WithTerminator(const std::wstring& s)
@@ -55,15 +65,11 @@ TEST(PasswordAuthInfoTest, HeaderAndStringsOfKindZeroWithPasswordTwice)
     EXPECT_EQ(0u, U32(p, 0));
     EXPECT_EQ(0u, U32(p, 4));
 
-    EXPECT_EQ(14u, U16(p, 8));
-    EXPECT_EQ(16u, U16(p, 10));
+    ExpectUnicodeString(__LINE__, p, 8, 14, 16, 40);
     EXPECT_EQ(0u, U32(p, 12));
-    EXPECT_EQ(reinterpret_cast<uint64_t>(p + 40), U64(p, 16));
 
-    EXPECT_EQ(14u, U16(p, 24));
-    EXPECT_EQ(16u, U16(p, 26));
+    ExpectUnicodeString(__LINE__, p, 24, 14, 16, 56);
     EXPECT_EQ(0u, U32(p, 28));
-    EXPECT_EQ(reinterpret_cast<uint64_t>(p + 56), U64(p, 32));
 
     EXPECT_EQ(Utf16WithTerminator(L"Secret1"), Bytes(p + 40, 16));
     EXPECT_EQ(Utf16WithTerminator(L"Secret1"), Bytes(p + 56, 16));
@@ -76,12 +82,8 @@ TEST(PasswordAuthInfoTest, SecondStringFollowsTheFirstMaximumLength)
     ASSERT_EQ(40u + 4u + 18u, info.Size());
     EXPECT_EQ(0x11223344u, U32(p, 0));
     EXPECT_EQ(0u, U32(p, 4));
-    EXPECT_EQ(2u, U16(p, 8));
-    EXPECT_EQ(4u, U16(p, 10));
-    EXPECT_EQ(reinterpret_cast<uint64_t>(p + 40), U64(p, 16));
-    EXPECT_EQ(16u, U16(p, 24));
-    EXPECT_EQ(18u, U16(p, 26));
-    EXPECT_EQ(reinterpret_cast<uint64_t>(p + 44), U64(p, 32));
+    ExpectUnicodeString(__LINE__, p, 8, 2, 4, 40);
+    ExpectUnicodeString(__LINE__, p, 24, 16, 18, 44);
     EXPECT_EQ(Utf16WithTerminator(L"a"), Bytes(p + 40, 4));
     EXPECT_EQ(Utf16WithTerminator(L"long one"), Bytes(p + 44, 18));
 }
@@ -91,12 +93,8 @@ TEST(PasswordAuthInfoTest, EmptyAndNullStringsTakeOnlyTheirTerminator)
     CNVPasswordAuthInfo info(0, L"", nullptr);
     const BYTE* p = info.Data();
     ASSERT_EQ(44u, info.Size());
-    EXPECT_EQ(0u, U16(p, 8));
-    EXPECT_EQ(2u, U16(p, 10));
-    EXPECT_EQ(reinterpret_cast<uint64_t>(p + 40), U64(p, 16));
-    EXPECT_EQ(0u, U16(p, 24));
-    EXPECT_EQ(2u, U16(p, 26));
-    EXPECT_EQ(reinterpret_cast<uint64_t>(p + 42), U64(p, 32));
+    ExpectUnicodeString(__LINE__, p, 8, 0, 2, 40);
+    ExpectUnicodeString(__LINE__, p, 24, 0, 2, 42);
     EXPECT_EQ((std::vector<BYTE>{0, 0, 0, 0}), Bytes(p + 40, 4));
 }
 

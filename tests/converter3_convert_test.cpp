@@ -92,6 +92,27 @@ protected:
             out.push_back({key, byKey[key]});
         return out;
     }
+    // Writes the database; its users in the order the library enumerates them.
+    std::vector<Entry> WriteInEnumerationOrder(const nvwriter::Db20Database& db)
+    {
+        WriteDatabase(db);
+        return InEnumerationOrder(db);
+    }
+    // do_Convert's own lines are exactly these.
+    void ExpectOwnConvertLines(const std::vector<std::string>& expected) const
+    {
+        EXPECT_EQ(expected, OwnLines(trace, "CConverter3::do_Convert"));
+    }
+    // The templates the store holds for the SID at positions `first` and `second`,
+    // which are all it holds.
+    static void ExpectTwoStoredTemplates(const std::wstring& sid, unsigned first, unsigned second,
+                                         DecodedTemplate* atFirst, DecodedTemplate* atSecond)
+    {
+        const auto templates = inspect::ListTemplates(sid);
+        ASSERT_EQ(2u, templates.size());
+        ASSERT_TRUE(DecodeStoredTemplate(templates.at(first), atFirst));
+        ASSERT_TRUE(DecodeStoredTemplate(templates.at(second), atSecond));
+    }
 
     // The lines do_Convert writes for a user that converts, or fails at the point
     // the arguments say.
@@ -190,8 +211,7 @@ TEST_F(Converter3ConvertTest, EveryUserMovesIntoTheStoreAndTheOldDatabaseIsRemov
     // Six users: with and without fingerprints, with and without a password secret,
     // an empty password, PINs, secrets with the older record description.
     nvwriter::Db20Database db = MakeDatabase(6, 11, 1);
-    WriteDatabase(db);
-    const auto order = InEnumerationOrder(db);
+    const auto order = WriteInEnumerationOrder(db);
     ASSERT_EQ(6u, order.size());
     ASSERT_TRUE(StoreRegistered());
 
@@ -267,8 +287,7 @@ TEST_F(Converter3ConvertTest, OneConversionLooksTheStoreClassUpOnceForAllItsUser
 TEST_F(Converter3ConvertTest, OpenUserFailingForOneUserInTheMiddleLeavesItsKeyAndConvertsTheOthers)
 {
     nvwriter::Db20Database db = MakeDatabase(3, 21);
-    WriteDatabase(db);
-    const auto order = InEnumerationOrder(db);
+    const auto order = WriteInEnumerationOrder(db);
     ASSERT_EQ(3u, order.size());
     const nvwriter::Db20User& failing = *order[1].user;
     inspect::SetFailOpenUser({failing.sidText});
@@ -305,8 +324,8 @@ TEST_F(Converter3ConvertTest, UserWithoutSystemLogonInfoIsConvertedWithoutAPassw
 
     EXPECT_EQ(S_OK, ConvertOnce());
 
-    EXPECT_EQ(UserLines(u.sidText, false, true, true, S_OK, ExpectedTemplates(u).empty() ? NTE_NO_KEY : S_OK),
-              OwnLines(trace, "CConverter3::do_Convert"));
+    ExpectOwnConvertLines(
+        UserLines(u.sidText, false, true, true, S_OK, ExpectedTemplates(u).empty() ? NTE_NO_KEY : S_OK));
     EXPECT_EQ(0u, trace.Count("U Read password secret from old DB"));
     ExpectUserConverted(u); // every secret under its own name, the empty password enrolled
     EXPECT_EQ(0u, inspect::ListSecrets(u.sidText).count(L"SystemLogonInfo"));
@@ -408,8 +427,7 @@ TEST_F(Converter3ConvertTest, NoUserPropertiesLeavesThePublicKeyEmptyAndFailsThe
 
     EXPECT_EQ(S_OK, ConvertOnce());
 
-    EXPECT_EQ(UserLines(u.sidText, HasLogonSecret(u), false, false, S_OK, E_UNEXPECTED),
-              OwnLines(trace, "CConverter3::do_Convert"));
+    ExpectOwnConvertLines(UserLines(u.sidText, HasLogonSecret(u), false, false, S_OK, E_UNEXPECTED));
     EXPECT_EQ("", DiffTrees(key, Snapshot(UserKeyPath(u.guid).c_str(), kView32)));
 }
 
@@ -423,13 +441,9 @@ TEST_F(Converter3ConvertTest, TemplateMask5WithTwoTemplatesStoresThemAtPositions
 
     EXPECT_EQ(S_OK, ConvertOnce());
 
-    EXPECT_EQ(UserLines(u.sidText, HasLogonSecret(u), true, true, S_OK, S_OK),
-              OwnLines(trace, "CConverter3::do_Convert"));
-    const auto templates = inspect::ListTemplates(u.sidText);
-    ASSERT_EQ(2u, templates.size());
+    ExpectOwnConvertLines(UserLines(u.sidText, HasLogonSecret(u), true, true, S_OK, S_OK));
     DecodedTemplate at0, at2;
-    ASSERT_TRUE(DecodeStoredTemplate(templates.at(0), &at0));
-    ASSERT_TRUE(DecodeStoredTemplate(templates.at(2), &at2));
+    ASSERT_NO_FATAL_FAILURE(ExpectTwoStoredTemplates(u.sidText, 0, 2, &at0, &at2));
     EXPECT_EQ(std::vector<BYTE>(40 + 0xA1 % 16, 0xA1), at0.data);
     // The reader takes a signed number's bytes without sign extension: -3 is 253.
     EXPECT_EQ(253, at0.headerValue);
@@ -454,15 +468,11 @@ TEST_F(Converter3ConvertTest, TemplateMask7WithTwoTemplatesFailsTheUserAfterTwoP
 
     EXPECT_EQ(S_OK, ConvertOnce());
 
-    EXPECT_EQ(UserLines(u.sidText, HasLogonSecret(u), true, false, S_OK, E_UNEXPECTED),
-              OwnLines(trace, "CConverter3::do_Convert"));
+    ExpectOwnConvertLines(UserLines(u.sidText, HasLogonSecret(u), true, false, S_OK, E_UNEXPECTED));
     // The k-th set bit took the k-th template: positions 0 and 1 hold the first
     // entry's two templates, and the third bit found none.
-    const auto templates = inspect::ListTemplates(u.sidText);
-    ASSERT_EQ(2u, templates.size());
     DecodedTemplate at0, at1;
-    ASSERT_TRUE(DecodeStoredTemplate(templates.at(0), &at0));
-    ASSERT_TRUE(DecodeStoredTemplate(templates.at(1), &at1));
+    ASSERT_NO_FATAL_FAILURE(ExpectTwoStoredTemplates(u.sidText, 0, 1, &at0, &at1));
     EXPECT_EQ(std::vector<BYTE>(40 + 0xA1 % 16, 0xA1), at0.data);
     EXPECT_EQ(std::vector<BYTE>(40 + 0xB2 % 16, 0xB2), at1.data);
     EXPECT_EQ(2u, at1.flags); // written for position 2, stored at 1
@@ -484,8 +494,7 @@ TEST_F(Converter3ConvertTest, FailingPutTemplateIsTheUsersStatusAndKeepsItsKey)
 
     EXPECT_EQ(S_OK, ConvertOnce());
 
-    EXPECT_EQ(UserLines(u.sidText, HasLogonSecret(u), true, false, S_OK, kStorePutFailure),
-              OwnLines(trace, "CConverter3::do_Convert"));
+    ExpectOwnConvertLines(UserLines(u.sidText, HasLogonSecret(u), true, false, S_OK, kStorePutFailure));
     const auto templates = inspect::ListTemplates(u.sidText);
     EXPECT_EQ(2u, templates.size());
     EXPECT_EQ(1u, templates.count(0));
@@ -509,8 +518,8 @@ TEST_F(Converter3ConvertTest, DifferentlyCasedSystemLogonInfoIsNotThePasswordSec
 
     EXPECT_EQ(S_OK, ConvertOnce());
 
-    EXPECT_EQ(UserLines(u.sidText, false, true, true, S_OK, ExpectedTemplates(u).empty() ? NTE_NO_KEY : S_OK),
-              OwnLines(trace, "CConverter3::do_Convert"));
+    ExpectOwnConvertLines(
+        UserLines(u.sidText, false, true, true, S_OK, ExpectedTemplates(u).empty() ? NTE_NO_KEY : S_OK));
     // Stored under its own name with its old content, not repacked; no password.
     const auto secrets = inspect::ListSecrets(u.sidText);
     ASSERT_EQ(1u, secrets.count(L"systemlogoninfo"));
@@ -641,8 +650,7 @@ TEST_F(Converter3ConvertTest, LogonInfoNamePolicyChangedAfterTheFirstConversionI
 TEST_F(Converter3ConvertTest, FailingDeleteKeyIsTracedAndLeavesTheUserCountedAsConverted)
 {
     nvwriter::Db20Database db = MakeDatabase(2, 101);
-    WriteDatabase(db);
-    const auto order = InEnumerationOrder(db);
+    const auto order = WriteInEnumerationOrder(db);
     ASSERT_EQ(2u, order.size());
     const nvwriter::Db20User& locked = *order[0].user;
     ASSERT_FALSE(ExpectedTemplates(locked).empty());
@@ -670,14 +678,8 @@ TEST_F(Converter3ConvertTest, FailingDeleteKeyIsTracedAndLeavesTheUserCountedAsC
 
 TEST_F(Converter3ConvertTest, UserKeyWithoutARecordFailsWithEUnexpectedUnderAnEmptyNameAndTheOthersConvert)
 {
-    nvwriter::Db20Options options;
-    options.seed = 111;
-    options.userCount = 3;
-    options.domainCount = 0;
-    options.defects = {{1, nvwriter::Db20Defect::StringDefaultValue}};
-    nvwriter::Db20Database db = nvwriter::MakeDb20Database(options);
-    WriteDatabase(db);
-    const auto order = InEnumerationOrder(db);
+    nvwriter::Db20Database db = MakeDatabase(3, 111, 0, {{1, nvwriter::Db20Defect::StringDefaultValue}});
+    const auto order = WriteInEnumerationOrder(db);
     const nvwriter::Db20User& broken = db.users[1];
     const RegTree brokenKey = Snapshot(UserKeyPath(broken.guid).c_str(), kView32);
 
@@ -700,12 +702,7 @@ TEST_F(Converter3ConvertTest, UserKeyWithoutARecordFailsWithEUnexpectedUnderAnEm
 
 TEST_F(Converter3ConvertTest, CorruptSealStopsTheWholeConversionAndConvertRollsBack)
 {
-    nvwriter::Db20Options options;
-    options.seed = 121;
-    options.userCount = 3;
-    options.domainCount = 0;
-    options.defects = {{2, nvwriter::Db20Defect::WrongMagic}};
-    nvwriter::Db20Database db = nvwriter::MakeDb20Database(options);
+    nvwriter::Db20Database db = MakeDatabase(3, 121, 0, {{2, nvwriter::Db20Defect::WrongMagic}});
     WriteDatabase(db);
     RegTree expectedDb = Snapshot(kDbPath, kView32);
 
@@ -733,8 +730,7 @@ TEST_F(Converter3ConvertTest, CorruptSealStopsTheWholeConversionAndConvertRollsB
 TEST_F(Converter3ConvertTest, CleanupRemovesTheOldDatabaseOnlyOnceTheLastUserIsConverted)
 {
     nvwriter::Db20Database db = MakeDatabase(3, 131);
-    WriteDatabase(db);
-    const auto order = InEnumerationOrder(db);
+    const auto order = WriteInEnumerationOrder(db);
     const nvwriter::Db20User& late = *order[2].user;
     inspect::SetFailOpenUser({late.sidText});
 

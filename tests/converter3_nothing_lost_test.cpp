@@ -17,6 +17,7 @@
 #include "nvstore_inspect.h"
 #include "support/conversion_fixture.h"
 #include "support/dll_loader.h"
+#include "support/drawn_records.h"
 #include "support/registry_sandbox.h"
 #include "support/test_results.h"
 
@@ -86,18 +87,7 @@ const wchar_t* const kSecretNames[] = {L"Domain Password", L"Mail Account", L"VP
 void GiveFiveSecrets(nvwriter::Db20User& u, Generator& gen)
 {
     u.secrets.clear();
-    nvwriter::Db20Secret logon;
-    logon.valueName = logon.name = nvwriter::kDb20LogonInfoSecret;
-    logon.headerGuid = gen.Guid();
-    logon.guid = gen.Guid();
-    logon.combined = true;
-    logon.combinedVersion = 1 + gen.Below(9);
-    logon.hasPassword = true;
-    logon.password = gen.Chars(8 + gen.Below(13), L"abcdefghijkmnopqrstuvwxyzABCDEFGHJKLMNPQRSTUVWXYZ23456789!#%+-_");
-    logon.hasPin = true;
-    logon.pin = gen.Chars(11 + gen.Below(4), L"0123456789");
-    logon.content = nvwriter::EncodeDb20CombinedSecret(logon);
-    u.secrets.push_back(logon);
+    u.secrets.push_back(DrawLogonSecret(gen, 9, 8, 13));
     for (unsigned s = 0; s < 4; ++s) {
         nvwriter::Db20Secret plain;
         plain.valueName = plain.name = kSecretNames[s];
@@ -125,20 +115,7 @@ void GiveTemplates(nvwriter::Db20User& u, unsigned index, Generator& gen)
         entry.mask |= 0x80000000u;
     while (static_cast<unsigned>(__builtin_popcount(entry.mask)) < count)
         entry.mask |= 1u << gen.Below(31);
-    for (unsigned bit = 0; bit < 32; ++bit) {
-        if (!(entry.mask & (1u << bit)))
-            continue;
-        nvwriter::Db20Template t;
-        t.position = bit;
-        t.format = 1 + gen.Below(2);
-        t.flags = gen.Below(4);
-        t.type = gen.Guid();
-        t.owner = gen.Guid();
-        t.data = gen.Bytes(64 + gen.Below(400));
-        t.size = static_cast<DWORD>(t.data.size());
-        t.headerValue = static_cast<LONG>(gen.Below(101));
-        entry.templates.push_back(std::move(t));
-    }
+    entry.templates = DrawTemplates(gen, entry.mask, 64, 400);
     u.credentials = others;
     u.credentials.insert(u.credentials.begin() + gen.Below(static_cast<unsigned>(others.size() + 1)), entry);
 }

@@ -11,6 +11,7 @@
 #include "frame/baseconverter.h"
 #include "support/conversion_fixture.h"
 #include "support/registry_sandbox.h"
+#include "support/test_converter.h"
 #include "support/trace_capture.h"
 
 using namespace nvtest;
@@ -63,11 +64,7 @@ TEST_F(Converter3Test, ConstructionTargetsVersion30InThe32BitViewWithBackupDB20I
 {
     SetString(kDbPath, L"Version", L"2.0", kView32);
     CConverter3 converter;
-    EXPECT_EQ(0x00030000u, converter.GetTargetVersion());
-    EXPECT_EQ(L"3.0", converter.GetTargetVersionText());
-    EXPECT_TRUE(converter.HasDatabaseKey());
-    EXPECT_EQ(L"DB-v2.0", converter.GetBackupName());
-    EXPECT_EQ(0u, converter.GetBackupView());
+    ExpectConverterOpenedFor(converter, 0x00030000u, L"3.0", L"DB-v2.0", 0u);
     EXPECT_EQ((std::vector<std::string>{"> CBaseConverter::CBaseConverter", "<"}), trace.Lines());
     EXPECT_EQ(&converter.GetBackupName(), &CConverter3().GetBackupName()); // one process-wide string
 }

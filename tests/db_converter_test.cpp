@@ -12,6 +12,7 @@
 #include "converter3/converter3.h"
 #include "com/converterfactory.h"
 #include "com/dbconverter.h"
+#include "support/legacy_db_tree.h"
 #include "support/registry_sandbox.h"
 #include "support/test_converter.h"
 #include "support/trace_capture.h"
@@ -196,8 +197,7 @@ Detected Detect()
 
 TEST_F(DBConverterTest, VersionInOwnViewIsReadFirst)
 {
-    SetString(kDbPath, L"Version", L"2.0", kView64);
-    SetString(kDbPath, L"Version", L"1.0", kView32);
+    SetVersionInBothViews(L"2.0", L"1.0");
     Detected d = Detect();
     EXPECT_EQ(S_OK, d.hr);
     EXPECT_EQ(0x00020000u, d.version);
@@ -386,8 +386,6 @@ TEST_F(DBConverterTest, GetDBVersionWithOneNullPointerIsInvalidArgAndWritesNothi
 namespace {
 
 class DBConverterTraceTest : public TraceCaptureTest {};
-
-using Lines = std::vector<std::string>;
 
 } // namespace
 

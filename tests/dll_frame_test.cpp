@@ -8,6 +8,7 @@
 
 #include "common/procaddress.h"
 #include "support/dll_loader.h"
+#include "support/legacy_db_tree.h"
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
 #include "support/db_paths.h"
@@ -29,12 +30,31 @@ protected:
         DWORD current;
         DWORD target;
     };
-    static Versions Load()
+    static Versions Query(LoadedLibrary& dll)
     {
-        LoadedLibrary dll;
         Versions v{E_NOTIMPL, kSentinel, kSentinel};
         v.hr = dll.GetDBVersion(&v.current, &v.target);
         return v;
+    }
+    static Versions Load()
+    {
+        LoadedLibrary dll;
+        return Query(dll);
+    }
+    // The library's GetDBVersion answers S_OK with these versions; `line` is the caller's.
+    static void ExpectDBVersion(int line, LoadedLibrary& dll, DWORD current, DWORD target)
+    {
+        SCOPED_TRACE(testing::Message() << "checked at line " << line);
+        const Versions v = Query(dll);
+        EXPECT_EQ(S_OK, v.hr);
+        EXPECT_EQ(current, v.current);
+        EXPECT_EQ(target, v.target);
+    }
+    // The same of a fresh load.
+    static void ExpectLoadAnswers(int line, DWORD current, DWORD target)
+    {
+        LoadedLibrary dll;
+        ExpectDBVersion(line, dll, current, target);
     }
 };
 
@@ -69,10 +89,7 @@ TEST_F(DllFrameTest, WithoutDatabaseTheActionsFailAndVersionsAreZero)
 {
     LoadedLibrary dll;
     ASSERT_TRUE(dll.loaded());
-    DWORD current = kSentinel, target = kSentinel;
-    EXPECT_EQ(S_OK, dll.GetDBVersion(&current, &target));
-    EXPECT_EQ(0u, current);
-    EXPECT_EQ(0u, target);
+    ExpectDBVersion(__LINE__, dll, 0u, 0u);
     EXPECT_EQ(E_FAIL, dll.Convert());
     EXPECT_EQ(E_FAIL, dll.Rollback());
     EXPECT_EQ(E_FAIL, dll.Cleanup());
@@ -90,10 +107,7 @@ TEST_F(DllFrameTest, Version10In32BitViewOnlyIsDetectedAndConvertedByCConverter2
 
     {
         LoadedLibrary dll;
-        DWORD current = kSentinel, target = kSentinel;
-        EXPECT_EQ(S_OK, dll.GetDBVersion(&current, &target));
-        EXPECT_EQ(0x00010000u, current);
-        EXPECT_EQ(0x00020000u, target);
+        ExpectDBVersion(__LINE__, dll, 0x00010000u, 0x00020000u);
         EXPECT_EQ(S_OK, dll.Convert());
         // The backup is gone, so a later Rollback or Cleanup has nothing to do.
         EXPECT_EQ(S_FALSE, dll.Rollback());
@@ -151,13 +165,9 @@ TEST_F(DllFrameTest, RollbackInALaterProcessCannotReachThe32BitDatabase)
 
 TEST_F(DllFrameTest, VersionInOwnViewWinsOverThe32BitView)
 {
-    SetString(kDbPath, L"Version", L"2.0", kView64);
-    SetString(kDbPath, L"Version", L"1.0", kView32);
-    Versions v = Load();
-    EXPECT_EQ(S_OK, v.hr);
-    EXPECT_EQ(0x00020000u, v.current);
+    SetVersionInBothViews(L"2.0", L"1.0");
     // The 2.0 found in the library's own view chooses CConverter3.
-    EXPECT_EQ(0x00030000u, v.target);
+    ExpectLoadAnswers(__LINE__, 0x00020000u, 0x00030000u);
 }
 
 TEST_F(DllFrameTest, Version30GetsCConverter3OnlyWhileMainDBStillOpens)
@@ -166,18 +176,12 @@ TEST_F(DllFrameTest, Version30GetsCConverter3OnlyWhileMainDBStillOpens)
     CreateKeyPath(kMainDbPath, kView32);
     {
         LoadedLibrary dll;
-        DWORD current = kSentinel, target = kSentinel;
-        EXPECT_EQ(S_OK, dll.GetDBVersion(&current, &target));
-        EXPECT_EQ(0x00030000u, current);
-        EXPECT_EQ(0x00030000u, target);
+        ExpectDBVersion(__LINE__, dll, 0x00030000u, 0x00030000u);
     }
     DeleteTree(kMainDbPath, kView32);
     {
         LoadedLibrary dll;
-        DWORD current = kSentinel, target = kSentinel;
-        EXPECT_EQ(S_OK, dll.GetDBVersion(&current, &target));
-        EXPECT_EQ(0x00030000u, current);
-        EXPECT_EQ(0u, target);
+        ExpectDBVersion(__LINE__, dll, 0x00030000u, 0u);
         EXPECT_EQ(E_FAIL, dll.Convert());
     }
 }
@@ -200,20 +204,15 @@ TEST_F(DllFrameTest, VersionTextsAndTypesFollowTheReaderAndParseRules)
     for (const Case& c : cases) {
         WipeSuiteKeys();
         SetString(kDbPath, L"Version", c.text, kView32, c.type);
-        Versions v = Load();
-        EXPECT_EQ(S_OK, v.hr) << c.what;
-        EXPECT_EQ(c.version, v.current) << c.what;
-        EXPECT_EQ(c.target, v.target) << c.what;
+        SCOPED_TRACE(c.what);
+        ExpectLoadAnswers(__LINE__, c.version, c.target);
     }
 }
 
 TEST_F(DllFrameTest, DwordVersionIsRefusedByTheReader)
 {
     SetDword(kDbPath, L"Version", 0x00010000, kView32);
-    Versions v = Load();
-    EXPECT_EQ(S_OK, v.hr);
-    EXPECT_EQ(0u, v.current);
-    EXPECT_EQ(0u, v.target);
+    ExpectLoadAnswers(__LINE__, 0u, 0u);
 }
 
 TEST_F(DllFrameTest, GetDBVersionWithOneNullPointerIsInvalidArgAndLeavesTheOtherAlone)
@@ -241,8 +240,6 @@ TEST_F(DllFrameTest, EveryLoadDetectsTheVersionAfresh)
 // Trace
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 class DllFrameTraceTest : public TraceCaptureTest {};
 

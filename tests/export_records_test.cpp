@@ -13,6 +13,7 @@
 #include "support/key_containers.h"
 #include "support/registry_sandbox.h"
 #include "support/signed_records.h"
+#include "support/store_der.h"
 #include "support/trace_capture.h"
 #include "trace/trace.h"
 #include "writer/host_provisioning.h"
@@ -99,16 +100,7 @@ std::vector<BYTE> SequenceOf(std::initializer_list<std::vector<BYTE>> items)
     std::vector<BYTE> content;
     for (const auto& item : items)
         content.insert(content.end(), item.begin(), item.end());
-    std::vector<BYTE> out{0x30};
-    if (content.size() < 0x80) {
-        out.push_back(static_cast<BYTE>(content.size()));
-    } else {
-        out.push_back(0x82);
-        out.push_back(static_cast<BYTE>(content.size() >> 8));
-        out.push_back(static_cast<BYTE>(content.size()));
-    }
-    out.insert(out.end(), content.begin(), content.end());
-    return out;
+    return TlvTwoByteLong(0x30, content);
 }
 
 struct ImportResult {
@@ -118,6 +110,26 @@ struct ImportResult {
     GUID target = kSentinelGuid;
     GUID source = kSentinelGuid;
 };
+
+// Import succeeded with an empty blob and neither identifier; `line` is the caller's.
+void ExpectImportedNothing(int line, const ImportResult& r)
+{
+    SCOPED_TRACE(testing::Message() << "checked at line " << line);
+    EXPECT_EQ(S_OK, r.hr);
+    EXPECT_TRUE(r.dataEmpty);
+    EXPECT_GUID_EQ(kZeroGuid, r.target);
+    EXPECT_GUID_EQ(kZeroGuid, r.source);
+}
+
+// Import succeeded with that data and neither identifier; `line` is the caller's.
+void ExpectImportedWithoutIds(int line, const std::vector<BYTE>& data, const ImportResult& r)
+{
+    SCOPED_TRACE(testing::Message() << "checked at line " << line);
+    EXPECT_EQ(S_OK, r.hr);
+    EXPECT_EQ(data, r.data);
+    EXPECT_GUID_EQ(kZeroGuid, r.target);
+    EXPECT_GUID_EQ(kZeroGuid, r.source);
+}
 
 } // namespace
 
@@ -251,10 +263,7 @@ TEST_F(ExportRecordsTest, RoundTripOfEmptyDataGivesAnEmptyBlob)
     ASSERT_GE(record.size(), 8u);
     EXPECT_EQ((std::vector<BYTE>{0x04, 0x00}), std::vector<BYTE>(record.begin() + 6, record.begin() + 8));
     const ImportResult r = ImportAll(record);
-    EXPECT_EQ(S_OK, r.hr);
-    EXPECT_TRUE(r.dataEmpty);
-    EXPECT_GUID_EQ(kZeroGuid, r.target);
-    EXPECT_GUID_EQ(kZeroGuid, r.source);
+    ExpectImportedNothing(__LINE__, r);
 }
 
 TEST_F(ExportRecordsTest, IdentifierBytesThatHappenToBeDerGoIntoTheRecordAsDecoded)
@@ -278,11 +287,24 @@ TEST_F(ExportRecordsTest, IdentifierBytesThatHappenToBeDerGoIntoTheRecordAsDecod
               items[2]);
 
     const ImportResult r = ImportAll(record);
-    EXPECT_EQ(S_OK, r.hr);
-    EXPECT_EQ((std::vector<BYTE>{0x42}), r.data);
-    EXPECT_GUID_EQ(kZeroGuid, r.target);
-    EXPECT_GUID_EQ(kZeroGuid, r.source);
+    ExpectImportedWithoutIds(__LINE__, std::vector<BYTE>{0x42}, r);
 }
+
+namespace {
+
+// The HostId value in that view is a new random identifier: 16 bytes, not all zero,
+// of version 4.
+void ExpectNewHostId(REGSAM view)
+{
+    RegValue value;
+    ASSERT_TRUE(GetValue(kHostKey, L"HostId", view, &value));
+    EXPECT_EQ(DWORD(REG_BINARY), value.type);
+    ASSERT_EQ(16u, value.data.size());
+    EXPECT_NE(std::vector<BYTE>(16, 0), value.data);
+    EXPECT_EQ(0x40, value.data[6] & 0xF0);
+}
+
+} // namespace
 
 TEST_F(ExportRecordsTest, ExportReadsHostIdInTheGivenViewAndReplacesAMissingOne)
 {
@@ -291,12 +313,7 @@ TEST_F(ExportRecordsTest, ExportReadsHostIdInTheGivenViewAndReplacesAMissingOne)
     const std::vector<BYTE> record = ExportOk({0x01}, kOtherHostId, kView64);
     EXPECT_EQ(304u, record.size());
 
-    RegValue value;
-    ASSERT_TRUE(GetValue(kHostKey, L"HostId", kView64, &value));
-    EXPECT_EQ(DWORD(REG_BINARY), value.type);
-    ASSERT_EQ(16u, value.data.size());
-    EXPECT_NE(std::vector<BYTE>(16, 0), value.data);
-    EXPECT_EQ(0x40, value.data[6] & 0xF0);
+    ASSERT_NO_FATAL_FAILURE(ExpectNewHostId(kView64));
     EXPECT_EQ("", DiffTrees(before32, Snapshot(kHostKey, kView32)));
     // Signed by the context's key all the same.
     CRYPT_DATA_BLOB in = BlobOf(record);
@@ -307,12 +324,7 @@ TEST_F(ExportRecordsTest, ExportReplacesAnAllZeroHostId)
 {
     SetBinary(kHostKey, L"HostId", std::vector<BYTE>(16, 0), kView32);
     ExportOk({0x01});
-    RegValue value;
-    ASSERT_TRUE(GetValue(kHostKey, L"HostId", kView32, &value));
-    EXPECT_EQ(DWORD(REG_BINARY), value.type);
-    ASSERT_EQ(16u, value.data.size());
-    EXPECT_NE(std::vector<BYTE>(16, 0), value.data);
-    EXPECT_EQ(0x40, value.data[6] & 0xF0);
+    ASSERT_NO_FATAL_FAILURE(ExpectNewHostId(kView32));
 }
 
 TEST_F(ExportRecordsTest, ExportWithoutProviderFailsWithTheSignaturesErrorAndAnEmptyBlob)
@@ -400,19 +412,13 @@ TEST_F(ExportRecordsTest, ImportOfTheLegacyWritersRecordWithEmptyIdentifiers)
     nvwriter::ExportRecordItems items;
     items.data = {0x30, 0x03, 0x02, 0x01, 0x07};
     const ImportResult r = ImportAll(nvwriter::MakeExportRecord(m_ctx.Provider(), items));
-    EXPECT_EQ(S_OK, r.hr);
-    EXPECT_EQ(items.data, r.data);
-    EXPECT_GUID_EQ(kZeroGuid, r.target);
-    EXPECT_GUID_EQ(kZeroGuid, r.source);
+    ExpectImportedWithoutIds(__LINE__, items.data, r);
 }
 
 TEST_F(ExportRecordsTest, ImportOfOneItemYieldsTheDataAndZeroGuids)
 {
     const ImportResult r = ImportAll(Record({nvwriter::EncodeOctetString({0xCA, 0xFE})}));
-    EXPECT_EQ(S_OK, r.hr);
-    EXPECT_EQ((std::vector<BYTE>{0xCA, 0xFE}), r.data);
-    EXPECT_GUID_EQ(kZeroGuid, r.target);
-    EXPECT_GUID_EQ(kZeroGuid, r.source);
+    ExpectImportedWithoutIds(__LINE__, std::vector<BYTE>{0xCA, 0xFE}, r);
 }
 
 TEST_F(ExportRecordsTest, ImportOfTwoItemsYieldsTheSourceAndAZeroTarget)
@@ -439,10 +445,7 @@ TEST_F(ExportRecordsTest, ImportOfThreeItemsYieldsBothIdentifiers)
 TEST_F(ExportRecordsTest, ImportOfAnEmptyListYieldsNothing)
 {
     const ImportResult r = ImportAll(Record({}));
-    EXPECT_EQ(S_OK, r.hr);
-    EXPECT_TRUE(r.dataEmpty);
-    EXPECT_GUID_EQ(kZeroGuid, r.target);
-    EXPECT_GUID_EQ(kZeroGuid, r.source);
+    ExpectImportedNothing(__LINE__, r);
 }
 
 TEST_F(ExportRecordsTest, IdentifierBitStringsOf15And17BytesYieldZeroGuids)
@@ -455,10 +458,7 @@ TEST_F(ExportRecordsTest, IdentifierBitStringsOf15And17BytesYieldZeroGuids)
 
     ImportResult r = ImportAll(
         Record({data, nvwriter::EncodeBitString(fifteen), nvwriter::EncodeBitString(seventeen), time}));
-    EXPECT_EQ(S_OK, r.hr);
-    EXPECT_EQ((std::vector<BYTE>{0x05}), r.data);
-    EXPECT_GUID_EQ(kZeroGuid, r.target);
-    EXPECT_GUID_EQ(kZeroGuid, r.source);
+    ExpectImportedWithoutIds(__LINE__, std::vector<BYTE>{0x05}, r);
 
     r = ImportAll(Record({data, nvwriter::EncodeBitString(seventeen), nvwriter::EncodeBitString(fifteen), time}));
     EXPECT_GUID_EQ(kZeroGuid, r.target);
@@ -482,10 +482,7 @@ TEST_F(ExportRecordsTest, IdentifierBitStringsWithoutAnyByteYieldZeroGuidsWithou
         ApiFaults faults;
         const ImportResult r = ImportAll(record);
         EXPECT_EQ(0u, faults.DecodeCalls(X509_BITS));
-        EXPECT_EQ(S_OK, r.hr);
-        EXPECT_EQ((std::vector<BYTE>{0x05}), r.data);
-        EXPECT_GUID_EQ(kZeroGuid, r.target);
-        EXPECT_GUID_EQ(kZeroGuid, r.source);
+        ExpectImportedWithoutIds(__LINE__, std::vector<BYTE>{0x05}, r);
     }
     // The other identifier of the record is still read.
     ApiFaults faults;
@@ -503,10 +500,7 @@ TEST_F(ExportRecordsTest, ARecordWhoseSignatureHasNoByteImportsAsNothingAndDoesN
     ApiFaults faults;
     const ImportResult r = ImportAll(record);
     EXPECT_EQ(0u, faults.DecodeCalls(X509_CERT));
-    EXPECT_EQ(S_OK, r.hr);
-    EXPECT_TRUE(r.dataEmpty);
-    EXPECT_GUID_EQ(kZeroGuid, r.target);
-    EXPECT_GUID_EQ(kZeroGuid, r.source);
+    ExpectImportedNothing(__LINE__, r);
     CRYPT_DATA_BLOB in = BlobOf(record);
     EXPECT_EQ(S_FALSE, m_ctx.Verify(&in, nullptr));
 }
@@ -555,10 +549,7 @@ TEST_F(ExportRecordsTest, SignedContentThatIsNoSequenceYieldsNothing)
     TaskBlob signedBlob;
     ASSERT_EQ(S_OK, m_ctx.SignBLOB(&in, &signedBlob, m_ctx.Provider(), AT_KEYEXCHANGE, nullptr));
     const ImportResult r = ImportAll(BlobBytes(signedBlob));
-    EXPECT_EQ(S_OK, r.hr);
-    EXPECT_TRUE(r.dataEmpty);
-    EXPECT_GUID_EQ(kZeroGuid, r.target);
-    EXPECT_GUID_EQ(kZeroGuid, r.source);
+    ExpectImportedNothing(__LINE__, r);
 }
 
 TEST_F(ExportRecordsTest, ImportChecksNoSignature)
@@ -605,10 +596,7 @@ TEST_F(ExportRecordsTest, TruncatedRecordImportsAsNothing)
     std::vector<BYTE> record = ExportOk({0x01, 0x02});
     record.pop_back();
     const ImportResult r = ImportAll(record);
-    EXPECT_EQ(S_OK, r.hr);
-    EXPECT_TRUE(r.dataEmpty);
-    EXPECT_GUID_EQ(kZeroGuid, r.target);
-    EXPECT_GUID_EQ(kZeroGuid, r.source);
+    ExpectImportedNothing(__LINE__, r);
 }
 
 TEST_F(ExportRecordsTest, EmptyOrMissingRecordImportsAsNothing)

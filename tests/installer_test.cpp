@@ -56,25 +56,39 @@ InstallerRun RunInstaller()
     return run;
 }
 
+// The same run, which must exit with `exitCode` (a failure shows the log).
+InstallerRun RunInstallerExpecting(DWORD exitCode)
+{
+    InstallerRun run = RunInstaller();
+    EXPECT_EQ(exitCode, run.exitCode) << Joined(run.log);
+    return run;
+}
+
 // The installer's thread is a COM apartment already (NSIS initialises OLE), so the
 // script's own CoInitializeEx answers S_FALSE and is balanced all the same.
 const char kComLine[] = "CoInitializeEx = 0x00000001";
 
+// The log of a run that found the database converted already and called nothing.
+std::vector<std::string> AlreadyConvertedLog()
+{
+    return {kComLine, "layout = 3.0 (no Data and no MainDB under HKLM\\SOFTWARE\\Norvane\\DB)",
+            "outcome = already converted"};
+}
+
+// The database key stays, its per-user data and MainDB do not; `line` is the caller's.
+void ExpectOnlyTheOldUserDataGone(int line)
+{
+    SCOPED_TRACE(testing::Message() << "checked at line " << line);
+    EXPECT_TRUE(KeyExists(kDbPath, kView32));
+    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Data", kView32));
+    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\MainDB", kView32));
+}
 
 // Everything the suite keeps, both views. The installer writes the policy value on
 // every run; a test that compares sets it first.
 nvwriter::Db20Database Write20(ContainerJanitor& containers, unsigned users)
 {
     return WriteTracked20(containers, users, 41);
-}
-
-std::vector<std::wstring> SortedSids(const nvwriter::Db20Database& db)
-{
-    std::vector<std::wstring> sids;
-    for (const auto& user : db.users)
-        sids.push_back(user.sidText);
-    std::sort(sids.begin(), sids.end());
-    return sids;
 }
 
 // The lines of one step that converts, Cleanup finding nothing left to remove.
@@ -124,24 +138,21 @@ TEST_F(InstallerStoreTest, A10DatabaseReaches30InOneRun)
     nvwriter::Db20Database db20;
     ASSERT_EQ(S_OK, Write10With20Records(containers, 4, 4, false, &db20));
 
-    const InstallerRun run = RunInstaller();
-    EXPECT_EQ(0u, run.exitCode) << Joined(run.log);
+    const InstallerRun run = RunInstallerExpecting(0);
     EXPECT_EQ(Concat({{kComLine},
                       StepLines(1, "0x00010000", "0x00020000", "converted 1.0 -> 2.0"),
                       StepLines(2, "0x00020000", "0x00030000", "converted 2.0 -> 3.0, users in the store: 4 of 4"),
                       {"outcome = converted 1.0 -> 2.0 -> 3.0"}}),
               run.log);
 
-    EXPECT_TRUE(KeyExists(kDbPath, kView32));
-    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Data", kView32));
-    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\MainDB", kView32));
+    ExpectOnlyTheOldUserDataGone(__LINE__);
     for (const wchar_t* backup : {kBackup10, kBackup20Path}) {
         EXPECT_FALSE(KeyExists(backup, kView32));
         EXPECT_FALSE(KeyExists(backup, kView64));
     }
     RegValue backupValue;
     EXPECT_FALSE(GetValue(kDbPath, L"Backup", kView32, &backupValue));
-    EXPECT_EQ(SortedSids(db20), nvstore::inspect::ListUsers());
+    EXPECT_EQ(SortedUserSids(db20), nvstore::inspect::ListUsers());
 }
 
 TEST_F(InstallerStoreTest, Converts20DatabaseIntoTheStoreThenCleansUp)
@@ -149,8 +160,7 @@ TEST_F(InstallerStoreTest, Converts20DatabaseIntoTheStoreThenCleansUp)
     ContainerJanitor containers;
     const nvwriter::Db20Database db = Write20(containers, 4);
 
-    const InstallerRun run = RunInstaller();
-    EXPECT_EQ(0u, run.exitCode) << Joined(run.log);
+    const InstallerRun run = RunInstallerExpecting(0);
     EXPECT_EQ(Concat({{kComLine},
                       StepLines(1, "0x00020000", "0x00030000", "converted 2.0 -> 3.0, users in the store: 4 of 4"),
                       {"outcome = converted 2.0 -> 3.0"}}),
@@ -158,16 +168,14 @@ TEST_F(InstallerStoreTest, Converts20DatabaseIntoTheStoreThenCleansUp)
 
     // Every user moved: the old per-user data and MainDB are gone, the rest of the
     // database stays, and no backup is left behind.
-    EXPECT_TRUE(KeyExists(kDbPath, kView32));
-    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Data", kView32));
-    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\MainDB", kView32));
+    ExpectOnlyTheOldUserDataGone(__LINE__);
     EXPECT_TRUE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Cache", kView32));
     EXPECT_FALSE(KeyExists(kBackup20Path, kView64));
     EXPECT_FALSE(KeyExists(kBackup20Path, kView32));
     RegValue backupValue;
     EXPECT_FALSE(GetValue(kDbPath, L"Backup", kView32, &backupValue));
 
-    EXPECT_EQ(SortedSids(db), nvstore::inspect::ListUsers());
+    EXPECT_EQ(SortedUserSids(db), nvstore::inspect::ListUsers());
     for (const auto& user : db.users) {
         size_t templates = 0;
         for (const auto& credential : user.credentials)
@@ -190,14 +198,8 @@ TEST_F(InstallerStoreTest, ASecondRunOnAConvertedMachineSucceedsAndChangesNothin
     ASSERT_EQ(L"2.1", version);
     const SuiteSnapshot before = SnapshotSuite();
 
-    const InstallerRun run = RunInstaller();
-    EXPECT_EQ(0u, run.exitCode) << Joined(run.log);
-    EXPECT_EQ((std::vector<std::string>{
-                  kComLine,
-                  "layout = 3.0 (no Data and no MainDB under HKLM\\SOFTWARE\\Norvane\\DB)",
-                  "outcome = already converted",
-              }),
-              run.log);
+    const InstallerRun run = RunInstallerExpecting(0);
+    EXPECT_EQ(AlreadyConvertedLog(), run.log);
     ExpectSuiteUnchanged(before, __LINE__);
     EXPECT_FALSE(KeyExists(kBackup20Path, kView64));
 }
@@ -207,19 +209,11 @@ TEST_F(InstallerTest, ALayout30DatabaseIsConvertedWhateverVersionReads)
 {
     for (const wchar_t* text : {L"2.0", L"2.1", L"3.0"}) {
         SCOPED_TRACE(Narrow(text));
-        ASSERT_TRUE(DeleteTree(kDbPath, kView32));
-        SetString(kDbPath, L"Version", text, kView32);
-        SetString(L"SOFTWARE\\Norvane\\DB\\Policies", L"Kept", L"yes", kView32);
+        ASSERT_NO_FATAL_FAILURE(WriteLayout30Database(text));
         SetDword(kPolicyDefaultPath, L"StrictConversion", 1, kView64);
         const SuiteSnapshot before = SnapshotSuite();
-        const InstallerRun run = RunInstaller();
-        EXPECT_EQ(0u, run.exitCode) << Joined(run.log);
-        EXPECT_EQ((std::vector<std::string>{
-                      kComLine,
-                      "layout = 3.0 (no Data and no MainDB under HKLM\\SOFTWARE\\Norvane\\DB)",
-                      "outcome = already converted",
-                  }),
-                  run.log);
+        const InstallerRun run = RunInstallerExpecting(0);
+        EXPECT_EQ(AlreadyConvertedLog(), run.log);
         ExpectSuiteUnchanged(before, __LINE__);
     }
 }
@@ -233,8 +227,7 @@ TEST_F(InstallerStoreTest, AUserTheStrictPolicyHeldIsNamedAndTheInstallerExits4)
     const nvwriter::Db20User& held = db.users[1];
     nvstore::inspect::SetFailOpenUser({held.sidText}, E_ACCESSDENIED);
 
-    InstallerRun run = RunInstaller();
-    EXPECT_EQ(4u, run.exitCode) << Joined(run.log);
+    InstallerRun run = RunInstallerExpecting(4);
     EXPECT_EQ((std::vector<std::string>{
                   kComLine,
                   "step 1",
@@ -254,14 +247,13 @@ TEST_F(InstallerStoreTest, AUserTheStrictPolicyHeldIsNamedAndTheInstallerExits4)
 
     // The store takes the user now: the next run moves it and finishes.
     nvstore::inspect::ClearTestBehaviours();
-    run = RunInstaller();
-    EXPECT_EQ(0u, run.exitCode) << Joined(run.log);
+    run = RunInstallerExpecting(0);
     EXPECT_EQ(Concat({{kComLine},
                       StepLines(1, "0x00020001", "0x00030000", "converted 2.1 -> 3.0, users in the store: 1 of 1"),
                       {"outcome = converted 2.1 -> 3.0"}}),
               run.log);
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Data", kView32));
-    EXPECT_EQ(SortedSids(db), nvstore::inspect::ListUsers());
+    EXPECT_EQ(SortedUserSids(db), nvstore::inspect::ListUsers());
 }
 
 // Convert restores the database itself when it fails, and the "Backup" value goes
@@ -273,8 +265,7 @@ TEST_F(InstallerTest, AFailingConvertWithoutABackupIsNotRolledBackAgain)
     SetBinary(kDbPath, L"Empty", {}, kView32);
     const RegTree before = Snapshot(kDbPath, kView32);
 
-    const InstallerRun run = RunInstaller();
-    EXPECT_EQ(1u, run.exitCode) << Joined(run.log);
+    const InstallerRun run = RunInstallerExpecting(1);
     EXPECT_EQ(Concat({{kComLine}, FailedStepLines("0x80070008", "not called: no \"Backup\" value")}), run.log);
     const RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
@@ -292,8 +283,7 @@ TEST_F(InstallerTest, RollbackIsNotCalledWhenTheBackupKeyIsMissing)
     SetString(kDbPath, L"Backup", L"SOFTWARE\\Norvane\\Gone", kView32);
     const RegTree before = Snapshot(kDbPath, kView32);
 
-    const InstallerRun run = RunInstaller();
-    EXPECT_EQ(1u, run.exitCode) << Joined(run.log);
+    const InstallerRun run = RunInstallerExpecting(1);
     EXPECT_EQ(Concat({{kComLine},
                       FailedStepLines("0x80070008", "not called: \"Backup\" names HKLM\\SOFTWARE\\Norvane\\Gone, "
                                                     "which is missing (32-bit view)")}),
@@ -307,24 +297,20 @@ TEST_F(InstallerTest, RollbackIsNotCalledWhenTheBackupKeyIsMissing)
 TEST_F(InstallerTest, RollbackIsCalledWhenTheBackupKeyExists)
 {
     nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
-    nvwriter::DbOptions options;
-    options.users = 6;
-    options.domains = 1;
+    const nvwriter::DbOptions options = WriterOptions(nvwriter::DbFormat::V10, 6, 1, 1);
     nvwriter::Prng rng(5);
     nvwriter::Write10(writer, options, rng);
     // The machine's name index missing fails the step (HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)).
     writer.DeleteKey(L"MainDB\\Users\\Index\\NameIndex");
     writer.Flush();
 
-    const InstallerRun run = RunInstaller();
-    EXPECT_EQ(1u, run.exitCode) << Joined(run.log);
+    const InstallerRun run = RunInstallerExpecting(1);
     EXPECT_EQ(Concat({{kComLine}, FailedStepLines("0x80070002", "0x00000000")}), run.log);
 }
 
 TEST_F(InstallerTest, WithoutADatabaseThereIsNothingToConvert)
 {
-    const InstallerRun run = RunInstaller();
-    EXPECT_EQ(0u, run.exitCode) << Joined(run.log);
+    const InstallerRun run = RunInstallerExpecting(0);
     EXPECT_EQ((std::vector<std::string>{
                   kComLine,
                   "step 1",
@@ -341,8 +327,7 @@ TEST_F(InstallerTest, WithoutADatabaseThereIsNothingToConvert)
 TEST_F(InstallerTest, TheInstallerTurnsTheStrictConversionPolicyOn)
 {
     ASSERT_FALSE(KeyExists(kPolicyDefaultPath, kView64));
-    const InstallerRun run = RunInstaller();
-    EXPECT_EQ(0u, run.exitCode) << Joined(run.log);
+    const InstallerRun run = RunInstallerExpecting(0);
     // In the library's own (64-bit) view, where Convert reads it.
     RegValue value;
     ASSERT_TRUE(GetValue(kPolicyDefaultPath, L"StrictConversion", kView64, &value));

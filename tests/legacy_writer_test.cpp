@@ -65,10 +65,7 @@ TEST(PrngTest, GuidsCarryVersion4AndVariantBits)
 
 TEST_F(LegacyWriterTest, RecordMatchesTheRegistryValueByValueAndOnlyInTheChosenView)
 {
-    nvwriter::DbOptions options;
-    options.users = 40;
-    options.domains = 3;
-    options.seed = 11;
+    const nvwriter::DbOptions options = WriterOptions(nvwriter::DbFormat::V10, 40, 3, 11);
     nvwriter::DbRecord record = Write(options);
 
     EXPECT_TRUE(RegistryHoldsRecord(record, kView32));
@@ -81,10 +78,7 @@ TEST_F(LegacyWriterTest, RecordMatchesTheRegistryValueByValueAndOnlyInTheChosenV
 
 TEST_F(LegacyWriterTest, Format10LayoutHasVersionIndexesUsersAndPolicies)
 {
-    nvwriter::DbOptions options;
-    options.users = 40;
-    options.domains = 3;
-    options.seed = 5;
+    const nvwriter::DbOptions options = WriterOptions(nvwriter::DbFormat::V10, 40, 3, 5);
     nvwriter::DbRecord record = Write(options);
 
     std::wstring version;
@@ -156,10 +150,7 @@ TEST_F(LegacyWriterTest, Format10LayoutHasVersionIndexesUsersAndPolicies)
 
 TEST_F(LegacyWriterTest, SameSeedGivesTheSameDatabaseAndAnotherSeedADifferentOne)
 {
-    nvwriter::DbOptions options;
-    options.users = 25;
-    options.domains = 2;
-    options.seed = 99;
+    nvwriter::DbOptions options = WriterOptions(nvwriter::DbFormat::V10, 25, 2, 99);
     Write(options);
     RegTree first = Snapshot(kDbPath, kView32);
 
@@ -204,11 +195,7 @@ TEST_F(LegacyWriterTest, ExistingDatabaseIsRefusedWithoutWipeAndLeftAlone)
 
 TEST_F(LegacyWriterTest, Format20ComesFromThe20WriterAndIsRecordedValueByValue)
 {
-    nvwriter::DbOptions options;
-    options.format = nvwriter::DbFormat::V20;
-    options.users = 7;
-    options.domains = 2;
-    options.seed = 21;
+    const nvwriter::DbOptions options = WriterOptions(nvwriter::DbFormat::V20, 7, 2, 21);
     ContainerJanitor containers;
     const nvwriter::Db20Database model = TrackedModel20(containers, options);
 
@@ -237,10 +224,7 @@ TEST_F(LegacyWriterTest, Format20ComesFromThe20WriterAndIsRecordedValueByValue)
 
 TEST_F(LegacyWriterTest, Users20AreAddedToA10DatabaseBesideItsStores)
 {
-    nvwriter::DbOptions options;
-    options.users = 6;
-    options.users20 = 3;
-    options.seed = 22;
+    const nvwriter::DbOptions options = WriterOptions(nvwriter::DbFormat::V10, 6, 2, 22, 3);
     ContainerJanitor containers;
     const nvwriter::Db20Database model = TrackedModel20(containers, options);
 
@@ -263,9 +247,7 @@ TEST_F(LegacyWriterTest, Users20AreAddedToA10DatabaseBesideItsStores)
 
 TEST_F(LegacyWriterTest, NoDomainsWritesNoCacheKey)
 {
-    nvwriter::DbOptions options;
-    options.domains = 0;
-    options.users = 6;
+    const nvwriter::DbOptions options = WriterOptions(nvwriter::DbFormat::V10, 6, 0, 1);
     nvwriter::DbRecord record = Write(options);
     EXPECT_FALSE(KeyExists(DbPath(L"Cache").c_str(), kView32));
     EXPECT_EQ(0u, record.keys.count(L"Cache"));
@@ -289,9 +271,7 @@ TEST_F(LegacyWriterTest, ExplicitDomainNamesReplaceTheGeneratedOnes)
 
 TEST_F(LegacyWriterTest, RemovalsAndHandMadeValuesKeepTheRecordInStep)
 {
-    nvwriter::DbOptions options;
-    options.users = 8;
-    options.domains = 2;
+    const nvwriter::DbOptions options = WriterOptions(nvwriter::DbFormat::V10, 8, 2, 1);
     nvwriter::DbWriter writer(kDbPath, KEY_WOW64_32KEY);
     nvwriter::Prng rng(options.seed);
     nvwriter::Write10(writer, options, rng);

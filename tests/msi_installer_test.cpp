@@ -119,6 +119,36 @@ protected:
         }
         StoreSandbox::TearDown();
     }
+    // Installs the package, which must exit with that code; a package that went in is
+    // removed again at the end.
+    MsiRun Install(DWORD exitCode)
+    {
+        MsiRun run = Msiexec(L"/i");
+        m_installed = run.exitCode == 0;
+        EXPECT_EQ(exitCode, run.exitCode) << run.log;
+        return run;
+    }
+
+    // The first lines of step n: the library it loads and GetDBVersion's answer.
+    static std::vector<std::string> StepStart(int step, const char* current, const char* target)
+    {
+        return {"step " + std::to_string(step), "loaded " + Narrow(InstalledLibrary()),
+                std::string("GetDBVersion = 0x00000000 (S_OK), current ") + current + ", target " + target};
+    }
+    // The install's log is these parts one after the other; a failure shows the whole log.
+    static void ExpectInstallLog(const MsiRun& run, std::initializer_list<std::vector<std::string>> parts)
+    {
+        std::vector<std::string> lines;
+        for (const auto& part : parts)
+            lines.insert(lines.end(), part.begin(), part.end());
+        ExpectInstallLines(run, lines);
+    }
+    // The install's log lines are exactly these; a failure shows the whole log.
+    static void ExpectInstallLines(const MsiRun& run, const std::vector<std::string>& lines)
+    {
+        EXPECT_EQ(lines, run.lines) << run.log;
+    }
+
     bool m_installed = false;
 };
 
@@ -133,24 +163,20 @@ TEST_F(MsiInstallerTest, A20DatabaseConvertsIntoTheStoreAndTheInstallReturns0)
     containers.Track(db.hostId);
     ASSERT_EQ(S_OK, nvwriter::WriteDb20Database(db));
 
-    const MsiRun run = Msiexec(L"/i");
-    m_installed = run.exitCode == 0;
-    EXPECT_EQ(0u, run.exitCode) << run.log;
+    const MsiRun run = Install(0u);
     const std::string library = Narrow(InstalledLibrary());
-    EXPECT_EQ((std::vector<std::string>{
-                  "converting the database",
-                  "step 1",
-                  "loaded " + library,
-                  "GetDBVersion = 0x00000000 (S_OK), current 0x00020000, target 0x00030000",
-                  "Convert = 0x00000000 (S_OK)",
-                  "step 1: converted 2.0 -> 3.0, 3 of 3 users in the store",
-                  "outcome: converted 2.0 -> 3.0",
-                  "committing the database",
-                  "loaded " + library,
-                  "Cleanup = 0x00000001 (S_FALSE, no backup to remove)",
-              }),
-              run.lines)
-        << run.log;
+    ExpectInstallLog(run, {
+        {"converting the database"},
+        StepStart(1, "0x00020000", "0x00030000"),
+        {
+            "Convert = 0x00000000 (S_OK)",
+            "step 1: converted 2.0 -> 3.0, 3 of 3 users in the store",
+            "outcome: converted 2.0 -> 3.0",
+            "committing the database",
+            "loaded " + library,
+            "Cleanup = 0x00000001 (S_FALSE, no backup to remove)",
+        },
+    });
     EXPECT_TRUE(FileExists(InstalledLibrary()));
 
     // The strict conversion policy is on, in the library's own (64-bit) view.
@@ -164,11 +190,7 @@ TEST_F(MsiInstallerTest, A20DatabaseConvertsIntoTheStoreAndTheInstallReturns0)
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB-v2.0", kView64));
     RegValue backup;
     EXPECT_FALSE(GetValue(kDbPath, L"Backup", kView32, &backup));
-    std::vector<std::wstring> sids;
-    for (const auto& user : db.users)
-        sids.push_back(user.sidText);
-    std::sort(sids.begin(), sids.end());
-    EXPECT_EQ(sids, nvstore::inspect::ListUsers());
+    EXPECT_EQ(SortedUserSids(db), nvstore::inspect::ListUsers());
 }
 
 TEST_F(MsiInstallerTest, AFailingConvertFailsTheInstallWith1603AndRunsTheRollbackAction)
@@ -179,23 +201,19 @@ TEST_F(MsiInstallerTest, AFailingConvertFailsTheInstallWith1603AndRunsTheRollbac
     const RegTree before32 = Snapshot(kDbPath, kView32);
     const RegTree before64 = Snapshot(kDbPath, kView64);
 
-    const MsiRun run = Msiexec(L"/i");
-    m_installed = run.exitCode == 0;
-    EXPECT_EQ(kInstallFailure, run.exitCode) << run.log;
+    const MsiRun run = Install(kInstallFailure);
     const std::string library = Narrow(InstalledLibrary());
-    EXPECT_EQ((std::vector<std::string>{
-                  "converting the database",
-                  "step 1",
-                  "loaded " + library,
-                  "GetDBVersion = 0x00000000 (S_OK), current 0x00010000, target 0x00020000",
-                  "Convert = 0x80070008 (failure)",
-                  "step 1: 1.0 -> 2.0 failed; Convert rolled this step back",
-                  "outcome: Convert failed; the install fails",
-                  "rolling the database back",
-                  "no \"Backup\" value: nothing to roll back",
-              }),
-              run.lines)
-        << run.log;
+    ExpectInstallLog(run, {
+        {"converting the database"},
+        StepStart(1, "0x00010000", "0x00020000"),
+        {
+            "Convert = 0x80070008 (failure)",
+            "step 1: 1.0 -> 2.0 failed; Convert rolled this step back",
+            "outcome: Convert failed; the install fails",
+            "rolling the database back",
+            "no \"Backup\" value: nothing to roll back",
+        },
+    });
 
     // Nothing lost: the database as before, in both views. The install is undone:
     // no policy value, no library. The backup copy that stopped at the empty value
@@ -242,39 +260,31 @@ TEST_F(MsiInstallerTest, A10DatabaseReaches30InOneInstall)
     nvwriter::Db20Database db20;
     ASSERT_EQ(S_OK, Write10With20Records(containers, 3, 3, false, &db20));
 
-    const MsiRun run = Msiexec(L"/i");
-    m_installed = run.exitCode == 0;
-    EXPECT_EQ(0u, run.exitCode) << run.log;
+    const MsiRun run = Install(0u);
     const std::string library = Narrow(InstalledLibrary());
-    EXPECT_EQ((std::vector<std::string>{
-                  "converting the database",
-                  "step 1",
-                  "loaded " + library,
-                  "GetDBVersion = 0x00000000 (S_OK), current 0x00010000, target 0x00020000",
-                  "Convert = 0x00000000 (S_OK)",
-                  "step 1: converted 1.0 -> 2.0",
-                  "step 2",
-                  "loaded " + library,
-                  "GetDBVersion = 0x00000000 (S_OK), current 0x00020000, target 0x00030000",
-                  "Convert = 0x00000000 (S_OK)",
-                  "step 2: converted 2.0 -> 3.0, 3 of 3 users in the store",
-                  "outcome: converted 1.0 -> 2.0 -> 3.0",
-                  "committing the database",
-                  "loaded " + library,
-                  "Cleanup = 0x00000001 (S_FALSE, no backup to remove)",
-              }),
-              run.lines)
-        << run.log;
+    ExpectInstallLog(run, {
+        {"converting the database"},
+        StepStart(1, "0x00010000", "0x00020000"),
+        {
+            "Convert = 0x00000000 (S_OK)",
+            "step 1: converted 1.0 -> 2.0",
+        },
+        StepStart(2, "0x00020000", "0x00030000"),
+        {
+            "Convert = 0x00000000 (S_OK)",
+            "step 2: converted 2.0 -> 3.0, 3 of 3 users in the store",
+            "outcome: converted 1.0 -> 2.0 -> 3.0",
+            "committing the database",
+            "loaded " + library,
+            "Cleanup = 0x00000001 (S_FALSE, no backup to remove)",
+        },
+    });
     EXPECT_TRUE(KeyExists(kDbPath, kView32));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\Data", kView32));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB\\MainDB", kView32));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB-v1.0", kView32));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane\\DB-v2.0", kView64));
-    std::vector<std::wstring> sids;
-    for (const auto& user : db20.users)
-        sids.push_back(user.sidText);
-    std::sort(sids.begin(), sids.end());
-    EXPECT_EQ(sids, nvstore::inspect::ListUsers());
+    EXPECT_EQ(SortedUserSids(db20), nvstore::inspect::ListUsers());
 }
 
 // Installed, removed (which leaves the database as it is) and installed again: the
@@ -293,20 +303,16 @@ TEST_F(MsiInstallerTest, ASecondInstallOnAConvertedMachineSucceedsAndChangesNoth
     ASSERT_EQ(L"2.1", version);
     const std::vector<RegTree> before = SnapshotData();
 
-    run = Msiexec(L"/i");
-    m_installed = run.exitCode == 0;
-    EXPECT_EQ(0u, run.exitCode) << run.log;
+    run = Install(0u);
     const std::string library = Narrow(InstalledLibrary());
-    EXPECT_EQ((std::vector<std::string>{
-                  "converting the database",
-                  "outcome: already converted: format 3.0 (no Data and no MainDB under "
-                  "HKLM\\SOFTWARE\\Norvane\\DB); Convert not called",
-                  "committing the database",
-                  "loaded " + library,
-                  "Cleanup = 0x00000001 (S_FALSE, no backup to remove)",
-              }),
-              run.lines)
-        << run.log;
+    ExpectInstallLines(run, {
+        "converting the database",
+        "outcome: already converted: format 3.0 (no Data and no MainDB under "
+        "HKLM\\SOFTWARE\\Norvane\\DB); Convert not called",
+        "committing the database",
+        "loaded " + library,
+        "Cleanup = 0x00000001 (S_FALSE, no backup to remove)",
+    });
     const std::vector<RegTree> after = SnapshotData();
     for (size_t i = 0; i < before.size(); ++i)
         EXPECT_TRUE(before[i] == after[i]) << Narrow(kSuiteKeys[i / 2]) << (i % 2 ? " 64" : " 32") << ":\n"
@@ -324,27 +330,23 @@ TEST_F(MsiInstallerTest, StrictPolicyHoldsAUserAndTheInstallSucceedsWithALogLine
     const nvwriter::Db20User& held = db.users[2];
     nvstore::inspect::SetFailOpenUser({held.sidText}, E_ACCESSDENIED);
 
-    const MsiRun run = Msiexec(L"/i");
-    m_installed = run.exitCode == 0;
-    EXPECT_EQ(0u, run.exitCode) << run.log;
+    const MsiRun run = Install(0u);
     const std::string library = Narrow(InstalledLibrary());
     const std::string key = Narrow(nvwriter::GuidText(held.guid));
-    EXPECT_EQ((std::vector<std::string>{
-                  "converting the database",
-                  "step 1",
-                  "loaded " + library,
-                  "GetDBVersion = 0x00000000 (S_OK), current 0x00020000, target 0x00030000",
-                  "Convert = 0x00000000 (S_OK)",
-                  "held user: " + key + " " + Narrow(held.sidText) + " 0x80070005: conversion failed (0x80070005)",
-                  "step 1: converted 2.0 -> 3.0, 2 of 3 users in the store",
-                  "1 of 3 users kept their old data; the next install tries them again",
-                  "outcome: converted 2.0 -> 3.0",
-                  "committing the database",
-                  "loaded " + library,
-                  "Cleanup = 0x00000001 (S_FALSE, no backup to remove)",
-              }),
-              run.lines)
-        << run.log;
+    ExpectInstallLog(run, {
+        {"converting the database"},
+        StepStart(1, "0x00020000", "0x00030000"),
+        {
+            "Convert = 0x00000000 (S_OK)",
+            "held user: " + key + " " + Narrow(held.sidText) + " 0x80070005: conversion failed (0x80070005)",
+            "step 1: converted 2.0 -> 3.0, 2 of 3 users in the store",
+            "1 of 3 users kept their old data; the next install tries them again",
+            "outcome: converted 2.0 -> 3.0",
+            "committing the database",
+            "loaded " + library,
+            "Cleanup = 0x00000001 (S_FALSE, no backup to remove)",
+        },
+    });
     // Held: its old key and the record stay, the others moved.
     EXPECT_TRUE(KeyExists((L"SOFTWARE\\Norvane\\DB\\Data\\Users\\" + nvwriter::GuidText(held.guid)).c_str(), kView32));
     EXPECT_TRUE(

@@ -8,6 +8,7 @@
 #include "common/handles.h"
 #include "common/hresult.h"
 #include "converter2/nameindex.h"
+#include "support/legacy_db_tree.h"
 #include "support/registry_sandbox.h"
 #include "support/db_paths.h"
 #include "support/computer_name.h"
@@ -274,10 +275,8 @@ TEST_F(NameIndexTest, EmptyValueFailsWithError8AfterDeletingTheIdentifiersFoundB
     ASSERT_NE(order.begin(), empty);
     ASSERT_NE(order.end() - 1, empty);
     RegTree expected = Snapshot(kDbPath, kView32);
-    size_t deleted = 0;
-    for (auto it = order.begin(); it != empty; ++it)
-        if (*it != L"Count")
-            deleted += expected.values.erase(L"Cache\\DOM\\Users\\Index\\NameIndex|" + *it);
+    const size_t deleted =
+        EraseValuesNamed(expected, L"Cache\\DOM\\Users\\Index\\NameIndex", order.begin(), empty, L"Count");
     ASSERT_GT(deleted, 0u);
     ASSERT_LT(deleted, 6u);
 

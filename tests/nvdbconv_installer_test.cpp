@@ -35,6 +35,13 @@ const std::string kAlreadyConverted =
 
 ProcessRun Nvdbconv(const std::wstring& args) { return WithPlainLineEnds(RunTool(L"nvdbconv.exe", args)); }
 
+// The run printed no error and the suite is as it was; `line` is the caller's.
+void ExpectQuietAndNothingChanged(const ProcessRun& run, const SuiteSnapshot& before, int line)
+{
+    EXPECT_EQ("", run.err) << "checked at line " << line;
+    ExpectSuiteUnchanged(before, line);
+}
+
 // A text row with its line end.
 std::string RowLine(const std::string& label, const std::string& value) { return Row(label, value) + "\n"; }
 
@@ -77,17 +84,13 @@ TEST_F(NvdbconvFinishedTest, ConvertAfterUpgradeSaysAlreadyConvertedAndChangesNo
     ASSERT_FALSE(KeyExists(kMainDbPath, kView32));
     const SuiteSnapshot before = SnapshotSuite();
 
-    ProcessRun run = Nvdbconv(L"convert");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    ProcessRun run = ExitedWith(0, Nvdbconv(L"convert"));
     EXPECT_TRUE(Contains(run.out, RowLine("version", "2.1 (0x00020001) -> target 3.0 (0x00030000)"))) << run.out;
     EXPECT_TRUE(Contains(run.out, RowLine("state", kAlreadyConverted + "; Convert not called"))) << run.out;
     EXPECT_FALSE(Contains(run.out, "  Convert ")) << run.out;
-    EXPECT_EQ("", run.err);
-    ExpectSuiteUnchanged(before, __LINE__);
+    ExpectQuietAndNothingChanged(run, before, __LINE__);
 
-    run = Nvdbconv(L"--json convert");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
-    const JsonValue doc = Json(run);
+    const JsonValue doc = Json(ExitedWith(0, Nvdbconv(L"--json convert")));
     EXPECT_TRUE(doc["alreadyConverted"].Bool());
     EXPECT_FALSE(doc.Has("convert")); // never called
     EXPECT_EQ("3.0", doc["before"]["layout"].Text());
@@ -103,16 +106,12 @@ TEST_F(NvdbconvFinishedTest, UpgradeOfAConvertedDatabaseSaysSoAndChangesNothing)
     ASSERT_EQ(0u, Nvdbconv(L"upgrade").exitCode);
     const SuiteSnapshot before = SnapshotSuite();
 
-    ProcessRun run = Nvdbconv(L"upgrade");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    ProcessRun run = ExitedWith(0, Nvdbconv(L"upgrade"));
     EXPECT_TRUE(Contains(run.out, RowLine("upgrade", kAlreadyConverted + "; nothing to do"))) << run.out;
     EXPECT_FALSE(Contains(run.out, "  step ")) << run.out;
-    EXPECT_EQ("", run.err);
-    ExpectSuiteUnchanged(before, __LINE__);
+    ExpectQuietAndNothingChanged(run, before, __LINE__);
 
-    run = Nvdbconv(L"--json upgrade");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
-    const JsonValue doc = Json(run);
+    const JsonValue doc = Json(ExitedWith(0, Nvdbconv(L"--json upgrade")));
     EXPECT_TRUE(doc["alreadyConverted"].Bool());
     EXPECT_EQ(0u, doc["steps"].Size());
     EXPECT_EQ(kAlreadyConverted + "; nothing to do", doc["summary"].Text());
@@ -126,16 +125,12 @@ TEST_F(NvdbconvFinishedTest, ALayout30DatabaseIsConvertedWhateverVersionReads)
 {
     for (const wchar_t* text : {L"2.0", L"2.1", L"3.0"}) {
         SCOPED_TRACE(Narrow(text));
-        ASSERT_TRUE(DeleteTree(kDbPath, kView32));
-        SetString(kDbPath, L"Version", text, kView32);
-        SetString(L"SOFTWARE\\Norvane\\DB\\Policies", L"Kept", L"yes", kView32);
+        ASSERT_NO_FATAL_FAILURE(WriteLayout30Database(text));
         const SuiteSnapshot before = SnapshotSuite();
         for (const wchar_t* command : {L"convert", L"upgrade"}) {
-            const ProcessRun run = Nvdbconv(command);
-            EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+            const ProcessRun run = ExitedWith(0, Nvdbconv(command));
             EXPECT_TRUE(Contains(run.out, kAlreadyConverted)) << run.out;
-            EXPECT_EQ("", run.err);
-            ExpectSuiteUnchanged(before, __LINE__);
+            ExpectQuietAndNothingChanged(run, before, __LINE__);
         }
     }
 }
@@ -155,23 +150,20 @@ TEST_F(NvdbconvFinishedTest, ConvertOfAFinishedDatabaseRemovesWhatAnInterruptedR
     SetString(L"SOFTWARE\\Norvane\\DB-v2.0\\Data\\Users\\{00000000-0000-0000-0000-000000000001}", L"Kept",
               L"old", kView64);
     SetString(kDbPath, L"Backup", L"SOFTWARE\\Norvane\\DB-v2.0", kView32);
-    ProcessRun run = Nvdbconv(L"convert");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    ProcessRun run = ExitedWith(0, Nvdbconv(L"convert"));
     EXPECT_TRUE(Contains(run.out, RowLine("state", kAlreadyConverted + "; Convert not called"))) << run.out;
     EXPECT_TRUE(Contains(run.out, RowLine("left over", "backup key HKLM\\SOFTWARE\\Norvane\\DB-v2.0 of an interrupted "
                                                    "run: Cleanup " + kSucceeded)))
         << run.out;
     EXPECT_FALSE(KeyExists(kBackup20Path, kView64));
     ExpectSuiteUnchanged(finished, __LINE__);
-    run = Nvdbconv(L"convert");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    run = ExitedWith(0, Nvdbconv(L"convert"));
     EXPECT_FALSE(Contains(run.out, "left over")) << run.out;
     ExpectSuiteUnchanged(finished, __LINE__);
 
     // "Backup" naming a key that is gone: only the value goes.
     SetString(kDbPath, L"Backup", L"SOFTWARE\\Norvane\\DB-v2.0", kView32);
-    run = Nvdbconv(L"--json convert");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    run = ExitedWith(0, Nvdbconv(L"--json convert"));
     const JsonValue doc = Json(run);
     EXPECT_TRUE(doc["leftoverBackupValueRemoved"]["ok"].Bool()) << run.out;
     EXPECT_EQ("0x00000000", doc["leftoverBackupValueRemoved"]["hr"].Text()) << run.out;
@@ -180,8 +172,7 @@ TEST_F(NvdbconvFinishedTest, ConvertOfAFinishedDatabaseRemovesWhatAnInterruptedR
     // A foreign one is not ours to touch.
     SetString(kDbPath, L"Backup", L"SOFTWARE\\Elsewhere", kView32);
     const SuiteSnapshot planted = SnapshotSuite();
-    run = Nvdbconv(L"convert");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    run = ExitedWith(0, Nvdbconv(L"convert"));
     EXPECT_FALSE(Contains(run.out, "left over")) << run.out;
     ExpectSuiteUnchanged(planted, __LINE__);
 }
@@ -199,8 +190,7 @@ TEST_F(NvdbconvFinishedTest, A2xDatabaseWithoutDataUsersIsNotConvertedAgain)
     const SuiteSnapshot before = SnapshotSuite();
 
     for (int run = 0; run < 2; ++run) {
-        const ProcessRun convert = Nvdbconv(L"convert");
-        EXPECT_EQ(0u, convert.exitCode) << convert.out << convert.err;
+        const ProcessRun convert = ExitedWith(0, Nvdbconv(L"convert"));
         EXPECT_TRUE(Contains(convert.out, RowLine("state", "no Data\\Users: every user was moved, the rest of the old "
                                                        "database is what an interrupted clean-up left; Convert not "
                                                        "called")))
@@ -216,8 +206,7 @@ TEST_F(NvdbconvFinishedTest, A20DatabaseWithUsersLeftIsStillConverted)
 {
     ContainerJanitor containers;
     Write20(containers, 2);
-    const ProcessRun run = Nvdbconv(L"convert");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    const ProcessRun run = ExitedWith(0, Nvdbconv(L"convert"));
     EXPECT_FALSE(Contains(run.out, "already converted")) << run.out;
     EXPECT_TRUE(Contains(run.out, RowLine("Convert", kSucceeded))) << run.out;
     EXPECT_FALSE(KeyExists(kMainDbPath, kView32));
@@ -230,8 +219,7 @@ TEST_F(NvdbconvInstallerTest, UnregisterWithNothingRegisteredSucceedsTwice)
     ASSERT_FALSE(KeyExists(kComponents, kView64));
     for (int i = 0; i < 2; ++i) {
         SCOPED_TRACE(i);
-        const ProcessRun run = Nvdbconv(L"unregister");
-        EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+        const ProcessRun run = ExitedWith(0, Nvdbconv(L"unregister"));
         EXPECT_TRUE(Contains(run.out, RowLine("DllUnregisterServer", Described(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)))))
             << run.out;
         EXPECT_TRUE(Contains(
@@ -251,8 +239,7 @@ TEST_F(NvdbconvInstallerTest, UnregisterWithNothingRegisteredSucceedsTwice)
 TEST_F(NvdbconvInstallerTest, UnregisterAfterRegisterIsNotNothingRegistered)
 {
     ASSERT_EQ(0u, Nvdbconv(L"register").exitCode);
-    const ProcessRun run = Nvdbconv(L"--json unregister");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    const ProcessRun run = ExitedWith(0, Nvdbconv(L"--json unregister"));
     const JsonValue doc = Json(run);
     EXPECT_FALSE(doc["nothingRegistered"].Bool());
     EXPECT_EQ("0x00000000", doc["unregister"]["hr"].Text());
@@ -268,20 +255,17 @@ TEST_F(NvdbconvInstallerTest, OneUserIsCountedInTheSingular)
     ProcessRun run = Nvdbconv(L"status");
     EXPECT_TRUE(Contains(run.out, RowLine("state", "format 2.0: 1 user to move into the store (convert)"))) << run.out;
 
-    run = Nvdbconv(L"convert");
-    EXPECT_EQ(3u, run.exitCode) << run.out << run.err;
+    run = ExitedWith(3, Nvdbconv(L"convert"));
     EXPECT_TRUE(Contains(run.out, RowLine("users", "1 user key under Data\\Users to move into the store"))) << run.out;
     EXPECT_TRUE(Contains(run.err, "none of the\n  1 user can be moved: every one")) << run.err;
 
-    run = Nvdbconv(L"convert --force");
-    EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
+    run = ExitedWith(4, Nvdbconv(L"convert --force"));
     EXPECT_TRUE(Contains(run.out, RowLine("kept old data", "1 of 1 user (Convert answered S_OK all the same)"))) << run.out;
     EXPECT_TRUE(Contains(run.err, "nvdbconv: 1 of 1 user kept their old data under "
                                   "HKLM\\SOFTWARE\\Norvane\\DB\\Data\\Users (exit code 4)\n"))
         << run.err;
 
-    run = Nvdbconv(L"check");
-    EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
+    run = ExitedWith(4, Nvdbconv(L"check"));
     EXPECT_TRUE(Contains(run.out, RowLine("verdict", "1 of 1 user would not convert and would keep their old data")))
         << run.out;
 }
@@ -295,8 +279,7 @@ TEST_F(NvdbconvInstallerTest, CheckOfA10DatabaseJudgesOnlyTheStepTo20)
     ASSERT_TRUE(DeleteTree(StoreClassKey().c_str(), kView64));
     const SuiteSnapshot before = SnapshotSuite();
 
-    ProcessRun run = Nvdbconv(L"check");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    ProcessRun run = ExitedWith(0, Nvdbconv(L"check"));
     EXPECT_FALSE(Contains(run.out, "would fail")) << run.out;
     EXPECT_TRUE(Contains(run.out, RowLine("users", "3 under Data\\Users (the next step does not move them)"))) << run.out;
     // Listed, one of them with a single template, without a verdict on each.
@@ -332,8 +315,7 @@ protected:
 TEST_F(NvdbconvEmptyValueTest, CheckNamesTheKeyAndTheValueAndExits4)
 {
     const SuiteSnapshot before = SnapshotSuite();
-    ProcessRun run = Nvdbconv(L"check");
-    EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
+    ProcessRun run = ExitedWith(4, Nvdbconv(L"check"));
     EXPECT_TRUE(Contains(run.out, RowLine("backup", "would fail: " + kEmptyValueInMainDb))) << run.out;
     const std::string verdict = "the 1.0 -> 2.0 step would fail before converting anything: " + kEmptyValueInMainDb;
     EXPECT_TRUE(Contains(run.out, RowLine("verdict", verdict))) << run.out;
@@ -350,8 +332,7 @@ TEST_F(NvdbconvEmptyValueTest, CheckNamesTheKeyAndTheValueAndExits4)
 TEST_F(NvdbconvEmptyValueTest, ConvertNamesTheKeyAndTheValueWhenTheBackupFails)
 {
     const HRESULT refused = HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY);
-    const ProcessRun run = Nvdbconv(L"convert");
-    EXPECT_EQ(1u, run.exitCode) << run.out << run.err;
+    const ProcessRun run = ExitedWith(1, Nvdbconv(L"convert"));
     EXPECT_TRUE(Contains(run.out, RowLine("Convert", Described(refused)) + RowLine("cause", kEmptyValueInMainDb)))
         << run.out;
     EXPECT_EQ("nvdbconv: Convert failed: " + Described(refused) + ": " + kEmptyValueInMainDb + "\n", run.err);
@@ -365,8 +346,7 @@ TEST_F(NvdbconvEmptyValueTest, ConvertNamesTheKeyAndTheValueWhenTheBackupFails)
 TEST_F(NvdbconvEmptyValueTest, UpgradeLabelsTheFailedStepByItsTargetAndNamesTheValue)
 {
     const HRESULT refused = HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY);
-    ProcessRun run = Nvdbconv(L"upgrade");
-    EXPECT_EQ(1u, run.exitCode) << run.out << run.err;
+    ProcessRun run = ExitedWith(1, Nvdbconv(L"upgrade"));
     EXPECT_TRUE(Contains(run.out, "  step 1: 1.0 -> 2.0, Convert " + Described(refused) + ", exit 1\n"
                                   "    cause: " + kEmptyValueInMainDb + "\n"))
         << run.out;

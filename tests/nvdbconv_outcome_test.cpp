@@ -35,7 +35,26 @@ namespace {
 
 ProcessRun Nvdbconv(const std::wstring& args) { return RunTool(L"nvdbconv.exe", args); }
 
+// nvdbconv run with these arguments, which must exit with that code.
+ProcessRun NvdbconvExits(DWORD exitCode, const std::wstring& args)
+{
+    ProcessRun run = Nvdbconv(args);
+    EXPECT_EQ(exitCode, run.exitCode) << "nvdbconv " << Narrow(args) << "\n" << run.out << run.err;
+    return run;
+}
+
+// nvdbconv's JSON document for these arguments, with which it must exit with that code.
+JsonValue NvdbconvJson(DWORD exitCode, const std::wstring& args) { return Json(NvdbconvExits(exitCode, args)); }
+
 std::wstring TraceFile() { return TempTraceFile(L"nvdbconv-outcome-"); }
+
+// The records of the trace file, a JSON line each, as nvtrace --json gives them.
+std::vector<std::string> TraceJsonLines()
+{
+    const ProcessRun lines = RunTool(L"nvtrace.exe", L"--json " + QuoteArg(TraceFile()));
+    EXPECT_EQ(0u, lines.exitCode) << lines.err;
+    return SplitLines(WithoutCarriageReturns(lines.out));
+}
 
 // The container is tracked (which deletes any old one) before the writer makes it.
 nvwriter::Db20Database Write20(ContainerJanitor& containers, unsigned users,
@@ -96,8 +115,7 @@ TEST_F(NvdbconvOutcomeTest, WithoutTheStoreConvertRefusesAndChangesNothing)
     ASSERT_TRUE(DeleteTree(StoreClassKey().c_str(), kView64));
     const RegTree before = Snapshot(kDbPath, kView32);
 
-    ProcessRun run = Nvdbconv(L"convert");
-    EXPECT_EQ(3u, run.exitCode) << run.out << run.err;
+    ProcessRun run = NvdbconvExits(3, L"convert");
     EXPECT_TRUE(Contains(run.err, "nvdbconv: refusing to convert 2.0 -> 3.0: the storage server is not registered.\n"))
         << run.err;
     EXPECT_TRUE(Contains(run.err, "none of the\n  3 users can be moved")) << run.err;
@@ -123,9 +141,7 @@ TEST_F(NvdbconvOutcomeTest, ForcedWithoutTheStoreExits4AndNamesEveryUserWithItsT
     ASSERT_EQ(3u, keys.size());
     ASSERT_EQ(0u, Nvdbconv(L"trace on --new-file --file " + QuoteArg(TraceFile())).exitCode);
 
-    const ProcessRun run = Nvdbconv(L"--json convert --force");
-    EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
-    const JsonValue doc = Json(run);
+    const JsonValue doc = NvdbconvJson(4, L"--json convert --force");
     EXPECT_EQ("0x00000000", doc["convert"]["hr"].Text());
     EXPECT_TRUE(doc["usersRemained"].Bool());
     EXPECT_EQ(4, doc["exitCode"].Int());
@@ -157,21 +173,14 @@ TEST_F(NvdbconvOutcomeTest, ForcedWithoutTheStoreExits4AndNamesEveryUserWithItsT
     EXPECT_TRUE(Contains(text, "slowest scopes (total time):\n")) << text;
     EXPECT_TRUE(Contains(text, "CBaseConverter::Convert\n")) << text;
 
-    const ProcessRun lines = RunTool(L"nvtrace.exe", L"--json " + QuoteArg(TraceFile()));
-    EXPECT_EQ(0u, lines.exitCode) << lines.err;
     size_t records = 0, overLines = 0;
-    std::string rest = WithoutCarriageReturns(lines.out);
-    for (size_t start = 0; start < rest.size();) {
-        size_t end = rest.find('\n', start);
-        if (end == std::string::npos)
-            end = rest.size();
+    for (const std::string& line : TraceJsonLines()) {
         JsonValue record;
         std::string error;
-        EXPECT_TRUE(ParseJson(rest.substr(start, end - start), &record, &error)) << error;
+        EXPECT_TRUE(ParseJson(line, &record, &error)) << error;
         ++records;
         if (record["kind"].Text() == "U" && record["text"].Text().rfind("Conversion process is over for '", 0) == 0)
             ++overLines;
-        start = end + 1;
     }
     EXPECT_GT(records, 20u);
     EXPECT_EQ(3u, overLines);
@@ -182,8 +191,7 @@ TEST_F(NvdbconvOutcomeTest, UpgradeChains10To20To30InChildProcesses)
     ContainerJanitor containers;
     ASSERT_EQ(S_OK, Write10With20Records(containers, 5, 5));
 
-    const ProcessRun run = Nvdbconv(L"upgrade");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    const ProcessRun run = NvdbconvExits(0, L"upgrade");
     const std::string out = WithoutCarriageReturns(run.out);
     EXPECT_TRUE(Contains(out, "  step 1: 1.0 -> 2.0, Convert " + kSucceeded + ", exit 0\n")) << out;
     EXPECT_TRUE(Contains(out, "  step 2: 2.0 -> 3.0, Convert " + kSucceeded + ", exit 0\n"
@@ -198,9 +206,7 @@ TEST_F(NvdbconvOutcomeTest, UpgradeJsonCarriesEveryStepsOwnDocument)
 {
     ContainerJanitor containers;
     const nvwriter::Db20Database db = Write20(containers, 2);
-    const ProcessRun run = Nvdbconv(L"--json upgrade");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
-    const JsonValue doc = Json(run);
+    const JsonValue doc = NvdbconvJson(0, L"--json upgrade");
     EXPECT_EQ("2.0 -> 3.0", doc["chain"].Text());
     EXPECT_EQ("2.0 -> 3.0 done, 2 of 2 users in the store", doc["summary"].Text());
     ASSERT_EQ(1u, doc["steps"].Size());
@@ -223,8 +229,7 @@ TEST_F(NvdbconvOutcomeTest, CheckNamesTheUserWhoWouldFailAndWritesNothing)
     const RegTree before32 = Snapshot(L"SOFTWARE", kView32);
     const RegTree before64 = Snapshot(L"SOFTWARE", kView64);
 
-    ProcessRun run = Nvdbconv(L"--json check");
-    EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
+    ProcessRun run = NvdbconvExits(4, L"--json check");
     const JsonValue doc = Json(run);
     EXPECT_TRUE(doc["hostContainer"]["opens"].Bool());
     EXPECT_TRUE(doc["storeServer"]["registered"].Bool());
@@ -266,8 +271,7 @@ TEST_F(NvdbconvOutcomeTest, CheckOfAHealthyDatabaseExits0)
 {
     ContainerJanitor containers;
     const nvwriter::Db20Database db = Write20(containers, 2);
-    const ProcessRun run = Nvdbconv(L"check");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    const ProcessRun run = NvdbconvExits(0, L"check");
     EXPECT_TRUE(Contains(run.out, "  verdict         all 2 users would convert\n")) << run.out;
     EXPECT_EQ("", run.err);
 }
@@ -294,19 +298,12 @@ std::vector<std::string> SortedSids(const nvwriter::Db20Database& db)
 // The "U" records of the trace file, as nvtrace --json gives them.
 std::vector<std::string> TraceUserLines()
 {
-    const ProcessRun lines = RunTool(L"nvtrace.exe", L"--json " + QuoteArg(TraceFile()));
-    EXPECT_EQ(0u, lines.exitCode) << lines.err;
     std::vector<std::string> texts;
-    const std::string rest = WithoutCarriageReturns(lines.out);
-    for (size_t start = 0; start < rest.size();) {
-        size_t end = rest.find('\n', start);
-        if (end == std::string::npos)
-            end = rest.size();
+    for (const std::string& line : TraceJsonLines()) {
         JsonValue record;
         std::string error;
-        if (ParseJson(rest.substr(start, end - start), &record, &error) && record["kind"].Text() == "U")
+        if (ParseJson(line, &record, &error) && record["kind"].Text() == "U")
             texts.push_back(record["text"].Text());
-        start = end + 1;
     }
     return texts;
 }
@@ -316,6 +313,16 @@ std::vector<std::string> TraceUserLines()
 class NvdbconvGapsTest : public NvdbconvOutcomeTest {
 protected:
     void TracingOn() { ASSERT_EQ(0u, Nvdbconv(L"trace on --new-file --file " + QuoteArg(TraceFile())).exitCode); }
+
+    // A 2.0 database of that many users, tracing on, and a store that refuses every
+    // password secret.
+    nvwriter::Db20Database WritePasswordsRefused(ContainerJanitor& containers, unsigned users)
+    {
+        nvwriter::Db20Database db = Write20(containers, users);
+        TracingOn();
+        nvstore::inspect::SetFailPutSecret({kPasswordSecret});
+        return db;
+    }
 };
 
 // The default policy moves a user whose password secret the store refused, as the
@@ -324,12 +331,9 @@ protected:
 TEST_F(NvdbconvGapsTest, ConvertNamesWhatDidNotReachTheStoreAndExits4)
 {
     ContainerJanitor containers;
-    const nvwriter::Db20Database db = Write20(containers, 3);
-    TracingOn();
-    nvstore::inspect::SetFailPutSecret({kPasswordSecret});
+    const nvwriter::Db20Database db = WritePasswordsRefused(containers, 3);
 
-    const ProcessRun run = Nvdbconv(L"convert");
-    EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
+    const ProcessRun run = NvdbconvExits(4, L"convert");
     const std::string out = WithoutCarriageReturns(run.out);
     EXPECT_TRUE(Contains(out, "  Convert         " + kSucceeded + "\n")) << out;
     EXPECT_TRUE(Contains(out, "  moved with gaps 3 of 3 users: parts of them did not reach the store (Convert "
@@ -365,13 +369,9 @@ TEST_F(NvdbconvGapsTest, ConvertNamesWhatDidNotReachTheStoreAndExits4)
 TEST_F(NvdbconvGapsTest, ConvertJsonCarriesTheGaps)
 {
     ContainerJanitor containers;
-    const nvwriter::Db20Database db = Write20(containers, 2);
-    TracingOn();
-    nvstore::inspect::SetFailPutSecret({kPasswordSecret});
+    const nvwriter::Db20Database db = WritePasswordsRefused(containers, 2);
 
-    const ProcessRun run = Nvdbconv(L"--json convert");
-    EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
-    const JsonValue doc = Json(run);
+    const JsonValue doc = NvdbconvJson(4, L"--json convert");
     EXPECT_TRUE(doc["gapsTraced"].Bool());
     EXPECT_TRUE(doc["movedWithGaps"].Bool());
     EXPECT_FALSE(doc["usersRemained"].Bool());
@@ -392,9 +392,7 @@ TEST_F(NvdbconvGapsTest, AWholeConversionHasNoGapsAndExits0)
     ContainerJanitor containers;
     Write20(containers, 2);
     TracingOn();
-    const ProcessRun run = Nvdbconv(L"--json convert");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
-    const JsonValue doc = Json(run);
+    const JsonValue doc = NvdbconvJson(0, L"--json convert");
     EXPECT_TRUE(doc["gapsTraced"].Bool());
     EXPECT_FALSE(doc["movedWithGaps"].Bool());
     EXPECT_EQ(0u, doc["gaps"].Size());
@@ -409,8 +407,7 @@ TEST_F(NvdbconvGapsTest, WithoutATraceConvertSaysGapsAreNotKnown)
     ContainerJanitor containers;
     Write20(containers, 1);
     nvstore::inspect::SetFailPutSecret({kPasswordSecret});
-    const ProcessRun run = Nvdbconv(L"convert");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    const ProcessRun run = NvdbconvExits(0, L"convert");
     EXPECT_TRUE(Contains(WithoutCarriageReturns(run.out),
                          "  gaps            not known: the library names them only in its trace (nvdbconv trace on)\n"))
         << run.out;
@@ -419,12 +416,9 @@ TEST_F(NvdbconvGapsTest, WithoutATraceConvertSaysGapsAreNotKnown)
 TEST_F(NvdbconvGapsTest, UpgradeReportsMovedWithGapsNamesThemAndExits4)
 {
     ContainerJanitor containers;
-    const nvwriter::Db20Database db = Write20(containers, 3);
-    TracingOn();
-    nvstore::inspect::SetFailPutSecret({kPasswordSecret});
+    const nvwriter::Db20Database db = WritePasswordsRefused(containers, 3);
 
-    const ProcessRun run = Nvdbconv(L"upgrade");
-    EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
+    const ProcessRun run = NvdbconvExits(4, L"upgrade");
     const std::string out = WithoutCarriageReturns(run.out);
     EXPECT_TRUE(Contains(out, "  step 1: 2.0 -> 3.0, Convert " + kSucceeded + ", exit 4\n"
                               "    users: 3 of 3 moved into the store\n"))
@@ -442,13 +436,9 @@ TEST_F(NvdbconvGapsTest, UpgradeReportsMovedWithGapsNamesThemAndExits4)
 TEST_F(NvdbconvGapsTest, UpgradeJsonCarriesTheGaps)
 {
     ContainerJanitor containers;
-    const nvwriter::Db20Database db = Write20(containers, 2);
-    TracingOn();
-    nvstore::inspect::SetFailPutSecret({kPasswordSecret});
+    const nvwriter::Db20Database db = WritePasswordsRefused(containers, 2);
 
-    const ProcessRun run = Nvdbconv(L"--json upgrade");
-    EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
-    const JsonValue doc = Json(run);
+    const JsonValue doc = NvdbconvJson(4, L"--json upgrade");
     EXPECT_EQ("2.0 -> 3.0 done, 2 users moved with gaps, 2 of 2 users in the store", doc["summary"].Text());
     ASSERT_EQ(2u, doc["gaps"].Size());
     EXPECT_EQ(kPasswordGap, doc["gaps"][0]["missing"].Text());
@@ -468,8 +458,7 @@ TEST_F(NvdbconvGapsTest, UpgradeNamesTheUserTheStrictPolicyHeld)
     const nvwriter::Db20User& held = db.users[1];
     nvstore::inspect::SetFailOpenUser({held.sidText}, E_ACCESSDENIED);
 
-    const ProcessRun run = Nvdbconv(L"upgrade");
-    EXPECT_EQ(4u, run.exitCode) << run.out << run.err;
+    const ProcessRun run = NvdbconvExits(4, L"upgrade");
     const std::string out = WithoutCarriageReturns(run.out);
     EXPECT_TRUE(Contains(out, "    users: 1 of 2 moved into the store\n")) << out;
     const std::string line = "    kept old data: " + Narrow(nvwriter::GuidText(held.guid)) + "  " + Narrow(held.sidText) + "  " +

@@ -25,18 +25,19 @@
 #include "nvdbconv/tracewatch.h"
 #include "nvstore_inspect.h"
 #include "nvtracelib.h"
+#include "support/db_paths.h"
 #include "support/dll_loader.h"
 #include "support/import_patch.h"
 #include "support/json_reader.h"
-#include "support/legacy_db_tree.h"
 #include "support/key_containers.h"
+#include "support/legacy_db_tree.h"
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
+#include "support/sample_databases.h"
 #include "support/store_sandbox.h"
-#include "support/unix_side.h"
-#include "support/db_paths.h"
 #include "support/text_util.h"
 #include "support/tool_runs.h"
+#include "support/unix_side.h"
 #include "writer/db20_writer.h"
 #include "writer/legacy_writer.h"
 
@@ -57,9 +58,7 @@ const std::string kFailed = "0x80004005 E_FAIL \"Call failed.\"";
 
 nvwriter::DbRecord Write10(unsigned users = 6, unsigned domains = 1, REGSAM view = KEY_WOW64_32KEY)
 {
-    nvwriter::DbOptions options;
-    options.users = users;
-    options.domains = domains;
+    nvwriter::DbOptions options = WriterOptions(nvwriter::DbFormat::V10, users, domains, 1);
     options.view = view;
     options.wipe = true;
     nvwriter::DbRecord record;
@@ -555,8 +554,7 @@ TEST_F(NvdbconvRollbackTest, StatusCallsAForeignBackupValueForeignAndSaysWhatToD
     Write10(4, 1, KEY_WOW64_32KEY);
     SetString(kDbPath, L"Backup", kForeignKey, kView32);
 
-    ProcessRun run = Nvdbconv(L"status");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    ProcessRun run = ExitedWith(0, Nvdbconv(L"status"));
     EXPECT_TRUE(Contains(run.out, Row("backup", "\"Backup\" = \"SOFTWARE\\Norvane\\Victim\" (FOREIGN)"))) << run.out;
     EXPECT_TRUE(Contains(run.out, Row("foreign", kForeignAdvice))) << run.out;
 
@@ -589,8 +587,7 @@ TEST_F(NvdbconvRollbackTest, RollbackAndCleanupRefuseAForeignBackupValueEvenWith
     for (const wchar_t* args : {L"rollback", L"rollback --force", L"cleanup"}) {
         SCOPED_TRACE(Narrow(args));
         const std::string operation = std::wstring(args).rfind(L"rollback", 0) == 0 ? "roll back" : "clean up";
-        ProcessRun run = Nvdbconv(args);
-        EXPECT_EQ(3u, run.exitCode) << run.out << run.err;
+        ProcessRun run = ExitedWith(3, Nvdbconv(args));
         EXPECT_EQ("nvdbconv: refusing to " + operation + ": " + kForeignAdvice + "\n", run.err);
         EXPECT_FALSE(Contains(run.out, "Rollback ")) << run.out;
         EXPECT_FALSE(Contains(run.out, "Cleanup ")) << run.out;
@@ -978,8 +975,7 @@ protected:
 TEST_F(NvdbconvConvert20Test, ProgressAlwaysDrawsUsersConvertedTotalAndRate)
 {
     const nvwriter::Db20Database db = WriteDb20(4, 31);
-    ProcessRun run = Nvdbconv(L"convert --progress=always");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    ProcessRun run = ExitedWith(0, Nvdbconv(L"convert --progress=always"));
     EXPECT_TRUE(Contains(run.out, Row("users", "4 user keys under Data\\Users to move into the store") + "\n"))
         << run.out;
 
@@ -1012,8 +1008,7 @@ TEST_F(NvdbconvConvert20Test, ProgressAlwaysDrawsUsersConvertedTotalAndRate)
 TEST_F(NvdbconvConvert20Test, JsonReportsUsersMovedAndDrawsNoProgressWhenNotATerminal)
 {
     const nvwriter::Db20Database db = WriteDb20(5, 32);
-    ProcessRun run = Nvdbconv(L"--json convert");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    ProcessRun run = ExitedWith(0, Nvdbconv(L"--json convert"));
     EXPECT_FALSE(Contains(run.out, "\r")) << "the output is a file, not a terminal";
     EXPECT_EQ("", run.err);
     const JsonValue doc = Json(run);
@@ -1044,8 +1039,7 @@ TEST_F(NvdbconvConvert20Test, JsonReportsUsersMovedAndDrawsNoProgressWhenNotATer
 TEST_F(NvdbconvConvert20Test, ProgressWithJsonGoesToStandardErrorAndTheDocumentStaysWhole)
 {
     WriteDb20(3, 33);
-    ProcessRun run = Nvdbconv(L"--json --progress always convert");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    ProcessRun run = ExitedWith(0, Nvdbconv(L"--json --progress always convert"));
     EXPECT_TRUE(Contains(run.err, "\r  users converted: 3 of 3 (")) << run.err;
     const JsonValue doc = Json(run);
     EXPECT_EQ(3, doc["users"]["converted"].Int());

@@ -171,8 +171,7 @@ TEST_F(NvdbconvTraceTest, TraceOnWithAFileKeepsEveryUpgradeStepAndTheStatusAfter
     Write10(containers);
     const std::wstring file = TraceFile();
 
-    ProcessRun run = Nvdbconv(L"trace on --file " + QuoteArg(file));
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    ProcessRun run = ExitedWith(0, Nvdbconv(L"trace on --file " + QuoteArg(file)));
     EXPECT_EQ("", run.err);
     EXPECT_TRUE(Contains(run.out, "  trace           on, verbosity 0, appending\n")) << run.out;
     ExpectDword(L"DoTrace", kView64, 1, __LINE__);
@@ -189,13 +188,11 @@ TEST_F(NvdbconvTraceTest, TraceOnWithAFileKeepsEveryUpgradeStepAndTheStatusAfter
               }());
     EXPECT_FALSE(KeyExists(kTracing, kView32));
 
-    run = Nvdbconv(L"upgrade");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    run = ExitedWith(0, Nvdbconv(L"upgrade"));
     EXPECT_EQ("", run.err);
     EXPECT_TRUE(Contains(run.out, "  upgrade         1.0 -> 2.0 -> 3.0 done, 2 of 2 users in the store\n")) << run.out;
     EXPECT_FALSE(Contains(run.out, "NewFileAlways")) << "the settings already append: left alone\n" << run.out;
-    run = Nvdbconv(L"status");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    run = ExitedWith(0, Nvdbconv(L"status"));
     EXPECT_EQ("", run.err);
     ExpectDword(L"NewFileAlways", kView64, 0, __LINE__);
 
@@ -215,17 +212,14 @@ TEST_F(NvdbconvTraceTest, NewFileStartsTheFileAnewInEveryProcessAndIsWarnedAbout
     ASSERT_EQ(0u, Nvdbconv(L"upgrade").exitCode);
     const std::wstring file = TraceFile();
 
-    ProcessRun run = Nvdbconv(L"trace on --new-file --file " + QuoteArg(file));
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    ProcessRun run = ExitedWith(0, Nvdbconv(L"trace on --new-file --file " + QuoteArg(file)));
     EXPECT_EQ(TruncationWarning(file, "NewFileAlways = 1"), run.err);
     EXPECT_TRUE(Contains(run.out, "  trace           on, verbosity 0, a new file per process\n")) << run.out;
     ExpectDword(L"NewFileAlways", kView64, 1, __LINE__);
 
-    run = Nvdbconv(L"version");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    run = ExitedWith(0, Nvdbconv(L"version"));
     ASSERT_EQ(1u, Processes(file).size());
-    run = Nvdbconv(L"status");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    run = ExitedWith(0, Nvdbconv(L"status"));
     EXPECT_EQ(TruncationWarning(file, "NewFileAlways = 1"), run.err);
     const std::vector<std::vector<std::string>> processes = Processes(file);
     ASSERT_EQ(1u, processes.size()) << Listing(processes);
@@ -303,8 +297,7 @@ TEST_F(NvdbconvTraceTest, UpgradeUnderTheDefaultKeepsEveryStepAndRemovesTheValue
     ASSERT_EQ(1u, Processes(file).size()) << "an earlier process's trace";
     const RegTree before64 = Snapshot(kTracing, kView64), before32 = Snapshot(kTracing, kView32);
 
-    const ProcessRun run = Nvdbconv(L"--json upgrade");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    const ProcessRun run = ExitedWith(0, Nvdbconv(L"--json upgrade"));
     EXPECT_EQ("", run.err);
     const JsonValue doc = Json(run);
     EXPECT_EQ("1.0 -> 2.0 -> 3.0 done, 2 of 2 users in the store", doc["summary"].Text());
@@ -339,8 +332,7 @@ TEST_F(NvdbconvTraceTest, UpgradeWithNewFileInThe32BitViewKeepsEveryStepAndPutsT
     ASSERT_FALSE(KeyExists(kTracing, kView64));
     const RegTree before32 = Snapshot(kTracing, kView32);
 
-    const ProcessRun run = Nvdbconv(L"upgrade");
-    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    const ProcessRun run = ExitedWith(0, Nvdbconv(L"upgrade"));
     EXPECT_EQ("", run.err);
     const std::string ok = kSucceeded;
     EXPECT_TRUE(Contains(run.out, "  step 1: 1.0 -> 2.0, Convert " + ok + ", exit 0\n"

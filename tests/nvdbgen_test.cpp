@@ -94,10 +94,7 @@ TEST_F(NvDbGenTest, Format10WritesWhatTheWriterLibraryWritesForTheSameSeed)
     RegTree fromTool = Snapshot(kDbPath, kView32);
     EXPECT_FALSE(KeyExists(kDbPath, kView64));
 
-    nvwriter::DbOptions options;
-    options.users = 30;
-    options.domains = 3;
-    options.seed = 7;
+    nvwriter::DbOptions options = WriterOptions(nvwriter::DbFormat::V10, 30, 3, 7);
     options.wipe = true;
     nvwriter::DbRecord record;
     ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
@@ -134,10 +131,7 @@ TEST_F(NvDbGenTest, ExistingDatabaseNeedsWipe)
 
     ProcessRun wiped = Nvdbgen(L"--format 1.0 --users 9 --domains 2 --seed 2 --wipe");
     EXPECT_EQ(0u, wiped.exitCode) << wiped.err;
-    nvwriter::DbOptions options;
-    options.users = 9;
-    options.domains = 2;
-    options.seed = 2;
+    nvwriter::DbOptions options = WriterOptions(nvwriter::DbFormat::V10, 9, 2, 2);
     options.wipe = true;
     nvwriter::DbRecord record;
     ASSERT_EQ(S_OK, nvwriter::WriteDatabase(options, &record));
@@ -157,11 +151,7 @@ TEST_F(NvDbGenTest, View64WritesThe64BitViewOnly)
 
 TEST_F(NvDbGenTest, Format20WritesTheSameLayoutAsTheWriterLibraryForTheSameSeed)
 {
-    nvwriter::DbOptions options;
-    options.format = nvwriter::DbFormat::V20;
-    options.users = 5;
-    options.domains = 1;
-    options.seed = 9;
+    const nvwriter::DbOptions options = WriterOptions(nvwriter::DbFormat::V20, 5, 1, 9);
     ContainerJanitor containers;
     const nvwriter::Db20Database model = TrackedModel20(containers, options);
 
@@ -183,11 +173,7 @@ TEST_F(NvDbGenTest, Format20WritesTheSameLayoutAsTheWriterLibraryForTheSameSeed)
 
 TEST_F(NvDbGenTest, Users20AddsSealedUsersToA10DatabaseLikeTheWriterLibrary)
 {
-    nvwriter::DbOptions options;
-    options.users = 6;
-    options.domains = 2;
-    options.users20 = 4;
-    options.seed = 11;
+    const nvwriter::DbOptions options = WriterOptions(nvwriter::DbFormat::V10, 6, 2, 11, 4);
     ContainerJanitor containers;
     const nvwriter::Db20Database model = TrackedModel20(containers, options);
 

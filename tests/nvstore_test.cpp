@@ -164,31 +164,29 @@ Bytes PublicKeyProperty(const wchar_t* sid, HRESULT* hr)
 
 constexpr wchar_t kEnhancedProvider[] = L"Microsoft Enhanced Cryptographic Provider v1.0";
 
-bool ContainerExists(const std::wstring& name)
+// Whether the machine container of that name opens with these flags (released again).
+bool AcquireContainer(const std::wstring& name, DWORD flags)
 {
     HCRYPTPROV h = 0;
-    if (!::CryptAcquireContextW(&h, name.c_str(), kEnhancedProvider, PROV_RSA_FULL, CRYPT_MACHINE_KEYSET))
+    if (!::CryptAcquireContextW(&h, name.c_str(), kEnhancedProvider, PROV_RSA_FULL, CRYPT_MACHINE_KEYSET | flags))
         return false;
     ::CryptReleaseContext(h, 0);
     return true;
 }
 
-// A machine container of that name, new and empty (any older one of the name deleted).
-bool CreateContainer(const std::wstring& name)
-{
-    HCRYPTPROV h = 0;
-    ::CryptAcquireContextW(&h, name.c_str(), kEnhancedProvider, PROV_RSA_FULL, CRYPT_MACHINE_KEYSET | CRYPT_DELETEKEYSET);
-    if (!::CryptAcquireContextW(&h, name.c_str(), kEnhancedProvider, PROV_RSA_FULL,
-                                CRYPT_MACHINE_KEYSET | CRYPT_NEWKEYSET))
-        return false;
-    ::CryptReleaseContext(h, 0);
-    return true;
-}
+bool ContainerExists(const std::wstring& name) { return AcquireContainer(name, 0); }
 
 void DeleteContainer(const std::wstring& name)
 {
     HCRYPTPROV h = 0;
     ::CryptAcquireContextW(&h, name.c_str(), kEnhancedProvider, PROV_RSA_FULL, CRYPT_MACHINE_KEYSET | CRYPT_DELETEKEYSET);
+}
+
+// A machine container of that name, new and empty (any older one of the name deleted).
+bool CreateContainer(const std::wstring& name)
+{
+    DeleteContainer(name);
+    return AcquireContainer(name, CRYPT_NEWKEYSET);
 }
 
 std::string WithoutCr(std::string s)
@@ -1185,10 +1183,10 @@ TEST_F(NVStoreTest, DataPersistsIntoAFreshProcess)
     {
         nv::com_ptr<IUnknown> user = Open(kSid);
         nv::com_ptr<IUserSecrets> secrets;
-        nv::com_ptr<IUserTemplates> templates;
-        nv::com_ptr<IUserPayload> payload;
         ASSERT_EQ(S_OK, user.query(secrets));
+        nv::com_ptr<IUserTemplates> templates;
         ASSERT_EQ(S_OK, user.query(templates));
+        nv::com_ptr<IUserPayload> payload;
         ASSERT_EQ(S_OK, user.query(payload));
         const Bytes s1{0xAB, 0xCD}, s2{0x01}, t{0x30, 0x00}, p{0xFE, 0xED};
         CRYPT_DATA_BLOB b1 = In(s1), b2 = In(s2), bt = In(t), bp = In(p);

@@ -113,7 +113,19 @@ Bytes ToBytes(const CRYPT_DATA_BLOB& b) { return b.cbData ? Bytes(b.pbData, b.pb
 
 std::wstring Str(BSTR b) { return std::wstring(b, ::SysStringLen(b)); }
 
+// What UnpackPasswordAndPin gives for one content; outputs it leaves alone keep
+// kSentinel.
 struct Unpacked {
+    explicit Unpacked(const Bytes& content)
+    {
+        CRYPT_DATA_BLOB blob{static_cast<DWORD>(content.size()),
+                             content.empty() ? nullptr : const_cast<BYTE*>(content.data())};
+        hr = UnpackPasswordAndPin(&blob, &password, &pin);
+    }
+    Unpacked() = default;
+    Unpacked(const Unpacked&) = delete;
+    Unpacked& operator=(const Unpacked&) = delete;
+
     HRESULT hr = E_FAIL;
     BSTR password = kSentinel;
     BSTR pin = kSentinel;
@@ -126,10 +138,22 @@ struct Unpacked {
     }
 };
 
-void Unpack(const Bytes& content, Unpacked& u)
+// A refusal with code `hr` that left both outputs alone; `line` is the caller's.
+void ExpectRefused(int line, HRESULT hr, const Unpacked& u)
 {
-    CRYPT_DATA_BLOB blob{static_cast<DWORD>(content.size()), content.empty() ? nullptr : const_cast<BYTE*>(content.data())};
-    u.hr = UnpackPasswordAndPin(&blob, &u.password, &u.pin);
+    SCOPED_TRACE(testing::Message() << "checked at line " << line);
+    EXPECT_EQ(hr, u.hr);
+    EXPECT_EQ(kSentinel, u.password);
+    EXPECT_EQ(kSentinel, u.pin);
+}
+
+// Unpacked to that password and no PIN; `line` is the caller's.
+void ExpectPasswordAndNoPin(int line, const wchar_t* password, const Unpacked& u)
+{
+    SCOPED_TRACE(testing::Message() << "checked at line " << line);
+    ASSERT_EQ(S_OK, u.hr);
+    EXPECT_EQ(password, Str(u.password));
+    EXPECT_EQ(nullptr, u.pin);
 }
 
 } // namespace
@@ -180,11 +204,8 @@ TEST(SecretScramblingTest, UnscramblingLeavesTheSourceAlone)
 
 TEST(UnpackPasswordAndPinTest, EmptyContentIsFileNotFoundAndLeavesTheOutputsAlone)
 {
-    Unpacked u;
-    Unpack({}, u);
-    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), u.hr);
-    EXPECT_EQ(kSentinel, u.password);
-    EXPECT_EQ(kSentinel, u.pin);
+    Unpacked u(Bytes{});
+    ExpectRefused(__LINE__, HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), u);
 
     BYTE byte = 0x30;
     CRYPT_DATA_BLOB noData{1, nullptr};
@@ -206,8 +227,7 @@ TEST(UnpackPasswordAndPinTest, EmptyContentGivesNoPassword)
 
 TEST(UnpackPasswordAndPinTest, PasswordAndPinAreHandedOut)
 {
-    Unpacked u;
-    Unpack(Scrambled(Seq({Uint(1), Bmp(L"Secret-1"), Bmp(L"4711")})), u);
+    Unpacked u(Scrambled(Seq({Uint(1), Bmp(L"Secret-1"), Bmp(L"4711")})));
     ASSERT_EQ(S_OK, u.hr);
     ASSERT_NE(nullptr, u.password);
     ASSERT_NE(nullptr, u.pin);
@@ -217,11 +237,10 @@ TEST(UnpackPasswordAndPinTest, PasswordAndPinAreHandedOut)
 
 TEST(UnpackPasswordAndPinTest, StringsWithOrWithoutTheirTerminatingZeroGiveTheSamePasswordAndPin)
 {
-    Unpacked bare, terminated, mixed;
-    Unpack(Scrambled(Seq({Uint(1), Bmp(L"Secret-1"), Bmp(L"4711")})), bare);
-    Unpack(Scrambled(Seq({Uint(1), Bmp(std::wstring(L"Secret-1") + L'\0'), Bmp(std::wstring(L"4711") + L'\0')})),
-           terminated);
-    Unpack(Scrambled(Seq({Uint(1), Bmp(std::wstring(L"Secret-1") + L'\0'), Bmp(L"4711")})), mixed);
+    Unpacked bare(Scrambled(Seq({Uint(1), Bmp(L"Secret-1"), Bmp(L"4711")})));
+    Unpacked terminated(
+        Scrambled(Seq({Uint(1), Bmp(std::wstring(L"Secret-1") + L'\0'), Bmp(std::wstring(L"4711") + L'\0')})));
+    Unpacked mixed(Scrambled(Seq({Uint(1), Bmp(std::wstring(L"Secret-1") + L'\0'), Bmp(L"4711")})));
     for (Unpacked* u : {&bare, &terminated, &mixed}) {
         ASSERT_EQ(S_OK, u->hr);
         ASSERT_NE(nullptr, u->password);
@@ -232,50 +251,37 @@ TEST(UnpackPasswordAndPinTest, StringsWithOrWithoutTheirTerminatingZeroGiveTheSa
         EXPECT_EQ(4u, ::SysStringLen(u->pin));
     }
     // A PIN that holds nothing but its terminator is no PIN.
-    Unpacked emptyPin;
-    Unpack(Scrambled(Seq({Uint(1), Bmp(std::wstring(L"pw") + L'\0'), Bmp(std::wstring(1, L'\0'))})), emptyPin);
-    ASSERT_EQ(S_OK, emptyPin.hr);
-    EXPECT_EQ(L"pw", Str(emptyPin.password));
-    EXPECT_EQ(nullptr, emptyPin.pin);
+    Unpacked emptyPin(Scrambled(Seq({Uint(1), Bmp(std::wstring(L"pw") + L'\0'), Bmp(std::wstring(1, L'\0'))})));
+    ASSERT_NO_FATAL_FAILURE(ExpectPasswordAndNoPin(__LINE__, L"pw", emptyPin));
 }
 
 TEST(UnpackPasswordAndPinTest, VersionNineIsAcceptedVersionTenAndZeroAreBadData)
 {
-    Unpacked v9;
-    Unpack(Scrambled(Seq({Uint(9), Bmp(L"pw"), Bmp(L"12")})), v9);
+    Unpacked v9(Scrambled(Seq({Uint(9), Bmp(L"pw"), Bmp(L"12")})));
     EXPECT_EQ(S_OK, v9.hr);
     ASSERT_NE(nullptr, v9.password);
     EXPECT_EQ(L"pw", Str(v9.password));
 
-    Unpacked v10;
-    Unpack(Scrambled(Seq({Uint(10), Bmp(L"pw"), Bmp(L"12")})), v10);
-    EXPECT_EQ(NTE_BAD_DATA, v10.hr);
-    EXPECT_EQ(kSentinel, v10.password);
-    EXPECT_EQ(kSentinel, v10.pin);
+    Unpacked v10(Scrambled(Seq({Uint(10), Bmp(L"pw"), Bmp(L"12")})));
+    ExpectRefused(__LINE__, NTE_BAD_DATA, v10);
 
-    Unpacked v0;
-    Unpack(Scrambled(Seq({Uint(0), Bmp(L"pw")})), v0);
+    Unpacked v0(Scrambled(Seq({Uint(0), Bmp(L"pw")})));
     EXPECT_EQ(NTE_BAD_DATA, v0.hr);
     EXPECT_EQ(kSentinel, v0.password);
 
-    Unpacked v200;
-    Unpack(Scrambled(Seq({Uint(200), Bmp(L"pw")})), v200);
+    Unpacked v200(Scrambled(Seq({Uint(200), Bmp(L"pw")})));
     EXPECT_EQ(NTE_BAD_DATA, v200.hr);
 }
 
 TEST(UnpackPasswordAndPinTest, SequenceWithoutItemsIsBadData)
 {
-    Unpacked u;
-    Unpack(Scrambled(Seq({})), u);
-    EXPECT_EQ(NTE_BAD_DATA, u.hr);
-    EXPECT_EQ(kSentinel, u.password);
-    EXPECT_EQ(kSentinel, u.pin);
+    Unpacked u(Scrambled(Seq({})));
+    ExpectRefused(__LINE__, NTE_BAD_DATA, u);
 }
 
 TEST(UnpackPasswordAndPinTest, TwoItemsGiveThePasswordAndNoPin)
 {
-    Unpacked u;
-    Unpack(Scrambled(Seq({Uint(1), Bmp(L"only password")})), u);
+    Unpacked u(Scrambled(Seq({Uint(1), Bmp(L"only password")})));
     ASSERT_EQ(S_OK, u.hr);
     ASSERT_NE(nullptr, u.password);
     EXPECT_EQ(L"only password", Str(u.password));
@@ -284,17 +290,13 @@ TEST(UnpackPasswordAndPinTest, TwoItemsGiveThePasswordAndNoPin)
 
 TEST(UnpackPasswordAndPinTest, EmptyPinItemGivesNoPin)
 {
-    Unpacked u;
-    Unpack(Scrambled(Seq({Uint(2), Bmp(L"pw"), Bmp(L"")})), u);
-    ASSERT_EQ(S_OK, u.hr);
-    EXPECT_EQ(L"pw", Str(u.password));
-    EXPECT_EQ(nullptr, u.pin);
+    Unpacked u(Scrambled(Seq({Uint(2), Bmp(L"pw"), Bmp(L"")})));
+    ASSERT_NO_FATAL_FAILURE(ExpectPasswordAndNoPin(__LINE__, L"pw", u));
 }
 
 TEST(UnpackPasswordAndPinTest, EmptyPasswordItemGivesAnEmptyPassword)
 {
-    Unpacked u;
-    Unpack(Scrambled(Seq({Uint(1), Bmp(L""), Bmp(L"1234")})), u);
+    Unpacked u(Scrambled(Seq({Uint(1), Bmp(L""), Bmp(L"1234")})));
     ASSERT_EQ(S_OK, u.hr);
     ASSERT_NE(nullptr, u.password);
     EXPECT_EQ(0u, ::SysStringLen(u.password));
@@ -304,8 +306,7 @@ TEST(UnpackPasswordAndPinTest, EmptyPasswordItemGivesAnEmptyPassword)
 
 TEST(UnpackPasswordAndPinTest, VersionAloneGivesNeitherPasswordNorPin)
 {
-    Unpacked u;
-    Unpack(Scrambled(Seq({Uint(3)})), u);
+    Unpacked u(Scrambled(Seq({Uint(3)})));
     EXPECT_EQ(S_OK, u.hr);
     EXPECT_EQ(nullptr, u.password);
     EXPECT_EQ(nullptr, u.pin);
@@ -334,32 +335,24 @@ TEST(UnpackPasswordAndPinTest, StringItemsOfOtherTextTypesFollowTheWideStringRul
 {
     // An IA5 PIN is a string like a BMP one; a UTF-8 PIN is no string (no PIN), and
     // a UTF-8 password item decodes to nothing, handed out as the empty password.
-    Unpacked u;
-    Unpack(Scrambled(Seq({Uint(1), Tlv(0x0C, {'p', 'w'}), Tlv(0x16, {'1', '2', '3'})})), u);
+    Unpacked u(Scrambled(Seq({Uint(1), Tlv(0x0C, {'p', 'w'}), Tlv(0x16, {'1', '2', '3'})})));
     ASSERT_EQ(S_OK, u.hr);
     ASSERT_NE(nullptr, u.password);
     EXPECT_EQ(0u, ::SysStringLen(u.password));
     ASSERT_NE(nullptr, u.pin);
     EXPECT_EQ(L"123", Str(u.pin));
 
-    Unpacked v;
-    Unpack(Scrambled(Seq({Uint(1), Bmp(L"pw"), Tlv(0x0C, {'1', '2'})})), v);
-    ASSERT_EQ(S_OK, v.hr);
-    EXPECT_EQ(L"pw", Str(v.password));
-    EXPECT_EQ(nullptr, v.pin);
+    Unpacked v(Scrambled(Seq({Uint(1), Bmp(L"pw"), Tlv(0x0C, {'1', '2'})})));
+    ASSERT_NO_FATAL_FAILURE(ExpectPasswordAndNoPin(__LINE__, L"pw", v));
 }
 
 TEST(UnpackPasswordAndPinTest, ContentThatIsNoSequenceFailsWithTheDecodeError)
 {
-    Unpacked u;
-    Unpack(Scrambled(Tlv(0x04, {0x01, 0x02})), u);
-    EXPECT_EQ(CRYPT_E_ASN1_BADTAG, u.hr);
-    EXPECT_EQ(kSentinel, u.password);
-    EXPECT_EQ(kSentinel, u.pin);
+    Unpacked u(Scrambled(Tlv(0x04, {0x01, 0x02})));
+    ExpectRefused(__LINE__, CRYPT_E_ASN1_BADTAG, u);
 
     // The same bytes unscrambled are not taken as they stand.
-    Unpacked plain;
-    Unpack(Seq({Uint(1), Bmp(L"pw")}), plain);
+    Unpacked plain(Seq({Uint(1), Bmp(L"pw")}));
     EXPECT_TRUE(FAILED(plain.hr));
     EXPECT_EQ(kSentinel, plain.password);
 }
@@ -372,22 +365,17 @@ TEST(UnpackPasswordAndPinTest, ASequenceTheCoderRunsOffIsMalformedDataNotAccessD
     // verdict "corrupt", which the conversion takes as malformed data.
     const Bytes plain = {0x30, 0x81, 0x02, 0x01, 0x01, 0x1E, 0x18, 0x00, 0x54, 0x00,
                          0x72, 0x84, 0x30, 0x00, 0x75, 0x00, 0x62, 0x00, 0x34};
-    Unpacked u;
-    Unpack(Scrambled(plain), u);
-    EXPECT_EQ(CRYPT_E_ASN1_CORRUPT, u.hr);
-    EXPECT_EQ(kSentinel, u.password);
-    EXPECT_EQ(kSentinel, u.pin);
+    Unpacked u(Scrambled(plain));
+    ExpectRefused(__LINE__, CRYPT_E_ASN1_CORRUPT, u);
 }
 
 TEST(UnpackPasswordAndPinTest, VersionItemThatIsNoNumberFailsWithTheDecodeError)
 {
-    Unpacked u;
-    Unpack(Scrambled(Seq({Tlv(0x04, {0x01}), Bmp(L"pw")})), u);
+    Unpacked u(Scrambled(Seq({Tlv(0x04, {0x01}), Bmp(L"pw")})));
     EXPECT_EQ(CRYPT_E_ASN1_BADTAG, u.hr);
     EXPECT_EQ(kSentinel, u.password);
 
-    Unpacked big;
-    Unpack(Scrambled(Seq({Tlv(0x02, {0x01, 0x00, 0x00, 0x00, 0x01}), Bmp(L"pw")})), big);
+    Unpacked big(Scrambled(Seq({Tlv(0x02, {0x01, 0x00, 0x00, 0x00, 0x01}), Bmp(L"pw")})));
     EXPECT_EQ(CRYPT_E_ASN1_LARGE, big.hr);
     EXPECT_EQ(kSentinel, big.password);
 }
@@ -398,8 +386,7 @@ TEST(UnpackPasswordAndPinTest, LongPasswordsSurvive)
     for (int i = 0; i < 300; ++i)
         longPassword += static_cast<wchar_t>(L'a' + i % 26);
     longPassword += L"\u00E9\u20AC";
-    Unpacked u;
-    Unpack(Scrambled(Seq({Uint(1), Bmp(longPassword), Bmp(L"0000")})), u);
+    Unpacked u(Scrambled(Seq({Uint(1), Bmp(longPassword), Bmp(L"0000")})));
     ASSERT_EQ(S_OK, u.hr);
     EXPECT_EQ(longPassword, Str(u.password));
     EXPECT_EQ(L"0000", Str(u.pin));
@@ -722,9 +709,8 @@ protected:
 
 TEST_F(SecretPackingTraceTest, UnpackTracesSizeItemsVersionAndTheCombinedFlagWithTwoBlanks)
 {
-    Unpacked u;
     const Bytes content = Scrambled(Seq({Uint(4), Bmp(L"Tr4ced?"), Bmp(L"8642")}));
-    Unpack(content, u);
+    Unpacked u(content);
     ASSERT_EQ(S_OK, u.hr);
     EXPECT_EQ((std::vector<std::string>{"> UnpackPasswordAndPin()",
                                         "U Primary data size = " + std::to_string(content.size()),
@@ -738,16 +724,14 @@ TEST_F(SecretPackingTraceTest, UnpackTracesSizeItemsVersionAndTheCombinedFlagWit
 
 TEST_F(SecretPackingTraceTest, UnpackTracesItsFailureCodes)
 {
-    Unpacked empty;
-    Unpack({}, empty);
+    Unpacked empty(Bytes{});
     EXPECT_EQ((std::vector<std::string>{"> UnpackPasswordAndPin()", "U Primary data size = 0", "E -2147024894 ", "<"}),
               trace.Lines())
         << trace.Dump();
 
     nvtest::TraceCapture second;
     second.Start();
-    Unpacked none;
-    Unpack(Scrambled(Seq({})), none);
+    Unpacked none(Scrambled(Seq({})));
     EXPECT_EQ((std::vector<std::string>{"> UnpackPasswordAndPin()", "U Primary data size = 2", "U pSeq->cValue = 0",
                                         "E -2146893819 ", "<"}),
               second.Lines())
@@ -755,8 +739,7 @@ TEST_F(SecretPackingTraceTest, UnpackTracesItsFailureCodes)
 
     nvtest::TraceCapture third;
     third.Start();
-    Unpacked v10;
-    Unpack(Scrambled(Seq({Uint(10), Bmp(L"pw")})), v10);
+    Unpacked v10(Scrambled(Seq({Uint(10), Bmp(L"pw")})));
     EXPECT_EQ((std::vector<std::string>{"> UnpackPasswordAndPin()", "U Primary data size = 11", "U pSeq->cValue = 2",
                                         "U ulCurrentVersion = 10", "E -2146893819 ", "<"}),
               third.Lines())

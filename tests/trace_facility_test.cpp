@@ -32,15 +32,7 @@ DWORD FixedTickCount() { return g_tick; }
 
 SYSTEMTIME Time(WORD year, WORD month, WORD day, WORD hour, WORD minute, WORD second, WORD ms)
 {
-    SYSTEMTIME t = {};
-    t.wYear = year;
-    t.wMonth = month;
-    t.wDay = day;
-    t.wHour = hour;
-    t.wMinute = minute;
-    t.wSecond = second;
-    t.wMilliseconds = ms;
-    return t;
+    return SYSTEMTIME{year, month, 0 /* wDayOfWeek */, day, hour, minute, second, ms};
 }
 
 std::wstring TempDir()

@@ -146,6 +146,32 @@ protected:
         SetDword(kTracing, L"NewFileAlways", append ? 0 : 1, kViewNative);
     }
 
+    // A folder that is not local (`given`, seen locally as `seen`): the library
+    // neither opens a trace file there nor makes TracePath folders in it.
+    void ExpectNothingWrittenTo(const std::wstring& given, const std::wstring& seen)
+    {
+        UseFileName(given + L"\\host.trc3", false);
+        TraceOnce();
+        EXPECT_FALSE(Exists(seen + L"\\host.trc3"));
+        EXPECT_EQ(TraceFileVerdict::NotALocalPath, VerdictOfAFileOutput());
+        EXPECT_FALSE(Exists(seen + L"\\host.trc3"));
+
+        DeleteValue(kTracing, L"FileName", kViewNative);
+        SetString(kTracing, L"TracePath", given + L"\\logs", kViewNative);
+        TraceOnce();
+        EXPECT_FALSE(Exists(seen + L"\\logs"));
+    }
+
+    // A file worth keeping behind the linked folder, and one trace aimed at it
+    // through the link.
+    void TraceThroughALinkToAVictim(bool append)
+    {
+        PlantLinkedFolder();
+        WriteBytes(dir + L"\\target\\victim.trc3", kPrecious);
+        UseFileName(dir + L"\\link\\victim.trc3", append);
+        TraceOnce();
+    }
+
     std::wstring dir;
 };
 
@@ -153,10 +179,7 @@ protected:
 
 TEST_F(TraceFileCheckTest, NewFileThroughALinkedFolderLeavesTheFileThereUntouched)
 {
-    PlantLinkedFolder();
-    WriteBytes(dir + L"\\target\\victim.trc3", kPrecious);
-    UseFileName(dir + L"\\link\\victim.trc3", false);
-    TraceOnce();
+    TraceThroughALinkToAVictim(false);
     EXPECT_EQ(kPrecious, ReadBytes(dir + L"\\target\\victim.trc3")) << "truncated through the link";
     EXPECT_EQ(TraceFileVerdict::Redirected, VerdictOfAFileOutput());
     EXPECT_EQ(kPrecious, ReadBytes(dir + L"\\target\\victim.trc3"));
@@ -164,10 +187,7 @@ TEST_F(TraceFileCheckTest, NewFileThroughALinkedFolderLeavesTheFileThereUntouche
 
 TEST_F(TraceFileCheckTest, AppendingThroughALinkedFolderAddsNothingToTheFileThere)
 {
-    PlantLinkedFolder();
-    WriteBytes(dir + L"\\target\\victim.trc3", kPrecious);
-    UseFileName(dir + L"\\link\\victim.trc3", true);
-    TraceOnce();
+    TraceThroughALinkToAVictim(true);
     EXPECT_EQ(kPrecious, ReadBytes(dir + L"\\target\\victim.trc3")) << "appended to through the link";
     EXPECT_EQ(TraceFileVerdict::Redirected, VerdictOfAFileOutput());
 }
@@ -318,17 +338,7 @@ TEST_F(TraceFileCheckTest, UncFileNameOrTracePathIsNeverUsed)
     WriteBytes(unc + L"\\reachable.txt", "yes");
     EXPECT_EQ("yes", ReadBytes(unc + L"\\reachable.txt")) << "Wine does not serve the share";
 
-    UseFileName(unc + L"\\host.trc3", false);
-    TraceOnce();
-    EXPECT_FALSE(Exists(unc + L"\\host.trc3"));
-    EXPECT_EQ(TraceFileVerdict::NotALocalPath, VerdictOfAFileOutput());
-    EXPECT_FALSE(Exists(unc + L"\\host.trc3"));
-
-    // Nor are TracePath folders made there.
-    DeleteValue(kTracing, L"FileName", kViewNative);
-    SetString(kTracing, L"TracePath", unc + L"\\logs", kViewNative);
-    TraceOnce();
-    EXPECT_FALSE(Exists(unc + L"\\logs"));
+    ExpectNothingWrittenTo(unc, unc);
     EXPECT_TRUE(RunUnix({"rm", "-rf", shareDir}));
 }
 
@@ -374,16 +384,7 @@ TEST_F(TraceFileCheckTest, DriveMappedToAShareIsNeitherOpenedNorSearched)
     EXPECT_TRUE(NVTraceNS::IsLocalTracePath((dir + L"\\plain").c_str()));
     EXPECT_EQ(TraceFileVerdict::NotALocalPath, NVTraceNS::ProbeTraceFile((mapped + L"\\plain\\t.trc3").c_str()));
 
-    UseFileName(mapped + L"\\plain\\host.trc3", false);
-    TraceOnce();
-    EXPECT_FALSE(Exists(dir + L"\\plain\\host.trc3"));
-    EXPECT_EQ(TraceFileVerdict::NotALocalPath, VerdictOfAFileOutput());
-    EXPECT_FALSE(Exists(dir + L"\\plain\\host.trc3"));
-
-    DeleteValue(kTracing, L"FileName", kViewNative);
-    SetString(kTracing, L"TracePath", mapped + L"\\plain\\logs", kViewNative);
-    TraceOnce();
-    EXPECT_FALSE(Exists(dir + L"\\plain\\logs"));
+    ExpectNothingWrittenTo(mapped + L"\\plain", dir + L"\\plain");
     // The answers were the system's to give, for Z:'s root.
     EXPECT_NE(g_rootsAsked.end(), std::find(g_rootsAsked.begin(), g_rootsAsked.end(), L"Z:\\"));
 }

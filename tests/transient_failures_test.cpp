@@ -41,6 +41,25 @@ namespace {
 
 using Bytes = std::vector<BYTE>;
 
+// A fingerprint credential of that mask with a template at each position: `size`
+// bytes of `firstByte` + the position, in that format.
+Db20Credential FingerprintCredential(DWORD mask, std::initializer_list<unsigned> positions, DWORD format, DWORD size,
+                                     BYTE firstByte)
+{
+    Db20Credential c;
+    c.credentialId = kDb20FingerprintCredentialId;
+    c.mask = mask;
+    for (unsigned position : positions) {
+        Db20Template t;
+        t.position = position;
+        t.format = format;
+        t.data.assign(size, static_cast<BYTE>(firstByte + position));
+        t.size = size;
+        c.templates.push_back(t);
+    }
+    return c;
+}
+
 DerView View(const Bytes& b) { return DerView(b.data(), static_cast<DWORD>(b.size())); }
 
 struct FailureKind {
@@ -238,7 +257,38 @@ TEST(SecretRecordFailureTest, EveryDecodeFailingWithOutOfMemoryRaisesIt)
 
 // ---- Import, GetContent and the user blob parser, on a provisioned machine -----------
 
-class ProvisionedReaderFailureTest : public ProvisionedHostTest {};
+class ProvisionedReaderFailureTest : public ProvisionedHostTest {
+protected:
+    // Parses the user blob once, unhindered, counting its decoder calls; the
+    // template mask it read goes to *mask when asked for.
+    static void ParseCountingDecodes(const Bytes& blob, unsigned* calls, DWORD* mask)
+    {
+        ApiFaults faults;
+        LegacyNVDB2::CLocalDBUserExtractor extractor;
+        NV_USER_RECORD r{};
+        ASSERT_EQ(S_OK, extractor.ParseUserBlob(static_cast<DWORD>(blob.size()), blob.data(), &r));
+        if (mask)
+            *mask = r.dwTemplateMask;
+        *calls = faults.DecodeCalls();
+        ::LocalFree(r.pSid);
+    }
+
+    // What parsing the user blob answers when decoder call `n` fails with that error.
+    static HRESULT ParseWithDecodeFailing(const Bytes& blob, unsigned n, DWORD lastError)
+    {
+        LegacyNVDB2::CLocalDBUserExtractor extractor;
+        NV_USER_RECORD r{};
+        HRESULT hr = E_FAIL;
+        {
+            ApiFaults faults;
+            faults.FailDecode(n, lastError);
+            hr = extractor.ParseUserBlob(static_cast<DWORD>(blob.size()), blob.data(), &r);
+        }
+        if (r.pSid)
+            ::LocalFree(r.pSid);
+        return hr;
+    }
+};
 
 TEST_F(ProvisionedReaderFailureTest, ImportRaisesNothingButReportsOutOfMemoryAndStaysLenientOnData)
 {
@@ -320,44 +370,17 @@ TEST_F(ProvisionedReaderFailureTest, ParseUserBlobReturnsOutOfMemoryFromEveryDec
     Db20User u;
     u.guid = kGuid;
     u.sidText = L"S-1-5-21-1-2-3-1001";
-    Db20Credential c;
-    c.credentialId = kDb20FingerprintCredentialId;
-    c.mask = 0x5;
-    for (unsigned position : {0u, 2u}) {
-        Db20Template t;
-        t.position = position;
-        t.format = 1;
-        t.data.assign(32, static_cast<BYTE>(position + 1));
-        t.size = 32;
-        c.templates.push_back(t);
-    }
-    u.credentials.push_back(c);
+    u.credentials.push_back(FingerprintCredential(0x5, {0u, 2u}, 1, 32, 1));
     const Bytes blob = EncodeDb20UserBlob(0, u);
 
     unsigned calls = 0;
-    {
-        ApiFaults faults;
-        LegacyNVDB2::CLocalDBUserExtractor extractor;
-        NV_USER_RECORD r{};
-        ASSERT_EQ(S_OK, extractor.ParseUserBlob(static_cast<DWORD>(blob.size()), blob.data(), &r));
-        EXPECT_EQ(0x5u, r.dwTemplateMask);
-        calls = faults.DecodeCalls();
-        ::LocalFree(r.pSid);
-    }
+    DWORD mask = 0;
+    ASSERT_NO_FATAL_FAILURE(ParseCountingDecodes(blob, &calls, &mask));
+    EXPECT_EQ(0x5u, mask);
     ASSERT_GT(calls, 30u);
     for (unsigned n = 1; n <= calls; ++n) {
         SCOPED_TRACE("call " + std::to_string(n));
-        LegacyNVDB2::CLocalDBUserExtractor extractor;
-        NV_USER_RECORD r{};
-        HRESULT hr = E_FAIL;
-        {
-            ApiFaults faults;
-            faults.FailDecode(n, ERROR_NOT_ENOUGH_MEMORY);
-            hr = extractor.ParseUserBlob(static_cast<DWORD>(blob.size()), blob.data(), &r);
-        }
-        EXPECT_EQ(E_OUTOFMEMORY, hr);
-        if (r.pSid)
-            ::LocalFree(r.pSid);
+        EXPECT_EQ(E_OUTOFMEMORY, ParseWithDecodeFailing(blob, n, ERROR_NOT_ENOUGH_MEMORY));
     }
 }
 
@@ -368,25 +391,12 @@ TEST_F(ProvisionedReaderFailureTest, ParseUserBlobStaysLenientWhenAnyDecodeIsAVe
     u.sidText = L"S-1-5-21-1-2-3-1001";
     const Bytes blob = EncodeDb20UserBlob(0, u);
     unsigned calls = 0;
-    {
-        ApiFaults faults;
-        LegacyNVDB2::CLocalDBUserExtractor extractor;
-        NV_USER_RECORD r{};
-        ASSERT_EQ(S_OK, extractor.ParseUserBlob(static_cast<DWORD>(blob.size()), blob.data(), &r));
-        calls = faults.DecodeCalls();
-        ::LocalFree(r.pSid);
-    }
+    ASSERT_NO_FATAL_FAILURE(ParseCountingDecodes(blob, &calls, nullptr));
     ASSERT_GT(calls, 10u);
     for (unsigned n = 1; n <= calls; ++n) {
         for (const FailureKind& kind : kDecodeVerdictKinds) {
             SCOPED_TRACE("call " + std::to_string(n) + " " + kind.name);
-            LegacyNVDB2::CLocalDBUserExtractor extractor;
-            NV_USER_RECORD r{};
-            ApiFaults faults;
-            faults.FailDecode(n, kind.lastError);
-            EXPECT_EQ(S_OK, extractor.ParseUserBlob(static_cast<DWORD>(blob.size()), blob.data(), &r));
-            if (r.pSid)
-                ::LocalFree(r.pSid);
+            EXPECT_EQ(S_OK, ParseWithDecodeFailing(blob, n, kind.lastError));
         }
     }
 }
@@ -575,17 +585,7 @@ protected:
         nvwriter::Db20Database db = MakeDatabase(1, 61);
         nvwriter::Db20User& u = db.users[0];
         u.credentials.clear();
-        nvwriter::Db20Credential c;
-        c.credentialId = kDb20FingerprintCredentialId;
-        c.mask = 0x9;
-        for (unsigned position : {0u, 3u}) {
-            Db20Template t;
-            t.position = position;
-            t.format = 2;
-            t.data.assign(24, static_cast<BYTE>(0x70 + position));
-            t.size = 24;
-            c.templates.push_back(t);
-        }
+        nvwriter::Db20Credential c = FingerprintCredential(0x9, {0u, 3u}, 2, 24, 0x70);
         u.credentials.push_back(c);
         return db;
     }

@@ -16,6 +16,7 @@
 #include "support/key_containers.h"
 #include "support/api_faults.h"
 #include "support/registry_sandbox.h"
+#include "support/template_expectations.h"
 #include "support/trace_capture.h"
 #include "support/db_paths.h"
 #include "writer/db20_der.h"
@@ -98,16 +99,23 @@ std::vector<BYTE> ContentOf(CNVSecret& secret, bool* produced)
     return out;
 }
 
+// The structure CryptDecodeObject makes of `der` as `type` (empty when it is none).
+std::vector<BYTE> DecodedAs(LPCSTR type, const std::vector<BYTE>& der)
+{
+    DWORD cb = 0;
+    if (!::CryptDecodeObject(X509_ASN_ENCODING, type, der.data(), static_cast<DWORD>(der.size()), 0, nullptr, &cb))
+        return {};
+    std::vector<BYTE> buf(cb);
+    if (!::CryptDecodeObject(X509_ASN_ENCODING, type, der.data(), static_cast<DWORD>(der.size()), 0, buf.data(), &cb))
+        return {};
+    return buf;
+}
+
 // The content of a DER OCTET STRING (empty when it is none).
 std::vector<BYTE> OctetsOf(const std::vector<BYTE>& der)
 {
-    DWORD cb = 0;
-    if (!::CryptDecodeObject(X509_ASN_ENCODING, X509_OCTET_STRING, der.data(), static_cast<DWORD>(der.size()), 0,
-                             nullptr, &cb))
-        return {};
-    std::vector<BYTE> buf(cb);
-    if (!::CryptDecodeObject(X509_ASN_ENCODING, X509_OCTET_STRING, der.data(), static_cast<DWORD>(der.size()), 0,
-                             buf.data(), &cb))
+    const std::vector<BYTE> buf = DecodedAs(X509_OCTET_STRING, der);
+    if (buf.empty())
         return {};
     const auto* blob = reinterpret_cast<const CRYPT_DATA_BLOB*>(buf.data());
     return std::vector<BYTE>(blob->pbData, blob->pbData + blob->cbData);
@@ -116,13 +124,8 @@ std::vector<BYTE> OctetsOf(const std::vector<BYTE>& der)
 // The items of a DER SEQUENCE OF ANY, each a complete DER value (none when it is none).
 std::vector<std::vector<BYTE>> SequenceItems(const std::vector<BYTE>& der)
 {
-    DWORD cb = 0;
-    if (!::CryptDecodeObject(X509_ASN_ENCODING, X509_SEQUENCE_OF_ANY, der.data(), static_cast<DWORD>(der.size()), 0,
-                             nullptr, &cb))
-        return {};
-    std::vector<BYTE> buf(cb);
-    if (!::CryptDecodeObject(X509_ASN_ENCODING, X509_SEQUENCE_OF_ANY, der.data(), static_cast<DWORD>(der.size()), 0,
-                             buf.data(), &cb))
+    const std::vector<BYTE> buf = DecodedAs(X509_SEQUENCE_OF_ANY, der);
+    if (buf.empty())
         return {};
     const auto* seq = reinterpret_cast<const CRYPT_SEQUENCE_OF_ANY*>(buf.data());
     std::vector<std::vector<BYTE>> items;
@@ -227,15 +230,7 @@ protected:
         const size_t expected = fp ? fp->templates.size() : 0;
         ASSERT_EQ(expected, templates.size());
         for (size_t i = 0; i < expected; ++i) {
-            const Db20Template& t = fp->templates[i];
-            const CNVTemplate& a = *templates[i];
-            EXPECT_EQ(t.format, a.m_header.info.dwFormat);
-            EXPECT_EQ(t.flags, a.m_header.info.dwFlags);
-            EXPECT_TRUE(IsEqualGUID(t.type, a.m_header.info.guidType));
-            EXPECT_TRUE(IsEqualGUID(t.owner, a.m_header.info.guidOwner));
-            EXPECT_EQ(t.size, a.m_header.info.dwSize);
-            EXPECT_EQ(t.headerValue, a.m_header.lHeaderValue);
-            EXPECT_EQ(t.data, a.m_data);
+            ExpectTemplate(fp->templates[i], *templates[i]);
         }
     }
 

@@ -12,6 +12,7 @@
 #include "legacydb/userextractor.h"
 #include "support/api_faults.h"
 #include "support/registry_sandbox.h"
+#include "support/template_expectations.h"
 #include "support/trace_capture.h"
 #include "writer/db20_der.h"
 #include "writer/db20_writer.h"
@@ -115,17 +116,6 @@ std::wstring SidOf(const NV_USER_RECORD& r)
     std::wstring s = text;
     ::LocalFree(text);
     return s;
-}
-
-void ExpectTemplate(const Db20Template& expected, const CNVTemplate& actual)
-{
-    EXPECT_EQ(expected.format, actual.m_header.info.dwFormat);
-    EXPECT_EQ(expected.flags, actual.m_header.info.dwFlags);
-    EXPECT_TRUE(IsEqualGUID(expected.type, actual.m_header.info.guidType));
-    EXPECT_TRUE(IsEqualGUID(expected.owner, actual.m_header.info.guidOwner));
-    EXPECT_EQ(expected.size, actual.m_header.info.dwSize);
-    EXPECT_EQ(expected.headerValue, actual.m_header.lHeaderValue);
-    EXPECT_EQ(expected.data, actual.m_data);
 }
 
 bool IsZeroTemplate(const CNVTemplate& t)

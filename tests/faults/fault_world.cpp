@@ -7,6 +7,7 @@
 #include "frame/dblayout.h"
 #include "nvstore_inspect.h"
 #include "support/conversion_fixture.h"
+#include "support/drawn_records.h"
 #include "writer/host_provisioning.h"
 #include "writer/legacy_writer.h"
 
@@ -71,7 +72,7 @@ public:
         m_prng.Fill(b.data(), b.size());
         return b;
     }
-    std::wstring Text(size_t n, const wchar_t* alphabet)
+    std::wstring Chars(size_t n, const wchar_t* alphabet)
     {
         const size_t len = std::wcslen(alphabet);
         std::wstring s;
@@ -126,18 +127,7 @@ nvwriter::Db20Database FaultDatabase20()
     for (size_t i = 0; i < db.users.size(); ++i) {
         nvwriter::Db20User& u = db.users[i];
         u.secrets.clear();
-        nvwriter::Db20Secret logon;
-        logon.valueName = logon.name = nvwriter::kDb20LogonInfoSecret;
-        logon.headerGuid = rng.Guid();
-        logon.guid = rng.Guid();
-        logon.combined = true;
-        logon.combinedVersion = 1 + rng.Below(3);
-        logon.hasPassword = true;
-        logon.password = rng.Text(10 + rng.Below(8), L"abcdefghijkmnopqrstuvwxyzABCDEFGHJKLMNPQRSTUVWXYZ23456789!#%+-_");
-        logon.hasPin = true;
-        logon.pin = rng.Text(11 + rng.Below(4), L"0123456789");
-        logon.content = nvwriter::EncodeDb20CombinedSecret(logon);
-        u.secrets.push_back(logon);
+        u.secrets.push_back(nvtest::DrawLogonSecret(rng, 3, 10, 8));
         for (const wchar_t* name : kSecretNames) {
             nvwriter::Db20Secret plain;
             plain.valueName = plain.name = name;
@@ -157,20 +147,7 @@ nvwriter::Db20Database FaultDatabase20()
         nvwriter::Db20Credential fingerprints;
         fingerprints.credentialId = nvwriter::kDb20FingerprintCredentialId;
         fingerprints.mask = kMasks[i % (sizeof(kMasks) / sizeof(kMasks[0]))];
-        for (unsigned bit = 0; bit < 32; ++bit) {
-            if (!(fingerprints.mask & (1u << bit)))
-                continue;
-            nvwriter::Db20Template t;
-            t.position = bit;
-            t.format = 1 + rng.Below(2);
-            t.flags = rng.Below(4);
-            t.type = rng.Guid();
-            t.owner = rng.Guid();
-            t.data = rng.Bytes(48 + rng.Below(160));
-            t.size = static_cast<DWORD>(t.data.size());
-            t.headerValue = static_cast<LONG>(rng.Below(101));
-            fingerprints.templates.push_back(std::move(t));
-        }
+        fingerprints.templates = nvtest::DrawTemplates(rng, fingerprints.mask, 48, 160);
         credentials.push_back(std::move(fingerprints));
         u.credentials = std::move(credentials);
     }

@@ -94,29 +94,24 @@ void RecordBstr(BSTR b, int owner)
 
 template <int O>
 struct Hooks {
-    static LPVOID WINAPI HeapAllocH(HANDLE h, DWORD f, SIZE_T n)
+    // Notes a block the owner O got and hands it on.
+    template <class P>
+    static P Kept(P p, SIZE_T n)
     {
-        LPVOID p = Real<decltype(&HeapAllocH)>(O, kHeapAlloc)(h, f, n);
         Record(p, n, O);
         return p;
     }
-    static LPVOID WINAPI HeapReAllocH(HANDLE h, DWORD f, LPVOID old, SIZE_T n)
+    // HeapAlloc and RtlAllocateHeap (and their re-allocs) share a signature: one
+    // hook each, told apart by which real function it forwards to.
+    template <Fn F>
+    static LPVOID WINAPI HeapAllocAs(HANDLE h, DWORD f, SIZE_T n)
     {
-        LPVOID p = Real<decltype(&HeapReAllocH)>(O, kHeapReAlloc)(h, f, old, n);
-        Record(p, n, O);
-        return p;
+        return Kept(Real<decltype(&HeapAllocAs<F>)>(O, F)(h, f, n), n);
     }
-    static LPVOID WINAPI RtlAllocateHeapH(HANDLE h, DWORD f, SIZE_T n)
+    template <Fn F>
+    static LPVOID WINAPI HeapReAllocAs(HANDLE h, DWORD f, LPVOID old, SIZE_T n)
     {
-        LPVOID p = Real<decltype(&RtlAllocateHeapH)>(O, kRtlAllocateHeap)(h, f, n);
-        Record(p, n, O);
-        return p;
-    }
-    static LPVOID WINAPI RtlReAllocateHeapH(HANDLE h, DWORD f, LPVOID old, SIZE_T n)
-    {
-        LPVOID p = Real<decltype(&RtlReAllocateHeapH)>(O, kRtlReAllocateHeap)(h, f, old, n);
-        Record(p, n, O);
-        return p;
+        return Kept(Real<decltype(&HeapReAllocAs<F>)>(O, F)(h, f, old, n), n);
     }
     static HLOCAL WINAPI LocalAllocH(UINT f, SIZE_T n)
     {
@@ -127,9 +122,7 @@ struct Hooks {
     }
     static HLOCAL WINAPI LocalReAllocH(HLOCAL old, SIZE_T n, UINT f)
     {
-        HLOCAL p = Real<decltype(&LocalReAllocH)>(O, kLocalReAlloc)(old, n, f);
-        Record(p, n, O);
-        return p;
+        return Kept(Real<decltype(&LocalReAllocH)>(O, kLocalReAlloc)(old, n, f), n);
     }
     static HGLOBAL WINAPI GlobalAllocH(UINT f, SIZE_T n)
     {
@@ -140,33 +133,23 @@ struct Hooks {
     }
     static void* __cdecl MallocH(size_t n)
     {
-        void* p = Real<decltype(&MallocH)>(O, kMalloc)(n);
-        Record(p, n, O);
-        return p;
+        return Kept(Real<decltype(&MallocH)>(O, kMalloc)(n), n);
     }
     static void* __cdecl CallocH(size_t c, size_t n)
     {
-        void* p = Real<decltype(&CallocH)>(O, kCalloc)(c, n);
-        Record(p, c * n, O);
-        return p;
+        return Kept(Real<decltype(&CallocH)>(O, kCalloc)(c, n), c * n);
     }
     static void* __cdecl ReallocH(void* old, size_t n)
     {
-        void* p = Real<decltype(&ReallocH)>(O, kRealloc)(old, n);
-        Record(p, n, O);
-        return p;
+        return Kept(Real<decltype(&ReallocH)>(O, kRealloc)(old, n), n);
     }
     static LPVOID WINAPI CoTaskMemAllocH(SIZE_T n)
     {
-        LPVOID p = Real<decltype(&CoTaskMemAllocH)>(O, kCoTaskMemAlloc)(n);
-        Record(p, n, O);
-        return p;
+        return Kept(Real<decltype(&CoTaskMemAllocH)>(O, kCoTaskMemAlloc)(n), n);
     }
     static LPVOID WINAPI CoTaskMemReallocH(LPVOID old, SIZE_T n)
     {
-        LPVOID p = Real<decltype(&CoTaskMemReallocH)>(O, kCoTaskMemRealloc)(old, n);
-        Record(p, n, O);
-        return p;
+        return Kept(Real<decltype(&CoTaskMemReallocH)>(O, kCoTaskMemRealloc)(old, n), n);
     }
     static BSTR WINAPI SysAllocStringH(const OLECHAR* s)
     {
@@ -203,8 +186,10 @@ struct Hooks {
     static void* Table(Fn fn)
     {
         void* const table[kFnCount] = {
-            reinterpret_cast<void*>(&HeapAllocH),         reinterpret_cast<void*>(&HeapReAllocH),
-            reinterpret_cast<void*>(&RtlAllocateHeapH),   reinterpret_cast<void*>(&RtlReAllocateHeapH),
+            reinterpret_cast<void*>(&HeapAllocAs<kHeapAlloc>),
+            reinterpret_cast<void*>(&HeapReAllocAs<kHeapReAlloc>),
+            reinterpret_cast<void*>(&HeapAllocAs<kRtlAllocateHeap>),
+            reinterpret_cast<void*>(&HeapReAllocAs<kRtlReAllocateHeap>),
             reinterpret_cast<void*>(&LocalAllocH),        reinterpret_cast<void*>(&LocalReAllocH),
             reinterpret_cast<void*>(&GlobalAllocH),       reinterpret_cast<void*>(&MallocH),
             reinterpret_cast<void*>(&CallocH),            reinterpret_cast<void*>(&ReallocH),

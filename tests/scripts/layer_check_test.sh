@@ -58,24 +58,17 @@ plant() {
 fresh_copy
 check "the tree as it is passes" 0 ""
 
-plant legacydb/regset.cpp 2 '#include "frame/baseconverter.h"'
-check "legacydb including from frame is refused" 1 \
-    'src/legacydb/regset.cpp:2: legacydb may not include "frame/baseconverter.h" (legacydb includes only from: legacydb common trace security)'
-
-fresh_copy
-plant common/hresult.h 3 '#include "com/dbconverter.h"'
-check "common including from com is refused" 1 \
-    'src/common/hresult.h:3: common may not include "com/dbconverter.h" (common includes only from: common)'
-
-fresh_copy
-plant frame/baseconverter.cpp 2 '#include <converter3/converter3.h>'
-check "an angle-bracket include from a higher folder is refused" 1 \
-    'src/frame/baseconverter.cpp:2: frame may not include "converter3/converter3.h" (frame includes only from: frame common trace)'
-
-fresh_copy
-plant trace/trace.cpp 2 '#include "../converter3/converter3.h"'
-check "an include that climbs out of its folder is refused" 1 \
-    'src/trace/trace.cpp:2: "../converter3/converter3.h" climbs out of its folder (name the folder instead)'
+# planted FILE LINE TEXT NAME EXPECTED_RC EXPECTED_LINE: the check on a fresh tree
+# with TEXT planted as line LINE of FILE.
+planted() {
+    fresh_copy
+    plant "$1" "$2" "$3"
+    check "$4" "$5" "$6"
+}
+planted legacydb/regset.cpp 2 '#include "frame/baseconverter.h"' "legacydb including from frame is refused" 1 'src/legacydb/regset.cpp:2: legacydb may not include "frame/baseconverter.h" (legacydb includes only from: legacydb common trace security)'
+planted common/hresult.h 3 '#include "com/dbconverter.h"' "common including from com is refused" 1 'src/common/hresult.h:3: common may not include "com/dbconverter.h" (common includes only from: common)'
+planted frame/baseconverter.cpp 2 '#include <converter3/converter3.h>' "an angle-bracket include from a higher folder is refused" 1 'src/frame/baseconverter.cpp:2: frame may not include "converter3/converter3.h" (frame includes only from: frame common trace)'
+planted trace/trace.cpp 2 '#include "../converter3/converter3.h"' "an include that climbs out of its folder is refused" 1 'src/trace/trace.cpp:2: "../converter3/converter3.h" climbs out of its folder (name the folder instead)'
 
 fresh_copy
 mkdir "$work/src/extra"
@@ -87,9 +80,7 @@ sed -i 's/^set(NV_LAYER_DEPS_frame common trace)$/set(NV_LAYER_DEPS_frame common
 check "a layer depending on a higher one is refused" 1 \
     'src/layers.cmake: frame depends on converter3, which is not listed below it'
 
-fresh_copy
-plant converter2/nameindex.cpp 2 '#include "frame/paths.h"'
-check "converter2 including from frame, below it, passes" 0 ""
+planted converter2/nameindex.cpp 2 '#include "frame/paths.h"' "converter2 including from frame, below it, passes" 0 ""
 
 # The include path of a layer's target: what it lists compiles, what lies above not.
 compiles() {
@@ -102,20 +93,19 @@ if compiles legacydb security/securitycontext.h; then
 else
     fail "legacydb's include path does not find security/securitycontext.h: $(cat "$work/probe.log")"
 fi
-if compiles legacydb frame/baseconverter.h; then
-    fail "legacydb's include path finds frame/baseconverter.h"
-elif grep -q 'frame/baseconverter.h: No such file or directory' "$work/probe.log"; then
-    echo "ok: legacydb's include path does not find frame/baseconverter.h"
-else
-    fail "legacydb's probe failed for another reason: $(cat "$work/probe.log")"
-fi
-if compiles frame com/dbconverter.h; then
-    fail "frame's include path finds com/dbconverter.h"
-elif grep -q 'com/dbconverter.h: No such file or directory' "$work/probe.log"; then
-    echo "ok: frame's include path does not find com/dbconverter.h"
-else
-    fail "frame's probe failed for another reason: $(cat "$work/probe.log")"
-fi
+# A layer's include path must not reach a header of a layer above it, and the
+# probe must fail for exactly that reason.
+does_not_find() {
+    if compiles "$1" "$2"; then
+        fail "$1's include path finds $2"
+    elif grep -q "$2: No such file or directory" "$work/probe.log"; then
+        echo "ok: $1's include path does not find $2"
+    else
+        fail "$1's probe failed for another reason: $(cat "$work/probe.log")"
+    fi
+}
+does_not_find legacydb frame/baseconverter.h
+does_not_find frame com/dbconverter.h
 
 [ "$failures" = 0 ] || { echo "$failures check(s) failed"; exit 1; }
 echo "all checks passed"

@@ -6,6 +6,7 @@
 set -uo pipefail
 root=$1 build=$2 work=$3
 here=$(cd "$(dirname "$0")" && pwd)
+source "$here/layout_checks.sh"
 rm -rf "$work"
 mkdir -p "$work/first" "$work/second" "$work/unpacked"
 work=$(cd "$work" && pwd)
@@ -22,16 +23,11 @@ bash "$root/scripts/sdk-archive" "$build" "$work/second" "$work/signed.dll" >"$w
 cmp -s "$work/first/$name.zip" "$work/second/$name.zip" ||
     { echo "two runs gave different archives"; failed=1; }
 (cd "$work/unpacked" && cmake -E tar xf "$work/first/$name.zip") || { echo "the archive does not unpack"; exit 1; }
-actual=$(cd "$work/unpacked" && find . -type f | sed 's|^\./||' | LC_ALL=C sort)
+actual=$(files_below "$work/unpacked")
 expected=$(sed "s|^|$name/|" "$here/sdk_layout.txt" | LC_ALL=C sort)
-if [ "$actual" != "$expected" ]; then
-    echo "the archive's files differ from sdk_layout.txt (< expected, > archived):"
-    diff <(echo "$expected") <(echo "$actual") | grep '^[<>]'
-    failed=1
-fi
-cmp -s "$work/signed.dll" "$work/unpacked/$name/bin/NVDBConv.dll" ||
-    { echo "bin/NVDBConv.dll is not the signed library it was given"; failed=1; }
-cmp -s "$build/lib/NVDBConv.lib" "$work/unpacked/$name/lib/NVDBConv.lib" ||
-    { echo "lib/NVDBConv.lib is not the built one"; failed=1; }
+same_file_list "$expected" "$actual" "the archive's files differ from sdk_layout.txt (< expected, > archived):"
+same_bytes "$work/signed.dll" "$work/unpacked/$name/bin/NVDBConv.dll" \
+    "bin/NVDBConv.dll is not the signed library it was given"
+same_bytes "$build/lib/NVDBConv.lib" "$work/unpacked/$name/lib/NVDBConv.lib" "lib/NVDBConv.lib is not the built one"
 [ "$failed" = 0 ] && echo "$name.zip: $(echo "$actual" | wc -l) files, the same bytes twice"
 exit $failed

@@ -117,12 +117,14 @@ void Db20ConversionTest::RestoreStoreRegistration()
     }
 }
 
-nvwriter::Db20Database Db20ConversionTest::MakeDatabase(unsigned users, std::uint32_t seed, unsigned domains)
+nvwriter::Db20Database Db20ConversionTest::MakeDatabase(unsigned users, std::uint32_t seed, unsigned domains,
+                                                       std::vector<std::pair<unsigned, nvwriter::Db20Defect>> defects)
 {
     nvwriter::Db20Options options;
     options.seed = seed;
     options.userCount = users;
     options.domainCount = domains;
+    options.defects = std::move(defects);
     return nvwriter::MakeDb20Database(options);
 }
 

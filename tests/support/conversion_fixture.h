@@ -53,8 +53,10 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    // Draws a database (no cached domains unless asked) without writing it.
-    static nvwriter::Db20Database MakeDatabase(unsigned users, std::uint32_t seed = 7, unsigned domains = 0);
+    // Draws a database (no cached domains unless asked, with these defects) without
+    // writing it.
+    static nvwriter::Db20Database MakeDatabase(unsigned users, std::uint32_t seed = 7, unsigned domains = 0,
+                                               std::vector<std::pair<unsigned, nvwriter::Db20Defect>> defects = {});
     // Writes it (asserting success) and remembers its container for the clean-up.
     void WriteDatabase(const nvwriter::Db20Database& db);
 

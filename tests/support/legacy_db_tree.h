@@ -36,4 +36,23 @@ inline testing::AssertionResult RegistryHoldsRecord(const nvwriter::DbRecord& re
     return testing::AssertionFailure() << DiffTrees(expected, actual);
 }
 
+// Takes from `tree` the values of the key `rel` (below the database) named in
+// [first, last), all but `kept`; how many it took.
+template <class It>
+size_t EraseValuesNamed(RegTree& tree, const std::wstring& rel, It first, It last, const std::wstring& kept)
+{
+    size_t erased = 0;
+    for (It it = first; it != last; ++it)
+        if (*it != kept)
+            erased += tree.values.erase(rel + L"|" + *it);
+    return erased;
+}
+
+// "Version" of the database in the 64-bit view and in the 32-bit view.
+inline void SetVersionInBothViews(const wchar_t* version64, const wchar_t* version32)
+{
+    SetString(kDbPath, L"Version", version64, kView64);
+    SetString(kDbPath, L"Version", version32, kView32);
+}
+
 } // namespace nvtest

@@ -27,6 +27,39 @@ std::string Lower(std::string s)
     return s;
 }
 
+// The RVAs of a directory's descriptors D, which end at the first whose field
+// `last` is 0 (or at the image's end).
+template <class D>
+std::vector<DWORD> DescriptorTable(const PeFile& pe, DWORD start, DWORD D::*last)
+{
+    std::vector<DWORD> rvas;
+    for (DWORD i = 0; start && i < 4096; ++i) {
+        const DWORD rva = start + i * static_cast<DWORD>(sizeof(D));
+        const BYTE* p = pe.AtRva(rva, sizeof(D));
+        if (!p)
+            break;
+        D d;
+        std::memcpy(&d, p, sizeof(d));
+        if (d.*last == 0)
+            break;
+        rvas.push_back(rva);
+    }
+    return rvas;
+}
+
+// The structure a data directory starts with; false when the image has no such
+// directory or it lies outside the file.
+template <class T>
+bool DirectoryHead(const PeFile& pe, unsigned index, T* out)
+{
+    const IMAGE_DATA_DIRECTORY& dir = pe.directory(index);
+    const BYTE* p = dir.VirtualAddress ? pe.AtRva(dir.VirtualAddress, sizeof(T)) : nullptr;
+    if (!p)
+        return false;
+    std::memcpy(out, p, sizeof(T));
+    return true;
+}
+
 } // namespace
 
 std::vector<BYTE> ReadFileBytes(const std::wstring& path)
@@ -170,14 +203,9 @@ std::vector<PeImport> PeFile::Imports() const
         }
     };
     const IMAGE_DATA_DIRECTORY& dir = directory(IMAGE_DIRECTORY_ENTRY_IMPORT);
-    for (DWORD i = 0; dir.VirtualAddress && i < 4096; ++i) {
-        const BYTE* p = AtRva(dir.VirtualAddress + i * sizeof(IMAGE_IMPORT_DESCRIPTOR), sizeof(IMAGE_IMPORT_DESCRIPTOR));
-        if (!p)
-            break;
+    for (DWORD rva : DescriptorTable(*this, dir.VirtualAddress, &IMAGE_IMPORT_DESCRIPTOR::Name)) {
         IMAGE_IMPORT_DESCRIPTOR d;
-        std::memcpy(&d, p, sizeof(d));
-        if (d.Name == 0)
-            break;
+        std::memcpy(&d, AtRva(rva, sizeof(d)), sizeof(d));
         PeImport import;
         import.dll = StringAtRva(d.Name);
         thunks(d.OriginalFirstThunk ? d.OriginalFirstThunk : d.FirstThunk, &import);
@@ -207,20 +235,8 @@ std::vector<DWORD> PeFile::DelayDescriptors() const
     constexpr DWORD kSize = sizeof(IMAGE_DELAYLOAD_DESCRIPTOR);
     std::vector<DWORD> found;
     const IMAGE_DATA_DIRECTORY& delay = directory(IMAGE_DIRECTORY_ENTRY_DELAY_IMPORT);
-    if (delay.VirtualAddress) {
-        for (DWORD i = 0; i < 4096; ++i) {
-            const DWORD rva = delay.VirtualAddress + i * kSize;
-            const BYTE* p = AtRva(rva, kSize);
-            if (!p)
-                break;
-            IMAGE_DELAYLOAD_DESCRIPTOR d;
-            std::memcpy(&d, p, sizeof(d));
-            if (d.DllNameRVA == 0)
-                break;
-            found.push_back(rva);
-        }
-        return found;
-    }
+    if (delay.VirtualAddress)
+        return DescriptorTable(*this, delay.VirtualAddress, &IMAGE_DELAYLOAD_DESCRIPTOR::DllNameRVA);
     for (const PeSection& s : sections) {
         const DWORD extent = std::min(s.rawSize, s.virtualSize ? s.virtualSize : s.rawSize);
         for (DWORD at = 0; at + kSize <= extent; at += 4) {
@@ -283,12 +299,9 @@ std::vector<std::string> PeFile::ImportedDlls() const
 std::vector<std::string> PeFile::Exports() const
 {
     std::vector<std::string> names;
-    const IMAGE_DATA_DIRECTORY& dir = directory(IMAGE_DIRECTORY_ENTRY_EXPORT);
-    const BYTE* p = dir.VirtualAddress ? AtRva(dir.VirtualAddress, sizeof(IMAGE_EXPORT_DIRECTORY)) : nullptr;
-    if (!p)
-        return names;
     IMAGE_EXPORT_DIRECTORY e;
-    std::memcpy(&e, p, sizeof(e));
+    if (!DirectoryHead(*this, IMAGE_DIRECTORY_ENTRY_EXPORT, &e))
+        return names;
     for (DWORD i = 0; i < e.NumberOfNames && i < 65536; ++i) {
         const BYTE* n = AtRva(e.AddressOfNames + i * 4, 4);
         if (!n)
@@ -374,11 +387,9 @@ bool PeFile::HasVersionResource() const
 {
     // Root directory of the resources: look for the RT_VERSION (16) id entry.
     const IMAGE_DATA_DIRECTORY& dir = directory(IMAGE_DIRECTORY_ENTRY_RESOURCE);
-    const BYTE* p = dir.VirtualAddress ? AtRva(dir.VirtualAddress, sizeof(IMAGE_RESOURCE_DIRECTORY)) : nullptr;
-    if (!p)
-        return false;
     IMAGE_RESOURCE_DIRECTORY root;
-    std::memcpy(&root, p, sizeof(root));
+    if (!DirectoryHead(*this, IMAGE_DIRECTORY_ENTRY_RESOURCE, &root))
+        return false;
     const DWORD count = root.NumberOfNamedEntries + root.NumberOfIdEntries;
     for (DWORD i = 0; i < count; ++i) {
         const BYTE* e = AtRva(dir.VirtualAddress + sizeof(root) + i * 8, 8);

@@ -1,14 +1,40 @@
 #include "support/sample_databases.h"
 
 #include <gtest/gtest.h>
+#include <algorithm>
+
+#include "support/db_paths.h"
+#include "support/registry_sandbox.h"
 
 namespace nvtest {
+
+nvwriter::DbOptions WriterOptions(nvwriter::DbFormat format, unsigned users, unsigned domains, std::uint64_t seed,
+                                  unsigned users20)
+{
+    nvwriter::DbOptions options;
+    options.format = format;
+    options.users = users;
+    options.domains = domains;
+    options.seed = seed;
+    options.users20 = users20;
+    return options;
+}
 
 nvwriter::Db20Database TrackedModel20(ContainerJanitor& containers, const nvwriter::DbOptions& options)
 {
     nvwriter::Db20Database model = nvwriter::MakeDb20Database(nvwriter::Db20OptionsFrom(options));
     containers.Track(model.hostId);
     return model;
+}
+
+void Write10Into(nvwriter::DbWriter& writer, unsigned users, std::vector<std::wstring> domainNames,
+                 std::uint64_t seed)
+{
+    nvwriter::DbOptions options;
+    options.users = users;
+    options.domainNames = std::move(domainNames);
+    nvwriter::Prng rng(seed);
+    nvwriter::Write10(writer, options, rng);
 }
 
 HRESULT WriteDb10(unsigned users, unsigned domains)
@@ -56,6 +82,22 @@ nvwriter::Db20Database WriteTracked20(ContainerJanitor& containers, unsigned use
     nvwriter::Db20Database db;
     EXPECT_EQ(S_OK, WriteTracked20(containers, users, seed, std::move(defects), &db));
     return db;
+}
+
+std::vector<std::wstring> SortedUserSids(const nvwriter::Db20Database& db)
+{
+    std::vector<std::wstring> sids;
+    for (const auto& user : db.users)
+        sids.push_back(user.sidText);
+    std::sort(sids.begin(), sids.end());
+    return sids;
+}
+
+void WriteLayout30Database(const wchar_t* version)
+{
+    ASSERT_TRUE(DeleteTree(kDbPath, kView32));
+    SetString(kDbPath, L"Version", version, kView32);
+    SetString(L"SOFTWARE\\Norvane\\DB\\Policies", L"Kept", L"yes", kView32);
 }
 
 } // namespace nvtest

@@ -86,6 +86,20 @@ std::vector<BYTE> UnscramblePackedPassword(const std::vector<BYTE>& packed)
     return plain;
 }
 
+std::vector<BYTE> TlvTwoByteLong(BYTE tag, const std::vector<BYTE>& content)
+{
+    std::vector<BYTE> out{tag};
+    if (content.size() < 0x80) {
+        out.push_back(static_cast<BYTE>(content.size()));
+    } else {
+        out.push_back(0x82);
+        out.push_back(static_cast<BYTE>(content.size() >> 8));
+        out.push_back(static_cast<BYTE>(content.size()));
+    }
+    out.insert(out.end(), content.begin(), content.end());
+    return out;
+}
+
 std::vector<BYTE> DerTlv(BYTE tag, const std::vector<BYTE>& content)
 {
     std::vector<BYTE> out{tag};

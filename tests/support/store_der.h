@@ -39,6 +39,8 @@ std::vector<BYTE> ExpectedPasswordSecretDer(const std::wstring& password);
 // A DER value made by hand: the tag, the definite length (short form, 0x81 or 0x82
 // long form) and the content.
 std::vector<BYTE> DerTlv(BYTE tag, const std::vector<BYTE>& content);
+// The same, but any length of 0x80 and more takes the two-byte long form (0x82).
+std::vector<BYTE> TlvTwoByteLong(BYTE tag, const std::vector<BYTE>& content);
 
 // A template header value as the legacy reader hands it on: the DER INTEGER's
 // content bytes without sign extension, so a negative value keeps only the bytes of

@@ -4,6 +4,7 @@
 // can be checked in every combination of views.
 #pragma once
 #include <windows.h>
+#include <gtest/gtest.h>
 #include <functional>
 #include <string>
 #include <vector>
@@ -65,5 +66,17 @@ private:
     REGSAM m_backupView;
     std::wstring m_backupName;
 };
+
+// A converter that opened its database: the version it converts to, and its backup's
+// name and view.
+inline void ExpectConverterOpenedFor(CBaseConverter& converter, DWORD targetVersion, const wchar_t* targetText,
+                                     const wchar_t* backupName, REGSAM backupView)
+{
+    EXPECT_EQ(targetVersion, converter.GetTargetVersion());
+    EXPECT_EQ(targetText, converter.GetTargetVersionText());
+    EXPECT_TRUE(converter.HasDatabaseKey());
+    EXPECT_EQ(backupName, converter.GetBackupName());
+    EXPECT_EQ(backupView, converter.GetBackupView());
+}
 
 } // namespace nvtest

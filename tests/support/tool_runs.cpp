@@ -24,6 +24,12 @@ ProcessRun WithPlainLineEnds(ProcessRun run)
     return run;
 }
 
+ProcessRun ExitedWith(DWORD exitCode, ProcessRun run)
+{
+    EXPECT_EQ(exitCode, run.exitCode) << run.out << run.err;
+    return run;
+}
+
 JsonValue Json(const ProcessRun& run)
 {
     JsonValue doc;

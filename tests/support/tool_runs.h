@@ -16,6 +16,9 @@ namespace nvtest {
 ProcessRun RunTool(const std::wstring& exe, const std::wstring& args, DWORD timeoutMs = 300000);
 // The same run with CR LF line ends made LF in both streams.
 ProcessRun WithPlainLineEnds(ProcessRun run);
+// The run itself, after checking that it exited with `exitCode` (a failure shows
+// both streams).
+ProcessRun ExitedWith(DWORD exitCode, ProcessRun run);
 // Standard output as one JSON document; a failure is recorded when it does not parse.
 JsonValue Json(const ProcessRun& run);
 

@@ -97,6 +97,9 @@ private:
     std::wstring m_path;
 };
 
+// Decoded trace lines, as the tests spell out what they expect.
+using Lines = std::vector<std::string>;
+
 // A RegistrySandbox whose tests trace into `trace` (started at verbosity 10).
 class TraceCaptureTest : public RegistrySandbox {
 protected:

@@ -148,23 +148,25 @@ TEST(NvtraceCliTest, NotATraceFile)
 
 TEST(NvtraceCliTest, UsageErrors)
 {
-    CliResult r = RunTool({});
-    EXPECT_EQ(1, r.code);
-    EXPECT_EQ(0u, r.err.find("usage: nvtrace [--raw | --summary | --json] [--thread N] FILE\n"));
-    r = RunTool({"--bogus", "x"});
-    EXPECT_EQ(1, r.code);
-    EXPECT_EQ(0u, r.err.find("nvtrace: unknown option '--bogus'\n"));
-    r = RunTool({"--thread"});
-    EXPECT_EQ(1, r.code);
-    EXPECT_EQ(0u, r.err.find("nvtrace: --thread needs a thread id"));
-    r = RunTool({"--thread", "12x", "f"});
-    EXPECT_EQ(1, r.code);
-    r = RunTool({"--thread", "0x100000000", "f"});
-    EXPECT_EQ(1, r.code);
-    r = RunTool({"a", "b"});
-    EXPECT_EQ(1, r.code);
-    EXPECT_EQ(0u, r.err.find("nvtrace: one trace file at a time\n"));
-    r = RunTool({"--help"});
+    // Each bad command line exits 1; where a message is given, stderr starts with it.
+    const struct {
+        std::vector<std::string> args;
+        const char* errStart;
+    } cases[] = {
+        {{}, "usage: nvtrace [--raw | --summary | --json] [--thread N] FILE\n"},
+        {{"--bogus", "x"}, "nvtrace: unknown option '--bogus'\n"},
+        {{"--thread"}, "nvtrace: --thread needs a thread id"},
+        {{"--thread", "12x", "f"}, nullptr},
+        {{"--thread", "0x100000000", "f"}, nullptr},
+        {{"a", "b"}, "nvtrace: one trace file at a time\n"},
+    };
+    for (const auto& c : cases) {
+        const CliResult bad = RunTool(c.args);
+        EXPECT_EQ(1, bad.code) << c.args.size();
+        if (c.errStart)
+            EXPECT_EQ(0u, bad.err.find(c.errStart)) << bad.err;
+    }
+    const CliResult r = RunTool({"--help"});
     EXPECT_EQ(0, r.code);
     EXPECT_EQ(0u, r.out.find("usage: nvtrace"));
 }
