@@ -163,8 +163,9 @@ TEST(NvtraceCliTest, UsageErrors)
     for (const auto& c : cases) {
         const CliResult bad = RunTool(c.args);
         EXPECT_EQ(1, bad.code) << c.args.size();
-        if (c.errStart)
+        if (c.errStart) {
             EXPECT_EQ(0u, bad.err.find(c.errStart)) << bad.err;
+        }
     }
     const CliResult r = RunTool({"--help"});
     EXPECT_EQ(0, r.code);
