@@ -19,6 +19,7 @@ read -r how rc < <(sed -n "${n}p" "$STUB_DIR/plan")
 case "$how" in
     print) echo "ran $*" ;;
     printerr) echo "ran $*" >&2 ;;
+    listing) printf 'Suite.\r\n  Test\r\n' ;;
     slow) sleep 1.2 ;;
 esac
 exit "$rc"
@@ -63,6 +64,20 @@ if ! grep -qx "ran prog.exe a b" "$work/out" ||
     failures=$((failures + 1))
 else
     echo "ok   the repeated launch is said on stderr and the program gets its arguments"
+fi
+
+# A test listing (CTest's discovery) follows the same rule, its CRs folded.
+printf '%s\n' "silent 1" "listing 0" >"$work/plan"
+rm -f "$work/launches"
+STUB_DIR=$work NV_WINE=$work/wine WINEPREFIX=$work/prefix "$root/scripts/wine-run" prog.exe --gtest_list_tests \
+    >"$work/out" 2>"$work/err"
+rc=$?
+if [ "$rc" != 0 ] || [ "$(cat "$work/launches")" != 2 ] || [ "$(cat "$work/out")" != "$(printf 'Suite.\n  Test')" ]; then
+    echo "FAIL a listing that never ran: status $rc, launches $(cat "$work/launches")"
+    sed 's/^/    /' "$work/out" "$work/err"
+    failures=$((failures + 1))
+else
+    echo "ok   a listing that never ran is made again, its CRs folded"
 fi
 
 # Without a program it says how to use it.
