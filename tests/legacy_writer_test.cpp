@@ -55,7 +55,7 @@ TEST(PrngTest, GuidsCarryVersion4AndVariantBits)
 {
     nvwriter::Prng rng(7);
     for (int i = 0; i < 50; ++i) {
-        GUID id = rng.NewGuid();
+        GUID id = rng.Guid();
         EXPECT_EQ(0x4000, id.Data3 & 0xF000);
         EXPECT_EQ(0x80, id.Data4[0] & 0xC0);
     }

@@ -61,30 +61,6 @@ HRESULT CopyTree(const wchar_t* from, const wchar_t* to)
     return HRESULT_FROM_WIN32(rc);
 }
 
-class Rng {
-public:
-    explicit Rng(std::uint64_t seed) : m_prng(seed) {}
-    unsigned Below(unsigned n) { return m_prng.Below(n); }
-    GUID Guid() { return m_prng.NewGuid(); }
-    std::vector<BYTE> Bytes(size_t n)
-    {
-        std::vector<BYTE> b(n);
-        m_prng.Fill(b.data(), b.size());
-        return b;
-    }
-    std::wstring Chars(size_t n, const wchar_t* alphabet)
-    {
-        const size_t len = std::wcslen(alphabet);
-        std::wstring s;
-        for (size_t i = 0; i < n; ++i)
-            s += alphabet[Below(static_cast<unsigned>(len))];
-        return s;
-    }
-
-private:
-    nvwriter::Prng m_prng;
-};
-
 // Template positions with gaps, one mask per user (bit 31 included once).
 constexpr DWORD kMasks[] = {0x00000025u, 0x80000102u, 0x00010041u, 0x00400408u};
 const wchar_t* const kSecretNames[] = {L"Mail Account", L"Smart Card PIN", L"VPN Token"};
@@ -123,7 +99,7 @@ nvwriter::Db20Database FaultDatabase20()
     options.userCount = 4;
     options.domainCount = 1;
     nvwriter::Db20Database db = nvwriter::MakeDb20Database(options);
-    Rng rng(2026);
+    nvwriter::Prng rng(2026);
     for (size_t i = 0; i < db.users.size(); ++i) {
         nvwriter::Db20User& u = db.users[i];
         u.secrets.clear();

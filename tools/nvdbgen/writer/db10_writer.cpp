@@ -47,13 +47,6 @@ std::wstring UserName(Prng& rng)
     }
 }
 
-std::vector<BYTE> RandomBytes(Prng& rng, size_t cb)
-{
-    std::vector<BYTE> data(cb);
-    rng.Fill(data.data(), cb);
-    return data;
-}
-
 void WritePolicies(DbWriter& writer, const std::wstring& path, Prng& rng)
 {
     writer.SetDword(path, L"NetworkSupport", rng.Below(2));
@@ -113,7 +106,7 @@ void WriteStore10(DbWriter& writer, const std::wstring& domain, bool machine, un
         taken.insert(name);
         UserRecord user;
         user.store = store.name;
-        user.id = rng.NewGuid();
+        user.id = rng.Guid();
         user.trailingSlash = options.slashEvery != 0 && rng.Below(options.slashEvery) == 0;
         user.name = user.trailingSlash ? name + L"/" : name;
         if (options.userKeys)
@@ -128,9 +121,9 @@ void WriteStore10(DbWriter& writer, const std::wstring& domain, bool machine, un
     writer.SetDword(store.nameIndexPath, L"Count", userCount);
     writer.SetQword(store.nameIndexPath, L"LastChange", rng.Next());
     writer.SetString(store.nameIndexPath, L"IndexFormat", L"1.0");
-    writer.SetBinary(store.nameIndexPath, L"Digest", RandomBytes(rng, 20));
-    writer.SetBinary(store.nameIndexPath, L"Salt", RandomBytes(rng, 15));
-    writer.SetBinary(store.nameIndexPath, L"Checksum", RandomBytes(rng, 17));
+    writer.SetBinary(store.nameIndexPath, L"Digest", rng.Bytes(20));
+    writer.SetBinary(store.nameIndexPath, L"Salt", rng.Bytes(15));
+    writer.SetBinary(store.nameIndexPath, L"Checksum", rng.Bytes(17));
     for (const UserRecord& user : written)
         writer.SetValue(store.nameIndexPath, user.name, REG_BINARY, &user.id, sizeof(user.id));
 

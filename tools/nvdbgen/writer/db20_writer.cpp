@@ -26,19 +26,14 @@ constexpr GUID kTemplateTypes[2] = {
     {0x0B9C47E2, 0x1D3A, 0x4F60, {0xA7, 0x2E, 0x55, 0x91, 0xC8, 0x3F, 0x06, 0xBB}},
 };
 
-// splitmix64: the model depends on nothing but the seed.
+// The 2.0 model's draws on the shared generator, which depends on nothing but the
+// seed. GUIDs and byte strings are drawn as this writer has always drawn them (a GUID
+// from three draws, one draw a byte), so that a seed still writes the same database.
 class Rng {
 public:
-    explicit Rng(std::uint64_t seed) : m_state(0x6A09E667F3BCC909ull ^ seed) {}
-    std::uint64_t Next()
-    {
-        std::uint64_t z = (m_state += 0x9E3779B97F4A7C15ull);
-        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-        z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-        return z ^ (z >> 31);
-    }
-    DWORD U32() { return static_cast<DWORD>(Next() >> 32); }
-    DWORD Below(DWORD n) { return n ? static_cast<DWORD>(Next() % n) : 0; }
+    explicit Rng(std::uint64_t seed) : m_prng(0x6A09E667F3BCC909ull ^ seed) {}
+    DWORD U32() { return static_cast<DWORD>(m_prng.Next() >> 32); }
+    DWORD Below(DWORD n) { return m_prng.Below(n); }
     GUID Guid()
     {
         GUID g;
@@ -46,7 +41,7 @@ public:
         const DWORD w = U32();
         g.Data2 = static_cast<WORD>(w);
         g.Data3 = static_cast<WORD>(((w >> 16) & 0x0FFF) | 0x4000);
-        const std::uint64_t tail = Next();
+        const std::uint64_t tail = m_prng.Next();
         std::memcpy(g.Data4, &tail, 8);
         g.Data4[0] = static_cast<BYTE>((g.Data4[0] & 0x3F) | 0x80);
         return g;
@@ -55,20 +50,13 @@ public:
     {
         std::vector<BYTE> b(n);
         for (auto& x : b)
-            x = static_cast<BYTE>(Next() >> 56);
+            x = static_cast<BYTE>(m_prng.Next() >> 56);
         return b;
     }
-    std::wstring Chars(size_t n, const wchar_t* alphabet)
-    {
-        const size_t len = std::wcslen(alphabet);
-        std::wstring s;
-        for (size_t i = 0; i < n; ++i)
-            s += alphabet[Below(static_cast<DWORD>(len))];
-        return s;
-    }
+    std::wstring Chars(size_t n, const wchar_t* alphabet) { return m_prng.Chars(n, alphabet); }
 
 private:
-    std::uint64_t m_state;
+    Prng m_prng;
 };
 
 std::wstring ThisComputerName()

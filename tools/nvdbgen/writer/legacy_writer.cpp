@@ -36,13 +36,29 @@ void Prng::Fill(void* data, size_t cb) noexcept
     }
 }
 
-GUID Prng::NewGuid() noexcept
+std::vector<BYTE> Prng::Bytes(size_t cb)
+{
+    std::vector<BYTE> data(cb);
+    Fill(data.data(), cb);
+    return data;
+}
+
+GUID Prng::Guid() noexcept
 {
     GUID id;
     Fill(&id, sizeof(id));
     id.Data3 = static_cast<unsigned short>((id.Data3 & 0x0FFF) | 0x4000);
     id.Data4[0] = static_cast<unsigned char>((id.Data4[0] & 0x3F) | 0x80);
     return id;
+}
+
+std::wstring Prng::Chars(size_t n, const wchar_t* alphabet)
+{
+    const uint32_t len = static_cast<uint32_t>(std::wcslen(alphabet));
+    std::wstring s;
+    for (size_t i = 0; i < n; ++i)
+        s += alphabet[Below(len)];
+    return s;
 }
 
 std::wstring GuidText(const GUID& id)

@@ -84,8 +84,11 @@ public:
     // Uniform in [0, bound); 0 for bound 0.
     uint32_t Below(uint32_t bound) noexcept;
     void Fill(void* data, size_t cb) noexcept;
+    std::vector<BYTE> Bytes(size_t cb);
     // A random (version 4) GUID.
-    GUID NewGuid() noexcept;
+    GUID Guid() noexcept;
+    // n characters, each drawn from the alphabet.
+    std::wstring Chars(size_t n, const wchar_t* alphabet);
 
 private:
     uint64_t m_state;
