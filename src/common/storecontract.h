@@ -58,36 +58,39 @@ struct IUserStore : public IUnknown {
 };
 NVSTORE_UUID_DECL(IUserStore, NVSTORE_IID_IUSERSTORE_WORDS)
 
+// A user's secrets and a user's properties are both a table of named byte blobs with
+// the same four operations, declared once here in this order (their vtable order):
+// get a copy, put (replacing an item of that name), delete, and enumerate the names.
+#define NVSTORE_NAMED_BLOB_METHODS(Get, Put, Delete, Enum)                                  \
+    virtual HRESULT STDMETHODCALLTYPE Get(LPCWSTR pwszName, CRYPT_DATA_BLOB* pBlob) = 0;       \
+    virtual HRESULT STDMETHODCALLTYPE Put(LPCWSTR pwszName, const CRYPT_DATA_BLOB* pBlob) = 0; \
+    virtual HRESULT STDMETHODCALLTYPE Delete(LPCWSTR pwszName) = 0;                            \
+    virtual HRESULT STDMETHODCALLTYPE Enum(DWORD dwIndex, BSTR* pbstrName) = 0;
+
 // A user's secrets: named byte blobs, stored as given (the converter hands in
 // secrets sealed under the user's public key).
+// 1. GetSecret: a copy of the named secret. Not found: HRESULT_FROM_WIN32(ERROR_NOT_FOUND).
+// 2. PutSecret: stores the blob under the name, replacing a secret of that name. The
+//    empty name is a name like any other. E_INVALIDARG for a null name or blob.
+// 3. DeleteSecret: deletes the named secret; S_FALSE when there was none.
+// 4. EnumSecrets: the name of the index-th secret.
 struct IUserSecrets : public IUnknown {
-    // 1. A copy of the named secret. Not found: HRESULT_FROM_WIN32(ERROR_NOT_FOUND).
-    virtual HRESULT STDMETHODCALLTYPE GetSecret(LPCWSTR pwszName, CRYPT_DATA_BLOB* pSecret) = 0;
-    // 2. Stores the blob under the name, replacing a secret of that name. The
-    //    empty name is a name like any other. E_INVALIDARG for a null name or blob.
-    virtual HRESULT STDMETHODCALLTYPE PutSecret(LPCWSTR pwszName, const CRYPT_DATA_BLOB* pSecret) = 0;
-    // 3. Deletes the named secret; S_FALSE when there was none.
-    virtual HRESULT STDMETHODCALLTYPE DeleteSecret(LPCWSTR pwszName) = 0;
-    // 4. The name of the index-th secret.
-    virtual HRESULT STDMETHODCALLTYPE EnumSecrets(DWORD dwIndex, BSTR* pbstrName) = 0;
+    NVSTORE_NAMED_BLOB_METHODS(GetSecret, PutSecret, DeleteSecret, EnumSecrets)
 };
 NVSTORE_UUID_DECL(IUserSecrets, NVSTORE_IID_IUSERSECRETS_WORDS)
 
 // A user's properties: named byte values. kPropertyUserPublicKey is computed by the
 // store and read-only; any other name is a value the caller sets.
+// 1. GetProperty: the property's value. kPropertyUserPublicKey gives the user's RSA
+//    key-exchange public key as a CryptoAPI PUBLICKEYBLOB, or NTE_NO_KEY while the
+//    user has no key pair. Other names: not found as above.
+// 2. SetProperty: sets a property. E_ACCESSDENIED for kPropertyUserPublicKey.
+// 3. DeleteProperty: deletes a property; S_FALSE when there was none. E_ACCESSDENIED
+//    for kPropertyUserPublicKey.
+// 4. EnumProperties: the name of the index-th property, kPropertyUserPublicKey first
+//    when the user has a key pair.
 struct IUserProperties : public IUnknown {
-    // 1. The property's value. kPropertyUserPublicKey gives the user's RSA
-    //    key-exchange public key as a CryptoAPI PUBLICKEYBLOB, or NTE_NO_KEY while
-    //    the user has no key pair. Other names: not found as above.
-    virtual HRESULT STDMETHODCALLTYPE GetProperty(LPCWSTR pwszName, CRYPT_DATA_BLOB* pValue) = 0;
-    // 2. Sets a property. E_ACCESSDENIED for kPropertyUserPublicKey.
-    virtual HRESULT STDMETHODCALLTYPE SetProperty(LPCWSTR pwszName, const CRYPT_DATA_BLOB* pValue) = 0;
-    // 3. Deletes a property; S_FALSE when there was none. E_ACCESSDENIED for
-    //    kPropertyUserPublicKey.
-    virtual HRESULT STDMETHODCALLTYPE DeleteProperty(LPCWSTR pwszName) = 0;
-    // 4. The name of the index-th property, kPropertyUserPublicKey first when the
-    //    user has a key pair.
-    virtual HRESULT STDMETHODCALLTYPE EnumProperties(DWORD dwIndex, BSTR* pbstrName) = 0;
+    NVSTORE_NAMED_BLOB_METHODS(GetProperty, SetProperty, DeleteProperty, EnumProperties)
 };
 NVSTORE_UUID_DECL(IUserProperties, NVSTORE_IID_IUSERPROPERTIES_WORDS)
 
