@@ -2,11 +2,8 @@
 # in a Wine prefix and wineserver of its own, and checks that every benchmark ran and
 # printed every figure. Times are not checked: this only proves the benchmarks run.
 # Called by CTest: cmake -DNV_ROOT=... -DNV_BUILD_DIR=... -DNV_BENCH_OUT=... -P smoke_check.cmake
-foreach(var NV_ROOT NV_BUILD_DIR NV_BENCH_OUT)
-    if(NOT DEFINED ${var})
-        message(FATAL_ERROR "smoke_check.cmake needs -D${var}=...")
-    endif()
-endforeach()
+include(${CMAKE_CURRENT_LIST_DIR}/../cmake/scriptargs.cmake)
+nv_require_settings(NV_ROOT NV_BUILD_DIR NV_BENCH_OUT)
 
 execute_process(
     COMMAND env NV_BENCH_SKIP_BUILD=1 NV_BUILD_DIR=${NV_BUILD_DIR}

@@ -1,11 +1,8 @@
 # Reads the built package's tables with msiinfo and checks what Windows Installer
 # will act on: the custom actions' types and entry points, what each deferred action
 # receives, the schedule, the policy value and the installed files.
-foreach(var MSIINFO PACKAGE)
-    if(NOT DEFINED ${var})
-        message(FATAL_ERROR "${var} is not set")
-    endif()
-endforeach()
+include(${CMAKE_CURRENT_LIST_DIR}/../../cmake/scriptargs.cmake)
+nv_require_settings(MSIINFO PACKAGE)
 if(NOT EXISTS "${PACKAGE}")
     message(FATAL_ERROR "${PACKAGE} is missing")
 endif()

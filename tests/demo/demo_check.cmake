@@ -2,11 +2,8 @@
 # code, the status after each step, the store summary and the decoded trace.
 # Called by CTest: cmake -DNV_ROOT=... -DNV_BUILD_DIR=... -DNV_DEMO_DIR=...
 #                        -DNV_DEMO_USERS=N -DNV_DEMO_DOMAINS=N -P demo_check.cmake
-foreach(var NV_ROOT NV_BUILD_DIR NV_DEMO_DIR NV_DEMO_USERS NV_DEMO_DOMAINS)
-    if(NOT DEFINED ${var})
-        message(FATAL_ERROR "demo_check.cmake needs -D${var}=...")
-    endif()
-endforeach()
+include(${CMAKE_CURRENT_LIST_DIR}/../../cmake/scriptargs.cmake)
+nv_require_settings(NV_ROOT NV_BUILD_DIR NV_DEMO_DIR NV_DEMO_USERS NV_DEMO_DOMAINS)
 
 execute_process(
     COMMAND env NV_DEMO_USERS=${NV_DEMO_USERS} NV_DEMO_DOMAINS=${NV_DEMO_DOMAINS} NV_DEMO_SKIP_BUILD=1

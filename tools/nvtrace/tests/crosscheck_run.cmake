@@ -1,10 +1,7 @@
 # Runs the cross-check: produce a trace with the real library under Wine, decode it
 # with the native nvtrace and with nvtrace.exe, and check what they show.
-foreach(var WINE_RUN PRODUCER NVTRACE_EXE NVTRACE_NATIVE WORK_DIR)
-    if(NOT DEFINED ${var})
-        message(FATAL_ERROR "${var} is not set")
-    endif()
-endforeach()
+include(${CMAKE_CURRENT_LIST_DIR}/../../../cmake/scriptargs.cmake)
+nv_require_settings(WINE_RUN PRODUCER NVTRACE_EXE NVTRACE_NATIVE WORK_DIR)
 if(NOT EXISTS "${NVTRACE_NATIVE}")
     message(FATAL_ERROR "native decoder ${NVTRACE_NATIVE} is missing: build the native tree first")
 endif()
