@@ -64,10 +64,8 @@ using namespace nvfaults;
 
 namespace {
 
-constexpr int kExitOk = 0;
-constexpr int kExitLost = 1;
-constexpr int kExitUsage = 2;
-constexpr int kExitSetup = 3;
+// The exit codes the usage above lists.
+enum ExitCode : int { kExitOk = 0, kExitLost = 1, kExitUsage = 2, kExitSetup = 3 };
 // A faulted conversion of the sweep's small databases ends within a second or two;
 // one still running after this long is stopped and reported as hung.
 constexpr DWORD kChildTimeoutMs = 30000;

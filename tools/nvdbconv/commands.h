@@ -6,13 +6,9 @@
 
 #include "cli.h"
 #include "console.h"
+#include "exit_codes.h"
 
 namespace nvdbconv {
-
-constexpr int kExitOk = 0;
-constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
-constexpr int kExitRefused = 3;
 
 int Run(const Options& options);
 

@@ -10,10 +10,9 @@
 #include <vector>
 
 #include "command_support.h"
+#include "exit_codes.h"
 
 namespace nvdbconv {
-
-constexpr int kExitUsersRemained = 4;
 
 struct RemainingUser {
     std::wstring key;               // "{GUID}" under Data\Users
