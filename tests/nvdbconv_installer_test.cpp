@@ -138,43 +138,62 @@ TEST_F(NvdbconvFinishedTest, ALayout30DatabaseIsConvertedWhateverVersionReads)
 // A run interrupted inside Cleanup leaves a finished database with its backup key and
 // "Backup" naming it, or with "Backup" naming a key already deleted. convert removes
 // what is left (Cleanup; or the dangling value), and a second convert changes nothing.
-// A foreign "Backup" stays as it is.
-TEST_F(NvdbconvFinishedTest, ConvertOfAFinishedDatabaseRemovesWhatAnInterruptedRunLeft)
+// upgrade does the same through its convert child, and its summary then says that no
+// step was run rather than that there was nothing to do. A foreign "Backup" stays as
+// it is.
+TEST_F(NvdbconvFinishedTest, ConvertAndUpgradeOfAFinishedDatabaseRemoveWhatAnInterruptedRunLeft)
 {
     ContainerJanitor containers;
     Write20(containers, 2);
     ASSERT_EQ(0u, Nvdbconv(L"upgrade").exitCode);
     const SuiteSnapshot finished = SnapshotSuite();
+    struct Case {
+        const wchar_t* command;
+        std::string tidiedRow, untouchedRow; // what it says with and without a left-over
+    };
+    const Case cases[] = {
+        {L"convert", RowLine("state", kAlreadyConverted + "; Convert not called"),
+         RowLine("state", kAlreadyConverted + "; Convert not called")},
+        {L"upgrade", RowLine("upgrade", kAlreadyConverted + "; no step to run"),
+         RowLine("upgrade", kAlreadyConverted + "; nothing to do")},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(Narrow(c.command));
+        // The backup key and its name, as Cleanup found them before it was interrupted.
+        SetString(L"SOFTWARE\\Norvane\\DB-v2.0\\Data\\Users\\{00000000-0000-0000-0000-000000000001}", L"Kept",
+                  L"old", kView64);
+        SetString(kDbPath, L"Backup", L"SOFTWARE\\Norvane\\DB-v2.0", kView32);
+        ProcessRun run = ExitedWith(0, Nvdbconv(c.command));
+        EXPECT_TRUE(Contains(run.out, c.tidiedRow)) << run.out;
+        EXPECT_TRUE(Contains(run.out, RowLine("left over", "backup key HKLM\\SOFTWARE\\Norvane\\DB-v2.0 of an "
+                                                       "interrupted run: Cleanup " + kSucceeded)))
+            << run.out;
+        EXPECT_FALSE(Contains(run.out, "  step ")) << run.out;
+        EXPECT_FALSE(KeyExists(kBackup20Path, kView64));
+        ExpectSuiteUnchanged(finished, __LINE__);
+        run = ExitedWith(0, Nvdbconv(c.command));
+        EXPECT_FALSE(Contains(run.out, "left over")) << run.out;
+        EXPECT_TRUE(Contains(run.out, c.untouchedRow)) << run.out;
+        ExpectSuiteUnchanged(finished, __LINE__);
 
-    // The backup key and its name, as Cleanup found them before it was interrupted.
-    SetString(L"SOFTWARE\\Norvane\\DB-v2.0\\Data\\Users\\{00000000-0000-0000-0000-000000000001}", L"Kept",
-              L"old", kView64);
-    SetString(kDbPath, L"Backup", L"SOFTWARE\\Norvane\\DB-v2.0", kView32);
-    ProcessRun run = ExitedWith(0, Nvdbconv(L"convert"));
-    EXPECT_TRUE(Contains(run.out, RowLine("state", kAlreadyConverted + "; Convert not called"))) << run.out;
-    EXPECT_TRUE(Contains(run.out, RowLine("left over", "backup key HKLM\\SOFTWARE\\Norvane\\DB-v2.0 of an interrupted "
-                                                   "run: Cleanup " + kSucceeded)))
-        << run.out;
-    EXPECT_FALSE(KeyExists(kBackup20Path, kView64));
-    ExpectSuiteUnchanged(finished, __LINE__);
-    run = ExitedWith(0, Nvdbconv(L"convert"));
-    EXPECT_FALSE(Contains(run.out, "left over")) << run.out;
-    ExpectSuiteUnchanged(finished, __LINE__);
+        // "Backup" naming a key that is gone: only the value goes.
+        SetString(kDbPath, L"Backup", L"SOFTWARE\\Norvane\\DB-v2.0", kView32);
+        run = ExitedWith(0, Nvdbconv(std::wstring(L"--json ") + c.command));
+        const JsonValue doc = Json(run);
+        EXPECT_TRUE(doc["leftoverBackupValueRemoved"]["ok"].Bool()) << run.out;
+        EXPECT_EQ("0x00000000", doc["leftoverBackupValueRemoved"]["hr"].Text()) << run.out;
+        EXPECT_FALSE(doc.Has("leftoverCleanup")) << run.out;
+        ExpectSuiteUnchanged(finished, __LINE__);
 
-    // "Backup" naming a key that is gone: only the value goes.
-    SetString(kDbPath, L"Backup", L"SOFTWARE\\Norvane\\DB-v2.0", kView32);
-    run = ExitedWith(0, Nvdbconv(L"--json convert"));
-    const JsonValue doc = Json(run);
-    EXPECT_TRUE(doc["leftoverBackupValueRemoved"]["ok"].Bool()) << run.out;
-    EXPECT_EQ("0x00000000", doc["leftoverBackupValueRemoved"]["hr"].Text()) << run.out;
-    ExpectSuiteUnchanged(finished, __LINE__);
-
-    // A foreign one is not ours to touch.
-    SetString(kDbPath, L"Backup", L"SOFTWARE\\Elsewhere", kView32);
-    const SuiteSnapshot planted = SnapshotSuite();
-    run = ExitedWith(0, Nvdbconv(L"convert"));
-    EXPECT_FALSE(Contains(run.out, "left over")) << run.out;
-    ExpectSuiteUnchanged(planted, __LINE__);
+        // A foreign one is not ours to touch.
+        SetString(kDbPath, L"Backup", L"SOFTWARE\\Elsewhere", kView32);
+        const SuiteSnapshot planted = SnapshotSuite();
+        run = ExitedWith(0, Nvdbconv(c.command));
+        EXPECT_FALSE(Contains(run.out, "left over")) << run.out;
+        EXPECT_TRUE(Contains(run.out, c.untouchedRow)) << run.out;
+        ExpectSuiteUnchanged(planted, __LINE__);
+        DeleteValue(kDbPath, L"Backup", kView32);
+    }
 }
 
 // A clean-up cut short after Data\Users went leaves the rest of the old database:

@@ -43,6 +43,22 @@ std::string AlreadyConvertedText()
     return "already converted: format 3.0 (no Data and no MainDB under HKLM\\SOFTWARE\\Norvane\\DB)";
 }
 
+bool NamesOwnBackup(const DatabaseState& s)
+{
+    return s.backupValue && !s.backupValue->empty() && !s.backupForeign;
+}
+
+std::string LeftoverBackupKeyText(const std::wstring& backup, HRESULT cleanup)
+{
+    return "backup key HKLM\\" + U8(backup) + " of an interrupted run: Cleanup " + DescribeResult(cleanup, "Cleanup");
+}
+
+std::string LeftoverBackupValueText(const std::wstring& backup, HRESULT removal)
+{
+    return "\"Backup\" named HKLM\\" + U8(backup) + ", which no longer exists: value removed " +
+           DescribeResult(removal);
+}
+
 std::string EmptyValueText(const EmptyValue& v)
 {
     return "HKLM\\" + U8(v.key) + ": value \"" + U8(v.name) + "\" is empty; the backup cannot copy empty values";

@@ -31,6 +31,13 @@ std::string BackupKeysText(const DatabaseState& s);
 Json DatabaseJson(const DatabaseState& s);
 // What convert and upgrade say of a database whose layout is already 3.0.
 std::string AlreadyConvertedText();
+// What an interrupted run can leave on a finished database, and convert removes:
+// whether "Backup" names a backup key of the library (not foreign, not empty); the
+// row for the backup key removed with Cleanup; the row for a "Backup" removed because
+// the key it names is gone.
+bool NamesOwnBackup(const DatabaseState& s);
+std::string LeftoverBackupKeyText(const std::wstring& backup, HRESULT cleanup);
+std::string LeftoverBackupValueText(const std::wstring& backup, HRESULT removal);
 // "HKLM\SOFTWARE\Norvane\DB\...: value "X" is empty; the backup cannot copy empty values"
 std::string EmptyValueText(const EmptyValue& v);
 // {"key","value"}, or null when there is no empty value.

@@ -20,15 +20,14 @@ namespace nvdbconv {
 // which "status" explains), is left alone. Returns the exit code.
 int TidyFinishedDatabase(Printer& out, const DatabaseState& before, const Loaded& l, CLibraryHost& host)
 {
-    if (!before.backupValue || before.backupValue->empty() || before.backupForeign)
+    if (!NamesOwnBackup(before))
         return kExitOk;
     const wchar_t* path = before.backupValue->c_str();
     const REGSAM view = BackupViewFor(l.current);
     const REGSAM other = view == kBackup10View ? kBackup20View : kBackup10View;
     if (KeyExists(path, view)) {
         const HRESULT hr = host.Cleanup();
-        out.Row("left over", "backup key HKLM\\" + U8(*before.backupValue) + " of an interrupted run: Cleanup " +
-                                 DescribeResult(hr, "Cleanup"));
+        out.Row("left over", LeftoverBackupKeyText(*before.backupValue, hr));
         out.json["leftoverCleanup"] = ResultJson(hr, "Cleanup");
         if (FAILED(hr))
             out.Problem("Cleanup of the left-over backup failed: " + DescribeResult(hr));
@@ -43,8 +42,7 @@ int TidyFinishedDatabase(Printer& out, const DatabaseState& before, const Loaded
         ::RegCloseKey(db);
     }
     const HRESULT hr = HRESULT_FROM_WIN32(r);
-    out.Row("left over", "\"Backup\" named HKLM\\" + U8(*before.backupValue) +
-                             ", which no longer exists: value removed " + DescribeResult(hr));
+    out.Row("left over", LeftoverBackupValueText(*before.backupValue, hr));
     out.json["leftoverBackupValueRemoved"] = ResultJson(hr);
     if (FAILED(hr))
         out.Problem("removing \"Backup\" failed: " + DescribeResult(hr));

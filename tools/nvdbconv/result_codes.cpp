@@ -1,6 +1,7 @@
 #include "result_codes.h"
 
 #include <cstdio>
+#include <cstdlib>
 
 #include <nlohmann/json.hpp>
 
@@ -123,6 +124,20 @@ Json ResultJson(HRESULT hr, const char* call)
                 {"symbol", symbol.empty() ? Json(nullptr) : Json(symbol)},
                 {"message", ResultMessage(hr, call)},
                 {"ok", SUCCEEDED(hr)}};
+}
+
+std::optional<HRESULT> ResultFromJson(const Json& result)
+{
+    if (!result.is_object() || !result.contains("hr") || !result["hr"].is_string())
+        return std::nullopt;
+    const std::string hex = result["hr"].get<std::string>();
+    if (hex.size() != 10 || hex.compare(0, 2, "0x") != 0)
+        return std::nullopt;
+    char* end = nullptr;
+    const unsigned long v = std::strtoul(hex.c_str() + 2, &end, 16);
+    if (end != hex.c_str() + hex.size())
+        return std::nullopt;
+    return static_cast<HRESULT>(v);
 }
 
 } // namespace nvdbconv

@@ -2,6 +2,7 @@
 // is one of the common ones, and the system's message text (FormatMessage).
 #pragma once
 #include <windows.h>
+#include <optional>
 #include <string>
 
 #include "json.h"
@@ -26,5 +27,8 @@ std::string DescribeResult(HRESULT hr, const char* call = nullptr);
 
 // {"hr":"0x80004005","code":-2147467259,"symbol":"E_FAIL","message":"...","ok":false}
 Json ResultJson(HRESULT hr, const char* call = nullptr);
+// The code of such an object ("hr": ten characters, "0x" and eight hex digits); none
+// when it is not one.
+std::optional<HRESULT> ResultFromJson(const Json& result);
 
 } // namespace nvdbconv

@@ -82,20 +82,42 @@ Json ChildDocument(const std::string& out)
     return doc.is_object() ? doc : Json(nullptr);
 }
 
-// The code of the child's Convert ("convert":{"hr":"0x..."}); none when it did not call it.
-std::optional<HRESULT> ConvertResultIn(const Json& child)
+// The code of a call the child reports (its "convert":{"hr":"0x..."}, for one); none
+// when it did not make the call.
+std::optional<HRESULT> ChildResult(const Json& child, const char* key)
 {
-    if (!child.is_object() || !child.contains("convert") || !child["convert"].is_object())
+    if (!child.is_object() || !child.contains(key))
         return std::nullopt;
-    const Json& hr = child["convert"].value("hr", Json());
-    if (!hr.is_string())
-        return std::nullopt;
-    const std::string hex = hr.get<std::string>();
-    char* end = nullptr;
-    const unsigned long v = std::strtoul(hex.c_str(), &end, 16);
-    if (hex.size() != 10 || end != hex.c_str() + hex.size())
-        return std::nullopt;
-    return static_cast<HRESULT>(v);
+    return ResultFromJson(child[key]);
+}
+
+// The child that runs one step: nvdbconv convert, its document on standard output.
+std::wstring ConvertCommand(const std::wstring& dllPath, bool force)
+{
+    return Quoted(SelfPath()) + L" --dll " + Quoted(dllPath) + L" --json" + (force ? L" --force" : L"") +
+           L" convert --progress never";
+}
+
+// A finished database may still carry what an interrupted run left: "Backup" naming
+// a backup key of the library. The convert child removes it as convert does (it calls
+// no Convert on such a database); its rows are shown here. Returns the exit code.
+int TidyFinishedInChild(Printer& out, const DatabaseState& state, const std::wstring& dllPath)
+{
+    const ChildRun run = RunChild(ConvertCommand(dllPath, false));
+    if (!run.started) {
+        out.Problem("cannot start " + U8(SelfPath()));
+        return kExitFailed;
+    }
+    const Json child = ChildDocument(run.out);
+    if (const std::optional<HRESULT> hr = ChildResult(child, "leftoverCleanup")) {
+        out.Row("left over", LeftoverBackupKeyText(*state.backupValue, *hr));
+        out.json["leftoverCleanup"] = child["leftoverCleanup"];
+    }
+    if (const std::optional<HRESULT> hr = ChildResult(child, "leftoverBackupValueRemoved")) {
+        out.Row("left over", LeftoverBackupValueText(*state.backupValue, *hr));
+        out.json["leftoverBackupValueRemoved"] = child["leftoverBackupValueRemoved"];
+    }
+    return run.exitCode == static_cast<DWORD>(kExitOk) ? kExitOk : kExitFailed;
 }
 
 // What the step was to reach: the target the child's library reported for the
@@ -245,13 +267,9 @@ int Upgrade(const Options& o, Printer& out, const std::wstring& dllPath)
         }
         traceSteps.BeforeStep(step);
         const std::optional<EmptyValue> empty = FindEmptyValue();
-        std::wstring cmd = Quoted(SelfPath()) + L" --dll " + Quoted(dllPath) + L" --json";
-        if (o.force)
-            cmd += L" --force";
-        cmd += L" convert --progress never";
-        const ChildRun run = RunChild(cmd);
+        const ChildRun run = RunChild(ConvertCommand(dllPath, o.force));
         const Json child = ChildDocument(run.out);
-        const std::optional<HRESULT> hr = ConvertResultIn(child);
+        const std::optional<HRESULT> hr = ChildResult(child, "convert");
         const DatabaseState after = ReadDatabaseState();
         const std::string next = LayoutOf(after);
         const std::string target = StepTarget(child, layout);
@@ -316,12 +334,15 @@ int Upgrade(const Options& o, Printer& out, const std::wstring& dllPath)
     }
     if (exitCode == kExitOk && layout != "3.0" && layout != "none")
         exitCode = kExitFailed;
+    const bool tidied = alreadyConverted && NamesOwnBackup(state);
+    if (tidied)
+        exitCode = TidyFinishedInChild(out, state, dllPath);
     out.json["steps"] = steps;
     traceSteps.Restore();
 
     std::string summary = chain;
     if (alreadyConverted)
-        summary = AlreadyConvertedText() + "; nothing to do";
+        summary = AlreadyConvertedText() + (tidied ? "; no step to run" : "; nothing to do");
     else if (exitCode == kExitOk)
         summary += layout == "none" ? ": no database, nothing to do" : " done";
     else if (exitCode == kExitUsersRemained && !stayed.empty())
