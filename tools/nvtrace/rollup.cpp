@@ -101,7 +101,7 @@ bool IsFolder(const std::string& path)
     return fs::is_directory(fs::path(path), ec);
 }
 
-TraceRow RowOf(const std::string& file, const DecodedTrace& trace, std::map<std::uint32_t, std::size_t>* codes)
+TraceRow RowOf(const std::string& file, const TraceView& trace, std::map<std::uint32_t, std::size_t>* codes)
 {
     TraceRow row;
     row.file = file;
@@ -110,11 +110,14 @@ TraceRow RowOf(const std::string& file, const DecodedTrace& trace, std::map<std:
     const TraceSummary summary = Summarize(trace);
     if (!summary.processes.empty())
         row.started = summary.processes.front().started;
-    for (const Verdict& v : ComputeVerdicts(summary)) {
-        row.moved += v.moved;
-        row.movedWithGaps += v.movedWithGaps;
-        row.held += v.held;
-        row.failed += v.failedUsers;
+    // What the verdicts count, without their notes.
+    for (const SummaryUser& u : summary.users) {
+        switch (OutcomeOf(u)) {
+        case UserOutcome::Moved: ++row.moved; break;
+        case UserOutcome::MovedWithGaps: ++row.movedWithGaps; break;
+        case UserOutcome::Held: ++row.held; break;
+        case UserOutcome::Failed: ++row.failed; break;
+        }
     }
     if (!summary.failures.empty()) {
         row.hasFailure = true;
@@ -277,20 +280,17 @@ public:
     {
         std::map<std::uint32_t, std::size_t> codes;
         TraceRow row;
-        {
-            std::vector<std::uint8_t> data;
-            std::string error;
-            if (!ReadWholeFile(path, data, error)) {
-                row.file = path;
-                row.state = TraceState::Unreadable;
-                row.problem = error;
-                m_err << "nvtrace: " << error << '\n';
-            } else {
-                const DecodedTrace trace = Decode(data);
-                row = RowOf(path, trace, &codes);
-                if (!trace.ok)
-                    m_err << "nvtrace: " << path << ": " << trace.error << '\n';
-            }
+        std::string error;
+        if (!ReadWholeFile(path, m_data, error)) {
+            row.file = path;
+            row.state = TraceState::Unreadable;
+            row.problem = error;
+            m_err << "nvtrace: " << error << '\n';
+        } else {
+            const TraceView& trace = m_decoder.Decode(m_data.data(), m_data.size());
+            row = RowOf(path, trace, &codes);
+            if (!trace.ok)
+                m_err << "nvtrace: " << path << ": " << trace.error << '\n';
         }
         m_totals.Add(row, codes);
         m_writer.Row(row);
@@ -337,6 +337,9 @@ private:
     std::ostream& m_err;
     RollupTotals m_totals;
     bool m_listingFailed = false;
+    // Reused from file to file: the file's bytes and the decoder's buffers.
+    std::vector<std::uint8_t> m_data;
+    TraceDecoder m_decoder;
 };
 
 } // namespace

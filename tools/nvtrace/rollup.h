@@ -30,7 +30,7 @@ struct TraceRow {
 };
 
 // The row of one decoded file; codes receives how often each failure code arose in it.
-TraceRow RowOf(const std::string& file, const DecodedTrace& trace, std::map<std::uint32_t, std::size_t>* codes);
+TraceRow RowOf(const std::string& file, const TraceView& trace, std::map<std::uint32_t, std::size_t>* codes);
 
 enum class RollupFormat { Summary, Json, Csv };
 
