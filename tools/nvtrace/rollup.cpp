@@ -17,13 +17,6 @@ using Json = nlohmann::ordered_json;
 constexpr char kTraceExtension[] = ".trc3";
 constexpr std::size_t kMostFrequentShown = 5;
 
-std::string Hex8(std::uint32_t v)
-{
-    char buf[16];
-    std::snprintf(buf, sizeof(buf), "0x%08X", static_cast<unsigned>(v));
-    return buf;
-}
-
 std::string HeaderValue(const std::vector<std::string>& header, const std::string& lead)
 {
     for (const std::string& line : header)
@@ -61,17 +54,28 @@ std::string CodeAndName(std::uint32_t code)
 
 // One CSV field (RFC 4180). Text that a spreadsheet would run as a formula is
 // prefixed with an apostrophe: machine names and paths come from the files.
+void AppendCsvField(std::string& out, std::string_view text)
+{
+    const bool formula = !text.empty() && (text[0] == '=' || text[0] == '+' || text[0] == '-' || text[0] == '@');
+    const bool quoted = text.find_first_of(",\"\r\n") != std::string_view::npos;
+    if (quoted)
+        out += '"';
+    if (formula)
+        out += '\'';
+    for (const char c : text) {
+        out += c;
+        if (c == '"' && quoted)
+            out += '"';
+    }
+    if (quoted)
+        out += '"';
+}
+
 std::string CsvField(const std::string& text)
 {
-    std::string value = text;
-    if (!value.empty() && (value[0] == '=' || value[0] == '+' || value[0] == '-' || value[0] == '@'))
-        value.insert(value.begin(), '\'');
-    if (value.find_first_of(",\"\r\n") == std::string::npos)
-        return value;
-    std::string quoted = "\"";
-    for (const char c : value)
-        quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
-    return quoted + "\"";
+    std::string field;
+    AppendCsvField(field, text);
+    return field;
 }
 
 std::string JsonText(const Json& value) { return value.dump(-1, ' ', false, Json::error_handler_t::replace); }
@@ -178,13 +182,28 @@ void RollupWriter::Begin()
 void RollupWriter::Row(const TraceRow& row)
 {
     switch (m_format) {
-    case RollupFormat::Csv:
-        m_out << CsvField(row.file) << ',' << CsvField(row.machine) << ',' << CsvField(row.version) << ','
-              << CsvField(row.started) << ',' << row.moved << ',' << row.movedWithGaps << ',' << row.held << ','
-              << row.failed << ',' << (row.hasFailure ? Hex8(row.firstFailure) : "") << ','
-              << CsvField(row.hasFailure ? DescribeCode(row.firstFailure).name : "") << ',' << StateWord(row.state)
-              << ',' << CsvField(row.problem) << '\n';
+    case RollupFormat::Csv: {
+        // One write per row, the line built in a buffer kept from row to row.
+        std::string& line = m_line;
+        line.clear();
+        for (const std::string* field : {&row.file, &row.machine, &row.version, &row.started}) {
+            AppendCsvField(line, *field);
+            line += ',';
+        }
+        for (const std::size_t count : {row.moved, row.movedWithGaps, row.held, row.failed})
+            line.append(std::to_string(count)).append(1, ',');
+        if (row.hasFailure) {
+            line.append(Hex8(row.firstFailure)).append(1, ',');
+            AppendCsvField(line, DescribeCode(row.firstFailure).name);
+        } else {
+            line += ',';
+        }
+        line.append(1, ',').append(StateWord(row.state)).append(1, ',');
+        AppendCsvField(line, row.problem);
+        line += '\n';
+        m_out.write(line.data(), static_cast<std::streamsize>(line.size()));
         break;
+    }
     case RollupFormat::Json: {
         Json j = Json::object();
         j["file"] = row.file;

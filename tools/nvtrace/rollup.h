@@ -61,6 +61,7 @@ public:
 private:
     RollupFormat m_format;
     std::ostream& m_out;
+    std::string m_line;
 };
 
 // Every trace named: a file as it is, a folder by every *.trc3 file under it

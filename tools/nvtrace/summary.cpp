@@ -73,13 +73,6 @@ const KnownCode kKnownCodes[] = {
     {0x8009000Fu, "NTE_EXISTS", "Object already exists"},
 };
 
-std::string Hex8(std::uint32_t v)
-{
-    char buf[16];
-    std::snprintf(buf, sizeof(buf), "0x%08X", static_cast<unsigned>(v));
-    return buf;
-}
-
 bool ParseHex(std::string_view text, std::size_t at, std::uint32_t& value)
 {
     if (at > text.size() || (text.compare(at, 2, "0x") != 0 && text.compare(at, 2, "0X") != 0))
@@ -159,9 +152,11 @@ bool EmptyValueLine(std::string_view text, std::string& shown)
 // file gave (its header has four-digit years, its date records two).
 std::string IsoDate(int y, int m, int d)
 {
-    char buf[16];
-    std::snprintf(buf, sizeof(buf), "%04d-%02d-%02d", y, m, d);
-    return buf;
+    // The callers' years have four digits at most, their months and days two.
+    auto digit = [](int v, int unit) { return static_cast<char>('0' + v / unit % 10); };
+    const char text[10] = {digit(y, 1000), digit(y, 100), digit(y, 10), digit(y, 1), '-',
+                           digit(m, 10),   digit(m, 1),   '-',          digit(d, 10), digit(d, 1)};
+    return std::string(text, sizeof(text));
 }
 
 // The file's clock: the last date and time records seen.
@@ -189,11 +184,12 @@ public:
         m_timeText.clear();
     }
     // The header's "mm/dd/yyyy hh:mm:ss.mmm" line: where the first process starts.
-    void HeaderTime(const std::string& line)
+    void HeaderTime(std::string_view line)
     {
         if (line.size() != 23 || line[10] != ' ')
             return;
-        Reopened(line.substr(0, 2) + "-" + line.substr(3, 2) + "-" + line.substr(6, 4));
+        const char date[10] = {line[0], line[1], '-', line[3], line[4], '-', line[6], line[7], line[8], line[9]};
+        Reopened(std::string_view(date, sizeof(date)));
         Time(line.substr(11));
     }
     // "2026-11-15 09:30:00.125", the date alone, or empty.
@@ -535,7 +531,7 @@ private:
                 u.hasPrevious = true;
                 u.previousStatus = last->second;
             }
-            m_summary.users.push_back(u);
+            m_summary.users.push_back(std::move(u));
             it = m_userAt.emplace(key, m_summary.users.size() - 1).first;
         }
         m_lastUser = it->second;
@@ -658,6 +654,15 @@ std::string StatusNote(const SummaryUser& u)
 }
 
 } // namespace
+
+std::string Hex8(std::uint32_t code)
+{
+    static const char digits[] = "0123456789ABCDEF";
+    std::string text = "0x00000000";
+    for (int i = 0; i < 8; ++i)
+        text[9 - i] = digits[(code >> (4 * i)) & 15];
+    return text;
+}
 
 CodeText DescribeCode(std::uint32_t code)
 {

@@ -166,6 +166,9 @@ std::vector<Verdict> ComputeVerdicts(const DecodedTrace& trace);
 // indented line per user not plainly moved; "verdict: no conversion" when none ran.
 void WriteVerdicts(const std::vector<Verdict>& verdicts, std::ostream& out);
 
+// "0x80070005": how every result code is shown.
+std::string Hex8(std::uint32_t code);
+
 // "0x80070005 E_ACCESSDENIED "Access is denied"": hex, then name and message when known.
 std::string DescribeResult(std::uint32_t code);
 
