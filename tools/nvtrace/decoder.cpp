@@ -156,9 +156,32 @@ bool ResultNumber(std::string_view text, std::size_t& end)
     return (static_cast<unsigned long long>(v) & 0x1FFF0000u) == 0x00090000u;
 }
 
+// Every byte printable ASCII (0x20 to 0x7E), eight at a time: a word has a byte
+// below 0x20 when (w - 0x20..) & ~w & 0x80.. is not zero, and one above 0x7E when
+// ((w + 0x01..) | w) & 0x80.. is not zero.
+bool PrintableAscii(std::string_view text)
+{
+    constexpr std::uint64_t ones = 0x0101010101010101u, high = 0x8080808080808080u;
+    std::size_t i = 0;
+    for (std::uint64_t w; i + 8 <= text.size(); i += 8) {
+        std::memcpy(&w, text.data() + i, 8);
+        if (((w - 0x20 * ones) & ~w & high) != 0 || (((w + ones) | w) & high) != 0)
+            return false;
+    }
+    for (; i < text.size(); ++i) {
+        if (text[i] < 0x20 || text[i] > 0x7E)
+            return false;
+    }
+    return true;
+}
+
 // Null when the text is one the library writes for the kind, else why not.
 const char* CheckText(char kind, std::string_view text)
 {
+    // Most scope names and lines are printable ASCII: no NUL, a valid name, a valid
+    // line. Anything else takes the checks below.
+    if ((kind == '>' || kind == 'U') && !text.empty() && PrintableAscii(text))
+        return nullptr;
     if (text.find('\0') != std::string::npos)
         return "its text holds a NUL byte";
     switch (kind) {
