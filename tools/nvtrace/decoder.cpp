@@ -249,12 +249,16 @@ void TraceKeyAndBlock(std::uint32_t key[4]) { NVTraceNS::TraceKey(key); }
 // The eight key stream bytes of a step as they lie in memory.
 std::uint64_t StreamBytes(std::uint32_t y, std::uint32_t z)
 {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    return std::uint64_t(y) | std::uint64_t(z) << 32;
+#else
     std::uint8_t bytes[8];
     nvcipher::StoreLe32(bytes, y);
     nvcipher::StoreLe32(bytes + 4, z);
     std::uint64_t stream;
     std::memcpy(&stream, bytes, 8);
     return stream;
+#endif
 }
 
 // One step of up to eight bytes: in XOR the key stream. Eight bytes at once where

@@ -111,7 +111,7 @@ TraceRow RowOf(const std::string& file, const TraceView& trace, std::map<std::ui
     row.file = file;
     row.machine = HeaderValue(trace.header, "Machine name: ");
     row.version = HeaderValue(trace.header, "FileVersion: ");
-    const TraceSummary summary = Summarize(trace);
+    const TraceSummary summary = Summarize(trace, SummaryDepth::Rollup);
     if (!summary.processes.empty())
         row.started = summary.processes.front().started;
     // What the verdicts count, without their notes.

@@ -276,9 +276,10 @@ const char* OperationOf(std::string_view scope)
 // views of the records' texts: they must outlive it.
 class Summarizer {
 public:
-    explicit Summarizer(const std::vector<std::string>& header)
+    Summarizer(const std::vector<std::string>& header, SummaryDepth depth) : m_full(depth == SummaryDepth::Full)
     {
-        m_summary.header = header;
+        if (m_full)
+            m_summary.header = header;
         NewProcess();
         // The first process starts at the header's time, its last line before ".".
         if (header.size() >= 2) {
@@ -430,6 +431,8 @@ private:
         stack.pop_back();
         if (scope.failed && !stack.empty())
             stack.back().calleeFailures.push_back({scope.failedCode, scope.failure});
+        if (!m_full)
+            return;
         auto it = m_scopeAt.find(scope.name);
         if (it == m_scopeAt.end()) {
             SummaryScope s;
@@ -598,6 +601,7 @@ private:
         }
     }
 
+    const bool m_full; // else the header lines and the scopes' times are left out
     TraceSummary m_summary;
     Clock m_clock;
     std::string m_version; // the process's "wszVersion = " text
@@ -687,15 +691,15 @@ std::string DescribeResult(std::uint32_t code)
 
 TraceSummary Summarize(const DecodedTrace& trace)
 {
-    Summarizer summarizer(trace.header);
+    Summarizer summarizer(trace.header, SummaryDepth::Full);
     for (const Record& r : trace.records)
         summarizer.Add(RecordView{r.offset, r.thread, r.kind, r.text});
     return summarizer.Finish();
 }
 
-TraceSummary Summarize(const TraceView& trace)
+TraceSummary Summarize(const TraceView& trace, SummaryDepth depth)
 {
-    Summarizer summarizer(trace.header);
+    Summarizer summarizer(trace.header, depth);
     for (const RecordView& r : trace.records)
         summarizer.Add(r);
     return summarizer.Finish();

@@ -120,8 +120,12 @@ struct TraceSummary {
     std::vector<std::string> emptyValues;
 };
 
+// How much a summary holds: everything, or what a roll-up row reads (without the
+// header lines and the scopes' times, which no row shows).
+enum class SummaryDepth { Full, Rollup };
+
 TraceSummary Summarize(const DecodedTrace& trace);
-TraceSummary Summarize(const TraceView& trace);
+TraceSummary Summarize(const TraceView& trace, SummaryDepth depth = SummaryDepth::Full);
 
 // The outcome of one user, as the verdict counts it.
 enum class UserOutcome {
