@@ -62,13 +62,16 @@ void AppendCsvField(std::string& out, std::string_view text)
         out += '"';
     if (formula)
         out += '\'';
+    if (!quoted) {
+        out.append(text);
+        return;
+    }
     for (const char c : text) {
         out += c;
-        if (c == '"' && quoted)
+        if (c == '"')
             out += '"';
     }
-    if (quoted)
-        out += '"';
+    out += '"';
 }
 
 std::string CsvField(const std::string& text)

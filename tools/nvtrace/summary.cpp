@@ -73,6 +73,13 @@ const KnownCode kKnownCodes[] = {
     {0x8009000Fu, "NTE_EXISTS", "Object already exists"},
 };
 
+// The text from `at` on begins with lead.
+bool StartsWith(std::string_view text, std::string_view lead, std::size_t at = 0)
+{
+    return text.size() >= at && text.size() - at >= lead.size() &&
+           std::char_traits<char>::compare(text.data() + at, lead.data(), lead.size()) == 0;
+}
+
 bool ParseHex(std::string_view text, std::size_t at, std::uint32_t& value)
 {
     if (at > text.size() || (text.compare(at, 2, "0x") != 0 && text.compare(at, 2, "0X") != 0))
@@ -103,7 +110,7 @@ bool ParseHex(std::string_view text, std::size_t at, std::uint32_t& value)
 bool QuotedAfter(std::string_view text, std::string_view lead, std::string_view tail, std::string_view& sid,
                  std::uint32_t* code)
 {
-    if (text.substr(0, lead.size()) != lead)
+    if (!StartsWith(text, lead))
         return false;
     const std::size_t close = text.find('\'', lead.size());
     if (close == std::string::npos)
@@ -111,7 +118,7 @@ bool QuotedAfter(std::string_view text, std::string_view lead, std::string_view 
     sid = text.substr(lead.size(), close - lead.size());
     if (!code)
         return close + 1 == text.size();
-    if (text.substr(close + 1, tail.size()) != tail)
+    if (!StartsWith(text, tail, close + 1))
         return false;
     return ParseHex(text, close + 1 + tail.size(), *code);
 }
@@ -120,7 +127,7 @@ bool QuotedAfter(std::string_view text, std::string_view lead, std::string_view 
 bool SidAndRest(std::string_view text, std::string_view l, std::string_view t, std::string_view& sid,
                 std::string_view& rest)
 {
-    if (text.substr(0, l.size()) != l)
+    if (!StartsWith(text, l))
         return false;
     const std::size_t at = text.find(t, l.size());
     if (at == std::string::npos)
@@ -136,8 +143,8 @@ bool EmptyValueLine(std::string_view text, std::string& shown)
 {
     static constexpr std::string_view lead = "value \"", middle = "\" of ",
                                       tail = " is empty: the backup cannot copy empty values";
-    if (text.substr(0, lead.size()) != lead || text.size() < lead.size() + tail.size() ||
-        text.substr(text.size() - tail.size()) != tail)
+    if (!StartsWith(text, lead) || text.size() < lead.size() + tail.size() ||
+        !StartsWith(text, tail, text.size() - tail.size()))
         return false;
     const std::size_t at = text.rfind(middle, text.size() - tail.size());
     if (at == std::string::npos || at < lead.size())
@@ -240,7 +247,6 @@ std::string JoinPath(const std::vector<OpenScope>& stack)
     return path.empty() ? std::string("(outside any scope)") : path;
 }
 
-bool StartsWith(std::string_view text, std::string_view lead) { return text.substr(0, lead.size()) == lead; }
 
 // A decimal number as strtoll reads it, and nothing after it.
 bool WholeNumber(std::string_view number, long long& value)
