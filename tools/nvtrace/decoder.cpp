@@ -5,6 +5,7 @@
 #else
 #include <sys/stat.h>
 #endif
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -41,7 +42,7 @@ std::size_t MaxTextLength(char kind)
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 
 // pattern: 'd' a digit, anything else itself.
-bool Matches(const std::string& text, const char* pattern)
+bool Matches(std::string_view text, const char* pattern)
 {
     if (text.size() != std::strlen(pattern))
         return false;
@@ -55,10 +56,16 @@ bool Matches(const std::string& text, const char* pattern)
 // The longest well-formed UTF-8 prefix of text[from, to): the end of the last whole
 // character. Surrogate halves encoded on their own pass: a wide text cut between
 // the two halves of a pair converts so on some systems.
-std::size_t Utf8End(const std::string& text, std::size_t from, std::size_t to)
+std::size_t Utf8End(std::string_view text, std::size_t from, std::size_t to)
 {
     std::size_t i = from;
     while (i < to) {
+        // Most text is ASCII: eight bytes at a time while no byte has its top bit.
+        std::uint64_t eight;
+        while (to - i >= 8 && (std::memcpy(&eight, text.data() + i, 8), (eight & 0x8080808080808080u) == 0))
+            i += 8;
+        if (i == to)
+            break;
         const unsigned char c = static_cast<unsigned char>(text[i]);
         std::size_t n;
         unsigned lowest;
@@ -95,7 +102,7 @@ std::size_t Utf8End(const std::string& text, std::size_t from, std::size_t to)
 }
 
 // The bytes from `at` to the end begin a character that the end cut off.
-bool IsCutCharacter(const std::string& text, std::size_t at)
+bool IsCutCharacter(std::string_view text, std::size_t at)
 {
     const unsigned char c = static_cast<unsigned char>(text[at]);
     const std::size_t need = c >= 0xC2 && c <= 0xDF ? 2 : c >= 0xE0 && c <= 0xEF ? 3 : c >= 0xF0 && c <= 0xF4 ? 4 : 0;
@@ -108,7 +115,7 @@ bool IsCutCharacter(const std::string& text, std::size_t at)
     return true;
 }
 
-bool HasControl(const std::string& text, std::size_t from)
+bool HasControl(std::string_view text, std::size_t from)
 {
     for (std::size_t i = from; i < text.size(); ++i) {
         const unsigned char c = static_cast<unsigned char>(text[i]);
@@ -118,7 +125,7 @@ bool HasControl(const std::string& text, std::size_t from)
     return false;
 }
 
-bool InRange(const std::string& text, std::size_t at, int low, int high)
+bool InRange(std::string_view text, std::size_t at, int low, int high)
 {
     const int v = (text[at] - '0') * 10 + (text[at + 1] - '0');
     return v >= low && v <= high;
@@ -127,7 +134,7 @@ bool InRange(const std::string& text, std::size_t at, int low, int high)
 // A result as the library formats it ("%d"): an optional minus, no leading zero,
 // within 32 bits, and a code the library traces at all: a failure, or a success of
 // facility 9. Sets end to where the number stops.
-bool ResultNumber(const std::string& text, std::size_t& end)
+bool ResultNumber(std::string_view text, std::size_t& end)
 {
     std::size_t i = (!text.empty() && text[0] == '-') ? 1 : 0;
     const std::size_t first = i;
@@ -149,24 +156,47 @@ bool ResultNumber(const std::string& text, std::size_t& end)
     return (static_cast<unsigned long long>(v) & 0x1FFF0000u) == 0x00090000u;
 }
 
-// An empty string when the text is one the library writes for the kind, else why not.
-std::string CheckText(char kind, const std::string& text)
+// Every byte printable ASCII (0x20 to 0x7E), eight at a time: a word has a byte
+// below 0x20 when (w - 0x20..) & ~w & 0x80.. is not zero, and one above 0x7E when
+// ((w + 0x01..) | w) & 0x80.. is not zero.
+bool PrintableAscii(std::string_view text)
 {
+    constexpr std::uint64_t ones = 0x0101010101010101u, high = 0x8080808080808080u;
+    std::size_t i = 0;
+    for (std::uint64_t w; i + 8 <= text.size(); i += 8) {
+        std::memcpy(&w, text.data() + i, 8);
+        if (((w - 0x20 * ones) & ~w & high) != 0 || (((w + ones) | w) & high) != 0)
+            return false;
+    }
+    for (; i < text.size(); ++i) {
+        if (text[i] < 0x20 || text[i] > 0x7E)
+            return false;
+    }
+    return true;
+}
+
+// Null when the text is one the library writes for the kind, else why not.
+const char* CheckText(char kind, std::string_view text)
+{
+    // Most scope names and lines are printable ASCII: no NUL, a valid name, a valid
+    // line. Anything else takes the checks below.
+    if ((kind == '>' || kind == 'U') && !text.empty() && PrintableAscii(text))
+        return nullptr;
     if (text.find('\0') != std::string::npos)
         return "its text holds a NUL byte";
     switch (kind) {
     case 't':
         return Matches(text, "dd/dd/dd") && InRange(text, 0, 1, 12) && InRange(text, 3, 1, 31)
-                   ? ""
+                   ? nullptr
                    : "the date record is not mm/dd/yy";
     case 'T':
         return Matches(text, "dd:dd:dd.ddd") && InRange(text, 0, 0, 23) && InRange(text, 3, 0, 59) &&
                        InRange(text, 6, 0, 59)
-                   ? ""
+                   ? nullptr
                    : "the time record is not hh:mm:ss.mmm";
     case 'N':
         return Matches(text, "dd-dd-dddd") && InRange(text, 0, 1, 12) && InRange(text, 3, 1, 31)
-                   ? ""
+                   ? nullptr
                    : "the reopen record is not mm-dd-yyyy";
     case '>':
         // Scope names are the library's own: plain ASCII, never empty.
@@ -176,11 +206,11 @@ std::string CheckText(char kind, const std::string& text)
             if (c < 0x20 || c > 0x7E)
                 return "the scope name is not printable ASCII";
         }
-        return "";
+        return nullptr;
     case 'U':
         // A line is UTF-8, cut only at a character's end; control characters can
         // come from the names it quotes.
-        return Utf8End(text, 0, text.size()) == text.size() ? "" : "the line is not UTF-8";
+        return Utf8End(text, 0, text.size()) == text.size() ? nullptr : "the line is not UTF-8";
     case 'E': {
         std::size_t end = 0;
         if (!ResultNumber(text, end))
@@ -194,10 +224,10 @@ std::string CheckText(char kind, const std::string& text)
             return "the result text is not UTF-8";
         if (HasControl(text, end + 1))
             return "the result text holds a control character";
-        return "";
+        return nullptr;
     }
     default:
-        return "";
+        return nullptr;
     }
 }
 
@@ -207,89 +237,223 @@ std::string Hex2(unsigned v)
     return std::string{digits[(v >> 4) & 15], digits[v & 15]};
 }
 
-void Fail(DecodedTrace& trace, std::uint64_t offset, const std::string& what, const std::string& detail)
+void Fail(TraceView& trace, std::uint64_t offset, const std::string& what, const std::string& detail)
 {
     trace.ok = false;
     trace.errorOffset = offset;
     trace.error = what + " at byte offset " + std::to_string(offset) + ": " + detail;
 }
 
-
 void TraceKeyAndBlock(std::uint32_t key[4]) { NVTraceNS::TraceKey(key); }
 
-// The record cipher, for reading many records fast. In cipher feedback each step's
-// key stream is the cipher of the previous step's ciphertext, all of which is at
-// hand when reading: the steps of a record are independent, and run side by side
-// in lanes the compiler can vectorise. The first step of every record enciphers the
-// same starting block, so its key stream is computed once.
-class RecordReader {
-public:
-    RecordReader()
-    {
-        TraceKeyAndBlock(m_key);
-        std::uint8_t start[8];
-        std::memcpy(start, NVTraceNS::kTraceStartBlock, sizeof(start));
-        nvcipher::TeaEncryptRegister(start, m_key);
-        std::memcpy(m_firstStep, start, sizeof(start));
-    }
-
-    // Deciphers n bytes of a record's text from in into out.
-    void Text(const std::uint8_t* in, std::size_t n, char* out) const
-    {
-        for (std::size_t i = 0; i < n && i < 8; ++i)
-            out[i] = static_cast<char>(in[i] ^ m_firstStep[i]);
-        for (std::size_t step = 8; step < n; step += kLanes * 8) {
-            std::uint32_t y[kLanes] = {}, z[kLanes] = {};
-            const std::size_t lanes = std::min(kLanes, (n - step + 7) / 8);
-            for (std::size_t l = 0; l < lanes; ++l) {
-                y[l] = nvcipher::LoadLe32(in + step + l * 8 - 8);
-                z[l] = nvcipher::LoadLe32(in + step + l * 8 - 4);
-            }
-            Encipher(y, z);
-            for (std::size_t l = 0; l < lanes; ++l) {
-                std::uint8_t stream[8];
-                nvcipher::StoreLe32(stream, y[l]);
-                nvcipher::StoreLe32(stream + 4, z[l]);
-                const std::size_t at = step + l * 8;
-                for (std::size_t i = 0; i < 8 && at + i < n; ++i)
-                    out[at + i] = static_cast<char>(in[at + i] ^ stream[i]);
-            }
-        }
-    }
-
-private:
-    static constexpr std::size_t kLanes = 8;
-
-    // The cipher's rounds over every lane, the shift right arithmetic as the
-    // library's; the same arithmetic as nvcipher::TeaEncryptBlock.
-    void Encipher(std::uint32_t (&y)[kLanes], std::uint32_t (&z)[kLanes]) const
-    {
-        const std::uint32_t k0 = m_key[0], k1 = m_key[1], k2 = m_key[2], k3 = m_key[3];
-        std::uint32_t sum = 0;
-        for (int round = 0; round < nvcipher::kTeaRounds; ++round) {
-            sum += nvcipher::kTeaDelta;
-            for (std::size_t l = 0; l < kLanes; ++l) {
-                const std::uint32_t v = z[l];
-                y[l] += ((v << 4) + k0) ^ (v + sum) ^ (((v >> 5) | ((0u - (v >> 31)) << 27)) + k1);
-            }
-            for (std::size_t l = 0; l < kLanes; ++l) {
-                const std::uint32_t v = y[l];
-                z[l] += ((v << 4) + k2) ^ (v + sum) ^ (((v >> 5) | ((0u - (v >> 31)) << 27)) + k3);
-            }
-        }
-    }
-
-    std::uint32_t m_key[4];
-    std::uint8_t m_firstStep[8];
-};
-
-const RecordReader& Reader()
+// The eight key stream bytes of a step as they lie in memory.
+std::uint64_t StreamBytes(std::uint32_t y, std::uint32_t z)
 {
-    static const RecordReader reader;
-    return reader;
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    return std::uint64_t(y) | std::uint64_t(z) << 32;
+#else
+    std::uint8_t bytes[8];
+    nvcipher::StoreLe32(bytes, y);
+    nvcipher::StoreLe32(bytes + 4, z);
+    std::uint64_t stream;
+    std::memcpy(&stream, bytes, 8);
+    return stream;
+#endif
+}
+
+// One step of up to eight bytes: in XOR the key stream. Eight bytes at once where
+// the input has them; the output always has room (the text buffer is padded, and a
+// step that writes past its record's end is overwritten by the next record's).
+void XorStep(const std::uint8_t* in, const std::uint8_t* end, std::uint64_t stream, std::size_t n, char* out)
+{
+    if (end - in >= 8) {
+        std::uint64_t text;
+        std::memcpy(&text, in, 8);
+        text ^= stream;
+        std::memcpy(out, &text, 8);
+        return;
+    }
+    std::uint8_t key[8];
+    std::memcpy(key, &stream, 8);
+    for (std::size_t i = 0; i < n; ++i)
+        out[i] = static_cast<char>(in[i] ^ key[i]);
 }
 
 } // namespace
+
+TraceDecoder::TraceDecoder(CipherKernel kernel) : m_kernel(kernel)
+{
+    TraceKeyAndBlock(m_key);
+    // The first step of every record enciphers the same starting block.
+    std::memcpy(m_firstStep, NVTraceNS::kTraceStartBlock, sizeof(m_firstStep));
+    nvcipher::TeaEncryptRegister(m_firstStep, m_key);
+}
+
+const TraceView& TraceDecoder::Decode(const std::uint8_t* data, std::size_t size)
+{
+    m_trace.records.clear();
+    m_trace.bodyOffset = 0;
+    m_trace.ok = true;
+    m_trace.errorOffset = 0;
+    m_trace.error.clear();
+    std::size_t pos = 0;
+    if (size == 0 || data == nullptr) {
+        m_trace.header.clear();
+        Fail(m_trace, 0, "not a trace file", "the file is empty");
+    } else if (ReadHeader(data, size, pos)) {
+        m_trace.bodyOffset = pos;
+        const std::size_t textSize = ReadHeads(data, size, pos);
+        // Room for the last step's eight-byte store.
+        m_text.resize(textSize + 8);
+        Unscramble(data + size);
+        std::size_t at = 0;
+        for (RecordView& r : m_trace.records) {
+            r.text = std::string_view(m_text.data() + at, r.text.size());
+            at += r.text.size();
+        }
+        CheckTexts();
+    }
+    return m_trace;
+}
+
+// Header: CR LF terminated lines, "trace3" first, up to the line ".". The header's
+// strings are reused from file to file: only the lines read stay.
+bool TraceDecoder::ReadHeader(const std::uint8_t* data, std::size_t size, std::size_t& pos)
+{
+    std::size_t lines = 0;
+    const bool whole = ReadHeaderLines(data, size, pos, lines);
+    m_trace.header.resize(lines);
+    return whole;
+}
+
+bool TraceDecoder::ReadHeaderLines(const std::uint8_t* data, std::size_t size, std::size_t& pos, std::size_t& lines)
+{
+    std::vector<std::string>& header = m_trace.header;
+    for (;;) {
+        if (pos >= size) {
+            Fail(m_trace, pos, "truncated header", "the file ends before the header's closing \".\" line");
+            return false;
+        }
+        std::size_t end = pos;
+        while (end + 1 < size && !(data[end] == '\r' && data[end + 1] == '\n') && end - pos <= kMaxHeaderLine)
+            ++end;
+        if (end - pos > kMaxHeaderLine) {
+            Fail(m_trace, pos, "corrupt header",
+                 "a header line runs on for more than " + std::to_string(kMaxHeaderLine) + " bytes without CR LF");
+            return false;
+        }
+        if (end + 1 >= size) {
+            Fail(m_trace, pos, "truncated header", "the last header line has no CR LF and no closing \".\" line follows");
+            return false;
+        }
+        const std::string_view line(reinterpret_cast<const char*>(data + pos), end - pos);
+        if (lines == 0 && line != kHeaderMark) {
+            Fail(m_trace, 0, "not a trace file", "it does not begin with the line \"trace3\"");
+            return false;
+        }
+        if (lines < header.size())
+            header[lines].assign(line);
+        else
+            header.emplace_back(line);
+        ++lines;
+        pos = end + 2;
+        if (line == kHeaderEnd)
+            return true;
+    }
+}
+
+// The records' heads, which are not scrambled, up to the end or the first head that
+// cannot be valid (the trace then fails there, unless a text before it fails first).
+// Each record's text is left empty with its length; returns their sum.
+std::size_t TraceDecoder::ReadHeads(const std::uint8_t* data, std::size_t size, std::size_t pos)
+{
+    std::size_t textSize = 0;
+    while (pos < size) {
+        const std::size_t left = size - pos;
+        if (left < kRecordHeadSize) {
+            Fail(m_trace, pos, "truncated record",
+                 "the record head needs " + std::to_string(kRecordHeadSize) + " bytes, " + std::to_string(left) + " left");
+            break;
+        }
+        RecordView record;
+        record.offset = pos;
+        record.thread = nvcipher::LoadLe32(data + pos);
+        record.kind = static_cast<char>(data[pos + 4]);
+        const std::size_t n = std::size_t(data[pos + 5]) | (std::size_t(data[pos + 6]) << 8);
+        if (!IsKnownKind(record.kind)) {
+            Fail(m_trace, pos, "corrupt record", "unknown record kind 0x" + Hex2(data[pos + 4]));
+            break;
+        }
+        if (n > MaxTextLength(record.kind)) {
+            Fail(m_trace, pos, "corrupt record",
+                 std::string("a '") + record.kind + "' record cannot carry " + std::to_string(n) + " bytes of text");
+            break;
+        }
+        if (left - kRecordHeadSize < n) {
+            Fail(m_trace, pos, "truncated record",
+                 "the text needs " + std::to_string(n) + " bytes, " + std::to_string(left - kRecordHeadSize) + " left");
+            break;
+        }
+        // The scrambled text for now; Decode points it at the unscrambled one.
+        record.text = std::string_view(reinterpret_cast<const char*>(data + pos + kRecordHeadSize), n);
+        m_trace.records.push_back(record);
+        textSize += n;
+        pos += kRecordHeadSize + n;
+    }
+    return textSize;
+}
+
+// Every record's text at once: the key stream of each record's first step is known,
+// and those of its later steps are the cipher of the ciphertext step before, all
+// enciphered in one batch.
+void TraceDecoder::Unscramble(const std::uint8_t* end)
+{
+    std::size_t blocks = 0;
+    for (const RecordView& r : m_trace.records)
+        blocks += r.text.size() > 8 ? (r.text.size() - 1) / 8 : 0;
+    m_y.resize(blocks);
+    m_z.resize(blocks);
+    std::uint32_t* y = m_y.data();
+    std::uint32_t* z = m_z.data();
+    // The records' texts are still the scrambled ones in the file.
+    for (const RecordView& r : m_trace.records) {
+        const std::uint8_t* in = reinterpret_cast<const std::uint8_t*>(r.text.data());
+        for (std::size_t at = 8; at < r.text.size(); at += 8) {
+            *y++ = nvcipher::LoadLe32(in + at - 8);
+            *z++ = nvcipher::LoadLe32(in + at - 4);
+        }
+    }
+    EncipherBlocks(m_kernel, m_key, m_y.data(), m_z.data(), blocks);
+    std::uint64_t firstStep;
+    std::memcpy(&firstStep, m_firstStep, 8);
+    y = m_y.data();
+    z = m_z.data();
+    char* out = &m_text[0];
+    for (const RecordView& r : m_trace.records) {
+        const std::uint8_t* in = reinterpret_cast<const std::uint8_t*>(r.text.data());
+        const std::size_t n = r.text.size();
+        if (n > 0)
+            XorStep(in, end, firstStep, std::min<std::size_t>(n, 8), out);
+        for (std::size_t at = 8; at < n; at += 8)
+            XorStep(in + at, end, StreamBytes(*y++, *z++), std::min<std::size_t>(n - at, 8), out + at);
+        out += n;
+    }
+}
+
+// The texts in order: the first that the library cannot have written ends the trace
+// there, before any later head's failure.
+void TraceDecoder::CheckTexts()
+{
+    std::vector<RecordView>& records = m_trace.records;
+    for (std::size_t i = 0; i < records.size(); ++i) {
+        const char* problem = CheckText(records[i].kind, records[i].text);
+        if (problem) {
+            Fail(m_trace, records[i].offset, "corrupt record", problem);
+            records.resize(i);
+            return;
+        }
+    }
+}
 
 bool IsKnownKind(char kind)
 {
@@ -330,81 +494,17 @@ DecodedTrace Decode(const std::vector<std::uint8_t>& data) { return Decode(data.
 
 DecodedTrace Decode(const std::uint8_t* data, std::size_t size)
 {
+    TraceDecoder decoder;
+    const TraceView& view = decoder.Decode(data, size);
     DecodedTrace trace;
-    if (size == 0 || data == nullptr) {
-        Fail(trace, 0, "not a trace file", "the file is empty");
-        return trace;
-    }
-
-    // Header: CR LF terminated lines, "trace3" first, up to the line ".".
-    std::size_t pos = 0;
-    for (;;) {
-        if (pos >= size) {
-            Fail(trace, pos, "truncated header", "the file ends before the header's closing \".\" line");
-            return trace;
-        }
-        std::size_t end = pos;
-        while (end + 1 < size && !(data[end] == '\r' && data[end + 1] == '\n') && end - pos <= kMaxHeaderLine)
-            ++end;
-        if (end - pos > kMaxHeaderLine) {
-            Fail(trace, pos, "corrupt header", "a header line runs on for more than " + std::to_string(kMaxHeaderLine) +
-                                                   " bytes without CR LF");
-            return trace;
-        }
-        if (end + 1 >= size) {
-            Fail(trace, pos, "truncated header", "the last header line has no CR LF and no closing \".\" line follows");
-            return trace;
-        }
-        std::string line(reinterpret_cast<const char*>(data + pos), end - pos);
-        if (trace.header.empty() && line != kHeaderMark) {
-            Fail(trace, 0, "not a trace file", "it does not begin with the line \"trace3\"");
-            return trace;
-        }
-        trace.header.push_back(line);
-        pos = end + 2;
-        if (line == kHeaderEnd)
-            break;
-    }
-    trace.bodyOffset = pos;
-
-    // Body: records.
-    while (pos < size) {
-        const std::size_t left = size - pos;
-        if (left < kRecordHeadSize) {
-            Fail(trace, pos, "truncated record",
-                 "the record head needs " + std::to_string(kRecordHeadSize) + " bytes, " + std::to_string(left) + " left");
-            return trace;
-        }
-        Record record;
-        record.offset = pos;
-        record.thread = std::uint32_t(data[pos]) | (std::uint32_t(data[pos + 1]) << 8) |
-                        (std::uint32_t(data[pos + 2]) << 16) | (std::uint32_t(data[pos + 3]) << 24);
-        record.kind = static_cast<char>(data[pos + 4]);
-        const std::size_t n = std::size_t(data[pos + 5]) | (std::size_t(data[pos + 6]) << 8);
-        if (!IsKnownKind(record.kind)) {
-            Fail(trace, pos, "corrupt record", "unknown record kind 0x" + Hex2(data[pos + 4]));
-            return trace;
-        }
-        if (n > MaxTextLength(record.kind)) {
-            Fail(trace, pos, "corrupt record",
-                 std::string("a '") + record.kind + "' record cannot carry " + std::to_string(n) + " bytes of text");
-            return trace;
-        }
-        if (left - kRecordHeadSize < n) {
-            Fail(trace, pos, "truncated record",
-                 "the text needs " + std::to_string(n) + " bytes, " + std::to_string(left - kRecordHeadSize) + " left");
-            return trace;
-        }
-        record.text.resize(n);
-        Reader().Text(data + pos + kRecordHeadSize, n, &record.text[0]);
-        const std::string problem = CheckText(record.kind, record.text);
-        if (!problem.empty()) {
-            Fail(trace, pos, "corrupt record", problem);
-            return trace;
-        }
-        trace.records.push_back(std::move(record));
-        pos += kRecordHeadSize + n;
-    }
+    trace.header = view.header;
+    trace.records.reserve(view.records.size());
+    for (const RecordView& r : view.records)
+        trace.records.push_back(Record{r.offset, r.thread, r.kind, std::string(r.text)});
+    trace.bodyOffset = view.bodyOffset;
+    trace.ok = view.ok;
+    trace.errorOffset = view.errorOffset;
+    trace.error = view.error;
     return trace;
 }
 

@@ -6,7 +6,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include "cipher_batch.h"
 
 namespace nvtrace {
 
@@ -20,13 +23,47 @@ struct Record {
     std::string text;         // unscrambled
 };
 
-struct DecodedTrace {
+// The same record with its text held elsewhere (in a TraceDecoder's buffer).
+struct RecordView {
+    std::uint64_t offset = 0;
+    std::uint32_t thread = 0;
+    char kind = 0;
+    std::string_view text;
+};
+
+template <class RecordType>
+struct BasicTrace {
     std::vector<std::string> header; // header lines without CR LF, "trace3" first, "." last
-    std::vector<Record> records;
+    std::vector<RecordType> records;
     std::uint64_t bodyOffset = 0;    // where the first record starts
     bool ok = true;
     std::uint64_t errorOffset = 0;   // where decoding stopped, when !ok
     std::string error;               // what was wrong there, naming the offset
+};
+
+using DecodedTrace = BasicTrace<Record>;
+using TraceView = BasicTrace<RecordView>;
+
+// Decodes one file image after another, reusing its buffers: what many files are
+// read with. Its result holds until the next Decode.
+class TraceDecoder {
+public:
+    explicit TraceDecoder(CipherKernel kernel = FastestCipherKernel());
+    const TraceView& Decode(const std::uint8_t* data, std::size_t size);
+
+private:
+    bool ReadHeader(const std::uint8_t* data, std::size_t size, std::size_t& pos);
+    bool ReadHeaderLines(const std::uint8_t* data, std::size_t size, std::size_t& pos, std::size_t& lines);
+    std::size_t ReadHeads(const std::uint8_t* data, std::size_t size, std::size_t pos);
+    void Unscramble(const std::uint8_t* end); // end: of the file image
+    void CheckTexts();
+
+    CipherKernel m_kernel;
+    std::uint32_t m_key[4];
+    std::uint8_t m_firstStep[8]; // the key stream of every record's first step
+    TraceView m_trace;
+    std::string m_text;          // every record's text, one after another
+    std::vector<std::uint32_t> m_y, m_z;
 };
 
 // Decodes a whole trace file image.

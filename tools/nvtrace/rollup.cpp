@@ -17,13 +17,6 @@ using Json = nlohmann::ordered_json;
 constexpr char kTraceExtension[] = ".trc3";
 constexpr std::size_t kMostFrequentShown = 5;
 
-std::string Hex8(std::uint32_t v)
-{
-    char buf[16];
-    std::snprintf(buf, sizeof(buf), "0x%08X", static_cast<unsigned>(v));
-    return buf;
-}
-
 std::string HeaderValue(const std::vector<std::string>& header, const std::string& lead)
 {
     for (const std::string& line : header)
@@ -61,17 +54,31 @@ std::string CodeAndName(std::uint32_t code)
 
 // One CSV field (RFC 4180). Text that a spreadsheet would run as a formula is
 // prefixed with an apostrophe: machine names and paths come from the files.
+void AppendCsvField(std::string& out, std::string_view text)
+{
+    const bool formula = !text.empty() && (text[0] == '=' || text[0] == '+' || text[0] == '-' || text[0] == '@');
+    const bool quoted = text.find_first_of(",\"\r\n") != std::string_view::npos;
+    if (quoted)
+        out += '"';
+    if (formula)
+        out += '\'';
+    if (!quoted) {
+        out.append(text);
+        return;
+    }
+    for (const char c : text) {
+        out += c;
+        if (c == '"')
+            out += '"';
+    }
+    out += '"';
+}
+
 std::string CsvField(const std::string& text)
 {
-    std::string value = text;
-    if (!value.empty() && (value[0] == '=' || value[0] == '+' || value[0] == '-' || value[0] == '@'))
-        value.insert(value.begin(), '\'');
-    if (value.find_first_of(",\"\r\n") == std::string::npos)
-        return value;
-    std::string quoted = "\"";
-    for (const char c : value)
-        quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
-    return quoted + "\"";
+    std::string field;
+    AppendCsvField(field, text);
+    return field;
 }
 
 std::string JsonText(const Json& value) { return value.dump(-1, ' ', false, Json::error_handler_t::replace); }
@@ -101,20 +108,23 @@ bool IsFolder(const std::string& path)
     return fs::is_directory(fs::path(path), ec);
 }
 
-TraceRow RowOf(const std::string& file, const DecodedTrace& trace, std::map<std::uint32_t, std::size_t>* codes)
+TraceRow RowOf(const std::string& file, const TraceView& trace, std::map<std::uint32_t, std::size_t>* codes)
 {
     TraceRow row;
     row.file = file;
     row.machine = HeaderValue(trace.header, "Machine name: ");
     row.version = HeaderValue(trace.header, "FileVersion: ");
-    const TraceSummary summary = Summarize(trace);
+    const TraceSummary summary = Summarize(trace, SummaryDepth::Rollup);
     if (!summary.processes.empty())
         row.started = summary.processes.front().started;
-    for (const Verdict& v : ComputeVerdicts(summary)) {
-        row.moved += v.moved;
-        row.movedWithGaps += v.movedWithGaps;
-        row.held += v.held;
-        row.failed += v.failedUsers;
+    // What the verdicts count, without their notes.
+    for (const SummaryUser& u : summary.users) {
+        switch (OutcomeOf(u)) {
+        case UserOutcome::Moved: ++row.moved; break;
+        case UserOutcome::MovedWithGaps: ++row.movedWithGaps; break;
+        case UserOutcome::Held: ++row.held; break;
+        case UserOutcome::Failed: ++row.failed; break;
+        }
     }
     if (!summary.failures.empty()) {
         row.hasFailure = true;
@@ -175,13 +185,28 @@ void RollupWriter::Begin()
 void RollupWriter::Row(const TraceRow& row)
 {
     switch (m_format) {
-    case RollupFormat::Csv:
-        m_out << CsvField(row.file) << ',' << CsvField(row.machine) << ',' << CsvField(row.version) << ','
-              << CsvField(row.started) << ',' << row.moved << ',' << row.movedWithGaps << ',' << row.held << ','
-              << row.failed << ',' << (row.hasFailure ? Hex8(row.firstFailure) : "") << ','
-              << CsvField(row.hasFailure ? DescribeCode(row.firstFailure).name : "") << ',' << StateWord(row.state)
-              << ',' << CsvField(row.problem) << '\n';
+    case RollupFormat::Csv: {
+        // One write per row, the line built in a buffer kept from row to row.
+        std::string& line = m_line;
+        line.clear();
+        for (const std::string* field : {&row.file, &row.machine, &row.version, &row.started}) {
+            AppendCsvField(line, *field);
+            line += ',';
+        }
+        for (const std::size_t count : {row.moved, row.movedWithGaps, row.held, row.failed})
+            line.append(std::to_string(count)).append(1, ',');
+        if (row.hasFailure) {
+            line.append(Hex8(row.firstFailure)).append(1, ',');
+            AppendCsvField(line, DescribeCode(row.firstFailure).name);
+        } else {
+            line += ',';
+        }
+        line.append(1, ',').append(StateWord(row.state)).append(1, ',');
+        AppendCsvField(line, row.problem);
+        line += '\n';
+        m_out.write(line.data(), static_cast<std::streamsize>(line.size()));
         break;
+    }
     case RollupFormat::Json: {
         Json j = Json::object();
         j["file"] = row.file;
@@ -277,20 +302,17 @@ public:
     {
         std::map<std::uint32_t, std::size_t> codes;
         TraceRow row;
-        {
-            std::vector<std::uint8_t> data;
-            std::string error;
-            if (!ReadWholeFile(path, data, error)) {
-                row.file = path;
-                row.state = TraceState::Unreadable;
-                row.problem = error;
-                m_err << "nvtrace: " << error << '\n';
-            } else {
-                const DecodedTrace trace = Decode(data);
-                row = RowOf(path, trace, &codes);
-                if (!trace.ok)
-                    m_err << "nvtrace: " << path << ": " << trace.error << '\n';
-            }
+        std::string error;
+        if (!ReadWholeFile(path, m_data, error)) {
+            row.file = path;
+            row.state = TraceState::Unreadable;
+            row.problem = error;
+            m_err << "nvtrace: " << error << '\n';
+        } else {
+            const TraceView& trace = m_decoder.Decode(m_data.data(), m_data.size());
+            row = RowOf(path, trace, &codes);
+            if (!trace.ok)
+                m_err << "nvtrace: " << path << ": " << trace.error << '\n';
         }
         m_totals.Add(row, codes);
         m_writer.Row(row);
@@ -337,6 +359,9 @@ private:
     std::ostream& m_err;
     RollupTotals m_totals;
     bool m_listingFailed = false;
+    // Reused from file to file: the file's bytes and the decoder's buffers.
+    std::vector<std::uint8_t> m_data;
+    TraceDecoder m_decoder;
 };
 
 } // namespace

@@ -30,7 +30,7 @@ struct TraceRow {
 };
 
 // The row of one decoded file; codes receives how often each failure code arose in it.
-TraceRow RowOf(const std::string& file, const DecodedTrace& trace, std::map<std::uint32_t, std::size_t>* codes);
+TraceRow RowOf(const std::string& file, const TraceView& trace, std::map<std::uint32_t, std::size_t>* codes);
 
 enum class RollupFormat { Summary, Json, Csv };
 
@@ -61,6 +61,7 @@ public:
 private:
     RollupFormat m_format;
     std::ostream& m_out;
+    std::string m_line;
 };
 
 // Every trace named: a file as it is, a folder by every *.trc3 file under it

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <tuple>
+#include <unordered_map>
 
 namespace nvtrace {
 
@@ -22,7 +23,7 @@ std::int64_t DaysFromCivil(int y, unsigned m, unsigned d)
     return era * 146097 + static_cast<std::int64_t>(doe) - 719468;
 }
 
-int Digits(const std::string& s, std::size_t at, std::size_t n)
+int Digits(std::string_view s, std::size_t at, std::size_t n)
 {
     int v = 0;
     for (std::size_t i = 0; i < n; ++i) {
@@ -72,16 +73,16 @@ const KnownCode kKnownCodes[] = {
     {0x8009000Fu, "NTE_EXISTS", "Object already exists"},
 };
 
-std::string Hex8(std::uint32_t v)
+// The text from `at` on begins with lead.
+bool StartsWith(std::string_view text, std::string_view lead, std::size_t at = 0)
 {
-    char buf[16];
-    std::snprintf(buf, sizeof(buf), "0x%08X", static_cast<unsigned>(v));
-    return buf;
+    return text.size() >= at && text.size() - at >= lead.size() &&
+           std::char_traits<char>::compare(text.data() + at, lead.data(), lead.size()) == 0;
 }
 
-bool ParseHex(const std::string& text, std::size_t at, std::uint32_t& value)
+bool ParseHex(std::string_view text, std::size_t at, std::uint32_t& value)
 {
-    if (text.compare(at, 2, "0x") != 0 && text.compare(at, 2, "0X") != 0)
+    if (at > text.size() || (text.compare(at, 2, "0x") != 0 && text.compare(at, 2, "0X") != 0))
         return false;
     at += 2;
     std::uint64_t v = 0;
@@ -106,10 +107,10 @@ bool ParseHex(const std::string& text, std::size_t at, std::uint32_t& value)
 }
 
 // "'<sid>'" followed by `tail` and a hex code, or by nothing when tail is empty.
-bool QuotedAfter(const std::string& text, const std::string& lead, const std::string& tail, std::string& sid,
+bool QuotedAfter(std::string_view text, std::string_view lead, std::string_view tail, std::string_view& sid,
                  std::uint32_t* code)
 {
-    if (text.compare(0, lead.size(), lead) != 0)
+    if (!StartsWith(text, lead))
         return false;
     const std::size_t close = text.find('\'', lead.size());
     if (close == std::string::npos)
@@ -117,16 +118,16 @@ bool QuotedAfter(const std::string& text, const std::string& lead, const std::st
     sid = text.substr(lead.size(), close - lead.size());
     if (!code)
         return close + 1 == text.size();
-    if (text.compare(close + 1, tail.size(), tail) != 0)
+    if (!StartsWith(text, tail, close + 1))
         return false;
     return ParseHex(text, close + 1 + tail.size(), *code);
 }
 
 // "<lead><sid><tail><rest>": the SID and the rest.
-bool SidAndRest(const std::string& text, const char* lead, const char* tail, std::string& sid, std::string& rest)
+bool SidAndRest(std::string_view text, std::string_view l, std::string_view t, std::string_view& sid,
+                std::string_view& rest)
 {
-    const std::string l(lead), t(tail);
-    if (text.compare(0, l.size(), l) != 0)
+    if (!StartsWith(text, l))
         return false;
     const std::size_t at = text.find(t, l.size());
     if (at == std::string::npos)
@@ -138,19 +139,19 @@ bool SidAndRest(const std::string& text, const char* lead, const char* tail, std
 
 // "value "<name>" of <key> is empty: the backup cannot copy empty values", the
 // library's words for a value its backup refused, in nvdbconv's form.
-bool EmptyValueLine(const std::string& text, std::string& shown)
+bool EmptyValueLine(std::string_view text, std::string& shown)
 {
-    static const std::string lead = "value \"", middle = "\" of ",
-                             tail = " is empty: the backup cannot copy empty values";
-    if (text.compare(0, lead.size(), lead) != 0 || text.size() < lead.size() + tail.size() ||
-        text.compare(text.size() - tail.size(), tail.size(), tail) != 0)
+    static constexpr std::string_view lead = "value \"", middle = "\" of ",
+                                      tail = " is empty: the backup cannot copy empty values";
+    if (!StartsWith(text, lead) || text.size() < lead.size() + tail.size() ||
+        !StartsWith(text, tail, text.size() - tail.size()))
         return false;
     const std::size_t at = text.rfind(middle, text.size() - tail.size());
     if (at == std::string::npos || at < lead.size())
         return false;
-    const std::string name = text.substr(lead.size(), at - lead.size());
-    const std::string key = text.substr(at + middle.size(), text.size() - tail.size() - at - middle.size());
-    shown = key + ": value \"" + name + "\" is empty; the backup cannot copy empty values";
+    const std::string_view name = text.substr(lead.size(), at - lead.size());
+    const std::string_view key = text.substr(at + middle.size(), text.size() - tail.size() - at - middle.size());
+    shown.assign(key).append(": value \"").append(name).append("\" is empty; the backup cannot copy empty values");
     return true;
 }
 
@@ -158,51 +159,55 @@ bool EmptyValueLine(const std::string& text, std::string& shown)
 // file gave (its header has four-digit years, its date records two).
 std::string IsoDate(int y, int m, int d)
 {
-    char buf[16];
-    std::snprintf(buf, sizeof(buf), "%04d-%02d-%02d", y, m, d);
-    return buf;
+    // The callers' years have four digits at most, their months and days two.
+    auto digit = [](int v, int unit) { return static_cast<char>('0' + v / unit % 10); };
+    const char text[10] = {digit(y, 1000), digit(y, 100), digit(y, 10), digit(y, 1), '-',
+                           digit(m, 10),   digit(m, 1),   '-',          digit(d, 10), digit(d, 1)};
+    return std::string(text, sizeof(text));
 }
 
 // The file's clock: the last date and time records seen.
 class Clock {
 public:
-    void Date(const std::string& mmddyy)
+    void Date(std::string_view mmddyy)
     {
         const int m = Digits(mmddyy, 0, 2), d = Digits(mmddyy, 3, 2), y = Digits(mmddyy, 6, 2);
         if (m > 0 && d > 0 && y >= 0) {
             m_days = DaysFromCivil(2000 + y, static_cast<unsigned>(m), static_cast<unsigned>(d));
-            m_dateText = mmddyy;
+            m_dateText.assign(mmddyy);
             m_isoDate = IsoDate(2000 + y, m, d);
         }
     }
-    void Reopened(const std::string& mmddyyyy)
+    void Reopened(std::string_view mmddyyyy)
     {
         const int m = Digits(mmddyyyy, 0, 2), d = Digits(mmddyyyy, 3, 2), y = Digits(mmddyyyy, 6, 4);
         if (m > 0 && d > 0 && y >= 0) {
             m_days = DaysFromCivil(y, static_cast<unsigned>(m), static_cast<unsigned>(d));
-            m_dateText = mmddyyyy.substr(0, 2) + "/" + mmddyyyy.substr(3, 2) + "/" + mmddyyyy.substr(8, 2);
+            m_dateText.assign(mmddyyyy.substr(0, 2)).append("/").append(mmddyyyy.substr(3, 2)).append("/").append(
+                mmddyyyy.substr(8, 2));
             m_isoDate = IsoDate(y, m, d);
         }
         m_timeKnown = false;
         m_timeText.clear();
     }
     // The header's "mm/dd/yyyy hh:mm:ss.mmm" line: where the first process starts.
-    void HeaderTime(const std::string& line)
+    void HeaderTime(std::string_view line)
     {
         if (line.size() != 23 || line[10] != ' ')
             return;
-        Reopened(line.substr(0, 2) + "-" + line.substr(3, 2) + "-" + line.substr(6, 4));
+        const char date[10] = {line[0], line[1], '-', line[3], line[4], '-', line[6], line[7], line[8], line[9]};
+        Reopened(std::string_view(date, sizeof(date)));
         Time(line.substr(11));
     }
     // "2026-11-15 09:30:00.125", the date alone, or empty.
     std::string iso() const { return m_timeKnown && !m_isoDate.empty() ? m_isoDate + " " + m_timeText : m_isoDate; }
-    void Time(const std::string& text)
+    void Time(std::string_view text)
     {
         const int h = Digits(text, 0, 2), mi = Digits(text, 3, 2), s = Digits(text, 6, 2), ms = Digits(text, 9, 3);
         if (h >= 0 && mi >= 0 && s >= 0 && ms >= 0) {
             m_ms = ((h * 60 + mi) * 60 + s) * 1000LL + ms;
             m_timeKnown = true;
-            m_timeText = text;
+            m_timeText.assign(text);
         }
     }
     bool known() const { return m_days >= 0 && m_timeKnown; }
@@ -222,7 +227,7 @@ private:
 };
 
 struct OpenScope {
-    std::string name;
+    std::string_view name; // the record's text, which outlives the summarizer
     bool timed = false;
     std::int64_t started = 0;
     // Failures the scopes it called ended with: its own result record with one of
@@ -238,14 +243,31 @@ std::string JoinPath(const std::vector<OpenScope>& stack)
 {
     std::string path;
     for (const OpenScope& s : stack)
-        path += (path.empty() ? "" : " > ") + s.name;
+        path.append(path.empty() ? "" : " > ").append(s.name);
     return path.empty() ? std::string("(outside any scope)") : path;
 }
 
-bool StartsWith(const std::string& text, const char* lead) { return text.compare(0, std::strlen(lead), lead) == 0; }
+
+// A decimal number as strtoll reads it, and nothing after it.
+bool WholeNumber(std::string_view number, long long& value)
+{
+    char shortCopy[32];
+    std::string longCopy;
+    const char* text = shortCopy;
+    if (number.size() < sizeof(shortCopy)) {
+        std::memcpy(shortCopy, number.data(), number.size());
+        shortCopy[number.size()] = '\0';
+    } else {
+        longCopy.assign(number);
+        text = longCopy.c_str();
+    }
+    char* end = nullptr;
+    value = std::strtoll(text, &end, 10);
+    return !number.empty() && *end == '\0';
+}
 
 // The public operations of the library, as their scopes name them.
-const char* OperationOf(const std::string& scope)
+const char* OperationOf(std::string_view scope)
 {
     if (scope == "CBaseConverter::Convert")
         return "Convert";
@@ -256,21 +278,23 @@ const char* OperationOf(const std::string& scope)
     return nullptr;
 }
 
-// Builds the summary record by record; one instance per decoded trace.
+// Builds the summary record by record; one instance per decoded trace. It keeps
+// views of the records' texts: they must outlive it.
 class Summarizer {
 public:
-    explicit Summarizer(const DecodedTrace& trace)
+    Summarizer(const std::vector<std::string>& header, SummaryDepth depth) : m_full(depth == SummaryDepth::Full)
     {
-        m_summary.header = trace.header;
+        if (m_full)
+            m_summary.header = header;
         NewProcess();
         // The first process starts at the header's time, its last line before ".".
-        if (trace.header.size() >= 2) {
-            m_clock.HeaderTime(trace.header[trace.header.size() - 2]);
+        if (header.size() >= 2) {
+            m_clock.HeaderTime(header[header.size() - 2]);
             m_summary.processes.back().started = m_clock.iso();
         }
     }
 
-    void Add(const Record& r)
+    void Add(const RecordView& r)
     {
         switch (r.kind) {
         case 'N':
@@ -345,7 +369,9 @@ private:
     {
         SummaryConversion c;
         c.process = m_summary.processes.back().ordinal;
-        c.started = m_clock.iso().empty() ? m_summary.processes.back().started : m_clock.iso();
+        c.started = m_clock.iso();
+        if (c.started.empty())
+            c.started = m_summary.processes.back().started;
         c.fromVersion = m_version;
         m_summary.conversions.push_back(c);
         return m_summary.conversions.size() - 1;
@@ -366,7 +392,7 @@ private:
         return c;
     }
 
-    void Enter(const Record& r, std::vector<OpenScope>& stack)
+    void Enter(const RecordView& r, std::vector<OpenScope>& stack)
     {
         OpenScope scope;
         scope.name = r.text;
@@ -411,10 +437,12 @@ private:
         stack.pop_back();
         if (scope.failed && !stack.empty())
             stack.back().calleeFailures.push_back({scope.failedCode, scope.failure});
+        if (!m_full)
+            return;
         auto it = m_scopeAt.find(scope.name);
         if (it == m_scopeAt.end()) {
             SummaryScope s;
-            s.name = scope.name;
+            s.name.assign(scope.name);
             m_summary.scopes.push_back(s);
             it = m_scopeAt.emplace(scope.name, m_summary.scopes.size() - 1).first;
         }
@@ -434,16 +462,14 @@ private:
         return m_summary.failures.size() - 1;
     }
 
-    void Result(const Record& r, std::vector<OpenScope>& stack)
+    void Result(const RecordView& r, std::vector<OpenScope>& stack)
     {
         const std::size_t blank = r.text.find(' ');
-        const std::string number = r.text.substr(0, blank);
-        char* end = nullptr;
-        const long long parsed = std::strtoll(number.c_str(), &end, 10);
-        if (number.empty() || *end != '\0' || parsed >= 0)
+        long long parsed = 0;
+        if (!WholeNumber(r.text.substr(0, blank), parsed) || parsed >= 0)
             return; // a success of facility 9: no failure
         const std::int32_t code = static_cast<std::int32_t>(parsed);
-        const std::string text = blank == std::string::npos ? std::string() : r.text.substr(blank + 1);
+        const std::string text(blank == std::string::npos ? std::string_view() : r.text.substr(blank + 1));
         const std::string path = JoinPath(stack);
         std::size_t index = 0;
         bool passedOn = false;
@@ -496,33 +522,47 @@ private:
         }
     }
 
-    std::size_t User(std::size_t conversion, const std::string& sid)
+    std::size_t User(std::size_t conversion, std::string_view sid)
     {
+        // A user's lines come one after another: most look-ups find the last user.
+        if (m_lastUser < m_summary.users.size() && m_summary.users[m_lastUser].conversion == conversion &&
+            m_summary.users[m_lastUser].sid == sid)
+            return m_lastUser;
         const auto key = std::make_pair(conversion, sid);
         auto it = m_userAt.find(key);
         if (it == m_userAt.end()) {
             SummaryUser u;
             u.process = m_summary.processes.back().ordinal;
             u.conversion = conversion;
-            u.sid = sid;
+            u.sid.assign(sid);
             auto last = m_lastStatus.find(conversion);
             if (last != m_lastStatus.end()) {
                 u.hasPrevious = true;
                 u.previousStatus = last->second;
             }
-            m_summary.users.push_back(u);
+            m_summary.users.push_back(std::move(u));
             it = m_userAt.emplace(key, m_summary.users.size() - 1).first;
         }
+        m_lastUser = it->second;
         return it->second;
     }
 
-    void Line(const Record& r, std::vector<OpenScope>& stack)
+    void Line(const RecordView& r, std::vector<OpenScope>& stack)
     {
         static const char kVersionLead[] = "wszVersion = ";
-        std::string sid, rest;
+        // Each line read below begins with one of these letters (keep them in step);
+        // the library's many other lines pass without a comparison each.
+        switch (r.text.empty() ? '\0' : r.text[0]) {
+        case 'w': case 'C': case 'R': case 'D': case 'v': case 'I':
+            break;
+        default:
+            return;
+        }
+        std::string_view sid, rest;
+        std::string shown;
         std::uint32_t code = 0;
         if (StartsWith(r.text, kVersionLead)) {
-            m_version = r.text.substr(sizeof(kVersionLead) - 1);
+            m_version.assign(r.text.substr(sizeof(kVersionLead) - 1));
         } else if (r.text == "Conversion policy: strict") {
             m_summary.conversions[ConversionOf(r.thread, stack)].strict = true;
         } else if (r.text == "Retrieve payload") {
@@ -541,31 +581,33 @@ private:
             m_currentUser.erase(r.thread);
             // A user the guard caught leaves no result record of its own: its status
             // is the failure, unless a scope it ran already traced that code.
-            const std::vector<std::int32_t>& seen = m_userFailures[index];
-            if (!u.deleteSeen && static_cast<std::int32_t>(code) < 0 &&
-                std::find(seen.begin(), seen.end(), static_cast<std::int32_t>(code)) == seen.end()) {
+            const auto seen = m_userFailures.find(index);
+            const bool traced = seen != m_userFailures.end() && std::find(seen->second.begin(), seen->second.end(),
+                                                                          static_cast<std::int32_t>(code)) != seen->second.end();
+            if (!u.deleteSeen && static_cast<std::int32_t>(code) < 0 && !traced) {
                 SummaryFailure f;
                 f.process = u.process;
                 f.thread = r.thread;
                 f.path = JoinPath(stack);
                 f.code = static_cast<std::int32_t>(code);
                 f.count = 1;
-                f.user = sid;
+                f.user.assign(sid);
                 AddFailure(f);
             }
         } else if (QuotedAfter(r.text, "DeleteKey('", "), ", sid, &code)) {
             SummaryUser& u = m_summary.users[User(ConversionOf(r.thread, stack), sid)];
             u.deleteSeen = true;
             u.deleteResult = code;
-        } else if (EmptyValueLine(r.text, rest)) {
-            m_summary.emptyValues.push_back(rest);
+        } else if (EmptyValueLine(r.text, shown)) {
+            m_summary.emptyValues.push_back(shown);
         } else if (SidAndRest(r.text, kIncompleteUserLead, kMovedWithGapsTail, sid, rest)) {
-            m_summary.users[User(ConversionOf(r.thread, stack), sid)].gaps = rest;
+            m_summary.users[User(ConversionOf(r.thread, stack), sid)].gaps.assign(rest);
         } else if (SidAndRest(r.text, kIncompleteUserLead, kKeepsOldKeyTail, sid, rest)) {
-            m_summary.users[User(ConversionOf(r.thread, stack), sid)].heldFor = rest;
+            m_summary.users[User(ConversionOf(r.thread, stack), sid)].heldFor.assign(rest);
         }
     }
 
+    const bool m_full; // else the header lines and the scopes' times are left out
     TraceSummary m_summary;
     Clock m_clock;
     std::string m_version; // the process's "wszVersion = " text
@@ -575,8 +617,9 @@ private:
     std::map<std::size_t, std::uint32_t> m_lastStatus; // conversion -> last user's status
     std::map<std::uint32_t, std::pair<unsigned, std::size_t>> m_looseConversion;
     std::map<std::tuple<unsigned, std::uint32_t, std::string, std::int32_t, std::string>, std::size_t> m_failureAt;
-    std::map<std::pair<std::size_t, std::string>, std::size_t> m_userAt;
-    std::map<std::string, std::size_t> m_scopeAt;
+    std::map<std::pair<std::size_t, std::string_view>, std::size_t> m_userAt; // SIDs as the records hold them
+    std::unordered_map<std::string_view, std::size_t> m_scopeAt;
+    std::size_t m_lastUser = static_cast<std::size_t>(-1);
 };
 
 std::string ProcessList(const std::vector<unsigned>& ordinals)
@@ -622,6 +665,15 @@ std::string StatusNote(const SummaryUser& u)
 
 } // namespace
 
+std::string Hex8(std::uint32_t code)
+{
+    static const char digits[] = "0123456789ABCDEF";
+    std::string text = "0x00000000";
+    for (int i = 0; i < 8; ++i)
+        text[9 - i] = digits[(code >> (4 * i)) & 15];
+    return text;
+}
+
 CodeText DescribeCode(std::uint32_t code)
 {
     for (const KnownCode& k : kKnownCodes)
@@ -645,13 +697,30 @@ std::string DescribeResult(std::uint32_t code)
 
 TraceSummary Summarize(const DecodedTrace& trace)
 {
-    Summarizer summarizer(trace);
+    Summarizer summarizer(trace.header, SummaryDepth::Full);
     for (const Record& r : trace.records)
+        summarizer.Add(RecordView{r.offset, r.thread, r.kind, r.text});
+    return summarizer.Finish();
+}
+
+TraceSummary Summarize(const TraceView& trace, SummaryDepth depth)
+{
+    Summarizer summarizer(trace.header, depth);
+    for (const RecordView& r : trace.records)
         summarizer.Add(r);
     return summarizer.Finish();
 }
 
 std::vector<Verdict> ComputeVerdicts(const DecodedTrace& trace) { return ComputeVerdicts(Summarize(trace)); }
+
+UserOutcome OutcomeOf(const SummaryUser& u)
+{
+    // A user whose old key's delete failed is in the store all the same: the format
+    // counts it as converted, and the next Convert meets its old key again.
+    if (u.moved() || u.deleteSeen)
+        return u.gaps.empty() ? UserOutcome::Moved : UserOutcome::MovedWithGaps;
+    return u.heldFor.empty() ? UserOutcome::Failed : UserOutcome::Held;
+}
 
 std::vector<Verdict> ComputeVerdicts(const TraceSummary& summary)
 {
@@ -674,25 +743,19 @@ std::vector<Verdict> ComputeVerdicts(const TraceSummary& summary)
         vu.sid = u.sid;
         vu.hasCode = u.over;
         vu.code = u.status;
+        vu.outcome = OutcomeOf(u);
         if (u.moved()) {
-            vu.outcome = u.gaps.empty() ? UserOutcome::Moved : UserOutcome::MovedWithGaps;
             vu.missing = u.gaps;
             vu.hasCode = u.over && u.status != 0;
             if (vu.hasCode)
                 vu.note = StatusNote(u);
         } else if (u.deleteSeen) {
-            // In the store; only the delete of its old key failed. The format counts it
-            // as converted, and the next Convert meets its old key again.
-            vu.outcome = u.gaps.empty() ? UserOutcome::Moved : UserOutcome::MovedWithGaps;
             vu.missing = u.gaps;
             vu.note = "its old key stayed: DeleteKey " + DescribeResult(u.deleteResult);
         } else if (!u.heldFor.empty()) {
-            vu.outcome = UserOutcome::Held;
             vu.missing = u.heldFor;
-        } else {
-            vu.outcome = UserOutcome::Failed;
-            if (!u.over)
-                vu.note = "the trace ends before its conversion was over";
+        } else if (!u.over) {
+            vu.note = "the trace ends before its conversion was over";
         }
         switch (vu.outcome) {
         case UserOutcome::Moved: ++v.moved; break;

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <iosfwd>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "decoder.h"
@@ -119,7 +120,12 @@ struct TraceSummary {
     std::vector<std::string> emptyValues;
 };
 
+// How much a summary holds: everything, or what a roll-up row reads (without the
+// header lines and the scopes' times, which no row shows).
+enum class SummaryDepth { Full, Rollup };
+
 TraceSummary Summarize(const DecodedTrace& trace);
+TraceSummary Summarize(const TraceView& trace, SummaryDepth depth = SummaryDepth::Full);
 
 // The outcome of one user, as the verdict counts it.
 enum class UserOutcome {
@@ -128,6 +134,9 @@ enum class UserOutcome {
     Held,          // kept its old data: the strict policy found something missing
     Failed,        // kept its old data: a step failed, or the trace ends inside it
 };
+
+// How the verdict counts the user.
+UserOutcome OutcomeOf(const SummaryUser& user);
 
 // A user that is not plainly moved: held, failed, moved with gaps, or moved with a
 // note (its old key stayed, or its status carries a result that is no failure).
@@ -161,13 +170,16 @@ std::vector<Verdict> ComputeVerdicts(const DecodedTrace& trace);
 // indented line per user not plainly moved; "verdict: no conversion" when none ran.
 void WriteVerdicts(const std::vector<Verdict>& verdicts, std::ostream& out);
 
+// "0x80070005": how every result code is shown.
+std::string Hex8(std::uint32_t code);
+
 // "0x80070005 E_ACCESSDENIED "Access is denied"": hex, then name and message when known.
 std::string DescribeResult(std::uint32_t code);
 
 // Date and time text of the records, shared by the summary and the timeline: the
 // number in n decimal digits at `at` (-1 when they are not all digits), and the days
 // since 1970-01-01 of a civil date.
-int Digits(const std::string& s, std::size_t at, std::size_t n);
+int Digits(std::string_view s, std::size_t at, std::size_t n);
 std::int64_t DaysFromCivil(int y, unsigned m, unsigned d);
 
 // The summary as text; at most `slowest` scopes are listed.

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "nvtracelib.h"
+#include "rollup.h"
 #include "sample_trace.h"
 
 using nvtrace_test::SampleTrace;
@@ -560,4 +561,25 @@ TEST(NvtraceRollupTest, OneFileAsCsvAndUsageErrors)
     r = RunTool({"--csv", empty.path()});
     EXPECT_EQ(2, r.code);
     EXPECT_EQ("nvtrace: no .trc3 file in '" + empty.path() + "'\n", r.err);
+}
+
+TEST(NvtraceRollupTest, CsvRowQuotesFieldsWithQuotesCommasOrBreaksAndDoublesTheQuotes)
+{
+    nvtrace::TraceRow row;
+    row.file = "fleet/a \"b\".trc3";
+    row.machine = "-PC,1";
+    row.version = "3.0\r\n";
+    row.started = "2026-11-26 10:00:00.000";
+    row.moved = 12;
+    row.held = 3;
+    row.hasFailure = true;
+    row.firstFailure = 0x80070005u;
+    row.state = nvtrace::TraceState::Damaged;
+    row.problem = "cut \"here\"";
+    std::ostringstream out;
+    nvtrace::RollupWriter writer(nvtrace::RollupFormat::Csv, out);
+    writer.Row(row);
+    EXPECT_EQ("\"fleet/a \"\"b\"\".trc3\",\"'-PC,1\",\"3.0\r\n\",2026-11-26 10:00:00.000,12,0,3,0,0x80070005,"
+              "E_ACCESSDENIED,damaged,\"cut \"\"here\"\"\"\n",
+              out.str());
 }

@@ -277,3 +277,43 @@ TEST(TraceDecoderTest, GarbageAfterTheHeaderNeverCrashes)
         }
     }
 }
+
+TEST(TraceDecoderTest, EveryByteValueInAScopeNameOrLineIsJudgedByItsOwnRule)
+{
+    // Texts are checked eight bytes at a time first: every byte value, in the first
+    // word, at its edges and in the tail, must get what the per-byte rules give.
+    for (unsigned value = 0; value < 256; ++value) {
+        for (const std::size_t at : {0u, 7u, 8u, 15u, 17u}) {
+            std::string text(18, 'n');
+            text[at] = static_cast<char>(value);
+            SampleTrace sample;
+            sample.Add(4, '>', text).Add(4, 'U', text);
+            const DecodedTrace trace = Decode(sample.bytes());
+            const bool printable = value >= 0x20 && value <= 0x7E;
+            const std::string where = "byte " + std::to_string(value) + " at " + std::to_string(at);
+            if (printable) {
+                EXPECT_TRUE(trace.ok) << where << ": " << trace.error;
+                EXPECT_EQ(2u, trace.records.size()) << where;
+                continue;
+            }
+            ASSERT_FALSE(trace.ok) << where;
+            const std::string at0 = "corrupt record at byte offset " + std::to_string(trace.bodyOffset) + ": ";
+            if (value == 0) {
+                EXPECT_EQ(at0 + "its text holds a NUL byte", trace.error) << where;
+            } else {
+                EXPECT_EQ(at0 + "the scope name is not printable ASCII", trace.error) << where;
+            }
+            // The same byte in a line: a control character passes, a lone byte of 0x80
+            // or more is no UTF-8.
+            SampleTrace line;
+            line.Add(4, 'U', text);
+            const DecodedTrace l = Decode(line.bytes());
+            EXPECT_EQ(value != 0 && value < 0x80, l.ok) << where << ": " << l.error;
+            if (value >= 0x80) {
+                EXPECT_EQ("corrupt record at byte offset " + std::to_string(l.bodyOffset) + ": the line is not UTF-8",
+                          l.error)
+                    << where;
+            }
+        }
+    }
+}

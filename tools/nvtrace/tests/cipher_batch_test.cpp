@@ -1,0 +1,233 @@
+// The batched record cipher and the reusable decoder that reads with it: every kernel
+// this CPU runs against the one-block cipher on random blocks of many counts, and
+// whole traces (whole, cut and damaged) decoded alike by every kernel.
+#include <gtest/gtest.h>
+#include <cstdint>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "cipher_batch.h"
+#include "common/teacfb.h"
+#include "nvtracelib.h"
+#include "sample_trace.h"
+#include "summary.h"
+#include "trace/tracekeys.h"
+
+using nvtrace::CipherKernel;
+using nvtrace_test::SampleTrace;
+
+namespace {
+
+const CipherKernel kKernels[] = {CipherKernel::Portable, CipherKernel::Avx2, CipherKernel::Avx512};
+
+const char* Name(CipherKernel k)
+{
+    return k == CipherKernel::Avx512 ? "avx512" : k == CipherKernel::Avx2 ? "avx2" : "portable";
+}
+
+std::vector<CipherKernel> KernelsHere()
+{
+    std::vector<CipherKernel> here;
+    for (CipherKernel k : kKernels)
+        if (nvtrace::CipherKernelRuns(k))
+            here.push_back(k);
+    return here;
+}
+
+// A trace of random records of every kind and length, each text one the library
+// could write.
+SampleTrace RandomTrace(std::mt19937& rng, std::size_t records)
+{
+    SampleTrace s;
+    auto below = [&rng](std::size_t n) { return static_cast<std::size_t>(rng() % n); };
+    for (std::size_t i = 0; i < records; ++i) {
+        const std::uint32_t thread = static_cast<std::uint32_t>(rng());
+        std::string text;
+        switch (below(6)) {
+        case 0: s.Add(thread, 'T', "09:30:00.125"); continue;
+        case 1: s.Add(thread, '<'); continue;
+        case 2:
+            for (std::size_t n = 1 + below(99); text.size() < n;)
+                text += static_cast<char>(0x20 + below(0x5F));
+            s.Add(thread, '>', text);
+            continue;
+        case 3: s.Add(thread, 'E', "-2147024891 " + std::string(below(40), 'x')); continue;
+        default:
+            for (std::size_t n = below(400); text.size() < n;)
+                text += static_cast<char>(0x20 + below(0x5F));
+            s.Add(thread, 'U', text);
+        }
+    }
+    return s;
+}
+
+// Every field of a decoded trace, as one text, for comparing two decodes.
+std::string Dump(const nvtrace::TraceView& t)
+{
+    std::ostringstream out;
+    out << t.ok << '|' << t.errorOffset << '|' << t.error << '|' << t.bodyOffset << '\n';
+    for (const std::string& line : t.header)
+        out << line << '\n';
+    for (const nvtrace::RecordView& r : t.records)
+        out << r.offset << ' ' << r.thread << ' ' << r.kind << ' ' << r.text << '\n';
+    return out.str();
+}
+
+std::string SummaryOf(const nvtrace::TraceSummary& summary)
+{
+    std::ostringstream out;
+    nvtrace::WriteSummary(summary, out);
+    return out.str();
+}
+
+} // namespace
+
+TEST(CipherBatchTest, EveryKernelEnciphersAsTheBlockCipherForEveryCount)
+{
+    std::uint32_t key[4];
+    NVTraceNS::TraceKey(key);
+    std::mt19937 rng(29);
+    constexpr std::uint32_t kSentinel = 0xDEADBEEFu;
+    std::vector<std::size_t> counts;
+    for (std::size_t n = 0; n <= 70; ++n)
+        counts.push_back(n);
+    counts.insert(counts.end(), {255, 256, 1000, 1001});
+    for (std::size_t n : counts) {
+        std::vector<std::uint32_t> y(n + 16, kSentinel), z(n + 16, kSentinel);
+        for (std::size_t i = 0; i < n; ++i) {
+            y[i] = static_cast<std::uint32_t>(rng());
+            z[i] = static_cast<std::uint32_t>(rng());
+        }
+        std::vector<std::uint32_t> wantY = y, wantZ = z;
+        for (std::size_t i = 0; i < n; ++i)
+            nvcipher::TeaEncryptBlock(wantY[i], wantZ[i], key);
+        for (CipherKernel k : KernelsHere()) {
+            std::vector<std::uint32_t> gotY = y, gotZ = z;
+            nvtrace::EncipherBlocks(k, key, gotY.data(), gotZ.data(), n);
+            // Blocks past n (the sentinels) stay as they were.
+            EXPECT_EQ(wantY, gotY) << Name(k) << ", " << n << " blocks";
+            EXPECT_EQ(wantZ, gotZ) << Name(k) << ", " << n << " blocks";
+        }
+    }
+}
+
+TEST(CipherBatchTest, TheVectorKernelsRunWhereTheCpuHasThem)
+{
+    EXPECT_TRUE(nvtrace::CipherKernelRuns(CipherKernel::Portable));
+    EXPECT_TRUE(nvtrace::CipherKernelRuns(nvtrace::FastestCipherKernel()));
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(_WIN32)
+    // Linux x86-64 builds them: the CPU decides.
+    EXPECT_EQ(__builtin_cpu_supports("avx2") != 0, nvtrace::CipherKernelRuns(CipherKernel::Avx2));
+    EXPECT_EQ(__builtin_cpu_supports("avx512f") != 0, nvtrace::CipherKernelRuns(CipherKernel::Avx512));
+    const CipherKernel fastest = __builtin_cpu_supports("avx512f") ? CipherKernel::Avx512
+                                 : __builtin_cpu_supports("avx2") ? CipherKernel::Avx2
+                                                                    : CipherKernel::Portable;
+    EXPECT_EQ(fastest, nvtrace::FastestCipherKernel());
+#else
+    EXPECT_FALSE(nvtrace::CipherKernelRuns(CipherKernel::Avx2));
+    EXPECT_FALSE(nvtrace::CipherKernelRuns(CipherKernel::Avx512));
+#endif
+}
+
+TEST(CipherBatchTest, EveryKernelDecodesRandomTracesAsTheRecordByRecordCipher)
+{
+    std::mt19937 rng(2029);
+    for (int round = 0; round < 20; ++round) {
+        const SampleTrace s = RandomTrace(rng, 1 + rng() % 300);
+        // The reference: each record on its own through the one-block cipher.
+        const nvtrace::DecodedTrace want = nvtrace::Decode(s.bytes());
+        ASSERT_TRUE(want.ok) << want.error;
+        for (const nvtrace::Record& r : want.records) {
+            std::vector<std::uint8_t> text(s.bytes().begin() + static_cast<std::ptrdiff_t>(r.offset + 7),
+                                           s.bytes().begin() + static_cast<std::ptrdiff_t>(r.offset + 7 + r.text.size()));
+            nvtrace::UnscrambleText(text.data(), text.size());
+            ASSERT_EQ(std::string(text.begin(), text.end()), r.text) << "record at " << r.offset;
+        }
+        for (CipherKernel k : KernelsHere()) {
+            nvtrace::TraceDecoder decoder(k);
+            const nvtrace::TraceView& got = decoder.Decode(s.bytes().data(), s.bytes().size());
+            ASSERT_EQ(want.records.size(), got.records.size()) << Name(k);
+            for (std::size_t i = 0; i < got.records.size(); ++i) {
+                EXPECT_EQ(want.records[i].offset, got.records[i].offset) << Name(k);
+                EXPECT_EQ(want.records[i].text, got.records[i].text) << Name(k) << ", record " << i;
+            }
+        }
+    }
+}
+
+TEST(CipherBatchTest, EveryKernelStopsCutAndDamagedTracesAtTheSameOffset)
+{
+    std::mt19937 rng(7);
+    const SampleTrace s = RandomTrace(rng, 200);
+    nvtrace::TraceDecoder portable(CipherKernel::Portable);
+    for (int round = 0; round < 200; ++round) {
+        std::vector<std::uint8_t> bytes = s.bytes();
+        if (round % 2)
+            bytes.resize(rng() % bytes.size());
+        else
+            bytes[rng() % bytes.size()] ^= static_cast<std::uint8_t>(1u << (rng() % 8));
+        const std::string want = Dump(portable.Decode(bytes.data(), bytes.size()));
+        for (CipherKernel k : KernelsHere()) {
+            nvtrace::TraceDecoder decoder(k);
+            EXPECT_EQ(want, Dump(decoder.Decode(bytes.data(), bytes.size()))) << Name(k) << ", round " << round;
+        }
+    }
+}
+
+TEST(CipherBatchTest, ALineThatIsNotUtf8StopsTheDecodeAtItsRecord)
+{
+    SampleTrace s;
+    s.Add(5, 'U', std::string(30, 'a')).Add(5, '>', "CBaseConverter::Convert");
+    const std::size_t bad = s.size();
+    s.Add(5, 'U', std::string(20, 'b') + "\xFF" + std::string(20, 'c')).Add(5, '<');
+    for (CipherKernel k : KernelsHere()) {
+        nvtrace::TraceDecoder decoder(k);
+        const nvtrace::TraceView& t = decoder.Decode(s.bytes().data(), s.bytes().size());
+        EXPECT_FALSE(t.ok) << Name(k);
+        EXPECT_EQ(bad, t.errorOffset) << Name(k);
+        EXPECT_EQ("corrupt record at byte offset " + std::to_string(bad) + ": the line is not UTF-8", t.error);
+        ASSERT_EQ(2u, t.records.size()) << Name(k);
+        EXPECT_EQ("CBaseConverter::Convert", t.records[1].text);
+    }
+}
+
+TEST(CipherBatchTest, AReusedDecoderGivesWhatAFreshOneGives)
+{
+    std::mt19937 rng(11);
+    SampleTrace shortHeader(std::vector<std::string>{"trace3", "Machine name: PC-1", "."});
+    shortHeader.Add(3, 'U', "one line");
+    const std::vector<std::vector<std::uint8_t>> files = {
+        RandomTrace(rng, 250).bytes(), shortHeader.bytes(), RandomTrace(rng, 3).Truncated(300),
+        std::vector<std::uint8_t>(), RandomTrace(rng, 40).bytes()};
+    nvtrace::TraceDecoder reused;
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        nvtrace::TraceDecoder fresh;
+        EXPECT_EQ(Dump(fresh.Decode(files[i].data(), files[i].size())),
+                  Dump(reused.Decode(files[i].data(), files[i].size())))
+            << "file " << i;
+    }
+}
+
+TEST(CipherBatchTest, TheSummaryOfADecoderViewIsTheSummaryOfTheDecodedTrace)
+{
+    SampleTrace s;
+    s.ConversionStarts(9).UserMoved(9, "S-1-5-21-1-2-3-1001", "0x8009000D");
+    s.UserBegins(9, "S-1-5-21-1-2-3-1002").Add(9, '>', "CNVSecret::GetContent").Add(9, 'E', "-2146893819 ").Add(9, '<');
+    s.UserEnds(9, "S-1-5-21-1-2-3-1002", "0x80090005").Add(9, 'E', "-2147024882 ").Add(9, '<').Add(9, '<');
+    nvtrace::TraceDecoder decoder;
+    const nvtrace::TraceView& view = decoder.Decode(s.bytes().data(), s.bytes().size());
+    const std::string want = SummaryOf(nvtrace::Summarize(nvtrace::Decode(s.bytes())));
+    EXPECT_EQ(want, SummaryOf(nvtrace::Summarize(view)));
+    // A roll-up's summary leaves out only the header and the scopes' times.
+    const nvtrace::TraceSummary full = nvtrace::Summarize(view);
+    nvtrace::TraceSummary lean = nvtrace::Summarize(view, nvtrace::SummaryDepth::Rollup);
+    EXPECT_TRUE(lean.header.empty());
+    EXPECT_TRUE(lean.scopes.empty());
+    EXPECT_FALSE(full.scopes.empty());
+    lean.header = full.header;
+    lean.scopes = full.scopes;
+    EXPECT_EQ(want, SummaryOf(lean));
+    EXPECT_NE(std::string::npos, want.find("1 moved, 0 moved with gaps, 0 held, 1 failed")) << want;
+}
