@@ -4,6 +4,7 @@
 #include <windows.h>
 #include <gtest/gtest.h>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include "common/guidtext.h"
@@ -13,7 +14,9 @@
 #include "common/hresult.h"
 #include "common/regkey.h"
 #include "common/teacfb.h"
+#include "common/threadslot.h"
 #include "support/api_faults.h"
+#include "support/import_fault.h"
 #include "support/registry_sandbox.h"
 #include "support/store_der.h"
 
@@ -523,4 +526,25 @@ TEST(GuidTextTest, IsWhatStringFromGuid2WritesForEveryShapeOfGuid)
         EXPECT_EQ(std::wstring(expected), nv::GuidText(g));
     }
     EXPECT_EQ(L"{0123ABCD-0A0B-C0D0-0001-9ABCDEF0100F}", nv::GuidText(guids[2]));
+}
+
+// No TLS index left: every read gives 0, writes are dropped, and neither touches the
+// thread's last error.
+TEST(ThreadSlotTest, SlotThatCouldNotBeTakenReadsZeroAndDropsWrites)
+{
+    std::unique_ptr<nv::ThreadSlot> slot;
+    {
+        ImportFault<decltype(&::TlsAlloc)> fault("TlsAlloc", TLS_OUT_OF_INDEXES, ERROR_NO_MORE_ITEMS);
+        slot = std::make_unique<nv::ThreadSlot>();
+        EXPECT_EQ(1u, fault.calls());
+    }
+    ::SetLastError(ERROR_FILE_NOT_FOUND);
+    slot->SetNumber(42);
+    EXPECT_EQ(0u, slot->GetNumber());
+    EXPECT_EQ(DWORD(ERROR_FILE_NOT_FOUND), ::GetLastError());
+
+    nv::ThreadSlot working;
+    working.SetNumber(42);
+    EXPECT_EQ(42u, working.GetNumber());
+    EXPECT_EQ(DWORD(ERROR_FILE_NOT_FOUND), ::GetLastError());
 }

@@ -12,6 +12,8 @@
 #include "converter3/converter3.h"
 #include "com/converterfactory.h"
 #include "com/dbconverter.h"
+#include "common/hresult.h"
+#include "support/import_fault.h"
 #include "support/legacy_db_tree.h"
 #include "support/registry_sandbox.h"
 #include "support/test_converter.h"
@@ -449,4 +451,25 @@ TEST_F(DBConverterTraceTest, ChosenConverterIsTracedBeforeItIsBuilt)
               }),
               trace.Lines())
         << trace.Dump();
+}
+
+// The holder's lock cannot be made: construction raises the error, a shortage as
+// E_OUTOFMEMORY.
+TEST(DBConverterConstructionTest, LockThatCannotBeMadeRaisesOutOfMemoryOrTheSystemsError)
+{
+    {
+        ImportFault<decltype(&::InitializeCriticalSectionAndSpinCount)> fault(
+            "InitializeCriticalSectionAndSpinCount", FALSE, ERROR_NOT_ENOUGH_MEMORY, 1);
+        EXPECT_EQ(E_OUTOFMEMORY, nv::Guarded([] {
+                      CDBConverter holder;
+                      return S_OK;
+                  }));
+        EXPECT_EQ(1u, fault.calls());
+    }
+    ImportFault<decltype(&::InitializeCriticalSectionAndSpinCount)> fault("InitializeCriticalSectionAndSpinCount",
+                                                                          FALSE, ERROR_INVALID_PARAMETER, 1);
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INVALID_PARAMETER), nv::Guarded([] {
+                  CDBConverter holder;
+                  return S_OK;
+              }));
 }

@@ -9,6 +9,7 @@
 #include "common/hresult.h"
 #include "converter2/nameindex.h"
 #include "support/legacy_db_tree.h"
+#include "support/import_fault.h"
 #include "support/registry_sandbox.h"
 #include "support/db_paths.h"
 #include "support/computer_name.h"
@@ -293,4 +294,21 @@ TEST_F(NameIndexTest, AnEmptyIndexIsConvertedToItself)
     EXPECT_EQ(S_OK, Strip(L"MainDB\\Users\\Index\\NameIndex"));
     RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
+}
+
+TEST(NetBiosNameTest, NameThatCannotBeReadRaisesTheSystemsErrorOrEFailWithoutOne)
+{
+    const auto read = [] {
+        return nv::Guarded([] {
+            nv::GetNetBiosComputerName();
+            return S_OK;
+        });
+    };
+    {
+        ImportFault<decltype(&::GetComputerNameExW)> fault("GetComputerNameExW", FALSE, ERROR_ACCESS_DENIED);
+        EXPECT_EQ(E_ACCESSDENIED, read());
+        EXPECT_EQ(1u, fault.calls());
+    }
+    ImportFault<decltype(&::GetComputerNameExW)> fault("GetComputerNameExW", FALSE, ERROR_SUCCESS);
+    EXPECT_EQ(E_FAIL, read());
 }
