@@ -504,3 +504,26 @@ TEST_F(ComModuleTest, InstanceThatCannotBeAllocatedIsOutOfMemoryAndLocksNothing)
     EXPECT_EQ(nullptr, out);
     EXPECT_EQ(1, g_NVComModule.GetLockCount()); // the class object's own
 }
+
+// ---------------------------------------------------------------------------
+// Entry checks of the creation function itself (the class factory makes them too)
+
+TEST_F(ComModuleTest, CreationFunctionChecksItsOutPointerAndAggregationItself)
+{
+    EXPECT_EQ(E_POINTER, CNVDBConverter::CreateInstance(nullptr, IID_IUnknown, nullptr));
+    OuterUnknown outer;
+    void* out = reinterpret_cast<void*>(0xdeadbeef);
+    EXPECT_EQ(CLASS_E_NOAGGREGATION, CNVDBConverter::CreateInstance(&outer, __uuidof(INVComponentInit), &out));
+    EXPECT_EQ(nullptr, out);
+    EXPECT_EQ(1, outer.refs);
+    EXPECT_EQ(0, g_NVComModule.GetLockCount());
+}
+
+TEST_F(ComModuleTest, ModuleWithoutAnObjectMapRegistersAndUnregistersNothing)
+{
+    CNVComModule module;
+    EXPECT_EQ(S_OK, module.RegisterServer());
+    EXPECT_EQ(S_OK, module.UnRegisterServer());
+    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane", kView64));
+    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane", kView32));
+}

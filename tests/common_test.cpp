@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <cstring>
 #include <memory>
+#include <new>
+#include <string>
 #include <vector>
 
 #include "common/guidtext.h"
@@ -16,6 +18,7 @@
 #include "common/teacfb.h"
 #include "common/threadslot.h"
 #include "support/api_faults.h"
+#include "support/allocation_faults.h"
 #include "support/import_fault.h"
 #include "support/registry_sandbox.h"
 #include "support/store_der.h"
@@ -547,4 +550,74 @@ TEST(ThreadSlotTest, SlotThatCouldNotBeTakenReadsZeroAndDropsWrites)
     working.SetNumber(42);
     EXPECT_EQ(42u, working.GetNumber());
     EXPECT_EQ(DWORD(ERROR_FILE_NOT_FOUND), ::GetLastError());
+}
+
+// ---- the boundary helpers ------------------------------------------------------------
+
+namespace {
+
+// The code of the _com_error that `work` raises, S_OK when it raises none.
+template <class Work>
+HRESULT RaisedCode(Work&& work)
+{
+    try {
+        work();
+    } catch (const _com_error& e) {
+        return e.Error();
+    }
+    return S_OK;
+}
+
+} // namespace
+
+TEST(BoundaryHelpersTest, GuardedUnlessOutOfMemoryRaisesEveryShortageAfterItsRecordAndMapsTheRest)
+{
+    unsigned recorded = 0;
+    const auto record = [&] { ++recorded; };
+    EXPECT_EQ(E_OUTOFMEMORY, RaisedCode([&] {
+                  nv::GuardedUnlessOutOfMemory([]() -> HRESULT { nv::ThrowHr(E_OUTOFMEMORY); }, record);
+              }));
+    EXPECT_EQ(1u, recorded);
+    // A shortage in the standard library is one as well, not E_UNEXPECTED.
+    EXPECT_EQ(E_OUTOFMEMORY, RaisedCode([&] {
+                  nv::GuardedUnlessOutOfMemory([]() -> HRESULT { throw std::bad_alloc(); }, record);
+              }));
+    EXPECT_EQ(2u, recorded);
+    {
+        std::vector<BYTE> grown;
+        AllocationFaults oom(1);
+        EXPECT_EQ(E_OUTOFMEMORY, RaisedCode([&] {
+                      nv::GuardedUnlessOutOfMemory([&]() -> HRESULT {
+                          grown.resize(64);
+                          return S_OK;
+                      }, record);
+                  }));
+        EXPECT_EQ(1u, oom.failed());
+    }
+    EXPECT_EQ(3u, recorded);
+
+    EXPECT_EQ(NTE_BAD_DATA, nv::GuardedUnlessOutOfMemory([]() -> HRESULT { nv::ThrowHr(NTE_BAD_DATA); }, record));
+    EXPECT_EQ(E_UNEXPECTED, nv::GuardedUnlessOutOfMemory([]() -> HRESULT { throw 7; }, record));
+    EXPECT_EQ(S_FALSE, nv::GuardedUnlessOutOfMemory([] { return S_FALSE; }, record));
+    EXPECT_EQ(3u, recorded);
+}
+
+TEST(BoundaryHelpersTest, BadAllocIsRaisedAsOutOfMemoryAndBestEffortSwallowsEverything)
+{
+    EXPECT_EQ(E_OUTOFMEMORY, RaisedCode([] {
+                  nv::RaiseBadAllocAsOutOfMemory([] {
+                      AllocationFaults oom(1);
+                      std::wstring text(40, L'x');
+                  });
+              }));
+    EXPECT_EQ(E_UNEXPECTED, nv::Guarded([]() -> HRESULT { throw std::bad_alloc(); }));
+
+    bool ran = false;
+    nv::BestEffort([&] {
+        ran = true;
+        throw std::bad_alloc();
+    });
+    EXPECT_TRUE(ran);
+    EXPECT_EQ(5, nv::BestEffort([]() -> int { nv::ThrowHr(E_FAIL); }, 5));
+    EXPECT_EQ(6, nv::BestEffort([] { return 6; }, 5));
 }
