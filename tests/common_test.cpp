@@ -20,6 +20,7 @@
 #include "support/api_faults.h"
 #include "support/allocation_faults.h"
 #include "support/import_fault.h"
+#include "support/raised_code.h"
 #include "support/registry_sandbox.h"
 #include "support/store_der.h"
 
@@ -554,21 +555,6 @@ TEST(ThreadSlotTest, SlotThatCouldNotBeTakenReadsZeroAndDropsWrites)
 
 // ---- the boundary helpers ------------------------------------------------------------
 
-namespace {
-
-// The code of the _com_error that `work` raises, S_OK when it raises none.
-template <class Work>
-HRESULT RaisedCode(Work&& work)
-{
-    try {
-        work();
-    } catch (const _com_error& e) {
-        return e.Error();
-    }
-    return S_OK;
-}
-
-} // namespace
 
 TEST(BoundaryHelpersTest, GuardedUnlessOutOfMemoryRaisesEveryShortageAfterItsRecordAndMapsTheRest)
 {

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <functional>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -455,48 +456,60 @@ void ExpectConvertFailsChangingNothing(TestConverter& converter, HRESULT expecte
 
 constexpr const char kOwnerUnreadLine[] = "U the owner of conversion lock Global\\NVDBConv.Conversion cannot be read";
 
+// A database to convert and a lock made (and held) before the converter's own, so
+// that the converter checks the owner of the lock it finds.
+class LockMadeBeforeTest : public ConversionLockTest {
+protected:
+    void SetUp() override
+    {
+        ConversionLockTest::SetUp();
+        FillDatabase();
+        holder.emplace();
+        ASSERT_TRUE(holder->ok());
+        madeConverter.emplace(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    }
+    void TearDown() override
+    {
+        madeConverter.reset();
+        holder.reset();
+        ConversionLockTest::TearDown();
+    }
+    TestConverter& converter() { return *madeConverter; }
+
+    std::optional<LockHolder> holder;
+    std::optional<TestConverter> madeConverter;
+};
+
 } // namespace
 
-TEST_F(ConversionLockTest, OwnerOfAnExistingLockThatCannotBeReadFailsConvertWithTheSystemsError)
+TEST_F(LockMadeBeforeTest, OwnerOfAnExistingLockThatCannotBeReadFailsConvertWithTheSystemsError)
 {
-    FillDatabase();
-    LockHolder holder;
-    ASSERT_TRUE(holder.ok());
-    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     ImportFault<decltype(&::GetSecurityInfo)> fault("GetSecurityInfo", ERROR_ACCESS_DENIED, ERROR_ACCESS_DENIED);
-    ExpectConvertFailsChangingNothing(converter, E_ACCESSDENIED, __LINE__);
+    ExpectConvertFailsChangingNothing(converter(), E_ACCESSDENIED, __LINE__);
     EXPECT_EQ(1u, fault.calls());
     ExpectConvertScopeLines({kOwnerUnreadLine, "E -2147024891 "});
 }
 
-TEST_F(ConversionLockTest, TokenThatCannotBeOpenedFailsConvertWithItsErrorOrUnexpectedWithoutOne)
+TEST_F(LockMadeBeforeTest, TokenThatCannotBeOpenedFailsConvertWithItsErrorOrUnexpectedWithoutOne)
 {
-    FillDatabase();
-    LockHolder holder;
-    ASSERT_TRUE(holder.ok());
-    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     {
         ImportFault<decltype(&::OpenProcessToken)> fault("OpenProcessToken", FALSE, ERROR_ACCESS_DENIED);
-        ExpectConvertFailsChangingNothing(converter, E_ACCESSDENIED, __LINE__);
+        ExpectConvertFailsChangingNothing(converter(), E_ACCESSDENIED, __LINE__);
         EXPECT_EQ(1u, fault.calls());
     }
     {
         ImportFault<decltype(&::OpenProcessToken)> fault("OpenProcessToken", FALSE, ERROR_SUCCESS);
-        ExpectConvertFailsChangingNothing(converter, E_UNEXPECTED, __LINE__);
+        ExpectConvertFailsChangingNothing(converter(), E_UNEXPECTED, __LINE__);
     }
     const std::vector<std::string> lines = trace.AllLines();
     EXPECT_EQ(2, std::count(lines.begin(), lines.end(), std::string(kOwnerUnreadLine))) << trace.Dump();
 }
 
-TEST_F(ConversionLockTest, TokenWhoseUserCannotBeReadFailsConvertUnexpected)
+TEST_F(LockMadeBeforeTest, TokenWhoseUserCannotBeReadFailsConvertUnexpected)
 {
-    FillDatabase();
-    LockHolder holder;
-    ASSERT_TRUE(holder.ok());
-    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
     // The size query, then the read: the read of the token's user fails.
     ImportFault<decltype(&::GetTokenInformation)> fault("GetTokenInformation", FALSE, ERROR_ACCESS_DENIED, 2);
-    ExpectConvertFailsChangingNothing(converter, E_UNEXPECTED, __LINE__);
+    ExpectConvertFailsChangingNothing(converter(), E_UNEXPECTED, __LINE__);
     EXPECT_EQ(1u, fault.failed());
     ExpectConvertScopeLines({kOwnerUnreadLine, "E -2147418113 "});
 }

@@ -12,9 +12,8 @@
 #include "converter3/converter3.h"
 #include "com/converterfactory.h"
 #include "com/dbconverter.h"
-#include "common/hresult.h"
-#include "support/import_fault.h"
 #include "support/legacy_db_tree.h"
+#include "support/raised_code.h"
 #include "support/registry_sandbox.h"
 #include "support/test_converter.h"
 #include "support/trace_capture.h"
@@ -457,19 +456,7 @@ TEST_F(DBConverterTraceTest, ChosenConverterIsTracedBeforeItIsBuilt)
 // E_OUTOFMEMORY.
 TEST(DBConverterConstructionTest, LockThatCannotBeMadeRaisesOutOfMemoryOrTheSystemsError)
 {
-    {
-        ImportFault<decltype(&::InitializeCriticalSectionAndSpinCount)> fault(
-            "InitializeCriticalSectionAndSpinCount", FALSE, ERROR_NOT_ENOUGH_MEMORY, 1);
-        EXPECT_EQ(E_OUTOFMEMORY, nv::Guarded([] {
-                      CDBConverter holder;
-                      return S_OK;
-                  }));
-        EXPECT_EQ(1u, fault.calls());
-    }
-    ImportFault<decltype(&::InitializeCriticalSectionAndSpinCount)> fault("InitializeCriticalSectionAndSpinCount",
-                                                                          FALSE, ERROR_INVALID_PARAMETER, 1);
-    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INVALID_PARAMETER), nv::Guarded([] {
-                  CDBConverter holder;
-                  return S_OK;
-              }));
+    EXPECT_EQ(E_OUTOFMEMORY, RaisedMakingWithoutCriticalSection<CDBConverter>(ERROR_NOT_ENOUGH_MEMORY));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INVALID_PARAMETER),
+              RaisedMakingWithoutCriticalSection<CDBConverter>(ERROR_INVALID_PARAMETER));
 }

@@ -9,13 +9,12 @@
 #include <vector>
 
 #include "common/cryptblob.h"
-#include "common/hresult.h"
 #include "legacydb/hostname.h"
 #include "legacydb/regset.h"
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
 #include "support/db_paths.h"
-#include "support/import_fault.h"
+#include "support/raised_code.h"
 #include "support/computer_name.h"
 #include "trace/trace.h"
 
@@ -595,19 +594,7 @@ TEST_F(RegSetTest, ScopesAreOfTheChattyLevel)
 
 TEST(RegSetConstructionTest, LockThatCannotBeMadeRaisesOutOfMemoryOrTheSystemsError)
 {
-    {
-        ImportFault<decltype(&::InitializeCriticalSectionAndSpinCount)> fault(
-            "InitializeCriticalSectionAndSpinCount", FALSE, ERROR_NOT_ENOUGH_MEMORY, 1);
-        EXPECT_EQ(E_OUTOFMEMORY, nv::Guarded([] {
-                      CNVDBRegSet regSet;
-                      return S_OK;
-                  }));
-        EXPECT_EQ(1u, fault.calls());
-    }
-    ImportFault<decltype(&::InitializeCriticalSectionAndSpinCount)> fault("InitializeCriticalSectionAndSpinCount",
-                                                                          FALSE, ERROR_INVALID_PARAMETER, 1);
-    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INVALID_PARAMETER), nv::Guarded([] {
-                  CNVDBRegSet regSet;
-                  return S_OK;
-              }));
+    EXPECT_EQ(E_OUTOFMEMORY, RaisedMakingWithoutCriticalSection<CNVDBRegSet>(ERROR_NOT_ENOUGH_MEMORY));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INVALID_PARAMETER),
+              RaisedMakingWithoutCriticalSection<CNVDBRegSet>(ERROR_INVALID_PARAMETER));
 }

@@ -6,6 +6,8 @@
 #include <sddl.h>
 #include <comdef.h>
 #include <gtest/gtest.h>
+
+#include <climits>
 #include <algorithm>
 #include <cstring>
 #include <string>
@@ -243,6 +245,19 @@ TEST_F(SecurityContextTest, WithoutACacheEveryContextReadsTheHostKey)
         ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
     }
     EXPECT_EQ(4u, faults.QueryValueCalls());
+}
+
+TEST_F(SecurityContextTest, SecondConstructionReleasesTheFirstProviderOnce)
+{
+    SetBinary(kHostKey, L"HostId", kTestHostIdValue, kView32);
+    CFPSecurityContext ctx;
+    ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+    // Counted, never failed: the provider the first construction acquired is
+    // released before the second acquires its own.
+    ImportFault<decltype(&::CryptReleaseContext)> counted("CryptReleaseContext", FALSE, ERROR_SUCCESS, UINT_MAX);
+    ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+    EXPECT_EQ(1u, counted.calls());
+    EXPECT_EQ(kTestContainerName, ContainerOf(ctx.Provider()));
 }
 
 TEST_F(SecurityContextTest, HostIdIsReadInBigEndianFieldOrder)

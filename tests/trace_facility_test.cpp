@@ -318,6 +318,21 @@ TEST_F(TraceFacilityTest, ComponentsNamingThisOneAmongOthersKeepsItOn)
     EXPECT_EQ(OneScopeLines(), trace.Lines());
 }
 
+TEST_F(TraceFacilityTest, ComponentListNameAnsweredAsNotFittingIsSkippedAndTheWalkGoesOn)
+{
+    SetDword(L"SOFTWARE\\Norvane\\Tracing\\ComponentsNOT", L"AAA", 0, kViewNative);
+    SetDword(L"SOFTWARE\\Norvane\\Tracing\\ComponentsNOT", Widen(kComponent).c_str(), 0, kViewNative);
+    TraceCapture::ResetInProcess();
+    {
+        // The first name read is answered as one that does not fit the buffer.
+        ImportFault<decltype(&::RegEnumValueW)> fault("RegEnumValueW", ERROR_INSUFFICIENT_BUFFER, ERROR_SUCCESS, 1);
+        OneScope();
+        EXPECT_EQ(1u, fault.failed());
+    }
+    // This component's name was still reached: it is switched off.
+    EXPECT_EQ((std::vector<std::string>{"E -2147467259 "}), trace.Lines());
+}
+
 TEST_F(TraceFacilityTest, ComponentListWalkEndsAtANameTooLongToRead)
 {
     // "a..." (300 characters) is enumerated first and ends the walk before this
