@@ -15,6 +15,7 @@
 #include "com/objectmap.h"
 #include "common/handles.h"
 #include "com/dbconverter.h"
+#include "support/allocation_faults.h"
 #include "support/dll_loader.h"
 #include "support/registry_sandbox.h"
 #include "support/test_converter.h"
@@ -472,4 +473,57 @@ TEST_F(ComDllTest, DllLoadAndObjectLifetimeAreTraced)
     expected.insert(expected.end(), kObjectLifeWithoutAConverter.begin(), kObjectLifeWithoutAConverter.end());
     EXPECT_EQ(expected, trace.Lines())
         << trace.Dump();
+}
+
+// ---------------------------------------------------------------------------
+// Memory shortage
+
+TEST_F(ComModuleTest, ClassObjectThatCannotBeAllocatedIsOutOfMemoryAndMadeOnTheNextCall)
+{
+    void* out = reinterpret_cast<void*>(0xdeadbeef);
+    {
+        AllocationFaults oom(1);
+        EXPECT_EQ(E_OUTOFMEMORY, g_NVComModule.GetClassObject(nvcom::kCLSID_NVDBConverter, IID_IClassFactory, &out));
+        EXPECT_EQ(1u, oom.failed());
+    }
+    EXPECT_EQ(nullptr, out);
+    EXPECT_EQ(nullptr, g_NVObjectMap[0].pCF); // nothing half-made is cached
+    EXPECT_EQ(0, g_NVComModule.GetLockCount());
+    EXPECT_TRUE(Factory());
+}
+
+TEST_F(ComModuleTest, InstanceThatCannotBeAllocatedIsOutOfMemoryAndLocksNothing)
+{
+    nv::com_ptr<IClassFactory> cf = Factory();
+    void* out = reinterpret_cast<void*>(0xdeadbeef);
+    {
+        AllocationFaults oom(1);
+        EXPECT_EQ(E_OUTOFMEMORY, cf->CreateInstance(nullptr, __uuidof(INVComponentInit), &out));
+        EXPECT_EQ(1u, oom.failed());
+    }
+    EXPECT_EQ(nullptr, out);
+    EXPECT_EQ(1, g_NVComModule.GetLockCount()); // the class object's own
+}
+
+// ---------------------------------------------------------------------------
+// Entry checks of the creation function itself (the class factory makes them too)
+
+TEST_F(ComModuleTest, CreationFunctionChecksItsOutPointerAndAggregationItself)
+{
+    EXPECT_EQ(E_POINTER, CNVDBConverter::CreateInstance(nullptr, IID_IUnknown, nullptr));
+    OuterUnknown outer;
+    void* out = reinterpret_cast<void*>(0xdeadbeef);
+    EXPECT_EQ(CLASS_E_NOAGGREGATION, CNVDBConverter::CreateInstance(&outer, __uuidof(INVComponentInit), &out));
+    EXPECT_EQ(nullptr, out);
+    EXPECT_EQ(1, outer.refs);
+    EXPECT_EQ(0, g_NVComModule.GetLockCount());
+}
+
+TEST_F(ComModuleTest, ModuleWithoutAnObjectMapRegistersAndUnregistersNothing)
+{
+    CNVComModule module;
+    EXPECT_EQ(S_OK, module.RegisterServer());
+    EXPECT_EQ(S_OK, module.UnRegisterServer());
+    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane", kView64));
+    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane", kView32));
 }

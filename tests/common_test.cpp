@@ -4,6 +4,9 @@
 #include <windows.h>
 #include <gtest/gtest.h>
 #include <cstring>
+#include <memory>
+#include <new>
+#include <string>
 #include <vector>
 
 #include "common/guidtext.h"
@@ -13,7 +16,11 @@
 #include "common/hresult.h"
 #include "common/regkey.h"
 #include "common/teacfb.h"
+#include "common/threadslot.h"
 #include "support/api_faults.h"
+#include "support/allocation_faults.h"
+#include "support/import_fault.h"
+#include "support/raised_code.h"
 #include "support/registry_sandbox.h"
 #include "support/store_der.h"
 
@@ -523,4 +530,80 @@ TEST(GuidTextTest, IsWhatStringFromGuid2WritesForEveryShapeOfGuid)
         EXPECT_EQ(std::wstring(expected), nv::GuidText(g));
     }
     EXPECT_EQ(L"{0123ABCD-0A0B-C0D0-0001-9ABCDEF0100F}", nv::GuidText(guids[2]));
+}
+
+// No TLS index left: every read gives 0, writes are dropped, and neither touches the
+// thread's last error.
+TEST(ThreadSlotTest, SlotThatCouldNotBeTakenReadsZeroAndDropsWrites)
+{
+    std::unique_ptr<nv::ThreadSlot> slot;
+    {
+        ImportFault<decltype(&::TlsAlloc)> fault("TlsAlloc", TLS_OUT_OF_INDEXES, ERROR_NO_MORE_ITEMS);
+        slot = std::make_unique<nv::ThreadSlot>();
+        EXPECT_EQ(1u, fault.calls());
+    }
+    ::SetLastError(ERROR_FILE_NOT_FOUND);
+    slot->SetNumber(42);
+    EXPECT_EQ(0u, slot->GetNumber());
+    EXPECT_EQ(DWORD(ERROR_FILE_NOT_FOUND), ::GetLastError());
+
+    nv::ThreadSlot working;
+    working.SetNumber(42);
+    EXPECT_EQ(42u, working.GetNumber());
+    EXPECT_EQ(DWORD(ERROR_FILE_NOT_FOUND), ::GetLastError());
+}
+
+// ---- the boundary helpers ------------------------------------------------------------
+
+
+TEST(BoundaryHelpersTest, GuardedUnlessOutOfMemoryRaisesEveryShortageAfterItsRecordAndMapsTheRest)
+{
+    unsigned recorded = 0;
+    const auto record = [&] { ++recorded; };
+    EXPECT_EQ(E_OUTOFMEMORY, RaisedCode([&] {
+                  nv::GuardedUnlessOutOfMemory([]() -> HRESULT { nv::ThrowHr(E_OUTOFMEMORY); }, record);
+              }));
+    EXPECT_EQ(1u, recorded);
+    // A shortage in the standard library is one as well, not E_UNEXPECTED.
+    EXPECT_EQ(E_OUTOFMEMORY, RaisedCode([&] {
+                  nv::GuardedUnlessOutOfMemory([]() -> HRESULT { throw std::bad_alloc(); }, record);
+              }));
+    EXPECT_EQ(2u, recorded);
+    {
+        std::vector<BYTE> grown;
+        AllocationFaults oom(1);
+        EXPECT_EQ(E_OUTOFMEMORY, RaisedCode([&] {
+                      nv::GuardedUnlessOutOfMemory([&]() -> HRESULT {
+                          grown.resize(64);
+                          return S_OK;
+                      }, record);
+                  }));
+        EXPECT_EQ(1u, oom.failed());
+    }
+    EXPECT_EQ(3u, recorded);
+
+    EXPECT_EQ(NTE_BAD_DATA, nv::GuardedUnlessOutOfMemory([]() -> HRESULT { nv::ThrowHr(NTE_BAD_DATA); }, record));
+    EXPECT_EQ(E_UNEXPECTED, nv::GuardedUnlessOutOfMemory([]() -> HRESULT { throw 7; }, record));
+    EXPECT_EQ(S_FALSE, nv::GuardedUnlessOutOfMemory([] { return S_FALSE; }, record));
+    EXPECT_EQ(3u, recorded);
+}
+
+TEST(BoundaryHelpersTest, BadAllocIsRaisedAsOutOfMemoryAndBestEffortSwallowsEverything)
+{
+    EXPECT_EQ(E_OUTOFMEMORY, RaisedCode([] {
+                  nv::RaiseBadAllocAsOutOfMemory([] {
+                      AllocationFaults oom(1);
+                      std::wstring text(40, L'x');
+                  });
+              }));
+    EXPECT_EQ(E_UNEXPECTED, nv::Guarded([]() -> HRESULT { throw std::bad_alloc(); }));
+
+    bool ran = false;
+    nv::BestEffort([&] {
+        ran = true;
+        throw std::bad_alloc();
+    });
+    EXPECT_TRUE(ran);
+    EXPECT_EQ(5, nv::BestEffort([]() -> int { nv::ThrowHr(E_FAIL); }, 5));
+    EXPECT_EQ(6, nv::BestEffort([] { return 6; }, 5));
 }

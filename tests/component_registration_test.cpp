@@ -15,6 +15,7 @@
 #include "com/nvdbconverter.h"
 #include "com/objectmap.h"
 #include "support/dll_loader.h"
+#include "support/import_fault.h"
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
@@ -333,4 +334,12 @@ TEST_F(DllRegistrationTest, DllRegisterServerIsTracedInTheDll)
     expected.insert(expected.end(), kRegisterThenUnregister.begin(), kRegisterThenUnregister.end());
     EXPECT_EQ(expected, trace.Lines())
         << trace.Dump();
+}
+
+TEST_F(ComponentRegistrationTest, ClassIdThatCannotBeWrittenAsTextFailsUnexpectedAndWritesNothing)
+{
+    ImportFault<decltype(&::StringFromGUID2)> fault("StringFromGUID2", 0, ERROR_SUCCESS);
+    EXPECT_EQ(E_UNEXPECTED, CComponentRegistrar::RegisterComponent(kSys, L"CNVDBConverter", nvcom::kCLSID_NVDBConverter));
+    EXPECT_EQ(1u, fault.calls());
+    EXPECT_FALSE(KeyExists(kSys, kView64));
 }

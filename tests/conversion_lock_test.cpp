@@ -9,8 +9,10 @@
 #include <sddl.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <functional>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,6 +22,7 @@
 #include "nvstore_inspect.h"
 #include "support/conversion_fixture.h"
 #include "support/dll_loader.h"
+#include "support/import_fault.h"
 #include "support/process_runner.h"
 #include "support/registry_sandbox.h"
 #include "support/test_converter.h"
@@ -431,6 +434,100 @@ TEST_F(ConversionLockTest, TheLockIsForSystemAndAdministratorsOnly)
     nv::unique_hlocal textOwner(text);
     // As Wine reads it back; Windows maps the generic right to the mutex's own bits.
     EXPECT_EQ(std::wstring(L"(A;;GA;;;SY)(A;;GA;;;BA)"), DaclEntries(text));
+}
+
+// ---- the platform failing the lock's own checks ------------------------------------
+// A lock made before this converter's is checked for its owner; a check the system
+// cannot answer fails the operation with the system's error, before any step runs.
+
+namespace {
+
+// Convert ends with `expected`, ran no step and left the database as it was; `line`
+// is the caller's.
+void ExpectConvertFailsChangingNothing(TestConverter& converter, HRESULT expected, int line)
+{
+    SCOPED_TRACE(testing::Message() << "checked at line " << line);
+    const RegTree before = Snapshot(kDbPath, kView32);
+    EXPECT_EQ(expected, converter.Convert());
+    EXPECT_TRUE(converter.calls.empty());
+    EXPECT_FALSE(KeyExists(kBackup10, kView32));
+    EXPECT_EQ("", DiffTrees(before, Snapshot(kDbPath, kView32)));
+}
+
+constexpr const char kOwnerUnreadLine[] = "U the owner of conversion lock Global\\NVDBConv.Conversion cannot be read";
+
+// A database to convert and a lock made (and held) before the converter's own, so
+// that the converter checks the owner of the lock it finds.
+class LockMadeBeforeTest : public ConversionLockTest {
+protected:
+    void SetUp() override
+    {
+        ConversionLockTest::SetUp();
+        FillDatabase();
+        holder.emplace();
+        ASSERT_TRUE(holder->ok());
+        madeConverter.emplace(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    }
+    void TearDown() override
+    {
+        madeConverter.reset();
+        holder.reset();
+        ConversionLockTest::TearDown();
+    }
+    TestConverter& converter() { return *madeConverter; }
+
+    std::optional<LockHolder> holder;
+    std::optional<TestConverter> madeConverter;
+};
+
+} // namespace
+
+TEST_F(LockMadeBeforeTest, OwnerOfAnExistingLockThatCannotBeReadFailsConvertWithTheSystemsError)
+{
+    ImportFault<decltype(&::GetSecurityInfo)> fault("GetSecurityInfo", ERROR_ACCESS_DENIED, ERROR_ACCESS_DENIED);
+    ExpectConvertFailsChangingNothing(converter(), E_ACCESSDENIED, __LINE__);
+    EXPECT_EQ(1u, fault.calls());
+    ExpectConvertScopeLines({kOwnerUnreadLine, "E -2147024891 "});
+}
+
+TEST_F(LockMadeBeforeTest, TokenThatCannotBeOpenedFailsConvertWithItsErrorOrUnexpectedWithoutOne)
+{
+    {
+        ImportFault<decltype(&::OpenProcessToken)> fault("OpenProcessToken", FALSE, ERROR_ACCESS_DENIED);
+        ExpectConvertFailsChangingNothing(converter(), E_ACCESSDENIED, __LINE__);
+        EXPECT_EQ(1u, fault.calls());
+    }
+    {
+        ImportFault<decltype(&::OpenProcessToken)> fault("OpenProcessToken", FALSE, ERROR_SUCCESS);
+        ExpectConvertFailsChangingNothing(converter(), E_UNEXPECTED, __LINE__);
+    }
+    const std::vector<std::string> lines = trace.AllLines();
+    EXPECT_EQ(2, std::count(lines.begin(), lines.end(), std::string(kOwnerUnreadLine))) << trace.Dump();
+}
+
+TEST_F(LockMadeBeforeTest, TokenWhoseUserCannotBeReadFailsConvertUnexpected)
+{
+    // The size query, then the read: the read of the token's user fails.
+    ImportFault<decltype(&::GetTokenInformation)> fault("GetTokenInformation", FALSE, ERROR_ACCESS_DENIED, 2);
+    ExpectConvertFailsChangingNothing(converter(), E_UNEXPECTED, __LINE__);
+    EXPECT_EQ(1u, fault.failed());
+    ExpectConvertScopeLines({kOwnerUnreadLine, "E -2147418113 "});
+}
+
+TEST_F(ConversionLockTest, FailedWaitForTheLockFailsConvertWithTheWaitsErrorOrUnexpectedWithoutOne)
+{
+    FillDatabase();
+    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    {
+        ImportFault<decltype(&::WaitForSingleObject)> fault("WaitForSingleObject", WAIT_FAILED, ERROR_INVALID_HANDLE,
+                                                            1);
+        ExpectConvertFailsChangingNothing(converter, HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE), __LINE__);
+        EXPECT_EQ(1u, fault.failed());
+    }
+    {
+        ImportFault<decltype(&::WaitForSingleObject)> fault("WaitForSingleObject", WAIT_FAILED, ERROR_SUCCESS, 1);
+        ExpectConvertFailsChangingNothing(converter, E_UNEXPECTED, __LINE__);
+    }
 }
 
 // Two installers converting one database at once: the test holds the lock until

@@ -13,6 +13,7 @@
 #include "com/converterfactory.h"
 #include "com/dbconverter.h"
 #include "support/legacy_db_tree.h"
+#include "support/raised_code.h"
 #include "support/registry_sandbox.h"
 #include "support/test_converter.h"
 #include "support/trace_capture.h"
@@ -449,4 +450,13 @@ TEST_F(DBConverterTraceTest, ChosenConverterIsTracedBeforeItIsBuilt)
               }),
               trace.Lines())
         << trace.Dump();
+}
+
+// The holder's lock cannot be made: construction raises the error, a shortage as
+// E_OUTOFMEMORY.
+TEST(DBConverterConstructionTest, LockThatCannotBeMadeRaisesOutOfMemoryOrTheSystemsError)
+{
+    EXPECT_EQ(E_OUTOFMEMORY, RaisedMakingWithoutCriticalSection<CDBConverter>(ERROR_NOT_ENOUGH_MEMORY));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INVALID_PARAMETER),
+              RaisedMakingWithoutCriticalSection<CDBConverter>(ERROR_INVALID_PARAMETER));
 }

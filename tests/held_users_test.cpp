@@ -4,11 +4,15 @@
 #include <windows.h>
 #include <gtest/gtest.h>
 
+#include <memory>
+#include <optional>
 #include <string>
 
 #include "common/guidtext.h"
 #include "converter3/heldusers.h"
 #include "nvdbconv/policy.h"
+#include "support/allocation_faults.h"
+#include "support/import_fault.h"
 #include "support/registry_sandbox.h"
 #include "support/token_scope.h"
 
@@ -87,4 +91,59 @@ TEST_F(HeldUsersTest, AnAccountWithoutAdminRightsCannotReadTheRecordAndIsToldSo)
         EXPECT_TRUE(nvdbconv::ReadHeldUsers().empty());
     }
     EXPECT_TRUE(nvdbconv::HeldUsersReadable());
+}
+
+// ---- a list that cannot be read, an entry that cannot be written -------------------
+
+namespace {
+
+// An entry for kUser as a conversion before this one left it.
+void RecordUserHeldBefore()
+{
+    nvconv3::CHeldUsers earlier;
+    earlier.Record(kUser, L"S-1-5-21-1-2-3-1001", NV_E_USER_INCOMPLETE, L"secret not stored 'PIN' (0x80070005)");
+    ASSERT_TRUE(KeyExists(EntryPath().c_str(), kView32));
+}
+
+} // namespace
+
+TEST_F(HeldUsersTest, ListThatCannotBeReadLeavesForgetDeletingTheEntry)
+{
+    RecordUserHeldBefore();
+    std::unique_ptr<nvconv3::CHeldUsers> held;
+    {
+        ImportFault<decltype(&::RegEnumKeyExW)> fault("RegEnumKeyExW", ERROR_ACCESS_DENIED, ERROR_ACCESS_DENIED, 1);
+        held = std::make_unique<nvconv3::CHeldUsers>();
+        EXPECT_EQ(1u, fault.calls());
+    }
+    held->Forget(kUser);
+    EXPECT_FALSE(KeyExists(EntryPath().c_str(), kView32));
+}
+
+TEST_F(HeldUsersTest, ListThatRunsOutOfMemoryLeavesForgetDeletingTheEntry)
+{
+    RecordUserHeldBefore();
+    std::optional<nvconv3::CHeldUsers> held;
+    {
+        AllocationFaults oom(1);
+        held.emplace();
+        EXPECT_EQ(1u, oom.failed());
+    }
+    held->Forget(kUser);
+    EXPECT_FALSE(KeyExists(EntryPath().c_str(), kView32));
+}
+
+TEST_F(HeldUsersTest, EntryThatRunsOutOfMemoryIsNotWrittenAndRecordReturns)
+{
+    nvconv3::CHeldUsers held;
+    const std::wstring sid = L"S-1-5-21-1-2-3-1001", reason = L"secret not stored 'PIN' (0x80070005)";
+    {
+        AllocationFaults oom(1);
+        held.Record(kUser, sid, NV_E_USER_INCOMPLETE, reason);
+        EXPECT_EQ(1u, oom.failed());
+    }
+    EXPECT_FALSE(KeyExists(EntryPath().c_str(), kView32));
+    // The next one is written.
+    held.Record(kUser, sid, NV_E_USER_INCOMPLETE, reason);
+    EXPECT_TRUE(KeyExists(EntryPath().c_str(), kView32));
 }

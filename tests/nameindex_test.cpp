@@ -9,6 +9,8 @@
 #include "common/hresult.h"
 #include "converter2/nameindex.h"
 #include "support/legacy_db_tree.h"
+#include "support/allocation_faults.h"
+#include "support/import_fault.h"
 #include "support/registry_sandbox.h"
 #include "support/db_paths.h"
 #include "support/computer_name.h"
@@ -254,33 +256,60 @@ TEST_F(NameIndexTest, MissingNameIndexFailsWithFileNotFoundAndChangesNothing)
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
 }
 
-TEST_F(NameIndexTest, EmptyValueFailsWithError8AfterDeletingTheIdentifiersFoundBeforeIt)
+namespace {
+
+constexpr const wchar_t kDomainIndex[] = L"Cache\\DOM\\Users\\Index\\NameIndex";
+
+// Six identifiers under the domain's index and one value u35 of these bytes in the
+// middle; the database as a scan that stops at u35 leaves it (the identifiers
+// enumerated before u35 deleted).
+RegTree IndexWithAValueInTheMiddle(const std::vector<BYTE>& middle)
 {
-    const std::wstring index = DbPath(L"Cache\\DOM\\Users\\Index\\NameIndex");
-    // The empty value is written in the middle, so that it is in the middle of the
-    // enumeration whether the registry lists values by name or by age.
+    const std::wstring index = DbPath(kDomainIndex);
+    // Written in the middle, so that it is in the middle of the enumeration whether
+    // the registry lists values by name or by age.
     for (const wchar_t* name : {L"u1", L"u2/", L"u3", L"u35", L"u4", L"u5/", L"u6"}) {
         if (std::wstring(name) == L"u35")
-            SetBinary(index.c_str(), name, {}, kView32);
+            SetBinary(index.c_str(), name, middle, kView32);
         else
             SetBinary(index.c_str(), name, Id(static_cast<BYTE>(name[1])), kView32);
     }
     SetDword(index.c_str(), L"Count", 6, kView32);
-    OpenDb();
 
-    // Which values come before the empty one is the registry's enumeration order.
+    // Which values come before u35 is the registry's enumeration order.
     std::vector<std::wstring> order = ValueNames(index.c_str(), kView32);
-    auto empty = std::find(order.begin(), order.end(), L"u35");
-    ASSERT_NE(order.end(), empty);
-    ASSERT_NE(order.begin(), empty);
-    ASSERT_NE(order.end() - 1, empty);
+    auto stop = std::find(order.begin(), order.end(), L"u35");
+    EXPECT_TRUE(stop != order.end() && stop != order.begin() && stop != order.end() - 1);
     RegTree expected = Snapshot(kDbPath, kView32);
-    const size_t deleted =
-        EraseValuesNamed(expected, L"Cache\\DOM\\Users\\Index\\NameIndex", order.begin(), empty, L"Count");
-    ASSERT_GT(deleted, 0u);
-    ASSERT_LT(deleted, 6u);
+    const size_t deleted = EraseValuesNamed(expected, kDomainIndex, order.begin(), stop, L"Count");
+    EXPECT_GT(deleted, 0u);
+    EXPECT_LT(deleted, 6u);
+    return expected;
+}
 
-    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY), Strip(L"Cache\\DOM\\Users\\Index\\NameIndex"));
+} // namespace
+
+TEST_F(NameIndexTest, EmptyValueFailsWithError8AfterDeletingTheIdentifiersFoundBeforeIt)
+{
+    const RegTree expected = IndexWithAValueInTheMiddle({});
+    OpenDb();
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY), Strip(kDomainIndex));
+    RegTree after = Snapshot(kDbPath, kView32);
+    EXPECT_TRUE(expected == after) << DiffTrees(expected, after);
+}
+
+TEST_F(NameIndexTest, ValueThatFindsNoMemoryFailsOutOfMemoryAfterDeletingTheIdentifiersFoundBeforeIt)
+{
+    // 23 bytes: no other allocation of the scan has an odd size.
+    const RegTree expected = IndexWithAValueInTheMiddle(std::vector<BYTE>(23, 5));
+    OpenDb();
+    HRESULT hr = S_OK;
+    {
+        AllocationFaults oom(1, 23);
+        hr = Strip(kDomainIndex);
+        EXPECT_EQ(1u, oom.failed());
+    }
+    EXPECT_EQ(E_OUTOFMEMORY, hr);
     RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == after) << DiffTrees(expected, after);
 }
@@ -293,4 +322,21 @@ TEST_F(NameIndexTest, AnEmptyIndexIsConvertedToItself)
     EXPECT_EQ(S_OK, Strip(L"MainDB\\Users\\Index\\NameIndex"));
     RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == after) << DiffTrees(before, after);
+}
+
+TEST(NetBiosNameTest, NameThatCannotBeReadRaisesTheSystemsErrorOrEFailWithoutOne)
+{
+    const auto read = [] {
+        return nv::Guarded([] {
+            nv::GetNetBiosComputerName();
+            return S_OK;
+        });
+    };
+    {
+        ImportFault<decltype(&::GetComputerNameExW)> fault("GetComputerNameExW", FALSE, ERROR_ACCESS_DENIED);
+        EXPECT_EQ(E_ACCESSDENIED, read());
+        EXPECT_EQ(1u, fault.calls());
+    }
+    ImportFault<decltype(&::GetComputerNameExW)> fault("GetComputerNameExW", FALSE, ERROR_SUCCESS);
+    EXPECT_EQ(E_FAIL, read());
 }

@@ -14,6 +14,7 @@
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
 #include "support/db_paths.h"
+#include "support/raised_code.h"
 #include "support/computer_name.h"
 #include "trace/trace.h"
 
@@ -589,4 +590,11 @@ TEST_F(RegSetTest, ScopesAreOfTheChattyLevel)
     ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
     { NVTraceNS::CTraceScope probe("probe", 9); }
     EXPECT_EQ((std::vector<std::string>{"> probe", "<"}), trace.Lines());
+}
+
+TEST(RegSetConstructionTest, LockThatCannotBeMadeRaisesOutOfMemoryOrTheSystemsError)
+{
+    EXPECT_EQ(E_OUTOFMEMORY, RaisedMakingWithoutCriticalSection<CNVDBRegSet>(ERROR_NOT_ENOUGH_MEMORY));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INVALID_PARAMETER),
+              RaisedMakingWithoutCriticalSection<CNVDBRegSet>(ERROR_INVALID_PARAMETER));
 }

@@ -6,6 +6,8 @@
 #include <sddl.h>
 #include <comdef.h>
 #include <gtest/gtest.h>
+
+#include <climits>
 #include <algorithm>
 #include <cstring>
 #include <string>
@@ -15,6 +17,7 @@
 #include "security/securitycontext.h"
 #include "support/key_containers.h"
 #include "support/api_faults.h"
+#include "support/import_fault.h"
 #include "support/registry_sandbox.h"
 #include "support/signed_records.h"
 #include "support/trace_capture.h"
@@ -244,6 +247,19 @@ TEST_F(SecurityContextTest, WithoutACacheEveryContextReadsTheHostKey)
     EXPECT_EQ(4u, faults.QueryValueCalls());
 }
 
+TEST_F(SecurityContextTest, SecondConstructionReleasesTheFirstProviderOnce)
+{
+    SetBinary(kHostKey, L"HostId", kTestHostIdValue, kView32);
+    CFPSecurityContext ctx;
+    ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+    // Counted, never failed: the provider the first construction acquired is
+    // released before the second acquires its own.
+    ImportFault<decltype(&::CryptReleaseContext)> counted("CryptReleaseContext", FALSE, ERROR_SUCCESS, UINT_MAX);
+    ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+    EXPECT_EQ(1u, counted.calls());
+    EXPECT_EQ(kTestContainerName, ContainerOf(ctx.Provider()));
+}
+
 TEST_F(SecurityContextTest, HostIdIsReadInBigEndianFieldOrder)
 {
     // Written byte by byte, not through the writer.
@@ -261,6 +277,15 @@ TEST_F(SecurityContextTest, ContainerNameIsUpperCaseRegistryFormOfTheGuid)
     const GUID lowDigits = {0x0000000A, 0x000B, 0x000C, {0x0D, 0x0E, 0x0F, 0xAB, 0xCD, 0xEF, 0xFF, 0x00}};
     nvsecurity::FormatContainerName(lowDigits, name);
     EXPECT_STREQ(L"{0000000A-000B-000C-0D0E-0FABCDEFFF00}", name);
+}
+
+TEST_F(SecurityContextTest, ContainerNameThatCannotBeWrittenIsEmpty)
+{
+    wchar_t name[nvsecurity::kContainerNameChars] = L"sentinel";
+    ImportFault<decltype(&::StringFromGUID2)> fault("StringFromGUID2", 0, ERROR_SUCCESS);
+    nvsecurity::FormatContainerName(kTestHostId, name);
+    EXPECT_STREQ(L"", name);
+    EXPECT_EQ(1u, fault.calls());
 }
 
 TEST_F(SecurityContextTest, HostKeyIsOpenedInTheCallersViewOnly)

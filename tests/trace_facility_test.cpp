@@ -11,7 +11,9 @@
 #include <vector>
 
 #include "common/handles.h"
+#include "support/allocation_faults.h"
 #include "support/dll_loader.h"
+#include "support/import_fault.h"
 #include "support/trace_capture.h"
 #include "trace/trace.h"
 #include "trace/traceoutput.h"
@@ -314,6 +316,21 @@ TEST_F(TraceFacilityTest, ComponentsNamingThisOneAmongOthersKeepsItOn)
     TraceCapture::ResetInProcess();
     OneScope();
     EXPECT_EQ(OneScopeLines(), trace.Lines());
+}
+
+TEST_F(TraceFacilityTest, ComponentListNameAnsweredAsNotFittingIsSkippedAndTheWalkGoesOn)
+{
+    SetDword(L"SOFTWARE\\Norvane\\Tracing\\ComponentsNOT", L"AAA", 0, kViewNative);
+    SetDword(L"SOFTWARE\\Norvane\\Tracing\\ComponentsNOT", Widen(kComponent).c_str(), 0, kViewNative);
+    TraceCapture::ResetInProcess();
+    {
+        // The first name read is answered as one that does not fit the buffer.
+        ImportFault<decltype(&::RegEnumValueW)> fault("RegEnumValueW", ERROR_INSUFFICIENT_BUFFER, ERROR_SUCCESS, 1);
+        OneScope();
+        EXPECT_EQ(1u, fault.failed());
+    }
+    // This component's name was still reached: it is switched off.
+    EXPECT_EQ((std::vector<std::string>{"E -2147467259 "}), trace.Lines());
 }
 
 TEST_F(TraceFacilityTest, ComponentListWalkEndsAtANameTooLongToRead)
@@ -1016,4 +1033,51 @@ TEST_F(TraceFacilityTest, TwoOutputsOnOneFileEachAppendAfterTheOthersRecords)
     ASSERT_TRUE(decoded.ok) << decoded.error;
     EXPECT_EQ("trace3", decoded.header.front());
     EXPECT_EQ((std::vector<std::string>{"U a", "N 11-16-2026", "U bb", "U ccc", "U dddd"}), trace.AllLines());
+}
+
+// ---- what the process cannot give ------------------------------------------------
+
+TEST_F(TraceFacilityTest, OutputThatCannotBeAllocatedDropsThatRecordAndTheNextRecordsAreWritten)
+{
+    TraceCapture::ResetInProcess();
+    {
+        AllocationFaults oom(1, sizeof(NVTraceNS::CFileOutput));
+        OneScope();
+        EXPECT_EQ(1u, oom.failed());
+    }
+    // The first record (the date) found no output and is lost; the time after it
+    // made the output again.
+    EXPECT_EQ((std::vector<std::string>{"T 09:30:00.125", "> CFoo::Bar", "U inside 1", "E -2147467259 ", "<"}),
+              trace.AllLines())
+        << trace.Dump();
+}
+
+TEST_F(TraceFacilityTest, PatternPathIsNotMadeWithoutTheHostsOrTheLibrarysFileName)
+{
+    DeleteValue(kTracing, L"FileName", kViewNative);
+    nv::unique_hkey key;
+    ASSERT_EQ(ERROR_SUCCESS, NVTraceNS::OpenTracingKey(key.put()));
+    // The host's name, then the library's.
+    for (unsigned failing : {1u, 2u}) {
+        wchar_t path[NVTraceNS::kTracePathChars] = L"sentinel";
+        ImportFault<decltype(&::GetModuleFileNameW)> fault("GetModuleFileNameW", 0, ERROR_INSUFFICIENT_BUFFER,
+                                                           failing);
+        EXPECT_FALSE(NVTraceNS::BuildTracePath(key.get(), path)) << "failing call " << failing;
+        EXPECT_STREQ(L"", path);
+        EXPECT_EQ(failing, fault.calls());
+    }
+}
+
+TEST_F(TraceFacilityTest, LineThatCannotBeWrittenAsUtf8IsWrittenEmpty)
+{
+    {
+        NVTraceNS::CTraceScope scope("CFoo::Bar", 0);
+        {
+            ImportFault<decltype(&::WideCharToMultiByte)> fault("WideCharToMultiByte", 0, ERROR_NO_UNICODE_TRANSLATION);
+            NVTraceNS::Trace(scope, 0, "value %d", 5);
+            EXPECT_EQ(1u, fault.calls());
+        }
+        NVTraceNS::Trace(scope, 0, "value %d", 6);
+    }
+    EXPECT_EQ((std::vector<std::string>{"> CFoo::Bar", "U ", "U value 6", "<"}), trace.Lines()) << trace.Dump();
 }

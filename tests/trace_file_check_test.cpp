@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "common/handles.h"
+#include "support/import_fault.h"
 #include "support/import_patch.h"
 #include "support/trace_capture.h"
 #include "support/unix_side.h"
@@ -627,4 +628,138 @@ TEST(TraceFileVerdictTest, ExistingFileMustBeOwnedBySystemAdministratorsOrThisAc
     // A file this open created is ours whatever its owner reads.
     f.existed = false;
     EXPECT_EQ(TraceFileVerdict::Accepted, NVTraceNS::JudgeTraceFile(f));
+}
+
+// ---- system answers that cannot be had ---------------------------------------------
+// Whatever the system cannot answer about an opened file or folder counts against it:
+// the file is refused and left as it was. The queries are failed through the test
+// executable's imports, which the library linked into it calls through.
+
+namespace {
+
+// Opening `path` for a trace (replacing its content) gives no handle, the verdict
+// `expected`, and leaves the file's content `content`; `line` is the caller's.
+void ExpectRefusedAndUntouched(const std::wstring& path, TraceFileVerdict expected, const std::string& content,
+                               int line)
+{
+    SCOPED_TRACE(testing::Message() << "checked at line " << line);
+    TraceFileVerdict verdict = TraceFileVerdict::Accepted;
+    EXPECT_EQ(INVALID_HANDLE_VALUE, NVTraceNS::OpenCheckedTraceFile(path.c_str(), FILE_APPEND_DATA, false, &verdict));
+    EXPECT_EQ(expected, verdict);
+    EXPECT_EQ(content, ReadBytes(path));
+}
+
+} // namespace
+
+TEST_F(TraceFileCheckTest, FileOrFolderWhoseFinalPathCannotBeHadIsRefusedAsNotLocal)
+{
+    const std::wstring file = dir + L"\\plain\\host.trc3";
+    WriteBytes(file, kPrecious);
+    ImportFault<decltype(&::GetFinalPathNameByHandleW)> fault("GetFinalPathNameByHandleW", 0, ERROR_ACCESS_DENIED);
+    ExpectRefusedAndUntouched(file, TraceFileVerdict::NotALocalPath, kPrecious, __LINE__);
+    EXPECT_EQ(TraceFileVerdict::NotALocalPath, NVTraceNS::ProbeTraceFile(file.c_str()));
+    // A new file: its folder is judged first, and nothing is created.
+    const std::wstring fresh = dir + L"\\plain\\fresh.trc3";
+    ExpectRefusedAndUntouched(fresh, TraceFileVerdict::NotALocalPath, "<2>", __LINE__);
+    EXPECT_EQ(3u, fault.calls());
+}
+
+TEST_F(TraceFileCheckTest, FileOrFolderWhoseAttributesCannotBeReadIsRefusedAsAReparsePoint)
+{
+    const std::wstring file = dir + L"\\plain\\host.trc3";
+    WriteBytes(file, kPrecious);
+    ImportFault<decltype(&::GetFileInformationByHandle)> fault("GetFileInformationByHandle", FALSE,
+                                                               ERROR_ACCESS_DENIED);
+    ExpectRefusedAndUntouched(file, TraceFileVerdict::ReparsePoint, kPrecious, __LINE__);
+    EXPECT_EQ(TraceFileVerdict::ReparsePoint, NVTraceNS::ProbeTraceFile(file.c_str()));
+    ExpectRefusedAndUntouched(dir + L"\\plain\\fresh.trc3", TraceFileVerdict::ReparsePoint, "<2>", __LINE__);
+}
+
+TEST_F(TraceFileCheckTest, ExistingFileWhoseOwnerCannotBeReadOrWrittenAsTextIsRefusedAsForeign)
+{
+    const std::wstring file = dir + L"\\plain\\host.trc3";
+    WriteBytes(file, kPrecious);
+    EXPECT_EQ(TraceFileVerdict::Accepted, NVTraceNS::ProbeTraceFile(file.c_str())) << "this account's own file";
+    {
+        ImportFault<decltype(&::GetKernelObjectSecurity)> fault("GetKernelObjectSecurity", FALSE,
+                                                                ERROR_ACCESS_DENIED);
+        ExpectRefusedAndUntouched(file, TraceFileVerdict::ForeignOwner, kPrecious, __LINE__);
+        EXPECT_EQ(1u, fault.calls());
+    }
+    {
+        ImportFault<decltype(&::ConvertSidToStringSidW)> fault("ConvertSidToStringSidW", FALSE,
+                                                               ERROR_NOT_ENOUGH_MEMORY);
+        ExpectRefusedAndUntouched(file, TraceFileVerdict::ForeignOwner, kPrecious, __LINE__);
+    }
+}
+
+TEST_F(TraceFileCheckTest, FileOfThisAccountIsRefusedWhenTheProcesssUserCannotBeRead)
+{
+    const std::wstring file = dir + L"\\plain\\host.trc3";
+    WriteBytes(file, kPrecious);
+    // Owned by this process's user, not by System or Administrators: only the
+    // comparison with the process's user lets it in.
+    PSID owner = nullptr;
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    ASSERT_EQ(DWORD(ERROR_SUCCESS), ::GetNamedSecurityInfoW(file.c_str(), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION,
+                                                            &owner, nullptr, nullptr, nullptr, &descriptor));
+    nv::unique_hlocal descriptorOwner(descriptor);
+    const std::wstring ownerText = SidText(owner);
+    ASSERT_NE(L"S-1-5-18", ownerText);
+    ASSERT_NE(L"S-1-5-32-544", ownerText);
+    ASSERT_EQ(TraceFileVerdict::Accepted, NVTraceNS::ProbeTraceFile(file.c_str()));
+    {
+        ImportFault<decltype(&::OpenProcessToken)> fault("OpenProcessToken", FALSE, ERROR_ACCESS_DENIED);
+        ExpectRefusedAndUntouched(file, TraceFileVerdict::ForeignOwner, kPrecious, __LINE__);
+        EXPECT_EQ(1u, fault.calls());
+    }
+    {
+        ImportFault<decltype(&::GetTokenInformation)> fault("GetTokenInformation", FALSE, ERROR_ACCESS_DENIED);
+        ExpectRefusedAndUntouched(file, TraceFileVerdict::ForeignOwner, kPrecious, __LINE__);
+        EXPECT_EQ(1u, fault.calls());
+    }
+}
+
+TEST_F(TraceFileCheckTest, PathNamingAFolderGivesNoHandleAndLeavesTheFolder)
+{
+    const std::wstring folder = dir + L"\\plain\\logs";
+    ASSERT_TRUE(::CreateDirectoryW(folder.c_str(), nullptr));
+    TraceFileVerdict verdict = TraceFileVerdict::Redirected; // sentinel
+    EXPECT_EQ(INVALID_HANDLE_VALUE, NVTraceNS::OpenCheckedTraceFile(folder.c_str(), FILE_APPEND_DATA, false, &verdict));
+    EXPECT_EQ(TraceFileVerdict::Accepted, verdict); // its folder was judged; it could not be opened as a file
+    EXPECT_EQ(DWORD(FILE_ATTRIBUTE_DIRECTORY), ::GetFileAttributesW(folder.c_str()));
+}
+
+TEST_F(TraceFileCheckTest, AcceptedFileThatCannotBeHeldOrEmptiedGivesNoHandleAndKeepsItsContent)
+{
+    const std::wstring file = dir + L"\\plain\\host.trc3";
+    WriteBytes(file, kPrecious);
+    // The handle kept for writing, then the second handle that empties the file.
+    for (unsigned failing : {1u, 2u}) {
+        ImportFault<decltype(&::ReOpenFile)> fault("ReOpenFile", INVALID_HANDLE_VALUE, ERROR_SHARING_VIOLATION,
+                                                   failing);
+        TraceFileVerdict verdict = TraceFileVerdict::Redirected;
+        EXPECT_EQ(INVALID_HANDLE_VALUE, NVTraceNS::OpenCheckedTraceFile(file.c_str(), FILE_APPEND_DATA, false, &verdict));
+        EXPECT_EQ(TraceFileVerdict::Accepted, verdict) << "failing ReOpenFile call " << failing;
+        EXPECT_EQ(failing, fault.calls());
+        EXPECT_EQ(kPrecious, ReadBytes(file)) << "failing ReOpenFile call " << failing;
+    }
+}
+
+TEST_F(TraceFileCheckTest, ProbeOnADriveThatDoesNotExistFindsNothingToRefuse)
+{
+    ASSERT_EQ(UINT(DRIVE_NO_ROOT_DIR), ::GetDriveTypeW(L"Q:\\")) << "the test needs a drive letter that is not mapped";
+    EXPECT_EQ(TraceFileVerdict::Accepted, NVTraceNS::ProbeTraceFile(L"Q:\\logs\\setup\\t.trc3"));
+    EXPECT_EQ(TraceFileVerdict::Accepted, NVTraceNS::ProbeTraceFile(L"Q:\\t.trc3"));
+}
+
+TEST_F(TraceFileCheckTest, NoFolderIsMadeForTracePathWhenItsSecurityCannotBeBuilt)
+{
+    const std::wstring logs = dir + L"\\plain\\logs";
+    ImportFault<decltype(&::ConvertStringSecurityDescriptorToSecurityDescriptorW)> fault(
+        "ConvertStringSecurityDescriptorToSecurityDescriptorW", FALSE, ERROR_NOT_ENOUGH_MEMORY);
+    EXPECT_EQ(nullptr, NVTraceNS::NewTraceFolderSecurity());
+    NVTraceNS::CreateTraceDirectories((logs + L"\\setup").c_str());
+    EXPECT_EQ(2u, fault.calls());
+    EXPECT_FALSE(Exists(logs));
 }

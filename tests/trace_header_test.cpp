@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "support/import_fault.h"
 #include "support/dll_loader.h"
 #include "support/trace_capture.h"
 #include "support/computer_name.h"
@@ -356,4 +357,40 @@ TEST_F(TraceHeaderTest, AppendedFileGetsNoSecondHeader)
     EXPECT_EQ((std::vector<std::string>{"t 03/07/26", "T 04:05:06.007", "> CFoo::Bar", "<", "N 03-07-2026",
                                         "t 03/07/26", "T 04:05:06.007", "> CFoo::Bar", "<"}),
               trace.AllLines());
+}
+
+TEST_F(TraceHeaderTest, FileVersionIsUnknownWhenTheVersionLibraryItsFunctionsOrTheModulesPathCannotBeHad)
+{
+    LoadedLibrary dll;
+    ASSERT_TRUE(dll.loaded());
+    ASSERT_EQ("FileVersion: 3.0.1.0\r\n", NVTraceNS::FileVersionHeaderLine(dll.module()));
+    {
+        ImportFault<decltype(&::LoadLibraryExW)> fault("LoadLibraryExW", nullptr, ERROR_MOD_NOT_FOUND);
+        EXPECT_EQ("FileVersion: UNKNOWN\r\n", NVTraceNS::FileVersionHeaderLine(dll.module()));
+        EXPECT_EQ(1u, fault.calls());
+    }
+    {
+        ImportFault<decltype(&::GetProcAddress)> fault("GetProcAddress", nullptr, ERROR_PROC_NOT_FOUND, 2);
+        EXPECT_EQ("FileVersion: UNKNOWN\r\n", NVTraceNS::FileVersionHeaderLine(dll.module()));
+        EXPECT_EQ(3u, fault.calls()); // all three are looked up, then the missing one refused
+    }
+    {
+        ImportFault<decltype(&::GetModuleFileNameA)> fault("GetModuleFileNameA", 0, ERROR_INSUFFICIENT_BUFFER);
+        EXPECT_EQ("FileVersion: UNKNOWN\r\n", NVTraceNS::FileVersionHeaderLine(dll.module()));
+        EXPECT_EQ(1u, fault.calls());
+    }
+}
+
+TEST_F(TraceHeaderTest, MachineNameThatCannotBeReadLeavesTheLineEmpty)
+{
+    {
+        ImportFault<decltype(&::GetComputerNameExA)> fault("GetComputerNameExA", FALSE, ERROR_MORE_DATA);
+        TraceCapture::ResetInProcess();
+        OneScope();
+        TraceCapture::ResetInProcess();
+        EXPECT_EQ(1u, fault.calls());
+    }
+    const std::vector<std::string> header = trace.HeaderLines();
+    ASSERT_EQ(11u, header.size());
+    EXPECT_EQ("Machine name: ", header[4]);
 }

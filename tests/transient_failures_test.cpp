@@ -28,6 +28,7 @@
 #include "support/import_patch.h"
 #include "support/conversion_fixture.h"
 #include "support/key_containers.h"
+#include "support/raised_code.h"
 #include "support/registry_sandbox.h"
 #include "writer/db20_der.h"
 #include "writer/db20_writer.h"
@@ -119,18 +120,6 @@ void ForEachFailedCall(unsigned calls, const Kinds& kinds, Coder coder, Body&& b
     }
 }
 
-// The code a call raised as _com_error, S_OK when it returned.
-template <class Body>
-HRESULT Raised(Body&& body)
-{
-    try {
-        body();
-    } catch (const _com_error& e) {
-        return e.Error();
-    }
-    return S_OK;
-}
-
 const GUID kGuid = {0x00112233, 0x4455, 0x6677, {0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF}};
 
 // One reader over a valid item: how many coder calls a clean read makes, and a
@@ -191,7 +180,7 @@ TEST(LegacyReaderFailureTest, EachCoderCallOfEachReaderFailingWithEachKindOfErro
                 faults.FailDecode(n, kind.lastError);
                 const DWORD lenientBefore = LegacyNVDB2::LenientReadCount();
                 bool full = true;
-                const HRESULT hr = Raised([&] { full = c.readsValue(View(c.item)); });
+                const HRESULT hr = RaisedCode([&] { full = c.readsValue(View(c.item)); });
                 EXPECT_EQ(kind.raised, hr);
                 if (kind.raised == S_OK) {
                     // The lenient path: the kind's empty value, and it is counted.
@@ -244,14 +233,14 @@ TEST(SecretRecordFailureTest, EveryDecodeFailingWithOutOfMemoryRaisesIt)
     ASSERT_GT(calls, 6u);
     ForEachFailedCall(calls, kOutOfMemoryKinds, Coder::Decode, [&](const FailureKind&) {
         CNVSecret secret;
-        EXPECT_EQ(E_OUTOFMEMORY, Raised([&] { LegacyNVDB2::DecodeSecretField(nullptr, field, secret); }));
+        EXPECT_EQ(E_OUTOFMEMORY, RaisedCode([&] { LegacyNVDB2::DecodeSecretField(nullptr, field, secret); }));
     });
     // A data error in the same place reads as that part's empty value.
     std::vector<FailureKind> dataKinds(std::begin(kDecodeVerdictKinds), std::end(kDecodeVerdictKinds));
     dataKinds.push_back({static_cast<DWORD>(CRYPT_E_ASN1_CORRUPT), S_OK, "CRYPT_E_ASN1_CORRUPT"});
     ForEachFailedCall(calls, dataKinds, Coder::Decode, [&](const FailureKind&) {
         CNVSecret secret;
-        EXPECT_EQ(S_OK, Raised([&] { LegacyNVDB2::DecodeSecretField(nullptr, field, secret); }));
+        EXPECT_EQ(S_OK, RaisedCode([&] { LegacyNVDB2::DecodeSecretField(nullptr, field, secret); }));
     });
 }
 
@@ -355,7 +344,7 @@ TEST_F(ProvisionedReaderFailureTest, GetContentRaisesOutOfMemoryFromEveryDecode)
             ApiFaults faults;
             faults.FailDecode(n, kind.lastError);
             nv::CCoTaskCryptBlob out;
-            EXPECT_EQ(E_OUTOFMEMORY, Raised([&] { secret->GetContent(nullptr, &out.cbData, &out.pbData); }));
+            EXPECT_EQ(E_OUTOFMEMORY, RaisedCode([&] { secret->GetContent(nullptr, &out.cbData, &out.pbData); }));
             EXPECT_TRUE(out.IsEmpty());
             // The failed call kept nothing: the next one opens the content whole.
             faults.FailDecode(0, 0);
@@ -456,7 +445,7 @@ TEST(PackingFailureTest, PackPasswordRaisesOutOfMemoryFromEveryEncode)
     ASSERT_GE(calls, 6u);
     ForEachFailedCall(calls, kOutOfMemoryKinds, Coder::Encode, [&](const FailureKind&) {
         nv::CCryptBlob blob;
-        EXPECT_EQ(E_OUTOFMEMORY, Raised([&] { PackPassword(L"abc", blob); }));
+        EXPECT_EQ(E_OUTOFMEMORY, RaisedCode([&] { PackPassword(L"abc", blob); }));
     });
 }
 
@@ -480,7 +469,7 @@ TEST(PackingFailureTest, EncryptExRaisesOutOfMemoryButReturnsOtherEncodeFailures
     ForEachFailedCall(calls, kKinds, Coder::Encode, [&](const FailureKind& kind) {
         nv::CCryptBlob blob(plain.data(), static_cast<DWORD>(plain.size()));
         HRESULT returned = S_OK;
-        const HRESULT raised = Raised([&] { returned = EncryptEx(blob, prov.get(), exchange.get(), CALG_3DES); });
+        const HRESULT raised = RaisedCode([&] { returned = EncryptEx(blob, prov.get(), exchange.get(), CALG_3DES); });
         if (kind.raised == E_OUTOFMEMORY) {
             EXPECT_EQ(E_OUTOFMEMORY, raised);
         } else {

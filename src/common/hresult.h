@@ -98,8 +98,10 @@ auto RaiseBadAllocAsOutOfMemory(Body&& body) -> decltype(body())
 }
 
 // Guarded for a step whose caller must not go on when memory is short: runs body
-// and maps what it throws to a result code as Guarded does, except E_OUTOFMEMORY,
-// which runs beforeRaising (the step's own record of it) and is raised on.
+// and maps what it throws to a result code as Guarded does, except a memory shortage
+// (E_OUTOFMEMORY, or std::bad_alloc from the standard library, which Guarded would
+// make E_UNEXPECTED), which runs beforeRaising (the step's own record of it) and is
+// raised on as E_OUTOFMEMORY.
 template <class Body, class BeforeRaising>
 HRESULT GuardedUnlessOutOfMemory(Body&& body, BeforeRaising&& beforeRaising)
 {
@@ -111,6 +113,9 @@ HRESULT GuardedUnlessOutOfMemory(Body&& body, BeforeRaising&& beforeRaising)
             throw;
         }
         return e.Error();
+    } catch (const std::bad_alloc&) {
+        beforeRaising();
+        ThrowHr(E_OUTOFMEMORY);
     } catch (...) {
         return ResultFromCaughtException();
     }
