@@ -114,25 +114,11 @@ TraceRow RowOf(const std::string& file, const TraceView& trace, std::map<std::ui
     row.file = file;
     row.machine = HeaderValue(trace.header, "Machine name: ");
     row.version = HeaderValue(trace.header, "FileVersion: ");
-    const TraceSummary summary = Summarize(trace, SummaryDepth::Rollup);
-    if (!summary.processes.empty())
-        row.started = summary.processes.front().started;
-    // What the verdicts count, without their notes.
-    for (const SummaryUser& u : summary.users) {
-        switch (OutcomeOf(u)) {
-        case UserOutcome::Moved: ++row.moved; break;
-        case UserOutcome::MovedWithGaps: ++row.movedWithGaps; break;
-        case UserOutcome::Held: ++row.held; break;
-        case UserOutcome::Failed: ++row.failed; break;
-        }
-    }
-    if (!summary.failures.empty()) {
-        row.hasFailure = true;
-        row.firstFailure = static_cast<std::uint32_t>(summary.failures.front().code);
-    }
+    RowSummary summary = SummarizeRow(trace);
+    static_cast<RowFigures&>(row) = std::move(summary);
     if (codes) {
-        for (const SummaryFailure& f : summary.failures)
-            (*codes)[static_cast<std::uint32_t>(f.code)] += f.count;
+        for (const auto& [code, count] : summary.codes)
+            (*codes)[code] += count;
     }
     if (!trace.ok) {
         row.state = TraceState::Damaged;
