@@ -93,11 +93,23 @@ Json CodeJson(std::uint32_t code)
     return j;
 }
 
+// A folder entry's name ends in the extension, case aside, as path::extension() finds
+// it (a name that is only the extension has none), without building the extension.
 bool HasTraceExtension(const fs::path& path)
 {
-    std::string ext = path.extension().string();
-    std::transform(ext.begin(), ext.end(), ext.begin(), [](char c) { return c >= 'A' && c <= 'Z' ? c + 32 : c; });
-    return ext == kTraceExtension;
+    const auto& name = path.native();
+    constexpr std::size_t n = sizeof(kTraceExtension) - 1;
+    if (name.size() <= n)
+        return false;
+    const auto before = name[name.size() - n - 1];
+    if (before == '/' || before == fs::path::preferred_separator)
+        return false;
+    for (std::size_t i = 0; i < n; ++i) {
+        const auto c = name[name.size() - n + i];
+        if ((c >= 'A' && c <= 'Z' ? c + 32 : c) != kTraceExtension[i])
+            return false;
+    }
+    return true;
 }
 
 } // namespace
@@ -317,8 +329,11 @@ public:
             m_listingFailed = true;
             return;
         }
-        std::sort(entries.begin(), entries.end(),
-                  [](const fs::directory_entry& a, const fs::directory_entry& b) { return a.path() < b.path(); });
+        // The entries share the folder's text, so their paths' text orders them as
+        // their paths do, without splitting each into its parts.
+        std::sort(entries.begin(), entries.end(), [](const fs::directory_entry& a, const fs::directory_entry& b) {
+            return a.path().native() < b.path().native();
+        });
         for (const fs::directory_entry& entry : entries) {
             std::error_code kind;
             if (entry.is_directory(kind))
