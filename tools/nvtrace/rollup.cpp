@@ -93,11 +93,23 @@ Json CodeJson(std::uint32_t code)
     return j;
 }
 
+// A folder entry's name ends in the extension, case aside, as path::extension() finds
+// it (a name that is only the extension has none), without building the extension.
 bool HasTraceExtension(const fs::path& path)
 {
-    std::string ext = path.extension().string();
-    std::transform(ext.begin(), ext.end(), ext.begin(), [](char c) { return c >= 'A' && c <= 'Z' ? c + 32 : c; });
-    return ext == kTraceExtension;
+    const auto& name = path.native();
+    constexpr std::size_t n = sizeof(kTraceExtension) - 1;
+    if (name.size() <= n)
+        return false;
+    const auto before = name[name.size() - n - 1];
+    if (before == '/' || before == fs::path::preferred_separator)
+        return false;
+    for (std::size_t i = 0; i < n; ++i) {
+        const auto c = name[name.size() - n + i];
+        if ((c >= 'A' && c <= 'Z' ? c + 32 : c) != kTraceExtension[i])
+            return false;
+    }
+    return true;
 }
 
 } // namespace
@@ -114,25 +126,11 @@ TraceRow RowOf(const std::string& file, const TraceView& trace, std::map<std::ui
     row.file = file;
     row.machine = HeaderValue(trace.header, "Machine name: ");
     row.version = HeaderValue(trace.header, "FileVersion: ");
-    const TraceSummary summary = Summarize(trace, SummaryDepth::Rollup);
-    if (!summary.processes.empty())
-        row.started = summary.processes.front().started;
-    // What the verdicts count, without their notes.
-    for (const SummaryUser& u : summary.users) {
-        switch (OutcomeOf(u)) {
-        case UserOutcome::Moved: ++row.moved; break;
-        case UserOutcome::MovedWithGaps: ++row.movedWithGaps; break;
-        case UserOutcome::Held: ++row.held; break;
-        case UserOutcome::Failed: ++row.failed; break;
-        }
-    }
-    if (!summary.failures.empty()) {
-        row.hasFailure = true;
-        row.firstFailure = static_cast<std::uint32_t>(summary.failures.front().code);
-    }
+    RowSummary summary = SummarizeRow(trace);
+    static_cast<RowFigures&>(row) = std::move(summary);
     if (codes) {
-        for (const SummaryFailure& f : summary.failures)
-            (*codes)[static_cast<std::uint32_t>(f.code)] += f.count;
+        for (const auto& [code, count] : summary.codes)
+            (*codes)[code] += count;
     }
     if (!trace.ok) {
         row.state = TraceState::Damaged;
@@ -331,8 +329,11 @@ public:
             m_listingFailed = true;
             return;
         }
-        std::sort(entries.begin(), entries.end(),
-                  [](const fs::directory_entry& a, const fs::directory_entry& b) { return a.path() < b.path(); });
+        // The entries share the folder's text, so their paths' text orders them as
+        // their paths do, without splitting each into its parts.
+        std::sort(entries.begin(), entries.end(), [](const fs::directory_entry& a, const fs::directory_entry& b) {
+            return a.path().native() < b.path().native();
+        });
         for (const fs::directory_entry& entry : entries) {
             std::error_code kind;
             if (entry.is_directory(kind))

@@ -17,14 +17,11 @@ namespace nvtrace {
 
 enum class TraceState { Decoded, Damaged, Unreadable };
 
-struct TraceRow {
+// The row's figures (start, users by outcome, first failure) are the trace's RowFigures.
+struct TraceRow : RowFigures {
     std::string file;
     std::string machine;  // "Machine name: " of the header
     std::string version;  // "FileVersion: " of the header
-    std::string started;  // the first process's start, "2026-11-15 09:30:00.125"
-    std::size_t moved = 0, movedWithGaps = 0, held = 0, failed = 0;
-    bool hasFailure = false;
-    std::uint32_t firstFailure = 0; // the first failing result, counted where it arose
     TraceState state = TraceState::Decoded;
     std::string problem;  // why the file is damaged or unreadable
 };

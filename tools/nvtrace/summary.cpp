@@ -139,7 +139,7 @@ bool SidAndRest(std::string_view text, std::string_view l, std::string_view t, s
 
 // "value "<name>" of <key> is empty: the backup cannot copy empty values", the
 // library's words for a value its backup refused, in nvdbconv's form.
-bool EmptyValueLine(std::string_view text, std::string& shown)
+bool EmptyValueLine(std::string_view text, std::string_view& name, std::string_view& key)
 {
     static constexpr std::string_view lead = "value \"", middle = "\" of ",
                                       tail = " is empty: the backup cannot copy empty values";
@@ -149,9 +149,8 @@ bool EmptyValueLine(std::string_view text, std::string& shown)
     const std::size_t at = text.rfind(middle, text.size() - tail.size());
     if (at == std::string::npos || at < lead.size())
         return false;
-    const std::string_view name = text.substr(lead.size(), at - lead.size());
-    const std::string_view key = text.substr(at + middle.size(), text.size() - tail.size() - at - middle.size());
-    shown.assign(key).append(": value \"").append(name).append("\" is empty; the backup cannot copy empty values");
+    name = text.substr(lead.size(), at - lead.size());
+    key = text.substr(at + middle.size(), text.size() - tail.size() - at - middle.size());
     return true;
 }
 
@@ -226,6 +225,15 @@ private:
     std::string m_dateText, m_timeText, m_isoDate;
 };
 
+// The first process starts at the header's time, its last line before ".".
+std::string FirstProcessStart(const std::vector<std::string>& header, Clock& clock)
+{
+    if (header.size() < 2)
+        return std::string();
+    clock.HeaderTime(header[header.size() - 2]);
+    return clock.iso();
+}
+
 struct OpenScope {
     std::string_view name; // the record's text, which outlives the summarizer
     bool timed = false;
@@ -278,20 +286,85 @@ const char* OperationOf(std::string_view scope)
     return nullptr;
 }
 
+} // namespace
+
+TraceLine RecognizeLine(std::string_view text)
+{
+    static constexpr std::string_view kVersionLead = "wszVersion = ";
+    TraceLine line;
+    // Each line read below begins with one of these letters (keep them in step);
+    // the library's many other lines pass without a comparison each.
+    switch (text.empty() ? '\0' : text[0]) {
+    case 'w': case 'C': case 'R': case 'D': case 'v': case 'I':
+        break;
+    default:
+        return line;
+    }
+    if (StartsWith(text, kVersionLead)) {
+        line.kind = LineKind::Version;
+        line.rest = text.substr(kVersionLead.size());
+    } else if (text == "Conversion policy: strict") {
+        line.kind = LineKind::StrictPolicy;
+    } else if (text == "Retrieve payload") {
+        line.kind = LineKind::RetrievePayload;
+    } else if (QuotedAfter(text, "Conversion process began for '", "", line.sid, nullptr)) {
+        line.kind = LineKind::UserBegan;
+    } else if (QuotedAfter(text, "Conversion process is over for '", ", ", line.sid, &line.code)) {
+        line.kind = LineKind::UserOver;
+    } else if (QuotedAfter(text, "DeleteKey('", "), ", line.sid, &line.code)) {
+        line.kind = LineKind::OldKeyDeleted;
+    } else if (EmptyValueLine(text, line.name, line.key)) {
+        line.kind = LineKind::EmptyValue;
+    } else if (SidAndRest(text, kIncompleteUserLead, kMovedWithGapsTail, line.sid, line.rest)) {
+        line.kind = LineKind::MovedWithGaps;
+    } else if (SidAndRest(text, kIncompleteUserLead, kKeepsOldKeyTail, line.sid, line.rest)) {
+        line.kind = LineKind::KeepsOldKey;
+    }
+    return line;
+}
+
+ResultRecord RecognizeResult(std::string_view text)
+{
+    ResultRecord result;
+    const std::size_t blank = text.find(' ');
+    long long parsed = 0;
+    if (!WholeNumber(text.substr(0, blank), parsed) || parsed >= 0)
+        return result; // a success of facility 9: no failure
+    result.failing = true;
+    result.code = static_cast<std::int32_t>(parsed);
+    if (blank != std::string_view::npos)
+        result.text = text.substr(blank + 1);
+    return result;
+}
+
+ConversionScope ConversionScopeOf(std::string_view name)
+{
+    if (name == "CBaseConverter::Convert")
+        return ConversionScope::Operation;
+    if (name == "CConverter3::do_Convert" || name == "CConverter2::do_Convert")
+        return ConversionScope::FormatStep;
+    return ConversionScope::None;
+}
+
+namespace {
+
+// A user the guard caught leaves no result record of its own: its status is the
+// failure, unless its old key went or a scope it ran already traced that code.
+bool CaughtByGuard(bool deleteSeen, std::uint32_t status, const std::vector<std::int32_t>* traced)
+{
+    const std::int32_t code = static_cast<std::int32_t>(status);
+    return !deleteSeen && code < 0 && (!traced || std::find(traced->begin(), traced->end(), code) == traced->end());
+}
+
 // Builds the summary record by record; one instance per decoded trace. It keeps
 // views of the records' texts: they must outlive it.
 class Summarizer {
 public:
-    Summarizer(const std::vector<std::string>& header, SummaryDepth depth) : m_full(depth == SummaryDepth::Full)
+    explicit Summarizer(const std::vector<std::string>& header)
     {
-        if (m_full)
-            m_summary.header = header;
+        m_summary.header = header;
         NewProcess();
-        // The first process starts at the header's time, its last line before ".".
-        if (header.size() >= 2) {
-            m_clock.HeaderTime(header[header.size() - 2]);
-            m_summary.processes.back().started = m_clock.iso();
-        }
+        m_summary.processes.back().started = FirstProcessStart(header, m_clock);
     }
 
     void Add(const RecordView& r)
@@ -399,7 +472,8 @@ private:
         scope.timed = m_clock.known();
         scope.started = m_clock.now();
         const char* operation = OperationOf(r.text);
-        const bool c3 = r.text == "CConverter3::do_Convert", c2 = r.text == "CConverter2::do_Convert";
+        const ConversionScope kind = ConversionScopeOf(r.text);
+        const bool c3 = r.text == "CConverter3::do_Convert";
         bool inOperation = false;
         long outer = -1;
         for (const OpenScope& s : stack) {
@@ -414,14 +488,14 @@ private:
                 m_summary.processes.back().operations.push_back("Cleanup");
             else if (r.text == "CConverter3::do_Rollback" || r.text == "CConverter2::do_Rollback")
                 m_summary.processes.back().operations.push_back("Rollback");
-            else if (c3 || c2)
+            else if (kind == ConversionScope::FormatStep)
                 m_summary.processes.back().operations.push_back("Convert");
         }
-        if (r.text == "CBaseConverter::Convert" || ((c3 || c2) && outer < 0)) {
+        if (kind == ConversionScope::Operation || (kind == ConversionScope::FormatStep && outer < 0)) {
             scope.conversion = static_cast<long>(NewConversion());
             outer = scope.conversion;
         }
-        if ((c3 || c2) && outer >= 0) {
+        if (kind == ConversionScope::FormatStep && outer >= 0) {
             SummaryConversion& c = m_summary.conversions[static_cast<std::size_t>(outer)];
             c.fromVersion = m_version;
             c.step = (m_version.empty() ? std::string(c3 ? "2.0" : "1.0") : m_version) + (c3 ? " -> 3.0" : " -> 2.0");
@@ -437,8 +511,6 @@ private:
         stack.pop_back();
         if (scope.failed && !stack.empty())
             stack.back().calleeFailures.push_back({scope.failedCode, scope.failure});
-        if (!m_full)
-            return;
         auto it = m_scopeAt.find(scope.name);
         if (it == m_scopeAt.end()) {
             SummaryScope s;
@@ -464,12 +536,11 @@ private:
 
     void Result(const RecordView& r, std::vector<OpenScope>& stack)
     {
-        const std::size_t blank = r.text.find(' ');
-        long long parsed = 0;
-        if (!WholeNumber(r.text.substr(0, blank), parsed) || parsed >= 0)
-            return; // a success of facility 9: no failure
-        const std::int32_t code = static_cast<std::int32_t>(parsed);
-        const std::string text(blank == std::string::npos ? std::string_view() : r.text.substr(blank + 1));
+        const ResultRecord result = RecognizeResult(r.text);
+        if (!result.failing)
+            return;
+        const std::int32_t code = result.code;
+        const std::string text(result.text);
         const std::string path = JoinPath(stack);
         std::size_t index = 0;
         bool passedOn = false;
@@ -549,65 +620,69 @@ private:
 
     void Line(const RecordView& r, std::vector<OpenScope>& stack)
     {
-        static const char kVersionLead[] = "wszVersion = ";
-        // Each line read below begins with one of these letters (keep them in step);
-        // the library's many other lines pass without a comparison each.
-        switch (r.text.empty() ? '\0' : r.text[0]) {
-        case 'w': case 'C': case 'R': case 'D': case 'v': case 'I':
-            break;
-        default:
+        const TraceLine line = RecognizeLine(r.text);
+        switch (line.kind) {
+        case LineKind::Other:
             return;
-        }
-        std::string_view sid, rest;
-        std::string shown;
-        std::uint32_t code = 0;
-        if (StartsWith(r.text, kVersionLead)) {
-            m_version.assign(r.text.substr(sizeof(kVersionLead) - 1));
-        } else if (r.text == "Conversion policy: strict") {
+        case LineKind::Version:
+            m_version.assign(line.rest);
+            return;
+        case LineKind::StrictPolicy:
             m_summary.conversions[ConversionOf(r.thread, stack)].strict = true;
-        } else if (r.text == "Retrieve payload") {
+            return;
+        case LineKind::RetrievePayload: {
             auto user = m_currentUser.find(r.thread);
             if (user != m_currentUser.end())
                 m_summary.users[user->second].payloadRetrieved = true;
-        } else if (QuotedAfter(r.text, "Conversion process began for '", "", sid, nullptr)) {
-            m_currentUser[r.thread] = User(ConversionOf(r.thread, stack), sid);
-        } else if (QuotedAfter(r.text, "Conversion process is over for '", ", ", sid, &code)) {
-            const std::size_t conversion = ConversionOf(r.thread, stack);
-            const std::size_t index = User(conversion, sid);
-            SummaryUser& u = m_summary.users[index];
-            u.over = true;
-            u.status = code;
-            m_lastStatus[conversion] = code;
-            m_currentUser.erase(r.thread);
-            // A user the guard caught leaves no result record of its own: its status
-            // is the failure, unless a scope it ran already traced that code.
-            const auto seen = m_userFailures.find(index);
-            const bool traced = seen != m_userFailures.end() && std::find(seen->second.begin(), seen->second.end(),
-                                                                          static_cast<std::int32_t>(code)) != seen->second.end();
-            if (!u.deleteSeen && static_cast<std::int32_t>(code) < 0 && !traced) {
-                SummaryFailure f;
-                f.process = u.process;
-                f.thread = r.thread;
-                f.path = JoinPath(stack);
-                f.code = static_cast<std::int32_t>(code);
-                f.count = 1;
-                f.user.assign(sid);
-                AddFailure(f);
-            }
-        } else if (QuotedAfter(r.text, "DeleteKey('", "), ", sid, &code)) {
-            SummaryUser& u = m_summary.users[User(ConversionOf(r.thread, stack), sid)];
+            return;
+        }
+        case LineKind::UserBegan:
+            m_currentUser[r.thread] = User(ConversionOf(r.thread, stack), line.sid);
+            return;
+        case LineKind::UserOver:
+            UserOver(r.thread, line, stack);
+            return;
+        case LineKind::OldKeyDeleted: {
+            SummaryUser& u = m_summary.users[User(ConversionOf(r.thread, stack), line.sid)];
             u.deleteSeen = true;
-            u.deleteResult = code;
-        } else if (EmptyValueLine(r.text, shown)) {
-            m_summary.emptyValues.push_back(shown);
-        } else if (SidAndRest(r.text, kIncompleteUserLead, kMovedWithGapsTail, sid, rest)) {
-            m_summary.users[User(ConversionOf(r.thread, stack), sid)].gaps.assign(rest);
-        } else if (SidAndRest(r.text, kIncompleteUserLead, kKeepsOldKeyTail, sid, rest)) {
-            m_summary.users[User(ConversionOf(r.thread, stack), sid)].heldFor.assign(rest);
+            u.deleteResult = line.code;
+            return;
+        }
+        case LineKind::EmptyValue:
+            m_summary.emptyValues.push_back(std::string(line.key).append(": value \"").append(line.name).append(
+                "\" is empty; the backup cannot copy empty values"));
+            return;
+        case LineKind::MovedWithGaps:
+            m_summary.users[User(ConversionOf(r.thread, stack), line.sid)].gaps.assign(line.rest);
+            return;
+        case LineKind::KeepsOldKey:
+            m_summary.users[User(ConversionOf(r.thread, stack), line.sid)].heldFor.assign(line.rest);
+            return;
         }
     }
 
-    const bool m_full; // else the header lines and the scopes' times are left out
+    void UserOver(std::uint32_t thread, const TraceLine& line, std::vector<OpenScope>& stack)
+    {
+        const std::size_t conversion = ConversionOf(thread, stack);
+        const std::size_t index = User(conversion, line.sid);
+        SummaryUser& u = m_summary.users[index];
+        u.over = true;
+        u.status = line.code;
+        m_lastStatus[conversion] = line.code;
+        m_currentUser.erase(thread);
+        const auto seen = m_userFailures.find(index);
+        if (CaughtByGuard(u.deleteSeen, line.code, seen == m_userFailures.end() ? nullptr : &seen->second)) {
+            SummaryFailure f;
+            f.process = u.process;
+            f.thread = thread;
+            f.path = JoinPath(stack);
+            f.code = static_cast<std::int32_t>(line.code);
+            f.count = 1;
+            f.user.assign(line.sid);
+            AddFailure(f);
+        }
+    }
+
     TraceSummary m_summary;
     Clock m_clock;
     std::string m_version; // the process's "wszVersion = " text
@@ -621,6 +696,212 @@ private:
     std::unordered_map<std::string_view, std::size_t> m_scopeAt;
     std::size_t m_lastUser = static_cast<std::size_t>(-1);
 };
+
+void CountOutcome(RowSummary& row, UserOutcome outcome)
+{
+    switch (outcome) {
+    case UserOutcome::Moved: ++row.moved; break;
+    case UserOutcome::MovedWithGaps: ++row.movedWithGaps; break;
+    case UserOutcome::Held: ++row.held; break;
+    case UserOutcome::Failed: ++row.failed; break;
+    }
+}
+
+// Builds a roll-up row's figures record by record. It follows the scopes, the
+// conversions and the users as the Summarizer does, but keeps of them only what
+// decides a user's outcome and whether a failing result arose or was passed on: no
+// paths, no texts, no times. It keeps views of the records' texts.
+class RowSummarizer {
+public:
+    explicit RowSummarizer(const std::vector<std::string>& header)
+    {
+        Clock clock;
+        m_row.started = FirstProcessStart(header, clock);
+    }
+
+    void Add(const RecordView& r)
+    {
+        switch (r.kind) {
+        case 'N': NewProcess(); return;
+        case '>': Enter(r.text, Stack(r.thread)); return;
+        case '<': Leave(Stack(r.thread)); return;
+        case 'E': Result(r, Stack(r.thread)); return;
+        case 'U': Line(r.thread, RecognizeLine(r.text), Stack(r.thread)); return;
+        default: return;
+        }
+    }
+
+    RowSummary Finish()
+    {
+        for (const User& u : m_users) {
+            CountOutcome(m_row, OutcomeOf(u.deleteSeen, u.hasGaps, u.isHeld));
+        }
+        return std::move(m_row);
+    }
+
+private:
+    struct Scope {
+        long conversion = -1;
+        bool failed = false;
+        std::int32_t failedCode = 0;
+        std::vector<std::int32_t> calleeFailures;
+    };
+    using ScopeStack = std::vector<Scope>;
+    struct User {
+        std::size_t conversion = 0;
+        std::string_view sid;
+        bool deleteSeen = false, hasGaps = false, isHeld = false;
+        std::vector<std::int32_t> traced; // failures that arose while it ran
+    };
+
+    ScopeStack& Stack(std::uint32_t thread)
+    {
+        for (auto& [id, stack] : m_stacks)
+            if (id == thread)
+                return stack;
+        m_stacks.emplace_back(thread, ScopeStack());
+        return m_stacks.back().second;
+    }
+
+    void NewProcess()
+    {
+        m_stacks.clear();
+        m_currentUser.clear();
+        ++m_process;
+    }
+
+    void Enter(std::string_view name, ScopeStack& stack)
+    {
+        const ConversionScope kind = ConversionScopeOf(name);
+        Scope scope;
+        if (kind == ConversionScope::Operation || (kind == ConversionScope::FormatStep && Innermost(stack) < 0))
+            scope.conversion = static_cast<long>(m_conversions++);
+        stack.push_back(std::move(scope));
+    }
+
+    static long Innermost(const ScopeStack& stack)
+    {
+        for (auto it = stack.rbegin(); it != stack.rend(); ++it)
+            if (it->conversion >= 0)
+                return it->conversion;
+        return -1;
+    }
+
+    void Leave(ScopeStack& stack)
+    {
+        if (stack.empty())
+            return;
+        const Scope scope = std::move(stack.back());
+        stack.pop_back();
+        if (scope.failed && !stack.empty())
+            stack.back().calleeFailures.push_back(scope.failedCode);
+    }
+
+    void Arose(std::int32_t code)
+    {
+        if (!m_row.hasFailure) {
+            m_row.hasFailure = true;
+            m_row.firstFailure = static_cast<std::uint32_t>(code);
+        }
+        ++m_row.codes[static_cast<std::uint32_t>(code)];
+    }
+
+    void Result(const RecordView& r, ScopeStack& stack)
+    {
+        const ResultRecord result = RecognizeResult(r.text);
+        if (!result.failing)
+            return;
+        const bool passedOn = !stack.empty() && std::find(stack.back().calleeFailures.begin(),
+                                                          stack.back().calleeFailures.end(),
+                                                          result.code) != stack.back().calleeFailures.end();
+        if (!passedOn) {
+            Arose(result.code);
+            if (User* user = CurrentUser(r.thread))
+                user->traced.push_back(result.code);
+        }
+        if (!stack.empty()) {
+            stack.back().failed = true;
+            stack.back().failedCode = result.code;
+        }
+    }
+
+    void Line(std::uint32_t thread, const TraceLine& line, ScopeStack& stack);
+    std::size_t ConversionOf(std::uint32_t thread, const ScopeStack& stack);
+    std::size_t UserOf(std::size_t conversion, std::string_view sid);
+    User* CurrentUser(std::uint32_t thread)
+    {
+        const auto it = m_currentUser.find(thread);
+        return it == m_currentUser.end() ? nullptr : &m_users[it->second];
+    }
+
+    RowSummary m_row;
+    unsigned m_process = 1;
+    std::size_t m_conversions = 0;
+    std::vector<std::pair<std::uint32_t, ScopeStack>> m_stacks; // a trace has few threads
+    std::map<std::uint32_t, std::size_t> m_currentUser;
+    std::map<std::uint32_t, std::pair<unsigned, std::size_t>> m_looseConversion;
+    std::vector<User> m_users;
+    std::map<std::pair<std::size_t, std::string_view>, std::size_t> m_userAt;
+    std::size_t m_lastUser = static_cast<std::size_t>(-1);
+};
+
+void RowSummarizer::Line(std::uint32_t thread, const TraceLine& line, ScopeStack& stack)
+{
+    switch (line.kind) {
+    case LineKind::StrictPolicy:
+        ConversionOf(thread, stack); // the policy's line opens a conversion when none runs
+        return;
+    case LineKind::UserBegan:
+        m_currentUser[thread] = UserOf(ConversionOf(thread, stack), line.sid);
+        return;
+    case LineKind::UserOver: {
+        User& u = m_users[UserOf(ConversionOf(thread, stack), line.sid)];
+        m_currentUser.erase(thread);
+        if (CaughtByGuard(u.deleteSeen, line.code, &u.traced))
+            Arose(static_cast<std::int32_t>(line.code));
+        return;
+    }
+    case LineKind::OldKeyDeleted:
+        m_users[UserOf(ConversionOf(thread, stack), line.sid)].deleteSeen = true;
+        return;
+    case LineKind::MovedWithGaps:
+        m_users[UserOf(ConversionOf(thread, stack), line.sid)].hasGaps = !line.rest.empty();
+        return;
+    case LineKind::KeepsOldKey:
+        m_users[UserOf(ConversionOf(thread, stack), line.sid)].isHeld = !line.rest.empty();
+        return;
+    default:
+        return; // lines that neither count a user nor open a conversion
+    }
+}
+
+// As the Summarizer's: the innermost conversion's scope, else one opened for lines
+// traced outside any, per thread and process.
+std::size_t RowSummarizer::ConversionOf(std::uint32_t thread, const ScopeStack& stack)
+{
+    const long innermost = Innermost(stack);
+    if (innermost >= 0)
+        return static_cast<std::size_t>(innermost);
+    auto loose = m_looseConversion.find(thread);
+    if (loose != m_looseConversion.end() && loose->second.first == m_process)
+        return loose->second.second;
+    m_looseConversion[thread] = {m_process, m_conversions};
+    return m_conversions++;
+}
+
+std::size_t RowSummarizer::UserOf(std::size_t conversion, std::string_view sid)
+{
+    if (m_lastUser < m_users.size() && m_users[m_lastUser].conversion == conversion && m_users[m_lastUser].sid == sid)
+        return m_lastUser;
+    const auto [it, added] = m_userAt.emplace(std::make_pair(conversion, sid), m_users.size());
+    if (added) {
+        m_users.emplace_back();
+        m_users.back().conversion = conversion;
+        m_users.back().sid = sid;
+    }
+    m_lastUser = it->second;
+    return it->second;
+}
 
 std::string ProcessList(const std::vector<unsigned>& ordinals)
 {
@@ -697,30 +978,57 @@ std::string DescribeResult(std::uint32_t code)
 
 TraceSummary Summarize(const DecodedTrace& trace)
 {
-    Summarizer summarizer(trace.header, SummaryDepth::Full);
+    Summarizer summarizer(trace.header);
     for (const Record& r : trace.records)
         summarizer.Add(RecordView{r.offset, r.thread, r.kind, r.text});
     return summarizer.Finish();
 }
 
-TraceSummary Summarize(const TraceView& trace, SummaryDepth depth)
+TraceSummary Summarize(const TraceView& trace)
 {
-    Summarizer summarizer(trace.header, depth);
+    Summarizer summarizer(trace.header);
     for (const RecordView& r : trace.records)
         summarizer.Add(r);
     return summarizer.Finish();
 }
 
+RowSummary SummarizeRow(const TraceView& trace)
+{
+    RowSummarizer summarizer(trace.header);
+    for (const RecordView& r : trace.records)
+        summarizer.Add(r);
+    return summarizer.Finish();
+}
+
+RowSummary RowSummaryOf(const TraceSummary& summary)
+{
+    RowSummary row;
+    if (!summary.processes.empty())
+        row.started = summary.processes.front().started;
+    for (const SummaryUser& u : summary.users) {
+        CountOutcome(row, OutcomeOf(u));
+    }
+    if (!summary.failures.empty()) {
+        row.hasFailure = true;
+        row.firstFailure = static_cast<std::uint32_t>(summary.failures.front().code);
+    }
+    for (const SummaryFailure& f : summary.failures)
+        row.codes[static_cast<std::uint32_t>(f.code)] += f.count;
+    return row;
+}
+
 std::vector<Verdict> ComputeVerdicts(const DecodedTrace& trace) { return ComputeVerdicts(Summarize(trace)); }
 
-UserOutcome OutcomeOf(const SummaryUser& u)
+UserOutcome OutcomeOf(bool deleteSeen, bool hasGaps, bool isHeld)
 {
     // A user whose old key's delete failed is in the store all the same: the format
     // counts it as converted, and the next Convert meets its old key again.
-    if (u.moved() || u.deleteSeen)
-        return u.gaps.empty() ? UserOutcome::Moved : UserOutcome::MovedWithGaps;
-    return u.heldFor.empty() ? UserOutcome::Failed : UserOutcome::Held;
+    if (deleteSeen)
+        return hasGaps ? UserOutcome::MovedWithGaps : UserOutcome::Moved;
+    return isHeld ? UserOutcome::Held : UserOutcome::Failed;
 }
+
+UserOutcome OutcomeOf(const SummaryUser& u) { return OutcomeOf(u.deleteSeen, !u.gaps.empty(), !u.heldFor.empty()); }
 
 std::vector<Verdict> ComputeVerdicts(const TraceSummary& summary)
 {

@@ -5,6 +5,7 @@
 #pragma once
 #include <cstdint>
 #include <iosfwd>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -120,12 +121,62 @@ struct TraceSummary {
     std::vector<std::string> emptyValues;
 };
 
-// How much a summary holds: everything, or what a roll-up row reads (without the
-// header lines and the scopes' times, which no row shows).
-enum class SummaryDepth { Full, Rollup };
-
 TraceSummary Summarize(const DecodedTrace& trace);
-TraceSummary Summarize(const TraceView& trace, SummaryDepth depth = SummaryDepth::Full);
+TraceSummary Summarize(const TraceView& trace);
+
+// What a roll-up row and its totals read of a trace, and nothing else: the first
+// process's start, the users by outcome, the first failing result and how often
+// each failure code arose (each counted where it arose).
+struct RowFigures {
+    std::string started; // the first process's start, "2026-11-15 09:30:00.125"
+    std::size_t moved = 0, movedWithGaps = 0, held = 0, failed = 0;
+    bool hasFailure = false;
+    std::uint32_t firstFailure = 0; // the first failing result, counted where it arose
+};
+struct RowSummary : RowFigures {
+    std::map<std::uint32_t, std::size_t> codes;
+};
+
+// The row's figures built straight from the records, without the full summary's
+// per-user, per-failure and per-scope texts; they are the ones RowSummaryOf reads
+// from the full summary (both read the lines through RecognizeLine).
+RowSummary SummarizeRow(const TraceView& trace);
+RowSummary RowSummaryOf(const TraceSummary& summary);
+
+// The library's lines a summary reads, recognised in one place for the full summary
+// and the row alike.
+enum class LineKind {
+    Other,
+    Version,         // "wszVersion = <rest>"
+    StrictPolicy,    // "Conversion policy: strict"
+    RetrievePayload, // "Retrieve payload"
+    UserBegan,       // "Conversion process began for '<sid>'"
+    UserOver,        // "Conversion process is over for '<sid>', <code>"
+    OldKeyDeleted,   // "DeleteKey('<sid>'), <code>"
+    EmptyValue,      // "value "<name>" of <key> is empty: the backup cannot copy empty values"
+    MovedWithGaps,   // "Incomplete user '<sid>' moved with gaps: <rest>"
+    KeepsOldKey,     // "Incomplete user '<sid>' keeps its old key: <rest>"
+};
+struct TraceLine {
+    LineKind kind = LineKind::Other;
+    std::string_view sid, rest;
+    std::uint32_t code = 0;
+    std::string_view name, key; // of an empty value
+};
+TraceLine RecognizeLine(std::string_view text);
+
+// A result record's text: "<decimal code> <text>". Only a negative code is a failure.
+struct ResultRecord {
+    bool failing = false;
+    std::int32_t code = 0;
+    std::string_view text;
+};
+ResultRecord RecognizeResult(std::string_view text);
+
+// The scopes that open a conversion: an operation's (CBaseConverter::Convert), or a
+// format step's do_Convert when no conversion encloses it.
+enum class ConversionScope { None, Operation, FormatStep };
+ConversionScope ConversionScopeOf(std::string_view name);
 
 // The outcome of one user, as the verdict counts it.
 enum class UserOutcome {
@@ -135,8 +186,9 @@ enum class UserOutcome {
     Failed,        // kept its old data: a step failed, or the trace ends inside it
 };
 
-// How the verdict counts the user.
+// How the verdict counts the user; the row counts it from the same facts.
 UserOutcome OutcomeOf(const SummaryUser& user);
+UserOutcome OutcomeOf(bool deleteSeen, bool hasGaps, bool isHeld);
 
 // A user that is not plainly moved: held, failed, moved with gaps, or moved with a
 // note (its old key stayed, or its status carries a result that is no failure).

@@ -1,0 +1,162 @@
+// The roll-up's row figures (SummarizeRow, built straight from the records) against
+// the same figures read from the full summary (RowSummaryOf): the fixture trace of
+// the real library, hand-made traces of each case a row counts, and many random
+// traces of the library's scopes, results and lines.
+#include <gtest/gtest.h>
+#include <cstdint>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "nvtracelib.h"
+#include "sample_trace.h"
+#include "summary.h"
+
+using nvtrace_test::SampleTrace;
+
+namespace {
+
+std::string RowText(const nvtrace::RowSummary& row)
+{
+    std::ostringstream out;
+    out << "started=" << row.started << " moved=" << row.moved << " gaps=" << row.movedWithGaps << " held=" << row.held
+        << " failed=" << row.failed << " first=" << (row.hasFailure ? nvtrace::Hex8(row.firstFailure) : "-")
+        << " codes:";
+    for (const auto& [code, count] : row.codes)
+        out << ' ' << nvtrace::Hex8(code) << 'x' << count;
+    return out.str();
+}
+
+// Both rows of one file image; returns the lean one for the callers' own checks.
+nvtrace::RowSummary ExpectSameRow(int line, const std::vector<std::uint8_t>& bytes, const std::string& what)
+{
+    nvtrace::TraceDecoder decoder;
+    const nvtrace::TraceView& view = decoder.Decode(bytes.data(), bytes.size());
+    nvtrace::RowSummary lean = nvtrace::SummarizeRow(view);
+    EXPECT_EQ(RowText(nvtrace::RowSummaryOf(nvtrace::Summarize(view))), RowText(lean))
+        << what << " (checked at line " << line << ")";
+    return lean;
+}
+
+std::vector<std::uint8_t> ReadFixture(const std::string& name)
+{
+    std::vector<std::uint8_t> data;
+    std::string error;
+    EXPECT_TRUE(nvtrace::ReadWholeFile(std::string(NVTRACE_TEST_DATA) + "/" + name, data, error)) << error;
+    return data;
+}
+
+const char* const kSids[] = {"S-1-5-21-1-2-3-1001", "S-1-5-21-1-2-3-1002", "S-1-5-21-1-2-3-1003"};
+const char* const kScopes[] = {"CBaseConverter::Convert", "CConverter3::do_Convert", "CConverter2::do_Convert",
+                               "CBaseConverter::Backup",  "CNVSecret::GetContent",   "CBaseConverter::Rollback"};
+const char* const kResults[] = {"-2146893819 ", "-2147024891 denied", "-2147467261 ", "5 ", "0x80004005", "-2146893811"};
+const char* const kStatuses[] = {"0x00000000", "0x80090005", "0x8009000D", "0x80004003", "0x80090016"};
+
+// One of the lines a summary reads (or one it does not), about a random user.
+std::string RandomLine(std::mt19937& rng)
+{
+    auto pick = [&rng](const auto& list) { return std::string(list[rng() % std::size(list)]); };
+    const std::string sid = pick(kSids);
+    const std::string missing = rng() % 4 == 0 ? "" : "secret not stored 'SystemLogonInfo' (0x80004005)";
+    switch (rng() % 11) {
+    case 0: return "Conversion process began for '" + sid + "'";
+    case 1: return "Conversion process is over for '" + sid + "', " + pick(kStatuses);
+    case 2: return "DeleteKey('" + sid + "'), " + (rng() % 3 == 0 ? "0x80070005" : "0x00000000");
+    case 3: return "Incomplete user '" + sid + "' moved with gaps: " + missing;
+    case 4: return "Incomplete user '" + sid + "' keeps its old key: " + missing;
+    case 5: return "Conversion policy: strict";
+    case 6: return "Retrieve payload";
+    case 7: return "wszVersion = 2.0";
+    case 8: return "value \"Pin\" of HKLM\\SOFTWARE\\Norvane\\" + sid + " is empty: the backup cannot copy empty values";
+    case 9: return "Conversion process began for " + sid; // no quotes: not the user's line
+    default: return "Read password secret from old DB";
+    }
+}
+
+// Records of every kind a summary reads, on three threads, in up to a few processes.
+SampleTrace RandomTrace(std::mt19937& rng, std::size_t records)
+{
+    SampleTrace s;
+    auto pick = [&rng](const auto& list) { return std::string(list[rng() % std::size(list)]); };
+    for (std::size_t i = 0; i < records; ++i) {
+        const std::uint32_t thread = 1 + static_cast<std::uint32_t>(rng() % 3);
+        const unsigned kind = rng() % 40;
+        if (kind == 0)
+            s.Add(0, 'N', "11-16-2026");
+        else if (kind < 3)
+            s.Add(thread, 'T', "09:31:00.500");
+        else if (kind < 12)
+            s.Add(thread, '>', pick(kScopes));
+        else if (kind < 20)
+            s.Add(thread, '<');
+        else if (kind < 27)
+            s.Add(thread, 'E', pick(kResults));
+        else
+            s.Add(thread, 'U', RandomLine(rng));
+    }
+    return s;
+}
+
+TEST(RowSummaryTest, TheFixtureOfTheRealLibraryGivesTheSameRowBothWays)
+{
+    const std::vector<std::uint8_t> bytes = ReadFixture("three_runs.trc3");
+    ASSERT_FALSE(bytes.empty());
+    const nvtrace::RowSummary row = ExpectSameRow(__LINE__, bytes, "three_runs.trc3");
+    EXPECT_FALSE(row.started.empty());
+    EXPECT_GT(row.moved + row.movedWithGaps + row.held + row.failed, 0u) << RowText(row);
+}
+
+TEST(RowSummaryTest, EachCaseARowCountsGivesTheSameRowBothWays)
+{
+    const std::string a = kSids[0], b = kSids[1];
+    SampleTrace guard; // a user the guard caught, and one whose delete failed
+    guard.ConversionStarts(4).UserBegins(4, a).UserEnds(4, a, "0x80090005").UserBegins(4, b);
+    guard.Add(4, 'U', "DeleteKey('" + b + "'), 0x80070005").UserEnds(4, b, "0x80070005").Add(4, '<').Add(4, '<');
+    const nvtrace::RowSummary guardRow = ExpectSameRow(__LINE__, guard.bytes(), "guard");
+    EXPECT_EQ("started=2026-11-15 09:30:00.125 moved=1 gaps=0 held=0 failed=1 first=0x80090005 codes: 0x80090005x1",
+              RowText(guardRow));
+
+    SampleTrace passedUp; // one failure passed up three scopes, one traced while a user ran
+    passedUp.ConversionStarts(6).UserBegins(6, a).Add(6, '>', "CNVSecret::GetContent").Add(6, 'E', "-2146893819 ");
+    passedUp.Add(6, '<').UserEnds(6, a, "0x80090005").Add(6, 'E', "-2146893819 ").Add(6, '<');
+    passedUp.Add(6, 'E', "-2146893819 ").Add(6, '<');
+    EXPECT_EQ("started=2026-11-15 09:30:00.125 moved=0 gaps=0 held=0 failed=1 first=0x80090005 codes: 0x80090005x1",
+              RowText(ExpectSameRow(__LINE__, passedUp.bytes(), "passed up")));
+
+    SampleTrace loose; // lines outside any conversion's scope, a strict policy, gaps with nothing after them
+    loose.Add(2, 'U', "Conversion policy: strict").UserBegins(2, a);
+    loose.Add(2, 'U', "Incomplete user '" + a + "' keeps its old key: secret not stored").UserEnds(2, a, "0x80040201");
+    loose.Add(0, 'N', "11-16-2026").UserBegins(2, a).Add(2, 'U', "Incomplete user '" + a + "' moved with gaps: ");
+    loose.OldKeyDeleted(2, a).UserEnds(2, a, "0x00000000");
+    EXPECT_EQ("started=2026-11-15 09:30:00.125 moved=1 gaps=0 held=1 failed=0 first=0x80040201 codes: 0x80040201x1",
+              RowText(ExpectSameRow(__LINE__, loose.bytes(), "loose")));
+}
+
+TEST(RowSummaryTest, ManyRandomTracesGiveTheSameRowBothWays)
+{
+    std::mt19937 rng(2026);
+    nvtrace::RowSummary all; // what the traces exercised, so that the comparison means something
+    std::size_t manyCodes = 0;
+    for (int n = 0; n < 3000; ++n) {
+        const SampleTrace s = RandomTrace(rng, 5 + rng() % 120);
+        const nvtrace::RowSummary row = ExpectSameRow(__LINE__, s.bytes(), "random trace " + std::to_string(n));
+        ExpectSameRow(__LINE__, s.Truncated(s.size() - 1 - rng() % 20), "cut trace " + std::to_string(n));
+        all.moved += row.moved;
+        all.movedWithGaps += row.movedWithGaps;
+        all.held += row.held;
+        all.failed += row.failed;
+        all.hasFailure = all.hasFailure || row.hasFailure;
+        manyCodes += row.codes.size() > 1 ? 1 : 0;
+        if (::testing::Test::HasFailure())
+            return;
+    }
+    EXPECT_GT(all.moved, 0u);
+    EXPECT_GT(all.movedWithGaps, 0u);
+    EXPECT_GT(all.held, 0u);
+    EXPECT_GT(all.failed, 0u);
+    EXPECT_TRUE(all.hasFailure);
+    EXPECT_GT(manyCodes, 0u);
+}
+
+} // namespace
