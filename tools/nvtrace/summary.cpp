@@ -976,29 +976,26 @@ std::string DescribeResult(std::uint32_t code)
     return out;
 }
 
-TraceSummary Summarize(const DecodedTrace& trace)
+namespace {
+
+RecordView ViewOf(const Record& r) { return RecordView{r.offset, r.thread, r.kind, r.text}; }
+const RecordView& ViewOf(const RecordView& r) { return r; }
+
+// One pass of a summarizer over a decoded trace, owned texts or views alike.
+template <class SummarizerType, class RecordType>
+auto SummarizeWith(const BasicTrace<RecordType>& trace)
 {
-    Summarizer summarizer(trace.header);
-    for (const Record& r : trace.records)
-        summarizer.Add(RecordView{r.offset, r.thread, r.kind, r.text});
+    SummarizerType summarizer(trace.header);
+    for (const RecordType& r : trace.records)
+        summarizer.Add(ViewOf(r));
     return summarizer.Finish();
 }
 
-TraceSummary Summarize(const TraceView& trace)
-{
-    Summarizer summarizer(trace.header);
-    for (const RecordView& r : trace.records)
-        summarizer.Add(r);
-    return summarizer.Finish();
-}
+} // namespace
 
-RowSummary SummarizeRow(const TraceView& trace)
-{
-    RowSummarizer summarizer(trace.header);
-    for (const RecordView& r : trace.records)
-        summarizer.Add(r);
-    return summarizer.Finish();
-}
+TraceSummary Summarize(const DecodedTrace& trace) { return SummarizeWith<Summarizer>(trace); }
+TraceSummary Summarize(const TraceView& trace) { return SummarizeWith<Summarizer>(trace); }
+RowSummary SummarizeRow(const TraceView& trace) { return SummarizeWith<RowSummarizer>(trace); }
 
 RowSummary RowSummaryOf(const TraceSummary& summary)
 {
