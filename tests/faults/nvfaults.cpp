@@ -450,6 +450,9 @@ struct Sweep {
     std::string m_storeError;
     // A process of the sweep could not be started: the sweep stops.
     bool harnessFailed = false;
+    // Seconds spent so far in each phase of a scenario: resetting the world, the
+    // conversion process, the recovery process, and inspecting the end states.
+    double phaseSeconds[4] = {};
 
     std::string Frames(const CallRecord& r) const
     {
@@ -559,7 +562,15 @@ struct Sweep {
         m_storeError = storeError;
         Totals& t = totals[ModeLabel(mode, storeError)];
         ++t.scenarios;
-        if (!world->Reset(policy, &error)) {
+        auto mark = std::chrono::steady_clock::now();
+        auto lap = [this, &mark](int phase) {
+            const auto now = std::chrono::steady_clock::now();
+            phaseSeconds[phase] += std::chrono::duration<double>(now - mark).count();
+            mark = now;
+        };
+        const bool reset = world->Reset(policy, &error);
+        lap(0);
+        if (!reset) {
             ++t.verdicts[Verdict::ResetFailed];
             Record(mode, n, planned, planned, Verdict::ResetFailed, {}, {"reset failed: " + error}, "");
             return;
@@ -568,13 +579,16 @@ struct Sweep {
             RunChild(L"child --mode " + nvtest::Widen(ModeName(mode)) + L" --n " + std::to_wstring(n) +
                          (storeError.empty() ? L"" : L" --store-error " + nvtest::Widen(storeError)),
                      tempDir + L"run.txt");
+        lap(1);
         const Inspection afterRun = world->Inspect();
+        lap(3);
         const std::wstring recoveryOut = tempDir + L"recovery.txt";
         DeleteFileW(recoveryOut.c_str());
         const nvtest::ProcessRun recovery = RunSelf(L"recover --conversion " +
                                                     nvtest::Widen(ConversionName(conversion)) + L" --out " +
                                                     nvtest::QuoteArg(recoveryOut));
         std::vector<std::string> recoveryLines = nvtest::ReadFileLines(recoveryOut);
+        lap(2);
         if (!run.started || !recovery.started) {
             // Not a finding about the library: the sweep cannot go on.
             std::fprintf(stderr, "nvfaults: the %s process of scenario %s %llu could not be started\n",
@@ -583,6 +597,7 @@ struct Sweep {
             return;
         }
         const Inspection after = world->Inspect();
+        lap(3);
 
         std::set<std::string> design;
         std::vector<std::string> problems;
@@ -804,7 +819,7 @@ std::vector<std::pair<Mode, std::uint64_t>> SampleSites(const std::vector<CallRe
 // One line on standard error every hundred scenarios: how far, how long, and what
 // memory this process holds, so that a long sweep shows its progress and any leak.
 void Progress(size_t done, size_t total, Mode mode, std::uint64_t n,
-              std::chrono::steady_clock::time_point started)
+              std::chrono::steady_clock::time_point started, const double (&phases)[4])
 {
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     PROCESS_MEMORY_COUNTERS_EX mem{};
@@ -814,10 +829,12 @@ void Progress(size_t done, size_t total, Mode mode, std::uint64_t n,
     const DWORD tls = TlsAlloc();
     TlsFree(tls);
     std::fprintf(stderr, "nvfaults: %zu of %zu scenarios (now %s %llu), %.0f s, %.2f s each; %.1f MB private, "
-                         "next TLS index %lu\n",
+                         "next TLS index %lu; each: reset %.2f s, conversion %.2f s, recovery %.2f s, "
+                         "inspection %.2f s\n",
                  done, total, ModeName(mode), static_cast<unsigned long long>(n), seconds,
                  seconds / static_cast<double>(done), static_cast<double>(mem.PagefileUsage) / (1024.0 * 1024.0),
-                 static_cast<unsigned long>(tls));
+                 static_cast<unsigned long>(tls), phases[0] / done, phases[1] / done, phases[2] / done,
+                 phases[3] / done);
     std::fflush(stderr);
 }
 
@@ -1045,7 +1062,7 @@ int SweepCommand(const std::map<std::string, std::string>& o)
         for (size_t i = 0; i < planned.size() && !sweep.harnessFailed; ++i) {
             sweep.Scenario(planned[i].mode, planned[i].n, clean.records[planned[i].n - 1], planned[i].storeError);
             if ((i + 1) % 100 == 0 || i + 1 == planned.size())
-                Progress(i + 1, planned.size(), planned[i].mode, planned[i].n, sweepStarted);
+                Progress(i + 1, planned.size(), planned[i].mode, planned[i].n, sweepStarted, sweep.phaseSeconds);
         }
 
         std::vector<std::string> labels;
