@@ -95,6 +95,31 @@ TEST(UniqueHandleTest, ClosesOnceOnResetMoveAndScopeEnd)
     EXPECT_EQ(2, CountingTraits::closed);
 }
 
+TEST(UniqueHandleTest, SelfMoveKeepsTheHandleOpen)
+{
+    CountingTraits::closed = 0;
+    {
+        nv::unique_handle<CountingTraits> a(7);
+        nv::unique_handle<CountingTraits>& same = a;
+        a = std::move(same);
+        EXPECT_EQ(7, a.get());
+        EXPECT_EQ(0, CountingTraits::closed);
+    }
+    EXPECT_EQ(1, CountingTraits::closed);
+}
+
+TEST(ComPtrTest, AQueryThroughAnEmptyPointerIsEPointerAndEmptiesTheTarget)
+{
+    nv::com_ptr<IStream> stream;
+    ASSERT_EQ(S_OK, ::CreateStreamOnHGlobal(nullptr, TRUE, stream.put()));
+    nv::com_ptr<IUnknown> target;
+    ASSERT_EQ(S_OK, stream.query(target));
+    ASSERT_TRUE(target);
+    nv::com_ptr<IStream> empty;
+    EXPECT_EQ(E_POINTER, empty.query(target));
+    EXPECT_FALSE(target);
+}
+
 TEST(UniqueHandleTest, FileOwnerTreatsInvalidHandleValueAsEmpty)
 {
     nv::unique_hfile f;
@@ -288,6 +313,65 @@ TEST_F(RegKeyTest, BinaryReaderRefusesOtherTypesOfAnySizeAndReportsAMissingValue
     EXPECT_EQ(ERROR_FILE_NOT_FOUND, nv::QueryBinaryValue(key, L"missing", out));
 }
 
+TEST_F(RegKeyTest, StringReaderSaysMoreDataOnlyForTextTypesWhenTheBufferIsSmall)
+{
+    SetBinary(L"SOFTWARE\\Norvane", L"expand", {'%', 0, 'A', 0, '%', 0, 0, 0}, kView64, REG_EXPAND_SZ);
+    SetBinary(L"SOFTWARE\\Norvane", L"bin", {1, 2, 3, 4, 5, 6, 7, 8, 9, 10}, kView64, REG_BINARY);
+    SetDword(L"SOFTWARE\\Norvane", L"dw", 7, kView64);
+    nv::CNVRegKey key;
+    ASSERT_EQ(ERROR_SUCCESS, key.Open(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane", KEY_READ));
+    wchar_t buf[2] = {L'x', L'y'};
+    ULONG cch = 2;
+    EXPECT_EQ(ERROR_MORE_DATA, nv::QueryStringValue(key, L"expand", buf, &cch));
+    EXPECT_EQ(4u, cch);
+    // A value of another type too large for the buffer, or sized without one, is no
+    // text however large the buffer would be.
+    cch = 2;
+    EXPECT_EQ(ERROR_INVALID_DATA, nv::QueryStringValue(key, L"bin", buf, &cch));
+    EXPECT_EQ(5u, cch);
+    cch = 0;
+    EXPECT_EQ(ERROR_INVALID_DATA, nv::QueryStringValue(key, L"dw", nullptr, &cch));
+    EXPECT_EQ(2u, cch);
+    EXPECT_EQ(L'x', buf[0]);
+}
+
+TEST_F(RegKeyTest, TextReaderWithoutRoomLeavesTheTextAsItWas)
+{
+    SetString(L"SOFTWARE\\Norvane", L"sz", L"1.0", kView64);
+    nv::CNVRegKey key;
+    ASSERT_EQ(ERROR_SUCCESS, key.Open(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane", KEY_READ));
+    std::wstring text = L"before";
+    EXPECT_EQ(ERROR_MORE_DATA, nv::QueryStringValue(key, L"sz", text, 0));
+    EXPECT_EQ(L"before", text);
+    EXPECT_EQ(ERROR_MORE_DATA, nv::QueryStringValue(key, L"sz", text, 3));
+    EXPECT_EQ(L"before", text);
+    EXPECT_EQ(ERROR_SUCCESS, nv::QueryStringValue(key, L"sz", text, 4));
+    EXPECT_EQ(L"1.0", text);
+}
+
+TEST_F(RegKeyTest, StringWriterStoresANullTextAsEmpty)
+{
+    nv::CNVRegKey key;
+    ASSERT_EQ(ERROR_SUCCESS, key.Create(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane", KEY_ALL_ACCESS));
+    ASSERT_EQ(ERROR_SUCCESS, nv::SetStringValue(key, L"Backup", nullptr, REG_EXPAND_SZ));
+    RegValue v;
+    ASSERT_TRUE(GetValue(L"SOFTWARE\\Norvane", L"Backup", kView64, &v));
+    EXPECT_EQ(static_cast<DWORD>(REG_EXPAND_SZ), v.type);
+    EXPECT_EQ((std::vector<BYTE>{0, 0}), v.data);
+}
+
+TEST_F(RegKeyTest, DwordReaderRefusesADwordOfAnotherSize)
+{
+    SetBinary(L"SOFTWARE\\Norvane", L"short", {1, 2}, kView64, REG_DWORD);
+    SetBinary(L"SOFTWARE\\Norvane", L"long", {1, 2, 3, 4, 5, 6, 7, 8}, kView64, REG_DWORD);
+    nv::CNVRegKey key;
+    ASSERT_EQ(ERROR_SUCCESS, key.Open(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane", KEY_READ));
+    DWORD v = 0xDEADBEEF;
+    EXPECT_EQ(ERROR_INVALID_DATA, nv::QueryDwordValue(key, L"short", &v));
+    EXPECT_EQ(ERROR_INVALID_DATA, nv::QueryDwordValue(key, L"long", &v));
+    EXPECT_EQ(0xDEADBEEFu, v);
+}
+
 TEST(CryptBlobTest, AssignCopiesAndReassignmentFreesTheOldData)
 {
     const BYTE a[] = {1, 2, 3};
@@ -343,6 +427,34 @@ TEST(CryptBlobTest, CopyAssignmentGivesAnOwnBufferAndSelfAssignmentKeepsTheBytes
     nv::CCryptBlob& same = two;
     two = same;
     EXPECT_EQ((std::vector<BYTE>{5, 6, 7, 8}), std::vector<BYTE>(two.pbData, two.pbData + two.cbData));
+}
+
+TEST(CryptBlobTest, SelfMoveKeepsTheBytesAndABlobWithoutABlockIsEmptyWhateverItsSize)
+{
+    const BYTE a[] = {5, 6, 7, 8};
+    nv::CCryptBlob one(a, 4);
+    nv::CCryptBlob& same = one;
+    one = std::move(same);
+    ASSERT_FALSE(one.IsEmpty());
+    EXPECT_EQ((std::vector<BYTE>{5, 6, 7, 8}), std::vector<BYTE>(one.pbData, one.pbData + one.cbData));
+    nv::CCryptBlob none;
+    none.Attach(nullptr, 16);
+    EXPECT_TRUE(none.IsEmpty());
+    // A copy of no bytes is an empty block of its own.
+    nv::CCryptBlob copy(nullptr, 0);
+    EXPECT_TRUE(copy.IsEmpty());
+    EXPECT_NE(nullptr, copy.pbData);
+}
+
+TEST(CryptBlobTest, AHeapShortageRaisesOutOfMemoryAndKeepsTheOldContent)
+{
+    const BYTE a[] = {5, 6, 7, 8};
+    nv::CCryptBlob blob(a, 4);
+    ImportFault<decltype(&::HeapAlloc)> fault("HeapAlloc", nullptr, ERROR_NOT_ENOUGH_MEMORY);
+    EXPECT_EQ(E_OUTOFMEMORY, RaisedCode([&] { blob.Allocate(32); }));
+    EXPECT_EQ(E_OUTOFMEMORY, RaisedCode([&] { blob.Assign(a, 2); }));
+    EXPECT_EQ(2u, fault.failed());
+    EXPECT_EQ((std::vector<BYTE>{5, 6, 7, 8}), std::vector<BYTE>(blob.pbData, blob.pbData + blob.cbData));
 }
 
 TEST(CryptBlobTest, AttachTakesOverABlockOfItsOwnAllocator)

@@ -103,12 +103,59 @@ TEST_F(ConversionScopeTest, PathsThatOnlyLookLikeTheVendorKeyAreOpenedAsGiven)
               CConversionScope::OpenKey(HKEY_LOCAL_MACHINE, L"SOFTWARE\\NorvaneX", KEY_READ | KEY_WOW64_64KEY, &key));
 }
 
+TEST_F(ConversionScopeTest, TheVendorKeyItselfAndOpensWithoutAViewAreOpenedAsGiven)
+{
+    SetString(L"SOFTWARE\\Norvane", L"Which", L"vendor32", kView32);
+    SetString(L"SOFTWARE\\Norvane", L"Which", L"vendor64", kView64);
+    CConversionScope scope;
+    auto which = [](const wchar_t* path, REGSAM access) {
+        HKEY key = nullptr;
+        const LONG r = CConversionScope::OpenKey(HKEY_LOCAL_MACHINE, path, access, &key);
+        if (r != ERROR_SUCCESS)
+            return L"error " + std::to_wstring(r);
+        std::wstring text;
+        nv::QueryStringValue(key, L"Which", text);
+        ::RegCloseKey(key);
+        return text;
+    };
+    EXPECT_EQ(L"vendor32", which(L"SOFTWARE\\Norvane", KEY_READ | KEY_WOW64_32KEY));
+    EXPECT_EQ(L"vendor64", which(L"SOFTWARE\\Norvane", KEY_READ | KEY_WOW64_64KEY));
+    EXPECT_EQ(L"vendor32", which(L"SOFTWARE\\Norvane\\", KEY_READ | KEY_WOW64_32KEY));
+    // Without a view word (or with both) a path below the vendor key opens in the
+    // process's own view, as the platform opens it.
+    EXPECT_EQ(L"64", which(kKeyPath, KEY_READ));
+    EXPECT_EQ(which(kKeyPath, KEY_READ | KEY_WOW64_32KEY | KEY_WOW64_64KEY),
+              [&] {
+                  HKEY key = nullptr;
+                  const LONG r = ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kKeyPath, 0,
+                                                 KEY_READ | KEY_WOW64_32KEY | KEY_WOW64_64KEY, &key);
+                  if (r != ERROR_SUCCESS)
+                      return L"error " + std::to_wstring(r);
+                  std::wstring text;
+                  nv::QueryStringValue(key, L"Which", text);
+                  ::RegCloseKey(key);
+                  return text;
+              }());
+    // A null path names the root itself.
+    HKEY root = nullptr;
+    ASSERT_EQ(ERROR_SUCCESS, CConversionScope::OpenKey(HKEY_LOCAL_MACHINE, nullptr, KEY_READ, &root));
+    HKEY software = nullptr;
+    EXPECT_EQ(ERROR_SUCCESS, ::RegOpenKeyExW(root, L"SOFTWARE", 0, KEY_READ, &software));
+    ::RegCloseKey(software);
+    ::RegCloseKey(root);
+}
+
 TEST_F(ConversionScopeTest, ViewFlagsAreKeptFromPredefinedRootsAndDroppedFromOwnHandles)
 {
     const REGSAM both = KEY_READ | KEY_WOW64_32KEY;
     EXPECT_EQ(both, nv::ViewFlagsFrom(HKEY_LOCAL_MACHINE, both));
     EXPECT_EQ(both, nv::ViewFlagsFrom(HKEY_CURRENT_USER, both));
     EXPECT_EQ(both, nv::ViewFlagsFrom(HKEY_CLASSES_ROOT, both));
+    // Handle values on either side of the predefined range are no predefined roots.
+    EXPECT_EQ(static_cast<REGSAM>(KEY_READ),
+              nv::ViewFlagsFrom(reinterpret_cast<HKEY>(static_cast<LONG_PTR>(static_cast<LONG>(0x80000061))), both));
+    EXPECT_EQ(static_cast<REGSAM>(KEY_READ),
+              nv::ViewFlagsFrom(reinterpret_cast<HKEY>(static_cast<ULONG_PTR>(0x8000000000001000ull)), both));
     nv::CNVRegKey parent;
     ASSERT_EQ(ERROR_SUCCESS, parent.Open(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane\\ScopeTest", KEY_READ | KEY_WOW64_32KEY));
     EXPECT_EQ(static_cast<REGSAM>(KEY_READ), nv::ViewFlagsFrom(parent, both));

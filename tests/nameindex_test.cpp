@@ -77,6 +77,7 @@ TEST(NetBiosNameTest, MatchesTheSystemAndGrowsFromATooSmallBuffer)
     ASSERT_FALSE(expected.empty());
     EXPECT_EQ(expected, nv::GetNetBiosComputerName());
     EXPECT_EQ(expected, nv::GetNetBiosComputerName(1));
+    EXPECT_EQ(expected, nv::GetNetBiosComputerName(0));
     EXPECT_EQ(expected, nv::GetNetBiosComputerName(static_cast<DWORD>(expected.size())));
 }
 
@@ -232,6 +233,7 @@ TEST_F(NameIndexTest, SixteenByteValuesGoAndOthersStay)
     SetBinary(index.c_str(), L"long", std::vector<BYTE>(17, 7), kView32);
     SetDword(index.c_str(), L"Count", 2, kView32);
     SetBinary(index.c_str(), L"text16", Text(L"1234567"), kView32, REG_SZ); // 16 bytes of text
+    SetBinary(index.c_str(), L"", Id(3), kView32); // the key's default value
     SetString(DbPath(L"MainDB").c_str(), L"beside", L"x", kView32);
     OpenDb();
     RegTree before = Snapshot(kDbPath, kView32);
@@ -239,7 +241,7 @@ TEST_F(NameIndexTest, SixteenByteValuesGoAndOthersStay)
     ASSERT_EQ(S_OK, Strip(L"MainDB\\Users\\Index\\NameIndex"));
 
     RegTree expected = before;
-    for (const wchar_t* gone : {L"alice/", L"bob", L"text16"})
+    for (const wchar_t* gone : {L"alice/", L"bob", L"text16", L""})
         ASSERT_EQ(1u, expected.values.erase(std::wstring(L"MainDB\\Users\\Index\\NameIndex|") + gone));
     RegTree after = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(expected == after) << DiffTrees(expected, after);
@@ -337,6 +339,13 @@ TEST(NetBiosNameTest, NameThatCannotBeReadRaisesTheSystemsErrorOrEFailWithoutOne
         EXPECT_EQ(E_ACCESSDENIED, read());
         EXPECT_EQ(1u, fault.calls());
     }
-    ImportFault<decltype(&::GetComputerNameExW)> fault("GetComputerNameExW", FALSE, ERROR_SUCCESS);
-    EXPECT_EQ(E_FAIL, read());
+    {
+        ImportFault<decltype(&::GetComputerNameExW)> fault("GetComputerNameExW", FALSE, ERROR_SUCCESS);
+        EXPECT_EQ(E_FAIL, read());
+    }
+    // "More data" without naming a larger size than the buffer had: failed with that
+    // answer rather than asked again for ever.
+    ImportFault<decltype(&::GetComputerNameExW)> fault("GetComputerNameExW", FALSE, ERROR_MORE_DATA);
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_MORE_DATA), read());
+    EXPECT_EQ(1u, fault.calls());
 }

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "common/conversionscope.h"
 #include "common/cryptblob.h"
 #include "legacydb/hostname.h"
 #include "legacydb/regset.h"
@@ -39,6 +40,11 @@ struct FakeNet {
     static NET_API_STATUS status101;
     static DWORD type;
     static std::wstring domain;
+    static NET_API_STATUS wkstaStatus;
+    static bool nullDomain;
+    // Calls that answer success without a buffer.
+    static bool nullBuffers;
+    static bool nullWkstaBuffer;
     static int freed;
     static int allocated;
 
@@ -49,6 +55,10 @@ struct FakeNet {
         const NET_API_STATUS status = level == 102 ? status102 : status101;
         if (status != NERR_Success)
             return status;
+        if (nullBuffers) {
+            *buf = nullptr;
+            return NERR_Success;
+        }
         if (level == 102) {
             auto* info = static_cast<SERVER_INFO_102*>(::LocalAlloc(LPTR, sizeof(SERVER_INFO_102)));
             info->sv102_type = type;
@@ -65,8 +75,14 @@ struct FakeNet {
     {
         EXPECT_EQ(nullptr, server);
         EXPECT_EQ(100u, level);
+        if (wkstaStatus != NERR_Success)
+            return wkstaStatus;
+        if (nullBuffers || nullWkstaBuffer) {
+            *buf = nullptr;
+            return NERR_Success;
+        }
         auto* info = static_cast<WKSTA_INFO_100*>(::LocalAlloc(LPTR, sizeof(WKSTA_INFO_100)));
-        info->wki100_langroup = const_cast<LMSTR>(domain.c_str());
+        info->wki100_langroup = nullDomain ? nullptr : const_cast<LMSTR>(domain.c_str());
         *buf = reinterpret_cast<LPBYTE>(info);
         ++allocated;
         return NERR_Success;
@@ -83,6 +99,10 @@ NET_API_STATUS FakeNet::status102 = NERR_Success;
 NET_API_STATUS FakeNet::status101 = NERR_Success;
 DWORD FakeNet::type = 0;
 std::wstring FakeNet::domain;
+NET_API_STATUS FakeNet::wkstaStatus = NERR_Success;
+bool FakeNet::nullDomain = false;
+bool FakeNet::nullBuffers = false;
+bool FakeNet::nullWkstaBuffer = false;
 int FakeNet::freed = 0;
 int FakeNet::allocated = 0;
 
@@ -101,6 +121,10 @@ protected:
         FakeNet::status101 = NERR_Success;
         FakeNet::type = type;
         FakeNet::domain = domain;
+        FakeNet::wkstaStatus = NERR_Success;
+        FakeNet::nullDomain = false;
+        FakeNet::nullBuffers = false;
+        FakeNet::nullWkstaBuffer = false;
         FakeNet::freed = FakeNet::allocated = 0;
         CNVDBRegSet::s_netApi = {&FakeNet::ServerGetInfo, &FakeNet::WkstaGetInfo, &FakeNet::BufferFree};
     }
@@ -242,6 +266,55 @@ TEST_F(RegSetTest, MemberServerComparesWithTheComputerName)
     ASSERT_EQ(S_OK, set.Open(L"CORPDOM", 0));
     EXPECT_EQ(L"SOFTWARE\\Norvane\\DB\\Cache\\CORPDOM\\Users", set.GetUsersPath());
     EXPECT_EQ(1, FakeNet::freed);
+}
+
+TEST_F(RegSetTest, AServerTypeThatCannotBeReadCountsAsAMemberAndIsAskedAgain)
+{
+    PlayDomainController(SV_TYPE_DOMAIN_CTRL, L"CORPDOM", true);
+    FakeNet::status101 = static_cast<NET_API_STATUS>(ERROR_ACCESS_DENIED);
+    nv::CConversionScope scope;
+    for (int i = 0; i < 2; ++i) {
+        CNVDBRegSet set;
+        ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
+        EXPECT_EQ(std::wstring(kMainUsers), set.GetUsersPath());
+    }
+    // Not kept by the scope: both levels are asked on each open.
+    EXPECT_EQ((std::vector<DWORD>{102, 101, 102, 101}), FakeNet::serverLevels);
+    EXPECT_EQ(0, FakeNet::freed);
+}
+
+TEST_F(RegSetTest, AnAnswerWithoutABufferIsNoAnswer)
+{
+    PlayDomainController(SV_TYPE_DOMAIN_CTRL, L"CORPDOM", false);
+    FakeNet::nullBuffers = true;
+    CNVDBRegSet set;
+    // Taken for a member: the computer's own name is the local store.
+    ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
+    EXPECT_EQ(std::wstring(kMainUsers), set.GetUsersPath());
+    EXPECT_EQ((std::vector<DWORD>{102, 101}), FakeNet::serverLevels);
+}
+
+TEST_F(RegSetTest, DomainControllerWithoutItsDomainNameHasNoLocalStore)
+{
+    for (int round = 0; round < 3; ++round) {
+        SCOPED_TRACE(round == 0 ? "workstation info fails" : round == 1 ? "no buffer" : "no domain name");
+        PlayDomainController(SV_TYPE_DOMAIN_CTRL, L"CORPDOM", false);
+        FakeNet::wkstaStatus = round == 0 ? static_cast<NET_API_STATUS>(ERROR_ACCESS_DENIED) : NERR_Success;
+        FakeNet::nullWkstaBuffer = round == 1;
+        FakeNet::nullDomain = round == 2;
+        nv::CConversionScope scope;
+        {
+            CNVDBRegSet set;
+            ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
+            EXPECT_EQ(L"SOFTWARE\\Norvane\\DB\\Cache\\" + ComputerName() + L"\\Users", set.GetUsersPath());
+        }
+        CNVDBRegSet set;
+        ASSERT_EQ(S_OK, set.Open(L"", 0));
+        EXPECT_EQ(L"SOFTWARE\\Norvane\\DB\\Cache\\\\Users", set.GetUsersPath());
+        // A domain name that is missing from an answer is kept as that answer; a
+        // failed call is asked again.
+        EXPECT_EQ((round == 2 ? std::vector<DWORD>{102} : std::vector<DWORD>{102, 102}), FakeNet::serverLevels);
+    }
 }
 
 TEST_F(RegSetTest, ExistingUsersKeyDefaultValueWinsOverTheArgument)

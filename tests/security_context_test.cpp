@@ -236,6 +236,114 @@ TEST_F(SecurityContextTest, AFailedConstructionInACacheLeavesNothingBehind)
     EXPECT_EQ(kTestContainerName, ContainerOf(next.Provider()));
 }
 
+namespace {
+
+// Empty machine containers of the given names, made for a test and deleted after it.
+class NamedContainers {
+public:
+    explicit NamedContainers(std::vector<std::wstring> names) : m_names(std::move(names))
+    {
+        for (const std::wstring& name : m_names) {
+            Delete(name);
+            HCRYPTPROV h = 0;
+            EXPECT_TRUE(::CryptAcquireContextW(&h, name.c_str(), nvsecurity::kProviderName, PROV_RSA_FULL,
+                                               CRYPT_MACHINE_KEYSET | CRYPT_NEWKEYSET))
+                << Narrow(name) << " " << ::GetLastError();
+            if (h)
+                ::CryptReleaseContext(h, 0);
+        }
+    }
+    ~NamedContainers()
+    {
+        for (const std::wstring& name : m_names)
+            Delete(name);
+    }
+    const std::wstring& operator[](size_t i) const { return m_names[i]; }
+
+private:
+    static void Delete(const std::wstring& name)
+    {
+        HCRYPTPROV h = 0;
+        ::CryptAcquireContextW(&h, name.c_str(), nvsecurity::kProviderName, PROV_RSA_FULL,
+                               CRYPT_MACHINE_KEYSET | CRYPT_DELETEKEYSET);
+    }
+    std::vector<std::wstring> m_names;
+};
+
+} // namespace
+
+TEST(ProviderCacheTest, KeepsFourContainersAndOpensAnyOtherEachTime)
+{
+    NamedContainers containers({L"{7E57CA00-0000-4000-8000-000000000001}", L"{7E57CA00-0000-4000-8000-000000000002}",
+                                L"{7E57CA00-0000-4000-8000-000000000003}", L"{7E57CA00-0000-4000-8000-000000000004}",
+                                L"{7E57CA00-0000-4000-8000-000000000005}"});
+    nvsecurity::CProviderCache cache;
+    // Counted, never failed.
+    ImportFault<decltype(&::CryptAcquireContextW)> opens("CryptAcquireContextW", FALSE, ERROR_SUCCESS, UINT_MAX);
+    HCRYPTPROV first[5] = {}, again[5] = {};
+    for (size_t i = 0; i < 5; ++i)
+        ASSERT_TRUE(nvsecurity::CProviderCache::AcquireMachineContainer(containers[i].c_str(), &first[i]));
+    EXPECT_EQ(5u, opens.calls());
+    for (size_t i = 0; i < 5; ++i)
+        ASSERT_TRUE(nvsecurity::CProviderCache::AcquireMachineContainer(containers[i].c_str(), &again[i]));
+    EXPECT_EQ(6u, opens.calls()) << "only the fifth container is opened again";
+    for (size_t i = 0; i < 4; ++i)
+        EXPECT_EQ(first[i], again[i]) << i;
+    EXPECT_NE(first[4], again[4]);
+    for (size_t i = 0; i < 5; ++i) {
+        EXPECT_EQ(Narrow(containers[i]), ContainerOf(again[i])) << i;
+        ::CryptReleaseContext(first[i], 0);
+        ::CryptReleaseContext(again[i], 0);
+    }
+}
+
+TEST(ProviderCacheTest, ANameLongerThanAHostContainerNameOrAFailedReferenceIsNotShared)
+{
+    NamedContainers containers({L"A container name longer than any host identifier's text",
+                                L"{7E57CA00-0000-4000-8000-000000000006}"});
+    nvsecurity::CProviderCache cache;
+    ImportFault<decltype(&::CryptAcquireContextW)> opens("CryptAcquireContextW", FALSE, ERROR_SUCCESS, UINT_MAX);
+    HCRYPTPROV a = 0, b = 0;
+    ASSERT_TRUE(nvsecurity::CProviderCache::AcquireMachineContainer(containers[0].c_str(), &a));
+    ASSERT_TRUE(nvsecurity::CProviderCache::AcquireMachineContainer(containers[0].c_str(), &b));
+    EXPECT_EQ(2u, opens.calls());
+    EXPECT_NE(a, b);
+    ::CryptReleaseContext(a, 0);
+    ::CryptReleaseContext(b, 0);
+    {
+        // The cache's own reference cannot be had: the caller still gets the container.
+        ImportFault<decltype(&::CryptContextAddRef)> noRef("CryptContextAddRef", FALSE, NTE_NO_MEMORY);
+        ASSERT_TRUE(nvsecurity::CProviderCache::AcquireMachineContainer(containers[1].c_str(), &a));
+        EXPECT_EQ(1u, noRef.failed());
+    }
+    ASSERT_TRUE(nvsecurity::CProviderCache::AcquireMachineContainer(containers[1].c_str(), &b));
+    EXPECT_EQ(4u, opens.calls()) << "a container whose reference failed was kept";
+    EXPECT_NE(a, b);
+    EXPECT_EQ(Narrow(containers[1]), ContainerOf(b));
+    ::CryptReleaseContext(a, 0);
+    ::CryptReleaseContext(b, 0);
+}
+
+TEST(ProviderCacheTest, HostContainersAreKeptForFourViewsWhileACacheLives)
+{
+    wchar_t name[nvsecurity::kContainerNameChars] = L"{7E57CA00-0000-4000-8000-000000000007}";
+    wchar_t found[nvsecurity::kContainerNameChars] = {};
+    // Without a cache nothing is kept.
+    nvsecurity::CProviderCache::RememberHostContainer(KEY_WOW64_32KEY, name);
+    EXPECT_FALSE(nvsecurity::CProviderCache::FindHostContainer(KEY_WOW64_32KEY, found));
+    nvsecurity::CProviderCache cache;
+    const REGSAM views[] = {KEY_WOW64_32KEY, KEY_WOW64_64KEY, 0, KEY_WOW64_32KEY | KEY_WOW64_64KEY, KEY_READ};
+    for (size_t i = 0; i < 5; ++i) {
+        name[1] = static_cast<wchar_t>(L'A' + i);
+        nvsecurity::CProviderCache::RememberHostContainer(views[i], name);
+    }
+    for (size_t i = 0; i < 4; ++i) {
+        ASSERT_TRUE(nvsecurity::CProviderCache::FindHostContainer(views[i], found)) << i;
+        EXPECT_EQ(static_cast<wchar_t>(L'A' + i), found[1]) << i;
+    }
+    EXPECT_FALSE(nvsecurity::CProviderCache::FindHostContainer(views[4], found)) << "a fifth view was kept";
+}
+
 TEST_F(SecurityContextTest, WithoutACacheEveryContextReadsTheHostKey)
 {
     ApiFaults faults;
