@@ -1,8 +1,10 @@
 #include "rollup.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <filesystem>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <condition_variable>
@@ -454,10 +456,16 @@ private:
 // rows in the walk's order. The files between the walk and the output sit in a ring
 // of kRollupWindow entries (a row each, no file's bytes); when it is full the walk
 // waits for the oldest to be written, so memory does not grow with the files.
+//
+// The hand-overs are atomic counters and flags, so a file costs no lock: a thread
+// sleeps only when it has nothing to do (a worker with no file, the writer waiting
+// for a batch), and is woken through the mutex only when the other side sees it
+// asleep. Each side stores its own flag or counter, then reads the other's, all
+// sequentially consistent: of a sleeper and a waker, one always sees the other.
 class ParallelRollup : public RollupSink {
 public:
     ParallelRollup(RollupOutput& output, unsigned workers, RollupStats* stats)
-        : m_output(output), m_ring(kRollupWindow), m_stats(stats)
+        : m_output(output), m_ring(new Entry[kRollupWindow]), m_stats(stats)
     {
         m_workers.reserve(workers);
         for (unsigned i = 0; i < workers; ++i)
@@ -466,9 +474,9 @@ public:
 
     ~ParallelRollup() override
     {
+        m_stop = true;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
-            m_stop = true;
         }
         m_work.notify_all();
         for (std::thread& worker : m_workers)
@@ -479,8 +487,8 @@ public:
     {
         Entry& entry = Claim();
         entry.path = std::move(path);
-        entry.note.clear();
-        Hand(entry, false);
+        entry.isNote = false;
+        Hand();
     }
 
     void Note(std::string text, bool listingFailed) override
@@ -488,7 +496,8 @@ public:
         Entry& entry = Claim();
         entry.note = std::move(text);
         entry.listingFailed = listingFailed;
-        Hand(entry, true);
+        entry.isNote = true;
+        Hand();
     }
 
     // Writes what is still in flight, in order.
@@ -500,36 +509,31 @@ public:
 
 private:
     struct Entry {
-        bool isNote = false, done = false, listingFailed = false;
+        bool isNote = false, listingFailed = false; // the walk's, before the entry is handed out
+        std::atomic<bool> done{false};
         std::string path, note;
         FileOutcome outcome;
     };
 
-    Entry& At(std::size_t index) { return m_ring[index % m_ring.size()]; }
+    Entry& At(std::size_t index) { return m_ring[index % kRollupWindow]; }
 
     // The next free entry, after writing the oldest ones when the ring is full.
     Entry& Claim()
     {
-        if (m_tail - m_head == m_ring.size())
+        if (m_tail - m_head == kRollupWindow)
             WriteDone(kWriteBatch);
         return At(m_tail);
     }
 
-    void Hand(Entry& entry, bool isNote)
+    void Hand()
     {
-        bool wake = false;
-        {
+        m_tail.store(m_tail + 1);
+        if (m_stats)
+            m_stats->peakInFlight = std::max(m_stats->peakInFlight, m_tail - m_head);
+        if (m_idle.load() > 0) {
             std::lock_guard<std::mutex> lock(m_mutex);
-            entry.isNote = isNote;
-            entry.done = isNote;
-            m_doneUnwritten += isNote ? 1 : 0;
-            ++m_tail;
-            if (m_stats)
-                m_stats->peakInFlight = std::max(m_stats->peakInFlight, m_tail - m_head);
-            wake = m_idle > 0;
-        }
-        if (wake)
             m_work.notify_one();
+        }
     }
 
     // Waits until the oldest entry and `want` entries in all (or every one in flight)
@@ -537,68 +541,85 @@ private:
     // at once keeps the hand-overs between threads few.
     void WriteDone(std::size_t want)
     {
-        std::unique_lock<std::mutex> lock(m_mutex);
         m_want = std::min(want, m_tail - m_head);
-        m_writerWaits = true;
-        m_written.wait(lock, [this] { return ReadyToWrite(); });
-        m_writerWaits = false;
+        if (!ReadyToWrite()) {
+            std::unique_lock<std::mutex> lock(m_mutex);
+            m_writerWaits = true;
+            m_written.wait(lock, [this] { return ReadyToWrite(); });
+            m_writerWaits = false;
+        }
+        // The done entries are the writer's until it moves the head past them.
         std::size_t ready = 0;
-        while (m_head + ready != m_tail && At(m_head + ready).done)
-            ++ready;
-        lock.unlock();
-        // The done entries are the writer's until it hands them back.
-        for (std::size_t i = 0; i < ready; ++i) {
-            Entry& entry = At(m_head + i);
+        for (; m_head + ready != m_tail && At(m_head + ready).done.load(); ++ready) {
+            Entry& entry = At(m_head + ready);
             if (entry.isNote)
                 m_output.Note(entry.note, entry.listingFailed);
             else
                 m_output.File(entry.outcome);
+            entry.done.store(false);
         }
-        lock.lock();
-        for (std::size_t i = 0; i < ready; ++i)
-            At(m_head + i).done = false;
-        m_head += ready;
         m_doneUnwritten -= ready;
+        m_head.store(m_head + ready);
     }
 
-    bool ReadyToWrite() { return m_head != m_tail && At(m_head).done && m_doneUnwritten >= m_want; }
+    bool ReadyToWrite() const
+    {
+        const std::size_t head = m_head.load();
+        return head != m_tail.load() && m_ring[head % kRollupWindow].done.load() && m_doneUnwritten.load() >= m_want;
+    }
+
+    // The next entry no worker has taken, or false when the walk has handed out none.
+    bool Take(std::size_t& index)
+    {
+        index = m_next.load();
+        while (index != m_tail.load()) {
+            if (m_next.compare_exchange_weak(index, index + 1))
+                return true;
+        }
+        return false;
+    }
 
     void Work()
     {
         FileReader reader;
-        std::unique_lock<std::mutex> lock(m_mutex);
         for (;;) {
-            ++m_idle;
-            m_work.wait(lock, [this] { return m_stop || m_next != m_tail; });
-            --m_idle;
-            if (m_next == m_tail)
-                return; // stopped, nothing left
-            Entry& entry = At(m_next++);
-            if (entry.isNote)
+            std::size_t index;
+            if (!Take(index)) {
+                std::unique_lock<std::mutex> lock(m_mutex);
+                ++m_idle;
+                m_work.wait(lock, [this] { return m_stop || m_next.load() != m_tail.load(); });
+                --m_idle;
+                if (m_next.load() == m_tail.load())
+                    return; // stopped, nothing left
                 continue;
-            lock.unlock();
-            reader.Read(entry.path, entry.outcome);
-            lock.lock();
-            entry.done = true;
+            }
+            Entry& entry = At(index);
+            if (!entry.isNote)
+                reader.Read(entry.path, entry.outcome);
+            entry.done.store(true);
             ++m_doneUnwritten;
-            if (m_writerWaits && ReadyToWrite())
+            if (m_writerWaits.load() && ReadyToWrite()) {
+                std::lock_guard<std::mutex> lock(m_mutex);
                 m_written.notify_one();
+            }
         }
     }
 
     static constexpr std::size_t kWriteBatch = kRollupWindow / 4;
 
     RollupOutput& m_output;
-    std::vector<Entry> m_ring;
+    std::unique_ptr<Entry[]> m_ring;
     RollupStats* m_stats;
     std::vector<std::thread> m_workers;
-    std::mutex m_mutex;
+    std::mutex m_mutex; // only to sleep and to wake
     std::condition_variable m_work, m_written;
     // Entries in walk order: [m_head, m_tail) in flight, from m_next on not yet taken.
-    std::size_t m_head = 0, m_next = 0, m_tail = 0;
-    std::size_t m_doneUnwritten = 0, m_want = 0;
-    unsigned m_idle = 0;
-    bool m_writerWaits = false, m_stop = false;
+    // The walk moves m_tail, the writer m_head (the same thread), the workers m_next.
+    std::atomic<std::size_t> m_head{0}, m_next{0}, m_tail{0};
+    std::atomic<std::size_t> m_doneUnwritten{0};
+    std::atomic<std::size_t> m_want{0};
+    std::atomic<unsigned> m_idle{0};
+    std::atomic<bool> m_writerWaits{false}, m_stop{false};
 };
 
 } // namespace
