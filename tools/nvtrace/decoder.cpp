@@ -3,9 +3,12 @@
 #ifdef _WIN32
 #include <windows.h>
 #else
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #endif
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -508,15 +511,15 @@ DecodedTrace Decode(const std::uint8_t* data, std::size_t size)
     return trace;
 }
 
+#ifdef _WIN32
 namespace {
 
-// False for what opens but is no file: a device such as CON or /dev/tty, a pipe or a
-// folder. Reading one of those would wait for input that never comes (or fail
-// oddly), so the decoder refuses it by name. A path that does not open at all is left
-// to the reader, which says so.
+// False for what opens but is no file: a device such as CON, a pipe or a folder.
+// Reading one of those would wait for input that never comes (or fail oddly), so the
+// decoder refuses it by name. A path that does not open at all is left to the
+// reader, which says so.
 bool NotAPlainFile(const std::string& path)
 {
-#ifdef _WIN32
     HANDLE h = ::CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                              nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
     if (h == INVALID_HANDLE_VALUE)
@@ -526,10 +529,6 @@ bool NotAPlainFile(const std::string& path)
                        !(info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY);
     ::CloseHandle(h);
     return !plain;
-#else
-    struct stat st{};
-    return ::stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode);
-#endif
 }
 
 } // namespace
@@ -545,7 +544,7 @@ bool ReadWholeFile(const std::string& path, std::vector<std::uint8_t>& data, std
         error = "cannot open '" + path + "'";
         return false;
     }
-    // The size first, then one read: a fleet's thousands of files are read here.
+    // The size first, then one read.
     in.seekg(0, std::ios::end);
     const std::streamoff size = in.tellg();
     in.seekg(0, std::ios::beg);
@@ -562,6 +561,93 @@ bool ReadWholeFile(const std::string& path, std::vector<std::uint8_t>& data, std
     }
     return true;
 }
+#else
+namespace {
+
+// Closes the descriptor however the read ends.
+class FileDescriptor {
+public:
+    explicit FileDescriptor(int fd) : m_fd(fd) {}
+    ~FileDescriptor()
+    {
+        if (m_fd >= 0)
+            ::close(m_fd);
+    }
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    int get() const { return m_fd; }
+
+private:
+    int m_fd;
+};
+
+// Reads from fd until the end, appending to data from `have` on; false on an error.
+bool ReadToEnd(int fd, std::vector<std::uint8_t>& data, std::size_t have)
+{
+    constexpr std::size_t kChunk = 64 * 1024;
+    for (;;) {
+        if (data.size() - have < kChunk)
+            data.resize(have + kChunk);
+        const ssize_t n = ::read(fd, data.data() + have, data.size() - have);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return false;
+        if (n == 0)
+            break;
+        have += static_cast<std::size_t>(n);
+    }
+    data.resize(have);
+    return true;
+}
+
+} // namespace
+
+// A fleet's thousands of files are read here, so each costs four system calls: open,
+// the kind and size from the open file, one read, close. What opens but is no plain
+// file (a device such as /dev/tty, a pipe, a folder) is refused by name and never
+// read: it would wait for input that never comes, or fail oddly. It is opened without
+// blocking, so that a pipe with no writer opens at once to be refused. What does not
+// open at all is told apart by a look at its name: a socket is no file, anything else
+// cannot be opened.
+bool ReadWholeFile(const std::string& path, std::vector<std::uint8_t>& data, std::string& error)
+{
+    const FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat st{};
+    if (fd.get() < 0) {
+        const bool exists = ::stat(path.c_str(), &st) == 0;
+        error = exists && !S_ISREG(st.st_mode) ? "'" + path + "' is not a file" : "cannot open '" + path + "'";
+        return false;
+    }
+    if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        error = "'" + path + "' is not a file";
+        return false;
+    }
+    // One read of the size the file has now; a file that has none to tell (as some
+    // system files) is read to its end.
+    const std::size_t size = static_cast<std::size_t>(st.st_size);
+    std::size_t have = 0;
+    data.resize(size);
+    while (have < size) {
+        const ssize_t n = ::read(fd.get(), data.data() + have, size - have);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0) {
+            error = "cannot read '" + path + "'";
+            return false;
+        }
+        if (n == 0)
+            break;
+        have += static_cast<std::size_t>(n);
+    }
+    data.resize(have);
+    if (size == 0 && !ReadToEnd(fd.get(), data, 0)) {
+        error = "cannot read '" + path + "'";
+        return false;
+    }
+    return true;
+}
+#endif
 
 std::string CanonicalLine(const Record& record)
 {

@@ -1,11 +1,22 @@
 #include "rollup.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <filesystem>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <ostream>
+#include <condition_variable>
+#include <mutex>
 #include <system_error>
+#include <thread>
+
+#ifdef _WIN32
+#include <windows.h>
+#elif defined(__linux__)
+#include <sched.h>
+#endif
 
 namespace nvtrace {
 
@@ -289,58 +300,61 @@ void RollupWriter::End(const RollupTotals& totals)
 
 namespace {
 
-// Reads, decodes and rolls up one file, then lets it go.
-class Rollup {
+// What reading one file gives, kept until it is written in its turn.
+struct FileOutcome {
+    TraceRow row;
+    std::map<std::uint32_t, std::size_t> codes;
+    std::string complaint; // the line for err, none when the file decoded
+};
+
+// Reads, decodes and summarizes one file after another, reusing its buffers: the
+// file's bytes and the decoder's.
+class FileReader {
 public:
-    Rollup(RollupFormat format, std::ostream& out, std::ostream& err) : m_writer(format, out), m_err(err) {}
+    void Read(const std::string& path, FileOutcome& outcome)
+    {
+        outcome.codes.clear();
+        outcome.complaint.clear();
+        std::string error;
+        if (!ReadWholeFile(path, m_data, error)) {
+            outcome.row = TraceRow();
+            outcome.row.file = path;
+            outcome.row.state = TraceState::Unreadable;
+            outcome.row.problem = error;
+            outcome.complaint = "nvtrace: " + error + '\n';
+            return;
+        }
+        const TraceView& trace = m_decoder.Decode(m_data.data(), m_data.size());
+        outcome.row = RowOf(path, trace, &outcome.codes);
+        if (!trace.ok)
+            outcome.complaint = "nvtrace: " + path + ": " + trace.error + '\n';
+    }
+
+private:
+    std::vector<std::uint8_t> m_data;
+    TraceDecoder m_decoder;
+};
+
+// Writes the files' rows and the walk's notes in the order they are given, and keeps
+// the totals and the exit code.
+class RollupOutput {
+public:
+    RollupOutput(RollupFormat format, std::ostream& out, std::ostream& err) : m_writer(format, out), m_err(err) {}
 
     void Begin() { m_writer.Begin(); }
 
-    void File(const std::string& path)
+    void File(const FileOutcome& outcome)
     {
-        std::map<std::uint32_t, std::size_t> codes;
-        TraceRow row;
-        std::string error;
-        if (!ReadWholeFile(path, m_data, error)) {
-            row.file = path;
-            row.state = TraceState::Unreadable;
-            row.problem = error;
-            m_err << "nvtrace: " << error << '\n';
-        } else {
-            const TraceView& trace = m_decoder.Decode(m_data.data(), m_data.size());
-            row = RowOf(path, trace, &codes);
-            if (!trace.ok)
-                m_err << "nvtrace: " << path << ": " << trace.error << '\n';
-        }
-        m_totals.Add(row, codes);
-        m_writer.Row(row);
+        if (!outcome.complaint.empty())
+            m_err << outcome.complaint;
+        m_totals.Add(outcome.row, outcome.codes);
+        m_writer.Row(outcome.row);
     }
 
-    // Every *.trc3 file under the folder, in name order, one folder level held at a time.
-    void Folder(const fs::path& folder)
+    void Note(const std::string& text, bool listingFailed)
     {
-        std::error_code ec;
-        // The entries keep the kind the listing gave: no extra look at each file.
-        std::vector<fs::directory_entry> entries;
-        for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec))
-            entries.push_back(*it);
-        if (ec) {
-            m_err << "nvtrace: cannot list '" << folder.string() << "'\n";
-            m_listingFailed = true;
-            return;
-        }
-        // The entries share the folder's text, so their paths' text orders them as
-        // their paths do, without splitting each into its parts.
-        std::sort(entries.begin(), entries.end(), [](const fs::directory_entry& a, const fs::directory_entry& b) {
-            return a.path().native() < b.path().native();
-        });
-        for (const fs::directory_entry& entry : entries) {
-            std::error_code kind;
-            if (entry.is_directory(kind))
-                Folder(entry.path());
-            else if (HasTraceExtension(entry.path()) && entry.is_regular_file(kind))
-                File(entry.path().string());
-        }
+        m_err << text;
+        m_listingFailed = m_listingFailed || listingFailed;
     }
 
     int End()
@@ -353,35 +367,301 @@ public:
         return 0;
     }
 
-    std::size_t traces() const { return m_totals.traces; }
-
 private:
     RollupWriter m_writer;
     std::ostream& m_err;
     RollupTotals m_totals;
     bool m_listingFailed = false;
-    // Reused from file to file: the file's bytes and the decoder's buffers.
-    std::vector<std::uint8_t> m_data;
-    TraceDecoder m_decoder;
+};
+
+// Where the walk sends the trace files it finds and what it has to say, in order.
+class RollupSink {
+public:
+    virtual ~RollupSink() = default;
+    virtual void File(std::string path) = 0;
+    virtual void Note(std::string text, bool listingFailed) = 0;
+};
+
+// Every file named, every *.trc3 file under every folder named (in name order, one
+// folder level held at a time), and a note for a folder that cannot be listed or
+// holds no trace.
+class RollupWalk {
+public:
+    explicit RollupWalk(RollupSink& sink) : m_sink(sink) {}
+
+    void Path(const std::string& path)
+    {
+        if (!IsFolder(path)) {
+            ++m_files;
+            m_sink.File(path);
+            return;
+        }
+        const std::size_t before = m_files;
+        Folder(fs::path(path));
+        if (m_files == before)
+            m_sink.Note(std::string("nvtrace: no ") + kTraceExtension + " file in '" + path + "'\n", false);
+    }
+
+private:
+    void Folder(const fs::path& folder)
+    {
+        std::error_code ec;
+        // The entries keep the kind the listing gave: no extra look at each file.
+        std::vector<fs::directory_entry> entries;
+        for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec))
+            entries.push_back(*it);
+        if (ec) {
+            m_sink.Note("nvtrace: cannot list '" + folder.string() + "'\n", true);
+            return;
+        }
+        // The entries share the folder's text, so their paths' text orders them as
+        // their paths do, without splitting each into its parts.
+        std::sort(entries.begin(), entries.end(), [](const fs::directory_entry& a, const fs::directory_entry& b) {
+            return a.path().native() < b.path().native();
+        });
+        for (const fs::directory_entry& entry : entries) {
+            std::error_code kind;
+            if (entry.is_directory(kind)) {
+                Folder(entry.path());
+            } else if (HasTraceExtension(entry.path()) && entry.is_regular_file(kind)) {
+                ++m_files;
+                m_sink.File(entry.path().string());
+            }
+        }
+    }
+
+    RollupSink& m_sink;
+    std::size_t m_files = 0;
+};
+
+// One file at a time, in this thread: read, decoded, written, let go.
+class SerialRollup : public RollupSink {
+public:
+    explicit SerialRollup(RollupOutput& output) : m_output(output) {}
+    void File(std::string path) override
+    {
+        m_reader.Read(path, m_outcome);
+        m_output.File(m_outcome);
+    }
+    void Note(std::string text, bool listingFailed) override { m_output.Note(text, listingFailed); }
+
+private:
+    RollupOutput& m_output;
+    FileReader m_reader;
+    FileOutcome m_outcome;
+};
+
+// Several files at a time: workers read and decode the files the walk hands over,
+// each with its own buffers, while this thread walks the folders and writes the
+// rows in the walk's order. The files between the walk and the output sit in a ring
+// of kRollupWindow entries (a row each, no file's bytes); when it is full the walk
+// waits for the oldest to be written, so memory does not grow with the files.
+//
+// The hand-overs are atomic counters and flags, so a file costs no lock: a thread
+// sleeps only when it has nothing to do (a worker with no file, the writer waiting
+// for a batch), and is woken through the mutex only when the other side sees it
+// asleep. Each side stores its own flag or counter, then reads the other's, all
+// sequentially consistent: of a sleeper and a waker, one always sees the other.
+class ParallelRollup : public RollupSink {
+public:
+    ParallelRollup(RollupOutput& output, unsigned workers, RollupStats* stats)
+        : m_output(output), m_ring(new Entry[kRollupWindow]), m_stats(stats)
+    {
+        m_workers.reserve(workers);
+        for (unsigned i = 0; i < workers; ++i)
+            m_workers.emplace_back([this] { Work(); });
+    }
+
+    ~ParallelRollup() override
+    {
+        m_stop = true;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+        }
+        m_work.notify_all();
+        for (std::thread& worker : m_workers)
+            worker.join();
+    }
+
+    void File(std::string path) override
+    {
+        Entry& entry = Claim();
+        entry.path = std::move(path);
+        entry.isNote = false;
+        Hand();
+    }
+
+    void Note(std::string text, bool listingFailed) override
+    {
+        Entry& entry = Claim();
+        entry.note = std::move(text);
+        entry.listingFailed = listingFailed;
+        entry.isNote = true;
+        Hand();
+    }
+
+    // Writes what is still in flight, in order.
+    void Finish()
+    {
+        while (m_head != m_tail)
+            WriteDone(m_tail - m_head);
+    }
+
+private:
+    struct Entry {
+        bool isNote = false, listingFailed = false; // the walk's, before the entry is handed out
+        std::atomic<bool> done{false};
+        std::string path, note;
+        FileOutcome outcome;
+    };
+
+    Entry& At(std::size_t index) { return m_ring[index % kRollupWindow]; }
+
+    // The next free entry, after writing the oldest ones when the ring is full.
+    Entry& Claim()
+    {
+        if (m_tail - m_head == kRollupWindow)
+            WriteDone(kWriteBatch);
+        return At(m_tail);
+    }
+
+    void Hand()
+    {
+        m_tail.store(m_tail + 1);
+        if (m_stats)
+            m_stats->peakInFlight = std::max(m_stats->peakInFlight, m_tail - m_head);
+        if (m_idle.load() > 0) {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_work.notify_one();
+        }
+    }
+
+    // Waits until the oldest entry and `want` entries in all (or every one in flight)
+    // are done, then writes every done entry from the oldest on. Waiting for several
+    // at once keeps the hand-overs between threads few.
+    void WriteDone(std::size_t want)
+    {
+        m_want = std::min(want, m_tail - m_head);
+        if (!ReadyToWrite()) {
+            std::unique_lock<std::mutex> lock(m_mutex);
+            m_writerWaits = true;
+            m_written.wait(lock, [this] { return ReadyToWrite(); });
+            m_writerWaits = false;
+        }
+        // The done entries are the writer's until it moves the head past them.
+        std::size_t ready = 0;
+        for (; m_head + ready != m_tail && At(m_head + ready).done.load(); ++ready) {
+            Entry& entry = At(m_head + ready);
+            if (entry.isNote)
+                m_output.Note(entry.note, entry.listingFailed);
+            else
+                m_output.File(entry.outcome);
+            entry.done.store(false);
+        }
+        m_doneUnwritten -= ready;
+        m_head.store(m_head + ready);
+    }
+
+    bool ReadyToWrite() const
+    {
+        const std::size_t head = m_head.load();
+        return head != m_tail.load() && m_ring[head % kRollupWindow].done.load() && m_doneUnwritten.load() >= m_want;
+    }
+
+    // The next entry no worker has taken, or false when the walk has handed out none.
+    bool Take(std::size_t& index)
+    {
+        index = m_next.load();
+        while (index != m_tail.load()) {
+            if (m_next.compare_exchange_weak(index, index + 1))
+                return true;
+        }
+        return false;
+    }
+
+    void Work()
+    {
+        FileReader reader;
+        for (;;) {
+            std::size_t index;
+            if (!Take(index)) {
+                std::unique_lock<std::mutex> lock(m_mutex);
+                ++m_idle;
+                m_work.wait(lock, [this] { return m_stop || m_next.load() != m_tail.load(); });
+                --m_idle;
+                if (m_next.load() == m_tail.load())
+                    return; // stopped, nothing left
+                continue;
+            }
+            Entry& entry = At(index);
+            if (!entry.isNote)
+                reader.Read(entry.path, entry.outcome);
+            entry.done.store(true);
+            ++m_doneUnwritten;
+            if (m_writerWaits.load() && ReadyToWrite()) {
+                std::lock_guard<std::mutex> lock(m_mutex);
+                m_written.notify_one();
+            }
+        }
+    }
+
+    static constexpr std::size_t kWriteBatch = kRollupWindow / 4;
+
+    RollupOutput& m_output;
+    std::unique_ptr<Entry[]> m_ring;
+    RollupStats* m_stats;
+    std::vector<std::thread> m_workers;
+    std::mutex m_mutex; // only to sleep and to wake
+    std::condition_variable m_work, m_written;
+    // Entries in walk order: [m_head, m_tail) in flight, from m_next on not yet taken.
+    // The walk moves m_tail, the writer m_head (the same thread), the workers m_next.
+    std::atomic<std::size_t> m_head{0}, m_next{0}, m_tail{0};
+    std::atomic<std::size_t> m_doneUnwritten{0};
+    std::atomic<std::size_t> m_want{0};
+    std::atomic<unsigned> m_idle{0};
+    std::atomic<bool> m_writerWaits{false}, m_stop{false};
 };
 
 } // namespace
 
-int RunRollup(const std::vector<std::string>& paths, RollupFormat format, std::ostream& out, std::ostream& err)
+unsigned DefaultRollupJobs()
 {
-    Rollup rollup(format, out, err);
-    rollup.Begin();
-    for (const std::string& path : paths) {
-        if (IsFolder(path)) {
-            const std::size_t before = rollup.traces();
-            rollup.Folder(fs::path(path));
-            if (rollup.traces() == before)
-                err << "nvtrace: no " << kTraceExtension << " file in '" << path << "'\n";
-        } else {
-            rollup.File(path);
-        }
+    unsigned cpus = 0;
+#if defined(__linux__)
+    cpu_set_t set;
+    if (::sched_getaffinity(0, sizeof(set), &set) == 0)
+        cpus = static_cast<unsigned>(CPU_COUNT(&set));
+#elif defined(_WIN32)
+    DWORD_PTR process = 0, system = 0;
+    if (::GetProcessAffinityMask(::GetCurrentProcess(), &process, &system))
+        for (; process; process &= process - 1)
+            ++cpus;
+#endif
+    if (cpus == 0)
+        cpus = std::thread::hardware_concurrency();
+    return std::clamp(cpus, 1u, kMaxRollupJobs);
+}
+
+int RunRollup(const std::vector<std::string>& paths, RollupFormat format, std::ostream& out, std::ostream& err,
+              unsigned jobs, RollupStats* stats)
+{
+    RollupOutput output(format, out, err);
+    output.Begin();
+    if (jobs == 0)
+        jobs = DefaultRollupJobs();
+    if (jobs <= 1) {
+        SerialRollup serial(output);
+        RollupWalk walk(serial);
+        for (const std::string& path : paths)
+            walk.Path(path);
+    } else {
+        ParallelRollup parallel(output, std::min(jobs, kMaxRollupJobs), stats);
+        RollupWalk walk(parallel);
+        for (const std::string& path : paths)
+            walk.Path(path);
+        parallel.Finish();
     }
-    const int code = rollup.End();
+    const int code = output.End();
     out.flush();
     return code;
 }

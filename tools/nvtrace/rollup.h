@@ -61,11 +61,28 @@ private:
     std::string m_line;
 };
 
+// How many files a roll-up reads at once: one (all in the calling thread) or more
+// (that many worker threads, the calling thread walking the folders and writing).
+// By default as many as the CPUs this process may run on, at most kMaxRollupJobs.
+constexpr unsigned kMaxRollupJobs = 16;
+unsigned DefaultRollupJobs();
+
+// The files between the folder walk and the output, at most: each holds its row
+// only, never its bytes (a worker holds the bytes of the one file it reads).
+constexpr std::size_t kRollupWindow = 256;
+
+// What a roll-up with several jobs held at once (tests read it).
+struct RollupStats {
+    std::size_t peakInFlight = 0; // files and notes handed out but not yet written
+};
+
 // Every trace named: a file as it is, a folder by every *.trc3 file under it
-// (subfolders included, in name order). Returns the exit code: 0 when every file
-// decoded, 3 when any was truncated or corrupt, else 2 when any could not be read
-// (or no trace was found); each such file is named in its row and on err.
-int RunRollup(const std::vector<std::string>& paths, RollupFormat format, std::ostream& out, std::ostream& err);
+// (subfolders included, in name order). Rows come in that order whatever the jobs.
+// Returns the exit code: 0 when every file decoded, 3 when any was truncated or
+// corrupt, else 2 when any could not be read (or no trace was found); each such file
+// is named in its row and on err. jobs 0: DefaultRollupJobs().
+int RunRollup(const std::vector<std::string>& paths, RollupFormat format, std::ostream& out, std::ostream& err,
+              unsigned jobs = 0, RollupStats* stats = nullptr);
 
 // True for a folder (the command line then rolls up).
 bool IsFolder(const std::string& path);

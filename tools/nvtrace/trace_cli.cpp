@@ -15,7 +15,7 @@ namespace {
 
 const char kUsage[] =
     "usage: nvtrace [--raw | --summary | --json] [--thread N] FILE\n"
-    "       nvtrace [--summary | --json | --csv] FILE|FOLDER...\n"
+    "       nvtrace [--summary | --json | --csv] [--jobs N] FILE|FOLDER...\n"
     "       nvtrace [--chrome-trace OUT.json] [--html OUT.html] [--thread N] FILE\n"
     "  Decodes a .trc3 trace file: the header as it stands, then one line per record\n"
     "  (date and time, thread id, indentation by scope depth, kind and text;\n"
@@ -38,6 +38,8 @@ const char kUsage[] =
     "  Several files, or a folder (every *.trc3 under it), with --summary, --json or\n"
     "  --csv: one row per trace (machine, version, start, users moved, with gaps, held,\n"
     "  failed, first failure, damage) and totals with the most frequent failure codes.\n"
+    "  --jobs N    read and decode N files at once (default: one per CPU this process may\n"
+    "              use, at most 16); rows come in the same order whatever N; 1: one thread\n"
     "  Exit codes: 0 decoded, 1 usage, 2 unreadable (or no trace found), 3 truncated or\n"
     "  corrupt (with many files: 3 if any was, else 2 if any could not be read).\n";
 
@@ -71,6 +73,18 @@ bool ParseThread(const std::string& text, std::uint32_t& value)
     return true;
 }
 
+// A count in decimal, 1 to max.
+bool ParseCount(const std::string& text, unsigned max, unsigned& value)
+{
+    if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != std::string::npos)
+        return false;
+    const unsigned long v = std::stoul(text);
+    if (v == 0 || v > max)
+        return false;
+    value = static_cast<unsigned>(v);
+    return true;
+}
+
 } // namespace
 
 namespace {
@@ -84,6 +98,8 @@ struct CliOptions {
     FormatOptions format;
     TimelineOutputs outputs; // --chrome-trace, --html
     std::vector<std::string> paths;
+    unsigned jobs = 0; // --jobs; 0: one per CPU
+    bool jobsGiven = false;
 };
 
 // The options that choose what is written to standard output; one at most.
@@ -131,6 +147,14 @@ int ParseCli(const std::vector<std::string>& args, CliOptions& options, std::ost
                 return 1;
             }
             options.format.filterThread = true;
+            ++i;
+        } else if (a == "--jobs") {
+            if (i + 1 >= args.size() || !ParseCount(args[i + 1], kMaxRollupJobs, options.jobs)) {
+                err << "nvtrace: --jobs needs a number of files to read at once, 1 to " << kMaxRollupJobs << "\n"
+                    << kUsage;
+                return 1;
+            }
+            options.jobsGiven = true;
             ++i;
         } else if (a.size() > 1 && a[0] == '-') {
             err << "nvtrace: unknown option '" << a << "'\n" << kUsage;
@@ -201,8 +225,13 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
     const int parsed = ParseCli(args, options, out, err);
     if (parsed >= 0)
         return parsed;
-    if (!WantsRollup(options))
+    if (!WantsRollup(options)) {
+        if (options.jobsGiven) {
+            err << "nvtrace: --jobs takes several files, a folder or --csv\n" << kUsage;
+            return 1;
+        }
         return RunOneTrace(options, out, err);
+    }
     if (options.mode == OutputMode::Listing || options.mode == OutputMode::Raw) {
         err << "nvtrace: one trace file at a time\n" << kUsage;
         return 1;
@@ -218,7 +247,7 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
     const RollupFormat format = options.mode == OutputMode::Csv    ? RollupFormat::Csv
                                 : options.mode == OutputMode::Json ? RollupFormat::Json
                                                                    : RollupFormat::Summary;
-    return RunRollup(options.paths, format, out, err);
+    return RunRollup(options.paths, format, out, err, options.jobs);
 }
 
 } // namespace nvtrace

@@ -1,14 +1,23 @@
 // The fleet roll-up's cost: nvtrace --csv over a folder of generated traces, against
 // a floor measured in the same run, reading the same files (the same folder walk,
-// every byte read, nothing decoded). Prints human-readable lines and, per figure,
+// every byte read with the decoder's own file reader, nothing decoded, one thread).
+// Prints human-readable lines and, per figure,
 //   ROW,<figure>,<ours>,<floor or anchor>,<ratio>,<goal>,<unit>
 // for scripts/bench's table. Nothing is asserted.
 //
-//   nvtrace_rollup_bench --nvtrace PATH --dir SCRATCH [--traces N] [--runs R]
+//   nvtrace_rollup_bench --nvtrace PATH --dir SCRATCH [--traces N] [--runs R] [--cpus A[,B]]
+//
+// Each run measures twice, the floor and nvtrace alike: first both pinned to CPU A,
+// then both allowed CPUs A and B. nvtrace is given no --jobs, so it reads as many
+// files at once as it has CPUs (one, then two): the second figure shows what the
+// extra CPU buys, and nvtrace's CPU time (user + system) beside its wall time shows
+// what it costs. The CPUs default to the first two this program may run on; with
+// only one, the second measurement is left out.
 //
 // nvtrace runs as a child process (as a support engineer runs it), so its peak
 // memory is its own: the resident high-water mark from wait4. The same figure for a
 // tenth of the traces is the anchor that shows memory does not grow with their number.
+#include <sched.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -36,6 +45,7 @@ struct Options {
     std::string dir;
     std::size_t traces = 10000;
     int runs = 3;
+    std::vector<int> cpus; // A, then B when there is a second
 };
 
 void Append(std::vector<std::uint8_t>& out, std::uint32_t thread, char kind, const std::string& text = "")
@@ -156,9 +166,35 @@ double Seconds(std::chrono::steady_clock::time_point start)
 
 struct ChildRun {
     double seconds = 0;
+    double cpuSeconds = 0; // user + system
     double peakMb = 0;
     int exitCode = -1;
 };
+
+double SecondsOf(const struct timeval& t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6; }
+
+// This process, and the children it starts from now on, on these CPUs only.
+bool RunOn(const std::vector<int>& cpus)
+{
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    for (const int cpu : cpus)
+        CPU_SET(cpu, &set);
+    return ::sched_setaffinity(0, sizeof(set), &set) == 0;
+}
+
+// The first two CPUs this process may run on (one when it has only one).
+std::vector<int> OwnCpus()
+{
+    std::vector<int> cpus;
+    cpu_set_t set;
+    if (::sched_getaffinity(0, sizeof(set), &set) != 0)
+        return cpus;
+    for (int cpu = 0; cpu < CPU_SETSIZE && cpus.size() < 2; ++cpu)
+        if (CPU_ISSET(cpu, &set))
+            cpus.push_back(cpu);
+    return cpus;
+}
 
 // nvtrace --csv <dir>, its output discarded.
 ChildRun RunNvtrace(const std::string& nvtrace, const std::string& dir)
@@ -177,6 +213,7 @@ ChildRun RunNvtrace(const std::string& nvtrace, const std::string& dir)
     struct rusage usage {};
     ::wait4(pid, &status, 0, &usage);
     run.seconds = Seconds(start);
+    run.cpuSeconds = SecondsOf(usage.ru_utime) + SecondsOf(usage.ru_stime);
     run.peakMb = static_cast<double>(usage.ru_maxrss) / 1024.0; // kilobytes on Linux
     run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return run;
@@ -203,10 +240,19 @@ bool ParseOptions(int argc, char** argv, Options& o)
             o.traces = static_cast<std::size_t>(std::strtoul(v.c_str(), nullptr, 10));
         else if (a == "--runs")
             o.runs = std::atoi(v.c_str());
+        else if (a == "--cpus") {
+            const std::size_t comma = v.find(',');
+            o.cpus.push_back(std::atoi(v.substr(0, comma).c_str()));
+            if (comma != std::string::npos)
+                o.cpus.push_back(std::atoi(v.substr(comma + 1).c_str()));
+        }
         else
             return false;
     }
-    return (argc % 2) == 1 && !o.nvtrace.empty() && !o.dir.empty() && o.traces >= 10 && o.runs >= 1;
+    if (o.cpus.empty())
+        o.cpus = OwnCpus();
+    return (argc % 2) == 1 && !o.nvtrace.empty() && !o.dir.empty() && o.traces >= 10 && o.runs >= 1 &&
+           !o.cpus.empty() && (o.cpus.size() == 1 || o.cpus[0] != o.cpus[1]);
 }
 
 } // namespace
@@ -215,7 +261,8 @@ int main(int argc, char** argv)
 {
     Options o;
     if (!ParseOptions(argc, argv, o)) {
-        std::fprintf(stderr, "usage: nvtrace_rollup_bench --nvtrace PATH --dir SCRATCH [--traces N] [--runs R]\n");
+        std::fprintf(stderr, "usage: nvtrace_rollup_bench --nvtrace PATH --dir SCRATCH [--traces N] [--runs R] "
+                             "[--cpus A[,B]]\n");
         return 2;
     }
     Generate(o);
@@ -238,35 +285,66 @@ int main(int argc, char** argv)
     std::printf("nvtrace roll-up: %zu traces, %.1f MB, in %s\n", o.traces, static_cast<double>(bytes) / 1048576.0,
                 o.dir.c_str());
 
-    std::vector<double> ours, floors, ratios, peaks;
-    for (int run = 0; run < o.runs; ++run) {
-        auto start = std::chrono::steady_clock::now();
-        ReadAll(o.dir);
-        const double floor = Seconds(start);
-        const ChildRun r = RunNvtrace(o.nvtrace, o.dir);
-        if (r.exitCode != 0) {
-            std::fprintf(stderr, "nvtrace --csv failed (exit %d)\n", r.exitCode);
-            return 1;
-        }
-        ours.push_back(r.seconds);
-        floors.push_back(floor);
-        ratios.push_back(r.seconds / floor);
-        peaks.push_back(r.peakMb);
-        std::printf("  run %d: nvtrace --csv %.3f s, reading the files %.3f s, ratio %.2f, peak %.1f MB\n", run + 1,
-                    r.seconds, floor, r.seconds / floor, r.peakMb);
+    // One series per CPU set: on A alone, then on A and B.
+    struct Series {
+        std::vector<int> cpus;
+        std::string name;
+        std::vector<double> ours, floors, ratios, cpu;
+    };
+    std::vector<Series> series;
+    // The names go into scripts/bench's CSV table: no commas.
+    series.push_back({{o.cpus[0]}, "one CPU", {}, {}, {}, {}});
+    if (o.cpus.size() > 1)
+        series.push_back({o.cpus, "two CPUs", {}, {}, {}, {}});
+    for (const Series& s : series) {
+        std::printf("  %s: CPU %d%s\n", s.name.c_str(), s.cpus[0],
+                    s.cpus.size() > 1 ? (" and " + std::to_string(s.cpus[1])).c_str() : "");
     }
+    std::vector<double> peaks;
+    for (int run = 0; run < o.runs; ++run) {
+        for (Series& s : series) {
+            if (!RunOn(s.cpus)) {
+                std::fprintf(stderr, "cannot run on %s\n", s.name.c_str());
+                return 1;
+            }
+            auto start = std::chrono::steady_clock::now();
+            ReadAll(o.dir);
+            const double floor = Seconds(start);
+            const ChildRun r = RunNvtrace(o.nvtrace, o.dir);
+            if (r.exitCode != 0) {
+                std::fprintf(stderr, "nvtrace --csv failed (exit %d)\n", r.exitCode);
+                return 1;
+            }
+            s.ours.push_back(r.seconds);
+            s.floors.push_back(floor);
+            s.ratios.push_back(r.seconds / floor);
+            s.cpu.push_back(r.cpuSeconds);
+            peaks.push_back(r.peakMb);
+            std::printf("  run %d, %s: nvtrace --csv %.3f s (CPU %.3f s), reading the files %.3f s, ratio %.2f, "
+                        "peak %.1f MB\n",
+                        run + 1, s.name.c_str(), r.seconds, r.cpuSeconds, floor, r.seconds / floor, r.peakMb);
+        }
+    }
+    // The anchor where nvtrace reads the most files at once.
+    RunOn(series.back().cpus);
     const ChildRun small = RunNvtrace(o.nvtrace, tenth);
     fs::remove_all(tenth);
 
-    const double oursMs = Median(ours) * 1e3, floorMs = Median(floors) * 1e3;
     const double peak = *std::max_element(peaks.begin(), peaks.end());
-    char figure[200];
-    std::snprintf(figure, sizeof(figure),
-                  "nvtrace --csv %zu traces (floor reading the same files; median of %d runs' ratios)", o.traces,
-                  o.runs);
-    std::printf("ROW,%s,%.3f,%.3f,%.3f,<=1.5,ms\n", figure, oursMs, floorMs, Median(ratios));
-    std::snprintf(figure, sizeof(figure), "nvtrace --csv %zu traces: traces per second", o.traces);
-    std::printf("ROW,%s,%.1f,,,,traces/s\n", figure, static_cast<double>(o.traces) / Median(ours));
+    char figure[240];
+    for (const Series& s : series) {
+        const double oursMs = Median(s.ours) * 1e3, floorMs = Median(s.floors) * 1e3;
+        std::snprintf(figure, sizeof(figure),
+                      "nvtrace --csv %zu traces on %s (floor reading the same files; median of %d runs' ratios)",
+                      o.traces, s.name.c_str(), o.runs);
+        std::printf("ROW,%s,%.3f,%.3f,%.3f,<=1.5,ms\n", figure, oursMs, floorMs, Median(s.ratios));
+        std::snprintf(figure, sizeof(figure), "nvtrace --csv %zu traces on %s: CPU time (user+system) against wall time",
+                      o.traces, s.name.c_str());
+        std::printf("ROW,%s,%.3f,%.3f,%.3f,,ms\n", figure, Median(s.cpu) * 1e3, oursMs, Median(s.cpu) * 1e3 / oursMs);
+        std::snprintf(figure, sizeof(figure), "nvtrace --csv %zu traces on %s: traces per second", o.traces,
+                      s.name.c_str());
+        std::printf("ROW,%s,%.1f,,,,traces/s\n", figure, static_cast<double>(o.traces) / Median(s.ours));
+    }
     std::snprintf(figure, sizeof(figure), "nvtrace --csv %zu traces: peak memory (anchor %zu traces)", o.traces,
                   o.traces / 10);
     std::printf("ROW,%s,%.1f,%.1f,%.3f,<=64,MB\n", figure, peak, small.peakMb, peak / small.peakMb);
