@@ -40,6 +40,28 @@ TEST(HResultFromWin32Test, ZeroStaysSuccessAndCodesWithFacilityBitsPassUnchanged
     EXPECT_EQ(static_cast<HRESULT>(0x00090312), nv::HResultFromWin32(0x00090312));
 }
 
+TEST(HResultFromFailedCallTest, TheLastErrorAsAResultAndNeverSuccessWithoutOne)
+{
+    EXPECT_EQ(E_ACCESSDENIED, nv::HResultFromFailedCall(ERROR_ACCESS_DENIED));
+    EXPECT_EQ(NTE_BAD_KEYSET, nv::HResultFromFailedCall(static_cast<DWORD>(NTE_BAD_KEYSET)));
+    EXPECT_EQ(E_UNEXPECTED, nv::HResultFromFailedCall(ERROR_SUCCESS));
+}
+
+TEST(ThrowLastErrorTest, EveryFormOfShortageIsOutOfMemoryAndNoErrorIsEFail)
+{
+    const auto raised = [](DWORD lastError) {
+        return RaisedCode([lastError] {
+            ::SetLastError(lastError);
+            nv::ThrowLastError();
+        });
+    };
+    EXPECT_EQ(E_OUTOFMEMORY, raised(ERROR_NOT_ENOUGH_MEMORY));
+    EXPECT_EQ(E_OUTOFMEMORY, raised(static_cast<DWORD>(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY))));
+    EXPECT_EQ(E_FAIL, raised(ERROR_SUCCESS));
+    EXPECT_EQ(E_ACCESSDENIED, raised(ERROR_ACCESS_DENIED));
+    EXPECT_EQ(NTE_BAD_DATA, raised(static_cast<DWORD>(NTE_BAD_DATA)));
+}
+
 TEST(ThrowIfWin32FailedTest, RaisesPlainCodesAndNegativeResultsOnly)
 {
     EXPECT_NO_THROW(nv::ThrowIfWin32Failed(0));
@@ -555,6 +577,12 @@ TEST(DecodeGuardTest, BitStringsWithContentAndOtherPlacesGoToTheCoder)
         // The coder goes no further than an item of indefinite length.
         {"after an item of indefinite length", X509_CERT, Seq({{0x30, 0x80, 0x00, 0x00}, {0x03, 0x00}})},
         {"the type is not looked into", X509_SEQUENCE_OF_ANY, Seq({{0x03, 0x00}})},
+        // Headers the guard cannot read or that say no definite length: the coder
+        // gives its own verdict on them.
+        {"BIT STRING of indefinite length", X509_BITS, {0x03, 0x80, 0x00, 0x00}},
+        {"five length bytes", X509_BITS, {0x03, 0x85, 0x00, 0x00, 0x00, 0x00, 0x00}},
+        {"length bytes cut short", X509_BITS, {0x03, 0x82, 0x00}},
+        {"a header cut after its tag", X509_BITS, {0x03}},
     };
     for (const GuardCase& c : cases) {
         SCOPED_TRACE(c.name);
@@ -624,6 +652,17 @@ TEST(DecodeVerdictTest, DataErrorsOfTheDecoderAndWhatAStrictReaderRaises)
     EXPECT_FALSE(nv::IsDataErrorCode(static_cast<DWORD>(E_INVALIDARG)));
     EXPECT_FALSE(nv::IsDataErrorCode(ERROR_INVALID_PARAMETER));
     EXPECT_TRUE(nv::IsDataErrorCode(static_cast<DWORD>(CRYPT_E_ASN1_CORRUPT)));
+}
+
+TEST(DecodeVerdictTest, EveryFormOfMemoryShortageIsOne)
+{
+    for (DWORD code : {static_cast<DWORD>(E_OUTOFMEMORY), static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY),
+                       static_cast<DWORD>(ERROR_OUTOFMEMORY),
+                       static_cast<DWORD>(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY))})
+        EXPECT_TRUE(nv::IsOutOfMemoryCode(code)) << std::hex << code;
+    for (DWORD code : {static_cast<DWORD>(ERROR_SUCCESS), static_cast<DWORD>(ERROR_ACCESS_DENIED),
+                       static_cast<DWORD>(E_FAIL)})
+        EXPECT_FALSE(nv::IsOutOfMemoryCode(code)) << std::hex << code;
 }
 
 // ---- GuidText ------------------------------------------------------------------

@@ -19,6 +19,13 @@ constexpr HRESULT HResultFromWin32(LONG code) noexcept
     return static_cast<HRESULT>(0x80070000u | (static_cast<ULONG>(code) & 0xFFFFu));
 }
 
+// The result of a call that failed with this last error; a failure that set none
+// is E_UNEXPECTED, never success.
+constexpr HRESULT HResultFromFailedCall(DWORD lastError) noexcept
+{
+    return lastError ? HResultFromWin32(static_cast<LONG>(lastError)) : E_UNEXPECTED;
+}
+
 [[noreturn]] inline void ThrowHr(HRESULT hr) { throw _com_error(hr); }
 
 inline void ThrowIfFailed(HRESULT hr)

@@ -49,12 +49,12 @@ HRESULT OwnerIsTrusted(HANDLE mutex) noexcept
     const DWORD r = ::GetSecurityInfo(mutex, SE_KERNEL_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr, nullptr,
                                       nullptr, &sd);
     if (r != ERROR_SUCCESS)
-        return HRESULT_FROM_WIN32(r);
+        return nv::HResultFromWin32(static_cast<LONG>(r));
     nv::unique_hlocal sdOwner(sd);
     nv::unique_handle_null token;
     if (!::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, token.put())) {
         const DWORD error = ::GetLastError();
-        return error ? HRESULT_FROM_WIN32(error) : E_UNEXPECTED;
+        return nv::HResultFromFailedCall(error);
     }
     const std::vector<BYTE> user = TokenSid(token.get(), TokenUser);
     const std::vector<BYTE> defaultOwner = TokenSid(token.get(), TokenOwner);
@@ -105,7 +105,7 @@ void CConversionLock::Take(NVTraceNS::CTraceScope& scope) noexcept
     PSECURITY_DESCRIPTOR sd = nullptr;
     if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(kMutexSddl, SDDL_REVISION_1, &sd, nullptr)) {
         const DWORD error = ::GetLastError();
-        m_hr = error ? HRESULT_FROM_WIN32(error) : E_UNEXPECTED;
+        m_hr = nv::HResultFromFailedCall(error);
         return;
     }
     nv::unique_hlocal sdOwner(sd);
@@ -126,7 +126,7 @@ void CConversionLock::Take(NVTraceNS::CTraceScope& scope) noexcept
             m_hr = S_OK;
             return;
         }
-        m_hr = created ? HRESULT_FROM_WIN32(created) : E_UNEXPECTED;
+        m_hr = nv::HResultFromFailedCall(created);
         NVTraceNS::Trace(scope, 0, "conversion lock %ls cannot be opened", kConversionMutexName);
         return;
     }
@@ -168,7 +168,7 @@ void CConversionLock::Take(NVTraceNS::CTraceScope& scope) noexcept
         break;
     default: {
         const DWORD error = ::GetLastError();
-        m_hr = error ? HRESULT_FROM_WIN32(error) : E_UNEXPECTED;
+        m_hr = nv::HResultFromFailedCall(error);
         break;
     }
     }
