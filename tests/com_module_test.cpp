@@ -128,6 +128,22 @@ TEST(ComModuleInitTest, InitStoresModulePathAndDefaultHostName)
     EXPECT_EQ(S_OK, module.DllCanUnloadNow());
 }
 
+TEST(ComModuleInitTest, ASecondInitTakesTheNewMapAndKeepsServingClassObjects)
+{
+    NVObjectMapEntry empty[] = {{nullptr, nullptr, nullptr, nullptr}};
+    CNVComModule module;
+    ASSERT_EQ(S_OK, module.Init(empty, ::GetModuleHandleW(nullptr), &nvcom::kLIBID_NVDBConvLib));
+    void* out = nullptr;
+    EXPECT_EQ(CLASS_E_CLASSNOTAVAILABLE, module.GetClassObject(nvcom::kCLSID_NVDBConverter, IID_IClassFactory, &out));
+    NVObjectMapEntry map[] = {g_NVObjectMap[0], {nullptr, nullptr, nullptr, nullptr}};
+    ASSERT_EQ(S_OK, module.Init(map, ::GetModuleHandleW(nullptr), &nvcom::kLIBID_NVDBConvLib));
+    ASSERT_EQ(S_OK, module.GetClassObject(nvcom::kCLSID_NVDBConverter, IID_IClassFactory, &out));
+    ASSERT_NE(nullptr, out);
+    static_cast<IUnknown*>(out)->Release();
+    module.Term();
+    EXPECT_EQ(nullptr, map[0].pCF);
+}
+
 TEST(ComModuleInitTest, InitKeepsHostNameSetBefore)
 {
     NVObjectMapEntry map[] = {{nullptr, nullptr, nullptr, nullptr}};

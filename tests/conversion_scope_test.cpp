@@ -13,6 +13,7 @@
 #include "common/threadslot.h"
 #include "legacydb/hostname.h"
 #include "legacydb/regset.h"
+#include "support/import_fault.h"
 #include "support/registry_sandbox.h"
 #include "support/db_paths.h"
 
@@ -214,6 +215,22 @@ TEST_F(ConversionScopeTest, TheComputersNameIsReadOnceAndIsTheSystemsName)
     EXPECT_EQ(std::wstring(system), CHostName().str());
     CConversionScope::RememberName(CConversionScope::Name::Computer, L"KEPT");
     EXPECT_EQ(L"KEPT", CHostName().str());
+}
+
+TEST_F(ConversionScopeTest, AComputerNameThatCannotBeReadIsEmptyAndAskedForAgain)
+{
+    wchar_t system[MAX_COMPUTERNAME_LENGTH + 1] = {};
+    DWORD cch = MAX_COMPUTERNAME_LENGTH + 1;
+    ASSERT_TRUE(::GetComputerNameW(system, &cch));
+    CConversionScope scope;
+    {
+        ImportFault<decltype(&::GetComputerNameW)> fault("GetComputerNameW", FALSE, ERROR_ACCESS_DENIED);
+        EXPECT_EQ(L"", CHostName().str());
+        EXPECT_EQ(1u, fault.calls());
+    }
+    std::wstring kept;
+    EXPECT_FALSE(CConversionScope::FindName(CConversionScope::Name::Computer, &kept));
+    EXPECT_EQ(std::wstring(system), CHostName().str());
 }
 
 // The record set's view of the network functions, counted and failing on request.

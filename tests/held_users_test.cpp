@@ -120,6 +120,20 @@ TEST_F(HeldUsersTest, ListThatCannotBeReadLeavesForgetDeletingTheEntry)
     EXPECT_FALSE(KeyExists(EntryPath().c_str(), kView32));
 }
 
+TEST_F(HeldUsersTest, AnEntryWhoseDeleteFailedIsStillListedAndTheNextForgetDeletesIt)
+{
+    RecordUserHeldBefore();
+    nvconv3::CHeldUsers held;
+    {
+        ImportFault<decltype(&::RegDeleteKeyExW)> fault("RegDeleteKeyExW", ERROR_ACCESS_DENIED, ERROR_ACCESS_DENIED);
+        held.Forget(kUser);
+        EXPECT_EQ(1u, fault.failed());
+    }
+    EXPECT_TRUE(KeyExists(EntryPath().c_str(), kView32));
+    held.Forget(kUser);
+    EXPECT_FALSE(KeyExists(EntryPath().c_str(), kView32));
+}
+
 TEST_F(HeldUsersTest, ListThatRunsOutOfMemoryLeavesForgetDeletingTheEntry)
 {
     RecordUserHeldBefore();
