@@ -104,6 +104,17 @@ TEST_F(ConversionScopeTest, PathsThatOnlyLookLikeTheVendorKeyAreOpenedAsGiven)
               CConversionScope::OpenKey(HKEY_LOCAL_MACHINE, L"SOFTWARE\\NorvaneX", KEY_READ | KEY_WOW64_64KEY, &key));
 }
 
+// "Which" of a key that was opened (closing it), or the error of the open.
+std::wstring WhichOf(LONG opened, HKEY key)
+{
+    if (opened != ERROR_SUCCESS)
+        return L"error " + std::to_wstring(opened);
+    std::wstring text;
+    nv::QueryStringValue(key, L"Which", text);
+    ::RegCloseKey(key);
+    return text;
+}
+
 TEST_F(ConversionScopeTest, TheVendorKeyItselfAndOpensWithoutAViewAreOpenedAsGiven)
 {
     SetString(L"SOFTWARE\\Norvane", L"Which", L"vendor32", kView32);
@@ -112,12 +123,7 @@ TEST_F(ConversionScopeTest, TheVendorKeyItselfAndOpensWithoutAViewAreOpenedAsGiv
     auto which = [](const wchar_t* path, REGSAM access) {
         HKEY key = nullptr;
         const LONG r = CConversionScope::OpenKey(HKEY_LOCAL_MACHINE, path, access, &key);
-        if (r != ERROR_SUCCESS)
-            return L"error " + std::to_wstring(r);
-        std::wstring text;
-        nv::QueryStringValue(key, L"Which", text);
-        ::RegCloseKey(key);
-        return text;
+        return WhichOf(r, key);
     };
     EXPECT_EQ(L"vendor32", which(L"SOFTWARE\\Norvane", KEY_READ | KEY_WOW64_32KEY));
     EXPECT_EQ(L"vendor64", which(L"SOFTWARE\\Norvane", KEY_READ | KEY_WOW64_64KEY));
@@ -125,18 +131,10 @@ TEST_F(ConversionScopeTest, TheVendorKeyItselfAndOpensWithoutAViewAreOpenedAsGiv
     // Without a view word (or with both) a path below the vendor key opens in the
     // process's own view, as the platform opens it.
     EXPECT_EQ(L"64", which(kKeyPath, KEY_READ));
-    EXPECT_EQ(which(kKeyPath, KEY_READ | KEY_WOW64_32KEY | KEY_WOW64_64KEY),
-              [&] {
-                  HKEY key = nullptr;
-                  const LONG r = ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kKeyPath, 0,
-                                                 KEY_READ | KEY_WOW64_32KEY | KEY_WOW64_64KEY, &key);
-                  if (r != ERROR_SUCCESS)
-                      return L"error " + std::to_wstring(r);
-                  std::wstring text;
-                  nv::QueryStringValue(key, L"Which", text);
-                  ::RegCloseKey(key);
-                  return text;
-              }());
+    const REGSAM both = KEY_READ | KEY_WOW64_32KEY | KEY_WOW64_64KEY;
+    HKEY plain = nullptr;
+    const LONG r = ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kKeyPath, 0, both, &plain);
+    EXPECT_EQ(WhichOf(r, plain), which(kKeyPath, both));
     // A null path names the root itself.
     HKEY root = nullptr;
     ASSERT_EQ(ERROR_SUCCESS, CConversionScope::OpenKey(HKEY_LOCAL_MACHINE, nullptr, KEY_READ, &root));
