@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstddef>
 #include <cstring>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -1080,4 +1082,89 @@ TEST_F(TraceFacilityTest, LineThatCannotBeWrittenAsUtf8IsWrittenEmpty)
         NVTraceNS::Trace(scope, 0, "value %d", 6);
     }
     EXPECT_EQ((std::vector<std::string>{"> CFoo::Bar", "U ", "U value 6", "<"}), trace.Lines()) << trace.Dump();
+}
+
+TEST_F(TraceFacilityTest, ComponentWhoseFileNameCannotBeReadIsNotNamedByTheComponentsList)
+{
+    SetDword(L"SOFTWARE\\Norvane\\Tracing\\Components", Widen(kComponent).c_str(), 0, kViewNative);
+    TraceCapture::ResetInProcess();
+    {
+        // The first call is the settings' reading of this component's name.
+        ImportFault<decltype(&::GetModuleFileNameW)> fault("GetModuleFileNameW", 0, ERROR_INSUFFICIENT_BUFFER, 1);
+        OneScope();
+        EXPECT_EQ(1u, fault.failed());
+    }
+    // Unnamed, it matches no entry: the list switches it off, the result still shows.
+    EXPECT_EQ((std::vector<std::string>{"E -2147467259 "}), trace.Lines()) << trace.Dump();
+}
+
+TEST_F(TraceFacilityTest, ComponentWhoseFileNameIsCutIsNotSwitchedOffByComponentsNot)
+{
+    SetDword(L"SOFTWARE\\Norvane\\Tracing\\ComponentsNOT", Widen(kComponent).c_str(), 0, kViewNative);
+    TraceCapture::ResetInProcess();
+    {
+        // A name that filled the whole buffer was cut: it is not taken.
+        ImportFault<decltype(&::GetModuleFileNameW)> fault("GetModuleFileNameW", MAX_PATH, ERROR_INSUFFICIENT_BUFFER,
+                                                           1);
+        OneScope();
+        EXPECT_EQ(1u, fault.failed());
+    }
+    EXPECT_EQ(OneScopeLines(), trace.Lines()) << trace.Dump();
+}
+
+TEST_F(TraceFacilityTest, RecordTextOver400BytesIsCutTo400)
+{
+    // No kind of record carries more than 399 bytes (the decoder refuses more), so
+    // the record is checked byte by byte: its head and its text, cut to the 400 bytes
+    // the record buffer holds, in the file's scrambled form.
+    NVTraceNS::WriteRecord(NVTraceNS::kKindLine, "head", 4);
+    const std::size_t at = trace.Bytes().size();
+    std::string text(450, 'x');
+    text[399] = 'y';
+    text[400] = 'z';
+    NVTraceNS::WriteRecord(NVTraceNS::kKindLine, text.data(), text.size());
+
+    const std::vector<std::uint8_t> bytes = trace.Bytes();
+    ASSERT_EQ(at + 7 + 400, bytes.size());
+    const DWORD tid = ::GetCurrentThreadId();
+    const std::vector<std::uint8_t> head = {static_cast<std::uint8_t>(tid), static_cast<std::uint8_t>(tid >> 8),
+                                            static_cast<std::uint8_t>(tid >> 16),
+                                            static_cast<std::uint8_t>(tid >> 24), 'U', 0x90, 0x01};
+    EXPECT_EQ(head, std::vector<std::uint8_t>(bytes.begin() + static_cast<long>(at),
+                                              bytes.begin() + static_cast<long>(at + 7)));
+    std::vector<std::uint8_t> expected(text.begin(), text.begin() + 400);
+    NVTraceNS::ScrambleRecordText(expected.data(), expected.size());
+    EXPECT_EQ(expected, std::vector<std::uint8_t>(bytes.begin() + static_cast<long>(at + 7), bytes.end()));
+}
+
+namespace {
+
+// An output that counts its end.
+class CountedOutput : public NVTraceNS::COutput {
+public:
+    explicit CountedOutput(int* ended) : m_ended(ended) {}
+    ~CountedOutput() override { ++*m_ended; }
+    void Write(const void*, std::size_t) override {}
+
+private:
+    int* m_ended;
+};
+
+} // namespace
+
+TEST_F(TraceFacilityTest, TraceLockDestructionEndsItsOutputAndRefusesEveryLaterEntry)
+{
+    int ended = 0;
+    NVTraceNS::COutput* output = new CountedOutput(&ended);
+    alignas(NVTraceNS::CTraceLock) unsigned char storage[sizeof(NVTraceNS::CTraceLock)];
+    auto* lock = new (storage) NVTraceNS::CTraceLock(output);
+    ASSERT_TRUE(lock->Enter());
+    lock->Leave();
+    EXPECT_EQ(0, ended);
+
+    lock->~CTraceLock();
+    EXPECT_EQ(1, ended);
+    EXPECT_EQ(nullptr, output);
+    // Asked after its end, as the library's own lock is while the process ends.
+    EXPECT_FALSE(lock->Enter());
 }
