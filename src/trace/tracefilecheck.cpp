@@ -139,14 +139,13 @@ bool JudgeFolder(const std::wstring& folder, TraceFileVerdict* verdict)
     return true;
 }
 
-// The folder part of a full path ("C:\" for a file in a drive's root), or "".
+// The folder part of a local drive path, "X:\..." or "\\?\X:\..." (IsOnALocalDrive
+// accepted it, so it has a backslash after the drive), down to "X:\" for a file in a
+// drive's root.
 std::wstring FolderOf(const std::wstring& fullPath)
 {
-    const std::size_t slash = fullPath.find_last_of(L'\\');
-    if (slash == std::wstring::npos)
-        return std::wstring();
-    std::wstring folder = fullPath.substr(0, slash);
-    if (!folder.empty() && folder.back() == L':')
+    std::wstring folder = fullPath.substr(0, fullPath.find_last_of(L'\\'));
+    if (folder.back() == L':')
         folder += L'\\'; // a drive's root ("C:" alone would be its current folder)
     return folder;
 }
@@ -156,9 +155,8 @@ std::wstring FolderOf(const std::wstring& fullPath)
 // it points.
 bool FolderAccepted(const std::wstring& fullPath, TraceFileVerdict* verdict)
 {
-    const std::wstring folder = FolderOf(fullPath);
     // A folder that cannot be opened fails the file's creation as well.
-    return !folder.empty() && JudgeFolder(folder, verdict) && *verdict == TraceFileVerdict::Accepted;
+    return JudgeFolder(FolderOf(fullPath), verdict) && *verdict == TraceFileVerdict::Accepted;
 }
 
 // Empties an accepted file through a second handle on the same open file (the
@@ -289,13 +287,13 @@ TraceFileVerdict ProbeTraceFile(const wchar_t* path) noexcept
                 return JudgeTraceFile(FactsOf(file.get(), full, true));
             // Missing: the nearest folder on the path that exists is where a link would be.
             TraceFileVerdict verdict = TraceFileVerdict::Accepted;
-            for (std::wstring folder = FolderOf(full); !folder.empty(); folder = FolderOf(folder)) {
+            // Each step is shorter, down to the drive's root, the one that ends in a backslash.
+            for (std::wstring folder = FolderOf(full);; folder = FolderOf(folder)) {
                 if (JudgeFolder(folder, &verdict))
                     return verdict;
                 if (folder.back() == L'\\')
-                    break; // the drive's root
+                    return TraceFileVerdict::Accepted; // the drive's root
             }
-            return TraceFileVerdict::Accepted;
         },
         TraceFileVerdict::Accepted);
 }
