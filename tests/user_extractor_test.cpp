@@ -1033,3 +1033,48 @@ TEST_F(UserExtractorTest, ASecondGetContentHandsOutTheSameBytesWithoutUnwrapping
     bool produced = false;
     EXPECT_EQ(content, ContentOf(secret, &produced));
 }
+
+TEST_F(UserExtractorTest, GetContentWithAPublicKeyRaisesEachEncodersErrorAndHandsOutNothing)
+{
+    const std::vector<BYTE> content = {'e', 'n', 'c', 'o', 'd', 'e', 'r'};
+    CNVSecretMap secrets;
+    ASSERT_NO_FATAL_FAILURE(LoadOnePlainSecret(34, content, secrets));
+    m_containers.Create(kOtherHostId);
+    std::vector<BYTE> publicKeyInfo;
+    {
+        nv::unique_hcryptprov recipient = OpenMachineContainer(kOtherHostId);
+        publicKeyInfo = PublicKeyInfoOf(recipient.get());
+    }
+    CRYPT_DATA_BLOB publicKey{static_cast<DWORD>(publicKeyInfo.size()), publicKeyInfo.data()};
+    CNVSecret& secret = *secrets.begin()->second;
+
+    // Size query and encoding of the wrapped key, of the encrypted content, of the list.
+    unsigned encodes = 0;
+    {
+        ApiFaults faults;
+        DWORD cb = 0;
+        BYTE* pb = nullptr;
+        ASSERT_TRUE(secret.GetContent(&publicKey, &cb, &pb));
+        ::CoTaskMemFree(pb);
+        encodes = faults.EncodeCalls();
+    }
+    ASSERT_EQ(6u, encodes);
+    for (unsigned n = 1; n <= encodes; ++n) {
+        SCOPED_TRACE("failing encode " + std::to_string(n));
+        ApiFaults faults;
+        faults.FailEncode(n, static_cast<DWORD>(CRYPT_E_BAD_ENCODE));
+        DWORD cb = 0xdeadbeef;
+        BYTE* pb = reinterpret_cast<BYTE*>(static_cast<ULONG_PTR>(0xdeadbeef));
+        HRESULT raised = S_OK;
+        try {
+            secret.GetContent(&publicKey, &cb, &pb);
+        } catch (const _com_error& e) {
+            raised = e.Error();
+        }
+        EXPECT_EQ(CRYPT_E_BAD_ENCODE, raised);
+        EXPECT_EQ(0xdeadbeefu, cb);
+        EXPECT_EQ(reinterpret_cast<BYTE*>(static_cast<ULONG_PTR>(0xdeadbeef)), pb);
+    }
+    bool produced = false;
+    EXPECT_EQ(content, ContentOf(secret, &produced));
+}
