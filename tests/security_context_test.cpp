@@ -510,6 +510,22 @@ TEST_F(SecurityContextHostIdTest, FreshHostIdThatDoesNotReadBackFailsWithEFailAn
     EXPECT_EQ(Narrow(ContainerName(written)), ContainerOf(again.Provider()));
 }
 
+TEST_F(SecurityContextHostIdTest, AHostKeyCreatedWithoutAHandleFailsWithEFailAndWritesNothing)
+{
+    // The system answers the creation as done but hands back no key: nothing can be
+    // read or written through it, so the construction ends there.
+    ASSERT_FALSE(KeyExists(kHostKey, kView32));
+    CFPSecurityContext ctx;
+    {
+        ImportFault<decltype(&::RegCreateKeyExW)> fault("RegCreateKeyExW", ERROR_SUCCESS, ERROR_SUCCESS, 1);
+        EXPECT_EQ(E_FAIL, ctx.FinalConstruct(kView32));
+        EXPECT_EQ(1u, fault.failed());
+    }
+    EXPECT_EQ(0u, ctx.Provider());
+    EXPECT_FALSE(KeyExists(kHostKey, kView32));
+    EXPECT_FALSE(KeyExists(kHostKey, kView64));
+}
+
 TEST_F(SecurityContextHostIdTest, ThrowingConstructorRaisesTheFailureAsComError)
 {
     SetBinary(kHostKey, L"HostId", kTestHostIdValue, kView32);
