@@ -456,3 +456,11 @@ TEST(TypedBlobsTest, DecodingAsAStructureTheBlobsDoNotHoldIsAnInvalidArgument)
     EXPECT_EQ(E_INVALIDARG, DecodeError(bits, Bytes{0x03, 0x02, 0x00, 0xAA}));
     EXPECT_TRUE(bits.IsEmpty());
 }
+
+TEST(TypedBlobsTest, AnEmptySignedNumberIsNotTakenForMinusOne)
+{
+    // No bytes are not "all 0xFF": the coder encodes the empty value as it stands,
+    // as it does for the unsigned type.
+    EXPECT_EQ((Bytes{0x02, 0x00}), Der(CNVIntBlob()));
+    EXPECT_EQ(Der(CNVULongBlob()), Der(CNVIntBlob()));
+}
