@@ -103,12 +103,4 @@ void PrepareThreadForFailures() noexcept
     (void)globals;
 }
 
-unsigned ReservedExceptionObjectsInUse() noexcept
-{
-    unsigned n = 0;
-    for (unsigned i = 0; i < kSlots; ++i)
-        n += g_slotUsed[i] != 0;
-    return n;
-}
-
 } // namespace nvframe

@@ -21,7 +21,4 @@ namespace nvframe {
 // thread; never throws.
 void PrepareThreadForFailures() noexcept;
 
-// Exception objects currently taken from the reserve (for tests).
-unsigned ReservedExceptionObjectsInUse() noexcept;
-
 } // namespace nvframe
