@@ -1168,3 +1168,70 @@ TEST_F(TraceFacilityTest, TraceLockDestructionEndsItsOutputAndRefusesEveryLaterE
     // Asked after its end, as the library's own lock is while the process ends.
     EXPECT_FALSE(lock->Enter());
 }
+
+TEST_F(TraceFacilityTest, OutputIsNoneWithoutTheTracingKeyOrItsDoTrace)
+{
+    // Made at the first call, from the settings as they stand then.
+    DeleteTree(kTracing, kViewNative);
+    TraceCapture::ResetInProcess();
+    EXPECT_NE(nullptr, dynamic_cast<NVTraceNS::CNoOutput*>(NVTraceNS::GetOutput()));
+
+    CreateKeyPath(kTracing, kViewNative);
+    SetDword(kTracing, L"TraceToFile", 1, kViewNative);
+    TraceCapture::ResetInProcess();
+    EXPECT_NE(nullptr, dynamic_cast<NVTraceNS::CNoOutput*>(NVTraceNS::GetOutput()));
+
+    SetDword(kTracing, L"DoTrace", 1, kViewNative);
+    TraceCapture::ResetInProcess();
+    EXPECT_NE(nullptr, dynamic_cast<NVTraceNS::CFileOutput*>(NVTraceNS::GetOutput()));
+}
+
+TEST_F(TraceFacilityTest, NoOutputThatCannotBeAllocatedIsMadeAtTheNextCall)
+{
+    SetDword(kTracing, L"DoTrace", 0, kViewNative);
+    TraceCapture::ResetInProcess();
+    {
+        AllocationFaults oom(1, sizeof(NVTraceNS::CNoOutput));
+        EXPECT_EQ(nullptr, NVTraceNS::GetOutput());
+        EXPECT_EQ(1u, oom.failed());
+    }
+    EXPECT_NE(nullptr, dynamic_cast<NVTraceNS::CNoOutput*>(NVTraceNS::GetOutput()));
+}
+
+TEST_F(TraceFacilityTest, DoProfilingZeroKeepsTheLines)
+{
+    SetDword(kTracing, L"DoProfiling", 0, kViewNative);
+    TraceCapture::ResetInProcess();
+    OneScope();
+    EXPECT_EQ(OneScopeLines(), trace.Lines());
+}
+
+TEST_F(TraceFacilityTest, FileOutputWritesNothingForANullRecordOrOneOver4GiB)
+{
+    {
+        NVTraceNS::CFileOutput output;
+        ASSERT_NE(INVALID_HANDLE_VALUE, output.m_hFile);
+        const std::size_t header = trace.Bytes().size();
+        std::uint8_t record[NVTraceNS::kRecordHeadSize] = {1, 0, 0, 0, '<', 0, 0};
+        output.Write(nullptr, sizeof(record));
+        output.Write(record, std::size_t{0x100000000ull});
+        EXPECT_EQ(header, trace.Bytes().size());
+        output.Write(record, sizeof(record));
+        EXPECT_EQ(header + sizeof(record), trace.Bytes().size());
+    }
+}
+
+TEST_F(TraceFacilityTest, DirectoryCreationDoesNothingWithoutAPath)
+{
+    // Run in an empty current folder, where a relative path would be made.
+    const std::wstring dir = TempDir() + L"nvnopath_" + std::to_wstring(::GetCurrentProcessId());
+    ASSERT_TRUE(::CreateDirectoryW(dir.c_str(), nullptr));
+    wchar_t previous[MAX_PATH];
+    ::GetCurrentDirectoryW(MAX_PATH, previous);
+    ASSERT_TRUE(::SetCurrentDirectoryW(dir.c_str()));
+    NVTraceNS::CreateTraceDirectories(nullptr);
+    NVTraceNS::CreateTraceDirectories(L"");
+    ::SetCurrentDirectoryW(previous);
+    // Empty: the folder can be removed.
+    EXPECT_TRUE(::RemoveDirectoryW(dir.c_str()));
+}

@@ -763,3 +763,12 @@ TEST_F(TraceFileCheckTest, NoFolderIsMadeForTracePathWhenItsSecurityCannotBeBuil
     EXPECT_EQ(2u, fault.calls());
     EXPECT_FALSE(Exists(logs));
 }
+
+TEST(TraceFileVerdictTest, OnlyTheLettersAToZInEitherCaseNameADrive)
+{
+    // Either side of each letter range: a digit, '[' and '`' between the ranges, '{'.
+    for (const wchar_t* path : {L"1:\\t.trc3", L"@:\\t.trc3", L"[:\\t.trc3", L"`:\\t.trc3", L"{:\\t.trc3"})
+        EXPECT_FALSE(NVTraceNS::IsLocalDrivePath(path)) << Narrow(path);
+    for (const wchar_t* path : {L"A:\\t.trc3", L"Z:\\t.trc3", L"a:\\t.trc3", L"z:\\t.trc3"})
+        EXPECT_TRUE(NVTraceNS::IsLocalDrivePath(path)) << Narrow(path);
+}

@@ -11,26 +11,27 @@ namespace nv {
 inline std::wstring GuidText(const GUID& g)
 {
     static const wchar_t kHex[] = L"0123456789ABCDEF";
-    std::wstring text;
-    text.reserve(38);
-    auto put = [&](unsigned long long value, int digits) {
+    // Made in place, so that the one allocation is the string's at the end.
+    wchar_t text[38];
+    wchar_t* at = text;
+    auto put = [&at](unsigned long long value, int digits) noexcept {
         for (int shift = (digits - 1) * 4; shift >= 0; shift -= 4)
-            text += kHex[(value >> shift) & 0xF];
+            *at++ = kHex[(value >> shift) & 0xF];
     };
-    text += L'{';
+    *at++ = L'{';
     put(g.Data1, 8);
-    text += L'-';
+    *at++ = L'-';
     put(g.Data2, 4);
-    text += L'-';
+    *at++ = L'-';
     put(g.Data3, 4);
-    text += L'-';
+    *at++ = L'-';
     put(g.Data4[0], 2);
     put(g.Data4[1], 2);
-    text += L'-';
+    *at++ = L'-';
     for (int i = 2; i < 8; ++i)
         put(g.Data4[i], 2);
-    text += L'}';
-    return text;
+    *at++ = L'}';
+    return std::wstring(text, sizeof(text) / sizeof(text[0]));
 }
 
 } // namespace nv
