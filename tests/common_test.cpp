@@ -249,6 +249,39 @@ TEST_F(RegKeyTest, DwordReaderRefusesOtherTypes)
     EXPECT_EQ(0xDEADBEEFu, v);
 }
 
+TEST_F(RegKeyTest, DwordReaderRefusesADwordOfAnotherSize)
+{
+    SetBinary(L"SOFTWARE\\Norvane", L"short", {0x34, 0x12}, kView64, REG_DWORD);
+    nv::CNVRegKey key;
+    ASSERT_EQ(ERROR_SUCCESS, key.Open(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane", KEY_READ));
+    DWORD v = 0xDEADBEEF;
+    EXPECT_EQ(ERROR_INVALID_DATA, nv::QueryDwordValue(key, L"short", &v));
+    EXPECT_EQ(0xDEADBEEFu, v);
+}
+
+TEST_F(RegKeyTest, StringWriterStoresNullAsTheEmptyString)
+{
+    nv::CNVRegKey key;
+    ASSERT_EQ(ERROR_SUCCESS, key.Create(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane", KEY_ALL_ACCESS));
+    ASSERT_EQ(ERROR_SUCCESS, nv::SetStringValue(key, L"Nothing", nullptr));
+    RegValue v;
+    ASSERT_TRUE(GetValue(L"SOFTWARE\\Norvane", L"Nothing", kView64, &v));
+    EXPECT_EQ(static_cast<DWORD>(REG_SZ), v.type);
+    EXPECT_EQ((std::vector<BYTE>{0, 0}), v.data);
+}
+
+TEST_F(RegKeyTest, StringReaderIntoTextWithNoRoomReportsMoreDataAndLeavesTheText)
+{
+    SetString(L"SOFTWARE\\Norvane", L"sz", L"1.0", kView64);
+    nv::CNVRegKey key;
+    ASSERT_EQ(ERROR_SUCCESS, key.Open(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane", KEY_READ));
+    std::wstring text = L"before";
+    EXPECT_EQ(ERROR_MORE_DATA, nv::QueryStringValue(key, L"sz", text, 0));
+    EXPECT_EQ(L"before", text);
+    EXPECT_EQ(ERROR_SUCCESS, nv::QueryStringValue(key, L"sz", text, 4));
+    EXPECT_EQ(L"1.0", text);
+}
+
 TEST_F(RegKeyTest, BinaryReaderReadsSmallAndLargeValuesExactly)
 {
     const std::vector<BYTE> small{1, 2, 3};

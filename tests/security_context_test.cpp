@@ -905,3 +905,51 @@ TEST_F(SecurityContextTest, LowLevelScopesNeedVerbosityTenButTheirFailuresAlways
               trace.Lines())
         << trace.Dump();
 }
+
+TEST_F(SecurityContextTest, SignBlobWithoutBytesToSignIsAPointerErrorAndLeavesTheOutBlobAlone)
+{
+    CFPSecurityContext ctx;
+    ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+    TaskBlob out;
+    EXPECT_EQ(E_POINTER, ctx.SignBLOB(nullptr, &out, ctx.Provider(), AT_KEYEXCHANGE, nullptr));
+    EXPECT_TRUE(out.Untouched());
+}
+
+TEST_F(SecurityContextTest, AProviderThatCannotBeReleasedIsKeptForTheNextRelease)
+{
+    CFPSecurityContext ctx;
+    ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+    const HCRYPTPROV held = ctx.Provider();
+    {
+        ImportFault<decltype(&::CryptReleaseContext)> fault("CryptReleaseContext", FALSE, ERROR_BUSY, 1);
+        ctx.FinalRelease();
+        EXPECT_EQ(1u, fault.failed());
+    }
+    EXPECT_EQ(held, ctx.Provider());
+    DWORD cb = 0;
+    EXPECT_TRUE(::CryptGetProvParam(held, PP_CONTAINER, nullptr, &cb, 0));
+    ctx.FinalRelease();
+    EXPECT_EQ(0u, ctx.Provider());
+    EXPECT_FALSE(::CryptGetProvParam(held, PP_CONTAINER, nullptr, &cb, 0));
+}
+
+TEST_F(SecurityContextVerifyTest, AKeyBlobWithoutBytesChecksAgainstTheMachinesKey)
+{
+    CRYPT_DATA_BLOB s = Blob(m_signed);
+    BYTE unused = 0x30;
+    CRYPT_DATA_BLOB noKey{0, &unused};
+    EXPECT_EQ(S_OK, m_ctx.Verify(&s, &noKey));
+}
+
+TEST_F(SecurityContextVerifyTest, ARecordOfNoBytesImportsAsNothing)
+{
+    // A pointer without a length: no record, as a null one.
+    CRYPT_DATA_BLOB record{0, m_signed.data()};
+    CRYPT_DATA_BLOB data{7, reinterpret_cast<BYTE*>(static_cast<ULONG_PTR>(0xdeadbeef))};
+    GUID target = kOtherHostId, source = kOtherHostId;
+    EXPECT_EQ(S_OK, m_ctx.Import(&record, &data, &target, &source));
+    EXPECT_EQ(0u, data.cbData);
+    EXPECT_EQ(nullptr, data.pbData);
+    EXPECT_TRUE(IsEqualGUID(GUID_NULL, target));
+    EXPECT_TRUE(IsEqualGUID(GUID_NULL, source));
+}

@@ -15,6 +15,7 @@
 #include "legacydb/userextractor.h"
 #include "support/key_containers.h"
 #include "support/api_faults.h"
+#include "support/import_fault.h"
 #include "support/registry_sandbox.h"
 #include "support/template_expectations.h"
 #include "support/trace_capture.h"
@@ -352,6 +353,26 @@ TEST_F(UserExtractorTest, AMissingUsersKeyFailsWithCountZeroAndNoArray)
     EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), extractor.EnumerateUsers(&users, &count));
     EXPECT_EQ(0u, count);
     EXPECT_EQ(sentinel, users);
+}
+
+TEST_F(UserExtractorTest, AnArrayThatCannotBeAllocatedFailsWithOutOfMemoryCountZeroAndNoArray)
+{
+    Db20Database db = Write(SmallOptions(15, 2));
+    CLocalDBUserExtractor extractor;
+    auto* sentinel = reinterpret_cast<NV_USER_RECORD*>(static_cast<ULONG_PTR>(0xdeadbeef));
+    NV_USER_RECORD* users = sentinel;
+    DWORD count = 0xdeadbeef;
+    {
+        ImportFault<decltype(&::LocalAlloc)> fault("LocalAlloc", nullptr, ERROR_NOT_ENOUGH_MEMORY, 1);
+        EXPECT_EQ(E_OUTOFMEMORY, extractor.EnumerateUsers(&users, &count));
+        EXPECT_EQ(1u, fault.failed());
+    }
+    EXPECT_EQ(0u, count);
+    EXPECT_EQ(sentinel, users);
+    // Nothing was kept: the next enumeration reads both users.
+    ASSERT_EQ(S_OK, extractor.EnumerateUsers(&users, &count));
+    EXPECT_EQ(2u, count);
+    EXPECT_EQ(S_OK, extractor.FreeUsers(users));
 }
 
 TEST_F(UserExtractorTest, EveryUserIsReadIntoTheSlotOfItsKey)

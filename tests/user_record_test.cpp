@@ -710,3 +710,15 @@ TEST_F(UserRecordTest, AccountControlStepReplacesASidLeftInTheRecord)
     EXPECT_EQ(S_OK, m_extractor.GetAccountControl(&empty, &r, &r.pSid, &r.dwAccountControl));
     EXPECT_EQ(nullptr, r.pSid);
 }
+
+TEST_F(UserRecordTest, ASidTextWithACharacterOutsidePrintableAsciiGivesNoSid)
+{
+    // A control character, DEL and a letter beyond ASCII: never handed to the
+    // platform's parser.
+    for (const wchar_t* text : {L"S-1-5-\x01" L"18", L"S-1-5-18\x7F", L"S-1-5-\x00E9"}) {
+        const DerBytes list = der20::Seq({Header(der20::GuidOctets(kUserGuid), der20::Text(text)), der20::Uint(0)});
+        const NV_USER_RECORD& r = Parse(Wrap(list));
+        EXPECT_EQ(L"(null)", SidOf(r)) << Narrow(text);
+        EXPECT_TRUE(IsEqualGUID(kUserGuid, r.guidUser));
+    }
+}
