@@ -640,3 +640,25 @@ TEST(BoundaryHelpersTest, BadAllocIsRaisedAsOutOfMemoryAndBestEffortSwallowsEver
     EXPECT_EQ(5, nv::BestEffort([]() -> int { nv::ThrowHr(E_FAIL); }, 5));
     EXPECT_EQ(6, nv::BestEffort([] { return 6; }, 5));
 }
+
+TEST(ThrowLastErrorTest, NoErrorIsEFailAndAShortageInHresultFormIsOutOfMemory)
+{
+    ::SetLastError(ERROR_SUCCESS);
+    EXPECT_EQ(E_FAIL, nvtest::RaisedCode([] { nv::ThrowLastError(); }));
+    ::SetLastError(static_cast<DWORD>(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY)));
+    EXPECT_EQ(E_OUTOFMEMORY, nvtest::RaisedCode([] { nv::ThrowLastError(); }));
+    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    EXPECT_EQ(E_OUTOFMEMORY, nvtest::RaisedCode([] { nv::ThrowLastError(); }));
+    ::SetLastError(ERROR_ACCESS_DENIED);
+    EXPECT_EQ(E_ACCESSDENIED, nvtest::RaisedCode([] { nv::ThrowLastError(); }));
+}
+
+TEST(CryptBlobTest, AssigningALengthWithoutBytesGivesThatManyZeroBytes)
+{
+    nv::CCryptBlob blob;
+    blob.Assign(reinterpret_cast<const BYTE*>("old"), 3);
+    blob.Assign(nullptr, 4);
+    ASSERT_EQ(4u, blob.cbData);
+    ASSERT_NE(nullptr, blob.pbData);
+    EXPECT_EQ((std::vector<BYTE>(4, 0)), std::vector<BYTE>(blob.pbData, blob.pbData + blob.cbData));
+}

@@ -62,6 +62,8 @@ TEST_F(ConversionPolicyValueTest, OnlyADwordOfOneInTheLibrarysOwnViewIsStrict)
     EXPECT_EQ(ConversionPolicy::Default, nvconv3::ReadConversionPolicy());
     SetBinary(kPolicyDefaultPath, kStrictValue, {1, 0, 0, 0, 0, 0, 0, 0}, kViewNative, REG_QWORD);
     EXPECT_EQ(ConversionPolicy::Default, nvconv3::ReadConversionPolicy());
+    SetBinary(kPolicyDefaultPath, kStrictValue, {1, 0}, kViewNative, REG_DWORD);
+    EXPECT_EQ(ConversionPolicy::Default, nvconv3::ReadConversionPolicy());
     DeleteValue(kPolicyDefaultPath, kStrictValue, kViewNative);
     // The 32-bit view is not where the library looks.
     SetDword(kPolicyDefaultPath, kStrictValue, 1, kView32);

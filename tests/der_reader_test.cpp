@@ -11,6 +11,7 @@
 
 #include "common/replaceablecalls.h"
 #include "legacydb/derreader.h"
+#include "legacydb/sidtext.h"
 #include "support/raised_code.h"
 
 using namespace nvtest;
@@ -120,4 +121,36 @@ TEST(ZeroingAllocatorTest, ACountWhoseByteSizeOverflowsRaisesOutOfMemory)
     LegacyNVDB2::ZeroingAllocator<std::uint32_t> allocator;
     const std::size_t count = std::numeric_limits<std::size_t>::max() / sizeof(std::uint32_t) + 1;
     EXPECT_EQ(E_OUTOFMEMORY, RaisedCode([&] { (void)allocator.allocate(count); }));
+}
+
+TEST(DerReaderAnswerTest, ANumberWithALengthButNoBytesIsZeroCountedAsAFallback)
+{
+    CRYPT_UINT_BLOB number{2, nullptr};
+    AnsweringCoder coder(BytesOf(number));
+    const DWORD before = LegacyNVDB2::LenientReadCount();
+    EXPECT_EQ(0u, LegacyNVDB2::ReadNumber(DerView(kItem, sizeof(kItem))));
+    EXPECT_EQ(before + 1, LegacyNVDB2::LenientReadCount());
+}
+
+TEST(DerViewTest, ALengthWithoutBytesIsAMissingItem)
+{
+    EXPECT_TRUE(DerView(nullptr, 3).empty());
+    EXPECT_TRUE(DerView(kItem, 0).empty());
+    EXPECT_FALSE(DerView(kItem, sizeof(kItem)).empty());
+    // Read as missing: no coder call.
+    AnsweringCoder coder({});
+    const DWORD before = LegacyNVDB2::LenientReadCount();
+    EXPECT_EQ(0u, LegacyNVDB2::ReadNumber(DerView(nullptr, 3)));
+    EXPECT_EQ(before + 1, LegacyNVDB2::LenientReadCount());
+    EXPECT_EQ(0u, coder.calls());
+}
+
+TEST(SidTextTest, BytesThatAreNoValidSidGiveNoText)
+{
+    // Revision 9: not a SID the system knows.
+    BYTE notASid[12] = {9, 1, 0, 0, 0, 0, 0, 5, 18, 0, 0, 0};
+    EXPECT_EQ(L"", LegacyNVDB2::SidToText(reinterpret_cast<PSID>(notASid)));
+    notASid[0] = 1; // the same bytes as revision 1: S-1-5-18
+    EXPECT_EQ(L"S-1-5-18", LegacyNVDB2::SidToText(reinterpret_cast<PSID>(notASid)));
+    EXPECT_EQ(L"", LegacyNVDB2::SidToText(nullptr));
 }
