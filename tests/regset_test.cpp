@@ -41,6 +41,12 @@ struct FakeNet {
     static std::wstring domain;
     static int freed;
     static int allocated;
+    // Answers the platform does not give here: success without a buffer, and a
+    // workstation call that fails or names no domain.
+    static bool serverWithoutBuffer;
+    static NET_API_STATUS wkstaStatus;
+    static bool wkstaWithoutBuffer;
+    static bool wkstaWithoutDomain;
 
     static NET_API_STATUS WINAPI ServerGetInfo(LMSTR server, DWORD level, LPBYTE* buf)
     {
@@ -49,6 +55,8 @@ struct FakeNet {
         const NET_API_STATUS status = level == 102 ? status102 : status101;
         if (status != NERR_Success)
             return status;
+        if (serverWithoutBuffer)
+            return NERR_Success;
         if (level == 102) {
             auto* info = static_cast<SERVER_INFO_102*>(::LocalAlloc(LPTR, sizeof(SERVER_INFO_102)));
             info->sv102_type = type;
@@ -65,8 +73,12 @@ struct FakeNet {
     {
         EXPECT_EQ(nullptr, server);
         EXPECT_EQ(100u, level);
+        if (wkstaStatus != NERR_Success)
+            return wkstaStatus;
+        if (wkstaWithoutBuffer)
+            return NERR_Success;
         auto* info = static_cast<WKSTA_INFO_100*>(::LocalAlloc(LPTR, sizeof(WKSTA_INFO_100)));
-        info->wki100_langroup = const_cast<LMSTR>(domain.c_str());
+        info->wki100_langroup = wkstaWithoutDomain ? nullptr : const_cast<LMSTR>(domain.c_str());
         *buf = reinterpret_cast<LPBYTE>(info);
         ++allocated;
         return NERR_Success;
@@ -85,6 +97,10 @@ DWORD FakeNet::type = 0;
 std::wstring FakeNet::domain;
 int FakeNet::freed = 0;
 int FakeNet::allocated = 0;
+bool FakeNet::serverWithoutBuffer = false;
+NET_API_STATUS FakeNet::wkstaStatus = NERR_Success;
+bool FakeNet::wkstaWithoutBuffer = false;
+bool FakeNet::wkstaWithoutDomain = false;
 
 class RegSetTest : public RegistrySandbox {
 protected:
@@ -102,6 +118,10 @@ protected:
         FakeNet::type = type;
         FakeNet::domain = domain;
         FakeNet::freed = FakeNet::allocated = 0;
+        FakeNet::serverWithoutBuffer = false;
+        FakeNet::wkstaStatus = NERR_Success;
+        FakeNet::wkstaWithoutBuffer = false;
+        FakeNet::wkstaWithoutDomain = false;
         CNVDBRegSet::s_netApi = {&FakeNet::ServerGetInfo, &FakeNet::WkstaGetInfo, &FakeNet::BufferFree};
     }
 
@@ -242,6 +262,38 @@ TEST_F(RegSetTest, MemberServerComparesWithTheComputerName)
     ASSERT_EQ(S_OK, set.Open(L"CORPDOM", 0));
     EXPECT_EQ(L"SOFTWARE\\Norvane\\DB\\Cache\\CORPDOM\\Users", set.GetUsersPath());
     EXPECT_EQ(1, FakeNet::freed);
+}
+
+TEST_F(RegSetTest, ServerAnswersWithoutABufferCountAsNoAnswerAndTheComputerNameIsUsed)
+{
+    PlayDomainController(SV_TYPE_DOMAIN_CTRL, L"CORPDOM", false);
+    FakeNet::serverWithoutBuffer = true;
+    for (int round = 0; round < 2; ++round) {
+        CNVDBRegSet set;
+        ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
+        EXPECT_EQ(L"SOFTWARE\\Norvane\\DB\\MainDB\\Users", set.GetUsersPath());
+    }
+    // Both levels asked each time: the type was never read.
+    EXPECT_EQ((std::vector<DWORD>{102, 101, 102, 101}), FakeNet::serverLevels);
+    EXPECT_EQ(0, FakeNet::allocated);
+}
+
+TEST_F(RegSetTest, DomainControllerWithoutItsDomainsNameHasNoLocalStore)
+{
+    for (int answer = 0; answer < 3; ++answer) {
+        SCOPED_TRACE(answer == 0 ? "call fails" : answer == 1 ? "no buffer" : "no domain name");
+        PlayDomainController(SV_TYPE_DOMAIN_CTRL, L"CORPDOM", false);
+        FakeNet::wkstaStatus = answer == 0 ? static_cast<NET_API_STATUS>(ERROR_ACCESS_DENIED) : NERR_Success;
+        FakeNet::wkstaWithoutBuffer = answer == 1;
+        FakeNet::wkstaWithoutDomain = answer == 2;
+        // Neither the domain's nor the computer's name is the local store.
+        for (const std::wstring& name : {std::wstring(L"CORPDOM"), ComputerName()}) {
+            CNVDBRegSet set;
+            ASSERT_EQ(S_OK, set.Open(name.c_str(), 0));
+            EXPECT_EQ(L"SOFTWARE\\Norvane\\DB\\Cache\\" + name + L"\\Users", set.GetUsersPath());
+        }
+        EXPECT_EQ(FakeNet::allocated, FakeNet::freed);
+    }
 }
 
 TEST_F(RegSetTest, ExistingUsersKeyDefaultValueWinsOverTheArgument)
