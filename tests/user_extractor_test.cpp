@@ -1099,3 +1099,57 @@ TEST_F(UserExtractorTest, GetContentWithAPublicKeyRaisesEachEncodersErrorAndHand
     bool produced = false;
     EXPECT_EQ(content, ContentOf(secret, &produced));
 }
+
+TEST_F(UserExtractorTest, GetContentWithAKeyBlobWithoutBytesHandsOutTheContentItself)
+{
+    const std::vector<BYTE> content = {'n', 'o', '-', 'k', 'e', 'y'};
+    CNVSecretMap secrets;
+    ASSERT_NO_FATAL_FAILURE(LoadOnePlainSecret(36, content, secrets));
+    CNVSecret& secret = *secrets.begin()->second;
+    BYTE unused = 0x30;
+    for (const CRYPT_DATA_BLOB& key : {CRYPT_DATA_BLOB{0, &unused}, CRYPT_DATA_BLOB{4, nullptr}}) {
+        DWORD cb = 0;
+        BYTE* pb = nullptr;
+        ASSERT_TRUE(secret.GetContent(&key, &cb, &pb));
+        EXPECT_EQ(content, std::vector<BYTE>(pb, pb + cb));
+        ::SecureZeroMemory(pb, cb);
+        ::CoTaskMemFree(pb);
+    }
+}
+
+TEST_F(UserExtractorTest, GetContentWithAPublicKeySealsAnEmptyContentAsOnePaddingBlock)
+{
+    CNVSecretMap secrets;
+    ASSERT_NO_FATAL_FAILURE(LoadOnePlainSecret(37, {}, secrets));
+    CNVSecret& secret = *secrets.begin()->second;
+    bool produced = false;
+    ASSERT_EQ(std::vector<BYTE>{}, ContentOf(secret, &produced));
+    ASSERT_TRUE(produced);
+    m_containers.Create(kOtherHostId);
+    std::vector<BYTE> publicKeyInfo;
+    {
+        nv::unique_hcryptprov recipient = OpenMachineContainer(kOtherHostId);
+        publicKeyInfo = PublicKeyInfoOf(recipient.get());
+    }
+    CRYPT_DATA_BLOB publicKey{static_cast<DWORD>(publicKeyInfo.size()), publicKeyInfo.data()};
+    DWORD cb = 0;
+    BYTE* pb = nullptr;
+    ASSERT_TRUE(secret.GetContent(&publicKey, &cb, &pb));
+    const std::vector<BYTE> sealed(pb, pb + cb);
+    ::CoTaskMemFree(pb);
+    const std::vector<std::vector<BYTE>> items = SequenceItems(sealed);
+    ASSERT_EQ(2u, items.size());
+    std::vector<BYTE> cipher = OctetsOf(items[1]);
+    EXPECT_EQ(8u, cipher.size());
+    // Opened by the recipient: nothing.
+    nv::unique_hcryptprov recipient = OpenMachineContainer(kOtherHostId);
+    nv::unique_hcryptkey exchange;
+    ASSERT_TRUE(::CryptGetUserKey(recipient.get(), AT_KEYEXCHANGE, exchange.put()));
+    const std::vector<BYTE> keyBlob = OctetsOf(items[0]);
+    nv::unique_hcryptkey session;
+    ASSERT_TRUE(::CryptImportKey(recipient.get(), keyBlob.data(), static_cast<DWORD>(keyBlob.size()), exchange.get(),
+                                 0, session.put()));
+    DWORD cbPlain = static_cast<DWORD>(cipher.size());
+    ASSERT_TRUE(::CryptDecrypt(session.get(), 0, TRUE, 0, cipher.data(), &cbPlain));
+    EXPECT_EQ(0u, cbPlain);
+}
