@@ -953,3 +953,52 @@ TEST_F(SecurityContextVerifyTest, ARecordOfNoBytesImportsAsNothing)
     EXPECT_TRUE(IsEqualGUID(GUID_NULL, target));
     EXPECT_TRUE(IsEqualGUID(GUID_NULL, source));
 }
+
+// ---- the provider cache's limits -----------------------------------------------
+
+TEST(ProviderCacheTest, FourHostContainersAreRememberedAndAFifthIsNot)
+{
+    nvsecurity::CProviderCache cache;
+    wchar_t names[5][nvsecurity::kContainerNameChars] = {L"{one}", L"{two}", L"{three}", L"{four}", L"{five}"};
+    for (REGSAM view = 1; view <= 5; ++view)
+        nvsecurity::CProviderCache::RememberHostContainer(view, names[view - 1]);
+    for (REGSAM view = 1; view <= 4; ++view) {
+        wchar_t found[nvsecurity::kContainerNameChars] = L"sentinel";
+        EXPECT_TRUE(nvsecurity::CProviderCache::FindHostContainer(view, found)) << view;
+        EXPECT_STREQ(names[view - 1], found);
+    }
+    wchar_t found[nvsecurity::kContainerNameChars] = L"sentinel";
+    EXPECT_FALSE(nvsecurity::CProviderCache::FindHostContainer(5, found));
+    EXPECT_STREQ(L"sentinel", found);
+}
+
+TEST(ProviderCacheTest, WithoutACacheNothingIsRemembered)
+{
+    wchar_t name[nvsecurity::kContainerNameChars] = L"{one}";
+    nvsecurity::CProviderCache::RememberHostContainer(1, name);
+    wchar_t found[nvsecurity::kContainerNameChars] = L"sentinel";
+    EXPECT_FALSE(nvsecurity::CProviderCache::FindHostContainer(1, found));
+    EXPECT_STREQ(L"sentinel", found);
+}
+
+TEST_F(SecurityContextTest, AProviderTheCacheCannotTakeAReferenceOnIsNotShared)
+{
+    nvsecurity::CProviderCache cache;
+    const std::wstring container = Widen(kTestContainerName);
+    HCRYPTPROV first = 0;
+    {
+        ImportFault<decltype(&::CryptContextAddRef)> fault("CryptContextAddRef", FALSE, ERROR_NOT_ENOUGH_MEMORY, 1);
+        ASSERT_TRUE(nvsecurity::CProviderCache::AcquireMachineContainer(container.c_str(), &first));
+        EXPECT_EQ(1u, fault.failed());
+    }
+    HCRYPTPROV second = 0;
+    ASSERT_TRUE(nvsecurity::CProviderCache::AcquireMachineContainer(container.c_str(), &second));
+    EXPECT_NE(first, second);
+    HCRYPTPROV third = 0;
+    ASSERT_TRUE(nvsecurity::CProviderCache::AcquireMachineContainer(container.c_str(), &third));
+    EXPECT_EQ(second, third);
+    EXPECT_EQ(kTestContainerName, ContainerOf(first));
+    EXPECT_TRUE(::CryptReleaseContext(first, 0));
+    EXPECT_TRUE(::CryptReleaseContext(second, 0));
+    EXPECT_TRUE(::CryptReleaseContext(third, 0));
+}
