@@ -1059,15 +1059,24 @@ TEST_F(TraceFacilityTest, PatternPathIsNotMadeWithoutTheHostsOrTheLibrarysFileNa
     DeleteValue(kTracing, L"FileName", kViewNative);
     nv::unique_hkey key;
     ASSERT_EQ(ERROR_SUCCESS, NVTraceNS::OpenTracingKey(key.put()));
-    // The host's name, then the library's.
-    for (unsigned failing : {1u, 2u}) {
-        wchar_t path[NVTraceNS::kTracePathChars] = L"sentinel";
-        ImportFault<decltype(&::GetModuleFileNameW)> fault("GetModuleFileNameW", 0, ERROR_INSUFFICIENT_BUFFER,
-                                                           failing);
-        EXPECT_FALSE(NVTraceNS::BuildTracePath(key.get(), path)) << "failing call " << failing;
-        EXPECT_STREQ(L"", path);
-        EXPECT_EQ(failing, fault.calls());
+    // The host's name, then the library's; not given, or cut to the buffer.
+    for (DWORD answer : {DWORD{0}, DWORD{MAX_PATH}}) {
+        for (unsigned failing : {1u, 2u}) {
+            wchar_t path[NVTraceNS::kTracePathChars] = L"sentinel";
+            ImportFault<decltype(&::GetModuleFileNameW)> fault("GetModuleFileNameW", answer, ERROR_INSUFFICIENT_BUFFER,
+                                                               failing);
+            EXPECT_FALSE(NVTraceNS::BuildTracePath(key.get(), path)) << "failing call " << failing << ", " << answer;
+            EXPECT_STREQ(L"", path);
+            EXPECT_EQ(failing, fault.calls());
+        }
     }
+}
+
+TEST_F(TraceFacilityTest, StringSettingWithoutAKeyIsAbsentAndEmpty)
+{
+    wchar_t value[NVTraceNS::kTracePathChars] = L"sentinel";
+    EXPECT_FALSE(NVTraceNS::ReadStringSetting(nullptr, L"FileName", value));
+    EXPECT_STREQ(L"", value);
 }
 
 TEST_F(TraceFacilityTest, LineThatCannotBeWrittenAsUtf8IsWrittenEmpty)
@@ -1182,8 +1191,11 @@ TEST_F(TraceFacilityTest, OutputIsNoneWithoutTheTracingKeyOrItsDoTrace)
     EXPECT_NE(nullptr, dynamic_cast<NVTraceNS::CNoOutput*>(NVTraceNS::GetOutput()));
 
     SetDword(kTracing, L"DoTrace", 1, kViewNative);
+    SetString(kTracing, L"FileName", trace.path(), kViewNative);
     TraceCapture::ResetInProcess();
     EXPECT_NE(nullptr, dynamic_cast<NVTraceNS::CFileOutput*>(NVTraceNS::GetOutput()));
+    TraceCapture::ResetInProcess();
+    EXPECT_TRUE(trace.FileExists());
 }
 
 TEST_F(TraceFacilityTest, NoOutputThatCannotBeAllocatedIsMadeAtTheNextCall)

@@ -693,6 +693,20 @@ TEST_F(TraceFileCheckTest, ExistingFileWhoseOwnerCannotBeReadOrWrittenAsTextIsRe
     }
 }
 
+TEST_F(TraceFileCheckTest, ExistingFileWhoseDescriptorNamesNoOwnerIsRefusedAsForeign)
+{
+    const std::wstring file = dir + L"\\plain\\host.trc3";
+    WriteBytes(file, kPrecious);
+    // The owner cannot be taken from the descriptor, or the descriptor names none.
+    for (BOOL answer : {FALSE, TRUE}) {
+        ImportFault<decltype(&::GetSecurityDescriptorOwner)> fault("GetSecurityDescriptorOwner", answer,
+                                                                   ERROR_INVALID_SECURITY_DESCR);
+        ExpectRefusedAndUntouched(file, TraceFileVerdict::ForeignOwner, kPrecious, __LINE__);
+        EXPECT_EQ(1u, fault.calls()) << answer;
+    }
+    EXPECT_EQ(TraceFileVerdict::Accepted, NVTraceNS::ProbeTraceFile(file.c_str()));
+}
+
 TEST_F(TraceFileCheckTest, FileOfThisAccountIsRefusedWhenTheProcesssUserCannotBeRead)
 {
     const std::wstring file = dir + L"\\plain\\host.trc3";
@@ -743,6 +757,14 @@ TEST_F(TraceFileCheckTest, AcceptedFileThatCannotBeHeldOrEmptiedGivesNoHandleAnd
         EXPECT_EQ(TraceFileVerdict::Accepted, verdict) << "failing ReOpenFile call " << failing;
         EXPECT_EQ(failing, fault.calls());
         EXPECT_EQ(kPrecious, ReadBytes(file)) << "failing ReOpenFile call " << failing;
+    }
+    {
+        ImportFault<decltype(&::SetEndOfFile)> fault("SetEndOfFile", FALSE, ERROR_ACCESS_DENIED);
+        TraceFileVerdict verdict = TraceFileVerdict::Redirected;
+        EXPECT_EQ(INVALID_HANDLE_VALUE, NVTraceNS::OpenCheckedTraceFile(file.c_str(), FILE_APPEND_DATA, false, &verdict));
+        EXPECT_EQ(TraceFileVerdict::Accepted, verdict);
+        EXPECT_EQ(1u, fault.calls());
+        EXPECT_EQ(kPrecious, ReadBytes(file));
     }
 }
 
