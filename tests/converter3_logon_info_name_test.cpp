@@ -9,6 +9,7 @@
 #include "converter3/logoninfoname.h"
 #include "support/registry_sandbox.h"
 #include "support/db_paths.h"
+#include "support/import_fault.h"
 
 using namespace nvtest;
 
@@ -95,6 +96,15 @@ TEST_F(LogonInfoNameTest, NameEndsAtTheFirstZero)
 {
     SetBinary(kPolicyDefaultPath, kValue, Raw(std::wstring(L"Pri\0mary\0", 9)), kViewNative, REG_SZ);
     EXPECT_EQ(L"Pri", nvconv3::ReadLogonInfoNamePolicy());
+}
+
+TEST_F(LogonInfoNameTest, ValueThatCannotBeReadAfterItsSizeGivesSystemLogonInfo)
+{
+    SetString(kPolicyDefaultPath, kValue, L"Primary", kViewNative);
+    // The size query answers; the read of the value then fails.
+    nvtest::ImportFault<decltype(&::RegQueryValueExW)> fault("RegQueryValueExW", ERROR_ACCESS_DENIED, 0, 2);
+    EXPECT_EQ(L"SystemLogonInfo", nvconv3::ReadLogonInfoNamePolicy());
+    EXPECT_EQ(1u, fault.failed());
 }
 
 TEST_F(LogonInfoNameTest, PolicyInThe32BitViewOnlyIsNotSeen)

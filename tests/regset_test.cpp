@@ -40,13 +40,14 @@ struct FakeNet {
     static NET_API_STATUS status101;
     static DWORD type;
     static std::wstring domain;
-    static NET_API_STATUS wkstaStatus;
-    static bool nullDomain;
-    // Calls that answer success without a buffer.
-    static bool nullBuffers;
-    static bool nullWkstaBuffer;
     static int freed;
     static int allocated;
+    // Answers the platform does not give here: success without a buffer, and a
+    // workstation call that fails or names no domain.
+    static bool serverWithoutBuffer;
+    static NET_API_STATUS wkstaStatus;
+    static bool wkstaWithoutBuffer;
+    static bool wkstaWithoutDomain;
 
     static NET_API_STATUS WINAPI ServerGetInfo(LMSTR server, DWORD level, LPBYTE* buf)
     {
@@ -55,10 +56,8 @@ struct FakeNet {
         const NET_API_STATUS status = level == 102 ? status102 : status101;
         if (status != NERR_Success)
             return status;
-        if (nullBuffers) {
-            *buf = nullptr;
+        if (serverWithoutBuffer)
             return NERR_Success;
-        }
         if (level == 102) {
             auto* info = static_cast<SERVER_INFO_102*>(::LocalAlloc(LPTR, sizeof(SERVER_INFO_102)));
             info->sv102_type = type;
@@ -77,12 +76,10 @@ struct FakeNet {
         EXPECT_EQ(100u, level);
         if (wkstaStatus != NERR_Success)
             return wkstaStatus;
-        if (nullBuffers || nullWkstaBuffer) {
-            *buf = nullptr;
+        if (wkstaWithoutBuffer)
             return NERR_Success;
-        }
         auto* info = static_cast<WKSTA_INFO_100*>(::LocalAlloc(LPTR, sizeof(WKSTA_INFO_100)));
-        info->wki100_langroup = nullDomain ? nullptr : const_cast<LMSTR>(domain.c_str());
+        info->wki100_langroup = wkstaWithoutDomain ? nullptr : const_cast<LMSTR>(domain.c_str());
         *buf = reinterpret_cast<LPBYTE>(info);
         ++allocated;
         return NERR_Success;
@@ -99,12 +96,12 @@ NET_API_STATUS FakeNet::status102 = NERR_Success;
 NET_API_STATUS FakeNet::status101 = NERR_Success;
 DWORD FakeNet::type = 0;
 std::wstring FakeNet::domain;
-NET_API_STATUS FakeNet::wkstaStatus = NERR_Success;
-bool FakeNet::nullDomain = false;
-bool FakeNet::nullBuffers = false;
-bool FakeNet::nullWkstaBuffer = false;
 int FakeNet::freed = 0;
 int FakeNet::allocated = 0;
+bool FakeNet::serverWithoutBuffer = false;
+NET_API_STATUS FakeNet::wkstaStatus = NERR_Success;
+bool FakeNet::wkstaWithoutBuffer = false;
+bool FakeNet::wkstaWithoutDomain = false;
 
 class RegSetTest : public RegistrySandbox {
 protected:
@@ -121,11 +118,11 @@ protected:
         FakeNet::status101 = NERR_Success;
         FakeNet::type = type;
         FakeNet::domain = domain;
-        FakeNet::wkstaStatus = NERR_Success;
-        FakeNet::nullDomain = false;
-        FakeNet::nullBuffers = false;
-        FakeNet::nullWkstaBuffer = false;
         FakeNet::freed = FakeNet::allocated = 0;
+        FakeNet::serverWithoutBuffer = false;
+        FakeNet::wkstaStatus = NERR_Success;
+        FakeNet::wkstaWithoutBuffer = false;
+        FakeNet::wkstaWithoutDomain = false;
         CNVDBRegSet::s_netApi = {&FakeNet::ServerGetInfo, &FakeNet::WkstaGetInfo, &FakeNet::BufferFree};
     }
 
@@ -268,7 +265,21 @@ TEST_F(RegSetTest, MemberServerComparesWithTheComputerName)
     EXPECT_EQ(1, FakeNet::freed);
 }
 
-TEST_F(RegSetTest, AServerTypeThatCannotBeReadCountsAsAMemberAndIsAskedAgain)
+TEST_F(RegSetTest, ServerAnswersWithoutABufferCountAsNoAnswerAndTheComputerNameIsUsed)
+{
+    PlayDomainController(SV_TYPE_DOMAIN_CTRL, L"CORPDOM", false);
+    FakeNet::serverWithoutBuffer = true;
+    for (int round = 0; round < 2; ++round) {
+        CNVDBRegSet set;
+        ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
+        EXPECT_EQ(L"SOFTWARE\\Norvane\\DB\\MainDB\\Users", set.GetUsersPath());
+    }
+    // Both levels asked each time: the type was never read.
+    EXPECT_EQ((std::vector<DWORD>{102, 101, 102, 101}), FakeNet::serverLevels);
+    EXPECT_EQ(0, FakeNet::allocated);
+}
+
+TEST_F(RegSetTest, AServerTypeThatCannotBeReadIsAskedAgainWithinAConversion)
 {
     PlayDomainController(SV_TYPE_DOMAIN_CTRL, L"CORPDOM", true);
     FakeNet::status101 = static_cast<NET_API_STATUS>(ERROR_ACCESS_DENIED);
@@ -276,44 +287,27 @@ TEST_F(RegSetTest, AServerTypeThatCannotBeReadCountsAsAMemberAndIsAskedAgain)
     for (int i = 0; i < 2; ++i) {
         CNVDBRegSet set;
         ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
-        EXPECT_EQ(std::wstring(kMainUsers), set.GetUsersPath());
+        EXPECT_EQ(L"SOFTWARE\\Norvane\\DB\\MainDB\\Users", set.GetUsersPath());
     }
-    // Not kept by the scope: both levels are asked on each open.
+    // Not kept by the conversion's scope: both levels are asked on each open.
     EXPECT_EQ((std::vector<DWORD>{102, 101, 102, 101}), FakeNet::serverLevels);
-    EXPECT_EQ(0, FakeNet::freed);
 }
 
-TEST_F(RegSetTest, AnAnswerWithoutABufferIsNoAnswer)
+TEST_F(RegSetTest, DomainControllerWithoutItsDomainsNameHasNoLocalStore)
 {
-    PlayDomainController(SV_TYPE_DOMAIN_CTRL, L"CORPDOM", false);
-    FakeNet::nullBuffers = true;
-    CNVDBRegSet set;
-    // Taken for a member: the computer's own name is the local store.
-    ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
-    EXPECT_EQ(std::wstring(kMainUsers), set.GetUsersPath());
-    EXPECT_EQ((std::vector<DWORD>{102, 101}), FakeNet::serverLevels);
-}
-
-TEST_F(RegSetTest, DomainControllerWithoutItsDomainNameHasNoLocalStore)
-{
-    for (int round = 0; round < 3; ++round) {
-        SCOPED_TRACE(round == 0 ? "workstation info fails" : round == 1 ? "no buffer" : "no domain name");
+    for (int answer = 0; answer < 3; ++answer) {
+        SCOPED_TRACE(answer == 0 ? "call fails" : answer == 1 ? "no buffer" : "no domain name");
         PlayDomainController(SV_TYPE_DOMAIN_CTRL, L"CORPDOM", false);
-        FakeNet::wkstaStatus = round == 0 ? static_cast<NET_API_STATUS>(ERROR_ACCESS_DENIED) : NERR_Success;
-        FakeNet::nullWkstaBuffer = round == 1;
-        FakeNet::nullDomain = round == 2;
-        nv::CConversionScope scope;
-        {
+        FakeNet::wkstaStatus = answer == 0 ? static_cast<NET_API_STATUS>(ERROR_ACCESS_DENIED) : NERR_Success;
+        FakeNet::wkstaWithoutBuffer = answer == 1;
+        FakeNet::wkstaWithoutDomain = answer == 2;
+        // Neither the domain's nor the computer's name is the local store.
+        for (const std::wstring& name : {std::wstring(L"CORPDOM"), ComputerName()}) {
             CNVDBRegSet set;
-            ASSERT_EQ(S_OK, set.Open(ComputerName().c_str(), 0));
-            EXPECT_EQ(L"SOFTWARE\\Norvane\\DB\\Cache\\" + ComputerName() + L"\\Users", set.GetUsersPath());
+            ASSERT_EQ(S_OK, set.Open(name.c_str(), 0));
+            EXPECT_EQ(L"SOFTWARE\\Norvane\\DB\\Cache\\" + name + L"\\Users", set.GetUsersPath());
         }
-        CNVDBRegSet set;
-        ASSERT_EQ(S_OK, set.Open(L"", 0));
-        EXPECT_EQ(L"SOFTWARE\\Norvane\\DB\\Cache\\\\Users", set.GetUsersPath());
-        // A domain name that is missing from an answer is kept as that answer; a
-        // failed call is asked again.
-        EXPECT_EQ((round == 2 ? std::vector<DWORD>{102} : std::vector<DWORD>{102, 102}), FakeNet::serverLevels);
+        EXPECT_EQ(FakeNet::allocated, FakeNet::freed);
     }
 }
 

@@ -297,10 +297,9 @@ TEST(ProviderCacheTest, KeepsFourContainersAndOpensAnyOtherEachTime)
     }
 }
 
-TEST(ProviderCacheTest, ANameLongerThanAHostContainerNameOrAFailedReferenceIsNotShared)
+TEST(ProviderCacheTest, ANameLongerThanAHostContainerNameIsNotShared)
 {
-    NamedContainers containers({L"A container name longer than any host identifier's text",
-                                L"{7E57CA00-0000-4000-8000-000000000006}"});
+    NamedContainers containers({L"A container name longer than any host identifier's text"});
     nvsecurity::CProviderCache cache;
     ImportFault<decltype(&::CryptAcquireContextW)> opens("CryptAcquireContextW", FALSE, ERROR_SUCCESS, UINT_MAX);
     HCRYPTPROV a = 0, b = 0;
@@ -308,40 +307,9 @@ TEST(ProviderCacheTest, ANameLongerThanAHostContainerNameOrAFailedReferenceIsNot
     ASSERT_TRUE(nvsecurity::CProviderCache::AcquireMachineContainer(containers[0].c_str(), &b));
     EXPECT_EQ(2u, opens.calls());
     EXPECT_NE(a, b);
+    EXPECT_EQ(Narrow(containers[0]), ContainerOf(b));
     ::CryptReleaseContext(a, 0);
     ::CryptReleaseContext(b, 0);
-    {
-        // The cache's own reference cannot be had: the caller still gets the container.
-        ImportFault<decltype(&::CryptContextAddRef)> noRef("CryptContextAddRef", FALSE, NTE_NO_MEMORY);
-        ASSERT_TRUE(nvsecurity::CProviderCache::AcquireMachineContainer(containers[1].c_str(), &a));
-        EXPECT_EQ(1u, noRef.failed());
-    }
-    ASSERT_TRUE(nvsecurity::CProviderCache::AcquireMachineContainer(containers[1].c_str(), &b));
-    EXPECT_EQ(4u, opens.calls()) << "a container whose reference failed was kept";
-    EXPECT_NE(a, b);
-    EXPECT_EQ(Narrow(containers[1]), ContainerOf(b));
-    ::CryptReleaseContext(a, 0);
-    ::CryptReleaseContext(b, 0);
-}
-
-TEST(ProviderCacheTest, HostContainersAreKeptForFourViewsWhileACacheLives)
-{
-    wchar_t name[nvsecurity::kContainerNameChars] = L"{7E57CA00-0000-4000-8000-000000000007}";
-    wchar_t found[nvsecurity::kContainerNameChars] = {};
-    // Without a cache nothing is kept.
-    nvsecurity::CProviderCache::RememberHostContainer(KEY_WOW64_32KEY, name);
-    EXPECT_FALSE(nvsecurity::CProviderCache::FindHostContainer(KEY_WOW64_32KEY, found));
-    nvsecurity::CProviderCache cache;
-    const REGSAM views[] = {KEY_WOW64_32KEY, KEY_WOW64_64KEY, 0, KEY_WOW64_32KEY | KEY_WOW64_64KEY, KEY_READ};
-    for (size_t i = 0; i < 5; ++i) {
-        name[1] = static_cast<wchar_t>(L'A' + i);
-        nvsecurity::CProviderCache::RememberHostContainer(views[i], name);
-    }
-    for (size_t i = 0; i < 4; ++i) {
-        ASSERT_TRUE(nvsecurity::CProviderCache::FindHostContainer(views[i], found)) << i;
-        EXPECT_EQ(static_cast<wchar_t>(L'A' + i), found[1]) << i;
-    }
-    EXPECT_FALSE(nvsecurity::CProviderCache::FindHostContainer(views[4], found)) << "a fifth view was kept";
 }
 
 TEST_F(SecurityContextTest, WithoutACacheEveryContextReadsTheHostKey)
@@ -616,6 +584,22 @@ TEST_F(SecurityContextHostIdTest, FreshHostIdThatDoesNotReadBackFailsWithEFailAn
     CFPSecurityContext again;
     ASSERT_EQ(S_OK, again.FinalConstruct(kView32));
     EXPECT_EQ(Narrow(ContainerName(written)), ContainerOf(again.Provider()));
+}
+
+TEST_F(SecurityContextHostIdTest, AHostKeyCreatedWithoutAHandleFailsWithEFailAndWritesNothing)
+{
+    // The system answers the creation as done but hands back no key: nothing can be
+    // read or written through it, so the construction ends there.
+    ASSERT_FALSE(KeyExists(kHostKey, kView32));
+    CFPSecurityContext ctx;
+    {
+        ImportFault<decltype(&::RegCreateKeyExW)> fault("RegCreateKeyExW", ERROR_SUCCESS, ERROR_SUCCESS, 1);
+        EXPECT_EQ(E_FAIL, ctx.FinalConstruct(kView32));
+        EXPECT_EQ(1u, fault.failed());
+    }
+    EXPECT_EQ(0u, ctx.Provider());
+    EXPECT_FALSE(KeyExists(kHostKey, kView32));
+    EXPECT_FALSE(KeyExists(kHostKey, kView64));
 }
 
 TEST_F(SecurityContextHostIdTest, ThrowingConstructorRaisesTheFailureAsComError)
@@ -996,4 +980,101 @@ TEST_F(SecurityContextTest, LowLevelScopesNeedVerbosityTenButTheirFailuresAlways
               }),
               trace.Lines())
         << trace.Dump();
+}
+
+TEST_F(SecurityContextTest, SignBlobWithoutBytesToSignIsAPointerErrorAndLeavesTheOutBlobAlone)
+{
+    CFPSecurityContext ctx;
+    ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+    TaskBlob out;
+    EXPECT_EQ(E_POINTER, ctx.SignBLOB(nullptr, &out, ctx.Provider(), AT_KEYEXCHANGE, nullptr));
+    EXPECT_TRUE(out.Untouched());
+}
+
+TEST_F(SecurityContextTest, AProviderThatCannotBeReleasedIsKeptForTheNextRelease)
+{
+    CFPSecurityContext ctx;
+    ASSERT_EQ(S_OK, ctx.FinalConstruct(kView32));
+    const HCRYPTPROV held = ctx.Provider();
+    {
+        ImportFault<decltype(&::CryptReleaseContext)> fault("CryptReleaseContext", FALSE, ERROR_BUSY, 1);
+        ctx.FinalRelease();
+        EXPECT_EQ(1u, fault.failed());
+    }
+    EXPECT_EQ(held, ctx.Provider());
+    DWORD cb = 0;
+    EXPECT_TRUE(::CryptGetProvParam(held, PP_CONTAINER, nullptr, &cb, 0));
+    ctx.FinalRelease();
+    EXPECT_EQ(0u, ctx.Provider());
+    EXPECT_FALSE(::CryptGetProvParam(held, PP_CONTAINER, nullptr, &cb, 0));
+}
+
+TEST_F(SecurityContextVerifyTest, AKeyBlobWithoutBytesChecksAgainstTheMachinesKey)
+{
+    CRYPT_DATA_BLOB s = Blob(m_signed);
+    BYTE unused = 0x30;
+    CRYPT_DATA_BLOB noKey{0, &unused};
+    EXPECT_EQ(S_OK, m_ctx.Verify(&s, &noKey));
+}
+
+TEST_F(SecurityContextVerifyTest, ARecordOfNoBytesImportsAsNothing)
+{
+    // A pointer without a length: no record, as a null one.
+    CRYPT_DATA_BLOB record{0, m_signed.data()};
+    CRYPT_DATA_BLOB data{7, reinterpret_cast<BYTE*>(static_cast<ULONG_PTR>(0xdeadbeef))};
+    GUID target = kOtherHostId, source = kOtherHostId;
+    EXPECT_EQ(S_OK, m_ctx.Import(&record, &data, &target, &source));
+    EXPECT_EQ(0u, data.cbData);
+    EXPECT_EQ(nullptr, data.pbData);
+    EXPECT_TRUE(IsEqualGUID(GUID_NULL, target));
+    EXPECT_TRUE(IsEqualGUID(GUID_NULL, source));
+}
+
+// ---- the provider cache's limits -----------------------------------------------
+
+TEST(ProviderCacheTest, FourHostContainersAreRememberedAndAFifthIsNot)
+{
+    nvsecurity::CProviderCache cache;
+    wchar_t names[5][nvsecurity::kContainerNameChars] = {L"{one}", L"{two}", L"{three}", L"{four}", L"{five}"};
+    for (REGSAM view = 1; view <= 5; ++view)
+        nvsecurity::CProviderCache::RememberHostContainer(view, names[view - 1]);
+    for (REGSAM view = 1; view <= 4; ++view) {
+        wchar_t found[nvsecurity::kContainerNameChars] = L"sentinel";
+        EXPECT_TRUE(nvsecurity::CProviderCache::FindHostContainer(view, found)) << view;
+        EXPECT_STREQ(names[view - 1], found);
+    }
+    wchar_t found[nvsecurity::kContainerNameChars] = L"sentinel";
+    EXPECT_FALSE(nvsecurity::CProviderCache::FindHostContainer(5, found));
+    EXPECT_STREQ(L"sentinel", found);
+}
+
+TEST(ProviderCacheTest, WithoutACacheNothingIsRemembered)
+{
+    wchar_t name[nvsecurity::kContainerNameChars] = L"{one}";
+    nvsecurity::CProviderCache::RememberHostContainer(1, name);
+    wchar_t found[nvsecurity::kContainerNameChars] = L"sentinel";
+    EXPECT_FALSE(nvsecurity::CProviderCache::FindHostContainer(1, found));
+    EXPECT_STREQ(L"sentinel", found);
+}
+
+TEST_F(SecurityContextTest, AProviderTheCacheCannotTakeAReferenceOnIsNotShared)
+{
+    nvsecurity::CProviderCache cache;
+    const std::wstring container = Widen(kTestContainerName);
+    HCRYPTPROV first = 0;
+    {
+        ImportFault<decltype(&::CryptContextAddRef)> fault("CryptContextAddRef", FALSE, ERROR_NOT_ENOUGH_MEMORY, 1);
+        ASSERT_TRUE(nvsecurity::CProviderCache::AcquireMachineContainer(container.c_str(), &first));
+        EXPECT_EQ(1u, fault.failed());
+    }
+    HCRYPTPROV second = 0;
+    ASSERT_TRUE(nvsecurity::CProviderCache::AcquireMachineContainer(container.c_str(), &second));
+    EXPECT_NE(first, second);
+    HCRYPTPROV third = 0;
+    ASSERT_TRUE(nvsecurity::CProviderCache::AcquireMachineContainer(container.c_str(), &third));
+    EXPECT_EQ(second, third);
+    EXPECT_EQ(kTestContainerName, ContainerOf(first));
+    EXPECT_TRUE(::CryptReleaseContext(first, 0));
+    EXPECT_TRUE(::CryptReleaseContext(second, 0));
+    EXPECT_TRUE(::CryptReleaseContext(third, 0));
 }

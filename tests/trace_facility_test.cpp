@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstddef>
 #include <cstring>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -1057,15 +1059,24 @@ TEST_F(TraceFacilityTest, PatternPathIsNotMadeWithoutTheHostsOrTheLibrarysFileNa
     DeleteValue(kTracing, L"FileName", kViewNative);
     nv::unique_hkey key;
     ASSERT_EQ(ERROR_SUCCESS, NVTraceNS::OpenTracingKey(key.put()));
-    // The host's name, then the library's.
-    for (unsigned failing : {1u, 2u}) {
-        wchar_t path[NVTraceNS::kTracePathChars] = L"sentinel";
-        ImportFault<decltype(&::GetModuleFileNameW)> fault("GetModuleFileNameW", 0, ERROR_INSUFFICIENT_BUFFER,
-                                                           failing);
-        EXPECT_FALSE(NVTraceNS::BuildTracePath(key.get(), path)) << "failing call " << failing;
-        EXPECT_STREQ(L"", path);
-        EXPECT_EQ(failing, fault.calls());
+    // The host's name, then the library's; not given, or cut to the buffer.
+    for (DWORD answer : {DWORD{0}, DWORD{MAX_PATH}}) {
+        for (unsigned failing : {1u, 2u}) {
+            wchar_t path[NVTraceNS::kTracePathChars] = L"sentinel";
+            ImportFault<decltype(&::GetModuleFileNameW)> fault("GetModuleFileNameW", answer, ERROR_INSUFFICIENT_BUFFER,
+                                                               failing);
+            EXPECT_FALSE(NVTraceNS::BuildTracePath(key.get(), path)) << "failing call " << failing << ", " << answer;
+            EXPECT_STREQ(L"", path);
+            EXPECT_EQ(failing, fault.calls());
+        }
     }
+}
+
+TEST_F(TraceFacilityTest, StringSettingWithoutAKeyIsAbsentAndEmpty)
+{
+    wchar_t value[NVTraceNS::kTracePathChars] = L"sentinel";
+    EXPECT_FALSE(NVTraceNS::ReadStringSetting(nullptr, L"FileName", value));
+    EXPECT_STREQ(L"", value);
 }
 
 TEST_F(TraceFacilityTest, LineThatCannotBeWrittenAsUtf8IsWrittenEmpty)
@@ -1080,4 +1091,159 @@ TEST_F(TraceFacilityTest, LineThatCannotBeWrittenAsUtf8IsWrittenEmpty)
         NVTraceNS::Trace(scope, 0, "value %d", 6);
     }
     EXPECT_EQ((std::vector<std::string>{"> CFoo::Bar", "U ", "U value 6", "<"}), trace.Lines()) << trace.Dump();
+}
+
+TEST_F(TraceFacilityTest, ComponentWhoseFileNameCannotBeReadIsNotNamedByTheComponentsList)
+{
+    SetDword(L"SOFTWARE\\Norvane\\Tracing\\Components", Widen(kComponent).c_str(), 0, kViewNative);
+    TraceCapture::ResetInProcess();
+    {
+        // The first call is the settings' reading of this component's name.
+        ImportFault<decltype(&::GetModuleFileNameW)> fault("GetModuleFileNameW", 0, ERROR_INSUFFICIENT_BUFFER, 1);
+        OneScope();
+        EXPECT_EQ(1u, fault.failed());
+    }
+    // Unnamed, it matches no entry: the list switches it off, the result still shows.
+    EXPECT_EQ((std::vector<std::string>{"E -2147467259 "}), trace.Lines()) << trace.Dump();
+}
+
+TEST_F(TraceFacilityTest, ComponentWhoseFileNameIsCutIsNotSwitchedOffByComponentsNot)
+{
+    SetDword(L"SOFTWARE\\Norvane\\Tracing\\ComponentsNOT", Widen(kComponent).c_str(), 0, kViewNative);
+    TraceCapture::ResetInProcess();
+    {
+        // A name that filled the whole buffer was cut: it is not taken.
+        ImportFault<decltype(&::GetModuleFileNameW)> fault("GetModuleFileNameW", MAX_PATH, ERROR_INSUFFICIENT_BUFFER,
+                                                           1);
+        OneScope();
+        EXPECT_EQ(1u, fault.failed());
+    }
+    EXPECT_EQ(OneScopeLines(), trace.Lines()) << trace.Dump();
+}
+
+TEST_F(TraceFacilityTest, RecordTextOver400BytesIsCutTo400)
+{
+    // No kind of record carries more than 399 bytes (the decoder refuses more), so
+    // the record is checked byte by byte: its head and its text, cut to the 400 bytes
+    // the record buffer holds, in the file's scrambled form.
+    NVTraceNS::WriteRecord(NVTraceNS::kKindLine, "head", 4);
+    const std::size_t at = trace.Bytes().size();
+    std::string text(450, 'x');
+    text[399] = 'y';
+    text[400] = 'z';
+    NVTraceNS::WriteRecord(NVTraceNS::kKindLine, text.data(), text.size());
+
+    const std::vector<std::uint8_t> bytes = trace.Bytes();
+    ASSERT_EQ(at + 7 + 400, bytes.size());
+    const DWORD tid = ::GetCurrentThreadId();
+    const std::vector<std::uint8_t> head = {static_cast<std::uint8_t>(tid), static_cast<std::uint8_t>(tid >> 8),
+                                            static_cast<std::uint8_t>(tid >> 16),
+                                            static_cast<std::uint8_t>(tid >> 24), 'U', 0x90, 0x01};
+    EXPECT_EQ(head, std::vector<std::uint8_t>(bytes.begin() + static_cast<long>(at),
+                                              bytes.begin() + static_cast<long>(at + 7)));
+    std::vector<std::uint8_t> expected(text.begin(), text.begin() + 400);
+    NVTraceNS::ScrambleRecordText(expected.data(), expected.size());
+    EXPECT_EQ(expected, std::vector<std::uint8_t>(bytes.begin() + static_cast<long>(at + 7), bytes.end()));
+}
+
+namespace {
+
+// An output that counts its end.
+class CountedOutput : public NVTraceNS::COutput {
+public:
+    explicit CountedOutput(int* ended) : m_ended(ended) {}
+    ~CountedOutput() override { ++*m_ended; }
+    void Write(const void*, std::size_t) override {}
+
+private:
+    int* m_ended;
+};
+
+} // namespace
+
+TEST_F(TraceFacilityTest, TraceLockDestructionEndsItsOutputAndRefusesEveryLaterEntry)
+{
+    int ended = 0;
+    NVTraceNS::COutput* output = new CountedOutput(&ended);
+    alignas(NVTraceNS::CTraceLock) unsigned char storage[sizeof(NVTraceNS::CTraceLock)];
+    auto* lock = new (storage) NVTraceNS::CTraceLock(output);
+    ASSERT_TRUE(lock->Enter());
+    lock->Leave();
+    EXPECT_EQ(0, ended);
+
+    lock->~CTraceLock();
+    EXPECT_EQ(1, ended);
+    EXPECT_EQ(nullptr, output);
+    // Asked after its end, as the library's own lock is while the process ends.
+    EXPECT_FALSE(lock->Enter());
+}
+
+TEST_F(TraceFacilityTest, OutputIsNoneWithoutTheTracingKeyOrItsDoTrace)
+{
+    // Made at the first call, from the settings as they stand then.
+    DeleteTree(kTracing, kViewNative);
+    TraceCapture::ResetInProcess();
+    EXPECT_NE(nullptr, dynamic_cast<NVTraceNS::CNoOutput*>(NVTraceNS::GetOutput()));
+
+    CreateKeyPath(kTracing, kViewNative);
+    SetDword(kTracing, L"TraceToFile", 1, kViewNative);
+    TraceCapture::ResetInProcess();
+    EXPECT_NE(nullptr, dynamic_cast<NVTraceNS::CNoOutput*>(NVTraceNS::GetOutput()));
+
+    SetDword(kTracing, L"DoTrace", 1, kViewNative);
+    SetString(kTracing, L"FileName", trace.path(), kViewNative);
+    TraceCapture::ResetInProcess();
+    EXPECT_NE(nullptr, dynamic_cast<NVTraceNS::CFileOutput*>(NVTraceNS::GetOutput()));
+    TraceCapture::ResetInProcess();
+    EXPECT_TRUE(trace.FileExists());
+}
+
+TEST_F(TraceFacilityTest, NoOutputThatCannotBeAllocatedIsMadeAtTheNextCall)
+{
+    SetDword(kTracing, L"DoTrace", 0, kViewNative);
+    TraceCapture::ResetInProcess();
+    {
+        AllocationFaults oom(1, sizeof(NVTraceNS::CNoOutput));
+        EXPECT_EQ(nullptr, NVTraceNS::GetOutput());
+        EXPECT_EQ(1u, oom.failed());
+    }
+    EXPECT_NE(nullptr, dynamic_cast<NVTraceNS::CNoOutput*>(NVTraceNS::GetOutput()));
+}
+
+TEST_F(TraceFacilityTest, DoProfilingZeroKeepsTheLines)
+{
+    SetDword(kTracing, L"DoProfiling", 0, kViewNative);
+    TraceCapture::ResetInProcess();
+    OneScope();
+    EXPECT_EQ(OneScopeLines(), trace.Lines());
+}
+
+TEST_F(TraceFacilityTest, FileOutputWritesNothingForANullRecordOrOneOver4GiB)
+{
+    {
+        NVTraceNS::CFileOutput output;
+        ASSERT_NE(INVALID_HANDLE_VALUE, output.m_hFile);
+        const std::size_t header = trace.Bytes().size();
+        std::uint8_t record[NVTraceNS::kRecordHeadSize] = {1, 0, 0, 0, '<', 0, 0};
+        output.Write(nullptr, sizeof(record));
+        output.Write(record, std::size_t{0x100000000ull});
+        EXPECT_EQ(header, trace.Bytes().size());
+        output.Write(record, sizeof(record));
+        EXPECT_EQ(header + sizeof(record), trace.Bytes().size());
+    }
+}
+
+TEST_F(TraceFacilityTest, DirectoryCreationDoesNothingWithoutAPath)
+{
+    // Run in an empty current folder, where a relative path would be made.
+    const std::wstring dir = TempDir() + L"nvnopath_" + std::to_wstring(::GetCurrentProcessId());
+    ASSERT_TRUE(::CreateDirectoryW(dir.c_str(), nullptr));
+    wchar_t previous[MAX_PATH];
+    ::GetCurrentDirectoryW(MAX_PATH, previous);
+    ASSERT_TRUE(::SetCurrentDirectoryW(dir.c_str()));
+    NVTraceNS::CreateTraceDirectories(nullptr);
+    NVTraceNS::CreateTraceDirectories(L"");
+    ::SetCurrentDirectoryW(previous);
+    // Empty: the folder can be removed.
+    EXPECT_TRUE(::RemoveDirectoryW(dir.c_str()));
 }

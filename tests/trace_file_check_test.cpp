@@ -693,6 +693,20 @@ TEST_F(TraceFileCheckTest, ExistingFileWhoseOwnerCannotBeReadOrWrittenAsTextIsRe
     }
 }
 
+TEST_F(TraceFileCheckTest, ExistingFileWhoseDescriptorNamesNoOwnerIsRefusedAsForeign)
+{
+    const std::wstring file = dir + L"\\plain\\host.trc3";
+    WriteBytes(file, kPrecious);
+    // The owner cannot be taken from the descriptor, or the descriptor names none.
+    for (BOOL answer : {FALSE, TRUE}) {
+        ImportFault<decltype(&::GetSecurityDescriptorOwner)> fault("GetSecurityDescriptorOwner", answer,
+                                                                   ERROR_INVALID_SECURITY_DESCR);
+        ExpectRefusedAndUntouched(file, TraceFileVerdict::ForeignOwner, kPrecious, __LINE__);
+        EXPECT_EQ(1u, fault.calls()) << answer;
+    }
+    EXPECT_EQ(TraceFileVerdict::Accepted, NVTraceNS::ProbeTraceFile(file.c_str()));
+}
+
 TEST_F(TraceFileCheckTest, FileOfThisAccountIsRefusedWhenTheProcesssUserCannotBeRead)
 {
     const std::wstring file = dir + L"\\plain\\host.trc3";
@@ -744,6 +758,14 @@ TEST_F(TraceFileCheckTest, AcceptedFileThatCannotBeHeldOrEmptiedGivesNoHandleAnd
         EXPECT_EQ(failing, fault.calls());
         EXPECT_EQ(kPrecious, ReadBytes(file)) << "failing ReOpenFile call " << failing;
     }
+    {
+        ImportFault<decltype(&::SetEndOfFile)> fault("SetEndOfFile", FALSE, ERROR_ACCESS_DENIED);
+        TraceFileVerdict verdict = TraceFileVerdict::Redirected;
+        EXPECT_EQ(INVALID_HANDLE_VALUE, NVTraceNS::OpenCheckedTraceFile(file.c_str(), FILE_APPEND_DATA, false, &verdict));
+        EXPECT_EQ(TraceFileVerdict::Accepted, verdict);
+        EXPECT_EQ(1u, fault.calls());
+        EXPECT_EQ(kPrecious, ReadBytes(file));
+    }
 }
 
 TEST_F(TraceFileCheckTest, ProbeOnADriveThatDoesNotExistFindsNothingToRefuse)
@@ -762,4 +784,13 @@ TEST_F(TraceFileCheckTest, NoFolderIsMadeForTracePathWhenItsSecurityCannotBeBuil
     NVTraceNS::CreateTraceDirectories((logs + L"\\setup").c_str());
     EXPECT_EQ(2u, fault.calls());
     EXPECT_FALSE(Exists(logs));
+}
+
+TEST(TraceFileVerdictTest, OnlyTheLettersAToZInEitherCaseNameADrive)
+{
+    // Either side of each letter range: a digit, '[' and '`' between the ranges, '{'.
+    for (const wchar_t* path : {L"1:\\t.trc3", L"@:\\t.trc3", L"[:\\t.trc3", L"`:\\t.trc3", L"{:\\t.trc3"})
+        EXPECT_FALSE(NVTraceNS::IsLocalDrivePath(path)) << Narrow(path);
+    for (const wchar_t* path : {L"A:\\t.trc3", L"Z:\\t.trc3", L"a:\\t.trc3", L"z:\\t.trc3"})
+        EXPECT_TRUE(NVTraceNS::IsLocalDrivePath(path)) << Narrow(path);
 }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "support/import_fault.h"
+#include "support/import_patch.h"
 #include "support/dll_loader.h"
 #include "support/trace_capture.h"
 #include "support/computer_name.h"
@@ -369,9 +370,9 @@ TEST_F(TraceHeaderTest, FileVersionIsUnknownWhenTheVersionLibraryItsFunctionsOrT
         EXPECT_EQ("FileVersion: UNKNOWN\r\n", NVTraceNS::FileVersionHeaderLine(dll.module()));
         EXPECT_EQ(1u, fault.calls());
     }
-    {
-        ImportFault<decltype(&::GetProcAddress)> fault("GetProcAddress", nullptr, ERROR_PROC_NOT_FOUND, 2);
-        EXPECT_EQ("FileVersion: UNKNOWN\r\n", NVTraceNS::FileVersionHeaderLine(dll.module()));
+    for (unsigned missing = 1; missing <= 3; ++missing) {
+        ImportFault<decltype(&::GetProcAddress)> fault("GetProcAddress", nullptr, ERROR_PROC_NOT_FOUND, missing);
+        EXPECT_EQ("FileVersion: UNKNOWN\r\n", NVTraceNS::FileVersionHeaderLine(dll.module())) << missing;
         EXPECT_EQ(3u, fault.calls()); // all three are looked up, then the missing one refused
     }
     {
@@ -379,6 +380,81 @@ TEST_F(TraceHeaderTest, FileVersionIsUnknownWhenTheVersionLibraryItsFunctionsOrT
         EXPECT_EQ("FileVersion: UNKNOWN\r\n", NVTraceNS::FileVersionHeaderLine(dll.module()));
         EXPECT_EQ(1u, fault.calls());
     }
+    {
+        // A path that filled the whole buffer was cut: not the module's.
+        ImportFault<decltype(&::GetModuleFileNameA)> fault("GetModuleFileNameA", MAX_PATH, ERROR_INSUFFICIENT_BUFFER);
+        EXPECT_EQ("FileVersion: UNKNOWN\r\n", NVTraceNS::FileVersionHeaderLine(dll.module()));
+        EXPECT_EQ(1u, fault.calls());
+    }
+}
+
+namespace {
+
+// Version.dll's functions are looked up at run time; GetProcAddress hands out a
+// stand-in for one of them.
+const char* g_standInName = nullptr;
+FARPROC g_standIn = nullptr;
+FARPROC(WINAPI* g_realGetProcAddress)(HMODULE, LPCSTR) = nullptr;
+
+FARPROC WINAPI StandInGetProcAddress(HMODULE module, LPCSTR name)
+{
+    if (!IS_INTRESOURCE(name) && std::strcmp(name, g_standInName) == 0)
+        return g_standIn;
+    return g_realGetProcAddress(module, name);
+}
+
+template <class Fn>
+std::string FileVersionLineWithStandIn(HMODULE module, const char* name, Fn standIn)
+{
+    ImportPatch patch(::GetModuleHandleW(nullptr), {{"GetProcAddress", reinterpret_cast<void*>(&StandInGetProcAddress)}});
+    EXPECT_TRUE(patch.ok());
+    g_realGetProcAddress = reinterpret_cast<FARPROC(WINAPI*)(HMODULE, LPCSTR)>(patch.Original("GetProcAddress"));
+    g_standInName = name;
+    g_standIn = reinterpret_cast<FARPROC>(reinterpret_cast<void*>(standIn));
+    return NVTraceNS::FileVersionHeaderLine(module);
+}
+
+BOOL WINAPI FailingGetFileVersionInfo(LPCSTR, DWORD, DWORD, LPVOID)
+{
+    ::SetLastError(ERROR_RESOURCE_TYPE_NOT_FOUND);
+    return FALSE;
+}
+
+BOOL WINAPI FailingVerQueryValue(LPCVOID, LPCSTR, LPVOID*, PUINT)
+{
+    return FALSE;
+}
+
+BOOL WINAPI VerQueryValueWithoutInfo(LPCVOID, LPCSTR, LPVOID* value, PUINT length)
+{
+    *value = nullptr;
+    *length = sizeof(VS_FIXEDFILEINFO);
+    return TRUE;
+}
+
+BOOL WINAPI VerQueryValueWithShortInfo(LPCVOID block, LPCSTR, LPVOID* value, PUINT length)
+{
+    *value = const_cast<LPVOID>(block);
+    *length = sizeof(VS_FIXEDFILEINFO) - 1;
+    return TRUE;
+}
+
+} // namespace
+
+TEST_F(TraceHeaderTest, FileVersionIsUnknownWhenTheVersionBlockOrItsFixedPartCannotBeRead)
+{
+    LoadedLibrary dll;
+    ASSERT_TRUE(dll.loaded());
+    EXPECT_EQ("FileVersion: UNKNOWN\r\n",
+              FileVersionLineWithStandIn(dll.module(), "GetFileVersionInfoA", &FailingGetFileVersionInfo));
+    EXPECT_EQ("FileVersion: UNKNOWN\r\n",
+              FileVersionLineWithStandIn(dll.module(), "VerQueryValueA", &FailingVerQueryValue));
+    EXPECT_EQ("FileVersion: UNKNOWN\r\n",
+              FileVersionLineWithStandIn(dll.module(), "VerQueryValueA", &VerQueryValueWithoutInfo));
+    EXPECT_EQ("FileVersion: UNKNOWN\r\n",
+              FileVersionLineWithStandIn(dll.module(), "VerQueryValueA", &VerQueryValueWithShortInfo));
+    // The stand-ins are what made the difference: the real functions read it.
+    EXPECT_EQ("FileVersion: 3.0.1.0\r\n", NVTraceNS::FileVersionHeaderLine(dll.module()));
 }
 
 TEST_F(TraceHeaderTest, MachineNameThatCannotBeReadLeavesTheLineEmpty)

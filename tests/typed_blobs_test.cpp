@@ -456,3 +456,84 @@ TEST(TypedBlobsTest, DecodingAsAStructureTheBlobsDoNotHoldIsAnInvalidArgument)
     EXPECT_EQ(E_INVALIDARG, DecodeError(bits, Bytes{0x03, 0x02, 0x00, 0xAA}));
     EXPECT_TRUE(bits.IsEmpty());
 }
+
+TEST(TypedBlobsTest, AnEmptySignedNumberIsNotTakenForMinusOne)
+{
+    // No bytes are not "all 0xFF": the coder encodes the empty value as it stands,
+    // as it does for the unsigned type.
+    EXPECT_EQ((Bytes{0x02, 0x00}), Der(CNVIntBlob()));
+    EXPECT_EQ(Der(CNVULongBlob()), Der(CNVIntBlob()));
+}
+
+TEST(TypedBlobsTest, AWideSignedNumberWhoseExtraBytesOnlyRepeatTheSignIsTaken)
+{
+    // Five content bytes, the first only the sign of the other four: INT_MIN.
+    CNVIntBlob i;
+    ASSERT_EQ(S_OK, DecodeError(i, {0x02, 0x05, 0xFF, 0x80, 0x00, 0x00, 0x00}));
+    EXPECT_EQ(INT_MIN, i.Value());
+}
+
+TEST(TypedBlobsTest, ASignedNumberWithoutContentBytesReadsAsZero)
+{
+    // The coder takes an INTEGER of no bytes; nothing to extend, so zero.
+    CNVIntBlob none;
+    ASSERT_EQ(S_OK, DecodeError(none, {0x02, 0x00}));
+    EXPECT_EQ((Bytes{0x00, 0x00, 0x00, 0x00}), ToBytes(none));
+    EXPECT_EQ(0, none.Value());
+}
+
+TEST(TypedBlobsTest, BytesGivenWithALengthOfZeroAreTooLittleData)
+{
+    CNVULongBlob u;
+    const Bytes der = {0x02, 0x01, 0x09};
+    EXPECT_EQ(CRYPT_E_ASN1_EOD, DecodeError(u, Bytes(der.begin(), der.begin())));
+    try {
+        u.Decode(der.data(), 0);
+        ADD_FAILURE() << "no exception";
+    } catch (const _com_error& e) {
+        EXPECT_EQ(CRYPT_E_ASN1_EOD, e.Error());
+    }
+    EXPECT_TRUE(u.IsEmpty());
+}
+
+TEST(TypedBlobsTest, ABlobThatClaimsItsSizeWithoutBytesIsBadData)
+{
+    CNVULongBlob number;
+    number.cbData = 4;
+    EXPECT_EQ(NTE_BAD_DATA, [&] {
+        try {
+            number.Value();
+        } catch (const _com_error& e) {
+            return e.Error();
+        }
+        return S_OK;
+    }());
+    CNVGUIDBlob guid;
+    guid.cbData = sizeof(GUID);
+    EXPECT_EQ(NTE_BAD_DATA, [&] {
+        try {
+            guid.Value();
+        } catch (const _com_error& e) {
+            return e.Error();
+        }
+        return S_OK;
+    }());
+    number.cbData = 0;
+    guid.cbData = 0;
+}
+
+TEST(TypedBlobsTest, AnEmptyStringOfAOneByteTypeDecodesAsTheEmptyString)
+{
+    // IA5String of no characters.
+    EXPECT_EQ(L"", DecodeString({0x16, 0x00}));
+}
+
+TEST(TypedBlobsTest, LengthOfAStringWithoutItsTerminatorStopsAtTheBlobsEnd)
+{
+    CNVWStrBlob s;
+    const wchar_t chars[] = {L'a', L'b', L'c'};
+    s.Assign(reinterpret_cast<const BYTE*>(chars), sizeof(chars));
+    EXPECT_EQ(3u, s.Length());
+    CNVWStrBlob terminated(L"ab");
+    EXPECT_EQ(2u, terminated.Length());
+}

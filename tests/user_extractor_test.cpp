@@ -15,6 +15,7 @@
 #include "legacydb/userextractor.h"
 #include "support/key_containers.h"
 #include "support/api_faults.h"
+#include "support/import_fault.h"
 #include "support/registry_sandbox.h"
 #include "support/template_expectations.h"
 #include "support/trace_capture.h"
@@ -352,6 +353,26 @@ TEST_F(UserExtractorTest, AMissingUsersKeyFailsWithCountZeroAndNoArray)
     EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), extractor.EnumerateUsers(&users, &count));
     EXPECT_EQ(0u, count);
     EXPECT_EQ(sentinel, users);
+}
+
+TEST_F(UserExtractorTest, AnArrayThatCannotBeAllocatedFailsWithOutOfMemoryCountZeroAndNoArray)
+{
+    Db20Database db = Write(SmallOptions(15, 2));
+    CLocalDBUserExtractor extractor;
+    auto* sentinel = reinterpret_cast<NV_USER_RECORD*>(static_cast<ULONG_PTR>(0xdeadbeef));
+    NV_USER_RECORD* users = sentinel;
+    DWORD count = 0xdeadbeef;
+    {
+        ImportFault<decltype(&::LocalAlloc)> fault("LocalAlloc", nullptr, ERROR_NOT_ENOUGH_MEMORY, 1);
+        EXPECT_EQ(E_OUTOFMEMORY, extractor.EnumerateUsers(&users, &count));
+        EXPECT_EQ(1u, fault.failed());
+    }
+    EXPECT_EQ(0u, count);
+    EXPECT_EQ(sentinel, users);
+    // Nothing was kept: the next enumeration reads both users.
+    ASSERT_EQ(S_OK, extractor.EnumerateUsers(&users, &count));
+    EXPECT_EQ(2u, count);
+    EXPECT_EQ(S_OK, extractor.FreeUsers(users));
 }
 
 TEST_F(UserExtractorTest, EveryUserIsReadIntoTheSlotOfItsKey)
@@ -1032,4 +1053,103 @@ TEST_F(UserExtractorTest, ASecondGetContentHandsOutTheSameBytesWithoutUnwrapping
     secret.m_content.Assign(reinterpret_cast<const BYTE*>("garbage"), 7);
     bool produced = false;
     EXPECT_EQ(content, ContentOf(secret, &produced));
+}
+
+TEST_F(UserExtractorTest, GetContentWithAPublicKeyRaisesEachEncodersErrorAndHandsOutNothing)
+{
+    const std::vector<BYTE> content = {'e', 'n', 'c', 'o', 'd', 'e', 'r'};
+    CNVSecretMap secrets;
+    ASSERT_NO_FATAL_FAILURE(LoadOnePlainSecret(34, content, secrets));
+    m_containers.Create(kOtherHostId);
+    std::vector<BYTE> publicKeyInfo;
+    {
+        nv::unique_hcryptprov recipient = OpenMachineContainer(kOtherHostId);
+        publicKeyInfo = PublicKeyInfoOf(recipient.get());
+    }
+    CRYPT_DATA_BLOB publicKey{static_cast<DWORD>(publicKeyInfo.size()), publicKeyInfo.data()};
+    CNVSecret& secret = *secrets.begin()->second;
+
+    // Size query and encoding of the wrapped key, of the encrypted content, of the list.
+    unsigned encodes = 0;
+    {
+        ApiFaults faults;
+        DWORD cb = 0;
+        BYTE* pb = nullptr;
+        ASSERT_TRUE(secret.GetContent(&publicKey, &cb, &pb));
+        ::CoTaskMemFree(pb);
+        encodes = faults.EncodeCalls();
+    }
+    ASSERT_EQ(6u, encodes);
+    for (unsigned n = 1; n <= encodes; ++n) {
+        SCOPED_TRACE("failing encode " + std::to_string(n));
+        ApiFaults faults;
+        faults.FailEncode(n, static_cast<DWORD>(CRYPT_E_BAD_ENCODE));
+        DWORD cb = 0xdeadbeef;
+        BYTE* pb = reinterpret_cast<BYTE*>(static_cast<ULONG_PTR>(0xdeadbeef));
+        HRESULT raised = S_OK;
+        try {
+            secret.GetContent(&publicKey, &cb, &pb);
+        } catch (const _com_error& e) {
+            raised = e.Error();
+        }
+        EXPECT_EQ(CRYPT_E_BAD_ENCODE, raised);
+        EXPECT_EQ(0xdeadbeefu, cb);
+        EXPECT_EQ(reinterpret_cast<BYTE*>(static_cast<ULONG_PTR>(0xdeadbeef)), pb);
+    }
+    bool produced = false;
+    EXPECT_EQ(content, ContentOf(secret, &produced));
+}
+
+TEST_F(UserExtractorTest, GetContentWithAKeyBlobWithoutBytesHandsOutTheContentItself)
+{
+    const std::vector<BYTE> content = {'n', 'o', '-', 'k', 'e', 'y'};
+    CNVSecretMap secrets;
+    ASSERT_NO_FATAL_FAILURE(LoadOnePlainSecret(36, content, secrets));
+    CNVSecret& secret = *secrets.begin()->second;
+    BYTE unused = 0x30;
+    for (const CRYPT_DATA_BLOB& key : {CRYPT_DATA_BLOB{0, &unused}, CRYPT_DATA_BLOB{4, nullptr}}) {
+        DWORD cb = 0;
+        BYTE* pb = nullptr;
+        ASSERT_TRUE(secret.GetContent(&key, &cb, &pb));
+        EXPECT_EQ(content, std::vector<BYTE>(pb, pb + cb));
+        ::SecureZeroMemory(pb, cb);
+        ::CoTaskMemFree(pb);
+    }
+}
+
+TEST_F(UserExtractorTest, GetContentWithAPublicKeySealsAnEmptyContentAsOnePaddingBlock)
+{
+    CNVSecretMap secrets;
+    ASSERT_NO_FATAL_FAILURE(LoadOnePlainSecret(37, {}, secrets));
+    CNVSecret& secret = *secrets.begin()->second;
+    bool produced = false;
+    ASSERT_EQ(std::vector<BYTE>{}, ContentOf(secret, &produced));
+    ASSERT_TRUE(produced);
+    m_containers.Create(kOtherHostId);
+    std::vector<BYTE> publicKeyInfo;
+    {
+        nv::unique_hcryptprov recipient = OpenMachineContainer(kOtherHostId);
+        publicKeyInfo = PublicKeyInfoOf(recipient.get());
+    }
+    CRYPT_DATA_BLOB publicKey{static_cast<DWORD>(publicKeyInfo.size()), publicKeyInfo.data()};
+    DWORD cb = 0;
+    BYTE* pb = nullptr;
+    ASSERT_TRUE(secret.GetContent(&publicKey, &cb, &pb));
+    const std::vector<BYTE> sealed(pb, pb + cb);
+    ::CoTaskMemFree(pb);
+    const std::vector<std::vector<BYTE>> items = SequenceItems(sealed);
+    ASSERT_EQ(2u, items.size());
+    std::vector<BYTE> cipher = OctetsOf(items[1]);
+    EXPECT_EQ(8u, cipher.size());
+    // Opened by the recipient: nothing.
+    nv::unique_hcryptprov recipient = OpenMachineContainer(kOtherHostId);
+    nv::unique_hcryptkey exchange;
+    ASSERT_TRUE(::CryptGetUserKey(recipient.get(), AT_KEYEXCHANGE, exchange.put()));
+    const std::vector<BYTE> keyBlob = OctetsOf(items[0]);
+    nv::unique_hcryptkey session;
+    ASSERT_TRUE(::CryptImportKey(recipient.get(), keyBlob.data(), static_cast<DWORD>(keyBlob.size()), exchange.get(),
+                                 0, session.put()));
+    DWORD cbPlain = static_cast<DWORD>(cipher.size());
+    ASSERT_TRUE(::CryptDecrypt(session.get(), 0, TRUE, 0, cipher.data(), &cbPlain));
+    EXPECT_EQ(0u, cbPlain);
 }

@@ -653,3 +653,72 @@ TEST_F(UserRecordTest, AMissingHeaderIsTracedAsInvalidArgument)
     EXPECT_EQ((std::vector<std::string>{"> CLocalDBUserExtractor::GetAccountControl", "E -2147024809 ", "<"}),
               trace.Lines());
 }
+
+TEST_F(UserRecordTest, AnEntryCountBeyondTheItemsEndsTheWalkAtTheLastItemWithoutAFallbackCounted)
+{
+    using namespace der20;
+    const Db20Template t = MakeTemplate(0, 0x5A, 6);
+    // 2^32 - 1 entries announced, one present.
+    const DerBytes list =
+        Seq({StandardHeader(), Uint(0xFFFFFFFFu), Uint(kDb20FingerprintCredentialId), Uint(1), TemplateItem(t)});
+    const DerBytes blob = Wrap(list);
+    TraceCapture trace;
+    trace.Start();
+    const DWORD lenientBefore = LegacyNVDB2::LenientReadCount();
+    const NV_USER_RECORD& r = Parse(blob);
+    EXPECT_EQ(lenientBefore, LegacyNVDB2::LenientReadCount());
+    EXPECT_EQ(0x1u, r.dwTemplateMask);
+    const CNVTemplateVector* list0 = TemplatesOf(kSid);
+    ASSERT_NE(nullptr, list0);
+    ASSERT_EQ(1u, list0->size());
+    ExpectTemplate(t, *(*list0)[0]);
+    EXPECT_EQ((std::vector<std::string>{"> CLocalDBUserExtractor::ParseUserBlob",
+                                        "> CLocalDBUserExtractor::GetAccountControl", "<",
+                                        "U # of template types: -1",
+                                        "U template type 0, cred id: 2, fingerprint", "<"}),
+              trace.Lines());
+}
+
+TEST_F(UserRecordTest, APolicyPathLongerThanTheFormatsBufferIsLookedUpCutTo259Characters)
+{
+    // No SID text is this long; a record can still carry one. The policy path is cut
+    // to the 259 characters the format's buffer holds, and the text is no SID.
+    const std::wstring accounts = std::wstring(kAccounts) + L"\\";
+    const std::wstring kept(259 - accounts.size(), L'S');
+    SetDword((accounts + kept).c_str(), L"ActCtrl", 0x2A, kView32);
+    const DerBytes list = der20::Seq({Header(der20::GuidOctets(kUserGuid), der20::Text(kept + L"-1-5-32-544")),
+                                      der20::Uint(0)});
+    const NV_USER_RECORD& r = Parse(Wrap(list));
+    EXPECT_EQ(0x2Au, r.dwAccountControl);
+    EXPECT_TRUE(IsEqualGUID(kUserGuid, r.guidUser));
+    EXPECT_EQ(L"(null)", SidOf(r));
+}
+
+TEST_F(UserRecordTest, AccountControlStepReplacesASidLeftInTheRecord)
+{
+    PSID left = nullptr;
+    ASSERT_TRUE(::ConvertStringSidToSidW(L"S-1-5-18", &left));
+    NV_USER_RECORD r{};
+    r.pSid = left;
+    const DerBytes header = StandardHeader();
+    CRYPT_DER_BLOB blob{static_cast<DWORD>(header.size()), const_cast<BYTE*>(header.data())};
+    EXPECT_EQ(S_OK, m_extractor.GetAccountControl(&blob, &r, &r.pSid, &r.dwAccountControl));
+    EXPECT_EQ(std::wstring(kSid), SidOf(r));
+
+    // An empty header leaves no SID, not the one before it.
+    CRYPT_DER_BLOB empty{0, nullptr};
+    EXPECT_EQ(S_OK, m_extractor.GetAccountControl(&empty, &r, &r.pSid, &r.dwAccountControl));
+    EXPECT_EQ(nullptr, r.pSid);
+}
+
+TEST_F(UserRecordTest, ASidTextWithACharacterOutsidePrintableAsciiGivesNoSid)
+{
+    // A control character, DEL and a letter beyond ASCII: never handed to the
+    // platform's parser.
+    for (const wchar_t* text : {L"S-1-5-\x01" L"18", L"S-1-5-18\x7F", L"S-1-5-\x00E9"}) {
+        const DerBytes list = der20::Seq({Header(der20::GuidOctets(kUserGuid), der20::Text(text)), der20::Uint(0)});
+        const NV_USER_RECORD& r = Parse(Wrap(list));
+        EXPECT_EQ(L"(null)", SidOf(r)) << Narrow(text);
+        EXPECT_TRUE(IsEqualGUID(kUserGuid, r.guidUser));
+    }
+}

@@ -4,8 +4,8 @@
 #include <cxxabi.h>
 #include <cstddef>
 #include <cstdlib>
-#include <cstring>
 
+#include "com/exceptionreserve.h"
 #include "common/threadslot.h"
 
 // The linker sends the library's (and the run-time's) calls of these names here; the
@@ -19,39 +19,9 @@ void __real_free(void* p);
 
 namespace {
 
-// Slots for exception objects: an object the library throws (std::bad_alloc, the COM
-// error carrier) and the run-time's header in front of it fit in one. A thread holds at
-// most a few at once (one in flight, one being handled); 32 cover many threads.
-constexpr std::size_t kSlotBytes = 512;
-constexpr unsigned kSlots = 32;
-alignas(16) unsigned char g_reserve[kSlots][kSlotBytes];
-volatile LONG g_slotUsed[kSlots];
-
 // Set on a thread while the run-time allocates an exception object: only those
 // allocations may fall back to the reserve.
 nv::ThreadSlot g_allocatingException;
-
-void* TakeSlot(std::size_t size) noexcept
-{
-    if (size > kSlotBytes)
-        return nullptr;
-    for (unsigned i = 0; i < kSlots; ++i)
-        if (::InterlockedCompareExchange(&g_slotUsed[i], 1, 0) == 0) {
-            std::memset(g_reserve[i], 0, kSlotBytes);
-            return g_reserve[i];
-        }
-    return nullptr;
-}
-
-bool GiveBackSlot(void* p) noexcept
-{
-    const auto* b = static_cast<unsigned char*>(p);
-    if (b < &g_reserve[0][0] || b >= &g_reserve[0][0] + sizeof(g_reserve))
-        return false;
-    const auto i = static_cast<unsigned>((b - &g_reserve[0][0]) / kSlotBytes);
-    ::InterlockedExchange(&g_slotUsed[i], 0);
-    return true;
-}
 
 class AllocatingException {
 public:
@@ -79,7 +49,7 @@ void* __wrap_malloc(std::size_t size)
 {
     void* p = __real_malloc(size);
     if (!p && g_allocatingException.Get())
-        p = TakeSlot(size);
+        p = nvframe::TakeReservedExceptionSlot(size);
     return p;
 }
 
@@ -87,7 +57,7 @@ void* __wrap_malloc(std::size_t size)
 // reserve goes back to it instead.
 void __wrap_free(void* p)
 {
-    if (!GiveBackSlot(p))
+    if (!nvframe::GiveBackReservedExceptionSlot(p))
         __real_free(p);
 }
 
@@ -101,14 +71,6 @@ void PrepareThreadForFailures() noexcept
     // function is declared free of side effects, so its result is kept to keep the call.)
     void* volatile globals = abi::__cxa_get_globals();
     (void)globals;
-}
-
-unsigned ReservedExceptionObjectsInUse() noexcept
-{
-    unsigned n = 0;
-    for (unsigned i = 0; i < kSlots; ++i)
-        n += g_slotUsed[i] != 0;
-    return n;
 }
 
 } // namespace nvframe

@@ -10,9 +10,10 @@
 //   - the thread's exception bookkeeping, kept in emulated thread-local storage that is
 //     allocated on the thread's first throw; when that fails the process aborts.
 // So the DLL links with its exception-object allocation wrapped (see the linker options of
-// the DLL target): an object malloc cannot give comes from a small lock-free reserve here,
-// and the emergency pool is never reached. And every entry point sets up the calling
-// thread's bookkeeping before it does any work, while memory is still there.
+// the DLL target): an object malloc cannot give comes from a small lock-free reserve
+// (com/exceptionreserve.h), and the emergency pool is never reached. And every entry
+// point sets up the calling thread's bookkeeping before it does any work, while memory
+// is still there.
 #pragma once
 
 namespace nvframe {
@@ -20,8 +21,5 @@ namespace nvframe {
 // Sets up the calling thread's exception bookkeeping. Cheap after the first call on a
 // thread; never throws.
 void PrepareThreadForFailures() noexcept;
-
-// Exception objects currently taken from the reserve (for tests).
-unsigned ReservedExceptionObjectsInUse() noexcept;
 
 } // namespace nvframe

@@ -11,27 +11,27 @@ namespace nv {
 inline std::wstring GuidText(const GUID& g)
 {
     static const wchar_t kHex[] = L"0123456789ABCDEF";
-    // Made in a buffer of the text's fixed length and copied once.
+    // Made in place, so that the one allocation is the string's at the end.
     wchar_t text[38];
-    size_t at = 0;
-    auto put = [&](unsigned long long value, int digits) {
+    wchar_t* at = text;
+    auto put = [&at](unsigned long long value, int digits) noexcept {
         for (int shift = (digits - 1) * 4; shift >= 0; shift -= 4)
-            text[at++] = kHex[(value >> shift) & 0xF];
+            *at++ = kHex[(value >> shift) & 0xF];
     };
-    text[at++] = L'{';
+    *at++ = L'{';
     put(g.Data1, 8);
-    text[at++] = L'-';
+    *at++ = L'-';
     put(g.Data2, 4);
-    text[at++] = L'-';
+    *at++ = L'-';
     put(g.Data3, 4);
-    text[at++] = L'-';
+    *at++ = L'-';
     put(g.Data4[0], 2);
     put(g.Data4[1], 2);
-    text[at++] = L'-';
+    *at++ = L'-';
     for (int i = 2; i < 8; ++i)
         put(g.Data4[i], 2);
-    text[at++] = L'}';
-    return std::wstring(text, at);
+    *at++ = L'}';
+    return std::wstring(text, sizeof(text) / sizeof(text[0]));
 }
 
 } // namespace nv

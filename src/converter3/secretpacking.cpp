@@ -1,5 +1,6 @@
 #include "converter3/secretpacking.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <utility>
@@ -38,18 +39,6 @@ public:
 };
 
 [[noreturn]] void ThrowCryptError() { nv::ThrowLastError(); }
-
-// Copies n bytes into a buffer of cbTarget bytes. A copy that cannot be made raises
-// E_INVALIDARG (bad arguments, target too small); the caller's buffers are the
-// only memory involved, so there is no other failure.
-void CopyBytes(BYTE* pbTarget, DWORD cbTarget, const BYTE* pbSource, DWORD n)
-{
-    if (n == 0)
-        return;
-    if (!pbTarget || !pbSource || cbTarget < n)
-        nv::ThrowHr(E_INVALIDARG);
-    std::memcpy(pbTarget, pbSource, n);
-}
 
 BSTR AllocBstr(const wchar_t* pwsz, size_t chars)
 {
@@ -189,9 +178,11 @@ HRESULT EncryptEx(nv::CCryptBlob& blob, HCRYPTPROV hProv, HCRYPTKEY hPublicKey, 
         DWORD cbCipher = blob.cbData;
         if (!::CryptEncrypt(sessionKey.get(), 0, TRUE, 0, nullptr, &cbCipher, 0))
             ThrowCryptError();
+        // Encrypted in place: the buffer holds the content whatever the size query said.
         nv::CCryptBlob cipher;
-        cipher.Allocate(cbCipher);
-        CopyBytes(cipher.pbData, cipher.cbData, blob.pbData, blob.cbData);
+        cipher.Allocate(std::max(cbCipher, blob.cbData));
+        if (blob.cbData)
+            std::memcpy(cipher.pbData, blob.pbData, blob.cbData);
         DWORD cbData = blob.cbData;
         if (!::CryptEncrypt(sessionKey.get(), 0, TRUE, 0, cipher.pbData, &cbData, cipher.cbData))
             ThrowCryptError();

@@ -80,8 +80,9 @@ bool FindEmptyValue(HKEY key, const std::wstring& path, std::wstring& keyPath, s
             break;
         const std::wstring sub(name.data(), cchName);
         nv::unique_hkey child;
-        if (::RegOpenKeyExW(key, sub.c_str(), 0, KEY_READ, child.put()) == ERROR_SUCCESS &&
-            FindEmptyValue(child.get(), path + L"\\" + sub, keyPath, valueName))
+        if (::RegOpenKeyExW(key, sub.c_str(), 0, KEY_READ, child.put()) != ERROR_SUCCESS)
+            continue;
+        if (FindEmptyValue(child.get(), path + L"\\" + sub, keyPath, valueName))
             return true;
     }
     return false;
@@ -219,9 +220,10 @@ HRESULT CBaseConverter::Backup()
             CopyKey(HKEY_LOCAL_MACHINE, path.c_str(), GetBackupView(), m_dbKey.Get(), L"", m_dbKey.m_samWOW64);
         // The copy's refusal of an empty value reads as a memory shortage: name the
         // value, so that the trace says which one.
+        const std::wstring databasePath = std::wstring(L"HKLM\\") + nv::kDatabaseKeyPath;
         std::wstring emptyKey, emptyValue;
         if (hrCopy == nv::HResultFromWin32(ERROR_NOT_ENOUGH_MEMORY) && m_dbKey.Get() &&
-            FindEmptyValue(m_dbKey.Get(), std::wstring(L"HKLM\\") + nv::kDatabaseKeyPath, emptyKey, emptyValue)) {
+            FindEmptyValue(m_dbKey.Get(), databasePath, emptyKey, emptyValue)) {
             NVTraceNS::Trace(scope, 0, "value \"%ls\" of %ls is empty: the backup cannot copy empty values",
                              emptyValue.c_str(), emptyKey.c_str());
         }

@@ -1,6 +1,8 @@
 // CNVSecret::GetContent: opens a stored secret with the machine's key-exchange key.
 #include "legacydb/records.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include "common/replaceablecalls.h"
 #include "common/handles.h"
@@ -39,7 +41,8 @@ LegacyNVDB2::Bytes SealForPublicKey(HCRYPTPROV hProv, const CRYPT_DATA_BLOB& pub
 
     DWORD cbCipher = static_cast<DWORD>(plain.size());
     nv::ThrowLastErrorIf(!::CryptEncrypt(session.get(), 0, TRUE, 0, nullptr, &cbCipher, 0));
-    Bytes cipher(cbCipher < plain.size() ? plain.size() : cbCipher);
+    // Encrypted in place: the buffer holds the content whatever the size query said.
+    Bytes cipher(std::max<std::size_t>(cbCipher, plain.size()));
     if (!plain.empty())
         std::memcpy(cipher.data(), plain.data(), plain.size());
     DWORD cbData = static_cast<DWORD>(plain.size());

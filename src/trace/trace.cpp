@@ -33,45 +33,40 @@ std::atomic<LocalTimeSource> g_localTimeSource{nullptr};
 std::atomic<TickCountSource> g_tickCountSource{nullptr};
 std::atomic<VersionSource> g_versionSource{nullptr};
 
-// The trace lock. Constructed before any other static object of the library (so
-// static constructors and destructors elsewhere may trace) and destroyed after them;
-// its destruction also ends the output object, which closes the file.
-class CTraceLock {
-public:
-    CTraceLock() noexcept
-    {
-        ::InitializeCriticalSection(&m_cs);
-        m_alive = true;
-    }
-    ~CTraceLock()
-    {
-        g_nextRefreshTick.exchange(0);
-        ::EnterCriticalSection(&m_cs);
-        delete g_output;
-        g_output = nullptr;
-        m_alive = false;
-        ::LeaveCriticalSection(&m_cs);
-        ::DeleteCriticalSection(&m_cs);
-    }
-    CTraceLock(const CTraceLock&) = delete;
-    CTraceLock& operator=(const CTraceLock&) = delete;
+} // namespace
 
-    // False before construction and after destruction: the caller then drops output.
-    bool Enter() noexcept
-    {
-        if (!m_alive)
-            return false;
-        ::EnterCriticalSection(&m_cs);
-        return true;
-    }
-    void Leave() noexcept { ::LeaveCriticalSection(&m_cs); }
+CTraceLock::CTraceLock(COutput*& output) noexcept : m_output(output)
+{
+    ::InitializeCriticalSection(&m_cs);
+    m_alive = true;
+}
 
-private:
-    CRITICAL_SECTION m_cs;
-    bool m_alive = false;
-};
+CTraceLock::~CTraceLock()
+{
+    g_nextRefreshTick.exchange(0);
+    ::EnterCriticalSection(&m_cs);
+    delete m_output;
+    m_output = nullptr;
+    m_alive = false;
+    ::LeaveCriticalSection(&m_cs);
+    ::DeleteCriticalSection(&m_cs);
+}
 
-__attribute__((init_priority(101))) CTraceLock g_lock;
+bool CTraceLock::Enter() noexcept
+{
+    if (!m_alive)
+        return false;
+    ::EnterCriticalSection(&m_cs);
+    return true;
+}
+
+void CTraceLock::Leave() noexcept { ::LeaveCriticalSection(&m_cs); }
+
+namespace {
+
+// Constructed before any other static object of the library (so static constructors
+// and destructors elsewhere may trace) and destroyed after them.
+__attribute__((init_priority(101))) CTraceLock g_lock(g_output);
 
 class CLockHolder {
 public:
@@ -106,29 +101,10 @@ bool LevelPasses(int level) noexcept
     return static_cast<long long>(g_verbosity) >= magnitude;
 }
 
-// Writes one record (under the trace lock).
-void WriteRecord(char kind, const char* text, std::size_t length) noexcept
+void WriteRecord(char kind, const char* text) noexcept
 {
-    COutput* output = GetOutput();
-    if (!output)
-        return;
-    if (length > kMaxRecordText)
-        length = kMaxRecordText;
-    std::uint8_t record[kRecordHeadSize + kMaxRecordText];
-    const DWORD thread = ::GetCurrentThreadId();
-    record[0] = static_cast<std::uint8_t>(thread);
-    record[1] = static_cast<std::uint8_t>(thread >> 8);
-    record[2] = static_cast<std::uint8_t>(thread >> 16);
-    record[3] = static_cast<std::uint8_t>(thread >> 24);
-    record[4] = static_cast<std::uint8_t>(kind);
-    record[5] = static_cast<std::uint8_t>(length);
-    record[6] = static_cast<std::uint8_t>(length >> 8);
-    if (length)
-        std::memcpy(record + kRecordHeadSize, text, length);
-    output->Write(record, kRecordHeadSize + length);
+    NVTraceNS::WriteRecord(kind, text, text ? std::strlen(text) : 0);
 }
-
-void WriteRecord(char kind, const char* text) noexcept { WriteRecord(kind, text, text ? std::strlen(text) : 0); }
 
 // The 't' and 'T' records before each '>', '<', 'U' and 'E' record (under the lock).
 void WriteTimestamps() noexcept
@@ -327,6 +303,27 @@ bool FormatTraceLine(char (&out)[kLineChars], const char* format, va_list args) 
     out[used] = '\0';
     out[kLineChars - 1] = '\0';
     return true;
+}
+
+void WriteRecord(char kind, const char* text, std::size_t length) noexcept
+{
+    COutput* output = GetOutput();
+    if (!output)
+        return;
+    if (length > kMaxRecordText)
+        length = kMaxRecordText;
+    std::uint8_t record[kRecordHeadSize + kMaxRecordText];
+    const DWORD thread = ::GetCurrentThreadId();
+    record[0] = static_cast<std::uint8_t>(thread);
+    record[1] = static_cast<std::uint8_t>(thread >> 8);
+    record[2] = static_cast<std::uint8_t>(thread >> 16);
+    record[3] = static_cast<std::uint8_t>(thread >> 24);
+    record[4] = static_cast<std::uint8_t>(kind);
+    record[5] = static_cast<std::uint8_t>(length);
+    record[6] = static_cast<std::uint8_t>(length >> 8);
+    if (length)
+        std::memcpy(record + kRecordHeadSize, text, length);
+    output->Write(record, kRecordHeadSize + length);
 }
 
 COutput* GetOutput() noexcept

@@ -5,6 +5,7 @@
 #include <sddl.h>
 
 #include <cwchar>
+#include <string_view>
 
 #include "common/hresult.h"
 #include "common/handles.h"
@@ -30,39 +31,52 @@ constexpr DWORD kTraceFileShare = FILE_SHARE_READ | FILE_SHARE_WRITE;
 // deletion). An accepted file is then held through a handle shared as always.
 constexpr DWORD kCreatingShare = kTraceFileShare | FILE_SHARE_DELETE;
 
+constexpr DWORD kPathBufferChars = MAX_PATH * 2;
+
 std::wstring WithoutLongPathPrefix(const std::wstring& path)
 {
     const std::size_t n = std::wcslen(kLongPathPrefix);
-    return path.compare(0, n, kLongPathPrefix) == 0 ? path.substr(n) : path;
+    if (path.compare(0, n, kLongPathPrefix) != 0)
+        return path;
+    return path.substr(n);
 }
 
-bool SameText(const std::wstring& a, const std::wstring& b) noexcept
+bool SameText(std::wstring_view a, std::wstring_view b) noexcept
 {
-    return ::CompareStringOrdinal(a.c_str(), static_cast<int>(a.size()), b.c_str(), static_cast<int>(b.size()),
-                                  TRUE) == CSTR_EQUAL;
+    return ::CompareStringOrdinal(a.data(), static_cast<int>(a.size()), b.data(), static_cast<int>(b.size()), TRUE) ==
+           CSTR_EQUAL;
+}
+
+// The path a query wrote into its buffer of kPathBufferChars: n characters, or none
+// when it failed (0) or asked for a larger buffer (n at least the buffer's size).
+std::wstring PathAnswer(const wchar_t* buffer, DWORD n)
+{
+    if (n == 0 || n >= kPathBufferChars)
+        return std::wstring();
+    return std::wstring(buffer, n);
 }
 
 std::wstring FullPathOf(const wchar_t* path)
 {
-    wchar_t buffer[MAX_PATH * 2];
-    const DWORD n = ::GetFullPathNameW(path, MAX_PATH * 2, buffer, nullptr);
-    return (n == 0 || n >= MAX_PATH * 2) ? std::wstring() : std::wstring(buffer, n);
+    wchar_t buffer[kPathBufferChars];
+    return PathAnswer(buffer, ::GetFullPathNameW(path, kPathBufferChars, buffer, nullptr));
 }
 
 // The long form (no 8.3 names) of an existing path, or the path as given.
 std::wstring LongPathOf(const std::wstring& path)
 {
-    wchar_t buffer[MAX_PATH * 2];
-    const DWORD n = ::GetLongPathNameW(path.c_str(), buffer, MAX_PATH * 2);
-    return (n == 0 || n >= MAX_PATH * 2) ? path : std::wstring(buffer, n);
+    wchar_t buffer[kPathBufferChars];
+    std::wstring longPath = PathAnswer(buffer, ::GetLongPathNameW(path.c_str(), buffer, kPathBufferChars));
+    if (longPath.empty())
+        return path;
+    return longPath;
 }
 
 std::wstring FinalPathOf(HANDLE handle)
 {
-    wchar_t buffer[MAX_PATH * 2];
-    const DWORD n =
-        ::GetFinalPathNameByHandleW(handle, buffer, MAX_PATH * 2, FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
-    return (n == 0 || n >= MAX_PATH * 2) ? std::wstring() : std::wstring(buffer, n);
+    wchar_t buffer[kPathBufferChars];
+    return PathAnswer(buffer, ::GetFinalPathNameByHandleW(handle, buffer, kPathBufferChars,
+                                                          FILE_NAME_NORMALIZED | VOLUME_NAME_DOS));
 }
 
 std::wstring SidText(PSID sid)
@@ -139,14 +153,13 @@ bool JudgeFolder(const std::wstring& folder, TraceFileVerdict* verdict)
     return true;
 }
 
-// The folder part of a full path ("C:\" for a file in a drive's root), or "".
+// The folder part of a local drive path, "X:\..." or "\\?\X:\..." (IsOnALocalDrive
+// accepted it, so it has a backslash after the drive), down to "X:\" for a file in a
+// drive's root.
 std::wstring FolderOf(const std::wstring& fullPath)
 {
-    const std::size_t slash = fullPath.find_last_of(L'\\');
-    if (slash == std::wstring::npos)
-        return std::wstring();
-    std::wstring folder = fullPath.substr(0, slash);
-    if (!folder.empty() && folder.back() == L':')
+    std::wstring folder = fullPath.substr(0, fullPath.find_last_of(L'\\'));
+    if (folder.back() == L':')
         folder += L'\\'; // a drive's root ("C:" alone would be its current folder)
     return folder;
 }
@@ -156,9 +169,8 @@ std::wstring FolderOf(const std::wstring& fullPath)
 // it points.
 bool FolderAccepted(const std::wstring& fullPath, TraceFileVerdict* verdict)
 {
-    const std::wstring folder = FolderOf(fullPath);
     // A folder that cannot be opened fails the file's creation as well.
-    return !folder.empty() && JudgeFolder(folder, verdict) && *verdict == TraceFileVerdict::Accepted;
+    return JudgeFolder(FolderOf(fullPath), verdict) && *verdict == TraceFileVerdict::Accepted;
 }
 
 // Empties an accepted file through a second handle on the same open file (the
@@ -289,13 +301,13 @@ TraceFileVerdict ProbeTraceFile(const wchar_t* path) noexcept
                 return JudgeTraceFile(FactsOf(file.get(), full, true));
             // Missing: the nearest folder on the path that exists is where a link would be.
             TraceFileVerdict verdict = TraceFileVerdict::Accepted;
-            for (std::wstring folder = FolderOf(full); !folder.empty(); folder = FolderOf(folder)) {
+            // Each step is shorter, down to the drive's root, the one that ends in a backslash.
+            for (std::wstring folder = FolderOf(full);; folder = FolderOf(folder)) {
                 if (JudgeFolder(folder, &verdict))
                     return verdict;
                 if (folder.back() == L'\\')
-                    break; // the drive's root
+                    return TraceFileVerdict::Accepted; // the drive's root
             }
-            return TraceFileVerdict::Accepted;
         },
         TraceFileVerdict::Accepted);
 }

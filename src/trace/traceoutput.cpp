@@ -169,9 +169,11 @@ bool BuildTracePath(HKEY key, wchar_t (&path)[kTracePathChars]) noexcept
             if (directory[length - 1] != L'\\' && !Append(directory, kTracePathChars, L"\\"))
                 return false;
         }
-    } else if (!Append(directory, kTracePathChars, library.drive) ||
-               !Append(directory, kTracePathChars, library.dir)) {
-        return false;
+    } else {
+        // The library's own folder: a split path's drive and folder always fit together.
+        static_assert(_MAX_DRIVE - 1 + _MAX_DIR <= kTracePathChars, "the library's folder fits the path buffer");
+        std::wcscpy(directory, library.drive);
+        std::wcscat(directory, library.dir);
     }
 
     wchar_t formatted[kTracePathChars];

@@ -77,9 +77,35 @@ private:
     void WriteHeaderLine(const char* line) noexcept;
 };
 
+// The trace lock, guarding an output object. Destruction ends that object (closing
+// its file) and leaves the lock refusing every later Enter, so that a record written
+// while the rest of the process ends is dropped; the library's one lock is made before
+// its other static objects and destroyed after them, so their constructors and
+// destructors may trace.
+class CTraceLock {
+public:
+    explicit CTraceLock(COutput*& output) noexcept;
+    ~CTraceLock();
+    CTraceLock(const CTraceLock&) = delete;
+    CTraceLock& operator=(const CTraceLock&) = delete;
+
+    // False before construction and after destruction: the caller then drops output.
+    bool Enter() noexcept;
+    void Leave() noexcept;
+
+private:
+    CRITICAL_SECTION m_cs;
+    COutput*& m_output;
+    bool m_alive = false;
+};
+
 // The output object, created at the first call (the caller holds the trace lock).
 // Null only when it could not be allocated.
 COutput* GetOutput() noexcept;
+
+// Writes one record of the given kind to the output (the caller holds the trace
+// lock). A text longer than kMaxRecordText bytes is cut to that: the format's limit.
+void WriteRecord(char kind, const char* text, std::size_t length) noexcept;
 
 // Opens HKLM\SOFTWARE\Norvane\Tracing for reading, in the library's own view first
 // and then in the 32-bit view.
