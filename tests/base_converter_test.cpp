@@ -111,7 +111,10 @@ class BaseConverterTest : public RegistrySandbox {};
 // its own.
 class BareConverter : public CBaseConverter {
 public:
-    BareConverter() : CBaseConverter(TestConverter::kTargetVersion, L"9.0", KEY_WOW64_32KEY) {}
+    explicit BareConverter(DWORD target = TestConverter::kTargetVersion, const wchar_t* targetText = L"9.0")
+        : CBaseConverter(target, targetText, KEY_WOW64_32KEY)
+    {
+    }
     const std::wstring& GetBackupName() override { return m_backupName; }
     REGSAM GetBackupView() override { return KEY_WOW64_32KEY; }
 
@@ -1336,4 +1339,63 @@ TEST_F(BaseConverterTest, TheBasesOwnStepsChangeNothingSoConvertLeavesTheDatabas
     EXPECT_EQ(S_FALSE, converter.Rollback());
     const RegTree rolledBack = Snapshot(kDbPath, kView32);
     EXPECT_TRUE(before == rolledBack) << DiffTrees(before, rolledBack);
+}
+
+TEST_F(BaseConverterTest, ATargetVersionWithoutTextIsKeptAsEmptyText)
+{
+    BareConverter converter(0x00030000, nullptr);
+    EXPECT_EQ(0x00030000u, converter.GetTargetVersion());
+    EXPECT_EQ(L"", converter.GetTargetVersionText());
+}
+
+// A 3.0 converter made for a 2.0 database with Data and MainDB, whose database then
+// changes: it goes on while the database is still one it converts (a 2.x or 3.x
+// "Version", and not the 3.0 layout), and refuses otherwise, changing nothing.
+class StillConvertsTest : public BaseConverterTest {
+protected:
+    void SetUp() override
+    {
+        BaseConverterTest::SetUp();
+        FillDatabase(kView32);
+        SetString(kDbPath, L"Version", L"2.0", kView32);
+        CreateKeyPath(Path(kDbPath, L"MainDB").c_str(), kView32);
+    }
+    void ExpectConvert(BareConverter& converter, HRESULT expected, int line)
+    {
+        SCOPED_TRACE(testing::Message() << "checked at line " << line);
+        const RegTree before = Snapshot(kDbPath, kView32);
+        EXPECT_EQ(expected, converter.Convert());
+        const RegTree after = Snapshot(kDbPath, kView32);
+        EXPECT_TRUE(before == after) << DiffTrees(before, after);
+        EXPECT_FALSE(KeyExists(kBackup20Path, kView32));
+    }
+};
+
+TEST_F(StillConvertsTest, MainDbGoneWithDataLeftStillConverts)
+{
+    BareConverter converter(0x00030000, L"3.0");
+    DeleteTree(Path(kDbPath, L"MainDB").c_str(), kView32);
+    ExpectConvert(converter, S_OK, __LINE__);
+}
+
+TEST_F(StillConvertsTest, TheThreeZeroLayoutIsNotConvertedAgain)
+{
+    BareConverter converter(0x00030000, L"3.0");
+    DeleteTree(Path(kDbPath, L"MainDB").c_str(), kView32);
+    DeleteTree(Path(kDbPath, L"Data").c_str(), kView32);
+    ExpectConvert(converter, nvframe::NV_E_CONVERSION_BUSY, __LINE__);
+}
+
+TEST_F(StillConvertsTest, AThreeXVersionWithMainDbStillConverts)
+{
+    BareConverter converter(0x00030000, L"3.0");
+    SetString(kDbPath, L"Version", L"3.1", kView32);
+    ExpectConvert(converter, S_OK, __LINE__);
+}
+
+TEST_F(StillConvertsTest, AVersionOfAnEarlierFormatIsRefused)
+{
+    BareConverter converter(0x00030000, L"3.0");
+    SetString(kDbPath, L"Version", L"1.0", kView32);
+    ExpectConvert(converter, nvframe::NV_E_CONVERSION_BUSY, __LINE__);
 }

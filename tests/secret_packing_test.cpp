@@ -18,6 +18,7 @@
 #include "converter3/secretpacking.h"
 #include "legacydb/userextractor.h"
 #include "secret_keys.h"
+#include "support/import_fault.h"
 #include "support/key_containers.h"
 #include "support/registry_sandbox.h"
 #include "support/trace_capture.h"
@@ -233,6 +234,20 @@ TEST(UnpackPasswordAndPinTest, PasswordAndPinAreHandedOut)
     ASSERT_NE(nullptr, u.pin);
     EXPECT_EQ(L"Secret-1", Str(u.password));
     EXPECT_EQ(L"4711", Str(u.pin));
+}
+
+TEST(UnpackPasswordAndPinTest, AStringThatCannotBeAllocatedIsOutOfMemoryAndHandsOutNoPassword)
+{
+    const Bytes content = Scrambled(Seq({Uint(1), Bmp(L"Secret-1"), Bmp(L"4711")}));
+    // The PIN's string, then the password's.
+    for (unsigned failing : {1u, 2u}) {
+        nvtest::ImportFault<decltype(&::SysAllocStringLen)> fault("SysAllocStringLen", nullptr, ERROR_SUCCESS, failing);
+        Unpacked u(content);
+        EXPECT_EQ(E_OUTOFMEMORY, u.hr) << failing;
+        EXPECT_EQ(kSentinel, u.password) << failing;
+        EXPECT_EQ(nullptr, u.pin) << failing;
+        EXPECT_EQ(1u, fault.failed()) << failing;
+    }
 }
 
 TEST(UnpackPasswordAndPinTest, StringsWithOrWithoutTheirTerminatingZeroGiveTheSamePasswordAndPin)
