@@ -664,6 +664,16 @@ TEST_F(TraceFileCheckTest, FileOrFolderWhoseFinalPathCannotBeHadIsRefusedAsNotLo
     EXPECT_EQ(3u, fault.calls());
 }
 
+TEST_F(TraceFileCheckTest, APathWhoseLongFormCannotBeHadIsComparedAsGiven)
+{
+    const std::wstring file = dir + L"\\plain\\host.trc3";
+    WriteBytes(file, kPrecious);
+    ImportFault<decltype(&::GetLongPathNameW)> fault("GetLongPathNameW", 0, ERROR_ACCESS_DENIED);
+    // The path has no short names: as given, it is the path the file was opened at.
+    EXPECT_EQ(TraceFileVerdict::Accepted, NVTraceNS::ProbeTraceFile(file.c_str()));
+    EXPECT_EQ(1u, fault.calls());
+}
+
 TEST_F(TraceFileCheckTest, FileOrFolderWhoseAttributesCannotBeReadIsRefusedAsAReparsePoint)
 {
     const std::wstring file = dir + L"\\plain\\host.trc3";
