@@ -207,6 +207,15 @@ protected:
         return order;
     }
 
+    // The public key of a second machine container (kOtherHostId, made here): a
+    // recipient whose private half opens what is sealed for it.
+    std::vector<BYTE> RecipientPublicKeyInfo()
+    {
+        m_containers.Create(kOtherHostId);
+        nv::unique_hcryptprov recipient = OpenMachineContainer(kOtherHostId);
+        return PublicKeyInfoOf(recipient.get());
+    }
+
     // A provider on the database's container, for hand-made records.
     nv::unique_hcryptprov Provider(const Db20Database& db) { return OpenMachineContainer(db.hostId); }
 
@@ -941,12 +950,7 @@ TEST_F(UserExtractorTest, GetContentWithAPublicKeySealsTheContentForThatKeysHold
     const std::vector<BYTE> content = {'r', 'e', 's', 'e', 'a', 'l', 'e', 'd', '-', '9', '9'};
     CNVSecretMap secrets;
     ASSERT_NO_FATAL_FAILURE(LoadOnePlainSecret(32, content, secrets));
-    m_containers.Create(kOtherHostId);
-    std::vector<BYTE> publicKeyInfo;
-    {
-        nv::unique_hcryptprov recipient = OpenMachineContainer(kOtherHostId);
-        publicKeyInfo = PublicKeyInfoOf(recipient.get());
-    }
+    std::vector<BYTE> publicKeyInfo = RecipientPublicKeyInfo();
     CRYPT_DATA_BLOB publicKey{static_cast<DWORD>(publicKeyInfo.size()), publicKeyInfo.data()};
 
     TraceCapture trace;
@@ -1060,12 +1064,7 @@ TEST_F(UserExtractorTest, GetContentWithAPublicKeyRaisesEachEncodersErrorAndHand
     const std::vector<BYTE> content = {'e', 'n', 'c', 'o', 'd', 'e', 'r'};
     CNVSecretMap secrets;
     ASSERT_NO_FATAL_FAILURE(LoadOnePlainSecret(34, content, secrets));
-    m_containers.Create(kOtherHostId);
-    std::vector<BYTE> publicKeyInfo;
-    {
-        nv::unique_hcryptprov recipient = OpenMachineContainer(kOtherHostId);
-        publicKeyInfo = PublicKeyInfoOf(recipient.get());
-    }
+    std::vector<BYTE> publicKeyInfo = RecipientPublicKeyInfo();
     CRYPT_DATA_BLOB publicKey{static_cast<DWORD>(publicKeyInfo.size()), publicKeyInfo.data()};
     CNVSecret& secret = *secrets.begin()->second;
 
@@ -1125,12 +1124,7 @@ TEST_F(UserExtractorTest, GetContentWithAPublicKeySealsAnEmptyContentAsOnePaddin
     bool produced = false;
     ASSERT_EQ(std::vector<BYTE>{}, ContentOf(secret, &produced));
     ASSERT_TRUE(produced);
-    m_containers.Create(kOtherHostId);
-    std::vector<BYTE> publicKeyInfo;
-    {
-        nv::unique_hcryptprov recipient = OpenMachineContainer(kOtherHostId);
-        publicKeyInfo = PublicKeyInfoOf(recipient.get());
-    }
+    std::vector<BYTE> publicKeyInfo = RecipientPublicKeyInfo();
     CRYPT_DATA_BLOB publicKey{static_cast<DWORD>(publicKeyInfo.size()), publicKeyInfo.data()};
     DWORD cb = 0;
     BYTE* pb = nullptr;
