@@ -12,6 +12,7 @@
 #include "nvtracelib.h"
 #include "rollup.h"
 #include "sample_trace.h"
+#include "temp_folder.h"
 
 using nvtrace_test::SampleTrace;
 
@@ -411,33 +412,6 @@ SampleTrace Conversion(const std::string& machine, const std::string& version, c
     s.Add(3, '<').Add(3, '<');
     return s;
 }
-
-class TempFolder {
-public:
-    TempFolder()
-    {
-        char name[] = "/tmp/nvtrace_fleet_XXXXXX";
-        m_path = ::mkdtemp(name) ? name : "";
-        EXPECT_FALSE(m_path.empty());
-    }
-    ~TempFolder()
-    {
-        std::error_code ec;
-        std::filesystem::remove_all(m_path, ec);
-    }
-    const std::string& path() const { return m_path; }
-    std::string Write(const std::string& name, const std::vector<std::uint8_t>& bytes) const
-    {
-        const std::string path = m_path + "/" + name;
-        std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-        std::ofstream out(path, std::ios::binary | std::ios::trunc);
-        out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-        return path;
-    }
-
-private:
-    std::string m_path;
-};
 
 // Four traces and a file that is none: a strict conversion with a held and a failed
 // user, one with gaps, one cut short, and (in a subfolder) one that moved everyone.

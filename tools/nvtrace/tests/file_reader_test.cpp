@@ -14,27 +14,9 @@
 #include <vector>
 
 #include "nvtracelib.h"
+#include "temp_folder.h"
 
 namespace {
-
-class TempFolder {
-public:
-    TempFolder()
-    {
-        char name[] = "/tmp/nvtrace_read_XXXXXX";
-        m_path = ::mkdtemp(name) ? name : "";
-        EXPECT_FALSE(m_path.empty());
-    }
-    ~TempFolder()
-    {
-        std::error_code ec;
-        std::filesystem::remove_all(m_path, ec);
-    }
-    std::string Path(const std::string& name) const { return m_path + "/" + name; }
-
-private:
-    std::string m_path;
-};
 
 struct ReadResult {
     bool ok = false;

@@ -18,39 +18,13 @@
 #include "nvtracelib.h"
 #include "rollup.h"
 #include "sample_trace.h"
+#include "temp_folder.h"
 
 using nvtrace_test::SampleTrace;
 
 namespace {
 
 namespace fs = std::filesystem;
-
-class TempFolder {
-public:
-    TempFolder()
-    {
-        char name[] = "/tmp/nvtrace_jobs_XXXXXX";
-        m_path = ::mkdtemp(name) ? name : "";
-        EXPECT_FALSE(m_path.empty());
-    }
-    ~TempFolder()
-    {
-        std::error_code ec;
-        fs::remove_all(m_path, ec);
-    }
-    const std::string& path() const { return m_path; }
-    std::string Write(const std::string& name, const std::vector<std::uint8_t>& bytes) const
-    {
-        const std::string path = m_path + "/" + name;
-        fs::create_directories(fs::path(path).parent_path());
-        std::ofstream out(path, std::ios::binary | std::ios::trunc);
-        out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-        return path;
-    }
-
-private:
-    std::string m_path;
-};
 
 std::vector<std::string> HeaderFor(std::size_t n)
 {
