@@ -13,10 +13,15 @@ namespace nvtrace {
 
 namespace {
 
-const char kUsage[] =
+const char kSynopsis[] =
     "usage: nvtrace [--raw | --summary | --json] [--thread N] FILE\n"
     "       nvtrace [--summary | --json | --csv] [--jobs N] FILE|FOLDER...\n"
-    "       nvtrace [--chrome-trace OUT.json] [--html OUT.html] [--thread N] FILE\n"
+    "       nvtrace [--chrome-trace OUT.json] [--html OUT.html] [--thread N] FILE\n";
+
+// After a bad option: the synopsis and where the rest is, not every option again.
+const char kSeeHelp[] = "  (nvtrace --help: every option and the exit codes)\n";
+
+const char kDetails[] =
     "  Decodes a .trc3 trace file: the header as it stands, then one line per record\n"
     "  (date and time, thread id, indentation by scope depth, kind and text;\n"
     "  kinds: '>' scope entered, '<' scope left, 'U' line, 'E' result as hex code and\n"
@@ -120,7 +125,7 @@ int ParseCli(const std::vector<std::string>& args, CliOptions& options, std::ost
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
         if (a == "--help" || a == "-h") {
-            out << kUsage;
+            out << kSynopsis << kDetails;
             return 0;
         }
         const ModeOption* mode = nullptr;
@@ -129,7 +134,7 @@ int ParseCli(const std::vector<std::string>& args, CliOptions& options, std::ost
                 mode = &m;
         if (mode) {
             if (options.modeGiven) {
-                err << "nvtrace: --raw, --summary, --json and --csv exclude each other\n" << kUsage;
+                err << "nvtrace: --raw, --summary, --json and --csv exclude each other\n" << kSynopsis << kSeeHelp;
                 return 1;
             }
             options.modeGiven = true;
@@ -137,13 +142,13 @@ int ParseCli(const std::vector<std::string>& args, CliOptions& options, std::ost
             options.format.raw = mode->mode == OutputMode::Raw;
         } else if (a == "--chrome-trace" || a == "--html") {
             if (i + 1 >= args.size() || args[i + 1].empty()) {
-                err << "nvtrace: " << a << " needs an output file (\"-\": standard output)\n" << kUsage;
+                err << "nvtrace: " << a << " needs an output file (\"-\": standard output)\n" << kSynopsis << kSeeHelp;
                 return 1;
             }
             (a == "--html" ? options.outputs.html : options.outputs.chromeTrace) = args[++i];
         } else if (a == "--thread") {
             if (i + 1 >= args.size() || !ParseThread(args[i + 1], options.format.thread)) {
-                err << "nvtrace: --thread needs a thread id (decimal, or hex with 0x)\n" << kUsage;
+                err << "nvtrace: --thread needs a thread id (decimal, or hex with 0x)\n" << kSynopsis << kSeeHelp;
                 return 1;
             }
             options.format.filterThread = true;
@@ -151,20 +156,20 @@ int ParseCli(const std::vector<std::string>& args, CliOptions& options, std::ost
         } else if (a == "--jobs") {
             if (i + 1 >= args.size() || !ParseCount(args[i + 1], kMaxRollupJobs, options.jobs)) {
                 err << "nvtrace: --jobs needs a number of files to read at once, 1 to " << kMaxRollupJobs << "\n"
-                    << kUsage;
+                    << kSynopsis << kSeeHelp;
                 return 1;
             }
             options.jobsGiven = true;
             ++i;
         } else if (a.size() > 1 && a[0] == '-') {
-            err << "nvtrace: unknown option '" << a << "'\n" << kUsage;
+            err << "nvtrace: unknown option '" << a << "'\n" << kSynopsis << kSeeHelp;
             return 1;
         } else {
             options.paths.push_back(a);
         }
     }
     if (options.paths.empty()) {
-        err << kUsage;
+        err << kSynopsis << kDetails;
         return 1;
     }
     return -1;
@@ -227,21 +232,21 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
         return parsed;
     if (!WantsRollup(options)) {
         if (options.jobsGiven) {
-            err << "nvtrace: --jobs takes several files, a folder or --csv\n" << kUsage;
+            err << "nvtrace: --jobs takes several files, a folder or --csv\n" << kSynopsis << kSeeHelp;
             return 1;
         }
         return RunOneTrace(options, out, err);
     }
     if (options.mode == OutputMode::Listing || options.mode == OutputMode::Raw) {
-        err << "nvtrace: one trace file at a time\n" << kUsage;
+        err << "nvtrace: one trace file at a time\n" << kSynopsis << kSeeHelp;
         return 1;
     }
     if (options.format.filterThread) {
-        err << "nvtrace: --thread takes one trace file\n" << kUsage;
+        err << "nvtrace: --thread takes one trace file\n" << kSynopsis << kSeeHelp;
         return 1;
     }
     if (options.outputs.any()) {
-        err << "nvtrace: --chrome-trace and --html take one trace file\n" << kUsage;
+        err << "nvtrace: --chrome-trace and --html take one trace file\n" << kSynopsis << kSeeHelp;
         return 1;
     }
     const RollupFormat format = options.mode == OutputMode::Csv    ? RollupFormat::Csv

@@ -172,6 +172,23 @@ TEST(NvtraceCliTest, UsageErrors)
     const CliResult r = RunTool({"--help"});
     EXPECT_EQ(0, r.code);
     EXPECT_EQ(0u, r.out.find("usage: nvtrace"));
+    EXPECT_NE(std::string::npos, r.out.find("Exit codes:"));
+}
+
+TEST(NvtraceCliTest, ABadOptionGetsTheSynopsisNotTheWholeHelp)
+{
+    const std::string synopsis = "usage: nvtrace [--raw | --summary | --json] [--thread N] FILE\n"
+                                 "       nvtrace [--summary | --json | --csv] [--jobs N] FILE|FOLDER...\n"
+                                 "       nvtrace [--chrome-trace OUT.json] [--html OUT.html] [--thread N] FILE\n";
+    const CliResult bad = RunTool({"--jobs", "0", "x"});
+    EXPECT_EQ(1, bad.code);
+    EXPECT_EQ("nvtrace: --jobs needs a number of files to read at once, 1 to 16\n" + synopsis +
+                  "  (nvtrace --help: every option and the exit codes)\n",
+              bad.err);
+    // With nothing to read, the whole help: that is what a newcomer typing the bare name wants.
+    const CliResult bare = RunTool({});
+    EXPECT_EQ(1, bare.code);
+    EXPECT_EQ(RunTool({"--help"}).out, bare.err);
 }
 
 TEST(NvtraceCliTest, MissingFile)

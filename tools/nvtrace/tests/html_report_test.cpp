@@ -13,6 +13,7 @@
 #include "nvtracelib.h"
 #include "sample_trace.h"
 #include "summary.h"
+#include "temp_folder.h"
 #include "timeline.h"
 
 using nvtrace_test::SampleTrace;
@@ -202,28 +203,6 @@ TEST(NvtraceHtmlTest, EscapingOfMarkupControlCharactersAndBrokenUtf8)
 
 namespace {
 
-class TempDir {
-public:
-    TempDir()
-    {
-        char name[] = "/tmp/nvtrace_timeline_XXXXXX";
-        m_path = ::mkdtemp(name) ? name : "";
-        EXPECT_FALSE(m_path.empty());
-    }
-    ~TempDir() { std::system(("rm -rf '" + m_path + "'").c_str()); }
-    std::string File(const std::string& name) const { return m_path + "/" + name; }
-
-private:
-    std::string m_path;
-};
-
-std::string Write(const std::string& path, const std::vector<std::uint8_t>& bytes)
-{
-    std::ofstream out(path, std::ios::binary);
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    return path;
-}
-
 std::string Read(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
@@ -236,42 +215,42 @@ std::string Read(const std::string& path)
 
 TEST(NvtraceTimelineCliTest, WritesBothFilesAndSaysSo)
 {
-    TempDir dir;
-    const std::string trace = Write(dir.File("t.trc3"), ThreeUsers().bytes());
+    TempFolder dir;
+    const std::string trace = dir.Write("t.trc3", ThreeUsers().bytes());
     std::ostringstream out, err;
-    ASSERT_EQ(0, nvtrace::RunCli({"--chrome-trace", dir.File("t.json"), "--html", dir.File("t.html"), trace}, out, err));
+    ASSERT_EQ(0, nvtrace::RunCli({"--chrome-trace", dir.Path("t.json"), "--html", dir.Path("t.html"), trace}, out, err));
     EXPECT_EQ("", err.str());
-    EXPECT_EQ("wrote " + dir.File("t.json") + ": trace events, 1 processes, 3 scopes (0 never left), 2 failing results\n"
-              "wrote " + dir.File("t.html") + ": page, 1 processes, 3 scopes (0 never left), 2 failing results\n",
+    EXPECT_EQ("wrote " + dir.Path("t.json") + ": trace events, 1 processes, 3 scopes (0 never left), 2 failing results\n"
+              "wrote " + dir.Path("t.html") + ": page, 1 processes, 3 scopes (0 never left), 2 failing results\n",
               out.str());
-    const nlohmann::json doc = nlohmann::json::parse(Read(dir.File("t.json")));
+    const nlohmann::json doc = nlohmann::json::parse(Read(dir.Path("t.json")));
     EXPECT_EQ(3u + 3u + 11u, doc.at("traceEvents").size()); // names, scopes, lines and failures
-    EXPECT_NE(std::string::npos, Read(dir.File("t.html")).find("<h2>Conversion failed</h2>"));
+    EXPECT_NE(std::string::npos, Read(dir.Path("t.html")).find("<h2>Conversion failed</h2>"));
 }
 
 // With --summary (or --raw, --json) the text output still goes to standard output.
 TEST(NvtraceTimelineCliTest, GoesWithTheTextOutputs)
 {
-    TempDir dir;
-    const std::string trace = Write(dir.File("t.trc3"), ThreeUsers().bytes());
+    TempFolder dir;
+    const std::string trace = dir.Write("t.trc3", ThreeUsers().bytes());
     std::ostringstream out, err;
-    ASSERT_EQ(0, nvtrace::RunCli({"--summary", "--html", dir.File("t.html"), trace}, out, err));
+    ASSERT_EQ(0, nvtrace::RunCli({"--summary", "--html", dir.Path("t.html"), trace}, out, err));
     // The summary as always: its verdict first, then the processes.
     EXPECT_EQ(0u, out.str().find("verdict: process 1, ")) << out.str();
     EXPECT_NE(std::string::npos, out.str().find("\nprocesses: 1\n")) << out.str();
-    EXPECT_NE(std::string::npos, out.str().find("\nwrote " + dir.File("t.html") + ": page, ")) << out.str();
+    EXPECT_NE(std::string::npos, out.str().find("\nwrote " + dir.Path("t.html") + ": page, ")) << out.str();
     std::ostringstream raw, err2;
-    ASSERT_EQ(0, nvtrace::RunCli({"--raw", "--chrome-trace", dir.File("t.json"), trace}, raw, err2));
+    ASSERT_EQ(0, nvtrace::RunCli({"--raw", "--chrome-trace", dir.Path("t.json"), trace}, raw, err2));
     EXPECT_EQ(0u, raw.str().find("t\t7\t11/15/26\nT\t7\t09:30:00.125\n")) << raw.str();
-    EXPECT_NE(std::string::npos, Read(dir.File("t.json")).find("\"traceEvents\""));
+    EXPECT_NE(std::string::npos, Read(dir.Path("t.json")).find("\"traceEvents\""));
 }
 
 TEST(NvtraceTimelineCliTest, StandardOutputThreadFilterAndDamage)
 {
-    TempDir dir;
+    TempFolder dir;
     SampleTrace s = ThreeUsers();
     s.Add(5, '>', "Other thread").Add(5, '<');
-    const std::string trace = Write(dir.File("t.trc3"), s.bytes());
+    const std::string trace = dir.Write("t.trc3", s.bytes());
     std::ostringstream out, err;
     ASSERT_EQ(0, nvtrace::RunCli({"--thread", "5", "--chrome-trace", "-", trace}, out, err));
     const nlohmann::json doc = nlohmann::json::parse(out.str());
@@ -284,11 +263,11 @@ TEST(NvtraceTimelineCliTest, StandardOutputThreadFilterAndDamage)
     EXPECT_EQ(1u, scopes);
 
     // A cut file: what was read is written, then the damage is reported.
-    const std::string cut = Write(dir.File("cut.trc3"), s.Truncated(s.size() - 3));
+    const std::string cut = dir.Write("cut.trc3", s.Truncated(s.size() - 3));
     std::ostringstream out2, err2;
-    EXPECT_EQ(3, nvtrace::RunCli({"--html", dir.File("cut.html"), cut}, out2, err2));
+    EXPECT_EQ(3, nvtrace::RunCli({"--html", dir.Path("cut.html"), cut}, out2, err2));
     EXPECT_NE(std::string::npos, err2.str().find(": truncated record at byte offset ")) << err2.str();
-    const std::string page = Read(dir.File("cut.html"));
+    const std::string page = Read(dir.Path("cut.html"));
     EXPECT_NE(std::string::npos, page.find("<li class=\"damage\">the file is damaged: truncated record at byte offset "))
         << page;
     EXPECT_NE(std::string::npos, page.find("<h3>Process 1, started 11/15/26 09:30:00.125, 1000 ms <span class=\"damage\">"
@@ -305,8 +284,8 @@ TEST(NvtraceTimelineCliTest, UsageAndUnwritableOutput)
     EXPECT_EQ(1, nvtrace::RunCli({"--chrome-trace", "", "x.trc3"}, out2, err2));
     EXPECT_EQ(0u, err2.str().find("nvtrace: --chrome-trace needs an output file")) << err2.str();
 
-    TempDir dir;
-    const std::string trace = Write(dir.File("t.trc3"), ThreeUsers().bytes());
+    TempFolder dir;
+    const std::string trace = dir.Write("t.trc3", ThreeUsers().bytes());
     std::ostringstream out3, err3;
     EXPECT_EQ(2, nvtrace::RunCli({"--html", "/nonexistent/dir/t.html", trace}, out3, err3));
     EXPECT_EQ("nvtrace: cannot write '/nonexistent/dir/t.html'\n", err3.str());
