@@ -2,7 +2,6 @@
 // first), every failing result with its scope path and the timeline; trace text
 // always escaped. And the command line of both timeline outputs.
 #include <gtest/gtest.h>
-#include <unistd.h>
 #include <cstdio>
 #include <fstream>
 #include <nlohmann/json.hpp>
