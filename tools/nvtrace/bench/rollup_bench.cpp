@@ -1,6 +1,8 @@
 // The fleet roll-up's cost: nvtrace --csv over a folder of generated traces, against
 // a floor measured in the same run, reading the same files (the same folder walk,
 // every byte read with the decoder's own file reader, nothing decoded, one thread).
+// Beside it, on one CPU, the same walk with every file decoded and nothing more (no
+// rows): the share of the time that decoding itself takes, damage checks included.
 // Prints human-readable lines and, per figure,
 //   ROW,<figure>,<ours>,<floor or anchor>,<ratio>,<goal>,<unit>
 // for scripts/bench's table. Nothing is asserted.
@@ -137,8 +139,10 @@ void Generate(const Options& o)
 }
 
 // The floor: the same walk over the same files, each read whole into memory (as the
-// decoder reads it) and let go.
-std::uint64_t ReadAll(const fs::path& dir)
+// decoder reads it) and let go. With a decoder, each file is also decoded (heads,
+// unscrambling and the checks that find damage) and nothing more: no row, no output.
+// That is the part of nvtrace's time that no roll-up of these traces can skip.
+std::uint64_t ReadAll(const fs::path& dir, nvtrace::TraceDecoder* decoder = nullptr)
 {
     std::vector<fs::directory_entry> entries;
     for (const fs::directory_entry& e : fs::directory_iterator(dir))
@@ -148,13 +152,16 @@ std::uint64_t ReadAll(const fs::path& dir)
     std::uint64_t bytes = 0;
     for (const fs::directory_entry& e : entries) {
         if (e.is_directory()) {
-            bytes += ReadAll(e.path());
+            bytes += ReadAll(e.path(), decoder);
             continue;
         }
         std::vector<std::uint8_t> data;
         std::string error;
-        if (nvtrace::ReadWholeFile(e.path().string(), data, error))
+        if (nvtrace::ReadWholeFile(e.path().string(), data, error)) {
             bytes += data.size();
+            if (decoder && !decoder->Decode(data.data(), data.size()).ok)
+                std::fprintf(stderr, "%s does not decode\n", e.path().c_str());
+        }
     }
     return bytes;
 }
@@ -290,17 +297,19 @@ int main(int argc, char** argv)
         std::vector<int> cpus;
         std::string name;
         std::vector<double> ours, floors, ratios, cpu;
+        std::vector<double> decodes, decodeRatios; // one CPU only
     };
     std::vector<Series> series;
     // The names go into scripts/bench's CSV table: no commas.
-    series.push_back({{o.cpus[0]}, "one CPU", {}, {}, {}, {}});
+    series.push_back({{o.cpus[0]}, "one CPU", {}, {}, {}, {}, {}, {}});
     if (o.cpus.size() > 1)
-        series.push_back({o.cpus, "two CPUs", {}, {}, {}, {}});
+        series.push_back({o.cpus, "two CPUs", {}, {}, {}, {}, {}, {}});
     for (const Series& s : series) {
         std::printf("  %s: CPU %d%s\n", s.name.c_str(), s.cpus[0],
                     s.cpus.size() > 1 ? (" and " + std::to_string(s.cpus[1])).c_str() : "");
     }
     std::vector<double> peaks;
+    nvtrace::TraceDecoder decoder;
     for (int run = 0; run < o.runs; ++run) {
         for (Series& s : series) {
             if (!RunOn(s.cpus)) {
@@ -323,6 +332,15 @@ int main(int argc, char** argv)
             std::printf("  run %d, %s: nvtrace --csv %.3f s (CPU %.3f s), reading the files %.3f s, ratio %.2f, "
                         "peak %.1f MB\n",
                         run + 1, s.name.c_str(), r.seconds, r.cpuSeconds, floor, r.seconds / floor, r.peakMb);
+            if (s.cpus.size() == 1) {
+                start = std::chrono::steady_clock::now();
+                ReadAll(o.dir, &decoder);
+                const double decode = Seconds(start);
+                s.decodes.push_back(decode);
+                s.decodeRatios.push_back(decode / floor);
+                std::printf("  run %d, %s: reading and decoding the files (no rows) %.3f s, ratio %.2f\n", run + 1,
+                            s.name.c_str(), decode, decode / floor);
+            }
         }
     }
     // The anchor where nvtrace reads the most files at once.
@@ -341,6 +359,13 @@ int main(int argc, char** argv)
         std::snprintf(figure, sizeof(figure), "nvtrace --csv %zu traces on %s: CPU time (user+system) against wall time",
                       o.traces, s.name.c_str());
         std::printf("ROW,%s,%.3f,%.3f,%.3f,,ms\n", figure, Median(s.cpu) * 1e3, oursMs, Median(s.cpu) * 1e3 / oursMs);
+        if (!s.decodes.empty()) {
+            std::snprintf(figure, sizeof(figure),
+                          "reading and decoding the same %zu traces on %s (no rows; floor reading them)", o.traces,
+                          s.name.c_str());
+            std::printf("ROW,%s,%.3f,%.3f,%.3f,,ms\n", figure, Median(s.decodes) * 1e3, floorMs,
+                        Median(s.decodeRatios));
+        }
         std::snprintf(figure, sizeof(figure), "nvtrace --csv %zu traces on %s: traces per second", o.traces,
                       s.name.c_str());
         std::printf("ROW,%s,%.1f,,,,traces/s\n", figure, static_cast<double>(o.traces) / Median(s.ours));
