@@ -581,12 +581,16 @@ private:
     int m_fd;
 };
 
-// Reads from fd until the end, appending to data from `have` on; false on an error.
-bool ReadToEnd(int fd, std::vector<std::uint8_t>& data, std::size_t have)
+// Reads the file into data: `size` bytes (fewer if it ends sooner; one read when it
+// does not), or, for a file that tells no size (size 0, as some system files), until
+// its end. False on a read error.
+bool ReadInto(int fd, std::vector<std::uint8_t>& data, std::size_t size)
 {
     constexpr std::size_t kChunk = 64 * 1024;
-    for (;;) {
-        if (data.size() - have < kChunk)
+    std::size_t have = 0;
+    data.resize(size);
+    while (size == 0 || have < size) {
+        if (size == 0 && data.size() - have < kChunk)
             data.resize(have + kChunk);
         const ssize_t n = ::read(fd, data.data() + have, data.size() - have);
         if (n < 0 && errno == EINTR)
@@ -623,25 +627,8 @@ bool ReadWholeFile(const std::string& path, std::vector<std::uint8_t>& data, std
         error = "'" + path + "' is not a file";
         return false;
     }
-    // One read of the size the file has now; a file that has none to tell (as some
-    // system files) is read to its end.
-    const std::size_t size = static_cast<std::size_t>(st.st_size);
-    std::size_t have = 0;
-    data.resize(size);
-    while (have < size) {
-        const ssize_t n = ::read(fd.get(), data.data() + have, size - have);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0) {
-            error = "cannot read '" + path + "'";
-            return false;
-        }
-        if (n == 0)
-            break;
-        have += static_cast<std::size_t>(n);
-    }
-    data.resize(have);
-    if (size == 0 && !ReadToEnd(fd.get(), data, 0)) {
+    // One read of the size the file has now.
+    if (!ReadInto(fd.get(), data, static_cast<std::size_t>(st.st_size))) {
         error = "cannot read '" + path + "'";
         return false;
     }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <ostream>
+#include <string>
 
 #include "decoder.h"
 #include "listing.h"
@@ -47,6 +48,14 @@ const char kDetails[] =
     "              use, at most 16); rows come in the same order whatever N; 1: one thread\n"
     "  Exit codes: 0 decoded, 1 usage, 2 unreadable (or no trace found), 3 truncated or\n"
     "  corrupt (with many files: 3 if any was, else 2 if any could not be read).\n";
+
+// A command line that cannot run: what is wrong, the synopsis, where the rest is.
+// Returns the exit code for it.
+int UsageError(std::ostream& err, const std::string& what)
+{
+    err << "nvtrace: " << what << '\n' << kSynopsis << kSeeHelp;
+    return 1;
+}
 
 bool ParseThread(const std::string& text, std::uint32_t& value)
 {
@@ -133,38 +142,28 @@ int ParseCli(const std::vector<std::string>& args, CliOptions& options, std::ost
             if (a == m.name)
                 mode = &m;
         if (mode) {
-            if (options.modeGiven) {
-                err << "nvtrace: --raw, --summary, --json and --csv exclude each other\n" << kSynopsis << kSeeHelp;
-                return 1;
-            }
+            if (options.modeGiven)
+                return UsageError(err, "--raw, --summary, --json and --csv exclude each other");
             options.modeGiven = true;
             options.mode = mode->mode;
             options.format.raw = mode->mode == OutputMode::Raw;
         } else if (a == "--chrome-trace" || a == "--html") {
-            if (i + 1 >= args.size() || args[i + 1].empty()) {
-                err << "nvtrace: " << a << " needs an output file (\"-\": standard output)\n" << kSynopsis << kSeeHelp;
-                return 1;
-            }
+            if (i + 1 >= args.size() || args[i + 1].empty())
+                return UsageError(err, a + " needs an output file (\"-\": standard output)");
             (a == "--html" ? options.outputs.html : options.outputs.chromeTrace) = args[++i];
         } else if (a == "--thread") {
-            if (i + 1 >= args.size() || !ParseThread(args[i + 1], options.format.thread)) {
-                err << "nvtrace: --thread needs a thread id (decimal, or hex with 0x)\n" << kSynopsis << kSeeHelp;
-                return 1;
-            }
+            if (i + 1 >= args.size() || !ParseThread(args[i + 1], options.format.thread))
+                return UsageError(err, "--thread needs a thread id (decimal, or hex with 0x)");
             options.format.filterThread = true;
             ++i;
         } else if (a == "--jobs") {
-            if (i + 1 >= args.size() || !ParseCount(args[i + 1], kMaxRollupJobs, options.jobs)) {
-                err << "nvtrace: --jobs needs a number of files to read at once, 1 to " << kMaxRollupJobs << "\n"
-                    << kSynopsis << kSeeHelp;
-                return 1;
-            }
+            if (i + 1 >= args.size() || !ParseCount(args[i + 1], kMaxRollupJobs, options.jobs))
+                return UsageError(err, "--jobs needs a number of files to read at once, 1 to " +
+                                           std::to_string(kMaxRollupJobs));
             options.jobsGiven = true;
             ++i;
-        } else if (a.size() > 1 && a[0] == '-') {
-            err << "nvtrace: unknown option '" << a << "'\n" << kSynopsis << kSeeHelp;
-            return 1;
-        } else {
+        } else if (a.size() > 1 && a[0] == '-')
+            return UsageError(err, "unknown option '" + a + "'"); else {
             options.paths.push_back(a);
         }
     }
@@ -231,24 +230,16 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
     if (parsed >= 0)
         return parsed;
     if (!WantsRollup(options)) {
-        if (options.jobsGiven) {
-            err << "nvtrace: --jobs takes several files, a folder or --csv\n" << kSynopsis << kSeeHelp;
-            return 1;
-        }
+        if (options.jobsGiven)
+            return UsageError(err, "--jobs takes several files, a folder or --csv");
         return RunOneTrace(options, out, err);
     }
-    if (options.mode == OutputMode::Listing || options.mode == OutputMode::Raw) {
-        err << "nvtrace: one trace file at a time\n" << kSynopsis << kSeeHelp;
-        return 1;
-    }
-    if (options.format.filterThread) {
-        err << "nvtrace: --thread takes one trace file\n" << kSynopsis << kSeeHelp;
-        return 1;
-    }
-    if (options.outputs.any()) {
-        err << "nvtrace: --chrome-trace and --html take one trace file\n" << kSynopsis << kSeeHelp;
-        return 1;
-    }
+    if (options.mode == OutputMode::Listing || options.mode == OutputMode::Raw)
+        return UsageError(err, "one trace file at a time");
+    if (options.format.filterThread)
+        return UsageError(err, "--thread takes one trace file");
+    if (options.outputs.any())
+        return UsageError(err, "--chrome-trace and --html take one trace file");
     const RollupFormat format = options.mode == OutputMode::Csv    ? RollupFormat::Csv
                                 : options.mode == OutputMode::Json ? RollupFormat::Json
                                                                    : RollupFormat::Summary;
