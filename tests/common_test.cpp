@@ -689,7 +689,6 @@ TEST(ThreadSlotTest, SlotThatCouldNotBeTakenReadsZeroAndDropsWrites)
 
 // ---- the boundary helpers ------------------------------------------------------------
 
-
 TEST(BoundaryHelpersTest, GuardedUnlessOutOfMemoryRaisesEveryShortageAfterItsRecordAndMapsTheRest)
 {
     unsigned recorded = 0;
@@ -762,17 +761,4 @@ TEST(CryptBlobTest, AssigningALengthWithoutBytesGivesThatManyZeroBytes)
     ASSERT_EQ(4u, blob.cbData);
     ASSERT_NE(nullptr, blob.pbData);
     EXPECT_EQ((std::vector<BYTE>(4, 0)), std::vector<BYTE>(blob.pbData, blob.pbData + blob.cbData));
-}
-
-TEST(CryptBlobTest, ABlockThatCannotBeAllocatedRaisesOutOfMemoryAndKeepsTheContent)
-{
-    nv::CCryptBlob blob;
-    blob.Assign(reinterpret_cast<const BYTE*>("old"), 3);
-    {
-        nvtest::ImportFault<decltype(&::HeapAlloc)> fault("HeapAlloc", nullptr, ERROR_NOT_ENOUGH_MEMORY, 1);
-        EXPECT_EQ(E_OUTOFMEMORY, nvtest::RaisedCode([&] { blob.Allocate(16); }));
-        EXPECT_EQ(1u, fault.failed());
-    }
-    ASSERT_EQ(3u, blob.cbData);
-    EXPECT_EQ(0, std::memcmp("old", blob.pbData, 3));
 }
