@@ -27,20 +27,28 @@ constexpr char kHeaderEnd[] = ".";
 // No header line the library writes comes near this; longer means this is no header.
 constexpr std::size_t kMaxHeaderLine = 4096;
 
-// The longest text each kind can carry.
-std::size_t MaxTextLength(char kind)
-{
-    switch (kind) {
-    case '>': return 99;
-    case '<': return 0;
-    case 'U': return 399;
-    case 'E': return 260;
-    case 't': return 8;
-    case 'T': return 12;
-    case 'N': return 10;
-    default: return 0;
+// The longest text each kind can carry; kNoKind for a byte that is no record kind.
+// One look-up per record head, as a table: a fleet's traces hold millions of heads.
+constexpr std::uint16_t kNoKind = 0xFFFF;
+
+struct KindTable {
+    std::uint16_t longest[256];
+    constexpr KindTable() : longest{}
+    {
+        for (std::uint16_t& n : longest)
+            n = kNoKind;
+        longest[static_cast<unsigned char>('>')] = 99;
+        longest[static_cast<unsigned char>('<')] = 0;
+        longest[static_cast<unsigned char>('U')] = 399;
+        longest[static_cast<unsigned char>('E')] = 260;
+        longest[static_cast<unsigned char>('t')] = 8;
+        longest[static_cast<unsigned char>('T')] = 12;
+        longest[static_cast<unsigned char>('N')] = 10;
     }
-}
+};
+constexpr KindTable kKinds;
+
+std::size_t MaxTextLength(char kind) { return kKinds.longest[static_cast<unsigned char>(kind)]; }
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 
@@ -306,15 +314,10 @@ const TraceView& TraceDecoder::Decode(const std::uint8_t* data, std::size_t size
     } else if (ReadHeader(data, size, pos)) {
         m_trace.bodyOffset = pos;
         const std::size_t textSize = ReadHeads(data, size, pos);
+        EncipherBlocks(m_kernel, m_key, m_y.data(), m_z.data(), m_blocks);
         // Room for the last step's eight-byte store.
         m_text.resize(textSize + 8);
-        Unscramble(data + size);
-        std::size_t at = 0;
-        for (RecordView& r : m_trace.records) {
-            r.text = std::string_view(m_text.data() + at, r.text.size());
-            at += r.text.size();
-        }
-        CheckTexts();
+        UnscrambleAndCheck(data + size);
     }
     return m_trace;
 }
@@ -367,9 +370,19 @@ bool TraceDecoder::ReadHeaderLines(const std::uint8_t* data, std::size_t size, s
 
 // The records' heads, which are not scrambled, up to the end or the first head that
 // cannot be valid (the trace then fails there, unless a text before it fails first).
-// Each record's text is left empty with its length; returns their sum.
+// Each record's text is left as its scrambled bytes in the file; returns the sum of
+// their lengths. On the way, the cipher's input of every step after a record's first
+// (the ciphertext step before it) is gathered for one batch.
 std::size_t TraceDecoder::ReadHeads(const std::uint8_t* data, std::size_t size, std::size_t pos)
 {
+    // A step after the first follows eight bytes of text: at most one per eight bytes.
+    const std::size_t most = (size - pos) / 8 + 1;
+    if (m_y.size() < most) {
+        m_y.resize(most);
+        m_z.resize(most);
+    }
+    std::uint32_t* y = m_y.data();
+    std::uint32_t* z = m_z.data();
     std::size_t textSize = 0;
     while (pos < size) {
         const std::size_t left = size - pos;
@@ -378,18 +391,17 @@ std::size_t TraceDecoder::ReadHeads(const std::uint8_t* data, std::size_t size, 
                  "the record head needs " + std::to_string(kRecordHeadSize) + " bytes, " + std::to_string(left) + " left");
             break;
         }
-        RecordView record;
-        record.offset = pos;
-        record.thread = nvcipher::LoadLe32(data + pos);
-        record.kind = static_cast<char>(data[pos + 4]);
-        const std::size_t n = std::size_t(data[pos + 5]) | (std::size_t(data[pos + 6]) << 8);
-        if (!IsKnownKind(record.kind)) {
-            Fail(m_trace, pos, "corrupt record", "unknown record kind 0x" + Hex2(data[pos + 4]));
+        const std::uint8_t* head = data + pos;
+        const char kind = static_cast<char>(head[4]);
+        const std::size_t n = std::size_t(head[5]) | (std::size_t(head[6]) << 8);
+        const std::size_t longest = MaxTextLength(kind);
+        if (longest == kNoKind) {
+            Fail(m_trace, pos, "corrupt record", "unknown record kind 0x" + Hex2(head[4]));
             break;
         }
-        if (n > MaxTextLength(record.kind)) {
+        if (n > longest) {
             Fail(m_trace, pos, "corrupt record",
-                 std::string("a '") + record.kind + "' record cannot carry " + std::to_string(n) + " bytes of text");
+                 std::string("a '") + kind + "' record cannot carry " + std::to_string(n) + " bytes of text");
             break;
         }
         if (left - kRecordHeadSize < n) {
@@ -397,61 +409,50 @@ std::size_t TraceDecoder::ReadHeads(const std::uint8_t* data, std::size_t size, 
                  "the text needs " + std::to_string(n) + " bytes, " + std::to_string(left - kRecordHeadSize) + " left");
             break;
         }
-        // The scrambled text for now; Decode points it at the unscrambled one.
-        record.text = std::string_view(reinterpret_cast<const char*>(data + pos + kRecordHeadSize), n);
-        m_trace.records.push_back(record);
+        const std::uint8_t* text = head + kRecordHeadSize;
+        // Field by field into place: a record built aside and copied in stalled on
+        // reading back the narrow stores just made.
+        RecordView& record = m_trace.records.emplace_back();
+        record.offset = pos;
+        record.thread = nvcipher::LoadLe32(head);
+        record.kind = kind;
+        record.text = std::string_view(reinterpret_cast<const char*>(text), n);
+        for (std::size_t at = 8; at < n; at += 8) {
+            *y++ = nvcipher::LoadLe32(text + at - 8);
+            *z++ = nvcipher::LoadLe32(text + at - 4);
+        }
         textSize += n;
         pos += kRecordHeadSize + n;
     }
+    m_blocks = static_cast<std::size_t>(y - m_y.data());
     return textSize;
 }
 
-// Every record's text at once: the key stream of each record's first step is known,
-// and those of its later steps are the cipher of the ciphertext step before, all
-// enciphered in one batch.
-void TraceDecoder::Unscramble(const std::uint8_t* end)
+// Every record's text, with the key streams enciphered: the first step's is known,
+// each later step's is the cipher of the ciphertext step before. Each text is checked
+// as it is unscrambled: the first that the library cannot have written ends the trace
+// there, before any later head's failure.
+void TraceDecoder::UnscrambleAndCheck(const std::uint8_t* end)
 {
-    std::size_t blocks = 0;
-    for (const RecordView& r : m_trace.records)
-        blocks += r.text.size() > 8 ? (r.text.size() - 1) / 8 : 0;
-    m_y.resize(blocks);
-    m_z.resize(blocks);
-    std::uint32_t* y = m_y.data();
-    std::uint32_t* z = m_z.data();
-    // The records' texts are still the scrambled ones in the file.
-    for (const RecordView& r : m_trace.records) {
-        const std::uint8_t* in = reinterpret_cast<const std::uint8_t*>(r.text.data());
-        for (std::size_t at = 8; at < r.text.size(); at += 8) {
-            *y++ = nvcipher::LoadLe32(in + at - 8);
-            *z++ = nvcipher::LoadLe32(in + at - 4);
-        }
-    }
-    EncipherBlocks(m_kernel, m_key, m_y.data(), m_z.data(), blocks);
     std::uint64_t firstStep;
     std::memcpy(&firstStep, m_firstStep, 8);
-    y = m_y.data();
-    z = m_z.data();
+    const std::uint32_t* y = m_y.data();
+    const std::uint32_t* z = m_z.data();
     char* out = &m_text[0];
-    for (const RecordView& r : m_trace.records) {
+    std::vector<RecordView>& records = m_trace.records;
+    for (std::size_t i = 0; i < records.size(); ++i) {
+        RecordView& r = records[i];
+        // The records' texts are still the scrambled ones in the file.
         const std::uint8_t* in = reinterpret_cast<const std::uint8_t*>(r.text.data());
         const std::size_t n = r.text.size();
         if (n > 0)
             XorStep(in, end, firstStep, std::min<std::size_t>(n, 8), out);
         for (std::size_t at = 8; at < n; at += 8)
             XorStep(in + at, end, StreamBytes(*y++, *z++), std::min<std::size_t>(n - at, 8), out + at);
+        r.text = std::string_view(out, n);
         out += n;
-    }
-}
-
-// The texts in order: the first that the library cannot have written ends the trace
-// there, before any later head's failure.
-void TraceDecoder::CheckTexts()
-{
-    std::vector<RecordView>& records = m_trace.records;
-    for (std::size_t i = 0; i < records.size(); ++i) {
-        const char* problem = CheckText(records[i].kind, records[i].text);
-        if (problem) {
-            Fail(m_trace, records[i].offset, "corrupt record", problem);
+        if (const char* problem = CheckText(r.kind, r.text)) {
+            Fail(m_trace, r.offset, "corrupt record", problem);
             records.resize(i);
             return;
         }

@@ -55,15 +55,15 @@ private:
     bool ReadHeader(const std::uint8_t* data, std::size_t size, std::size_t& pos);
     bool ReadHeaderLines(const std::uint8_t* data, std::size_t size, std::size_t& pos, std::size_t& lines);
     std::size_t ReadHeads(const std::uint8_t* data, std::size_t size, std::size_t pos);
-    void Unscramble(const std::uint8_t* end); // end: of the file image
-    void CheckTexts();
+    void UnscrambleAndCheck(const std::uint8_t* end); // end: of the file image
 
     CipherKernel m_kernel;
     std::uint32_t m_key[4];
     std::uint8_t m_firstStep[8]; // the key stream of every record's first step
     TraceView m_trace;
     std::string m_text;          // every record's text, one after another
-    std::vector<std::uint32_t> m_y, m_z;
+    std::vector<std::uint32_t> m_y, m_z; // the cipher's blocks, gathered by ReadHeads
+    std::size_t m_blocks = 0;
 };
 
 // Decodes a whole trace file image.
