@@ -459,10 +459,7 @@ void TraceDecoder::UnscrambleAndCheck(const std::uint8_t* end)
     }
 }
 
-bool IsKnownKind(char kind)
-{
-    return kind == 'N' || kind == 't' || kind == 'T' || kind == '>' || kind == '<' || kind == 'U' || kind == 'E';
-}
+bool IsKnownKind(char kind) { return MaxTextLength(kind) != kNoKind; }
 
 void ScrambleText(std::uint8_t* text, std::size_t size)
 {

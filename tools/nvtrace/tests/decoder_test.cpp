@@ -186,6 +186,29 @@ TEST(TraceDecoderTest, UnknownKindIsCorrupt)
     EXPECT_EQ(1u, trace.records.size());
 }
 
+// Every byte but the seven kinds is refused as a kind, whatever length follows it.
+TEST(TraceDecoderTest, EveryByteThatIsNoKindIsCorruptWhateverItsLength)
+{
+    const std::string kinds = "NtT><UE";
+    for (int b = 0; b < 256; ++b) {
+        const char kind = static_cast<char>(b);
+        const bool known = kinds.find(kind) != std::string::npos;
+        EXPECT_EQ(known, nvtrace::IsKnownKind(kind)) << b;
+        if (known)
+            continue;
+        for (const std::uint8_t length : {0x00, 0xFF}) {
+            SampleTrace sample;
+            const std::size_t at = sample.size();
+            sample.AddRaw({3, 0, 0, 0, static_cast<std::uint8_t>(b), length, length});
+            sample.AddRaw(std::vector<std::uint8_t>(length == 0 ? 0 : 0xFFFF, 0x41));
+            const DecodedTrace trace = Decode(sample.bytes());
+            EXPECT_FALSE(trace.ok) << b;
+            EXPECT_EQ(at, trace.errorOffset) << b;
+            EXPECT_NE(std::string::npos, trace.error.find("unknown record kind")) << b << ": " << trace.error;
+        }
+    }
+}
+
 TEST(TraceDecoderTest, TextLongerThanItsKindAllowsIsCorrupt)
 {
     struct Case {
