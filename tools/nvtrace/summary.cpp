@@ -292,33 +292,43 @@ TraceLine RecognizeLine(std::string_view text)
 {
     static constexpr std::string_view kVersionLead = "wszVersion = ";
     TraceLine line;
-    // Each line read below begins with one of these letters (keep them in step);
-    // the library's many other lines pass without a comparison each.
+    // By the first letter, so that each line is compared only with the leads it can
+    // have; the library's many other lines pass without a comparison.
     switch (text.empty() ? '\0' : text[0]) {
-    case 'w': case 'C': case 'R': case 'D': case 'v': case 'I':
+    case 'w':
+        if (StartsWith(text, kVersionLead)) {
+            line.kind = LineKind::Version;
+            line.rest = text.substr(kVersionLead.size());
+        }
+        break;
+    case 'C':
+        if (text == "Conversion policy: strict")
+            line.kind = LineKind::StrictPolicy;
+        else if (QuotedAfter(text, "Conversion process began for '", "", line.sid, nullptr))
+            line.kind = LineKind::UserBegan;
+        else if (QuotedAfter(text, "Conversion process is over for '", ", ", line.sid, &line.code))
+            line.kind = LineKind::UserOver;
+        break;
+    case 'R':
+        if (text == "Retrieve payload")
+            line.kind = LineKind::RetrievePayload;
+        break;
+    case 'D':
+        if (QuotedAfter(text, "DeleteKey('", "), ", line.sid, &line.code))
+            line.kind = LineKind::OldKeyDeleted;
+        break;
+    case 'v':
+        if (EmptyValueLine(text, line.name, line.key))
+            line.kind = LineKind::EmptyValue;
+        break;
+    case 'I':
+        if (SidAndRest(text, kIncompleteUserLead, kMovedWithGapsTail, line.sid, line.rest))
+            line.kind = LineKind::MovedWithGaps;
+        else if (SidAndRest(text, kIncompleteUserLead, kKeepsOldKeyTail, line.sid, line.rest))
+            line.kind = LineKind::KeepsOldKey;
         break;
     default:
-        return line;
-    }
-    if (StartsWith(text, kVersionLead)) {
-        line.kind = LineKind::Version;
-        line.rest = text.substr(kVersionLead.size());
-    } else if (text == "Conversion policy: strict") {
-        line.kind = LineKind::StrictPolicy;
-    } else if (text == "Retrieve payload") {
-        line.kind = LineKind::RetrievePayload;
-    } else if (QuotedAfter(text, "Conversion process began for '", "", line.sid, nullptr)) {
-        line.kind = LineKind::UserBegan;
-    } else if (QuotedAfter(text, "Conversion process is over for '", ", ", line.sid, &line.code)) {
-        line.kind = LineKind::UserOver;
-    } else if (QuotedAfter(text, "DeleteKey('", "), ", line.sid, &line.code)) {
-        line.kind = LineKind::OldKeyDeleted;
-    } else if (EmptyValueLine(text, line.name, line.key)) {
-        line.kind = LineKind::EmptyValue;
-    } else if (SidAndRest(text, kIncompleteUserLead, kMovedWithGapsTail, line.sid, line.rest)) {
-        line.kind = LineKind::MovedWithGaps;
-    } else if (SidAndRest(text, kIncompleteUserLead, kKeepsOldKeyTail, line.sid, line.rest)) {
-        line.kind = LineKind::KeepsOldKey;
+        break;
     }
     return line;
 }
