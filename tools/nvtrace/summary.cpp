@@ -733,10 +733,10 @@ public:
     {
         switch (r.kind) {
         case 'N': NewProcess(); return;
-        case '>': Enter(r.text, Stack(r.thread)); return;
-        case '<': Leave(Stack(r.thread)); return;
-        case 'E': Result(r, Stack(r.thread)); return;
-        case 'U': Line(r.thread, RecognizeLine(r.text), Stack(r.thread)); return;
+        case '>': Enter(r.text, ThreadOf(r.thread).stack); return;
+        case '<': Leave(ThreadOf(r.thread).stack); return;
+        case 'E': Result(r.text, ThreadOf(r.thread)); return;
+        case 'U': Line(RecognizeLine(r.text), ThreadOf(r.thread)); return;
         default: return;
         }
     }
@@ -764,19 +764,28 @@ private:
         std::vector<std::int32_t> traced; // failures that arose while it ran
     };
 
-    ScopeStack& Stack(std::uint32_t thread)
+    static constexpr std::size_t kNoUser = static_cast<std::size_t>(-1);
+    // What the row follows per thread of the current process.
+    struct Thread {
+        std::uint32_t id = 0;
+        ScopeStack stack;
+        std::size_t user = kNoUser; // the user whose conversion it traces now
+    };
+
+    Thread& ThreadOf(std::uint32_t id)
     {
-        for (auto& [id, stack] : m_stacks)
-            if (id == thread)
-                return stack;
-        m_stacks.emplace_back(thread, ScopeStack());
-        return m_stacks.back().second;
+        for (Thread& t : m_threads)
+            if (t.id == id)
+                return t;
+        Thread& t = m_threads.emplace_back();
+        t.id = id;
+        t.stack.reserve(8); // deeper than the library's scopes usually go: one allocation
+        return t;
     }
 
     void NewProcess()
     {
-        m_stacks.clear();
-        m_currentUser.clear();
+        m_threads.clear();
         ++m_process;
     }
 
@@ -816,9 +825,10 @@ private:
         ++m_row.codes[static_cast<std::uint32_t>(code)];
     }
 
-    void Result(const RecordView& r, ScopeStack& stack)
+    void Result(std::string_view text, Thread& thread)
     {
-        const ResultRecord result = RecognizeResult(r.text);
+        ScopeStack& stack = thread.stack;
+        const ResultRecord result = RecognizeResult(text);
         if (!result.failing)
             return;
         const bool passedOn = !stack.empty() && std::find(stack.back().calleeFailures.begin(),
@@ -826,8 +836,8 @@ private:
                                                           result.code) != stack.back().calleeFailures.end();
         if (!passedOn) {
             Arose(result.code);
-            if (User* user = CurrentUser(r.thread))
-                user->traced.push_back(result.code);
+            if (thread.user != kNoUser)
+                m_users[thread.user].traced.push_back(result.code);
         }
         if (!stack.empty()) {
             stack.back().failed = true;
@@ -835,50 +845,44 @@ private:
         }
     }
 
-    void Line(std::uint32_t thread, const TraceLine& line, ScopeStack& stack);
-    std::size_t ConversionOf(std::uint32_t thread, const ScopeStack& stack);
+    void Line(const TraceLine& line, Thread& thread);
+    std::size_t ConversionOf(const Thread& thread);
     std::size_t UserOf(std::size_t conversion, std::string_view sid);
-    User* CurrentUser(std::uint32_t thread)
-    {
-        const auto it = m_currentUser.find(thread);
-        return it == m_currentUser.end() ? nullptr : &m_users[it->second];
-    }
 
     RowSummary m_row;
     unsigned m_process = 1;
     std::size_t m_conversions = 0;
-    std::vector<std::pair<std::uint32_t, ScopeStack>> m_stacks; // a trace has few threads
-    std::map<std::uint32_t, std::size_t> m_currentUser;
+    std::vector<Thread> m_threads; // a trace has few threads
     std::map<std::uint32_t, std::pair<unsigned, std::size_t>> m_looseConversion;
     std::vector<User> m_users;
     std::map<std::pair<std::size_t, std::string_view>, std::size_t> m_userAt;
     std::size_t m_lastUser = static_cast<std::size_t>(-1);
 };
 
-void RowSummarizer::Line(std::uint32_t thread, const TraceLine& line, ScopeStack& stack)
+void RowSummarizer::Line(const TraceLine& line, Thread& thread)
 {
     switch (line.kind) {
     case LineKind::StrictPolicy:
-        ConversionOf(thread, stack); // the policy's line opens a conversion when none runs
+        ConversionOf(thread); // the policy's line opens a conversion when none runs
         return;
     case LineKind::UserBegan:
-        m_currentUser[thread] = UserOf(ConversionOf(thread, stack), line.sid);
+        thread.user = UserOf(ConversionOf(thread), line.sid);
         return;
     case LineKind::UserOver: {
-        User& u = m_users[UserOf(ConversionOf(thread, stack), line.sid)];
-        m_currentUser.erase(thread);
+        User& u = m_users[UserOf(ConversionOf(thread), line.sid)];
+        thread.user = kNoUser;
         if (CaughtByGuard(u.deleteSeen, line.code, &u.traced))
             Arose(static_cast<std::int32_t>(line.code));
         return;
     }
     case LineKind::OldKeyDeleted:
-        m_users[UserOf(ConversionOf(thread, stack), line.sid)].deleteSeen = true;
+        m_users[UserOf(ConversionOf(thread), line.sid)].deleteSeen = true;
         return;
     case LineKind::MovedWithGaps:
-        m_users[UserOf(ConversionOf(thread, stack), line.sid)].hasGaps = !line.rest.empty();
+        m_users[UserOf(ConversionOf(thread), line.sid)].hasGaps = !line.rest.empty();
         return;
     case LineKind::KeepsOldKey:
-        m_users[UserOf(ConversionOf(thread, stack), line.sid)].isHeld = !line.rest.empty();
+        m_users[UserOf(ConversionOf(thread), line.sid)].isHeld = !line.rest.empty();
         return;
     default:
         return; // lines that neither count a user nor open a conversion
@@ -887,15 +891,15 @@ void RowSummarizer::Line(std::uint32_t thread, const TraceLine& line, ScopeStack
 
 // As the Summarizer's: the innermost conversion's scope, else one opened for lines
 // traced outside any, per thread and process.
-std::size_t RowSummarizer::ConversionOf(std::uint32_t thread, const ScopeStack& stack)
+std::size_t RowSummarizer::ConversionOf(const Thread& thread)
 {
-    const long innermost = Innermost(stack);
+    const long innermost = Innermost(thread.stack);
     if (innermost >= 0)
         return static_cast<std::size_t>(innermost);
-    auto loose = m_looseConversion.find(thread);
+    auto loose = m_looseConversion.find(thread.id);
     if (loose != m_looseConversion.end() && loose->second.first == m_process)
         return loose->second.second;
-    m_looseConversion[thread] = {m_process, m_conversions};
+    m_looseConversion[thread.id] = {m_process, m_conversions};
     return m_conversions++;
 }
 
