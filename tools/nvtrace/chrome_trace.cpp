@@ -65,18 +65,30 @@ Json MarkEvent(const Timeline& timeline, const TimelineMark& m)
 
 void WriteChromeTrace(const DecodedTrace& trace, const Timeline& timeline, std::ostream& out)
 {
-    Json events = Json::array();
+    // Trace text is whatever the file holds: bytes that are no UTF-8 become U+FFFD
+    // instead of failing the whole output.
+    auto write = [&out](const Json& value) { out << value.dump(-1, ' ', false, Json::error_handler_t::replace); };
+    // The document is written event by event, as one dump of it would read: a long
+    // trace has hundreds of thousands of events, and a document built whole in memory
+    // took some forty times the trace's size.
+    bool first = true;
+    auto event = [&](const Json& e) {
+        out << (first ? "" : ",");
+        first = false;
+        write(e);
+    };
+    out << "{\"traceEvents\":[";
     for (const TimelineProcess& p : timeline.processes) {
-        events.push_back(ProcessMetadata("process_name", p.ordinal, Json{{"name", ProcessName(p)}}));
-        events.push_back(ProcessMetadata("process_sort_index", p.ordinal, Json{{"sort_index", p.ordinal}}));
+        event(ProcessMetadata("process_name", p.ordinal, Json{{"name", ProcessName(p)}}));
+        event(ProcessMetadata("process_sort_index", p.ordinal, Json{{"sort_index", p.ordinal}}));
         for (const TimelineThread& t : p.threads)
-            events.push_back(Json{{"ph", "M"}, {"name", "thread_name"}, {"pid", p.ordinal}, {"tid", t.id},
-                                  {"args", Json{{"name", "thread " + std::to_string(t.id)}}}});
+            event(Json{{"ph", "M"}, {"name", "thread_name"}, {"pid", p.ordinal}, {"tid", t.id},
+                       {"args", Json{{"name", "thread " + std::to_string(t.id)}}}});
     }
     for (const TimelineScope& s : timeline.scopes)
-        events.push_back(ScopeEvent(s));
+        event(ScopeEvent(s));
     for (const TimelineMark& m : timeline.marks)
-        events.push_back(MarkEvent(timeline, m));
+        event(MarkEvent(timeline, m));
 
     // The viewers show otherData as metadata strings.
     std::string header;
@@ -85,10 +97,9 @@ void WriteChromeTrace(const DecodedTrace& trace, const Timeline& timeline, std::
     Json other{{"origin", timeline.origin}, {"header", header}, {"complete", timeline.complete ? "yes" : "no"}};
     if (!timeline.complete)
         other["damage"] = timeline.damage;
-    const Json document{{"traceEvents", std::move(events)}, {"displayTimeUnit", "ms"}, {"otherData", std::move(other)}};
-    // Trace text is whatever the file holds: bytes that are no UTF-8 become U+FFFD
-    // instead of failing the whole output.
-    out << document.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+    out << "],\"displayTimeUnit\":\"ms\",\"otherData\":";
+    write(other);
+    out << "}\n";
 }
 
 } // namespace nvtrace
