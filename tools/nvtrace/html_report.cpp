@@ -5,6 +5,8 @@
 #include <map>
 #include <ostream>
 #include <sstream>
+#include <string>
+#include <vector>
 
 namespace nvtrace {
 
@@ -119,22 +121,40 @@ std::string CodeWithName(std::uint32_t code)
 // ---- users ----------------------------------------------------------------
 
 // A user may be converted by several runs (processes) of one trace: one that kept
-// it and a later one that moved it. Its final state is that of its last run.
-const SummaryUser* MovedLater(const TraceSummary& summary, const SummaryUser& u)
-{
-    for (const SummaryUser& other : summary.users)
-        if (other.sid == u.sid && other.process > u.process && other.moved())
-            return &other;
-    return nullptr;
-}
+// it and a later one that moved it. Its final state is that of its last run. The
+// runs that moved each SID are listed once, so that a trace of many thousands of
+// users is not searched whole for each of them.
+class LaterMoves {
+public:
+    explicit LaterMoves(const TraceSummary& summary)
+    {
+        for (const SummaryUser& u : summary.users)
+            if (u.moved())
+                m_moved[u.sid].push_back(&u);
+    }
+
+    // The first run, in the summary's order, that moved the user in a later process.
+    const SummaryUser* After(const SummaryUser& u) const
+    {
+        const auto it = m_moved.find(u.sid);
+        if (it != m_moved.end())
+            for (const SummaryUser* other : it->second)
+                if (other->process > u.process)
+                    return other;
+        return nullptr;
+    }
+
+private:
+    std::map<std::string, std::vector<const SummaryUser*>> m_moved;
+};
 
 enum UserRank { kKept, kGaps, kKeptThenMoved, kMoved };
 
-UserRank RankOf(const TraceSummary& summary, const SummaryUser& u)
+UserRank RankOf(const LaterMoves& later, const SummaryUser& u)
 {
     if (u.moved())
         return u.movedWithGaps() ? kGaps : kMoved;
-    return MovedLater(summary, u) ? kKeptThenMoved : kKept;
+    return later.After(u) ? kKeptThenMoved : kKept;
 }
 
 const char* UserClass(UserRank rank)
@@ -143,7 +163,7 @@ const char* UserClass(UserRank rank)
     return classes[rank];
 }
 
-std::string UserOutcome(const TraceSummary& summary, const SummaryUser& u)
+std::string UserOutcome(const LaterMoves& laterMoves, const SummaryUser& u)
 {
     if (u.movedWithGaps())
         return "moved with gaps: " + u.gaps;
@@ -162,7 +182,7 @@ std::string UserOutcome(const TraceSummary& summary, const SummaryUser& u)
         else if (!u.over)
             outcome += " (its conversion never ended)";
     }
-    if (const SummaryUser* later = MovedLater(summary, u))
+    if (const SummaryUser* later = laterMoves.After(u))
         outcome += "; moved by a later run (process " + std::to_string(later->process) + ")";
     return outcome;
 }
@@ -174,9 +194,10 @@ void WriteUsers(const TraceSummary& summary, std::ostream& out)
         out << "<p>No user conversion in this trace.</p>\n";
         return;
     }
+    const LaterMoves later(summary);
     std::vector<std::pair<UserRank, const SummaryUser*>> users;
     for (const SummaryUser& u : summary.users)
-        users.push_back({RankOf(summary, u), &u});
+        users.push_back({RankOf(later, u), &u});
     std::stable_sort(users.begin(), users.end(),
                      [](const auto& a, const auto& b) { return a.first < b.first; });
     out << "<table class=\"users\">\n<tr><th>Process</th><th>SID</th><th>Status</th><th>Outcome</th></tr>\n";
@@ -184,7 +205,7 @@ void WriteUsers(const TraceSummary& summary, std::ostream& out)
         out << "<tr class=\"user " << UserClass(rank) << "\"><td>" << u->process << "</td><td class=\"sid\">"
             << Escaped(u->sid) << "</td><td class=\"status\">"
             << (u->over ? Escaped(CodeWithName(u->status)) : std::string("(no end)")) << "</td><td class=\"outcome\">"
-            << Escaped(UserOutcome(summary, *u)) << "</td></tr>\n";
+            << Escaped(UserOutcome(later, *u)) << "</td></tr>\n";
     }
     out << "</table>\n";
 }
@@ -285,7 +306,13 @@ void WriteFailureMark(const Timeline& timeline, const TimelineMark& m, const Sca
 
 double LaneHeight(const TimelineThread& t) { return kMarkRow + static_cast<double>(t.maxDepth + 1) * kRowHeight; }
 
-void WriteProcessTimeline(const Timeline& timeline, const TimelineProcess& p, std::ostream& out)
+// A process's scopes and failing results, as indices into the timeline's lists.
+struct ProcessPart {
+    std::vector<std::size_t> scopes, failures;
+};
+
+void WriteProcessTimeline(const Timeline& timeline, const TimelineProcess& p, const ProcessPart& part,
+                          std::ostream& out)
 {
     out << "<h3>Process " << p.ordinal;
     if (!p.started.empty())
@@ -319,14 +346,15 @@ void WriteProcessTimeline(const Timeline& timeline, const TimelineProcess& p, st
             << Fixed(LaneHeight(p.threads[i])) << "\"/><text x=\"4\" y=\"" << Fixed(tops[i] + kMarkRow + 12)
             << "\">thread " << p.threads[i].id << "</text>\n";
     }
-    for (const TimelineScope& s : timeline.scopes)
-        if (s.process == p.ordinal)
-            WriteScopeRect(s, scale, tops[laneOf(s.thread)], out);
-    for (const TimelineMark& m : timeline.marks)
-        if (m.process == p.ordinal && m.kind == TimelineMarkKind::Failure) {
-            const std::size_t lane = laneOf(m.thread);
-            WriteFailureMark(timeline, m, scale, tops[lane], LaneHeight(p.threads[lane]), out);
-        }
+    for (const std::size_t i : part.scopes) {
+        const TimelineScope& s = timeline.scopes[i];
+        WriteScopeRect(s, scale, tops[laneOf(s.thread)], out);
+    }
+    for (const std::size_t i : part.failures) {
+        const TimelineMark& m = timeline.marks[i];
+        const std::size_t lane = laneOf(m.thread);
+        WriteFailureMark(timeline, m, scale, tops[lane], LaneHeight(p.threads[lane]), out);
+    }
     out << "</svg>\n";
 }
 
@@ -335,8 +363,19 @@ void WriteTimeline(const Timeline& timeline, std::ostream& out)
     out << "<h2 id=\"timeline\">Timeline</h2>\n<p>Scopes per thread, nested by depth; red: a scope in which a "
            "failing result was traced, with a mark at the moment; dashed: a scope never left. Hover for names "
            "and times. The clock has millisecond resolution: records of one millisecond are drawn 1 µs apart.</p>\n";
-    for (const TimelineProcess& p : timeline.processes)
-        WriteProcessTimeline(timeline, p, out);
+    // Each process's part in one pass over the lists, not one pass per process: a
+    // trace that many processes appended to has thousands.
+    std::map<unsigned, ProcessPart> parts;
+    for (std::size_t i = 0; i < timeline.scopes.size(); ++i)
+        parts[timeline.scopes[i].process].scopes.push_back(i);
+    for (std::size_t i = 0; i < timeline.marks.size(); ++i)
+        if (timeline.marks[i].kind == TimelineMarkKind::Failure)
+            parts[timeline.marks[i].process].failures.push_back(i);
+    const ProcessPart none;
+    for (const TimelineProcess& p : timeline.processes) {
+        const auto it = parts.find(p.ordinal);
+        WriteProcessTimeline(timeline, p, it == parts.end() ? none : it->second, out);
+    }
 }
 
 // ---- the rest of the page -------------------------------------------------
@@ -360,17 +399,21 @@ struct ConversionFact {
 // in it (its own result).
 std::vector<ConversionFact> Conversions(const Timeline& timeline)
 {
+    std::map<std::size_t, std::uint32_t> lastFailure; // by scope
+    for (const TimelineMark& m : timeline.marks)
+        if (m.kind == TimelineMarkKind::Failure && m.scope >= 0)
+            lastFailure[static_cast<std::size_t>(m.scope)] = m.code;
     std::vector<ConversionFact> facts;
     for (std::size_t i = 0; i < timeline.scopes.size(); ++i) {
         const TimelineScope& s = timeline.scopes[i];
         if (s.name != "CBaseConverter::Convert")
             continue;
         ConversionFact fact{s.process, s.unfinished, false, 0};
-        for (const TimelineMark& m : timeline.marks)
-            if (m.kind == TimelineMarkKind::Failure && m.scope == static_cast<std::ptrdiff_t>(i)) {
-                fact.failed = true;
-                fact.code = m.code;
-            }
+        const auto failure = lastFailure.find(i);
+        if (failure != lastFailure.end()) {
+            fact.failed = true;
+            fact.code = failure->second;
+        }
         facts.push_back(fact);
     }
     return facts;
@@ -431,6 +474,11 @@ void WriteVerdictSection(const TraceSummary& summary, const Timeline& timeline, 
         keptEarlier += !u.moved() && last[u.sid] != &u;
     for (const TimelineProcess& p : timeline.processes)
         unfinishedScopes += p.unfinishedScopes;
+    std::map<unsigned, std::pair<std::size_t, std::size_t>> usersOf; // process: users, moved
+    for (const SummaryUser& u : summary.users) {
+        ++usersOf[u.process].first;
+        usersOf[u.process].second += u.moved();
+    }
     const std::size_t kept = last.size() - moved;
     const bool lastFailed = !conversions.empty() && (conversions.back().failed || conversions.back().unfinished);
 
@@ -464,12 +512,7 @@ void WriteVerdictSection(const TraceSummary& summary, const Timeline& timeline, 
             out << "failed with " << Escaped(CodeWithName(c.code));
         else
             out << "returned without a failing result";
-        std::size_t users = 0, usersMoved = 0;
-        for (const SummaryUser& u : summary.users)
-            if (u.process == c.process) {
-                ++users;
-                usersMoved += u.moved();
-            }
+        const auto [users, usersMoved] = usersOf[c.process];
         if (users)
             out << "; " << usersMoved << " of " << users << " users moved";
         out << "</li>\n";

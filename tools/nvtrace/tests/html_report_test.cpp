@@ -155,6 +155,34 @@ TEST(NvtraceHtmlTest, TimelineDrawsEveryScopePerProcessWithFailuresMarked)
     EXPECT_NE(std::string::npos, page.find(">thread 9</text>"));
 }
 
+// Each process's drawing holds its own scopes and failure marks only, and a Convert
+// that traced several results of its own failed with the last of them.
+TEST(NvtraceHtmlTest, EachProcessDrawsItsOwnScopesAndFailuresAndConvertEndsWithItsLastResult)
+{
+    SampleTrace s;
+    s.Add(7, '>', "CBaseConverter::Convert").Add(7, 'E', "-2147467259 ").Add(7, 'E', "-2147024891 ").Add(7, '<');
+    s.Add(0, 'N', "11-15-2026").Add(8, '>', "CBaseConverter::Convert").Add(8, '>', "CConverter3::do_Convert")
+        .Add(8, 'E', "-2147467261 ").Add(8, '<').Add(8, '<');
+    const std::string page = Page(s);
+    EXPECT_NE(std::string::npos, page.find("<li>process 1: Convert failed with 0x80070005 E_ACCESSDENIED</li>\n"
+                                           "<li>process 2: Convert returned without a failing result</li>\n"))
+        << page;
+    auto drawing = [&page](const std::string& process) {
+        const std::size_t begin = page.find("<svg class=\"timeline\" data-process=\"" + process + "\"");
+        return begin == std::string::npos ? std::string() : page.substr(begin, page.find("</svg>", begin) - begin);
+    };
+    const std::string first = drawing("1"), second = drawing("2");
+    EXPECT_EQ(1u, Count(first, "<rect class=\"scope ")) << first;
+    EXPECT_EQ(2u, Count(first, "<g class=\"failmark\">")) << first;
+    EXPECT_EQ(1u, Count(first, "<title>0x80004005 E_FAIL in CBaseConverter::Convert</title>")) << first;
+    EXPECT_EQ(1u, Count(first, "<title>0x80070005 E_ACCESSDENIED in CBaseConverter::Convert</title>")) << first;
+    EXPECT_EQ(2u, Count(second, "<rect class=\"scope ")) << second;
+    EXPECT_EQ(1u, Count(second, "<g class=\"failmark\">")) << second;
+    EXPECT_EQ(1u, Count(second, "<title>0x80004003 E_POINTER in CBaseConverter::Convert &gt; "
+                                "CConverter3::do_Convert</title>"))
+        << second;
+}
+
 // The page must not reach out: no script, no link, no resource from anywhere.
 TEST(NvtraceHtmlTest, PageIsSelfContained)
 {
