@@ -335,11 +335,12 @@ void WriteProcessTimeline(const Timeline& timeline, const TimelineProcess& p, co
     out << "<svg class=\"timeline\" data-process=\"" << p.ordinal << "\" viewBox=\"0 0 " << kWidth << ' '
         << Fixed(height) << "\" role=\"img\" aria-label=\"scopes of process " << p.ordinal << " per thread\">\n";
     WriteAxis(scale, height, out);
-    auto laneOf = [&](std::uint32_t thread) {
-        for (std::size_t i = 0; i < p.threads.size(); ++i)
-            if (p.threads[i].id == thread)
-                return i;
-        return std::size_t(0);
+    std::map<std::uint32_t, std::size_t> lanes;
+    for (std::size_t i = 0; i < p.threads.size(); ++i)
+        lanes.emplace(p.threads[i].id, i);
+    auto laneOf = [&lanes](std::uint32_t thread) {
+        const auto lane = lanes.find(thread);
+        return lane == lanes.end() ? std::size_t(0) : lane->second;
     };
     for (std::size_t i = 0; i < p.threads.size(); ++i) {
         out << "<rect class=\"lane\" x=\"0\" y=\"" << Fixed(tops[i]) << "\" width=\"" << kWidth << "\" height=\""

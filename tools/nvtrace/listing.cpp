@@ -8,25 +8,34 @@
 #include <vector>
 
 #include "summary.h"
+#include "thread_index.h"
 
 namespace nvtrace {
 
 namespace {
 
-struct ThreadDepth {
-    std::uint32_t thread;
-    int depth;
-};
-
-int& DepthOf(std::vector<ThreadDepth>& depths, std::uint32_t thread)
-{
-    for (ThreadDepth& d : depths) {
-        if (d.thread == thread)
-            return d.depth;
+// Each thread's scope depth in the current process.
+class ThreadDepths {
+public:
+    int& Of(std::uint32_t thread)
+    {
+        bool added = false;
+        const std::size_t at = m_index.Position(thread, added);
+        if (added)
+            m_depths.push_back(0);
+        return m_depths[at];
     }
-    depths.push_back({thread, 0});
-    return depths.back().depth;
-}
+
+    void Clear()
+    {
+        m_index.Clear();
+        m_depths.clear();
+    }
+
+private:
+    ThreadIndex m_index;
+    std::vector<int> m_depths;
+};
 
 } // namespace
 
@@ -60,7 +69,7 @@ void WriteListing(const DecodedTrace& trace, const FormatOptions& options, std::
             out << line << '\n';
     }
     std::string date = "--/--/--", time = "--:--:--.---";
-    std::vector<ThreadDepth> depths;
+    ThreadDepths depths;
     for (const Record& record : trace.records) {
         // The clock is the file's, whichever thread wrote the timestamp.
         if (record.kind == 't')
@@ -72,7 +81,7 @@ void WriteListing(const DecodedTrace& trace, const FormatOptions& options, std::
             if (record.text.size() == 10)
                 date = record.text.substr(0, 2) + "/" + record.text.substr(3, 2) + "/" + record.text.substr(8, 2);
             time = "--:--:--.---";
-            depths.clear(); // another process: its threads start at the left margin
+            depths.Clear(); // another process: its threads start at the left margin
         }
         if (options.filterThread && record.thread != options.thread)
             continue;
@@ -82,7 +91,7 @@ void WriteListing(const DecodedTrace& trace, const FormatOptions& options, std::
         }
         if (record.kind == 't' || record.kind == 'T')
             continue;
-        int& depth = DepthOf(depths, record.thread);
+        int& depth = depths.Of(record.thread);
         if (record.kind == '<' && depth > 0)
             --depth;
         std::ostringstream line;

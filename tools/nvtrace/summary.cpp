@@ -10,6 +10,8 @@
 #include <tuple>
 #include <unordered_map>
 
+#include "thread_index.h"
+
 namespace nvtrace {
 
 // Days since 1970-01-01 of a civil date.
@@ -400,13 +402,11 @@ public:
             break;
         }
         SummaryProcess& process = m_summary.processes.back();
-        auto thread = std::find_if(process.threads.begin(), process.threads.end(),
-                                   [&](const SummaryThread& t) { return t.id == r.thread; });
-        if (thread == process.threads.end()) {
+        bool added = false;
+        const std::size_t at = m_threadAt.Position(r.thread, added);
+        if (added)
             process.threads.push_back({r.thread, 0});
-            thread = process.threads.end() - 1;
-        }
-        ++thread->records;
+        ++process.threads[at].records;
         std::vector<OpenScope>& stack = m_stacks[r.thread];
         if (r.kind == '>')
             Enter(r, stack);
@@ -442,6 +442,7 @@ private:
     void NewProcess()
     {
         CloseProcess();
+        m_threadAt.Clear();
         SummaryProcess p;
         p.ordinal = static_cast<unsigned>(m_summary.processes.size() + 1);
         m_summary.processes.push_back(p);
@@ -697,6 +698,7 @@ private:
     Clock m_clock;
     std::string m_version; // the process's "wszVersion = " text
     std::map<std::uint32_t, std::vector<OpenScope>> m_stacks;
+    ThreadIndex m_threadAt; // the current process's threads in its SummaryProcess
     std::map<std::uint32_t, std::size_t> m_currentUser; // thread -> user being converted
     std::map<std::size_t, std::vector<std::int32_t>> m_userFailures; // user -> codes traced while it ran
     std::map<std::size_t, std::uint32_t> m_lastStatus; // conversion -> last user's status
@@ -774,9 +776,10 @@ private:
 
     Thread& ThreadOf(std::uint32_t id)
     {
-        for (Thread& t : m_threads)
-            if (t.id == id)
-                return t;
+        bool added = false;
+        const std::size_t at = m_threadAt.Position(id, added);
+        if (!added)
+            return m_threads[at];
         Thread& t = m_threads.emplace_back();
         t.id = id;
         t.stack.reserve(8); // deeper than the library's scopes usually go: one allocation
@@ -786,6 +789,7 @@ private:
     void NewProcess()
     {
         m_threads.clear();
+        m_threadAt.Clear();
         ++m_process;
     }
 
@@ -852,7 +856,8 @@ private:
     RowSummary m_row;
     unsigned m_process = 1;
     std::size_t m_conversions = 0;
-    std::vector<Thread> m_threads; // a trace has few threads
+    std::vector<Thread> m_threads;
+    ThreadIndex m_threadAt; // of m_threads
     std::map<std::uint32_t, std::pair<unsigned, std::size_t>> m_looseConversion;
     std::vector<User> m_users;
     std::map<std::pair<std::size_t, std::string_view>, std::size_t> m_userAt;

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <map>
 
+#include "thread_index.h"
+
 namespace nvtrace {
 
 namespace {
@@ -100,12 +102,11 @@ private:
             process.started = m_clock.text();
 
         std::vector<std::size_t>& stack = m_stacks[r.thread];
-        auto thread = std::find_if(process.threads.begin(), process.threads.end(),
-                                   [&](const TimelineThread& t) { return t.id == r.thread; });
-        if (thread == process.threads.end()) {
+        bool added = false;
+        const std::size_t threadAt = m_threadAt.Position(r.thread, added);
+        if (added)
             process.threads.push_back({r.thread, 0});
-            thread = process.threads.end() - 1;
-        }
+        TimelineThread* const thread = &process.threads[threadAt];
         const std::ptrdiff_t innermost = stack.empty() ? -1 : static_cast<std::ptrdiff_t>(stack.back());
 
         switch (r.kind) {
@@ -188,6 +189,7 @@ private:
         p.ordinal = static_cast<unsigned>(m_timeline.processes.size() + 1);
         p.beginUs = p.endUs = m_last < 0 ? 0 : m_last;
         m_timeline.processes.push_back(p);
+        m_threadAt.Clear();
         m_processHasRecords = false;
     }
 
@@ -213,6 +215,7 @@ private:
     TimelineUs m_last = -1;
     bool m_processHasRecords = false;
     std::map<std::uint32_t, std::vector<std::size_t>> m_stacks; // open scopes per thread
+    ThreadIndex m_threadAt; // the current process's threads in its TimelineProcess
 };
 
 } // namespace

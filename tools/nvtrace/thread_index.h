@@ -1,0 +1,59 @@
+// Where each thread's entry sits in a list kept in the order the threads first
+// appear, for the readers that follow a trace thread by thread. A trace of the
+// library has a handful of threads, found with a look at their few ids; a damaged
+// or crafted file may name a new thread in every record, so past kFew threads the
+// ids go into a hash map as well, and a record costs the same however many there
+// are (a search of the list per record made such a file take quadratic time).
+#pragma once
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <unordered_map>
+
+namespace nvtrace {
+
+class ThreadIndex {
+public:
+    static constexpr std::size_t kFew = 16;
+
+    // The thread's position in the list. A thread not seen since the last Clear gets
+    // the next position, the number of threads seen before it, and `added` is set:
+    // the caller appends its entry there.
+    std::size_t Position(std::uint32_t id, bool& added)
+    {
+        added = false;
+        if (m_count <= kFew) {
+            for (std::size_t i = 0; i < m_count; ++i)
+                if (m_few[i] == id)
+                    return i;
+        } else {
+            const auto it = m_many.find(id);
+            if (it != m_many.end())
+                return it->second;
+        }
+        added = true;
+        const std::size_t at = m_count++;
+        if (at < kFew) {
+            m_few[at] = id;
+        } else {
+            if (m_many.empty())
+                for (std::size_t i = 0; i < kFew; ++i)
+                    m_many.emplace(m_few[i], i);
+            m_many.emplace(id, at);
+        }
+        return at;
+    }
+
+    void Clear()
+    {
+        m_count = 0;
+        m_many.clear();
+    }
+
+private:
+    std::array<std::uint32_t, kFew> m_few{};
+    std::size_t m_count = 0;
+    std::unordered_map<std::uint32_t, std::size_t> m_many; // every thread, once there are more than kFew
+};
+
+} // namespace nvtrace
