@@ -8,6 +8,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <unordered_map>
 
 namespace nvtrace {
@@ -22,13 +23,32 @@ public:
     std::size_t Position(std::uint32_t id, bool& added)
     {
         added = false;
+        // Most records come from the thread of the record before.
+        if (m_count > 0 && id == m_lastId)
+            return m_lastAt;
+        const std::size_t at = Find(id, added);
+        m_lastId = id;
+        m_lastAt = at;
+        return at;
+    }
+
+    void Clear()
+    {
+        m_count = 0;
+        if (m_many)
+            m_many->clear();
+    }
+
+private:
+    std::size_t Find(std::uint32_t id, bool& added)
+    {
         if (m_count <= kFew) {
             for (std::size_t i = 0; i < m_count; ++i)
                 if (m_few[i] == id)
                     return i;
         } else {
-            const auto it = m_many.find(id);
-            if (it != m_many.end())
+            const auto it = m_many->find(id);
+            if (it != m_many->end())
                 return it->second;
         }
         added = true;
@@ -36,24 +56,23 @@ public:
         if (at < kFew) {
             m_few[at] = id;
         } else {
-            if (m_many.empty())
+            if (!m_many)
+                m_many = std::make_unique<std::unordered_map<std::uint32_t, std::size_t>>();
+            if (m_many->empty())
                 for (std::size_t i = 0; i < kFew; ++i)
-                    m_many.emplace(m_few[i], i);
-            m_many.emplace(id, at);
+                    m_many->emplace(m_few[i], i);
+            m_many->emplace(id, at);
         }
         return at;
     }
 
-    void Clear()
-    {
-        m_count = 0;
-        m_many.clear();
-    }
-
-private:
-    std::array<std::uint32_t, kFew> m_few{};
+    std::array<std::uint32_t, kFew> m_few;
     std::size_t m_count = 0;
-    std::unordered_map<std::uint32_t, std::size_t> m_many; // every thread, once there are more than kFew
+    std::uint32_t m_lastId = 0; // the thread asked for last, at m_lastAt (when m_count > 0)
+    std::size_t m_lastAt = 0;
+    // Every thread, once there are more than kFew; made only then, since a reader per
+    // file of a fleet makes an index per file.
+    std::unique_ptr<std::unordered_map<std::uint32_t, std::size_t>> m_many;
 };
 
 } // namespace nvtrace

@@ -82,12 +82,17 @@ TEST(ThreadIndexTest, PositionsFollowFirstAppearanceBeyondTheFewAndAfterAClear)
         }
         index.Clear();
     }
-    // After a Clear with few threads again, a thread seen before the Clear is new.
-    EXPECT_EQ(0u, index.Position(ThreadId(kThreads - 1), added));
+    // After a Clear, a thread seen before it is new, the one asked for last included;
+    // with few threads again, each keeps its place.
+    index.Position(ThreadId(5), added);
+    index.Clear();
+    EXPECT_EQ(0u, index.Position(ThreadId(5), added));
     EXPECT_TRUE(added);
     EXPECT_EQ(1u, index.Position(ThreadId(0), added));
     EXPECT_TRUE(added);
-    EXPECT_EQ(0u, index.Position(ThreadId(kThreads - 1), added));
+    EXPECT_EQ(0u, index.Position(ThreadId(5), added));
+    EXPECT_FALSE(added);
+    EXPECT_EQ(1u, index.Position(ThreadId(0), added));
     EXPECT_FALSE(added);
 }
 
