@@ -20,9 +20,6 @@
 // memory is its own: the resident high-water mark from wait4. The same figure for a
 // tenth of the traces is the anchor that shows memory does not grow with their number.
 #include <sched.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -34,6 +31,7 @@
 #include <string>
 #include <vector>
 
+#include "child_run.h"
 #include "nvtracelib.h"
 
 namespace {
@@ -166,19 +164,9 @@ std::uint64_t ReadAll(const fs::path& dir, nvtrace::TraceDecoder* decoder = null
     return bytes;
 }
 
-double Seconds(std::chrono::steady_clock::time_point start)
-{
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
-struct ChildRun {
-    double seconds = 0;
-    double cpuSeconds = 0; // user + system
-    double peakMb = 0;
-    int exitCode = -1;
-};
-
-double SecondsOf(const struct timeval& t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6; }
+using nvbench::ChildRun;
+using nvbench::Median;
+using nvbench::Seconds;
 
 // This process, and the children it starts from now on, on these CPUs only.
 bool RunOn(const std::vector<int>& cpus)
@@ -204,36 +192,7 @@ std::vector<int> OwnCpus()
 }
 
 // nvtrace --csv <dir>, its output discarded.
-ChildRun RunNvtrace(const std::string& nvtrace, const std::string& dir)
-{
-    ChildRun run;
-    std::fflush(stdout); // or the child's stdout would write it again
-    const auto start = std::chrono::steady_clock::now();
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        std::FILE* null = std::freopen("/dev/null", "w", stdout);
-        (void)null;
-        ::execl(nvtrace.c_str(), nvtrace.c_str(), "--csv", dir.c_str(), static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
-    int status = 0;
-    struct rusage usage {};
-    ::wait4(pid, &status, 0, &usage);
-    run.seconds = Seconds(start);
-    run.cpuSeconds = SecondsOf(usage.ru_utime) + SecondsOf(usage.ru_stime);
-    run.peakMb = static_cast<double>(usage.ru_maxrss) / 1024.0; // kilobytes on Linux
-    run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return run;
-}
-
-double Median(std::vector<double> v)
-{
-    std::sort(v.begin(), v.end());
-    if (v.empty())
-        return 0;
-    const std::size_t n = v.size();
-    return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
-}
+ChildRun RunNvtrace(const std::string& nvtrace, const std::string& dir) { return nvbench::RunChild({nvtrace, "--csv", dir}); }
 
 bool ParseOptions(int argc, char** argv, Options& o)
 {
