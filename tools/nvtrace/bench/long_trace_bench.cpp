@@ -10,7 +10,7 @@
 //
 // The shapes, at size N:
 //   users:     one conversion of N users, every third kept with a failing result;
-//   processes: N/20 processes (the file appended to by each run), 6 users each;
+//   processes: N users in processes of 6 (the file appended to by each run);
 //   threads:   N records' worth of threads, each named once (a damaged or crafted
 //              file: the library's own traces have a few threads a process).
 #include <cstdio>
@@ -85,7 +85,7 @@ TraceWriter Users(std::size_t n)
 TraceWriter Processes(std::size_t n)
 {
     TraceWriter w;
-    for (std::size_t p = 0; p < n / 20; ++p) {
+    for (std::size_t p = 0; p < n / 6; ++p) {
         const std::uint32_t thread = 100 + static_cast<std::uint32_t>(p % 7);
         if (p > 0)
             w.Add(0, 'N', "11-25-2026");
