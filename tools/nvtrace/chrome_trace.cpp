@@ -4,6 +4,7 @@
 #include <ostream>
 #include <string>
 
+#include "counted.h"
 #include "summary.h"
 
 namespace nvtrace {
@@ -23,7 +24,7 @@ std::string ProcessName(const TimelineProcess& p)
     if (!p.started.empty())
         name += ", started " + p.started;
     if (p.unfinishedScopes)
-        name += " (ended inside " + std::to_string(p.unfinishedScopes) + " scopes)";
+        name += " (ended inside " + Counted(p.unfinishedScopes, "scope") + ")";
     return name;
 }
 

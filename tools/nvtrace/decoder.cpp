@@ -15,6 +15,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "counted.h"
 #include "common/teacfb.h"
 #include "trace/tracekeys.h"
 
@@ -388,7 +389,7 @@ std::size_t TraceDecoder::ReadHeads(const std::uint8_t* data, std::size_t size, 
         const std::size_t left = size - pos;
         if (left < kRecordHeadSize) {
             Fail(m_trace, pos, "truncated record",
-                 "the record head needs " + std::to_string(kRecordHeadSize) + " bytes, " + std::to_string(left) + " left");
+                 "the record head needs " + Counted(kRecordHeadSize, "byte") + ", " + std::to_string(left) + " left");
             break;
         }
         const std::uint8_t* head = data + pos;
@@ -401,12 +402,12 @@ std::size_t TraceDecoder::ReadHeads(const std::uint8_t* data, std::size_t size, 
         }
         if (n > longest) {
             Fail(m_trace, pos, "corrupt record",
-                 std::string("a '") + kind + "' record cannot carry " + std::to_string(n) + " bytes of text");
+                 std::string("a '") + kind + "' record cannot carry " + Counted(n, "byte") + " of text");
             break;
         }
         if (left - kRecordHeadSize < n) {
             Fail(m_trace, pos, "truncated record",
-                 "the text needs " + std::to_string(n) + " bytes, " + std::to_string(left - kRecordHeadSize) + " left");
+                 "the text needs " + Counted(n, "byte") + ", " + std::to_string(left - kRecordHeadSize) + " left");
             break;
         }
         const std::uint8_t* text = head + kRecordHeadSize;

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "counted.h"
+
 namespace nvtrace {
 
 namespace {
@@ -282,7 +284,7 @@ void WriteScopeRect(const TimelineScope& s, const Scale& scale, double top, std:
         << Fixed(w) << "\" height=\"" << kRowHeight - 2 << "\"><title>"
         << Escaped(s.name + "\n+" + Duration(s.beginUs - scale.begin) + ", " + Duration(s.endUs - s.beginUs) +
                    (s.unfinished ? "; never left: the process ended inside it" : "") +
-                   (s.failures ? "; " + std::to_string(s.failures) + " failing results" : ""))
+                   (s.failures ? "; " + Counted(s.failures, "failing result") : ""))
         << "</title></rect>";
     const std::size_t fits = static_cast<std::size_t>(std::max(0.0, (w - 6) / kCharWidth));
     if (fits >= 4) {
@@ -319,7 +321,7 @@ void WriteProcessTimeline(const Timeline& timeline, const TimelineProcess& p, co
         out << ", started " << Escaped(p.started);
     out << ", " << Escaped(Duration(p.endUs - p.beginUs));
     if (p.unfinishedScopes)
-        out << " <span class=\"damage\">ended inside " << p.unfinishedScopes << " scopes</span>";
+        out << " <span class=\"damage\">ended inside " << Counted(p.unfinishedScopes, "scope") << "</span>";
     out << "</h3>\n";
     if (p.threads.empty()) {
         out << "<p>No records.</p>\n";

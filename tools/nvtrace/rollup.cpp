@@ -18,6 +18,8 @@
 #include <sched.h>
 #endif
 
+#include "counted.h"
+
 namespace nvtrace {
 
 namespace {
@@ -257,7 +259,7 @@ void RollupWriter::End(const RollupTotals& totals)
         m_out << "(total)," << ",," << ',' << totals.moved << ',' << totals.movedWithGaps << ',' << totals.held << ','
               << totals.failed << ',' << (top.empty() ? "" : Hex8(top.front().first)) << ','
               << CsvField(top.empty() ? "" : DescribeCode(top.front().first).name) << ','
-              << CsvField(std::to_string(totals.traces) + " traces, " + std::to_string(totals.damaged) + " damaged, " +
+              << CsvField(Counted(totals.traces, "trace") + ", " + std::to_string(totals.damaged) + " damaged, " +
                           std::to_string(totals.unreadable) + " unreadable")
               << ',' << CsvField(most) << '\n';
         break;

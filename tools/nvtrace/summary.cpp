@@ -10,6 +10,7 @@
 #include <tuple>
 #include <unordered_map>
 
+#include "counted.h"
 #include "thread_index.h"
 
 namespace nvtrace {
@@ -1166,7 +1167,7 @@ void WriteSummary(const TraceSummary& summary, std::ostream& out, std::size_t sl
         if (p.threads.empty())
             out << " none";
         for (const SummaryThread& t : p.threads)
-            out << ' ' << t.id << " (" << t.records << " records)";
+            out << ' ' << t.id << " (" << Counted(t.records, "record") << ")";
         out << '\n';
     }
     if (!quiet.empty()) {
@@ -1192,7 +1193,7 @@ void WriteSummary(const TraceSummary& summary, std::ostream& out, std::size_t sl
         if (!f.text.empty())
             out << ", text: " << f.text;
         if (f.passedUp)
-            out << ", passed up " << f.passedUp << (f.passedUp == 1 ? " scope" : " scopes") << " to " << f.reached;
+            out << ", passed up " << Counted(f.passedUp, "scope") << " to " << f.reached;
         out << '\n';
     }
 

@@ -4,6 +4,7 @@
 #include <functional>
 #include <ostream>
 
+#include "counted.h"
 #include "chrome_trace.h"
 #include "html_report.h"
 #include "summary.h"
@@ -43,9 +44,9 @@ bool WriteTimelineOutputs(const DecodedTrace& trace, const TimelineOutputs& outp
         failures += m.kind == TimelineMarkKind::Failure;
     for (const TimelineScope& s : timeline.scopes)
         unfinished += s.unfinished;
-    const std::string what = std::to_string(timeline.processes.size()) + " processes, " +
-                             std::to_string(timeline.scopes.size()) + " scopes (" + std::to_string(unfinished) +
-                             " never left), " + std::to_string(failures) + " failing results";
+    const std::string what = Counted(timeline.processes.size(), "process", "processes") + ", " +
+                             Counted(timeline.scopes.size(), "scope") + " (" + std::to_string(unfinished) +
+                             " never left), " + Counted(failures, "failing result");
     bool ok = true;
     if (!outputs.chromeTrace.empty())
         ok = WriteTo(outputs.chromeTrace, [&](std::ostream& o) { WriteChromeTrace(trace, timeline, o); },

@@ -538,7 +538,7 @@ TEST(NvtraceRollupTest, OneFileAsCsvAndUsageErrors)
     CliResult r = RunTool({"--csv", fleet.d});
     EXPECT_EQ(0, r.code);
     EXPECT_EQ(0u, r.out.find("file,machine,"));
-    EXPECT_NE(std::string::npos, r.out.find("\n(total),,,,2,0,0,0,,,\"1 traces, 0 damaged, 0 unreadable\",\n"))
+    EXPECT_NE(std::string::npos, r.out.find("\n(total),,,,2,0,0,0,,,\"1 trace, 0 damaged, 0 unreadable\",\n"))
         << r.out;
     r = RunTool({fleet.a, fleet.b});
     EXPECT_EQ(1, r.code);

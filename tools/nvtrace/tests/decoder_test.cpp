@@ -214,9 +214,11 @@ TEST(TraceDecoderTest, TextLongerThanItsKindAllowsIsCorrupt)
     struct Case {
         char kind;
         std::size_t length;
+        const char* carried;
     };
-    for (const Case c : {Case{'>', 100}, Case{'<', 1}, Case{'U', 400}, Case{'E', 261}, Case{'t', 9}, Case{'T', 13},
-                         Case{'N', 11}}) {
+    for (const Case c : {Case{'>', 100, "100 bytes"}, Case{'<', 1, "1 byte"}, Case{'U', 400, "400 bytes"},
+                         Case{'E', 261, "261 bytes"}, Case{'t', 9, "9 bytes"}, Case{'T', 13, "13 bytes"},
+                         Case{'N', 11, "11 bytes"}}) {
         SampleTrace sample;
         const std::size_t at = sample.size();
         sample.AddRaw(nvtrace::EncodeRecord(1, c.kind, std::string(c.length, '1')));
@@ -224,7 +226,7 @@ TEST(TraceDecoderTest, TextLongerThanItsKindAllowsIsCorrupt)
         EXPECT_FALSE(trace.ok) << c.kind;
         EXPECT_EQ(at, trace.errorOffset);
         EXPECT_EQ("corrupt record at byte offset " + std::to_string(at) + ": a '" + std::string(1, c.kind) +
-                      "' record cannot carry " + std::to_string(c.length) + " bytes of text",
+                      "' record cannot carry " + c.carried + " of text",
                   trace.error);
     }
 }

@@ -247,8 +247,8 @@ TEST(NvtraceTimelineCliTest, WritesBothFilesAndSaysSo)
     std::ostringstream out, err;
     ASSERT_EQ(0, nvtrace::RunCli({"--chrome-trace", dir.Path("t.json"), "--html", dir.Path("t.html"), trace}, out, err));
     EXPECT_EQ("", err.str());
-    EXPECT_EQ("wrote " + dir.Path("t.json") + ": trace events, 1 processes, 3 scopes (0 never left), 2 failing results\n"
-              "wrote " + dir.Path("t.html") + ": page, 1 processes, 3 scopes (0 never left), 2 failing results\n",
+    EXPECT_EQ("wrote " + dir.Path("t.json") + ": trace events, 1 process, 3 scopes (0 never left), 2 failing results\n"
+              "wrote " + dir.Path("t.html") + ": page, 1 process, 3 scopes (0 never left), 2 failing results\n",
               out.str());
     const nlohmann::json doc = nlohmann::json::parse(Read(dir.Path("t.json")));
     EXPECT_EQ(3u + 3u + 11u, doc.at("traceEvents").size()); // names, scopes, lines and failures
@@ -298,7 +298,7 @@ TEST(NvtraceTimelineCliTest, StandardOutputThreadFilterAndDamage)
     EXPECT_NE(std::string::npos, page.find("<li class=\"damage\">the file is damaged: truncated record at byte offset "))
         << page;
     EXPECT_NE(std::string::npos, page.find("<h3>Process 1, started 11/15/26 09:30:00.125, 1000 ms <span class=\"damage\">"
-                                           "ended inside 1 scopes</span></h3>"))
+                                           "ended inside 1 scope</span></h3>"))
         << page;
 }
 

@@ -113,7 +113,7 @@ TEST(NvtraceSummaryTest, TextOpensWithTheVerdictNamesCodesAndTellsEachUsersOutco
               "refuses)\" in CBaseConverter::Convert > CBaseConverter::Backup > CBaseConverter::CopyKey\n"
               "\n"
               "processes: 2\n"
-              "  process 1, started 2026-11-15 09:30:00.125, ran Convert, threads: 7 (10 records) 9 (1 records)\n"
+              "  process 1, started 2026-11-15 09:30:00.125, ran Convert, threads: 7 (10 records) 9 (1 record)\n"
               "  process 2, started 2026-11-15 10:00:00.000, ran Convert, threads: 12 (9 records)\n"
               "\n"
               "failing results: 2 (each counted where it arose)\n"
