@@ -1117,7 +1117,7 @@ void WriteVerdicts(const std::vector<Verdict>& verdicts, std::ostream& out)
         if (!v.policy.empty())
             out << ", " << v.policy << " policy";
         if (!v.policy.empty() || v.users) {
-            out << ", " << v.users << (v.users == 1 ? " user: " : " users: ") << v.moved << " moved, "
+            out << ", " << Counted(v.users, "user") << ": " << v.moved << " moved, "
                 << v.movedWithGaps << " moved with gaps, " << v.held << " held, " << v.failedUsers << " failed";
         }
         if (v.failed)
