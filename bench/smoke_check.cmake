@@ -55,7 +55,8 @@ foreach(figure
         "nvtrace --csv 200 traces: peak memory \\(anchor 20 traces\\),[0-9.]+,[0-9.]+,[0-9.]+"
         "nvtrace --summary of one trace of 800 users in one conversion \\(anchor 200\\): time,[0-9.]+,[0-9.]+,[0-9.]+"
         "nvtrace --html and --chrome-trace of one trace of 800 users in processes of 6 \\(anchor 200\\): peak memory,[0-9.]+,[0-9.]+,[0-9.]+"
-        "nvtrace --html and --chrome-trace of one trace of 800 threads named once each \\(anchor 200\\): time,[0-9.]+,[0-9.]+,[0-9.]+")
+        "nvtrace --html and --chrome-trace of one trace of 800 threads named once each \\(anchor 200\\): time,[0-9.]+,[0-9.]+,[0-9.]+"
+        "nvtrace --summary of one trace of 800 scopes nested in each other \\(anchor 200\\): peak memory,[0-9.]+,[0-9.]+,[0-9.]+")
     if(NOT csv MATCHES "${figure}")
         string(APPEND missing "\n  ${figure}")
     endif()

@@ -248,14 +248,18 @@ struct OpenScope {
     std::int32_t failedCode = 0;
     std::size_t failure = 0;    // index of that failure
     long conversion = -1;       // the conversion this scope runs, when it is one
+    // Carried from the scope it runs in, so that no record looks through the whole
+    // stack: the innermost conversion running here (this scope's or an outer one's),
+    // and whether this scope or an outer one is an operation.
+    long innermostConversion = -1;
+    bool withinOperation = false;
 };
 
 std::string JoinPath(const std::vector<OpenScope>& stack)
 {
-    std::string path;
-    for (const OpenScope& s : stack)
-        path.append(path.empty() ? "" : " > ").append(s.name);
-    return path.empty() ? std::string("(outside any scope)") : path;
+    if (stack.empty())
+        return "(outside any scope)";
+    return ScopePathText(stack.size(), [&stack](std::size_t level) { return stack[level].name; });
 }
 
 
@@ -466,9 +470,8 @@ private:
     // (for lines traced outside such a scope) one opened for them.
     std::size_t ConversionOf(std::uint32_t thread, std::vector<OpenScope>& stack)
     {
-        for (auto it = stack.rbegin(); it != stack.rend(); ++it)
-            if (it->conversion >= 0)
-                return static_cast<std::size_t>(it->conversion);
+        if (!stack.empty() && stack.back().innermostConversion >= 0)
+            return static_cast<std::size_t>(stack.back().innermostConversion);
         auto loose = m_looseConversion.find(thread);
         if (loose != m_looseConversion.end() && loose->second.first == m_summary.processes.back().ordinal)
             return loose->second.second;
@@ -486,13 +489,8 @@ private:
         const char* operation = OperationOf(r.text);
         const ConversionScope kind = ConversionScopeOf(r.text);
         const bool c3 = r.text == "CConverter3::do_Convert";
-        bool inOperation = false;
-        long outer = -1;
-        for (const OpenScope& s : stack) {
-            inOperation = inOperation || OperationOf(s.name) != nullptr;
-            if (s.conversion >= 0)
-                outer = s.conversion;
-        }
+        const bool inOperation = !stack.empty() && stack.back().withinOperation;
+        long outer = stack.empty() ? -1 : stack.back().innermostConversion;
         if (operation || !inOperation) {
             if (operation)
                 m_summary.processes.back().operations.push_back(operation);
@@ -512,6 +510,8 @@ private:
             c.fromVersion = m_version;
             c.step = (m_version.empty() ? std::string(c3 ? "2.0" : "1.0") : m_version) + (c3 ? " -> 3.0" : " -> 2.0");
         }
+        scope.innermostConversion = scope.conversion >= 0 ? scope.conversion : outer;
+        scope.withinOperation = inOperation || operation != nullptr;
         stack.push_back(std::move(scope));
     }
 
@@ -755,6 +755,7 @@ public:
 private:
     struct Scope {
         long conversion = -1;
+        long innermost = -1; // the innermost conversion running here: its own or an outer scope's
         bool failed = false;
         std::int32_t failedCode = 0;
         std::vector<std::int32_t> calleeFailures;
@@ -800,16 +801,11 @@ private:
         Scope scope;
         if (kind == ConversionScope::Operation || (kind == ConversionScope::FormatStep && Innermost(stack) < 0))
             scope.conversion = static_cast<long>(m_conversions++);
+        scope.innermost = scope.conversion >= 0 ? scope.conversion : Innermost(stack);
         stack.push_back(std::move(scope));
     }
 
-    static long Innermost(const ScopeStack& stack)
-    {
-        for (auto it = stack.rbegin(); it != stack.rend(); ++it)
-            if (it->conversion >= 0)
-                return it->conversion;
-        return -1;
-    }
+    static long Innermost(const ScopeStack& stack) { return stack.empty() ? -1 : stack.back().innermost; }
 
     void Leave(ScopeStack& stack)
     {
@@ -965,6 +961,23 @@ std::string StatusNote(const SummaryUser& u)
 }
 
 } // namespace
+
+std::string ScopePathText(std::size_t levels, const std::function<std::string_view(std::size_t)>& nameAt)
+{
+    std::string path;
+    auto add = [&path](std::string_view name) { path.append(path.empty() ? "" : " > ").append(name); };
+    if (levels <= kPathOuterScopes + kPathInnerScopes) {
+        for (std::size_t level = 0; level < levels; ++level)
+            add(nameAt(level));
+        return path;
+    }
+    for (std::size_t level = 0; level < kPathOuterScopes; ++level)
+        add(nameAt(level));
+    add("... " + std::to_string(levels - kPathOuterScopes - kPathInnerScopes) + " more ...");
+    for (std::size_t level = levels - kPathInnerScopes; level < levels; ++level)
+        add(nameAt(level));
+    return path;
+}
 
 std::string Hex8(std::uint32_t code)
 {

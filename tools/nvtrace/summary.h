@@ -4,6 +4,7 @@
 // lines, for scripts. Portable, like the decoder.
 #pragma once
 #include <cstdint>
+#include <functional>
 #include <iosfwd>
 #include <map>
 #include <string>
@@ -224,6 +225,16 @@ void WriteVerdicts(const std::vector<Verdict>& verdicts, std::ostream& out);
 
 // "0x80070005": how every result code is shown.
 std::string Hex8(std::uint32_t code);
+
+// A scope path as every output shows it: "A > B > C", outermost first, `levels` names
+// long, nameAt(0) the outermost. The library's scopes nest a few levels deep; a
+// damaged or crafted file can nest thousands, and a whole path for every failure or
+// line would make an output grow with the square of the file. So a path of more than
+// kPathOuterScopes + kPathInnerScopes names shows the outermost and the innermost
+// ones and how many lie between: "A > B > C > D > ... 7984 more ... > W > X". Only
+// the names shown are asked for.
+constexpr std::size_t kPathOuterScopes = 4, kPathInnerScopes = 12;
+std::string ScopePathText(std::size_t levels, const std::function<std::string_view(std::size_t)>& nameAt);
 
 // "0x80070005 E_ACCESSDENIED "Access is denied"": hex, then name and message when known.
 std::string DescribeResult(std::uint32_t code);

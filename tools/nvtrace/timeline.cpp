@@ -117,6 +117,8 @@ private:
             scope.thread = r.thread;
             scope.depth = stack.size();
             scope.parent = innermost;
+            scope.pathHead = scope.depth < kPathOuterScopes ? static_cast<std::ptrdiff_t>(m_timeline.scopes.size())
+                                                             : m_timeline.scopes[stack.back()].pathHead;
             scope.beginUs = scope.endUs = at;
             scope.offset = r.offset;
             thread->maxDepth = std::max(thread->maxDepth, scope.depth);
@@ -226,13 +228,26 @@ std::string ScopePath(const Timeline& timeline, std::ptrdiff_t scope)
 {
     if (scope < 0 || static_cast<std::size_t>(scope) >= timeline.scopes.size())
         return "(outside any scope)";
-    std::vector<const std::string*> names;
-    for (std::ptrdiff_t at = scope; at >= 0; at = timeline.scopes[static_cast<std::size_t>(at)].parent)
-        names.push_back(&timeline.scopes[static_cast<std::size_t>(at)].name);
-    std::string path;
-    for (auto it = names.rbegin(); it != names.rend(); ++it)
-        path += (path.empty() ? "" : " > ") + **it;
-    return path;
+    // The names shown: the innermost ones walking up from the scope, and the head's
+    // from where it ends. The levels between are neither walked nor asked for.
+    const TimelineScope& s = timeline.scopes[static_cast<std::size_t>(scope)];
+    const std::size_t levels = s.depth + 1;
+    std::vector<std::string_view> names(levels <= kPathOuterScopes + kPathInnerScopes ? levels : 0);
+    std::vector<std::string_view> head, tail;
+    auto walk = [&timeline](std::ptrdiff_t at, std::size_t count, std::vector<std::string_view>& into) {
+        into.resize(count);
+        for (std::size_t i = count; i-- > 0 && at >= 0; at = timeline.scopes[static_cast<std::size_t>(at)].parent)
+            into[i] = timeline.scopes[static_cast<std::size_t>(at)].name;
+    };
+    if (!names.empty()) {
+        walk(scope, levels, names);
+        return ScopePathText(levels, [&names](std::size_t level) { return names[level]; });
+    }
+    walk(scope, kPathInnerScopes, tail);
+    walk(s.pathHead, kPathOuterScopes, head);
+    return ScopePathText(levels, [&](std::size_t level) {
+        return level < kPathOuterScopes ? head[level] : tail[level - (levels - kPathInnerScopes)];
+    });
 }
 
 bool ParseResult(const std::string& text, std::int64_t& code, std::string& rest)

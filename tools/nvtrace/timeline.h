@@ -43,6 +43,9 @@ struct TimelineScope {
     std::uint32_t thread = 0;
     std::size_t depth = 0;          // 0 for a thread's outermost scopes
     std::ptrdiff_t parent = -1;     // index in Timeline::scopes
+    // Its ancestor at depth kPathOuterScopes - 1, or itself when it is not that deep:
+    // where the head of a long path ends (ScopePath), found without walking the path.
+    std::ptrdiff_t pathHead = -1;
     TimelineUs beginUs = 0;
     TimelineUs endUs = 0;
     // Entered but never left: the process ended (was killed) or the file was cut
@@ -79,6 +82,7 @@ struct Timeline {
 Timeline BuildTimeline(const DecodedTrace& trace);
 
 // "CBaseConverter::Convert > CConverter3::do_Convert"; "(outside any scope)" for -1.
+// A deep path is shortened as ScopePathText says.
 std::string ScopePath(const Timeline& timeline, std::ptrdiff_t scope);
 
 // The result code of an 'E' record's text ("-2147024894 text"): false when the

@@ -1,5 +1,5 @@
 // One long trace, read by one nvtrace: the summary, and the page with the timeline
-// file, for three shapes of trace at a size and at four times that size. A reader
+// file, for four shapes of trace at a size and at four times that size. A reader
 // that keeps to one pass over the records takes about four times as long and as
 // much memory at four times the size; one that searches its lists for every user,
 // process or thread takes sixteen. Prints human-readable lines and, per figure,
@@ -12,7 +12,9 @@
 //   users:     one conversion of N users, every third kept with a failing result;
 //   processes: N users in processes of 6 (the file appended to by each run);
 //   threads:   N records' worth of threads, each named once (a damaged or crafted
-//              file: the library's own traces have a few threads a process).
+//              file: the library's own traces have a few threads a process);
+//   nesting:   N scopes each inside the one before, and a failing result at every
+//              level on the way out (crafted too: the library nests a few levels).
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -105,6 +107,16 @@ TraceWriter Threads(std::size_t n)
     return w;
 }
 
+TraceWriter Nesting(std::size_t n)
+{
+    TraceWriter w;
+    for (std::size_t level = 0; level < n; ++level)
+        w.Add(9, '>', "Scope" + std::to_string(level));
+    for (std::size_t level = 0; level < n; ++level)
+        w.Add(9, 'E', "-2147467259 ").Add(9, '<');
+    return w;
+}
+
 struct Options {
     std::string nvtrace;
     std::string dir;
@@ -169,7 +181,8 @@ int main(int argc, char** argv)
     };
     const Shape shapes[] = {{"users", "users in one conversion", Users},
                             {"processes", "users in processes of 6", Processes},
-                            {"threads", "threads named once each", Threads}};
+                            {"threads", "threads named once each", Threads},
+                            {"nesting", "scopes nested in each other", Nesting}};
     const fs::path page = fs::path(o.dir) / "page.html", events = fs::path(o.dir) / "events.json";
     for (const Shape& shape : shapes) {
         Measured summary[2], timeline[2];
