@@ -37,6 +37,18 @@ private:
     std::vector<int> m_depths;
 };
 
+// Two blanks a level, as deep as the library nests and further; past kIndentLevels
+// the depth is written out instead ("[depth 812] "), so that a file nesting thousands
+// deep (damaged or crafted) does not make the listing grow with the square of it.
+constexpr std::size_t kIndentLevels = 32;
+
+std::string Indent(std::size_t depth)
+{
+    if (depth <= kIndentLevels)
+        return std::string(depth * 2, ' ');
+    return std::string(kIndentLevels * 2, ' ') + "[depth " + std::to_string(depth) + "] ";
+}
+
 } // namespace
 
 // "0x80070002 HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)", then ": <text>" when the
@@ -99,7 +111,7 @@ void WriteListing(const DecodedTrace& trace, const FormatOptions& options, std::
         std::string thread = std::to_string(record.thread);
         if (thread.size() < 6)
             line << std::string(6 - thread.size(), ' ');
-        line << thread << "  " << std::string(static_cast<std::size_t>(depth) * 2, ' ') << record.kind;
+        line << thread << "  " << Indent(static_cast<std::size_t>(depth)) << record.kind;
         if (record.kind == 'E')
             line << ' ' << Printable(ResultShown(record.text));
         else if (!record.text.empty())

@@ -96,6 +96,18 @@ TEST(DeepScopesTest, EveryOutputShowsTheShortPathAndTheUserStaysInItsConversion)
     const nvtrace::DecodedTrace trace = nvtrace::Decode(Deep().bytes());
     ASSERT_TRUE(trace.ok) << trace.error;
 
+    // The listing indents 32 levels and writes deeper ones out, so no line grows with
+    // the depth.
+    std::ostringstream listing;
+    nvtrace::WriteListing(trace, nvtrace::FormatOptions{}, listing);
+    const std::string indent(2 * 32, ' ');
+    EXPECT_NE(std::string::npos, listing.str().find("      3  " + indent + "> S32\n")) << listing.str().substr(0, 4000);
+    EXPECT_NE(std::string::npos, listing.str().find("      3  " + indent + "[depth 33] > S33\n"));
+    EXPECT_NE(std::string::npos, listing.str().find("      3  " + indent + "[depth 1000] E 0x80070005 E_ACCESSDENIED\n"));
+    std::istringstream lines(listing.str());
+    for (std::string line; std::getline(lines, line);)
+        EXPECT_LT(line.size(), 200u) << line.substr(0, 200);
+
     const nvtrace::TraceSummary summary = nvtrace::Summarize(trace);
     ASSERT_EQ(1u, summary.failures.size());
     EXPECT_EQ(DeepPath(), summary.failures[0].path);
