@@ -1,6 +1,6 @@
-// What the nvtrace benchmarks share: nvtrace run as a child process, as a support
-// engineer runs it, with its wall time, CPU time and peak memory (its own resident
-// high-water mark, from wait4), and the median of a series.
+// What the nvtrace benchmarks share: their common options, nvtrace run as a child
+// process, as a support engineer runs it, with its wall time, CPU time and peak memory
+// (its own resident high-water mark, from wait4), and the median of a series.
 #pragma once
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -9,10 +9,40 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
 namespace nvbench {
+
+// The options every nvtrace benchmark takes.
+struct BenchOptions {
+    std::string nvtrace; // --nvtrace PATH
+    std::string dir;     // --dir SCRATCH
+    int runs = 3;        // --runs R
+};
+
+// "--name value" pairs: the common ones into `common`, any other to `other(name,
+// value)`, which says whether it knew it. False for an odd count, an option nobody
+// knows, or no nvtrace, folder or run.
+template <class Other>
+bool ParseBenchOptions(int argc, char** argv, BenchOptions& common, Other other)
+{
+    if (argc % 2 != 1)
+        return false;
+    for (int i = 1; i + 1 < argc; i += 2) {
+        const std::string a = argv[i], v = argv[i + 1];
+        if (a == "--nvtrace")
+            common.nvtrace = v;
+        else if (a == "--dir")
+            common.dir = v;
+        else if (a == "--runs")
+            common.runs = std::atoi(v.c_str());
+        else if (!other(a, v))
+            return false;
+    }
+    return !common.nvtrace.empty() && !common.dir.empty() && common.runs >= 1;
+}
 
 struct ChildRun {
     double seconds = 0;

@@ -117,29 +117,19 @@ TraceWriter Nesting(std::size_t n)
     return w;
 }
 
-struct Options {
-    std::string nvtrace;
-    std::string dir;
+struct Options : nvbench::BenchOptions {
     std::size_t size = 10000;
-    int runs = 3;
 };
 
 bool ParseOptions(int argc, char** argv, Options& o)
 {
-    for (int i = 1; i + 1 < argc; i += 2) {
-        const std::string a = argv[i], v = argv[i + 1];
-        if (a == "--nvtrace")
-            o.nvtrace = v;
-        else if (a == "--dir")
-            o.dir = v;
-        else if (a == "--size")
-            o.size = static_cast<std::size_t>(std::strtoul(v.c_str(), nullptr, 10));
-        else if (a == "--runs")
-            o.runs = std::atoi(v.c_str());
-        else
+    const bool known = nvbench::ParseBenchOptions(argc, argv, o, [&o](const std::string& a, const std::string& v) {
+        if (a != "--size")
             return false;
-    }
-    return (argc % 2) == 1 && !o.nvtrace.empty() && !o.dir.empty() && o.size >= 20 && o.runs >= 1;
+        o.size = static_cast<std::size_t>(std::strtoul(v.c_str(), nullptr, 10));
+        return true;
+    });
+    return known && o.size >= 20;
 }
 
 struct Measured {

@@ -40,11 +40,8 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t kTracesPerFolder = 1000;
 
-struct Options {
-    std::string nvtrace;
-    std::string dir;
+struct Options : nvbench::BenchOptions {
     std::size_t traces = 10000;
-    int runs = 3;
     std::vector<int> cpus; // A, then B when there is a second
 };
 
@@ -196,29 +193,22 @@ ChildRun RunNvtrace(const std::string& nvtrace, const std::string& dir) { return
 
 bool ParseOptions(int argc, char** argv, Options& o)
 {
-    for (int i = 1; i + 1 < argc; i += 2) {
-        const std::string a = argv[i], v = argv[i + 1];
-        if (a == "--nvtrace")
-            o.nvtrace = v;
-        else if (a == "--dir")
-            o.dir = v;
-        else if (a == "--traces")
+    const bool known = nvbench::ParseBenchOptions(argc, argv, o, [&o](const std::string& a, const std::string& v) {
+        if (a == "--traces") {
             o.traces = static_cast<std::size_t>(std::strtoul(v.c_str(), nullptr, 10));
-        else if (a == "--runs")
-            o.runs = std::atoi(v.c_str());
-        else if (a == "--cpus") {
+        } else if (a == "--cpus") {
             const std::size_t comma = v.find(',');
             o.cpus.push_back(std::atoi(v.substr(0, comma).c_str()));
             if (comma != std::string::npos)
                 o.cpus.push_back(std::atoi(v.substr(comma + 1).c_str()));
-        }
-        else
+        } else {
             return false;
-    }
+        }
+        return true;
+    });
     if (o.cpus.empty())
         o.cpus = OwnCpus();
-    return (argc % 2) == 1 && !o.nvtrace.empty() && !o.dir.empty() && o.traces >= 10 && o.runs >= 1 &&
-           !o.cpus.empty() && (o.cpus.size() == 1 || o.cpus[0] != o.cpus[1]);
+    return known && o.traces >= 10 && !o.cpus.empty() && (o.cpus.size() == 1 || o.cpus[0] != o.cpus[1]);
 }
 
 } // namespace
