@@ -232,20 +232,19 @@ std::string ScopePath(const Timeline& timeline, std::ptrdiff_t scope)
     // from where it ends. The levels between are neither walked nor asked for.
     const TimelineScope& s = timeline.scopes[static_cast<std::size_t>(scope)];
     const std::size_t levels = s.depth + 1;
-    std::vector<std::string_view> names(levels <= kPathOuterScopes + kPathInnerScopes ? levels : 0);
-    std::vector<std::string_view> head, tail;
-    auto walk = [&timeline](std::ptrdiff_t at, std::size_t count, std::vector<std::string_view>& into) {
-        into.resize(count);
+    const bool whole = levels <= kPathOuterScopes + kPathInnerScopes;
+    // The `count` names up to and including `at`, outermost first.
+    auto walk = [&timeline](std::ptrdiff_t at, std::size_t count) {
+        std::vector<std::string_view> names(count);
         for (std::size_t i = count; i-- > 0 && at >= 0; at = timeline.scopes[static_cast<std::size_t>(at)].parent)
-            into[i] = timeline.scopes[static_cast<std::size_t>(at)].name;
+            names[i] = timeline.scopes[static_cast<std::size_t>(at)].name;
+        return names;
     };
-    if (!names.empty()) {
-        walk(scope, levels, names);
-        return ScopePathText(levels, [&names](std::size_t level) { return names[level]; });
-    }
-    walk(scope, kPathInnerScopes, tail);
-    walk(s.pathHead, kPathOuterScopes, head);
+    const std::vector<std::string_view> tail = walk(scope, whole ? levels : kPathInnerScopes);
+    const std::vector<std::string_view> head = whole ? std::vector<std::string_view>() : walk(s.pathHead, kPathOuterScopes);
     return ScopePathText(levels, [&](std::size_t level) {
+        if (whole)
+            return tail[level];
         return level < kPathOuterScopes ? head[level] : tail[level - (levels - kPathInnerScopes)];
     });
 }

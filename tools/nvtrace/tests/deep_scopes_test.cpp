@@ -93,7 +93,8 @@ TEST(ScopePathTextTest, APathIsWholeUpToTheShownCountAndShortenedPastIt)
 
 TEST(DeepScopesTest, EveryOutputShowsTheShortPathAndTheUserStaysInItsConversion)
 {
-    const nvtrace::DecodedTrace trace = nvtrace::Decode(Deep().bytes());
+    const SampleTrace sample = Deep();
+    const nvtrace::DecodedTrace trace = nvtrace::Decode(sample.bytes());
     ASSERT_TRUE(trace.ok) << trace.error;
 
     // The listing indents 32 levels and writes deeper ones out, so no line grows with
@@ -119,11 +120,8 @@ TEST(DeepScopesTest, EveryOutputShowsTheShortPathAndTheUserStaysInItsConversion)
     EXPECT_EQ(0u, summary.users[0].conversion);
     EXPECT_FALSE(summary.users[0].moved());
 
-    nvtrace::TraceView view;
-    view.header = trace.header;
-    for (const nvtrace::Record& r : trace.records)
-        view.records.push_back({r.offset, r.thread, r.kind, r.text});
-    const nvtrace::RowSummary row = nvtrace::SummarizeRow(view);
+    nvtrace::TraceDecoder decoder;
+    const nvtrace::RowSummary row = nvtrace::SummarizeRow(decoder.Decode(sample.bytes().data(), sample.bytes().size()));
     EXPECT_EQ(0u, row.moved);
     EXPECT_EQ(1u, row.failed + row.held);
     EXPECT_EQ(nvtrace::RowSummaryOf(summary).codes, row.codes);

@@ -113,7 +113,8 @@ TEST(ManyThreadsTest, TheListingIndentsEachThreadByItsOwnScopes)
 
 TEST(ManyThreadsTest, TheSummaryCountsEachThreadsRecordsAndEachUsersOutcome)
 {
-    const nvtrace::DecodedTrace trace = nvtrace::Decode(Interleaved().bytes());
+    const SampleTrace sample = Interleaved();
+    const nvtrace::DecodedTrace trace = nvtrace::Decode(sample.bytes());
     ASSERT_TRUE(trace.ok) << trace.error;
     const nvtrace::TraceSummary summary = nvtrace::Summarize(trace);
     ASSERT_EQ(1u, summary.processes.size());
@@ -131,14 +132,8 @@ TEST(ManyThreadsTest, TheSummaryCountsEachThreadsRecordsAndEachUsersOutcome)
         moved += u.moved();
     EXPECT_EQ(kThreads - kThreads / 3, moved);
     // The roll-up's row agrees with the full summary.
-    const nvtrace::TraceView view = [&] {
-        nvtrace::TraceView v;
-        v.header = trace.header;
-        for (const nvtrace::Record& r : trace.records)
-            v.records.push_back({r.offset, r.thread, r.kind, r.text});
-        return v;
-    }();
-    const nvtrace::RowSummary row = nvtrace::SummarizeRow(view);
+    nvtrace::TraceDecoder decoder;
+    const nvtrace::RowSummary row = nvtrace::SummarizeRow(decoder.Decode(sample.bytes().data(), sample.bytes().size()));
     EXPECT_EQ(kThreads - kThreads / 3, row.moved);
     EXPECT_EQ(kThreads / 3, row.failed + row.held);
     EXPECT_EQ(nvtrace::RowSummaryOf(summary).codes, row.codes);
