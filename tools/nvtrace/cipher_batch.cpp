@@ -23,38 +23,52 @@ void EncipherPortable(const std::uint32_t key[4], std::uint32_t* y, std::uint32_
 
 #ifdef NVTRACE_VECTOR_CIPHER
 
-// Both kernels: whole vectors of lanes two at a time (the rounds are one long chain
-// of dependent steps, and two chains keep the vector units busy). U is the lanes as
+// Both kernels: up to four vectors of lanes at once. The rounds are one long chain of
+// dependent steps; several chains side by side keep the vector units busy even when
+// a file leaves only a few blocks to encipher, and only the chains given are
+// computed (the units, not the chains, are then what limits). U is the lanes as
 // unsigned words, S the same as signed ones for the arithmetic shift. Inlined into
 // each kernel, so it is compiled for that kernel's instruction set.
-template <class U, class S>
-__attribute__((always_inline)) inline void VectorRounds(const std::uint32_t key[4], std::uint32_t* y,
-                                                        std::uint32_t* z, std::size_t vectors)
+constexpr int kChains = 4;
+
+template <class U, class S, int Chains>
+__attribute__((always_inline)) inline void ChainRounds(const std::uint32_t key[4], std::uint32_t* const y[],
+                                                       std::uint32_t* const z[])
 {
-    constexpr std::size_t lanes = sizeof(U) / sizeof(std::uint32_t);
     // Loaded and stored as whole vectors from the words as they lie (no copy through
     // the stack, which cost as much as a tenth of the rounds).
     typedef U Unaligned __attribute__((aligned(alignof(std::uint32_t)), may_alias));
     const U k0 = U{} + key[0], k1 = U{} + key[1], k2 = U{} + key[2], k3 = U{} + key[3];
-    for (std::size_t v = 0; v < vectors; v += 2) {
-        const bool two = v + 1 < vectors;
-        Unaligned* py = reinterpret_cast<Unaligned*>(y + v * lanes);
-        Unaligned* pz = reinterpret_cast<Unaligned*>(z + v * lanes);
-        U vy[2] = {py[0], two ? py[1] : U{}}, vz[2] = {pz[0], two ? pz[1] : U{}};
-        U sum = U{};
-        for (int round = 0; round < nvcipher::kTeaRounds; ++round) {
-            sum += nvcipher::kTeaDelta;
-            for (int i = 0; i < 2; ++i)
-                vy[i] += ((vz[i] << 4) + k0) ^ (vz[i] + sum) ^ (U(S(vz[i]) >> 5) + k1);
-            for (int i = 0; i < 2; ++i)
-                vz[i] += ((vy[i] << 4) + k2) ^ (vy[i] + sum) ^ (U(S(vy[i]) >> 5) + k3);
-        }
-        py[0] = vy[0];
-        pz[0] = vz[0];
-        if (two) {
-            py[1] = vy[1];
-            pz[1] = vz[1];
-        }
+    U vy[Chains], vz[Chains];
+    for (int i = 0; i < Chains; ++i) {
+        vy[i] = *reinterpret_cast<const Unaligned*>(y[i]);
+        vz[i] = *reinterpret_cast<const Unaligned*>(z[i]);
+    }
+    U sum = U{};
+    for (int round = 0; round < nvcipher::kTeaRounds; ++round) {
+        sum += nvcipher::kTeaDelta;
+        for (int i = 0; i < Chains; ++i)
+            vy[i] += ((vz[i] << 4) + k0) ^ (vz[i] + sum) ^ (U(S(vz[i]) >> 5) + k1);
+        for (int i = 0; i < Chains; ++i)
+            vz[i] += ((vy[i] << 4) + k2) ^ (vy[i] + sum) ^ (U(S(vy[i]) >> 5) + k3);
+    }
+    for (int i = 0; i < Chains; ++i) {
+        *reinterpret_cast<Unaligned*>(y[i]) = vy[i];
+        *reinterpret_cast<Unaligned*>(z[i]) = vz[i];
+    }
+}
+
+template <class U, class S>
+__attribute__((always_inline)) inline void VectorRounds(const std::uint32_t key[4], std::uint32_t* const y[kChains],
+                                                        std::uint32_t* const z[kChains], int count)
+{
+    // count is 1 to kChains; anything else does nothing.
+    switch (count) {
+    case 1: ChainRounds<U, S, 1>(key, y, z); return;
+    case 2: ChainRounds<U, S, 2>(key, y, z); return;
+    case 3: ChainRounds<U, S, 3>(key, y, z); return;
+    case kChains: ChainRounds<U, S, kChains>(key, y, z); return;
+    default: return;
     }
 }
 
@@ -63,35 +77,44 @@ typedef std::int32_t S8 __attribute__((vector_size(32)));
 typedef std::uint32_t U16 __attribute__((vector_size(64)));
 typedef std::int32_t S16 __attribute__((vector_size(64)));
 
-__attribute__((target("avx2"))) void Avx2Vectors(const std::uint32_t key[4], std::uint32_t* y, std::uint32_t* z,
-                                                 std::size_t vectors)
+__attribute__((target("avx2"))) void Avx2Vectors(const std::uint32_t key[4], std::uint32_t* const y[kChains],
+                                                 std::uint32_t* const z[kChains], int count)
 {
-    VectorRounds<U8, S8>(key, y, z, vectors);
+    VectorRounds<U8, S8>(key, y, z, count);
 }
 
-__attribute__((target("avx512f"))) void Avx512Vectors(const std::uint32_t key[4], std::uint32_t* y,
-                                                      std::uint32_t* z, std::size_t vectors)
+__attribute__((target("avx512f"))) void Avx512Vectors(const std::uint32_t key[4], std::uint32_t* const y[kChains],
+                                                      std::uint32_t* const z[kChains], int count)
 {
-    VectorRounds<U16, S16>(key, y, z, vectors);
+    VectorRounds<U16, S16>(key, y, z, count);
 }
 
-using VectorsFn = void (*)(const std::uint32_t*, std::uint32_t*, std::uint32_t*, std::size_t);
+using VectorsFn = void (*)(const std::uint32_t*, std::uint32_t* const*, std::uint32_t* const*, int);
 
-// Whole vectors in place, then the last few blocks through a zero-padded vector.
+// Whole vectors in place, the last few blocks through a zero-padded vector, four
+// vectors to a pass.
 void EncipherVectors(VectorsFn vectors, std::size_t lanes, const std::uint32_t key[4], std::uint32_t* y,
                      std::uint32_t* z, std::size_t n)
 {
-    const std::size_t whole = n / lanes;
-    vectors(key, y, z, whole);
-    const std::size_t done = whole * lanes, left = n - done;
-    if (left == 0)
-        return;
+    if (n == 0)
+        return; // the arrays may be empty, their pointers null
+    const std::size_t whole = n / lanes, left = n - whole * lanes;
     std::uint32_t ty[16] = {}, tz[16] = {};
-    std::memcpy(ty, y + done, left * sizeof(std::uint32_t));
-    std::memcpy(tz, z + done, left * sizeof(std::uint32_t));
-    vectors(key, ty, tz, 1);
-    std::memcpy(y + done, ty, left * sizeof(std::uint32_t));
-    std::memcpy(z + done, tz, left * sizeof(std::uint32_t));
+    std::memcpy(ty, y + whole * lanes, left * sizeof(std::uint32_t));
+    std::memcpy(tz, z + whole * lanes, left * sizeof(std::uint32_t));
+    const std::size_t total = whole + (left > 0 ? 1 : 0);
+    for (std::size_t v = 0; v < total; v += kChains) {
+        std::uint32_t* gy[kChains];
+        std::uint32_t* gz[kChains];
+        int count = 0;
+        for (std::size_t w = v; w < total && count < kChains; ++w, ++count) {
+            gy[count] = w < whole ? y + w * lanes : ty;
+            gz[count] = w < whole ? z + w * lanes : tz;
+        }
+        vectors(key, gy, gz, count);
+    }
+    std::memcpy(y + whole * lanes, ty, left * sizeof(std::uint32_t));
+    std::memcpy(z + whole * lanes, tz, left * sizeof(std::uint32_t));
 }
 
 #endif
@@ -120,6 +143,13 @@ CipherKernel FastestCipherKernel()
                                         : CipherKernelRuns(CipherKernel::Avx2) ? CipherKernel::Avx2
                                                                                  : CipherKernel::Portable;
     return fastest;
+}
+
+StepCache::StepCache(const std::uint32_t key[4])
+{
+    std::uint32_t y = 0, z = 0;
+    nvcipher::TeaEncryptBlock(y, z, key);
+    m_slots.assign(std::size_t(1) << kBits, Slot{0, Bytes(y, z)});
 }
 
 void EncipherBlocks(CipherKernel kernel, const std::uint32_t key[4], std::uint32_t* y, std::uint32_t* z,

@@ -256,21 +256,11 @@ void Fail(TraceView& trace, std::uint64_t offset, const std::string& what, const
     trace.error = what + " at byte offset " + std::to_string(offset) + ": " + detail;
 }
 
-void TraceKeyAndBlock(std::uint32_t key[4]) { NVTraceNS::TraceKey(key); }
-
-// The eight key stream bytes of a step as they lie in memory.
-std::uint64_t StreamBytes(std::uint32_t y, std::uint32_t z)
+// Fills key and returns it, so that members can be built from it.
+const std::uint32_t* FilledTraceKey(std::uint32_t key[4])
 {
-#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-    return std::uint64_t(y) | std::uint64_t(z) << 32;
-#else
-    std::uint8_t bytes[8];
-    nvcipher::StoreLe32(bytes, y);
-    nvcipher::StoreLe32(bytes + 4, z);
-    std::uint64_t stream;
-    std::memcpy(&stream, bytes, 8);
-    return stream;
-#endif
+    NVTraceNS::TraceKey(key);
+    return key;
 }
 
 // One step of up to eight bytes: in XOR the key stream. Eight bytes at once where
@@ -293,9 +283,8 @@ void XorStep(const std::uint8_t* in, const std::uint8_t* end, std::uint64_t stre
 
 } // namespace
 
-TraceDecoder::TraceDecoder(CipherKernel kernel) : m_kernel(kernel)
+TraceDecoder::TraceDecoder(CipherKernel kernel) : m_kernel(kernel), m_steps(FilledTraceKey(m_key))
 {
-    TraceKeyAndBlock(m_key);
     // The first step of every record enciphers the same starting block.
     std::memcpy(m_firstStep, NVTraceNS::kTraceStartBlock, sizeof(m_firstStep));
     nvcipher::TeaEncryptRegister(m_firstStep, m_key);
@@ -308,6 +297,8 @@ const TraceView& TraceDecoder::Decode(const std::uint8_t* data, std::size_t size
     m_trace.ok = true;
     m_trace.errorOffset = 0;
     m_trace.error.clear();
+    m_misses = 0;
+    m_enciphered = 0;
     std::size_t pos = 0;
     if (size == 0 || data == nullptr) {
         m_trace.header.clear();
@@ -315,7 +306,6 @@ const TraceView& TraceDecoder::Decode(const std::uint8_t* data, std::size_t size
     } else if (ReadHeader(data, size, pos)) {
         m_trace.bodyOffset = pos;
         const std::size_t textSize = ReadHeads(data, size, pos);
-        EncipherBlocks(m_kernel, m_key, m_y.data(), m_z.data(), m_blocks);
         // Room for the last step's eight-byte store.
         m_text.resize(textSize + 8);
         UnscrambleAndCheck(data + size);
@@ -372,18 +362,17 @@ bool TraceDecoder::ReadHeaderLines(const std::uint8_t* data, std::size_t size, s
 // The records' heads, which are not scrambled, up to the end or the first head that
 // cannot be valid (the trace then fails there, unless a text before it fails first).
 // Each record's text is left as its scrambled bytes in the file; returns the sum of
-// their lengths. On the way, the cipher's input of every step after a record's first
-// (the ciphertext step before it) is gathered for one batch.
+// their lengths. On the way, the key stream of every step after a record's first is
+// looked up by the ciphertext step before it; those the cache lacks are enciphered a
+// batch at a time.
 std::size_t TraceDecoder::ReadHeads(const std::uint8_t* data, std::size_t size, std::size_t pos)
 {
     // A step after the first follows eight bytes of text: at most one per eight bytes.
     const std::size_t most = (size - pos) / 8 + 1;
-    if (m_y.size() < most) {
-        m_y.resize(most);
-        m_z.resize(most);
-    }
-    std::uint32_t* y = m_y.data();
-    std::uint32_t* z = m_z.data();
+    if (m_streams.size() < most)
+        m_streams.resize(most);
+    std::uint64_t* streams = m_streams.data();
+    std::size_t steps = 0;
     std::size_t textSize = 0;
     while (pos < size) {
         const std::size_t left = size - pos;
@@ -419,26 +408,55 @@ std::size_t TraceDecoder::ReadHeads(const std::uint8_t* data, std::size_t size, 
         record.kind = kind;
         record.text = std::string_view(reinterpret_cast<const char*>(text), n);
         for (std::size_t at = 8; at < n; at += 8) {
-            *y++ = nvcipher::LoadLe32(text + at - 8);
-            *z++ = nvcipher::LoadLe32(text + at - 4);
+            // Without a branch: a miss is always written down, and counted only when
+            // the slot holds another ciphertext; it leaves its ciphertext in place of
+            // the stream.
+            std::uint64_t ciphertext; // the step before, as the bytes lie
+            std::memcpy(&ciphertext, text + at - 8, 8);
+            const StepCache::Slot& slot = m_steps.At(ciphertext);
+            const bool found = slot.ciphertext == ciphertext;
+            streams[steps] = found ? slot.stream : ciphertext;
+            m_missAt[m_misses] = steps;
+            m_misses += found ? 0 : 1;
+            ++steps;
+            if (m_misses == kMissBatch)
+                EncipherMisses(streams);
         }
         textSize += n;
         pos += kRecordHeadSize + n;
     }
-    m_blocks = static_cast<std::size_t>(y - m_y.data());
+    EncipherMisses(streams);
     return textSize;
 }
 
-// Every record's text, with the key streams enciphered: the first step's is known,
-// each later step's is the cipher of the ciphertext step before. Each text is checked
+// The batch of steps the cache lacked: enciphered side by side, put in place of
+// their ciphertext steps and kept.
+void TraceDecoder::EncipherMisses(std::uint64_t* streams)
+{
+    if (m_misses == 0)
+        return;
+    for (std::size_t j = 0; j < m_misses; ++j)
+        StepCache::Words(streams[m_missAt[j]], m_y[j], m_z[j]);
+    EncipherBlocks(m_kernel, m_key, m_y, m_z, m_misses);
+    for (std::size_t j = 0; j < m_misses; ++j) {
+        std::uint64_t& step = streams[m_missAt[j]];
+        const std::uint64_t stream = StepCache::Bytes(m_y[j], m_z[j]);
+        m_steps.Keep(step, stream);
+        step = stream;
+    }
+    m_enciphered += m_misses;
+    m_misses = 0;
+}
+
+// Every record's text, with the key streams at hand: the first step's is known, each
+// later step's is the cipher of the ciphertext step before. Each text is checked
 // as it is unscrambled: the first that the library cannot have written ends the trace
 // there, before any later head's failure.
 void TraceDecoder::UnscrambleAndCheck(const std::uint8_t* end)
 {
     std::uint64_t firstStep;
     std::memcpy(&firstStep, m_firstStep, 8);
-    const std::uint32_t* y = m_y.data();
-    const std::uint32_t* z = m_z.data();
+    const std::uint64_t* stream = m_streams.data();
     char* out = &m_text[0];
     std::vector<RecordView>& records = m_trace.records;
     for (std::size_t i = 0; i < records.size(); ++i) {
@@ -449,7 +467,7 @@ void TraceDecoder::UnscrambleAndCheck(const std::uint8_t* end)
         if (n > 0)
             XorStep(in, end, firstStep, std::min<std::size_t>(n, 8), out);
         for (std::size_t at = 8; at < n; at += 8)
-            XorStep(in + at, end, StreamBytes(*y++, *z++), std::min<std::size_t>(n - at, 8), out + at);
+            XorStep(in + at, end, *stream++, std::min<std::size_t>(n - at, 8), out + at);
         r.text = std::string_view(out, n);
         out += n;
         if (const char* problem = CheckText(r.kind, r.text)) {
@@ -465,14 +483,14 @@ bool IsKnownKind(char kind) { return MaxTextLength(kind) != kNoKind; }
 void ScrambleText(std::uint8_t* text, std::size_t size)
 {
     std::uint32_t key[4];
-    TraceKeyAndBlock(key);
+    FilledTraceKey(key);
     nvcipher::CfbEncrypt(key, NVTraceNS::kTraceStartBlock, text, text, size);
 }
 
 void UnscrambleText(std::uint8_t* text, std::size_t size)
 {
     std::uint32_t key[4];
-    TraceKeyAndBlock(key);
+    FilledTraceKey(key);
     nvcipher::CfbDecrypt(key, NVTraceNS::kTraceStartBlock, text, text, size);
 }
 

@@ -50,6 +50,14 @@ class TraceDecoder {
 public:
     explicit TraceDecoder(CipherKernel kernel = FastestCipherKernel());
     const TraceView& Decode(const std::uint8_t* data, std::size_t size);
+    // The misses are enciphered this many at a time, and kept: a long file's later
+    // records find the steps of its earlier ones.
+    static constexpr std::size_t kMissBatch = 1024;
+
+    // For tests: the step cache, and how many steps of the last file it lacked (each
+    // enciphered then).
+    const StepCache& Steps() const { return m_steps; }
+    std::size_t StepsEnciphered() const { return m_enciphered; }
 
 private:
     bool ReadHeader(const std::uint8_t* data, std::size_t size, std::size_t& pos);
@@ -57,13 +65,21 @@ private:
     std::size_t ReadHeads(const std::uint8_t* data, std::size_t size, std::size_t pos);
     void UnscrambleAndCheck(const std::uint8_t* end); // end: of the file image
 
+    void EncipherMisses(std::uint64_t* streams);
+
     CipherKernel m_kernel;
-    std::uint32_t m_key[4];
+    std::uint32_t m_key[4];      // before m_steps, which is built from it
     std::uint8_t m_firstStep[8]; // the key stream of every record's first step
     TraceView m_trace;
     std::string m_text;          // every record's text, one after another
-    std::vector<std::uint32_t> m_y, m_z; // the cipher's blocks, gathered by ReadHeads
-    std::size_t m_blocks = 0;
+    StepCache m_steps;
+    // Each later step's key stream, in file order; a step the cache lacked holds the
+    // ciphertext step before it until its batch is enciphered.
+    std::vector<std::uint64_t> m_streams;
+    std::size_t m_missAt[kMissBatch];              // the batch's steps, by index in m_streams
+    std::uint32_t m_y[kMissBatch], m_z[kMissBatch]; // and their cipher blocks
+    std::size_t m_misses = 0;                      // in the batch
+    std::size_t m_enciphered = 0;                  // in the last file
 };
 
 // Decodes a whole trace file image.

@@ -4,7 +4,8 @@
 // promises: it stops at an offset inside the file, every record it keeps re-encodes
 // to exactly the bytes it was read from, and the records follow each other without
 // gaps up to the end or the damage. A broken promise aborts, which libFuzzer reports
-// with the input that caused it.
+// with the input that caused it. A decoder kept from input to input must read each
+// one as a fresh decoder does.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -46,6 +47,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         Require(!trace.header.empty() && trace.header.front() == "trace3" && trace.header.back() == ".",
                 "records follow a complete header");
     }
+
+    // A decoder that has read every input before this one, its step cache holding
+    // their steps, gives what a fresh one gives.
+    static nvtrace::TraceDecoder reused;
+    const nvtrace::TraceView& again = reused.Decode(data, size);
+    Require(again.ok == trace.ok && again.errorOffset == trace.errorOffset && again.error == trace.error &&
+                again.records.size() == trace.records.size(),
+            "a reused decoder stops where a fresh one does");
+    for (std::size_t i = 0; i < again.records.size(); ++i)
+        Require(again.records[i].text == trace.records[i].text, "a reused decoder reads each text as a fresh one");
 
     std::uint64_t next = trace.bodyOffset;
     for (const nvtrace::Record& record : trace.records) {

@@ -1,8 +1,10 @@
 // The batched record cipher and the reusable decoder that reads with it: every kernel
-// this CPU runs against the one-block cipher on random blocks of many counts, and
-// whole traces (whole, cut and damaged) decoded alike by every kernel.
+// this CPU runs against the one-block cipher on random blocks of many counts, whole
+// traces (whole, cut and damaged) decoded alike by every kernel, and the step cache
+// holding only true pairs while a decoder reads trace after trace.
 #include <gtest/gtest.h>
 #include <cstdint>
+#include <cstring>
 #include <random>
 #include <sstream>
 #include <string>
@@ -221,4 +223,149 @@ TEST(CipherBatchTest, TheSummaryOfADecoderViewIsTheSummaryOfTheDecodedTrace)
     const std::string want = SummaryOf(nvtrace::Summarize(nvtrace::Decode(s.bytes())));
     EXPECT_EQ(want, SummaryOf(nvtrace::Summarize(view)));
     EXPECT_NE(std::string::npos, want.find("1 moved, 0 moved with gaps, 0 held, 1 failed")) << want;
+}
+
+namespace {
+
+// Whether a slot's stream is the cipher of its ciphertext step.
+bool TruePair(const nvtrace::StepCache::Slot& slot, const std::uint32_t key[4])
+{
+    std::uint8_t bytes[8];
+    std::memcpy(bytes, &slot.ciphertext, 8);
+    std::uint32_t y = nvcipher::LoadLe32(bytes), z = nvcipher::LoadLe32(bytes + 4);
+    nvcipher::TeaEncryptBlock(y, z, key);
+    return nvtrace::StepCache::Bytes(y, z) == slot.stream;
+}
+
+std::size_t FalsePairs(const nvtrace::StepCache& cache, const std::uint32_t key[4])
+{
+    std::size_t wrong = 0;
+    for (const nvtrace::StepCache::Slot& slot : cache.Slots())
+        wrong += TruePair(slot, key) ? 0 : 1;
+    return wrong;
+}
+
+// Records drawn from a small pool of texts, several sharing their first steps (the
+// cache's hits), mixed with random ones (its misses, more than it has slots).
+SampleTrace RepetitiveTrace(std::mt19937& rng, std::size_t records)
+{
+    static const char* const kPool[] = {
+        "CBaseConverter::Convert", "CConverter3::do_Convert", "CConverter3::MoveUser", "CConverter3::MoveUsers",
+        "Conversion process began for 'S-1-5-21-1-2-3-1001'", "Conversion process began for 'S-1-5-21-1-2-3-1002'",
+        "Conversion process is over for 'S-1-5-21-1-2-3-1001', 0x00000000", "Retrieve payload"};
+    SampleTrace s;
+    for (std::size_t i = 0; i < records; ++i) {
+        const std::size_t pick = rng() % 12;
+        if (pick < 4) {
+            s.Add(1, '>', kPool[pick]);
+        } else if (pick < 8) {
+            s.Add(1, 'U', kPool[pick]);
+        } else {
+            std::string text = kPool[4 + rng() % 3];
+            for (std::size_t n = text.size() + rng() % 300; text.size() < n && text.size() < 399;)
+                text += static_cast<char>(0x20 + rng() % 0x5F);
+            s.Add(1, 'U', text);
+        }
+    }
+    return s;
+}
+
+} // namespace
+
+TEST(StepCacheTest, EverySlotOfAFreshCacheIsATruePair)
+{
+    std::uint32_t key[4];
+    NVTraceNS::TraceKey(key);
+    const std::uint32_t other[4] = {0x01234567u, 0x89ABCDEFu, 0xFEDCBA98u, 0x76543210u};
+    for (const std::uint32_t* k : {static_cast<const std::uint32_t*>(key), other}) {
+        const nvtrace::StepCache cache(k);
+        EXPECT_EQ(std::size_t(1) << nvtrace::StepCache::kBits, cache.Slots().size());
+        EXPECT_EQ(0u, FalsePairs(cache, k));
+        // The all-zero step is found, with its stream.
+        EXPECT_EQ(0u, cache.At(0).ciphertext);
+        EXPECT_TRUE(TruePair(cache.At(0), k));
+    }
+}
+
+TEST(StepCacheTest, AReadingDecoderKeepsOnlyTruePairsAndGivesEveryTextAsTheRecordCipherDoes)
+{
+    std::uint32_t key[4];
+    NVTraceNS::TraceKey(key);
+    std::mt19937 rng(4096);
+    for (CipherKernel k : KernelsHere()) {
+        nvtrace::TraceDecoder decoder(k);
+        const std::vector<nvtrace::StepCache::Slot> fresh = decoder.Steps().Slots();
+        for (int round = 0; round < 40; ++round) {
+            const SampleTrace s = RepetitiveTrace(rng, 200);
+            const nvtrace::TraceView& got = decoder.Decode(s.bytes().data(), s.bytes().size());
+            ASSERT_TRUE(got.ok) << Name(k) << ", round " << round << ": " << got.error;
+            for (const nvtrace::RecordView& r : got.records) {
+                std::vector<std::uint8_t> text(s.bytes().begin() + static_cast<std::ptrdiff_t>(r.offset + 7),
+                                               s.bytes().begin() + static_cast<std::ptrdiff_t>(r.offset + 7 + r.text.size()));
+                nvtrace::UnscrambleText(text.data(), text.size());
+                ASSERT_EQ(std::string(text.begin(), text.end()), r.text)
+                    << Name(k) << ", round " << round << ", record at " << r.offset;
+            }
+            ASSERT_EQ(0u, FalsePairs(decoder.Steps(), key)) << Name(k) << ", round " << round;
+        }
+        // The traces' steps outnumber the slots: nearly every slot was written.
+        std::size_t changed = 0;
+        for (std::size_t i = 0; i < fresh.size(); ++i)
+            changed += decoder.Steps().Slots()[i].ciphertext != fresh[i].ciphertext ? 1 : 0;
+        EXPECT_GT(changed, fresh.size() * 9 / 10) << Name(k);
+    }
+}
+
+TEST(StepCacheTest, ATraceReadAgainNeedsNoCipherAndAFileWithoutLaterStepsNone)
+{
+    // One text of three steps, and one of one step and a half, again and again: the
+    // first read enciphers every later step (a file's misses are kept only once it
+    // is read), the second finds them all.
+    SampleTrace s;
+    for (int i = 0; i < 20; ++i)
+        s.Add(1, '>', "CBaseConverter::Convert").Add(1, 'U', "Retrieve payload").Add(1, '<');
+    for (CipherKernel k : KernelsHere()) {
+        nvtrace::TraceDecoder decoder(k);
+        ASSERT_TRUE(decoder.Decode(s.bytes().data(), s.bytes().size()).ok) << Name(k);
+        EXPECT_EQ(20u * (2 + 1), decoder.StepsEnciphered()) << Name(k);
+        const nvtrace::TraceView& again = decoder.Decode(s.bytes().data(), s.bytes().size());
+        ASSERT_TRUE(again.ok) << Name(k);
+        EXPECT_EQ(0u, decoder.StepsEnciphered()) << Name(k);
+        ASSERT_EQ(60u, again.records.size());
+        EXPECT_EQ("CBaseConverter::Convert", again.records[57].text);
+        EXPECT_EQ("Retrieve payload", again.records[58].text);
+
+        // Texts of up to eight bytes, a header alone, an empty file: nothing to
+        // encipher, and nothing read past what is there.
+        SampleTrace shortTexts;
+        shortTexts.Add(2, 't', "11/26/26").Add(2, '<').Add(2, 'U', "12345678");
+        const std::vector<std::uint8_t> headerOnly = SampleTrace().bytes();
+        for (const std::vector<std::uint8_t>* file : {&shortTexts.bytes(), &headerOnly}) {
+            nvtrace::TraceDecoder fresh(k);
+            EXPECT_TRUE(fresh.Decode(file->data(), file->size()).ok) << Name(k);
+            EXPECT_EQ(0u, fresh.StepsEnciphered()) << Name(k);
+        }
+        nvtrace::TraceDecoder fresh(k);
+        EXPECT_FALSE(fresh.Decode(nullptr, 0).ok);
+        EXPECT_EQ(0u, fresh.StepsEnciphered()) << Name(k);
+    }
+}
+
+TEST(StepCacheTest, ALongFileFindsTheStepsOfItsEarlierRecords)
+{
+    // One later step a record, the same in each: the first batch of misses is
+    // enciphered and kept, and every record after it finds its step.
+    const std::size_t batch = nvtrace::TraceDecoder::kMissBatch;
+    SampleTrace s;
+    for (std::size_t i = 0; i < 3 * batch; ++i)
+        s.Add(4, 'U', "Retrieve payload");
+    for (CipherKernel k : KernelsHere()) {
+        nvtrace::TraceDecoder decoder(k);
+        const nvtrace::TraceView& t = decoder.Decode(s.bytes().data(), s.bytes().size());
+        ASSERT_TRUE(t.ok) << Name(k) << ": " << t.error;
+        EXPECT_EQ(batch, decoder.StepsEnciphered()) << Name(k);
+        ASSERT_EQ(3 * batch, t.records.size());
+        for (const nvtrace::RecordView& r : t.records)
+            ASSERT_EQ("Retrieve payload", r.text) << Name(k) << ", record at " << r.offset;
+    }
 }
