@@ -64,18 +64,18 @@ nv::unique_hkey CreateKey(const std::wstring& path)
     return key;
 }
 
-bool ReadRaw(const std::wstring& path, const wchar_t* name, DWORD* type, Bytes* out)
+// One value through an open key; none when there is no key.
+bool QueryRaw(HKEY key, const wchar_t* name, DWORD* type, Bytes* out)
 {
-    nv::unique_hkey key = OpenKey(path, KEY_QUERY_VALUE);
     if (!key)
         return false;
     for (;;) {
         DWORD cb = 0;
-        LONG r = ::RegQueryValueExW(key.get(), name, nullptr, type, nullptr, &cb);
+        LONG r = ::RegQueryValueExW(key, name, nullptr, type, nullptr, &cb);
         if (r != ERROR_SUCCESS)
             return false;
         Bytes data(cb);
-        r = ::RegQueryValueExW(key.get(), name, nullptr, type, cb ? data.data() : nullptr, &cb);
+        r = ::RegQueryValueExW(key, name, nullptr, type, cb ? data.data() : nullptr, &cb);
         if (r == ERROR_MORE_DATA)
             continue; // changed under us; ask again
         if (r != ERROR_SUCCESS)
@@ -84,6 +84,49 @@ bool ReadRaw(const std::wstring& path, const wchar_t* name, DWORD* type, Bytes* 
         out->swap(data);
         return true;
     }
+}
+
+// The key of a path, opened to read its values (none when it is absent): the test
+// behaviours are read through one handle, and not at all when their key is absent.
+nv::unique_hkey ValuesOf(const std::wstring& path) { return OpenKey(path, KEY_QUERY_VALUE); }
+
+bool QueryDword(HKEY key, const wchar_t* name, DWORD* out)
+{
+    DWORD type = 0;
+    Bytes data;
+    if (!QueryRaw(key, name, &type, &data) || type != REG_DWORD || data.size() != sizeof(DWORD))
+        return false;
+    std::memcpy(out, data.data(), sizeof(DWORD));
+    return true;
+}
+
+std::vector<std::wstring> QueryStringList(HKEY key, const wchar_t* name)
+{
+    std::vector<std::wstring> list;
+    DWORD type = 0;
+    Bytes data;
+    if (!QueryRaw(key, name, &type, &data) || (type != REG_MULTI_SZ && type != REG_SZ))
+        return list;
+    const auto* p = reinterpret_cast<const wchar_t*>(data.data());
+    const size_t n = data.size() / sizeof(wchar_t);
+    std::wstring current;
+    for (size_t i = 0; i < n; ++i) {
+        if (p[i] == L'\0') {
+            if (!current.empty())
+                list.push_back(current);
+            current.clear();
+        } else {
+            current += p[i];
+        }
+    }
+    if (!current.empty())
+        list.push_back(current);
+    return list;
+}
+
+bool ReadRaw(const std::wstring& path, const wchar_t* name, DWORD* type, Bytes* out)
+{
+    return QueryRaw(ValuesOf(path).get(), name, type, out);
 }
 
 // A verify-only provider of the given name and type.
@@ -133,13 +176,16 @@ void Verifier(const Bytes& salt, const wchar_t* pwch, size_t cch, BYTE out[32])
     ::SecureZeroMemory(next, sizeof(next));
 }
 
-DWORD KeyBits()
+// Test behaviour "UserKeyBits", from the behaviours' key.
+DWORD KeyBits(HKEY behaviours)
 {
     DWORD bits = 0;
-    if (ReadDword(kTestBehavioursKeyPath, kUserKeyBitsValue, &bits) && bits >= 512 && bits <= 16384)
+    if (QueryDword(behaviours, kUserKeyBitsValue, &bits) && bits >= 512 && bits <= 16384)
         return bits;
     return kDefaultUserKeyBits;
 }
+
+DWORD KeyBits() { return KeyBits(ValuesOf(kTestBehavioursKeyPath).get()); }
 
 void DeleteContainer(const std::wstring& name)
 {
@@ -235,12 +281,7 @@ void WriteBinary(const std::wstring& path, const wchar_t* name, const BYTE* data
 
 bool ReadDword(const std::wstring& path, const wchar_t* name, DWORD* out)
 {
-    DWORD type = 0;
-    Bytes data;
-    if (!ReadRaw(path, name, &type, &data) || type != REG_DWORD || data.size() != sizeof(DWORD))
-        return false;
-    std::memcpy(out, data.data(), sizeof(DWORD));
-    return true;
+    return QueryDword(ValuesOf(path).get(), name, out);
 }
 
 void WriteDword(const std::wstring& path, const wchar_t* name, DWORD value)
@@ -272,26 +313,7 @@ void WriteString(const std::wstring& path, const wchar_t* name, const std::wstri
 
 std::vector<std::wstring> ReadStringList(const std::wstring& path, const wchar_t* name)
 {
-    std::vector<std::wstring> list;
-    DWORD type = 0;
-    Bytes data;
-    if (!ReadRaw(path, name, &type, &data) || (type != REG_MULTI_SZ && type != REG_SZ))
-        return list;
-    const auto* p = reinterpret_cast<const wchar_t*>(data.data());
-    const size_t n = data.size() / sizeof(wchar_t);
-    std::wstring current;
-    for (size_t i = 0; i < n; ++i) {
-        if (p[i] == L'\0') {
-            if (!current.empty())
-                list.push_back(current);
-            current.clear();
-        } else {
-            current += p[i];
-        }
-    }
-    if (!current.empty())
-        list.push_back(current);
-    return list;
+    return QueryStringList(ValuesOf(path).get(), name);
 }
 
 bool DeleteValue(const std::wstring& path, const wchar_t* name)
@@ -642,29 +664,30 @@ void StopIfAsked(const wchar_t* stage)
 Behaviours ReadBehaviours()
 {
     Behaviours b{};
-    const std::wstring path = kTestBehavioursKeyPath;
+    const nv::unique_hkey values = ValuesOf(kTestBehavioursKeyPath);
+    const HKEY key = values.get();
 
-    b.failOpenUser = ReadStringList(path, kFailOpenUserValue);
+    b.failOpenUser = QueryStringList(key, kFailOpenUserValue);
     DWORD v = 0;
-    b.failOpenUserResult = ReadDword(path, kFailOpenUserResultValue, &v) ? static_cast<HRESULT>(v)
+    b.failOpenUserResult = QueryDword(key, kFailOpenUserResultValue, &v) ? static_cast<HRESULT>(v)
                                                                           : kDefaultFailOpenUserResult;
-    b.noAuthService = ReadDword(path, kNoAuthServiceValue, &v) && v != 0;
-    b.noUserProperties = ReadDword(path, kNoUserPropertiesValue, &v) && v != 0;
-    b.noUserPayload = ReadDword(path, kNoUserPayloadValue, &v) && v != 0;
-    b.noUserTemplates = ReadDword(path, kNoUserTemplatesValue, &v) && v != 0;
-    b.noUserRegistry = ReadDword(path, kNoUserRegistryValue, &v) && v != 0;
-    b.noUserSecrets = ReadDword(path, kNoUserSecretsValue, &v) && v != 0;
-    b.failPutPayload = ReadDword(path, kFailPutPayloadValue, &v) ? static_cast<HRESULT>(v) : S_OK;
-    b.failCheckUser = ReadDword(path, kFailCheckUserValue, &v) ? static_cast<HRESULT>(v) : S_OK;
-    b.failAddUser = ReadDword(path, kFailAddUserValue, &v) ? static_cast<HRESULT>(v) : S_OK;
-    b.failPutTemplate = ReadDword(path, kFailPutTemplateAtValue, &b.failPutTemplateAt);
-    b.failPutTemplateResult = ReadDword(path, kFailPutTemplateResultValue, &v) ? static_cast<HRESULT>(v)
+    b.noAuthService = QueryDword(key, kNoAuthServiceValue, &v) && v != 0;
+    b.noUserProperties = QueryDword(key, kNoUserPropertiesValue, &v) && v != 0;
+    b.noUserPayload = QueryDword(key, kNoUserPayloadValue, &v) && v != 0;
+    b.noUserTemplates = QueryDword(key, kNoUserTemplatesValue, &v) && v != 0;
+    b.noUserRegistry = QueryDword(key, kNoUserRegistryValue, &v) && v != 0;
+    b.noUserSecrets = QueryDword(key, kNoUserSecretsValue, &v) && v != 0;
+    b.failPutPayload = QueryDword(key, kFailPutPayloadValue, &v) ? static_cast<HRESULT>(v) : S_OK;
+    b.failCheckUser = QueryDword(key, kFailCheckUserValue, &v) ? static_cast<HRESULT>(v) : S_OK;
+    b.failAddUser = QueryDword(key, kFailAddUserValue, &v) ? static_cast<HRESULT>(v) : S_OK;
+    b.failPutTemplate = QueryDword(key, kFailPutTemplateAtValue, &b.failPutTemplateAt);
+    b.failPutTemplateResult = QueryDword(key, kFailPutTemplateResultValue, &v) ? static_cast<HRESULT>(v)
                                                                                 : kDefaultFailPutTemplateResult;
-    b.alreadyRegistered = ReadStringList(path, kAlreadyRegisteredValue);
-    b.existingPublicKey = ReadStringList(path, kExistingPublicKeyValue);
-    b.userKeyBits = KeyBits();
-    b.failPutSecret = ReadStringList(path, kFailPutSecretValue);
-    b.failPutSecretResult = ReadDword(path, kFailPutSecretResultValue, &v) ? static_cast<HRESULT>(v)
+    b.alreadyRegistered = QueryStringList(key, kAlreadyRegisteredValue);
+    b.existingPublicKey = QueryStringList(key, kExistingPublicKeyValue);
+    b.userKeyBits = KeyBits(key);
+    b.failPutSecret = QueryStringList(key, kFailPutSecretValue);
+    b.failPutSecretResult = QueryDword(key, kFailPutSecretResultValue, &v) ? static_cast<HRESULT>(v)
                                                                             : kDefaultFailPutSecretResult;
     return b;
 }
