@@ -4,6 +4,7 @@
 // file can be enciphered side by side. The vector kernels compute exactly what the
 // portable one does (nvcipher::TeaEncryptBlock, arithmetic shifts and all); which
 // one runs is chosen from what the CPU offers, and tests run each against the others.
+// StepCache keeps the key streams of recent steps, so that most steps need no cipher.
 #pragma once
 #include <cstddef>
 #include <cstdint>

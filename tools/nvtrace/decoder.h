@@ -50,6 +50,7 @@ class TraceDecoder {
 public:
     explicit TraceDecoder(CipherKernel kernel = FastestCipherKernel());
     const TraceView& Decode(const std::uint8_t* data, std::size_t size);
+
     // The misses are enciphered this many at a time, and kept: a long file's later
     // records find the steps of its earlier ones.
     static constexpr std::size_t kMissBatch = 1024;
