@@ -77,6 +77,16 @@ std::string Dump(const nvtrace::TraceView& t)
     return out.str();
 }
 
+// The reference for a record's text: its bytes in the file on their own through the
+// one-block cipher (nvtrace::UnscrambleText), not through any decoder.
+std::string ReferenceText(const std::vector<std::uint8_t>& file, std::uint64_t offset, std::size_t length)
+{
+    const auto from = file.begin() + static_cast<std::ptrdiff_t>(offset + nvtrace::kRecordHeadSize);
+    std::vector<std::uint8_t> text(from, from + static_cast<std::ptrdiff_t>(length));
+    nvtrace::UnscrambleText(text.data(), text.size());
+    return std::string(text.begin(), text.end());
+}
+
 std::string SummaryOf(const nvtrace::TraceSummary& summary)
 {
     std::ostringstream out;
@@ -141,12 +151,8 @@ TEST(CipherBatchTest, EveryKernelDecodesRandomTracesAsTheRecordByRecordCipher)
         // The reference: each record on its own through the one-block cipher.
         const nvtrace::DecodedTrace want = nvtrace::Decode(s.bytes());
         ASSERT_TRUE(want.ok) << want.error;
-        for (const nvtrace::Record& r : want.records) {
-            std::vector<std::uint8_t> text(s.bytes().begin() + static_cast<std::ptrdiff_t>(r.offset + 7),
-                                           s.bytes().begin() + static_cast<std::ptrdiff_t>(r.offset + 7 + r.text.size()));
-            nvtrace::UnscrambleText(text.data(), text.size());
-            ASSERT_EQ(std::string(text.begin(), text.end()), r.text) << "record at " << r.offset;
-        }
+        for (const nvtrace::Record& r : want.records)
+            ASSERT_EQ(ReferenceText(s.bytes(), r.offset, r.text.size()), r.text) << "record at " << r.offset;
         for (CipherKernel k : KernelsHere()) {
             nvtrace::TraceDecoder decoder(k);
             const nvtrace::TraceView& got = decoder.Decode(s.bytes().data(), s.bytes().size());
@@ -300,10 +306,7 @@ TEST(StepCacheTest, AReadingDecoderKeepsOnlyTruePairsAndGivesEveryTextAsTheRecor
             const nvtrace::TraceView& got = decoder.Decode(s.bytes().data(), s.bytes().size());
             ASSERT_TRUE(got.ok) << Name(k) << ", round " << round << ": " << got.error;
             for (const nvtrace::RecordView& r : got.records) {
-                std::vector<std::uint8_t> text(s.bytes().begin() + static_cast<std::ptrdiff_t>(r.offset + 7),
-                                               s.bytes().begin() + static_cast<std::ptrdiff_t>(r.offset + 7 + r.text.size()));
-                nvtrace::UnscrambleText(text.data(), text.size());
-                ASSERT_EQ(std::string(text.begin(), text.end()), r.text)
+                ASSERT_EQ(ReferenceText(s.bytes(), r.offset, r.text.size()), r.text)
                     << Name(k) << ", round " << round << ", record at " << r.offset;
             }
             ASSERT_EQ(0u, FalsePairs(decoder.Steps(), key)) << Name(k) << ", round " << round;
