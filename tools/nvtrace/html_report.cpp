@@ -136,14 +136,17 @@ public:
     }
 
     // The first run, in the summary's order, that moved the user in a later process.
+    // The summary lists users as the trace names them, so each list is in process
+    // order: found by halving, not by a walk from the first.
     const SummaryUser* After(const SummaryUser& u) const
     {
         const auto it = m_moved.find(u.sid);
-        if (it != m_moved.end())
-            for (const SummaryUser* other : it->second)
-                if (other->process > u.process)
-                    return other;
-        return nullptr;
+        if (it == m_moved.end())
+            return nullptr;
+        const auto later = std::upper_bound(
+            it->second.begin(), it->second.end(), u.process,
+            [](unsigned process, const SummaryUser* other) { return process < other->process; });
+        return later == it->second.end() ? nullptr : *later;
     }
 
 private:

@@ -9,6 +9,7 @@
 #include <ostream>
 #include <tuple>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "counted.h"
 #include "thread_index.h"
@@ -243,7 +244,9 @@ struct OpenScope {
     std::int64_t started = 0;
     // Failures the scopes it called ended with: its own result record with one of
     // these codes passes that failure on rather than raising another.
-    std::vector<std::pair<std::int32_t, std::size_t>> calleeFailures;
+    // One entry per code, the latest failure with it: a crafted file's thousands of
+    // failing callees cost each result one look-up, not a search.
+    std::unordered_map<std::int32_t, std::size_t> calleeFailures;
     bool failed = false;        // it traced a failing result of its own
     std::int32_t failedCode = 0;
     std::size_t failure = 0;    // index of that failure
@@ -367,10 +370,10 @@ namespace {
 
 // A user the guard caught leaves no result record of its own: its status is the
 // failure, unless its old key went or a scope it ran already traced that code.
-bool CaughtByGuard(bool deleteSeen, std::uint32_t status, const std::vector<std::int32_t>* traced)
+bool CaughtByGuard(bool deleteSeen, std::uint32_t status, const std::unordered_set<std::int32_t>* traced)
 {
     const std::int32_t code = static_cast<std::int32_t>(status);
-    return !deleteSeen && code < 0 && (!traced || std::find(traced->begin(), traced->end(), code) == traced->end());
+    return !deleteSeen && code < 0 && (!traced || traced->count(code) == 0);
 }
 
 // Builds the summary record by record; one instance per decoded trace. It keeps
@@ -522,7 +525,7 @@ private:
         const OpenScope scope = std::move(stack.back());
         stack.pop_back();
         if (scope.failed && !stack.empty())
-            stack.back().calleeFailures.push_back({scope.failedCode, scope.failure});
+            stack.back().calleeFailures[scope.failedCode] = scope.failure;
         auto it = m_scopeAt.find(scope.name);
         if (it == m_scopeAt.end()) {
             SummaryScope s;
@@ -557,13 +560,11 @@ private:
         std::size_t index = 0;
         bool passedOn = false;
         if (!stack.empty()) {
-            auto& callees = stack.back().calleeFailures;
-            for (auto it = callees.rbegin(); it != callees.rend(); ++it) {
-                if (it->first == code) {
-                    index = it->second;
-                    passedOn = true;
-                    break;
-                }
+            const auto& callees = stack.back().calleeFailures;
+            const auto callee = callees.find(code);
+            if (callee != callees.end()) {
+                index = callee->second;
+                passedOn = true;
             }
         }
         if (passedOn) {
@@ -589,7 +590,7 @@ private:
             ++m_summary.failures[index].count;
             auto user = m_currentUser.find(r.thread);
             if (user != m_currentUser.end())
-                m_userFailures[user->second].push_back(code);
+                m_userFailures[user->second].insert(code);
         }
         if (!stack.empty()) {
             OpenScope& s = stack.back();
@@ -701,7 +702,7 @@ private:
     std::map<std::uint32_t, std::vector<OpenScope>> m_stacks;
     ThreadIndex m_threadAt; // the current process's threads in its SummaryProcess
     std::map<std::uint32_t, std::size_t> m_currentUser; // thread -> user being converted
-    std::map<std::size_t, std::vector<std::int32_t>> m_userFailures; // user -> codes traced while it ran
+    std::map<std::size_t, std::unordered_set<std::int32_t>> m_userFailures; // user -> codes traced while it ran
     std::map<std::size_t, std::uint32_t> m_lastStatus; // conversion -> last user's status
     std::map<std::uint32_t, std::pair<unsigned, std::size_t>> m_looseConversion;
     std::map<std::tuple<unsigned, std::uint32_t, std::string, std::int32_t, std::string>, std::size_t> m_failureAt;
@@ -758,14 +759,14 @@ private:
         long innermost = -1; // the innermost conversion running here: its own or an outer scope's
         bool failed = false;
         std::int32_t failedCode = 0;
-        std::vector<std::int32_t> calleeFailures;
+        std::unordered_set<std::int32_t> calleeFailures; // the codes its callees failed with
     };
     using ScopeStack = std::vector<Scope>;
     struct User {
         std::size_t conversion = 0;
         std::string_view sid;
         bool deleteSeen = false, hasGaps = false, isHeld = false;
-        std::vector<std::int32_t> traced; // failures that arose while it ran
+        std::unordered_set<std::int32_t> traced; // failures that arose while it ran
     };
 
     static constexpr std::size_t kNoUser = static_cast<std::size_t>(-1);
@@ -784,7 +785,6 @@ private:
             return m_threads[at];
         Thread& t = m_threads.emplace_back();
         t.id = id;
-        t.stack.reserve(8); // deeper than the library's scopes usually go: one allocation
         return t;
     }
 
@@ -797,6 +797,10 @@ private:
 
     void Enter(std::string_view name, ScopeStack& stack)
     {
+        // Room for more levels than the library's scopes usually go, at a thread's first
+        // scope: one allocation, and none for a thread that only names itself.
+        if (stack.capacity() == 0)
+            stack.reserve(8);
         const ConversionScope kind = ConversionScopeOf(name);
         Scope scope;
         if (kind == ConversionScope::Operation || (kind == ConversionScope::FormatStep && Innermost(stack) < 0))
@@ -814,7 +818,7 @@ private:
         const Scope scope = std::move(stack.back());
         stack.pop_back();
         if (scope.failed && !stack.empty())
-            stack.back().calleeFailures.push_back(scope.failedCode);
+            stack.back().calleeFailures.insert(scope.failedCode);
     }
 
     void Arose(std::int32_t code)
@@ -832,13 +836,11 @@ private:
         const ResultRecord result = RecognizeResult(text);
         if (!result.failing)
             return;
-        const bool passedOn = !stack.empty() && std::find(stack.back().calleeFailures.begin(),
-                                                          stack.back().calleeFailures.end(),
-                                                          result.code) != stack.back().calleeFailures.end();
+        const bool passedOn = !stack.empty() && stack.back().calleeFailures.count(result.code) != 0;
         if (!passedOn) {
             Arose(result.code);
             if (thread.user != kNoUser)
-                m_users[thread.user].traced.push_back(result.code);
+                m_users[thread.user].traced.insert(result.code);
         }
         if (!stack.empty()) {
             stack.back().failed = true;

@@ -3,6 +3,7 @@
 // the real library, hand-made traces of each case a row counts, and many random
 // traces of the library's scopes, results and lines.
 #include <gtest/gtest.h>
+#include <algorithm>
 #include <cstdint>
 #include <random>
 #include <sstream>
@@ -131,6 +132,48 @@ TEST(RowSummaryTest, EachCaseARowCountsGivesTheSameRowBothWays)
     loose.OldKeyDeleted(2, a).UserEnds(2, a, "0x00000000");
     EXPECT_EQ("started=2026-11-15 09:30:00.125 moved=1 gaps=0 held=1 failed=0 first=0x80040201 codes: 0x80040201x1",
               RowText(ExpectSameRow(__LINE__, loose.bytes(), "loose")));
+}
+
+TEST(RowSummaryTest, AResultAmongManyFailedCalleesPassesOnTheLatestWithItsCode)
+{
+    // 300 callees fail with codes of their own, one of them twice; the caller then
+    // traces each code again (passing it on) and one code no callee had (arising).
+    constexpr int kCallees = 300;
+    SampleTrace s;
+    s.ConversionStarts(3);
+    for (int i = 0; i <= kCallees; ++i) {
+        // The last repeats the first code, with another text: a failure record of its own.
+        const std::string result = i == kCallees ? "-1000 again" : std::to_string(-1000 - i) + " ";
+        s.Add(3, '>', "CNVSecret::GetContent").Add(3, 'E', result).Add(3, '<');
+    }
+    for (int i = kCallees - 1; i >= 0; --i)
+        s.Add(3, 'E', std::to_string(-1000 - i) + " ");
+    s.Add(3, 'E', "-999 ").Add(3, '<').Add(3, '<');
+
+    const nvtrace::RowSummary row = ExpectSameRow(__LINE__, s.bytes(), "many callees");
+    std::size_t arose = 0;
+    for (const auto& [code, count] : row.codes)
+        arose += count;
+    EXPECT_EQ(std::size_t(kCallees + 2), arose) << RowText(row); // each callee's, the repeat, -999
+    EXPECT_EQ(2u, row.codes.at(static_cast<std::uint32_t>(-1000)));
+    EXPECT_EQ(1u, row.codes.at(static_cast<std::uint32_t>(-999)));
+
+    // The full summary passes each code on to the latest failure with it: the repeat
+    // of -1000, not the first.
+    const nvtrace::TraceSummary summary = nvtrace::Summarize(nvtrace::Decode(s.bytes()));
+    std::size_t passedUp = 0;
+    for (const nvtrace::SummaryFailure& f : summary.failures)
+        passedUp += f.passedUp;
+    EXPECT_EQ(std::size_t(kCallees), passedUp);
+    const auto first = std::find_if(summary.failures.begin(), summary.failures.end(),
+                                    [](const nvtrace::SummaryFailure& f) { return f.code == -1000; });
+    ASSERT_NE(summary.failures.end(), first);
+    const auto repeat = std::find_if(first + 1, summary.failures.end(),
+                                     [](const nvtrace::SummaryFailure& f) { return f.code == -1000; });
+    ASSERT_NE(summary.failures.end(), repeat);
+    EXPECT_EQ("again", repeat->text);
+    EXPECT_EQ(0u, first->passedUp);
+    EXPECT_EQ(1u, repeat->passedUp);
 }
 
 TEST(RowSummaryTest, ManyRandomTracesGiveTheSameRowBothWays)
