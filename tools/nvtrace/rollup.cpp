@@ -133,13 +133,14 @@ bool IsFolder(const std::string& path)
     return fs::is_directory(fs::path(path), ec);
 }
 
-TraceRow RowOf(const std::string& file, const TraceView& trace, std::map<std::uint32_t, std::size_t>* codes)
+TraceRow RowOf(const std::string& file, const TraceView& trace, RowSummaries& rows,
+               std::map<std::uint32_t, std::size_t>* codes)
 {
     TraceRow row;
     row.file = file;
     row.machine = HeaderValue(trace.header, "Machine name: ");
     row.version = HeaderValue(trace.header, "FileVersion: ");
-    RowSummary summary = SummarizeRow(trace);
+    RowSummary summary = rows.Of(trace);
     static_cast<RowFigures&>(row) = std::move(summary);
     if (codes) {
         for (const auto& [code, count] : summary.codes)
@@ -327,7 +328,7 @@ public:
             return;
         }
         const TraceView& trace = m_decoder.Decode(m_data.data(), m_data.size());
-        outcome.row = RowOf(path, trace, &outcome.codes);
+        outcome.row = RowOf(path, trace, m_rows, &outcome.codes);
         if (!trace.ok)
             outcome.complaint = "nvtrace: " + path + ": " + trace.error + '\n';
     }
@@ -335,6 +336,7 @@ public:
 private:
     std::vector<std::uint8_t> m_data;
     TraceDecoder m_decoder;
+    RowSummaries m_rows;
 };
 
 // Writes the files' rows and the walk's notes in the order they are given, and keeps

@@ -26,8 +26,10 @@ struct TraceRow : RowFigures {
     std::string problem;  // why the file is damaged or unreadable
 };
 
-// The row of one decoded file; codes receives how often each failure code arose in it.
-TraceRow RowOf(const std::string& file, const TraceView& trace, std::map<std::uint32_t, std::size_t>* codes);
+// The row of one decoded file, its figures made by rows; codes receives how often each
+// failure code arose in it.
+TraceRow RowOf(const std::string& file, const TraceView& trace, RowSummaries& rows,
+               std::map<std::uint32_t, std::size_t>* codes);
 
 enum class RollupFormat { Summary, Json, Csv };
 

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <tuple>
@@ -368,12 +369,45 @@ ConversionScope ConversionScopeOf(std::string_view name)
 
 namespace {
 
+// Distinct failure codes: those a scope's callees failed with, or those traced while
+// a user ran. Usually none or one, so the first few sit inline and cost no
+// allocation; past them a hash set keeps a crafted trace's thousands linear.
+class CodeSet {
+public:
+    void Insert(std::int32_t code)
+    {
+        if (Contains(code))
+            return;
+        if (m_size < kInline) {
+            m_inline[m_size++] = code;
+            return;
+        }
+        if (!m_more)
+            m_more = std::make_unique<std::unordered_set<std::int32_t>>();
+        m_more->insert(code);
+    }
+
+    bool Contains(std::int32_t code) const
+    {
+        for (std::size_t i = 0; i < m_size; ++i)
+            if (m_inline[i] == code)
+                return true;
+        return m_more && m_more->count(code) != 0;
+    }
+
+private:
+    static constexpr std::size_t kInline = 4;
+    std::int32_t m_inline[kInline] = {};
+    std::size_t m_size = 0;
+    std::unique_ptr<std::unordered_set<std::int32_t>> m_more;
+};
+
 // A user the guard caught leaves no result record of its own: its status is the
 // failure, unless its old key went or a scope it ran already traced that code.
-bool CaughtByGuard(bool deleteSeen, std::uint32_t status, const std::unordered_set<std::int32_t>* traced)
+bool CaughtByGuard(bool deleteSeen, std::uint32_t status, const CodeSet* traced)
 {
     const std::int32_t code = static_cast<std::int32_t>(status);
-    return !deleteSeen && code < 0 && (!traced || traced->count(code) == 0);
+    return !deleteSeen && code < 0 && (!traced || !traced->Contains(code));
 }
 
 // Builds the summary record by record; one instance per decoded trace. It keeps
@@ -590,7 +624,7 @@ private:
             ++m_summary.failures[index].count;
             auto user = m_currentUser.find(r.thread);
             if (user != m_currentUser.end())
-                m_userFailures[user->second].insert(code);
+                m_userFailures[user->second].Insert(code);
         }
         if (!stack.empty()) {
             OpenScope& s = stack.back();
@@ -702,7 +736,7 @@ private:
     std::map<std::uint32_t, std::vector<OpenScope>> m_stacks;
     ThreadIndex m_threadAt; // the current process's threads in its SummaryProcess
     std::map<std::uint32_t, std::size_t> m_currentUser; // thread -> user being converted
-    std::map<std::size_t, std::unordered_set<std::int32_t>> m_userFailures; // user -> codes traced while it ran
+    std::map<std::size_t, CodeSet> m_userFailures; // user -> codes traced while it ran
     std::map<std::size_t, std::uint32_t> m_lastStatus; // conversion -> last user's status
     std::map<std::uint32_t, std::pair<unsigned, std::size_t>> m_looseConversion;
     std::map<std::tuple<unsigned, std::uint32_t, std::string, std::int32_t, std::string>, std::size_t> m_failureAt;
@@ -724,13 +758,23 @@ void CountOutcome(RowSummary& row, UserOutcome outcome)
 // Builds a roll-up row's figures record by record. It follows the scopes, the
 // conversions and the users as the Summarizer does, but keeps of them only what
 // decides a user's outcome and whether a failing result arose or was passed on: no
-// paths, no texts, no times. It keeps views of the records' texts.
+// paths, no texts, no times. It keeps views of the records' texts. One instance
+// follows one trace after another: what it keeps per thread and per user keeps its
+// room from trace to trace.
 class RowSummarizer {
 public:
-    explicit RowSummarizer(const std::vector<std::string>& header)
+    void Start(const std::vector<std::string>& header)
     {
+        m_row = RowSummary();
         Clock clock;
         m_row.started = FirstProcessStart(header, clock);
+        m_process = 1;
+        m_conversions = 0;
+        m_threadAt.Clear();
+        m_looseConversion.clear();
+        m_users.clear();
+        m_userAt.clear();
+        m_lastUser = kNoUser;
     }
 
     void Add(const RecordView& r)
@@ -759,14 +803,14 @@ private:
         long innermost = -1; // the innermost conversion running here: its own or an outer scope's
         bool failed = false;
         std::int32_t failedCode = 0;
-        std::unordered_set<std::int32_t> calleeFailures; // the codes its callees failed with
+        CodeSet calleeFailures; // the codes its callees failed with
     };
     using ScopeStack = std::vector<Scope>;
     struct User {
         std::size_t conversion = 0;
         std::string_view sid;
         bool deleteSeen = false, hasGaps = false, isHeld = false;
-        std::unordered_set<std::int32_t> traced; // failures that arose while it ran
+        CodeSet traced; // failures that arose while it ran
     };
 
     static constexpr std::size_t kNoUser = static_cast<std::size_t>(-1);
@@ -783,14 +827,16 @@ private:
         const std::size_t at = m_threadAt.Position(id, added);
         if (!added)
             return m_threads[at];
-        Thread& t = m_threads.emplace_back();
+        // An entry an earlier process or trace left keeps its stack's room.
+        Thread& t = at < m_threads.size() ? m_threads[at] : m_threads.emplace_back();
         t.id = id;
+        t.stack.clear();
+        t.user = kNoUser;
         return t;
     }
 
     void NewProcess()
     {
-        m_threads.clear();
         m_threadAt.Clear();
         ++m_process;
     }
@@ -818,7 +864,7 @@ private:
         const Scope scope = std::move(stack.back());
         stack.pop_back();
         if (scope.failed && !stack.empty())
-            stack.back().calleeFailures.insert(scope.failedCode);
+            stack.back().calleeFailures.Insert(scope.failedCode);
     }
 
     void Arose(std::int32_t code)
@@ -836,11 +882,11 @@ private:
         const ResultRecord result = RecognizeResult(text);
         if (!result.failing)
             return;
-        const bool passedOn = !stack.empty() && stack.back().calleeFailures.count(result.code) != 0;
+        const bool passedOn = !stack.empty() && stack.back().calleeFailures.Contains(result.code);
         if (!passedOn) {
             Arose(result.code);
             if (thread.user != kNoUser)
-                m_users[thread.user].traced.insert(result.code);
+                m_users[thread.user].traced.Insert(result.code);
         }
         if (!stack.empty()) {
             stack.back().failed = true;
@@ -855,12 +901,12 @@ private:
     RowSummary m_row;
     unsigned m_process = 1;
     std::size_t m_conversions = 0;
-    std::vector<Thread> m_threads;
+    std::vector<Thread> m_threads; // those m_threadAt counts are the current process's
     ThreadIndex m_threadAt; // of m_threads
     std::map<std::uint32_t, std::pair<unsigned, std::size_t>> m_looseConversion;
     std::vector<User> m_users;
     std::map<std::pair<std::size_t, std::string_view>, std::size_t> m_userAt;
-    std::size_t m_lastUser = static_cast<std::size_t>(-1);
+    std::size_t m_lastUser = kNoUser;
 };
 
 void RowSummarizer::Line(const TraceLine& line, Thread& thread)
@@ -1030,7 +1076,23 @@ auto SummarizeWith(const BasicTrace<RecordType>& trace)
 
 TraceSummary Summarize(const DecodedTrace& trace) { return SummarizeWith<Summarizer>(trace); }
 TraceSummary Summarize(const TraceView& trace) { return SummarizeWith<Summarizer>(trace); }
-RowSummary SummarizeRow(const TraceView& trace) { return SummarizeWith<RowSummarizer>(trace); }
+struct RowSummaries::State {
+    RowSummarizer summarizer;
+};
+
+RowSummaries::RowSummaries() : m_state(std::make_unique<State>()) {}
+RowSummaries::~RowSummaries() = default;
+
+RowSummary RowSummaries::Of(const TraceView& trace)
+{
+    RowSummarizer& summarizer = m_state->summarizer;
+    summarizer.Start(trace.header);
+    for (const RecordView& r : trace.records)
+        summarizer.Add(r);
+    return summarizer.Finish();
+}
+
+RowSummary SummarizeRow(const TraceView& trace) { return RowSummaries().Of(trace); }
 
 RowSummary RowSummaryOf(const TraceSummary& summary)
 {

@@ -7,6 +7,7 @@
 #include <functional>
 #include <iosfwd>
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -142,6 +143,21 @@ struct RowSummary : RowFigures {
 // per-user, per-failure and per-scope texts; they are the ones RowSummaryOf reads
 // from the full summary (both read the lines through RecognizeLine).
 RowSummary SummarizeRow(const TraceView& trace);
+
+// The same, one trace after another: the lists it follows a trace's threads, scopes
+// and users with keep their room for the next trace.
+class RowSummaries {
+public:
+    RowSummaries();
+    ~RowSummaries();
+    RowSummaries(const RowSummaries&) = delete;
+    RowSummaries& operator=(const RowSummaries&) = delete;
+    RowSummary Of(const TraceView& trace);
+
+private:
+    struct State;
+    std::unique_ptr<State> m_state;
+};
 RowSummary RowSummaryOf(const TraceSummary& summary);
 
 // The library's lines a summary reads, recognised in one place for the full summary

@@ -75,13 +75,13 @@ std::string RandomLine(std::mt19937& rng)
     }
 }
 
-// Records of every kind a summary reads, on three threads, in up to a few processes.
-SampleTrace RandomTrace(std::mt19937& rng, std::size_t records)
+// Records of every kind a summary reads, on a few threads, in up to a few processes.
+SampleTrace RandomTrace(std::mt19937& rng, std::size_t records, std::uint32_t threads = 3)
 {
     SampleTrace s;
     auto pick = [&rng](const auto& list) { return std::string(list[rng() % std::size(list)]); };
     for (std::size_t i = 0; i < records; ++i) {
-        const std::uint32_t thread = 1 + static_cast<std::uint32_t>(rng() % 3);
+        const std::uint32_t thread = 1 + static_cast<std::uint32_t>(rng() % threads);
         const unsigned kind = rng() % 40;
         if (kind == 0)
             s.Add(0, 'N', "11-16-2026");
@@ -200,6 +200,42 @@ TEST(RowSummaryTest, ManyRandomTracesGiveTheSameRowBothWays)
     EXPECT_GT(all.failed, 0u);
     EXPECT_TRUE(all.hasFailure);
     EXPECT_GT(manyCodes, 0u);
+}
+
+TEST(RowSummaryTest, OneKeptFromTraceToTraceGivesTheRowsOfFreshOnes)
+{
+    // Random traces end with scopes open and users running, and every fifth has more
+    // threads than the index keeps in its list: nothing of one trace may reach the next.
+    std::mt19937 rng(7);
+    nvtrace::RowSummaries kept;
+    nvtrace::TraceDecoder decoder;
+    std::size_t changes = 0;
+    std::string previous;
+    for (int n = 0; n < 600; ++n) {
+        const SampleTrace s = RandomTrace(rng, 5 + rng() % 150, n % 5 == 0 ? 40 : 3);
+        const nvtrace::TraceView& view = decoder.Decode(s.bytes().data(), s.bytes().size());
+        const std::string fresh = RowText(nvtrace::SummarizeRow(view));
+        ASSERT_EQ(fresh, RowText(kept.Of(view))) << "trace " << n;
+        changes += fresh != previous ? 1 : 0;
+        previous = fresh;
+    }
+    EXPECT_GT(changes, 300u); // the rows differ from trace to trace
+
+    // A trace whose thread 1 ends inside a user's conversion, then one where thread 1
+    // (again the first thread) fails outside any user while thread 2 converts a user
+    // that ends with that code: the failure is not that user's, so the code arises twice.
+    const std::string a = kSids[0];
+    SampleTrace running;
+    running.ConversionStarts(1).UserBegins(1, a);
+    SampleTrace next;
+    next.Add(1, '>', "CNVSecret::GetContent").ConversionStarts(2).UserBegins(2, a);
+    next.Add(1, 'E', "-2146893819 ").Add(1, '<').UserEnds(2, a, "0x80090005");
+    for (const SampleTrace* s : {&running, &next}) {
+        const nvtrace::TraceView& view = decoder.Decode(s->bytes().data(), s->bytes().size());
+        EXPECT_EQ(RowText(nvtrace::SummarizeRow(view)), RowText(kept.Of(view)));
+    }
+    EXPECT_EQ("started=2026-11-15 09:30:00.125 moved=0 gaps=0 held=0 failed=1 first=0x80090005 codes: 0x80090005x2",
+              RowText(kept.Of(decoder.Decode(next.bytes().data(), next.bytes().size()))));
 }
 
 } // namespace
