@@ -331,9 +331,21 @@ bool TraceDecoder::ReadHeaderLines(const std::uint8_t* data, std::size_t size, s
             Fail(m_trace, pos, "truncated header", "the file ends before the header's closing \".\" line");
             return false;
         }
+        // The line's CR LF, looked for no further than the file's last byte but one and
+        // the longest line allowed: end stops at that limit when there is none.
+        const std::size_t limit = std::min(size - 1, pos + kMaxHeaderLine + 1);
         std::size_t end = pos;
-        while (end + 1 < size && !(data[end] == '\r' && data[end + 1] == '\n') && end - pos <= kMaxHeaderLine)
+        while (end < limit) {
+            const void* cr = std::memchr(data + end, '\r', limit - end);
+            if (!cr) {
+                end = limit;
+                break;
+            }
+            end = static_cast<std::size_t>(static_cast<const std::uint8_t*>(cr) - data);
+            if (data[end + 1] == '\n')
+                break;
             ++end;
+        }
         if (end - pos > kMaxHeaderLine) {
             Fail(m_trace, pos, "corrupt header",
                  "a header line runs on for more than " + std::to_string(kMaxHeaderLine) + " bytes without CR LF");

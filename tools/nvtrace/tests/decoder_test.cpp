@@ -138,6 +138,27 @@ TEST(TraceDecoderTest, EndlessHeaderLineIsCorrupt)
               trace.error);
 }
 
+TEST(TraceDecoderTest, HeaderLinesUpToTheLongestAllowedAndLoneCarriageReturnsRead)
+{
+    // A line of 4,096 bytes is the longest read; a CR without LF belongs to its line.
+    const std::string longest(4096, 'a');
+    const DecodedTrace read = Decode(Bytes("trace3\r\n" + longest + "\r\nA\rB\r\r\n.\r\n"));
+    EXPECT_TRUE(read.ok) << read.error;
+    EXPECT_EQ((std::vector<std::string>{"trace3", longest, "A\rB\r", "."}), read.header);
+
+    const DecodedTrace tooLong = Decode(Bytes("trace3\r\n" + longest + "a\r\n.\r\n"));
+    EXPECT_EQ("corrupt header at byte offset 8: a header line runs on for more than 4096 bytes without CR LF",
+              tooLong.error);
+    const DecodedTrace crs = Decode(Bytes("trace3\r\n" + std::string(5000, '\r') + "\r\n.\r\n"));
+    EXPECT_EQ(tooLong.error, crs.error);
+
+    // A file that ends on a CR, or on the CR LF of a line of the longest length.
+    EXPECT_EQ("truncated header at byte offset 8: the last header line has no CR LF and no closing \".\" line follows",
+              Decode(Bytes("trace3\r\n" + longest + "\r")).error);
+    EXPECT_EQ("truncated header at byte offset 4106: the file ends before the header's closing \".\" line",
+              Decode(Bytes("trace3\r\n" + longest + "\r\n")).error);
+}
+
 TEST(TraceDecoderTest, EveryCutInsideARecordHeadIsReportedAtTheRecordsOffset)
 {
     SampleTrace sample;
