@@ -14,6 +14,7 @@
 
 #include "counted.h"
 #include "thread_index.h"
+#include "user_index.h"
 
 namespace nvtrace {
 
@@ -642,13 +643,9 @@ private:
 
     std::size_t User(std::size_t conversion, std::string_view sid)
     {
-        // A user's lines come one after another: most look-ups find the last user.
-        if (m_lastUser < m_summary.users.size() && m_summary.users[m_lastUser].conversion == conversion &&
-            m_summary.users[m_lastUser].sid == sid)
-            return m_lastUser;
-        const auto key = std::make_pair(conversion, sid);
-        auto it = m_userAt.find(key);
-        if (it == m_userAt.end()) {
+        bool added = false;
+        const std::size_t at = m_userAt.Position(conversion, sid, added);
+        if (added) {
             SummaryUser u;
             u.process = m_summary.processes.back().ordinal;
             u.conversion = conversion;
@@ -659,10 +656,8 @@ private:
                 u.previousStatus = last->second;
             }
             m_summary.users.push_back(std::move(u));
-            it = m_userAt.emplace(key, m_summary.users.size() - 1).first;
         }
-        m_lastUser = it->second;
-        return it->second;
+        return at;
     }
 
     void Line(const RecordView& r, std::vector<OpenScope>& stack)
@@ -740,9 +735,8 @@ private:
     std::map<std::size_t, std::uint32_t> m_lastStatus; // conversion -> last user's status
     std::map<std::uint32_t, std::pair<unsigned, std::size_t>> m_looseConversion;
     std::map<std::tuple<unsigned, std::uint32_t, std::string, std::int32_t, std::string>, std::size_t> m_failureAt;
-    std::map<std::pair<std::size_t, std::string_view>, std::size_t> m_userAt; // SIDs as the records hold them
+    UserIndex m_userAt; // of m_summary.users
     std::unordered_map<std::string_view, std::size_t> m_scopeAt;
-    std::size_t m_lastUser = static_cast<std::size_t>(-1);
 };
 
 void CountOutcome(RowSummary& row, UserOutcome outcome)
@@ -773,8 +767,7 @@ public:
         m_threadAt.Clear();
         m_looseConversion.clear();
         m_users.clear();
-        m_userAt.clear();
-        m_lastUser = kNoUser;
+        m_userAt.Clear();
     }
 
     void Add(const RecordView& r)
@@ -807,8 +800,6 @@ private:
     };
     using ScopeStack = std::vector<Scope>;
     struct User {
-        std::size_t conversion = 0;
-        std::string_view sid;
         bool deleteSeen = false, hasGaps = false, isHeld = false;
         CodeSet traced; // failures that arose while it ran
     };
@@ -905,8 +896,7 @@ private:
     ThreadIndex m_threadAt; // of m_threads
     std::map<std::uint32_t, std::pair<unsigned, std::size_t>> m_looseConversion;
     std::vector<User> m_users;
-    std::map<std::pair<std::size_t, std::string_view>, std::size_t> m_userAt;
-    std::size_t m_lastUser = kNoUser;
+    UserIndex m_userAt; // of m_users
 };
 
 void RowSummarizer::Line(const TraceLine& line, Thread& thread)
@@ -955,16 +945,11 @@ std::size_t RowSummarizer::ConversionOf(const Thread& thread)
 
 std::size_t RowSummarizer::UserOf(std::size_t conversion, std::string_view sid)
 {
-    if (m_lastUser < m_users.size() && m_users[m_lastUser].conversion == conversion && m_users[m_lastUser].sid == sid)
-        return m_lastUser;
-    const auto [it, added] = m_userAt.emplace(std::make_pair(conversion, sid), m_users.size());
-    if (added) {
+    bool added = false;
+    const std::size_t at = m_userAt.Position(conversion, sid, added);
+    if (added)
         m_users.emplace_back();
-        m_users.back().conversion = conversion;
-        m_users.back().sid = sid;
-    }
-    m_lastUser = it->second;
-    return it->second;
+    return at;
 }
 
 std::string ProcessList(const std::vector<unsigned>& ordinals)

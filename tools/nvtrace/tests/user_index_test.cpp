@@ -1,0 +1,79 @@
+// UserIndex: positions in the order users first appear, by conversion and SID, kept
+// through the table's growth and started afresh after Clear.
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+#include "user_index.h"
+
+namespace {
+
+std::vector<std::string> Sids(std::size_t n)
+{
+    std::vector<std::string> sids;
+    for (std::size_t i = 0; i < n; ++i)
+        sids.push_back("S-1-5-21-1-2-3-" + std::to_string(1000 + i));
+    return sids;
+}
+
+TEST(UserIndexTest, NewUsersTakeTheNextPositionAndKnownOnesTheirOwn)
+{
+    nvtrace::UserIndex index;
+    bool added = false;
+    EXPECT_EQ(0u, index.Position(0, "S-1-5-21-1", added));
+    EXPECT_TRUE(added);
+    EXPECT_EQ(0u, index.Position(0, "S-1-5-21-1", added)); // the user asked for last
+    EXPECT_FALSE(added);
+    EXPECT_EQ(1u, index.Position(0, "S-1-5-21-2", added));
+    EXPECT_TRUE(added);
+    EXPECT_EQ(2u, index.Position(1, "S-1-5-21-1", added)); // the same SID in another conversion
+    EXPECT_TRUE(added);
+    EXPECT_EQ(0u, index.Position(0, "S-1-5-21-1", added)); // found by hash
+    EXPECT_FALSE(added);
+    EXPECT_EQ(3u, index.Position(0, "S-1-5-21-10", added)); // a SID that the other begins
+    EXPECT_TRUE(added);
+    EXPECT_EQ(4u, index.Position(0, "", added));
+    EXPECT_TRUE(added);
+    EXPECT_EQ(4u, index.Position(0, "", added));
+    EXPECT_FALSE(added);
+}
+
+TEST(UserIndexTest, ManyUsersKeepTheirPositionsAsTheTableGrows)
+{
+    const std::vector<std::string> sids = Sids(5000);
+    nvtrace::UserIndex index;
+    bool added = false;
+    for (std::size_t i = 0; i < sids.size(); ++i) {
+        ASSERT_EQ(2 * i, index.Position(7, sids[i], added));
+        ASSERT_TRUE(added);
+        ASSERT_EQ(2 * i + 1, index.Position(8, sids[i], added));
+        ASSERT_TRUE(added);
+    }
+    for (std::size_t i = sids.size(); i-- > 0;) {
+        ASSERT_EQ(2 * i, index.Position(7, sids[i], added));
+        ASSERT_FALSE(added);
+        ASSERT_EQ(2 * i + 1, index.Position(8, sids[i], added));
+        ASSERT_FALSE(added);
+    }
+}
+
+TEST(UserIndexTest, ClearStartsAfreshWhetherTheTableIsKeptOrLetGo)
+{
+    // A few users keep the table's room; many grow it past what Clear keeps.
+    for (const std::size_t users : {std::size_t(3), nvtrace::UserIndex::kKeptSlots * 2}) {
+        const std::vector<std::string> sids = Sids(users);
+        nvtrace::UserIndex index;
+        bool added = false;
+        for (const std::string& sid : sids)
+            index.Position(0, sid, added);
+        index.Clear();
+        for (std::size_t round = 0; round < 2; ++round) {
+            for (std::size_t i = sids.size(); i-- > 0;) {
+                EXPECT_EQ(sids.size() - 1 - i, index.Position(0, sids[i], added)) << users << " users, " << i;
+                EXPECT_EQ(round == 0, added) << users << " users, " << i;
+            }
+        }
+    }
+}
+
+} // namespace
