@@ -171,13 +171,18 @@ bool ResultNumber(std::string_view text, std::size_t& end)
 // Every byte printable ASCII (0x20 to 0x7E), eight at a time: a word has a byte
 // below 0x20 when (w - 0x20..) & ~w & 0x80.. is not zero, and one above 0x7E when
 // ((w + 0x01..) | w) & 0x80.. is not zero.
-bool PrintableAscii(std::string_view text)
+bool NotPrintable(std::uint64_t w)
 {
     constexpr std::uint64_t ones = 0x0101010101010101u, high = 0x8080808080808080u;
+    return ((((w - 0x20 * ones) & ~w) | (w + ones) | w) & high) != 0;
+}
+
+bool PrintableAscii(std::string_view text)
+{
     std::size_t i = 0;
     for (std::uint64_t w; i + 8 <= text.size(); i += 8) {
         std::memcpy(&w, text.data() + i, 8);
-        if (((w - 0x20 * ones) & ~w & high) != 0 || (((w + ones) | w) & high) != 0)
+        if (NotPrintable(w))
             return false;
     }
     for (; i < text.size(); ++i) {
@@ -476,12 +481,28 @@ void TraceDecoder::UnscrambleAndCheck(const std::uint8_t* end)
         // The records' texts are still the scrambled ones in the file.
         const std::uint8_t* in = reinterpret_cast<const std::uint8_t*>(r.text.data());
         const std::size_t n = r.text.size();
-        if (n > 0)
-            XorStep(in, end, firstStep, std::min<std::size_t>(n, 8), out);
-        for (std::size_t at = 8; at < n; at += 8)
-            XorStep(in + at, end, *stream++, std::min<std::size_t>(n - at, 8), out + at);
+        // Whether the text is printable ASCII and not empty, as CheckText's first look
+        // asks of scope names and lines, found word by word as it is unscrambled.
+        bool printable = n > 0;
+        std::uint64_t key = firstStep;
+        for (std::size_t at = 0; at < n; at += 8) {
+            if (at > 0)
+                key = *stream++;
+            if (n - at >= 8) {
+                std::uint64_t text;
+                std::memcpy(&text, in + at, 8);
+                text ^= key;
+                std::memcpy(out + at, &text, 8);
+                printable &= !NotPrintable(text);
+            } else {
+                XorStep(in + at, end, key, n - at, out + at);
+                printable &= PrintableAscii(std::string_view(out + at, n - at));
+            }
+        }
         r.text = std::string_view(out, n);
         out += n;
+        if (printable && (r.kind == '>' || r.kind == 'U'))
+            continue;
         if (const char* problem = CheckText(r.kind, r.text)) {
             Fail(m_trace, r.offset, "corrupt record", problem);
             records.resize(i);
