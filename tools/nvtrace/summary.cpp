@@ -14,7 +14,7 @@
 
 #include "counted.h"
 #include "thread_index.h"
-#include "user_index.h"
+#include "key_index.h"
 
 namespace nvtrace {
 
@@ -242,6 +242,10 @@ std::string FirstProcessStart(const std::vector<std::string>& header, Clock& clo
 
 struct OpenScope {
     std::string_view name; // the record's text, which outlives the summarizer
+    // Its whole path from the thread's outermost scope, as a position in the
+    // summarizer's index of paths: the same names give the same position. The path's
+    // text is shortened past a depth, and failures must not meet on its hidden levels.
+    std::size_t path = 0;
     bool timed = false;
     std::int64_t started = 0;
     // Failures the scopes it called ended with: its own result record with one of
@@ -522,6 +526,8 @@ private:
     {
         OpenScope scope;
         scope.name = r.text;
+        bool added = false;
+        scope.path = m_pathAt.Position(stack.empty() ? 0 : stack.back().path + 1, r.text, added);
         scope.timed = m_clock.known();
         scope.started = m_clock.now();
         const char* operation = OperationOf(r.text);
@@ -608,7 +614,8 @@ private:
             f.reached = path;
         } else {
             const unsigned process = m_summary.processes.back().ordinal;
-            const auto key = std::make_tuple(process, r.thread, path, code, text);
+            const std::size_t wholePath = stack.empty() ? kOutsideAnyScope : stack.back().path;
+            const auto key = std::make_tuple(process, r.thread, wholePath, code, text);
             auto it = m_failureAt.find(key);
             if (it == m_failureAt.end()) {
                 SummaryFailure f;
@@ -734,8 +741,11 @@ private:
     std::map<std::size_t, CodeSet> m_userFailures; // user -> codes traced while it ran
     std::map<std::size_t, std::uint32_t> m_lastStatus; // conversion -> last user's status
     std::map<std::uint32_t, std::pair<unsigned, std::size_t>> m_looseConversion;
-    std::map<std::tuple<unsigned, std::uint32_t, std::string, std::int32_t, std::string>, std::size_t> m_failureAt;
-    UserIndex m_userAt; // of m_summary.users
+    static constexpr std::size_t kOutsideAnyScope = static_cast<std::size_t>(-1);
+    // (process, thread, whole path, code, text) -> the failure's index
+    std::map<std::tuple<unsigned, std::uint32_t, std::size_t, std::int32_t, std::string>, std::size_t> m_failureAt;
+    KeyIndex m_pathAt; // the scopes' whole paths: (the path they open in + 1, or 0 for none; name)
+    KeyIndex m_userAt; // of m_summary.users
     std::unordered_map<std::string_view, std::size_t> m_scopeAt;
 };
 
@@ -896,7 +906,7 @@ private:
     ThreadIndex m_threadAt; // of m_threads
     std::map<std::uint32_t, std::pair<unsigned, std::size_t>> m_looseConversion;
     std::vector<User> m_users;
-    UserIndex m_userAt; // of m_users
+    KeyIndex m_userAt; // of m_users
 };
 
 void RowSummarizer::Line(const TraceLine& line, Thread& thread)

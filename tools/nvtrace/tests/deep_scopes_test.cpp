@@ -123,7 +123,8 @@ TEST(DeepScopesTest, EveryOutputShowsTheShortPathAndTheUserStaysInItsConversion)
     nvtrace::TraceDecoder decoder;
     const nvtrace::RowSummary row = nvtrace::SummarizeRow(decoder.Decode(sample.bytes().data(), sample.bytes().size()));
     EXPECT_EQ(0u, row.moved);
-    EXPECT_EQ(1u, row.failed + row.held);
+    EXPECT_EQ(1u, row.failed); // no line says it keeps its old key
+    EXPECT_EQ(0u, row.held);
     EXPECT_EQ(nvtrace::RowSummaryOf(summary).codes, row.codes);
 
     const nvtrace::Timeline timeline = nvtrace::BuildTimeline(trace);
@@ -146,4 +147,27 @@ TEST(DeepScopesTest, EveryOutputShowsTheShortPathAndTheUserStaysInItsConversion)
         escaped.replace(at, 1, "&gt;");
     EXPECT_NE(std::string::npos, page.str().find("<td class=\"path\">" + escaped + "</td>")) << escaped;
     EXPECT_NE(std::string::npos, page.str().find(" in " + escaped + "</title>")) << escaped;
+}
+
+TEST(DeepScopesTest, FailuresWhosePathsDifferOnlyWhereTheyAreShortenedStayApart)
+{
+    // Three runs 40 levels down, the second through another name at a hidden level,
+    // each failing at the bottom with the same code: the first path's failure twice,
+    // the second's once, though both paths are shown alike.
+    SampleTrace s;
+    for (const char* middle : {"A", "B", "A"}) {
+        for (std::size_t level = 0; level < 40; ++level)
+            s.Add(3, '>', level == 20 ? std::string(middle) : Name(level));
+        s.Add(3, 'E', "-2147024891 ");
+        for (std::size_t level = 0; level < 40; ++level)
+            s.Add(3, '<');
+    }
+    const nvtrace::TraceSummary summary = nvtrace::Summarize(nvtrace::Decode(s.bytes()));
+    ASSERT_EQ(2u, summary.failures.size());
+    EXPECT_EQ(summary.failures[0].path, summary.failures[1].path);
+    EXPECT_NE(std::string::npos, summary.failures[0].path.find("... 24 more ...")) << summary.failures[0].path;
+    EXPECT_EQ(2u, summary.failures[0].count);
+    EXPECT_EQ(1u, summary.failures[1].count);
+    ASSERT_EQ(1u, summary.processes.size());
+    EXPECT_EQ(3u, summary.processes[0].failures);
 }

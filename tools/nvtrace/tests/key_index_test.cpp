@@ -1,10 +1,10 @@
-// UserIndex: positions in the order users first appear, by conversion and SID, kept
-// through the table's growth and started afresh after Clear.
+// KeyIndex: positions in the order keys first appear, by number and text (users by
+// conversion and SID), kept through the table's growth and started afresh after Clear.
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
 
-#include "user_index.h"
+#include "key_index.h"
 
 namespace {
 
@@ -16,9 +16,9 @@ std::vector<std::string> Sids(std::size_t n)
     return sids;
 }
 
-TEST(UserIndexTest, NewUsersTakeTheNextPositionAndKnownOnesTheirOwn)
+TEST(KeyIndexTest, NewUsersTakeTheNextPositionAndKnownOnesTheirOwn)
 {
-    nvtrace::UserIndex index;
+    nvtrace::KeyIndex index;
     bool added = false;
     EXPECT_EQ(0u, index.Position(0, "S-1-5-21-1", added));
     EXPECT_TRUE(added);
@@ -38,10 +38,10 @@ TEST(UserIndexTest, NewUsersTakeTheNextPositionAndKnownOnesTheirOwn)
     EXPECT_FALSE(added);
 }
 
-TEST(UserIndexTest, ManyUsersKeepTheirPositionsAsTheTableGrows)
+TEST(KeyIndexTest, ManyUsersKeepTheirPositionsAsTheTableGrows)
 {
     const std::vector<std::string> sids = Sids(5000);
-    nvtrace::UserIndex index;
+    nvtrace::KeyIndex index;
     bool added = false;
     for (std::size_t i = 0; i < sids.size(); ++i) {
         ASSERT_EQ(2 * i, index.Position(7, sids[i], added));
@@ -57,12 +57,12 @@ TEST(UserIndexTest, ManyUsersKeepTheirPositionsAsTheTableGrows)
     }
 }
 
-TEST(UserIndexTest, ClearStartsAfreshWhetherTheTableIsKeptOrLetGo)
+TEST(KeyIndexTest, ClearStartsAfreshWhetherTheTableIsKeptOrLetGo)
 {
     // A few users keep the table's room; many grow it past what Clear keeps.
-    for (const std::size_t users : {std::size_t(3), nvtrace::UserIndex::kKeptSlots * 2}) {
+    for (const std::size_t users : {std::size_t(3), nvtrace::KeyIndex::kKeptSlots * 2}) {
         const std::vector<std::string> sids = Sids(users);
-        nvtrace::UserIndex index;
+        nvtrace::KeyIndex index;
         bool added = false;
         for (const std::string& sid : sids)
             index.Position(0, sid, added);
