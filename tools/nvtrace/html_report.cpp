@@ -520,7 +520,7 @@ void WriteVerdictSection(const TraceSummary& summary, const Timeline& timeline, 
             out << "returned without a failing result";
         const auto [users, usersMoved] = usersOf[c.process];
         if (users)
-            out << "; " << usersMoved << " of " << users << " users moved";
+            out << "; " << usersMoved << " of " << Counted(users, "user") << " moved";
         out << "</li>\n";
     }
     if (!last.empty())
@@ -546,7 +546,7 @@ void WriteHtmlReport(const DecodedTrace& trace, const TraceSummary& summary, con
         << "<p class=\"file\">" << Escaped(name);
     if (!timeline.origin.empty())
         out << ", from " << Escaped(timeline.origin);
-    out << ", " << timeline.processes.size() << " processes</p>\n";
+    out << ", " << Counted(timeline.processes.size(), "process", "processes") << "</p>\n";
     WriteVerdictSection(summary, timeline, out);
     WriteUsers(summary, out);
     WriteFailures(summary, out);

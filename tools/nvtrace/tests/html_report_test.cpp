@@ -67,6 +67,7 @@ TEST(NvtraceHtmlTest, VerdictUsersFailuresFirstAndEveryFailingResult)
         << page;
     EXPECT_NE(std::string::npos, page.find("<li>process 1: Convert failed with 0x80004005 E_FAIL; 2 of 3 users moved</li>"))
         << page;
+    EXPECT_NE(std::string::npos, page.find(", 1 process</p>\n")) << page.substr(0, 2000);
     // The verdict lines as --summary opens with them, escaped.
     EXPECT_NE(std::string::npos,
               page.find("<h2>Conversion failed</h2>\n<pre class=\"verdict-lines\">verdict: process 1, 2026-11-15 "
@@ -119,10 +120,11 @@ TEST(NvtraceHtmlTest, AUserMovedByALaterRunCountsAsMoved)
                                            "earlier run left users behind</h2>\n<pre class=\"verdict-lines\">"))
         << page;
     EXPECT_NE(std::string::npos, page.find("</pre>\n<ul>\n"
-                                           "<li>process 1: Convert returned without a failing result; 0 of 1 users moved</li>\n"
-                                           "<li>process 2: Convert returned without a failing result; 1 of 1 users moved</li>\n"
+                                           "<li>process 1: Convert returned without a failing result; 0 of 1 user moved</li>\n"
+                                           "<li>process 2: Convert returned without a failing result; 1 of 1 user moved</li>\n"
                                            "<li>users in the end: 1, 1 moved, 0 kept their old data</li>\n"))
         << page;
+    EXPECT_NE(std::string::npos, page.find(", 2 processes</p>\n")) << page.substr(0, 2000);
     EXPECT_NE(std::string::npos, page.find("<tr class=\"user recovered\"><td>1</td><td class=\"sid\">S-1-5-21-9-1001</td>"
                                            "<td class=\"status\">0x80004003 E_POINTER</td><td class=\"outcome\">kept its "
                                            "old data: E_POINTER &quot;Invalid pointer (for a user: the storage server "
