@@ -782,13 +782,19 @@ public:
 
     void Add(const RecordView& r)
     {
+        if (r.kind == 'N') {
+            NewProcess();
+            return;
+        }
+        if (r.kind != '>' && r.kind != '<' && r.kind != 'E' && r.kind != 'U')
+            return; // the date and time records
+        // One place that finds the thread, inlined where the records are read.
+        Thread& thread = ThreadOf(r.thread);
         switch (r.kind) {
-        case 'N': NewProcess(); return;
-        case '>': Enter(r.text, ThreadOf(r.thread).stack); return;
-        case '<': Leave(ThreadOf(r.thread).stack); return;
-        case 'E': Result(r.text, ThreadOf(r.thread)); return;
-        case 'U': Line(RecognizeLine(r.text), ThreadOf(r.thread)); return;
-        default: return;
+        case '>': Enter(r.text, thread.stack); return;
+        case '<': Leave(thread.stack); return;
+        case 'E': Result(r.text, thread); return;
+        default: Line(RecognizeLine(r.text), thread); return;
         }
     }
 
