@@ -18,18 +18,32 @@ std::size_t KeyIndex::Position(std::size_t number, std::string_view text, bool& 
     if ((m_count + 1) * 2 > m_slots.size())
         Grow();
     const std::size_t mask = m_slots.size() - 1;
-    std::size_t i = Hash(number, text) & mask;
-    while (m_slots[i].at != kEmpty) {
-        if (m_slots[i].number == number && m_slots[i].text == text) {
+    std::size_t i = m_hash(number, text) & mask;
+    for (std::size_t probe = 0; probe < kLongestProbe; ++probe, i = (i + 1) & mask) {
+        Slot& slot = m_slots[i];
+        if (slot.at == kEmpty) {
+            // Not in the table, but perhaps crowded out of it when it came.
+            if (!m_crowded.empty()) {
+                const auto crowded = m_crowded.find(std::make_pair(number, text));
+                if (crowded != m_crowded.end())
+                    return crowded->second;
+            }
+            slot = Slot{number, text, m_count++};
+            added = true;
             m_last = i;
-            return m_slots[i].at;
+            return slot.at;
         }
-        i = (i + 1) & mask;
+        if (slot.number == number && slot.text == text) {
+            m_last = i;
+            return slot.at;
+        }
     }
-    m_slots[i] = Slot{number, text, m_count++};
-    added = true;
-    m_last = i;
-    return m_slots[i].at;
+    const auto [crowded, inserted] = m_crowded.emplace(std::make_pair(number, text), m_count);
+    if (inserted) {
+        ++m_count;
+        added = true;
+    }
+    return crowded->second;
 }
 
 void KeyIndex::Clear()
@@ -38,6 +52,7 @@ void KeyIndex::Clear()
         std::vector<Slot>().swap(m_slots);
     else if (m_count > 0)
         std::fill(m_slots.begin(), m_slots.end(), Slot());
+    m_crowded.clear();
     m_count = 0;
     m_last = kEmpty;
 }
@@ -46,16 +61,23 @@ void KeyIndex::Grow()
 {
     std::vector<Slot> old(std::max<std::size_t>(16, m_slots.size() * 2));
     old.swap(m_slots);
-    const std::size_t mask = m_slots.size() - 1;
-    for (const Slot& s : old) {
-        if (s.at == kEmpty)
-            continue;
-        std::size_t i = Hash(s.number, s.text) & mask;
-        while (m_slots[i].at != kEmpty)
-            i = (i + 1) & mask;
-        m_slots[i] = s;
-    }
+    for (const Slot& slot : old)
+        if (slot.at != kEmpty)
+            Place(slot);
     m_last = kEmpty;
+}
+
+void KeyIndex::Place(const Slot& slot)
+{
+    const std::size_t mask = m_slots.size() - 1;
+    std::size_t i = m_hash(slot.number, slot.text) & mask;
+    for (std::size_t probe = 0; probe < kLongestProbe; ++probe, i = (i + 1) & mask) {
+        if (m_slots[i].at == kEmpty) {
+            m_slots[i] = slot;
+            return;
+        }
+    }
+    m_crowded.emplace(std::make_pair(slot.number, slot.text), slot.at);
 }
 
 } // namespace nvtrace

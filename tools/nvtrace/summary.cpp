@@ -13,8 +13,8 @@
 #include <unordered_set>
 
 #include "counted.h"
-#include "thread_index.h"
 #include "key_index.h"
+#include "thread_index.h"
 
 namespace nvtrace {
 

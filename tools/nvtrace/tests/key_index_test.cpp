@@ -76,4 +76,62 @@ TEST(KeyIndexTest, ClearStartsAfreshWhetherTheTableIsKeptOrLetGo)
     }
 }
 
+// Every key of one number in the same slot: a trace crafted so that its SIDs collide.
+std::size_t ByNumberOnly(std::size_t number, std::string_view) { return number * 1000003u; }
+
+TEST(KeyIndexTest, KeysThatCollideAreFoundPastTheLongestProbeAndAfterGrowth)
+{
+    // Four numbers' keys each share a slot: beyond kLongestProbe of them go to the
+    // ordered map, and the table grows (moving the others) as keys come.
+    const std::vector<std::string> sids = Sids(600);
+    nvtrace::KeyIndex index(&ByNumberOnly);
+    bool added = false;
+    std::size_t next = 0;
+    for (std::size_t i = 0; i < sids.size(); ++i) {
+        for (std::size_t number = 0; number < 4; ++number) {
+            ASSERT_EQ(next++, index.Position(number, sids[i], added)) << number << ' ' << i;
+            ASSERT_TRUE(added);
+        }
+    }
+    for (int round = 0; round < 2; ++round) {
+        for (std::size_t i = sids.size(); i-- > 0;) {
+            for (std::size_t number = 0; number < 4; ++number) {
+                ASSERT_EQ(4 * i + number, index.Position(number, sids[i], added)) << number << ' ' << i;
+                ASSERT_FALSE(added);
+            }
+        }
+        index.Clear();
+        next = 0;
+        for (std::size_t i = 0; i < sids.size(); ++i)
+            for (std::size_t number = 0; number < 4; ++number)
+                ASSERT_EQ(next++, index.Position(number, sids[i], added));
+    }
+}
+
+// The first 64 SIDs of Sids() in one of two slots 256 apart (one slot while the table
+// is smaller than that), the others spread.
+std::size_t TwoSlotsForTheFirst(std::size_t, std::string_view sid)
+{
+    const std::size_t i = std::stoul(std::string(sid.substr(sid.rfind('-') + 1))) - 1000;
+    return i < 64 ? (i & 1) << 8 : i * 2654435761u;
+}
+
+TEST(KeyIndexTest, AKeyCrowdedOutIsFoundWhenGrowthLeavesRoomWhereItWasLookedFor)
+{
+    // Of the first 64, 32 fill the table's run from their slot and 32 go to the map.
+    // As the table grows past 256 slots, the run splits in two half-full runs, where
+    // a crowded key's look-up now meets a free slot before it would have found it.
+    const std::vector<std::string> sids = Sids(300);
+    nvtrace::KeyIndex index(&TwoSlotsForTheFirst);
+    bool added = false;
+    for (std::size_t i = 0; i < sids.size(); ++i) {
+        ASSERT_EQ(i, index.Position(0, sids[i], added)) << i;
+        ASSERT_TRUE(added);
+    }
+    for (std::size_t i = 0; i < sids.size(); ++i) {
+        ASSERT_EQ(i, index.Position(0, sids[i], added)) << i;
+        ASSERT_FALSE(added) << i;
+    }
+}
+
 } // namespace
