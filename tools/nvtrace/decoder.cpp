@@ -168,8 +168,8 @@ bool ResultNumber(std::string_view text, std::size_t& end)
     return (static_cast<unsigned long long>(v) & 0x1FFF0000u) == 0x00090000u;
 }
 
-// Every byte printable ASCII (0x20 to 0x7E), eight at a time: a word has a byte
-// below 0x20 when (w - 0x20..) & ~w & 0x80.. is not zero, and one above 0x7E when
+// A word with a byte that is not printable ASCII (0x20 to 0x7E): it has a byte below
+// 0x20 when (w - 0x20..) & ~w & 0x80.. is not zero, and one above 0x7E when
 // ((w + 0x01..) | w) & 0x80.. is not zero.
 bool NotPrintable(std::uint64_t w)
 {
@@ -177,6 +177,7 @@ bool NotPrintable(std::uint64_t w)
     return ((((w - 0x20 * ones) & ~w) | (w + ones) | w) & high) != 0;
 }
 
+// Every byte printable ASCII, eight at a time.
 bool PrintableAscii(std::string_view text)
 {
     std::size_t i = 0;

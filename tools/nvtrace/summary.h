@@ -143,9 +143,10 @@ struct RowSummary : RowFigures {
 // per-user, per-failure and per-scope texts; they are the ones RowSummaryOf reads
 // from the full summary (both read the lines through RecognizeLine).
 RowSummary SummarizeRow(const TraceView& trace);
+RowSummary RowSummaryOf(const TraceSummary& summary);
 
-// The same, one trace after another: the lists it follows a trace's threads, scopes
-// and users with keep their room for the next trace.
+// SummarizeRow one trace after another: the lists it follows a trace's threads,
+// scopes and users with keep their room for the next trace.
 class RowSummaries {
 public:
     RowSummaries();
@@ -158,7 +159,6 @@ private:
     struct State;
     std::unique_ptr<State> m_state;
 };
-RowSummary RowSummaryOf(const TraceSummary& summary);
 
 // The library's lines a summary reads, recognised in one place for the full summary
 // and the row alike.
