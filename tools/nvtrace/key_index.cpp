@@ -13,8 +13,11 @@ std::size_t KeyIndex::Hash(std::size_t number, std::string_view text)
 std::size_t KeyIndex::Position(std::size_t number, std::string_view text, bool& added)
 {
     added = false;
-    if (m_last != kEmpty && m_slots[m_last].number == number && m_slots[m_last].text == text)
-        return m_slots[m_last].at;
+    if (m_last != kEmpty) {
+        const Slot& last = m_slots[m_last];
+        if (last.at != kEmpty && last.number == number && last.text == text)
+            return last.at;
+    }
     if ((m_count + 1) * 2 > m_slots.size())
         Grow();
     const std::size_t mask = m_slots.size() - 1;
@@ -38,6 +41,7 @@ std::size_t KeyIndex::Position(std::size_t number, std::string_view text, bool& 
             return slot.at;
         }
     }
+    m_last = kEmpty;
     const auto [crowded, inserted] = m_crowded.emplace(std::make_pair(number, text), m_count);
     if (inserted) {
         ++m_count;

@@ -7,7 +7,8 @@
 // many keys grew it past kKeptSlots. A key is looked for no further than
 // kLongestProbe slots from where its hash puts it; one that finds no free slot that
 // near is kept in an ordered map instead, so that texts made to collide (a crafted
-// trace) cost a look-up in that map each, not a walk along the table.
+// trace) cost a bounded walk and a look-up in that map each, not a walk along the
+// whole table.
 #pragma once
 #include <cstddef>
 #include <map>

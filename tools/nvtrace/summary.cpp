@@ -776,7 +776,12 @@ public:
         m_conversions = 0;
         m_threadAt.Clear();
         m_looseConversion.clear();
-        m_users.clear();
+        if (m_threads.size() > kKeptThreads)
+            std::vector<Thread>().swap(m_threads);
+        if (m_users.capacity() > kKeptUsers)
+            std::vector<User>().swap(m_users);
+        else
+            m_users.clear();
         m_userAt.Clear();
     }
 
@@ -821,6 +826,10 @@ private:
     };
 
     static constexpr std::size_t kNoUser = static_cast<std::size_t>(-1);
+    // A trace with more threads, deeper scopes or more users than these does not leave
+    // its lists' room to the traces after it: a fleet's reader keeps what a trace of
+    // the library needs, not what one crafted or huge file grew.
+    static constexpr std::size_t kKeptThreads = 32, kKeptScopes = 64, kKeptUsers = 256;
     // What the row follows per thread of the current process.
     struct Thread {
         std::uint32_t id = 0;
@@ -837,7 +846,10 @@ private:
         // An entry an earlier process or trace left keeps its stack's room.
         Thread& t = at < m_threads.size() ? m_threads[at] : m_threads.emplace_back();
         t.id = id;
-        t.stack.clear();
+        if (t.stack.capacity() > kKeptScopes)
+            ScopeStack().swap(t.stack);
+        else
+            t.stack.clear();
         t.user = kNoUser;
         return t;
     }

@@ -16,6 +16,7 @@ namespace nvtrace {
 class ThreadIndex {
 public:
     static constexpr std::size_t kFew = 16;
+    static constexpr std::size_t kKeptMany = 1024;
 
     // The thread's position in the list. A thread not seen since the last Clear gets
     // the next position, the number of threads seen before it, and `added` is set:
@@ -34,9 +35,12 @@ public:
 
     void Clear()
     {
-        m_count = 0;
-        if (m_many)
+        // The map of a process of very many threads is let go, not kept for the next.
+        if (m_many && m_many->size() > kKeptMany)
+            m_many.reset();
+        else if (m_many)
             m_many->clear();
+        m_count = 0;
     }
 
 private:

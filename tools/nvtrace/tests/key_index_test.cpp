@@ -100,6 +100,16 @@ TEST(KeyIndexTest, KeysThatCollideAreFoundPastTheLongestProbeAndAfterGrowth)
                 ASSERT_FALSE(added);
             }
         }
+        // Afresh, in the other order: nothing of the table or the map is left.
+        index.Clear();
+        next = 0;
+        for (std::size_t i = sids.size(); i-- > 0;) {
+            for (std::size_t number = 0; number < 4; ++number) {
+                ASSERT_EQ(next, index.Position(number, sids[i], added)) << number << ' ' << i;
+                ASSERT_TRUE(added);
+                ASSERT_EQ(next++, index.Position(number, sids[i], added));
+            }
+        }
         index.Clear();
         next = 0;
         for (std::size_t i = 0; i < sids.size(); ++i)

@@ -221,6 +221,40 @@ TEST(RowSummaryTest, OneKeptFromTraceToTraceGivesTheRowsOfFreshOnes)
     }
     EXPECT_GT(changes, 300u); // the rows differ from trace to trace
 
+    // A trace that grows every list past what a kept summarizer keeps (40 threads, 300
+    // users, 100 scopes left open on one thread), before the small ones again.
+    SampleTrace big;
+    for (std::uint32_t t = 1; t <= 40; ++t)
+        big.ConversionStarts(t);
+    for (int u = 0; u < 300; ++u) {
+        const std::uint32_t t = 1 + static_cast<std::uint32_t>(u % 40);
+        const std::string sid = "S-1-5-21-9-9-9-" + std::to_string(2000 + u);
+        big.UserBegins(t, sid);
+        if (u % 4 == 0)
+            big.Add(t, 'E', "-2147024891 ");
+        else
+            big.OldKeyDeleted(t, sid);
+        big.UserEnds(t, sid, u % 4 == 0 ? "0x80070005" : "0x00000000");
+    }
+    const nvtrace::TraceView& bigView = decoder.Decode(big.bytes().data(), big.bytes().size());
+    const nvtrace::RowSummary bigRow = kept.Of(bigView);
+    EXPECT_EQ(RowText(nvtrace::SummarizeRow(bigView)), RowText(bigRow));
+    EXPECT_EQ(225u, bigRow.moved);
+    EXPECT_EQ(75u, bigRow.failed);
+    // 100 scopes left open on one thread, the innermost failed; the next trace leaves a
+    // scope it never entered and fails: its failure arises, passed on from nothing.
+    SampleTrace deep;
+    for (int depth = 0; depth < 100; ++depth)
+        deep.Add(1, '>', "CNVSecret::GetContent");
+    deep.Add(1, 'E', "-2147024891 ");
+    SampleTrace after;
+    after.Add(1, '<').Add(1, 'E', "-2147024891 ");
+    for (const SampleTrace* s : {&deep, &after}) {
+        const nvtrace::TraceView& view = decoder.Decode(s->bytes().data(), s->bytes().size());
+        EXPECT_EQ(RowText(nvtrace::SummarizeRow(view)), RowText(kept.Of(view)));
+    }
+    EXPECT_EQ(1u, kept.Of(decoder.Decode(after.bytes().data(), after.bytes().size())).codes.at(0x80070005u));
+
     // A trace whose thread 1 ends inside a user's conversion, then one where thread 1
     // (again the first thread) fails outside any user while thread 2 converts a user
     // that ends with that code: the failure is not that user's, so the code arises twice.
