@@ -14,6 +14,7 @@
 
 #include "counted.h"
 #include "key_index.h"
+#include "seeded_hash.h"
 #include "thread_index.h"
 
 namespace nvtrace {
@@ -252,7 +253,7 @@ struct OpenScope {
     // these codes passes that failure on rather than raising another.
     // One entry per code, the latest failure with it: a crafted file's thousands of
     // failing callees cost each result one look-up, not a search.
-    std::unordered_map<std::int32_t, std::size_t> calleeFailures;
+    std::unordered_map<std::int32_t, std::size_t, SeededIntHash> calleeFailures;
     bool failed = false;        // it traced a failing result of its own
     std::int32_t failedCode = 0;
     std::size_t failure = 0;    // index of that failure
@@ -388,7 +389,7 @@ public:
             return;
         }
         if (!m_more)
-            m_more = std::make_unique<std::unordered_set<std::int32_t>>();
+            m_more = std::make_unique<std::unordered_set<std::int32_t, SeededIntHash>>();
         m_more->insert(code);
     }
 
@@ -404,7 +405,7 @@ private:
     static constexpr std::size_t kInline = 4;
     std::int32_t m_inline[kInline] = {};
     std::size_t m_size = 0;
-    std::unique_ptr<std::unordered_set<std::int32_t>> m_more;
+    std::unique_ptr<std::unordered_set<std::int32_t, SeededIntHash>> m_more;
 };
 
 // A user the guard caught leaves no result record of its own: its status is the
@@ -567,14 +568,14 @@ private:
         stack.pop_back();
         if (scope.failed && !stack.empty())
             stack.back().calleeFailures[scope.failedCode] = scope.failure;
-        auto it = m_scopeAt.find(scope.name);
-        if (it == m_scopeAt.end()) {
+        bool added = false;
+        const std::size_t at = m_scopeAt.Position(0, scope.name, added);
+        if (added) {
             SummaryScope s;
             s.name.assign(scope.name);
             m_summary.scopes.push_back(s);
-            it = m_scopeAt.emplace(scope.name, m_summary.scopes.size() - 1).first;
         }
-        SummaryScope& s = m_summary.scopes[it->second];
+        SummaryScope& s = m_summary.scopes[at];
         ++s.calls;
         if (scope.timed && m_clock.known() && m_clock.now() >= scope.started) {
             const std::uint64_t ms = static_cast<std::uint64_t>(m_clock.now() - scope.started);
@@ -746,7 +747,7 @@ private:
     std::map<std::tuple<unsigned, std::uint32_t, std::size_t, std::int32_t, std::string>, std::size_t> m_failureAt;
     KeyIndex m_pathAt; // the scopes' whole paths: (the path they open in + 1, or 0 for none; name)
     KeyIndex m_userAt; // of m_summary.users
-    std::unordered_map<std::string_view, std::size_t> m_scopeAt;
+    KeyIndex m_scopeAt; // of m_summary.scopes, by name
 };
 
 void CountOutcome(RowSummary& row, UserOutcome outcome)

@@ -19,7 +19,7 @@ std::size_t ThreadIndex::Find(std::uint32_t id, bool& added)
         m_few[at] = id;
     } else {
         if (!m_many)
-            m_many = std::make_unique<std::unordered_map<std::uint32_t, std::size_t>>();
+            m_many = std::make_unique<std::unordered_map<std::uint32_t, std::size_t, SeededIntHash>>();
         if (m_many->empty())
             for (std::size_t i = 0; i < kFew; ++i)
                 m_many->emplace(m_few[i], i);

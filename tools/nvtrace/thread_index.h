@@ -3,13 +3,17 @@
 // library has a handful of threads, found with a look at their few ids; a damaged
 // or crafted file may name a new thread in every record, so past kFew threads the
 // ids go into a hash map as well, and a record costs the same however many there
-// are (a search of the list per record made such a file take quadratic time).
+// are (a search of the list per record made such a file take quadratic time). The
+// map hashes with a seed of the process's own, so a file cannot choose ids that
+// collide.
 #pragma once
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <unordered_map>
+
+#include "seeded_hash.h"
 
 namespace nvtrace {
 
@@ -54,7 +58,7 @@ private:
     std::size_t m_lastAt = 0;
     // Every thread, once there are more than kFew; made only then, since a reader per
     // file of a fleet makes an index per file.
-    std::unique_ptr<std::unordered_map<std::uint32_t, std::size_t>> m_many;
+    std::unique_ptr<std::unordered_map<std::uint32_t, std::size_t, SeededIntHash>> m_many;
 };
 
 } // namespace nvtrace
