@@ -777,8 +777,13 @@ public:
         m_conversions = 0;
         m_threadAt.Clear();
         m_looseConversion.clear();
-        if (m_threads.size() > kKeptThreads)
+        if (m_threads.size() > kKeptThreads) {
             std::vector<Thread>().swap(m_threads);
+        } else {
+            // Whether or not a later trace names these threads again.
+            for (Thread& t : m_threads)
+                EmptyStack(t.stack);
+        }
         if (m_users.capacity() > kKeptUsers)
             std::vector<User>().swap(m_users);
         else
@@ -802,6 +807,16 @@ public:
         case 'E': Result(r.text, thread); return;
         default: Line(RecognizeLine(r.text), thread); return;
         }
+    }
+
+    RowSummaries::Room Kept() const
+    {
+        RowSummaries::Room room;
+        room.threads = m_threads.capacity();
+        for (const Thread& t : m_threads)
+            room.scopes += t.stack.capacity();
+        room.users = m_users.capacity();
+        return room;
     }
 
     RowSummary Finish()
@@ -847,12 +862,18 @@ private:
         // An entry an earlier process or trace left keeps its stack's room.
         Thread& t = at < m_threads.size() ? m_threads[at] : m_threads.emplace_back();
         t.id = id;
-        if (t.stack.capacity() > kKeptScopes)
-            ScopeStack().swap(t.stack);
-        else
-            t.stack.clear();
+        EmptyStack(t.stack);
         t.user = kNoUser;
         return t;
+    }
+
+    // A stack grown past kKeptScopes gives its room back.
+    static void EmptyStack(ScopeStack& stack)
+    {
+        if (stack.capacity() > kKeptScopes)
+            ScopeStack().swap(stack);
+        else
+            stack.clear();
     }
 
     void NewProcess()
@@ -1105,6 +1126,8 @@ RowSummary RowSummaries::Of(const TraceView& trace)
         summarizer.Add(r);
     return summarizer.Finish();
 }
+
+RowSummaries::Room RowSummaries::Kept() const { return m_state->summarizer.Kept(); }
 
 RowSummary SummarizeRow(const TraceView& trace) { return RowSummaries().Of(trace); }
 

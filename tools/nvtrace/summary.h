@@ -155,6 +155,13 @@ public:
     RowSummaries& operator=(const RowSummaries&) = delete;
     RowSummary Of(const TraceView& trace);
 
+    // For tests: the room kept for the next trace, in entries of each list (the
+    // scopes summed over the kept threads' stacks).
+    struct Room {
+        std::size_t threads = 0, scopes = 0, users = 0;
+    };
+    Room Kept() const;
+
 private:
     struct State;
     std::unique_ptr<State> m_state;

@@ -255,6 +255,28 @@ TEST(RowSummaryTest, OneKeptFromTraceToTraceGivesTheRowsOfFreshOnes)
     }
     EXPECT_EQ(1u, kept.Of(decoder.Decode(after.bytes().data(), after.bytes().size())).codes.at(0x80070005u));
 
+    // What the large traces grew is let go when the next one starts, whether or not it
+    // names their threads again: a trace on thread 1 alone, after one where thread 2
+    // went 200 scopes deep, and after the big one.
+    SampleTrace deepOnTwo;
+    deepOnTwo.Add(1, '>', "CBaseConverter::Convert");
+    for (int depth = 0; depth < 200; ++depth)
+        deepOnTwo.Add(2, '>', "CNVSecret::GetContent");
+    SampleTrace small;
+    small.Add(1, '>', "CBaseConverter::Convert").Add(1, '<');
+    for (const SampleTrace* s : {&deepOnTwo, &small, &big, &small}) {
+        const nvtrace::TraceView& view = decoder.Decode(s->bytes().data(), s->bytes().size());
+        EXPECT_EQ(RowText(nvtrace::SummarizeRow(view)), RowText(kept.Of(view)));
+        if (s == &deepOnTwo) {
+            EXPECT_GE(kept.Kept().scopes, 200u); // held while its trace is read
+        } else if (s == &small) {
+            const nvtrace::RowSummaries::Room room = kept.Kept();
+            EXPECT_LE(room.threads, 32u);
+            EXPECT_LE(room.scopes, 64u * room.threads);
+            EXPECT_LE(room.users, 256u);
+        }
+    }
+
     // A trace whose thread 1 ends inside a user's conversion, then one where thread 1
     // (again the first thread) fails outside any user while thread 2 converts a user
     // that ends with that code: the failure is not that user's, so the code arises twice.
