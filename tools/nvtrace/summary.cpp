@@ -598,7 +598,6 @@ private:
             return;
         const std::int32_t code = result.code;
         const std::string text(result.text);
-        const std::string path = JoinPath(stack);
         std::size_t index = 0;
         bool passedOn = false;
         if (!stack.empty()) {
@@ -612,7 +611,7 @@ private:
         if (passedOn) {
             SummaryFailure& f = m_summary.failures[index];
             ++f.passedUp;
-            f.reached = path;
+            f.reached = JoinPath(stack);
         } else {
             const unsigned process = m_summary.processes.back().ordinal;
             const std::size_t wholePath = stack.empty() ? kOutsideAnyScope : stack.back().path;
@@ -622,7 +621,7 @@ private:
                 SummaryFailure f;
                 f.process = process;
                 f.thread = r.thread;
-                f.path = path;
+                f.path = JoinPath(stack); // its text, only for a failure not seen before
                 f.code = code;
                 f.text = text;
                 it = m_failureAt.emplace(key, AddFailure(f)).first;
@@ -1097,11 +1096,11 @@ namespace {
 RecordView ViewOf(const Record& r) { return RecordView{r.offset, r.thread, r.kind, r.text}; }
 const RecordView& ViewOf(const RecordView& r) { return r; }
 
-// One pass of a summarizer over a decoded trace, owned texts or views alike.
-template <class SummarizerType, class RecordType>
-auto SummarizeWith(const BasicTrace<RecordType>& trace)
+// The full summary of a decoded trace, owned texts or views alike.
+template <class RecordType>
+TraceSummary SummarizeRecords(const BasicTrace<RecordType>& trace)
 {
-    SummarizerType summarizer(trace.header);
+    Summarizer summarizer(trace.header);
     for (const RecordType& r : trace.records)
         summarizer.Add(ViewOf(r));
     return summarizer.Finish();
@@ -1109,8 +1108,9 @@ auto SummarizeWith(const BasicTrace<RecordType>& trace)
 
 } // namespace
 
-TraceSummary Summarize(const DecodedTrace& trace) { return SummarizeWith<Summarizer>(trace); }
-TraceSummary Summarize(const TraceView& trace) { return SummarizeWith<Summarizer>(trace); }
+TraceSummary Summarize(const DecodedTrace& trace) { return SummarizeRecords(trace); }
+TraceSummary Summarize(const TraceView& trace) { return SummarizeRecords(trace); }
+
 struct RowSummaries::State {
     RowSummarizer summarizer;
 };
