@@ -2,9 +2,9 @@
 // file cannot make collide. The standard hash of an integer is the integer itself,
 // so keys chosen as multiples of a table's bucket count all land in one bucket and
 // every look-up walks them all. Here each key is offset by a seed drawn once per
-// process from the clock and two addresses, which a file cannot know, and mixed
-// (splitmix64's finaliser): keys in a run, or a file's other chosen patterns, land
-// as if at random.
+// process from the system's random source, the clock and two addresses, which a
+// file cannot know, and mixed (splitmix64's finaliser): keys in a run, or a file's
+// other chosen patterns, land as if at random.
 #pragma once
 #include <cstddef>
 #include <cstdint>

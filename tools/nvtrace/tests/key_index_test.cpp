@@ -144,4 +144,53 @@ TEST(KeyIndexTest, AKeyCrowdedOutIsFoundWhenGrowthLeavesRoomWhereItWasLookedFor)
     }
 }
 
+// Keys whose text names their hash: "<hash>:<name>".
+std::size_t HashInTheText(std::size_t, std::string_view text)
+{
+    return std::stoul(std::string(text.substr(0, text.find(':'))));
+}
+
+TEST(KeyIndexTest, AKeyThatGrowthLeavesNoRoomNearItsSlotIsKeptAsideAndStillFound)
+{
+    // K and 31 more share slot 240: 112 of a table of 128, 48 of one of 64. Keys are
+    // moved to a grown table in the order of their old slots. At 64 slots the 32 ran
+    // from 48 round the end to 15, so growing to 128 moved the 16 at 0 to 15 first
+    // (to 112..127), and K and the 15 after it went round to 0..15; the 16 keys of
+    // slots 0 to 15 that came next were pushed on to 16..31. The 65th key grows the
+    // table to 256: K's 16 fill 240..255, the 16 pushed keys their own slots 0..15,
+    // and the 16 from 112..127 find no free slot within the longest probe from 240:
+    // growth puts them in the ordered map, where they must still be found.
+    std::vector<std::string> keys;
+    keys.push_back("240:K");
+    for (int i = 0; i < 31; ++i)
+        keys.push_back("240:X" + std::to_string(i));
+    for (int i = 0; i < 16; ++i)
+        keys.push_back(std::to_string(i) + ":Y" + std::to_string(i));
+    for (int i = 0; i < 17; ++i)
+        keys.push_back(std::to_string(40 + i) + ":filler" + std::to_string(i));
+    ASSERT_EQ(65u, keys.size());
+    nvtrace::KeyIndex index(&HashInTheText);
+    bool added = false;
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+        ASSERT_EQ(i, index.Position(7, keys[i], added)) << keys[i];
+        ASSERT_TRUE(added) << keys[i];
+    }
+    // Every key where it was, from either order, and a new one after them.
+    for (int round = 0; round < 2; ++round) {
+        for (std::size_t j = 0; j < keys.size(); ++j) {
+            const std::size_t i = round == 0 ? j : keys.size() - 1 - j;
+            ASSERT_EQ(i, index.Position(7, keys[i], added)) << keys[i];
+            ASSERT_FALSE(added) << keys[i];
+        }
+    }
+    const std::string late = "240:late";
+    EXPECT_EQ(keys.size(), index.Position(7, late, added));
+    EXPECT_TRUE(added);
+    EXPECT_EQ(keys.size(), index.Position(7, late, added));
+    EXPECT_FALSE(added);
+    // The same texts under another number are other keys.
+    EXPECT_EQ(keys.size() + 1, index.Position(8, keys[0], added));
+    EXPECT_TRUE(added);
+}
+
 } // namespace
