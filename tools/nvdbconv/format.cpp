@@ -19,10 +19,6 @@ std::string Fmt(const char* format, ...)
 
 std::string U8(const std::wstring& text) { return ToUtf8(text); }
 
-std::string Noun(unsigned long long n, const char* noun) { return std::string(noun) + (n == 1 ? "" : "s"); }
-
-std::string Counted(unsigned long long n, const char* noun) { return std::to_string(n) + " " + Noun(n, noun); }
-
 std::string VersionText(DWORD version)
 {
     return std::to_string(version >> 16) + "." + std::to_string(version & 0xFFFF);
