@@ -447,22 +447,28 @@ std::size_t TraceDecoder::ReadHeads(const std::uint8_t* data, std::size_t size, 
     return textSize;
 }
 
-// The batch of steps the cache lacked: enciphered side by side, put in place of
-// their ciphertext steps and kept.
+// The batch of steps the cache lacked: each distinct ciphertext enciphered once, all
+// side by side, and kept; each step then takes its stream. A file's misses are kept
+// only in its batch, so the steps its lines share (a user's SID in each of its lines)
+// would otherwise be enciphered once a line.
 void TraceDecoder::EncipherMisses(std::uint64_t* streams)
 {
     if (m_misses == 0)
         return;
     for (std::size_t j = 0; j < m_misses; ++j)
-        StepCache::Words(streams[m_missAt[j]], m_y[j], m_z[j]);
-    EncipherBlocks(m_kernel, m_key, m_y, m_z, m_misses);
-    for (std::size_t j = 0; j < m_misses; ++j) {
-        std::uint64_t& step = streams[m_missAt[j]];
-        const std::uint64_t stream = StepCache::Bytes(m_y[j], m_z[j]);
-        m_steps.Keep(step, stream);
-        step = stream;
+        m_missed[j] = streams[m_missAt[j]];
+    const std::size_t distinct = m_steps.Distinct(m_missed, m_misses, m_distinctOf, m_distinct);
+    for (std::size_t u = 0; u < distinct; ++u)
+        StepCache::Words(m_distinct[u], m_y[u], m_z[u]);
+    EncipherBlocks(m_kernel, m_key, m_y, m_z, distinct);
+    for (std::size_t u = 0; u < distinct; ++u) {
+        const std::uint64_t stream = StepCache::Bytes(m_y[u], m_z[u]);
+        m_steps.Keep(m_distinct[u], stream);
+        m_distinct[u] = stream;
     }
-    m_enciphered += m_misses;
+    for (std::size_t j = 0; j < m_misses; ++j)
+        streams[m_missAt[j]] = m_distinct[m_distinctOf[j]];
+    m_enciphered += distinct;
     m_misses = 0;
 }
 

@@ -55,8 +55,8 @@ public:
     // records find the steps of its earlier ones.
     static constexpr std::size_t kMissBatch = 1024;
 
-    // For tests: the step cache, and how many steps of the last file it lacked (each
-    // enciphered then).
+    // For tests: the step cache, and how many blocks the last file's steps needed
+    // enciphered (the distinct ones of each batch of steps the cache lacked).
     const StepCache& Steps() const { return m_steps; }
     std::size_t StepsEnciphered() const { return m_enciphered; }
 
@@ -78,6 +78,9 @@ private:
     // ciphertext step before it until its batch is enciphered.
     std::vector<std::uint64_t> m_streams;
     std::size_t m_missAt[kMissBatch];              // the batch's steps, by index in m_streams
+    std::uint64_t m_missed[kMissBatch];            // and their ciphertexts
+    std::uint32_t m_distinctOf[kMissBatch];        // each one's index among the distinct ones
+    std::uint64_t m_distinct[kMissBatch];          // those, then their streams
     std::uint32_t m_y[kMissBatch], m_z[kMissBatch]; // and their cipher blocks
     std::size_t m_misses = 0;                      // in the batch
     std::size_t m_enciphered = 0;                  // in the last file

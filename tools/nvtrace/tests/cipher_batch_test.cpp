@@ -322,15 +322,16 @@ TEST(StepCacheTest, AReadingDecoderKeepsOnlyTruePairsAndGivesEveryTextAsTheRecor
 TEST(StepCacheTest, ATraceReadAgainNeedsNoCipherAndAFileWithoutLaterStepsNone)
 {
     // One text of three steps, and one of one step and a half, again and again: the
-    // first read enciphers every later step (a file's misses are kept only once it
-    // is read), the second finds them all.
+    // first read enciphers each distinct later step once (a file's misses are kept
+    // only once its batch is read, and their repeats within it share one block), the
+    // second finds them all.
     SampleTrace s;
     for (int i = 0; i < 20; ++i)
         s.Add(1, '>', "CBaseConverter::Convert").Add(1, 'U', "Retrieve payload").Add(1, '<');
     for (CipherKernel k : KernelsHere()) {
         nvtrace::TraceDecoder decoder(k);
         ASSERT_TRUE(decoder.Decode(s.bytes().data(), s.bytes().size()).ok) << Name(k);
-        EXPECT_EQ(20u * (2 + 1), decoder.StepsEnciphered()) << Name(k);
+        EXPECT_EQ(2u + 1u, decoder.StepsEnciphered()) << Name(k);
         const nvtrace::TraceView& again = decoder.Decode(s.bytes().data(), s.bytes().size());
         ASSERT_TRUE(again.ok) << Name(k);
         EXPECT_EQ(0u, decoder.StepsEnciphered()) << Name(k);
@@ -356,8 +357,9 @@ TEST(StepCacheTest, ATraceReadAgainNeedsNoCipherAndAFileWithoutLaterStepsNone)
 
 TEST(StepCacheTest, ALongFileFindsTheStepsOfItsEarlierRecords)
 {
-    // One later step a record, the same in each: the first batch of misses is
-    // enciphered and kept, and every record after it finds its step.
+    // One later step a record, the same in each: the first batch of misses is one
+    // block, enciphered and kept, and every record after it finds its step (were it
+    // kept only at the file's end, each of the three batches would take its block).
     const std::size_t batch = nvtrace::TraceDecoder::kMissBatch;
     SampleTrace s;
     for (std::size_t i = 0; i < 3 * batch; ++i)
@@ -366,9 +368,75 @@ TEST(StepCacheTest, ALongFileFindsTheStepsOfItsEarlierRecords)
         nvtrace::TraceDecoder decoder(k);
         const nvtrace::TraceView& t = decoder.Decode(s.bytes().data(), s.bytes().size());
         ASSERT_TRUE(t.ok) << Name(k) << ": " << t.error;
-        EXPECT_EQ(batch, decoder.StepsEnciphered()) << Name(k);
+        EXPECT_EQ(1u, decoder.StepsEnciphered()) << Name(k);
         ASSERT_EQ(3 * batch, t.records.size());
         for (const nvtrace::RecordView& r : t.records)
             ASSERT_EQ("Retrieve payload", r.text) << Name(k) << ", record at " << r.offset;
+    }
+}
+
+namespace {
+
+// The first ciphertext step of a text, as the record cipher writes it: the step its
+// second step's stream is looked up by.
+std::uint64_t FirstStep(const std::string& text)
+{
+    const std::vector<std::uint8_t> record = nvtrace::EncodeRecord(1, 'U', text);
+    std::uint64_t step;
+    std::memcpy(&step, record.data() + nvtrace::kRecordHeadSize, 8);
+    return step;
+}
+
+} // namespace
+
+TEST(StepCacheTest, ABatchEnciphersEachDistinctStepOnceUnlessAnotherTookItsSlotInBetween)
+{
+    // Two texts of one later step each whose steps share a slot, found by trying.
+    std::uint32_t key[4];
+    NVTraceNS::TraceKey(key);
+    const nvtrace::StepCache probe(key);
+    std::vector<std::string> texts;
+    std::string a, b;
+    for (int i = 0; a.empty() && i < 100000; ++i) {
+        char prefix[16];
+        std::snprintf(prefix, sizeof(prefix), "%08d", i);
+        const std::string text = std::string(prefix) + " payload";
+        for (const std::string& other : texts) {
+            if (&probe.At(FirstStep(other)) == &probe.At(FirstStep(text))) {
+                a = other;
+                b = text;
+                break;
+            }
+        }
+        texts.push_back(text);
+    }
+    ASSERT_FALSE(a.empty()) << "no two steps share a slot";
+    ASSERT_NE(FirstStep(a), FirstStep(b));
+
+    struct Case {
+        std::vector<const std::string*> order;
+        std::size_t enciphered; // the blocks the batch needs
+    };
+    const Case cases[] = {
+        {{&a, &a, &b, &b, &a}, 3}, // a, its repeat, b (takes the slot), its repeat, a again
+        {{&a, &b, &a, &b, &a}, 5}, // each takes the slot from the other: five blocks
+        {{&a, &a, &a, &a}, 1},
+    };
+    for (CipherKernel k : KernelsHere()) {
+        for (const Case& c : cases) {
+            SampleTrace s;
+            for (const std::string* text : c.order)
+                s.Add(2, 'U', *text);
+            nvtrace::TraceDecoder decoder(k);
+            const nvtrace::TraceView& t = decoder.Decode(s.bytes().data(), s.bytes().size());
+            ASSERT_TRUE(t.ok) << Name(k) << ": " << t.error;
+            EXPECT_EQ(c.enciphered, decoder.StepsEnciphered()) << Name(k);
+            ASSERT_EQ(c.order.size(), t.records.size());
+            for (std::size_t i = 0; i < c.order.size(); ++i)
+                EXPECT_EQ(*c.order[i], t.records[i].text) << Name(k) << ", record " << i;
+            // The slot holds the last text's step, with its true stream.
+            EXPECT_EQ(0u, FalsePairs(decoder.Steps(), key)) << Name(k);
+            EXPECT_EQ(FirstStep(*c.order.back()), decoder.Steps().At(FirstStep(a)).ciphertext) << Name(k);
+        }
     }
 }
