@@ -50,12 +50,12 @@ public:
     const Slot& At(std::uint64_t ciphertext) const { return m_slots[Index(ciphertext)]; }
     void Keep(std::uint64_t ciphertext, std::uint64_t stream) { m_slots[Index(ciphertext)] = Slot{ciphertext, stream}; }
 
-    // A batch of misses, ciphertexts that no slot held when they were looked for and
-    // none has been kept since: writes each one's index among the batch's distinct
+    // A batch of misses: writes each one's index among the batch's distinct
     // ciphertexts to indexOf, and those to distinct in the order they first come;
-    // returns how many there are. The slots themselves find the repeats (a slot that
-    // holds a miss's ciphertext now was given it by an earlier one of the batch, with
-    // that one's index for a stream), so until each distinct ciphertext is kept, in
+    // returns how many there are. The slots themselves find the repeats: a slot that
+    // holds a miss's ciphertext was given it by an earlier one of the batch, with that
+    // one's index for a stream (checked against distinct, so a ciphertext the cache
+    // held before counts as distinct). Until each distinct ciphertext is kept, in
     // order, the cache must not be used. A repeat whose slot another ciphertext of the
     // batch took in between counts as distinct again: a block enciphered twice.
     std::size_t Distinct(const std::uint64_t* misses, std::size_t n, std::uint32_t* indexOf,
@@ -65,7 +65,7 @@ public:
         for (std::size_t j = 0; j < n; ++j) {
             const std::uint64_t ciphertext = misses[j];
             Slot& slot = m_slots[Index(ciphertext)];
-            const bool repeat = slot.ciphertext == ciphertext;
+            const bool repeat = slot.ciphertext == ciphertext && slot.stream < count && distinct[slot.stream] == ciphertext;
             const std::uint64_t at = repeat ? slot.stream : count;
             slot = Slot{ciphertext, at};
             indexOf[j] = static_cast<std::uint32_t>(at);

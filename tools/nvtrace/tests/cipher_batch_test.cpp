@@ -4,6 +4,7 @@
 // holding only true pairs while a decoder reads trace after trace.
 #include <gtest/gtest.h>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <random>
 #include <sstream>
@@ -364,6 +365,12 @@ TEST(StepCacheTest, ALongFileFindsTheStepsOfItsEarlierRecords)
     SampleTrace s;
     for (std::size_t i = 0; i < 3 * batch; ++i)
         s.Add(4, 'U', "Retrieve payload");
+    std::uint32_t key[4];
+    NVTraceNS::TraceKey(key);
+    // And a long file of repeated and random texts: batches that end inside it, each
+    // with repeats and steps that share a slot.
+    std::mt19937 rng(1024);
+    const SampleTrace mixed = RepetitiveTrace(rng, 6000);
     for (CipherKernel k : KernelsHere()) {
         nvtrace::TraceDecoder decoder(k);
         const nvtrace::TraceView& t = decoder.Decode(s.bytes().data(), s.bytes().size());
@@ -372,6 +379,15 @@ TEST(StepCacheTest, ALongFileFindsTheStepsOfItsEarlierRecords)
         ASSERT_EQ(3 * batch, t.records.size());
         for (const nvtrace::RecordView& r : t.records)
             ASSERT_EQ("Retrieve payload", r.text) << Name(k) << ", record at " << r.offset;
+        EXPECT_EQ(0u, FalsePairs(decoder.Steps(), key)) << Name(k);
+
+        const nvtrace::TraceView& m = decoder.Decode(mixed.bytes().data(), mixed.bytes().size());
+        ASSERT_TRUE(m.ok) << Name(k) << ": " << m.error;
+        // More than two batches of distinct steps: at least three batches of misses.
+        EXPECT_GT(decoder.StepsEnciphered(), 2 * batch) << Name(k);
+        for (const nvtrace::RecordView& r : m.records)
+            ASSERT_EQ(ReferenceText(mixed.bytes(), r.offset, r.text.size()), r.text) << Name(k) << ", record at " << r.offset;
+        EXPECT_EQ(0u, FalsePairs(decoder.Steps(), key)) << Name(k);
     }
 }
 
