@@ -65,7 +65,8 @@ public:
         for (std::size_t j = 0; j < n; ++j) {
             const std::uint64_t ciphertext = misses[j];
             Slot& slot = m_slots[Index(ciphertext)];
-            const bool repeat = slot.ciphertext == ciphertext && slot.stream < count && distinct[slot.stream] == ciphertext;
+            const bool repeat =
+                slot.ciphertext == ciphertext && slot.stream < count && distinct[slot.stream] == ciphertext;
             const std::uint64_t at = repeat ? slot.stream : count;
             slot = Slot{ciphertext, at};
             indexOf[j] = static_cast<std::uint32_t>(at);

@@ -10,8 +10,8 @@ namespace {
 // Its address moves with where the program is loaded.
 const int kInTheImage = 0;
 
-// 64 bits from the system's random source, or none where the library cannot reach
-// one (the clock and the addresses still vary from run to run).
+// 64 bits from the system's random source, or none where the runtime offers no such
+// source (the clock and the addresses still vary from run to run).
 std::uint64_t SystemRandom()
 {
     try {

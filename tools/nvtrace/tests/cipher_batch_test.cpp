@@ -386,7 +386,8 @@ TEST(StepCacheTest, ALongFileFindsTheStepsOfItsEarlierRecords)
         // More than two batches of distinct steps: at least three batches of misses.
         EXPECT_GT(decoder.StepsEnciphered(), 2 * batch) << Name(k);
         for (const nvtrace::RecordView& r : m.records)
-            ASSERT_EQ(ReferenceText(mixed.bytes(), r.offset, r.text.size()), r.text) << Name(k) << ", record at " << r.offset;
+            ASSERT_EQ(ReferenceText(mixed.bytes(), r.offset, r.text.size()), r.text)
+                << Name(k) << ", record at " << r.offset;
         EXPECT_EQ(0u, FalsePairs(decoder.Steps(), key)) << Name(k);
     }
 }
