@@ -103,7 +103,7 @@ TEST_F(NvdbconvFinishedTest, UpgradeOfAConvertedDatabaseSaysSoAndChangesNothing)
 {
     ContainerJanitor containers;
     Write20(containers, 3);
-    ASSERT_EQ(0u, Nvdbconv(L"upgrade").exitCode);
+    ASSERT_EQ(0u, ExitedWith(0, Nvdbconv(L"upgrade")).exitCode); // says why when it is not
     const SuiteSnapshot before = SnapshotSuite();
 
     ProcessRun run = ExitedWith(0, Nvdbconv(L"upgrade"));
@@ -145,7 +145,7 @@ TEST_F(NvdbconvFinishedTest, ConvertAndUpgradeOfAFinishedDatabaseRemoveWhatAnInt
 {
     ContainerJanitor containers;
     Write20(containers, 2);
-    ASSERT_EQ(0u, Nvdbconv(L"upgrade").exitCode);
+    ASSERT_EQ(0u, ExitedWith(0, Nvdbconv(L"upgrade")).exitCode); // says why when it is not
     const SuiteSnapshot finished = SnapshotSuite();
     struct Case {
         const wchar_t* command;
@@ -203,7 +203,7 @@ TEST_F(NvdbconvFinishedTest, A2xDatabaseWithoutDataUsersIsNotConvertedAgain)
 {
     ContainerJanitor containers;
     Write20(containers, 2);
-    ASSERT_EQ(0u, Nvdbconv(L"upgrade").exitCode);
+    ASSERT_EQ(0u, ExitedWith(0, Nvdbconv(L"upgrade")).exitCode); // says why when it is not
     SetString(L"SOFTWARE\\Norvane\\DB\\Data\\Other", L"Left", L"over", kView32);
     SetString(kMainDbPath, L"Left", L"over", kView32);
     const SuiteSnapshot before = SnapshotSuite();

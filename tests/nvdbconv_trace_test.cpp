@@ -209,7 +209,7 @@ TEST_F(NvdbconvTraceTest, NewFileStartsTheFileAnewInEveryProcessAndIsWarnedAbout
 {
     ContainerJanitor containers;
     Write10(containers);
-    ASSERT_EQ(0u, Nvdbconv(L"upgrade").exitCode);
+    ASSERT_EQ(0u, ExitedWith(0, Nvdbconv(L"upgrade")).exitCode); // says why when it is not
     const std::wstring file = TraceFile();
 
     ProcessRun run = ExitedWith(0, Nvdbconv(L"trace on --new-file --file " + QuoteArg(file)));
