@@ -73,8 +73,40 @@ nv_start_wineserver() {
         return 1
     fi
     "$NV_WINE_RUN" cmd /c exit </dev/null >/dev/null 2>&1
+    nv_hold_desktop || return 1
     NV_WINESERVER_PID=$pid
     NV_WINESERVER_STARTED=$(ps -o lstart= -p "$pid" 2>/dev/null)
+}
+
+# Wine starts a prefix's desktop (explorer.exe /desktop) from the first process that
+# opens a window (a COM apartment does), with that process's standard handles, and
+# keeps it about a second after the last such process ends: CTest, reading a test's
+# output, waited that second for every test that used COM. So the desktop is started
+# here, by a holder with its output in a file, and lives as long as the server; a test
+# must not be the one to start it, so this waits until the holder says it is ready.
+# Before the first build there is no holder yet, and nothing is started.
+nv_hold_desktop() {
+    local holder=$NV_WIN_BUILD/bin/nv_desktop_holder.exe ready=$WINEPREFIX/desktop-holder.out tries
+    [ -f "$holder" ] || return 0
+    rm -f "$ready"
+    setsid "$NV_WINE_RUN" "$holder" </dev/null >"$ready" 2>&1 &
+    for tries in $(seq 100); do
+        grep -q '^ready' "$ready" 2>/dev/null && return 0
+        sleep 0.1
+    done
+    printf 'error: the desktop holder of %s did not start: %s\n' "$WINEPREFIX" "$(cat "$ready" 2>/dev/null)" >&2
+    return 1
+}
+
+# The pid of $WINEPREFIX's desktop holder, if it runs.
+nv_desktop_holder_pid() {
+    local p
+    for p in $(pgrep -u "$(id -u)" -f '^[^ ]*nv_desktop_holder\.exe'); do
+        tr '\0' '\n' <"/proc/$p/environ" 2>/dev/null | grep -qxF "WINEPREFIX=$WINEPREFIX" || continue
+        echo "$p"
+        return 0
+    done
+    return 1
 }
 
 # The pid of the persistent (`-p` without a timeout) server of $WINEPREFIX, if one
