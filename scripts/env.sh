@@ -86,12 +86,14 @@ nv_start_wineserver() {
 # must not be the one to start it, so this waits until the holder says it is ready.
 # Before the first build there is no holder yet, and nothing is started.
 nv_hold_desktop() {
-    local holder=$NV_WIN_BUILD/bin/nv_desktop_holder.exe ready=$WINEPREFIX/desktop-holder.out tries
+    local holder=$NV_WIN_BUILD/bin/nv_desktop_holder.exe ready=$WINEPREFIX/desktop-holder.out tries pid
     [ -f "$holder" ] || return 0
     rm -f "$ready"
     setsid "$NV_WINE_RUN" "$holder" </dev/null >"$ready" 2>&1 &
+    pid=$!
     for tries in $(seq 100); do
         grep -q '^ready' "$ready" 2>/dev/null && return 0
+        kill -0 "$pid" 2>/dev/null || break # it ended without holding anything
         sleep 0.1
     done
     printf 'error: the desktop holder of %s did not start: %s\n' "$WINEPREFIX" "$(cat "$ready" 2>/dev/null)" >&2
