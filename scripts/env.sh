@@ -72,43 +72,55 @@ nv_start_wineserver() {
         printf '       every Wine process would start its own server and the run would crawl.\n' >&2
         return 1
     fi
+    # The holder first: the first process that opens a window starts the desktop, and
+    # cmd does.
+    if ! nv_hold_desktop; then
+        "$NV_WINESERVER" -k </dev/null >/dev/null 2>&1
+        return 1
+    fi
     "$NV_WINE_RUN" cmd /c exit </dev/null >/dev/null 2>&1
-    nv_hold_desktop || return 1
     NV_WINESERVER_PID=$pid
     NV_WINESERVER_STARTED=$(ps -o lstart= -p "$pid" 2>/dev/null)
 }
 
 # Wine starts a prefix's desktop (explorer.exe /desktop) from the first process that
-# opens a window (a COM apartment does), with that process's standard handles, and
-# keeps it about a second after the last such process ends: CTest, reading a test's
-# output, waited that second for every test that used COM. So the desktop is started
-# here, by a holder with its output in a file, and lives as long as the server; a test
-# must not be the one to start it, so this waits until the holder says it is ready.
-# Before the first build there is no holder yet, and nothing is started.
+# opens a window (a COM apartment does), with that process's standard error, and keeps
+# it about a second after the last such process ends: CTest, reading a test's output,
+# waited that second for every test that used COM. So the desktop is started here, by
+# a holder with its output in a file, and lives as long as the server. A test must not
+# be the one to start it, so this waits until the holder says it is ready; and the
+# holder ends if the desktop does, so that a desktop a test starts again is not held.
+# Before the first build there is no holder, and nothing is started.
 nv_hold_desktop() {
-    local holder=$NV_WIN_BUILD/bin/nv_desktop_holder.exe ready=$WINEPREFIX/desktop-holder.out tries pid
+    local holder=$NV_WIN_BUILD/bin/nv_desktop_holder.exe out=$WINEPREFIX/desktop-holder.out
+    local pidfile=$WINEPREFIX/desktop-holder.pid tries pid
     [ -f "$holder" ] || return 0
-    rm -f "$ready"
-    setsid "$NV_WINE_RUN" "$holder" </dev/null >"$ready" 2>&1 &
+    rm -f "$out" "$pidfile"
+    # -w: where the shell has job control (an interactive one), setsid forks, and $!
+    # must stay the holder's for as long as it runs.
+    setsid -w "$NV_WINE_RUN" "$holder" </dev/null >"$out" 2>&1 &
     pid=$!
-    for tries in $(seq 100); do
-        grep -q '^ready' "$ready" 2>/dev/null && return 0
+    # The prefix's first process starts Wine's services: seconds on a fresh prefix.
+    for tries in $(seq 300); do
+        if grep -q '^ready' "$out" 2>/dev/null; then
+            echo "$pid" >"$pidfile"
+            return 0
+        fi
         kill -0 "$pid" 2>/dev/null || break # it ended without holding anything
         sleep 0.1
     done
-    printf 'error: the desktop holder of %s did not start: %s\n' "$WINEPREFIX" "$(cat "$ready" 2>/dev/null)" >&2
+    printf 'error: the desktop holder of %s did not start: %s\n' "$WINEPREFIX" \
+        "$(tr -d '\r' 2>/dev/null <"$out" | grep . || echo 'it printed nothing')" >&2
     return 1
 }
 
 # The pid of $WINEPREFIX's desktop holder, if it runs.
 nv_desktop_holder_pid() {
-    local p
-    for p in $(pgrep -u "$(id -u)" -f '^[^ ]*nv_desktop_holder\.exe'); do
-        tr '\0' '\n' <"/proc/$p/environ" 2>/dev/null | grep -qxF "WINEPREFIX=$WINEPREFIX" || continue
-        echo "$p"
-        return 0
-    done
-    return 1
+    local pid
+    pid=$(cat "$WINEPREFIX/desktop-holder.pid" 2>/dev/null) && [ -n "$pid" ] || return 1
+    kill -0 "$pid" 2>/dev/null || return 1
+    grep -qzF 'nv_desktop_holder.exe' "/proc/$pid/cmdline" 2>/dev/null || return 1 # not a reused pid
+    echo "$pid"
 }
 
 # The pid of the persistent (`-p` without a timeout) server of $WINEPREFIX, if one

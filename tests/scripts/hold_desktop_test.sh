@@ -1,15 +1,16 @@
 #!/usr/bin/env bash
 # nv_hold_desktop (scripts/env.sh), checked with a stand-in for wine64: it returns
-# once the holder says "ready" and leaves it running (nv_desktop_holder_pid finds it);
-# a holder that fails is reported at once, with what it printed; before the first
-# build, when there is no holder, it starts nothing. No Windows code runs.
+# once the holder says "ready", not before, and leaves it running, found by its prefix
+# (nv_desktop_holder_pid), with none of the caller's pipes; the same where the shell
+# has job control; a holder that fails is reported at once, with what it printed;
+# before the first build, when there is no holder, it starts nothing. No Windows code
+# runs.
 set -u
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 work=$(mktemp -d)
-holders=()
 cleanup() {
-    local p
-    for p in "${holders[@]}"; do kill "$p" 2>/dev/null; done
+    # The stand-ins this test started, by the name they run under (below).
+    pkill -f "^$work/" 2>/dev/null
     rm -rf "$work"
 }
 trap cleanup EXIT
@@ -20,14 +21,16 @@ fail() {
     failures=$((failures + 1))
 }
 
-# The stand-in: does what $work/plan says, and counts its launches. "hold" prints
-# "ready" as the holder does (CR LF) and then runs under the holder's name, as the
-# real one runs until its server stops; "broken" fails as a holder without a desktop.
+# The stand-in: does what $work/plan says, and counts its launches. "hold" takes a
+# moment to start, prints "ready" as the holder does (CR LF) and then runs under the
+# holder's name, as the real one runs until its server stops; "broken" fails as a
+# holder without a desktop.
 cat >"$work/wine" <<'STUB'
 #!/usr/bin/env bash
 echo started >>"$STUB_DIR/launches"
 case "$(cat "$STUB_DIR/plan")" in
     hold)
+        sleep 0.3
         printf 'ready\r\n'
         exec -a "$1" sleep 30 ;;
     broken)
@@ -37,18 +40,21 @@ esac
 STUB
 chmod +x "$work/wine"
 
-# hold PLAN: runs nv_hold_desktop with the stand-in; sets rc, took (ms) and launches.
+# hold PLAN [SHELL_OPTION]: runs nv_hold_desktop with the stand-in, its output piped
+# as CTest's is (the pipe closes only when nothing holds it any more); sets rc, took
+# (ms, until the pipe closed) and launches.
 hold() {
     echo "$1" >"$work/plan"
     rm -f "$work/launches" "$work/err"
     local started
     started=$(date +%s%N)
     (
+        set ${2:-+m}
         NV_BUILD_DIR=$work/build NV_WINEPREFIX=$work/prefix source "$root/scripts/env.sh"
         export NV_WINE=$work/wine STUB_DIR=$work
         nv_hold_desktop
-    ) 2>"$work/err"
-    rc=$?
+    ) 2>&1 | cat >"$work/err"
+    rc=${PIPESTATUS[0]}
     took=$((($(date +%s%N) - started) / 1000000))
     launches=0
     [ -f "$work/launches" ] && launches=$(wc -l <"$work/launches")
@@ -74,13 +80,22 @@ fi
 mkdir -p "$work/build/win/bin"
 : >"$work/build/win/bin/nv_desktop_holder.exe"
 
-hold hold
-pid=$(holder_pid) && holders+=("$pid")
-if [ "$rc" != 0 ] || [ "$launches" != 1 ] || [ -z "$pid" ] || ! kill -0 "$pid" 2>/dev/null; then
-    fail "a holder that is ready is left running: status $rc, launches $launches, pid '${pid:-}'"
-else
-    echo "ok   a holder that is ready is left running and found by its prefix (${took} ms)"
-fi
+# ready_holder NAME [SHELL_OPTION]
+ready_holder() {
+    hold hold "${2:-}"
+    pid=$(holder_pid)
+    if [ "$rc" != 0 ] || [ "$launches" != 1 ] || [ -z "$pid" ] || ! kill -0 "$pid" 2>/dev/null; then
+        fail "$1: status $rc, launches $launches, pid '${pid:-}'"
+    elif [ "$took" -lt 300 ]; then
+        fail "$1: returned after ${took} ms, before the holder said it was ready"
+    elif [ "$took" -ge 5000 ]; then
+        fail "$1: the caller's pipe stayed open ${took} ms: the holder has it"
+    else
+        echo "ok   $1 (${took} ms)"
+    fi
+}
+
+ready_holder "a holder is waited for, left running without the caller's pipes and found by its prefix"
 # Another prefix's holder is not this one's.
 if NV_BUILD_DIR=$work/build NV_WINEPREFIX=$work/other bash -c \
     'source "$0/scripts/env.sh"; nv_desktop_holder_pid' "$root" >/dev/null; then
@@ -88,6 +103,10 @@ if NV_BUILD_DIR=$work/build NV_WINEPREFIX=$work/other bash -c \
 else
     echo "ok   another prefix does not see this holder"
 fi
+[ -n "${pid:-}" ] && kill "$pid" 2>/dev/null
+
+# Where the shell has job control, a background job has a process group of its own.
+ready_holder "the same where the shell has job control" -m
 [ -n "${pid:-}" ] && kill "$pid" 2>/dev/null
 
 hold broken
