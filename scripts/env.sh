@@ -93,17 +93,19 @@ nv_start_wineserver() {
 # Before the first build there is no holder, and nothing is started.
 nv_hold_desktop() {
     local holder=$NV_WIN_BUILD/bin/nv_desktop_holder.exe out=$WINEPREFIX/desktop-holder.out
-    local pidfile=$WINEPREFIX/desktop-holder.pid tries pid
+    local pidfile=$WINEPREFIX/desktop-holder.pid tries pid held
     [ -f "$holder" ] || return 0
     rm -f "$out" "$pidfile"
     # -w: where the shell has job control (an interactive one), setsid forks, and $!
-    # must stay the holder's for as long as it runs.
+    # must stay the holder's launcher for as long as that runs.
     setsid -w "$NV_WINE_RUN" "$holder" </dev/null >"$out" 2>&1 &
     pid=$!
     # The prefix's first process starts Wine's services: seconds on a fresh prefix.
     for tries in $(seq 300); do
         if grep -q '^ready' "$out" 2>/dev/null; then
-            echo "$pid" >"$pidfile"
+            # The holder's own process, not its launcher's, is the one to watch.
+            held=$(nv_find_desktop_holder) || break
+            echo "$held" >"$pidfile"
             return 0
         fi
         kill -0 "$pid" 2>/dev/null || break # it ended without holding anything
@@ -114,12 +116,29 @@ nv_hold_desktop() {
     return 1
 }
 
+# True when process $1 is a desktop holder of $WINEPREFIX: Wine names a Windows
+# process after its program, so its first argument is the holder's path.
+nv_is_desktop_holder() {
+    local first=""
+    IFS= read -r -d '' first 2>/dev/null <"/proc/$1/cmdline"
+    [[ "$first" == */nv_desktop_holder.exe ]] &&
+        grep -qzxF "WINEPREFIX=$WINEPREFIX" "/proc/$1/environ" 2>/dev/null
+}
+
+# The pid of the process that runs $WINEPREFIX's desktop holder.
+nv_find_desktop_holder() {
+    local p
+    for p in $(pgrep -u "$(id -u)" -f 'nv_desktop_holder\.exe'); do
+        nv_is_desktop_holder "$p" && echo "$p" && return 0
+    done
+    return 1
+}
+
 # The pid of $WINEPREFIX's desktop holder, if it runs.
 nv_desktop_holder_pid() {
     local pid
     pid=$(cat "$WINEPREFIX/desktop-holder.pid" 2>/dev/null) && [ -n "$pid" ] || return 1
-    kill -0 "$pid" 2>/dev/null || return 1
-    grep -qzF 'nv_desktop_holder.exe' "/proc/$pid/cmdline" 2>/dev/null || return 1 # not a reused pid
+    nv_is_desktop_holder "$pid" || return 1 # gone, or a reused pid
     echo "$pid"
 }
 

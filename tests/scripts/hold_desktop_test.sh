@@ -103,7 +103,16 @@ if NV_BUILD_DIR=$work/build NV_WINEPREFIX=$work/other bash -c \
 else
     echo "ok   another prefix does not see this holder"
 fi
-[ -n "${pid:-}" ] && kill "$pid" 2>/dev/null
+# The pid kept is the holder's own process, so a holder that ends is seen to be gone.
+if [ -n "${pid:-}" ]; then
+    kill "$pid" 2>/dev/null
+    sleep 0.2
+    if holder_pid >/dev/null; then
+        fail "a holder that ended is still found"
+    else
+        echo "ok   a holder that ended is no longer found"
+    fi
+fi
 
 # Where the shell has job control, a background job has a process group of its own.
 ready_holder "the same where the shell has job control" -m
