@@ -96,7 +96,9 @@ ready_holder() {
 }
 
 ready_holder "a holder is waited for, left running without the caller's pipes and found by its prefix"
-# Another prefix's holder is not this one's.
+# Another prefix's holder is not this one's, even with its pid file.
+mkdir -p "$work/other"
+cp "$work/prefix/desktop-holder.pid" "$work/other/" 2>/dev/null
 if NV_BUILD_DIR=$work/build NV_WINEPREFIX=$work/other bash -c \
     'source "$0/scripts/env.sh"; nv_desktop_holder_pid' "$root" >/dev/null; then
     fail "another prefix's holder was taken for this one's"
