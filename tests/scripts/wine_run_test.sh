@@ -21,6 +21,10 @@ case "$how" in
     printerr) echo "ran $*" >&2 ;;
     listing) printf 'Suite.\r\n  Test\r\n' ;;
     slow) sleep 1.2 ;;
+    # stderr written by a process the program left behind, after it has gone
+    lateerr) (sleep 0.3; echo "late words" >&2) >/dev/null & ;;
+    # stderr held, never written, by a process left behind (as Wine's desktop may)
+    holderr) sleep 4 >/dev/null & ;;
 esac
 exit "$rc"
 STUB
@@ -51,6 +55,24 @@ check "three launches at most" 1 3 "silent 1" "silent 1" "silent 1" "print 0"
 check "a program that printed keeps its failure" 3 1 "print 3" "print 0"
 check "a program that wrote to stderr keeps its failure" 3 1 "printerr 3" "print 0"
 check "a program that ran a while keeps its failure" 5 1 "slow 5" "print 0"
+check "stderr that comes after the status is waited for" 3 1 "lateerr 3" "print 0"
+
+# A silent failure whose stderr another process holds is made again all the same,
+# without waiting for that process to let go.
+printf '%s\n' "holderr 1" "print 0" >"$work/plan"
+rm -f "$work/launches"
+start=$(date +%s%N)
+STUB_DIR=$work NV_WINE=$work/wine WINEPREFIX=$work/prefix "$root/scripts/wine-run" prog.exe a b \
+    >"$work/out" 2>"$work/err"
+rc=$?
+waited_ms=$((($(date +%s%N) - start) / 1000000))
+if [ "$rc" != 0 ] || [ "$(cat "$work/launches")" != 2 ] || [ "$waited_ms" -ge 3500 ]; then
+    echo "FAIL a held stderr: status $rc, launches $(cat "$work/launches"), $waited_ms ms (the holder stays 4 s)"
+    sed 's/^/    /' "$work/err"
+    failures=$((failures + 1))
+else
+    echo "ok   a silent failure whose stderr is held is made again after at most two seconds"
+fi
 
 # What a repeated launch says, and that the arguments reach the program.
 printf '%s\n' "silent 1" "print 0" >"$work/plan"
