@@ -390,8 +390,8 @@ public:
 };
 
 // Every file named, every *.trc3 file under every folder named (in name order, one
-// folder level held at a time), and a note for a folder that cannot be listed or
-// holds no trace.
+// folder level held at a time; links followed to files, not to folders), and a note
+// for a folder that cannot be listed, holds no trace or is reached through a link.
 class RollupWalk {
 public:
     explicit RollupWalk(RollupSink& sink) : m_sink(sink) {}
@@ -429,6 +429,15 @@ private:
         for (const fs::directory_entry& entry : entries) {
             std::error_code kind;
             if (entry.is_directory(kind)) {
+                // A link is followed to a file, never to a folder: a folder may hold a
+                // link to itself or to an ancestor (a Wine prefix links its drive Z:
+                // to /), and the walk would go round it, or through the whole disk.
+                if (entry.is_symlink(kind)) {
+                    m_sink.Note("nvtrace: '" + entry.path().string() +
+                                    "' is a link to a folder: not followed (name it to read the folder)\n",
+                                false);
+                    continue;
+                }
                 Folder(entry.path());
             } else if (HasTraceExtension(entry.path()) && entry.is_regular_file(kind)) {
                 ++m_files;

@@ -554,6 +554,42 @@ TEST(NvtraceRollupTest, OneFileAsCsvAndUsageErrors)
     EXPECT_EQ("nvtrace: no .trc3 file in '" + empty.path() + "'\n", r.err);
 }
 
+// A folder that links to itself, to another folder of traces and to a trace file:
+// the walk reads the linked file, and names each linked folder instead of entering it
+// (it would go round the loop, or, in a Wine prefix whose Z: is /, through the disk).
+TEST(NvtraceRollupTest, LinksAreFollowedToFilesNeverToFolders)
+{
+    const Fleet fleet;
+    TempFolder elsewhere;
+    const std::string outside = elsewhere.Write("x.trc3", Conversion("PC-EPSILON", "3.0.1.0", "11/27/2026 08:00:00.000",
+                                                                      {{"S-1-5-21-5-1001", "moved"}})
+                                                               .bytes());
+    const std::string loop = fleet.folder.Path("sub/loop"), away = fleet.folder.Path("sub/away"),
+                      linked = fleet.folder.Path("sub/linked.trc3");
+    std::filesystem::create_directory_symlink(fleet.folder.path(), loop);
+    std::filesystem::create_directory_symlink(elsewhere.path(), away);
+    std::filesystem::create_symlink(outside, linked);
+    for (const char* jobs : {"1", "2"}) {
+        const CliResult r = RunTool({"--csv", "--jobs", jobs, fleet.folder.path() + "/sub"});
+        EXPECT_EQ(0, r.code) << jobs << " " << r.err;
+        EXPECT_EQ("file,machine,version,started,moved,moved_with_gaps,held,failed,first_failure,first_failure_name,"
+                  "state,problem\n" +
+                      fleet.d + ",PC-DELTA,3.0.1.0,2026-11-26 11:00:00.000,2,0,0,0,,,decoded,\n" + linked +
+                      ",PC-EPSILON,3.0.1.0,2026-11-27 08:00:00.000,1,0,0,0,,,decoded,\n"
+                      "(total),,,,3,0,0,0,,,\"2 traces, 0 damaged, 0 unreadable\",\n",
+                  r.out)
+            << jobs;
+        EXPECT_EQ("nvtrace: '" + away + "' is a link to a folder: not followed (name it to read the folder)\n" +
+                      "nvtrace: '" + loop + "' is a link to a folder: not followed (name it to read the folder)\n",
+                  r.err)
+            << jobs;
+    }
+    // Named, a linked folder is read.
+    const CliResult named = RunTool({"--csv", away});
+    EXPECT_EQ(0, named.code) << named.err;
+    EXPECT_NE(std::string::npos, named.out.find(away + "/x.trc3,PC-EPSILON,")) << named.out;
+}
+
 TEST(NvtraceRollupTest, CsvRowQuotesFieldsWithQuotesCommasOrBreaksAndDoublesTheQuotes)
 {
     nvtrace::TraceRow row;
