@@ -44,16 +44,20 @@ Json MarkEvent(const Timeline& timeline, const TimelineMark& m)
 {
     Json event{{"ph", "i"}, {"s", "t"}, {"pid", m.process}, {"tid", m.thread}, {"ts", m.atUs}};
     if (m.kind == TimelineMarkKind::Failure) {
+        // A result that only passes on a callee's failure has a category of its own:
+        // the "failure" events are the failing results as the summary counts them.
         const CodeText described = DescribeCode(m.code);
         const std::string hex = HexCode(m.code);
-        event["cat"] = "failure";
-        event["name"] = described.name.empty() ? hex : hex + " " + described.name;
+        event["cat"] = m.passedOn ? "passed-on" : "failure";
+        event["name"] = (described.name.empty() ? hex : hex + " " + described.name) + (m.passedOn ? " (passed on)" : "");
         event["args"] = Json{{"code", hex},
                              {"name", described.name.empty() ? Json() : Json(described.name)},
                              {"message", described.message.empty() ? Json() : Json(described.message)},
                              {"text", m.text},
                              {"scope", ScopePath(timeline, m.scope)},
                              {"offset", m.offset}};
+        if (!m.user.empty())
+            event["args"]["user"] = m.user;
     } else {
         event["cat"] = "line";
         event["name"] = m.text;

@@ -219,7 +219,7 @@ void WriteUsers(const TraceSummary& summary, std::ostream& out)
 
 void WriteFailures(const TraceSummary& summary, std::ostream& out)
 {
-    out << "<h2 id=\"failures\">Failing results: " << summary.failures.size() << "</h2>\n";
+    out << "<h2 id=\"failures\">Failing results: " << FailingResults(summary) << "</h2>\n";
     if (summary.failures.empty()) {
         out << "<p>No failing result was traced.</p>\n";
         return;
@@ -305,7 +305,8 @@ void WriteFailureMark(const Timeline& timeline, const TimelineMark& m, const Sca
     out << "<g class=\"failmark\"><line class=\"failline\" x1=\"" << Fixed(x) << "\" y1=\"" << Fixed(top) << "\" x2=\""
         << Fixed(x) << "\" y2=\"" << Fixed(top + height) << "\"/><path class=\"fail\" d=\"M" << Fixed(x - 4) << ','
         << Fixed(top) << " h8 l-4,8 z\"><title>"
-        << Escaped(CodeWithName(m.code) + " in " + ScopePath(timeline, m.scope) + (m.text.empty() ? "" : ": " + m.text))
+        << Escaped(CodeWithName(m.code) + " in " + ScopePath(timeline, m.scope) +
+                   (m.user.empty() ? "" : ", user " + m.user) + (m.text.empty() ? "" : ": " + m.text))
         << "</title></path></g>\n";
 }
 
@@ -367,15 +368,15 @@ void WriteProcessTimeline(const Timeline& timeline, const TimelineProcess& p, co
 void WriteTimeline(const Timeline& timeline, std::ostream& out)
 {
     out << "<h2 id=\"timeline\">Timeline</h2>\n<p>Scopes per thread, nested by depth; red: a scope in which a "
-           "failing result was traced, with a mark at the moment; dashed: a scope never left. Hover for names "
-           "and times. The clock has millisecond resolution: records of one millisecond are drawn 1 µs apart.</p>\n";
+           "failing result was traced (its own, or one passed on from a callee); a mark where each failing result "
+           "arose, as the list above counts them; dashed: a scope never left. Hover for names and times. The clock has millisecond resolution: records of one millisecond are drawn 1 µs apart.</p>\n";
     // Each process's part in one pass over the lists, not one pass per process: a
     // trace that many processes appended to has thousands.
     std::map<unsigned, ProcessPart> parts;
     for (std::size_t i = 0; i < timeline.scopes.size(); ++i)
         parts[timeline.scopes[i].process].scopes.push_back(i);
     for (std::size_t i = 0; i < timeline.marks.size(); ++i)
-        if (timeline.marks[i].kind == TimelineMarkKind::Failure)
+        if (timeline.marks[i].kind == TimelineMarkKind::Failure && !timeline.marks[i].passedOn)
             parts[timeline.marks[i].process].failures.push_back(i);
     const ProcessPart none;
     for (const TimelineProcess& p : timeline.processes) {
@@ -401,13 +402,14 @@ struct ConversionFact {
     std::uint32_t code;
 };
 
-// Every CBaseConverter::Convert scope and the last failing result traced directly
-// in it (its own result).
+// Every CBaseConverter::Convert scope and the last failing result record traced
+// directly in it (its own result, whether it arose there or was passed on; a user's
+// failure without a result record is no result of the scope).
 std::vector<ConversionFact> Conversions(const Timeline& timeline)
 {
     std::map<std::size_t, std::uint32_t> lastFailure; // by scope
     for (const TimelineMark& m : timeline.marks)
-        if (m.kind == TimelineMarkKind::Failure && m.scope >= 0)
+        if (m.kind == TimelineMarkKind::Failure && m.user.empty() && m.scope >= 0)
             lastFailure[static_cast<std::size_t>(m.scope)] = m.code;
     std::vector<ConversionFact> facts;
     for (std::size_t i = 0; i < timeline.scopes.size(); ++i) {
@@ -527,7 +529,7 @@ void WriteVerdictSection(const TraceSummary& summary, const Timeline& timeline, 
         out << "<li>users in the end: " << last.size() << ", " << moved << " moved"
             << (withGaps ? " (" + std::to_string(withGaps) + " with gaps)" : std::string()) << ", " << kept
             << " kept their old data</li>\n";
-    out << "<li>failing results: " << summary.failures.size() << "</li>\n";
+    out << "<li>failing results: " << FailingResults(summary) << "</li>\n";
     if (unfinishedScopes)
         out << "<li>scopes never left: " << unfinishedScopes << " (a process ended inside them)</li>\n";
     if (!timeline.complete)

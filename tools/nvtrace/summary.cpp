@@ -630,6 +630,7 @@ private:
             }
             index = it->second;
             ++m_summary.failures[index].count;
+            m_summary.failures[index].offsets.push_back(r.offset);
             auto user = m_currentUser.find(r.thread);
             if (user != m_currentUser.end())
                 m_userFailures[user->second].Insert(code);
@@ -689,7 +690,7 @@ private:
             m_currentUser[r.thread] = User(ConversionOf(r.thread, stack), line.sid);
             return;
         case LineKind::UserOver:
-            UserOver(r.thread, line, stack);
+            UserOver(r, line, stack);
             return;
         case LineKind::OldKeyDeleted: {
             SummaryUser& u = m_summary.users[User(ConversionOf(r.thread, stack), line.sid)];
@@ -710,8 +711,9 @@ private:
         }
     }
 
-    void UserOver(std::uint32_t thread, const TraceLine& line, std::vector<OpenScope>& stack)
+    void UserOver(const RecordView& r, const TraceLine& line, std::vector<OpenScope>& stack)
     {
+        const std::uint32_t thread = r.thread;
         const std::size_t conversion = ConversionOf(thread, stack);
         const std::size_t index = User(conversion, line.sid);
         SummaryUser& u = m_summary.users[index];
@@ -728,6 +730,7 @@ private:
             f.code = static_cast<std::int32_t>(line.code);
             f.count = 1;
             f.user.assign(line.sid);
+            f.offsets.push_back(r.offset);
             AddFailure(f);
         }
     }
@@ -1111,6 +1114,14 @@ TraceSummary SummarizeRecords(const BasicTrace<RecordType>& trace)
 TraceSummary Summarize(const DecodedTrace& trace) { return SummarizeRecords(trace); }
 TraceSummary Summarize(const TraceView& trace) { return SummarizeRecords(trace); }
 
+std::size_t FailingResults(const TraceSummary& summary)
+{
+    std::size_t failing = 0;
+    for (const SummaryFailure& f : summary.failures)
+        failing += f.count;
+    return failing;
+}
+
 struct RowSummaries::State {
     RowSummarizer summarizer;
 };
@@ -1293,10 +1304,7 @@ void WriteSummary(const TraceSummary& summary, std::ostream& out, std::size_t sl
         out << ": only loaded the library (no conversion, no failure)\n";
     }
 
-    std::size_t failing = 0;
-    for (const SummaryFailure& f : summary.failures)
-        failing += f.count;
-    out << "\nfailing results: " << failing << " (each counted where it arose)\n";
+    out << "\nfailing results: " << FailingResults(summary) << " (each counted where it arose)\n";
     for (const SummaryFailure& f : summary.failures) {
         out << "  " << DescribeResult(static_cast<std::uint32_t>(f.code)) << "\n    in " << f.path;
         if (!f.user.empty())
@@ -1362,8 +1370,8 @@ void WriteSummary(const TraceSummary& summary, std::ostream& out, std::size_t sl
         if (shown++ == slowest)
             break;
         char line[64];
-        std::snprintf(line, sizeof(line), "  %8llu ms  %6zu calls  longest %llu ms  ",
-                      static_cast<unsigned long long>(s.totalMs), s.calls,
+        std::snprintf(line, sizeof(line), "  %8llu ms  %6zu %-5s  longest %llu ms  ",
+                      static_cast<unsigned long long>(s.totalMs), s.calls, s.calls == 1 ? "call" : "calls",
                       static_cast<unsigned long long>(s.longestMs));
         out << line << s.name << '\n';
     }

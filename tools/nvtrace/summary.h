@@ -57,6 +57,7 @@ struct SummaryFailure {
     std::size_t passedUp = 0;  // enclosing scopes that passed it on
     std::string reached;       // the outermost scope it reached, when passed up
     std::string user;          // the SID, for a user's failure without a result record
+    std::vector<std::uint64_t> offsets; // where it arose, each time: its record's offset
 };
 
 // One user of a 2.0 -> 3.0 conversion, from "Conversion process began/is over for",
@@ -125,6 +126,9 @@ struct TraceSummary {
 
 TraceSummary Summarize(const DecodedTrace& trace);
 TraceSummary Summarize(const TraceView& trace);
+
+// The failing results, each counted every time it arose (the sum of their counts).
+std::size_t FailingResults(const TraceSummary& summary);
 
 // What a roll-up row and its totals read of a trace, and nothing else: the first
 // process's start, the users by outcome, the first failing result and how often

@@ -60,8 +60,14 @@ private:
 
 class Builder {
 public:
-    explicit Builder(const DecodedTrace& trace)
+    Builder(const DecodedTrace& trace, const TraceSummary& summary)
     {
+        // Where each failure arose, by record offset, in file order.
+        for (const SummaryFailure& f : summary.failures)
+            for (const std::uint64_t offset : f.offsets)
+                m_arose.emplace_back(offset, &f);
+        std::sort(m_arose.begin(), m_arose.end(),
+                  [](const auto& a, const auto& b) { return a.first < b.first; });
         m_timeline.complete = trace.ok;
         m_timeline.damage = trace.error;
         StartProcess();
@@ -141,12 +147,20 @@ private:
             TimelineMark mark = Mark(TimelineMarkKind::Failure, r, at, innermost);
             mark.code = static_cast<std::uint32_t>(code);
             mark.text = rest;
+            mark.passedOn = Arose(r.offset) == nullptr;
             if (innermost >= 0)
                 ++m_timeline.scopes[static_cast<std::size_t>(innermost)].failures;
             m_timeline.marks.push_back(std::move(mark));
             break;
         }
         case 'U': {
+            if (const SummaryFailure* f = Arose(r.offset)) {
+                // A user's failure with no result record: its line is where it arose.
+                TimelineMark failure = Mark(TimelineMarkKind::Failure, r, at, innermost);
+                failure.code = static_cast<std::uint32_t>(f->code);
+                failure.user = f->user;
+                m_timeline.marks.push_back(std::move(failure));
+            }
             TimelineMark mark = Mark(TimelineMarkKind::Line, r, at, innermost);
             mark.text = r.text;
             m_timeline.marks.push_back(std::move(mark));
@@ -155,6 +169,16 @@ private:
         default:
             break;
         }
+    }
+
+    // The summary's failure that arose at this record, if one did. The records come
+    // in file order, so the list is walked once.
+    const SummaryFailure* Arose(std::uint64_t offset)
+    {
+        while (m_nextArose < m_arose.size() && m_arose[m_nextArose].first < offset)
+            ++m_nextArose;
+        return m_nextArose < m_arose.size() && m_arose[m_nextArose].first == offset ? m_arose[m_nextArose].second
+                                                                                    : nullptr;
     }
 
     TimelineMark Mark(TimelineMarkKind kind, const Record& r, TimelineUs at, std::ptrdiff_t scope) const
@@ -211,6 +235,8 @@ private:
     }
 
     Timeline m_timeline;
+    std::vector<std::pair<std::uint64_t, const SummaryFailure*>> m_arose;
+    std::size_t m_nextArose = 0;
     FileClock m_clock;
     bool m_haveOrigin = false;
     std::int64_t m_originMs = 0;
@@ -222,7 +248,20 @@ private:
 
 } // namespace
 
-Timeline BuildTimeline(const DecodedTrace& trace) { return Builder(trace).Take(); }
+Timeline BuildTimeline(const DecodedTrace& trace, const TraceSummary& summary)
+{
+    return Builder(trace, summary).Take();
+}
+
+Timeline BuildTimeline(const DecodedTrace& trace) { return BuildTimeline(trace, Summarize(trace)); }
+
+std::size_t AroseFailures(const Timeline& timeline)
+{
+    std::size_t failures = 0;
+    for (const TimelineMark& m : timeline.marks)
+        failures += m.kind == TimelineMarkKind::Failure && !m.passedOn;
+    return failures;
+}
 
 std::string ScopePath(const Timeline& timeline, std::ptrdiff_t scope)
 {

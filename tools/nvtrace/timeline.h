@@ -57,7 +57,11 @@ struct TimelineScope {
 
 enum class TimelineMarkKind { Failure, Line };
 
-// A failing result ('E' with a negative code) or a progress line ('U').
+// A failing result or a progress line ('U'). A failing result is an 'E' record with
+// a negative code, or a user's failure that left no result record of its own (its
+// "Conversion process is over" line, which is a progress line as well). Which of them
+// arose where they were traced, and which only passed on a callee's failure, is the
+// summary's reading: the timeline counts the failures as the summary does.
 struct TimelineMark {
     TimelineMarkKind kind = TimelineMarkKind::Line;
     unsigned process = 0;
@@ -67,6 +71,8 @@ struct TimelineMark {
     std::uint32_t code = 0;         // failures: the HRESULT
     std::string text;               // lines: the line; failures: the text after the code
     std::uint64_t offset = 0;
+    bool passedOn = false;          // failures: a callee's failure returned again
+    std::string user;               // failures: the SID, for a user's failure
 };
 
 struct Timeline {
@@ -79,7 +85,15 @@ struct Timeline {
     std::string damage;                // the decoder's message when not complete
 };
 
+struct TraceSummary;
+
+// The summary must be the trace's own (Summarize(trace)): it tells the failures that
+// arose from those passed on. Without one, the trace is summarized first.
+Timeline BuildTimeline(const DecodedTrace& trace, const TraceSummary& summary);
 Timeline BuildTimeline(const DecodedTrace& trace);
+
+// The failing results that arose (not passed on): as many as the summary counts.
+std::size_t AroseFailures(const Timeline& timeline);
 
 // "CBaseConverter::Convert > CConverter3::do_Convert"; "(outside any scope)" for -1.
 // A deep path is shortened as ScopePathText says.

@@ -38,10 +38,10 @@ bool WriteTo(const std::string& path, const std::function<void(std::ostream&)>& 
 bool WriteTimelineOutputs(const DecodedTrace& trace, const TimelineOutputs& outputs, const std::string& name,
                           std::ostream& out, std::ostream& err)
 {
-    const Timeline timeline = BuildTimeline(trace);
-    std::size_t failures = 0, unfinished = 0;
-    for (const TimelineMark& m : timeline.marks)
-        failures += m.kind == TimelineMarkKind::Failure;
+    const TraceSummary summary = Summarize(trace);
+    const Timeline timeline = BuildTimeline(trace, summary);
+    const std::size_t failures = AroseFailures(timeline);
+    std::size_t unfinished = 0;
     for (const TimelineScope& s : timeline.scopes)
         unfinished += s.unfinished;
     const std::string what = Counted(timeline.processes.size(), "process", "processes") + ", " +
@@ -52,7 +52,6 @@ bool WriteTimelineOutputs(const DecodedTrace& trace, const TimelineOutputs& outp
         ok = WriteTo(outputs.chromeTrace, [&](std::ostream& o) { WriteChromeTrace(trace, timeline, o); },
                      "trace events, " + what, out, err) && ok;
     if (!outputs.html.empty()) {
-        const TraceSummary summary = Summarize(trace);
         ok = WriteTo(outputs.html, [&](std::ostream& o) { WriteHtmlReport(trace, summary, timeline, name, o); },
                      "page, " + what, out, err) && ok;
     }

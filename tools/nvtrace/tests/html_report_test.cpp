@@ -257,6 +257,37 @@ TEST(NvtraceTimelineCliTest, WritesBothFilesAndSaysSo)
     EXPECT_NE(std::string::npos, Read(dir.Path("t.html")).find("<h2>Conversion failed</h2>"));
 }
 
+// What the tool says it wrote, the page and --summary count the same failing
+// results: here one that arose and was passed on once, and three users the guard
+// caught.
+TEST(NvtraceTimelineCliTest, TheWrittenFilesCountTheFailuresAsTheSummaryDoes)
+{
+    SampleTrace s;
+    s.Add(4, '>', "CBaseConverter::Convert").Add(4, '>', "CNVDBRegSet::ReadAnyField").Add(4, 'E', "-2147024894 ")
+        .Add(4, '<').Add(4, 'E', "-2147024894 ");
+    for (const char* sid : {"S-1-5-21-8-1001", "S-1-5-21-8-1002", "S-1-5-21-8-1003"})
+        s.Add(4, 'U', std::string("Conversion process began for '") + sid + "'")
+            .Add(4, 'U', std::string("Conversion process is over for '") + sid + "', 0x80004003");
+    s.Add(4, '<');
+    TempFolder dir;
+    const std::string trace = dir.Write("t.trc3", s.bytes());
+    std::ostringstream out, err, summary, summaryErr;
+    ASSERT_EQ(0, nvtrace::RunCli({"--chrome-trace", dir.Path("t.json"), "--html", dir.Path("t.html"), trace}, out, err));
+    EXPECT_EQ("wrote " + dir.Path("t.json") + ": trace events, 1 process, 2 scopes (0 never left), 4 failing results\n"
+              "wrote " + dir.Path("t.html") + ": page, 1 process, 2 scopes (0 never left), 4 failing results\n",
+              out.str());
+    ASSERT_EQ(0, nvtrace::RunCli({"--summary", trace}, summary, summaryErr));
+    EXPECT_NE(std::string::npos, summary.str().find("\nfailing results: 4 (each counted where it arose)\n"))
+        << summary.str();
+    const std::string page = Read(dir.Path("t.html"));
+    EXPECT_NE(std::string::npos, page.find("<h2 id=\"failures\">Failing results: 4</h2>")) << page;
+    std::size_t marks = 0;
+    for (std::size_t at = page.find("class=\"failmark\""); at != std::string::npos;
+         at = page.find("class=\"failmark\"", at + 1))
+        ++marks;
+    EXPECT_EQ(4u, marks);
+}
+
 // With --summary (or --raw, --json) the text output still goes to standard output.
 TEST(NvtraceTimelineCliTest, GoesWithTheTextOutputs)
 {

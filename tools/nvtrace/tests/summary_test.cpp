@@ -133,9 +133,9 @@ TEST(NvtraceSummaryTest, TextOpensWithTheVerdictNamesCodesAndTellsEachUsersOutco
               "\n"
               "slowest scopes (total time):\n"
               "      1040 ms       2 calls  longest 1000 ms  CBaseConverter::Convert\n"
-              "      1000 ms       1 calls  longest 1000 ms  CConverter3::do_Convert\n"
-              "         0 ms       1 calls  longest 0 ms  CBaseConverter::CopyKey\n"
-              "         0 ms       1 calls  longest 0 ms  CBaseConverter::Backup\n",
+              "      1000 ms       1 call   longest 1000 ms  CConverter3::do_Convert\n"
+              "         0 ms       1 call   longest 0 ms  CBaseConverter::CopyKey\n"
+              "         0 ms       1 call   longest 0 ms  CBaseConverter::Backup\n",
               SummaryText(TwoProcesses()));
 }
 

@@ -13,6 +13,7 @@
 #include "chrome_trace.h"
 #include "nvtracelib.h"
 #include "sample_trace.h"
+#include "summary.h"
 #include "timeline.h"
 
 using nvtrace_test::SampleTrace;
@@ -234,6 +235,52 @@ TEST(NvtraceChromeTraceTest, FailingResultsAndLinesAreInstantEvents)
     const std::vector<Json> scopes = EventsOf(doc, "X");
     ASSERT_EQ(1u, scopes.size());
     EXPECT_EQ(2, scopes[0].at("args").at("failures"));
+}
+
+// The failure events are the failing results the summary counts: a result passed on
+// up the scopes is one failure, where it arose (the scope returning it again is an
+// event of its own category), and a user whose failure the guard caught, with no
+// result record, is one too, at its "is over" line.
+TEST(NvtraceChromeTraceTest, FailureEventsAreTheFailuresTheSummaryCounts)
+{
+    SampleTrace s;
+    s.Add(5, 't', "11/15/26").Add(5, 'T', "08:00:00.000").Add(5, '>', "CBaseConverter::Convert")
+        .Add(5, '>', "CNVDBRegSet::ReadAnyField").Add(5, 'E', "-2147024894 ").Add(5, '<')
+        .Add(5, 'E', "-2147024894 ")
+        .Add(5, 'U', "Conversion process began for 'S-1-5-21-7-1001'")
+        .Add(5, 'U', "Conversion process is over for 'S-1-5-21-7-1001', 0x80004003")
+        .Add(5, '<');
+    const nvtrace::DecodedTrace trace = nvtrace::Decode(s.bytes());
+    ASSERT_TRUE(trace.ok) << trace.error;
+    const nvtrace::TraceSummary summary = nvtrace::Summarize(trace);
+    ASSERT_EQ(2u, nvtrace::FailingResults(summary));
+    const Json doc = ChromeTrace(s);
+    std::vector<Json> failures, passedOn;
+    for (const Json& e : EventsOf(doc, "i")) {
+        if (e.at("cat") == "failure")
+            failures.push_back(e);
+        else if (e.at("cat") == "passed-on")
+            passedOn.push_back(e);
+    }
+    ASSERT_EQ(2u, failures.size());
+    EXPECT_EQ("0x80070002 HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)", failures[0].at("name"));
+    EXPECT_EQ("CBaseConverter::Convert > CNVDBRegSet::ReadAnyField", failures[0].at("args").at("scope"));
+    EXPECT_FALSE(failures[0].at("args").contains("user"));
+    EXPECT_EQ("0x80004003 E_POINTER", failures[1].at("name"));
+    EXPECT_EQ("S-1-5-21-7-1001", failures[1].at("args").at("user"));
+    EXPECT_EQ("CBaseConverter::Convert", failures[1].at("args").at("scope"));
+    ASSERT_EQ(1u, passedOn.size());
+    EXPECT_EQ("0x80070002 HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND) (passed on)", passedOn[0].at("name"));
+    EXPECT_EQ("CBaseConverter::Convert", passedOn[0].at("args").at("scope"));
+    // The user's line is still a line; its failure lies at the same moment.
+    std::size_t overLines = 0;
+    for (const Json& e : EventsOf(doc, "i"))
+        if (e.at("cat") == "line" && e.at("name") == "Conversion process is over for 'S-1-5-21-7-1001', 0x80004003") {
+            ++overLines;
+            EXPECT_EQ(failures[1].at("ts"), e.at("ts"));
+        }
+    EXPECT_EQ(1u, overLines);
+    EXPECT_EQ(2u, nvtrace::AroseFailures(nvtrace::BuildTimeline(trace, summary)));
 }
 
 // Trace text is any bytes: no UTF-8, control characters, quotes. The output stays
