@@ -332,6 +332,14 @@ bool TraceDecoder::ReadHeader(const std::uint8_t* data, std::size_t size, std::s
 bool TraceDecoder::ReadHeaderLines(const std::uint8_t* data, std::size_t size, std::size_t& pos, std::size_t& lines)
 {
     std::vector<std::string>& header = m_trace.header;
+    // A file that does not start as a trace is told so at once, whatever follows
+    // (a text file's lines end in LF alone; a picture has no line at all). One that
+    // stops inside the first line's bytes is a trace cut short.
+    static constexpr char kFirstLine[] = "trace3\r\n";
+    if (pos == 0 && std::memcmp(data, kFirstLine, std::min(size, sizeof(kFirstLine) - 1)) != 0) {
+        Fail(m_trace, 0, "not a trace file", "it does not begin with the line \"trace3\"");
+        return false;
+    }
     for (;;) {
         if (pos >= size) {
             Fail(m_trace, pos, "truncated header", "the file ends before the header's closing \".\" line");

@@ -193,8 +193,17 @@ int RunOneTrace(const CliOptions& options, std::ostream& out, std::ostream& err)
         return 2;
     }
     DecodedTrace trace = Decode(data);
+    const bool summarized =
+        options.mode == OutputMode::Summary || options.mode == OutputMode::Json || options.outputs.any();
+    // A file whose header never ends (not a trace, or cut inside the header) has
+    // nothing to summarize or draw: a summary would invent a process that loaded the
+    // library. Only the reason is given.
+    if (summarized && trace.bodyOffset == 0) {
+        err << "nvtrace: " << path << ": " << trace.error << '\n';
+        return 3;
+    }
     // What could be decoded is shown even when the file is damaged further on.
-    if (options.mode == OutputMode::Summary || options.mode == OutputMode::Json || options.outputs.any()) {
+    if (summarized) {
         if (options.format.filterThread) {
             auto other = [&](const Record& r) {
                 return r.thread != options.format.thread && r.kind != 'N' && r.kind != 't' && r.kind != 'T';

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -136,15 +137,34 @@ TEST(NvtraceCliTest, CorruptFileFailsNamingTheOffset)
               r.err);
 }
 
+// A summary, JSON or a page of a file that is no trace, or whose header is cut, would
+// show a process that never was: only the reason is given.
+TEST(NvtraceCliTest, AFileWithoutAWholeHeaderIsNotSummarized)
+{
+    TempFolder dir;
+    const std::string notTrace = dir.Write("picture.trc3", {0x89, 'P', 'N', 'G', '\r', '\n'});
+    const std::string cut = dir.Write("cut.trc3", {'t', 'r', 'a', 'c', 'e', '3', '\r', '\n', 'O', 'S'});
+    for (const std::string& file : {notTrace, cut}) {
+        for (const std::vector<std::string>& args :
+             {std::vector<std::string>{"--summary", file}, std::vector<std::string>{"--json", file},
+              std::vector<std::string>{"--html", dir.Path("page.html"), file}}) {
+            const CliResult r = RunTool(args);
+            EXPECT_EQ(3, r.code) << args[0] << " " << file;
+            EXPECT_EQ("", r.out) << args[0] << " " << file;
+            EXPECT_EQ(0u, r.err.find("nvtrace: " + file + ": ")) << r.err;
+            EXPECT_EQ(1, std::count(r.err.begin(), r.err.end(), '\n')) << r.err;
+        }
+    }
+    EXPECT_FALSE(std::filesystem::exists(dir.Path("page.html")));
+}
+
 TEST(NvtraceCliTest, NotATraceFile)
 {
     TempFile file({'M', 'Z', 0x90, 0});
     const CliResult r = RunTool({file.path()});
     EXPECT_EQ(3, r.code);
     EXPECT_EQ("", r.out);
-    EXPECT_EQ("nvtrace: " + file.path() +
-                  ": truncated header at byte offset 0: the last header line has no CR LF and no closing \".\" line "
-                  "follows\n",
+    EXPECT_EQ("nvtrace: " + file.path() + ": not a trace file at byte offset 0: it does not begin with the line \"trace3\"\n",
               r.err);
 }
 

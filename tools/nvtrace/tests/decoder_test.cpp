@@ -110,6 +110,27 @@ TEST(TraceDecoderTest, FileWithoutTheMarkIsNotATrace)
     EXPECT_TRUE(trace.header.empty());
 }
 
+// Text with lines ended by LF alone, a picture, a longer first word: not a trace,
+// however long or short the first line; a file cut inside "trace3" CR LF is a trace
+// cut short.
+TEST(TraceDecoderTest, AnyOtherStartIsNotATrace)
+{
+    for (const std::string& text : {std::string("root:x:0:0:root:/root:/bin/bash\nbin:x:1:1\n"),
+                                   std::string("\x89PNG\r\n\x1a\n"), std::string("trace30\r\n.\r\n"),
+                                   std::string("trace3\n.\n"), std::string(9000, 'a')}) {
+        const DecodedTrace trace = Decode(Bytes(text));
+        EXPECT_FALSE(trace.ok) << nvtrace::Printable(text);
+        EXPECT_EQ("not a trace file at byte offset 0: it does not begin with the line \"trace3\"", trace.error)
+            << nvtrace::Printable(text);
+        EXPECT_TRUE(trace.header.empty());
+    }
+    EXPECT_EQ("truncated header at byte offset 0: the last header line has no CR LF and no closing \".\" line follows",
+              Decode(Bytes("tra")).error);
+    const DecodedTrace cut = Decode(Bytes("trace3\r"));
+    EXPECT_EQ("truncated header at byte offset 0: the last header line has no CR LF and no closing \".\" line follows",
+              cut.error);
+}
+
 TEST(TraceDecoderTest, HeaderWithoutItsClosingLineIsTruncated)
 {
     const DecodedTrace trace = Decode(Bytes("trace3\r\nOS: Windows7\r\n"));
