@@ -1,6 +1,7 @@
 // The fleet roll-up's cost: nvtrace --csv over a folder of generated traces, against
 // a floor measured in the same run, reading the same files (the same folder walk,
-// every byte read with the decoder's own file reader, nothing decoded, one thread).
+// every byte read with the decoder's own file reader, nothing decoded) with as many
+// threads as nvtrace is given CPUs.
 // Beside it, on one CPU, the same walk with every file decoded and nothing more (no
 // rows): the share of the time that decoding itself takes, damage checks included.
 // Prints human-readable lines and, per figure,
@@ -11,9 +12,10 @@
 //
 // Each run measures twice, the floor and nvtrace alike: first both pinned to CPU A,
 // then both allowed CPUs A and B. nvtrace is given no --jobs, so it reads as many
-// files at once as it has CPUs (one, then two): the second figure shows what the
-// extra CPU buys, and nvtrace's CPU time (user + system) beside its wall time shows
-// what it costs. The CPUs default to the first two this program may run on; with
+// files at once as it has CPUs (one, then two), and the floor reads with one thread,
+// then two: the second figure shows whether the extra CPU serves the roll-up as well
+// as it serves plain reading, and nvtrace's CPU time (user + system) beside its wall
+// time shows what it costs. The CPUs default to the first two this program may run on; with
 // only one, the second measurement is left out.
 //
 // nvtrace runs as a child process (as a support engineer runs it), so its peak
@@ -22,6 +24,7 @@
 #include <sched.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -29,6 +32,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "child_run.h"
@@ -137,29 +141,63 @@ void Generate(const Options& o)
 // decoder reads it) and let go. With a decoder, each file is also decoded (heads,
 // unscrambling and the checks that find damage) and nothing more: no row, no output.
 // That is the part of nvtrace's time that no roll-up of these traces can skip.
-std::uint64_t ReadAll(const fs::path& dir, nvtrace::TraceDecoder* decoder = nullptr)
+std::vector<fs::directory_entry> SortedEntries(const fs::path& dir)
 {
     std::vector<fs::directory_entry> entries;
     for (const fs::directory_entry& e : fs::directory_iterator(dir))
         entries.push_back(e);
     std::sort(entries.begin(), entries.end(),
               [](const fs::directory_entry& a, const fs::directory_entry& b) { return a.path() < b.path(); });
+    return entries;
+}
+
+std::uint64_t ReadAll(const fs::path& dir, nvtrace::TraceDecoder* decoder = nullptr);
+
+std::uint64_t ReadEntry(const fs::directory_entry& e, nvtrace::TraceDecoder* decoder)
+{
+    if (e.is_directory())
+        return ReadAll(e.path(), decoder);
+    std::vector<std::uint8_t> data;
+    std::string error;
+    if (!nvtrace::ReadWholeFile(e.path().string(), data, error))
+        return 0;
+    if (decoder && !decoder->Decode(data.data(), data.size()).ok)
+        std::fprintf(stderr, "%s does not decode\n", e.path().c_str());
+    return data.size();
+}
+
+std::uint64_t ReadAll(const fs::path& dir, nvtrace::TraceDecoder* decoder)
+{
     std::uint64_t bytes = 0;
-    for (const fs::directory_entry& e : entries) {
-        if (e.is_directory()) {
-            bytes += ReadAll(e.path(), decoder);
-            continue;
-        }
-        std::vector<std::uint8_t> data;
-        std::string error;
-        if (nvtrace::ReadWholeFile(e.path().string(), data, error)) {
-            bytes += data.size();
-            if (decoder && !decoder->Decode(data.data(), data.size()).ok)
-                std::fprintf(stderr, "%s does not decode\n", e.path().c_str());
-        }
-    }
+    for (const fs::directory_entry& e : SortedEntries(dir))
+        bytes += ReadEntry(e, decoder);
     return bytes;
 }
+
+// The floor on several CPUs: the same walk and reads by as many threads, each taking
+// the next entry of the top folder (the generated traces lie in folders of a thousand)
+// and reading it as ReadAll does. nvtrace on two CPUs reads with two threads, so its
+// floor there is the same bytes read with two: against one thread's, a second CPU
+// would seem to leave room for the roll-up that plain reading would use as well.
+std::uint64_t ReadAllThreaded(const fs::path& dir, std::size_t threads)
+{
+    const std::vector<fs::directory_entry> entries = SortedEntries(dir);
+    std::atomic<std::size_t> next{0};
+    std::atomic<std::uint64_t> bytes{0};
+    const auto work = [&] {
+        for (std::size_t i = next++; i < entries.size(); i = next++)
+            bytes += ReadEntry(entries[i], nullptr);
+    };
+    std::vector<std::thread> others;
+    for (std::size_t t = 1; t < threads; ++t)
+        others.emplace_back(work);
+    work();
+    for (std::thread& t : others)
+        t.join();
+    return bytes;
+}
+
+const char* ThreadsWord(std::size_t threads) { return threads == 1 ? "one thread" : "two threads"; }
 
 using nvbench::ChildRun;
 using nvbench::Median;
@@ -265,8 +303,9 @@ int main(int argc, char** argv)
                 std::fprintf(stderr, "cannot run on %s\n", s.name.c_str());
                 return 1;
             }
+            // The floor reads with as many threads as nvtrace has CPUs.
             auto start = std::chrono::steady_clock::now();
-            ReadAll(o.dir);
+            ReadAllThreaded(o.dir, s.cpus.size());
             const double floor = Seconds(start);
             const ChildRun r = RunNvtrace(o.nvtrace, o.dir);
             if (r.exitCode != 0) {
@@ -278,9 +317,10 @@ int main(int argc, char** argv)
             s.ratios.push_back(r.seconds / floor);
             s.cpu.push_back(r.cpuSeconds);
             peaks.push_back(r.peakMb);
-            std::printf("  run %d, %s: nvtrace --csv %.3f s (CPU %.3f s), reading the files %.3f s, ratio %.2f, "
-                        "peak %.1f MB\n",
-                        run + 1, s.name.c_str(), r.seconds, r.cpuSeconds, floor, r.seconds / floor, r.peakMb);
+            std::printf("  run %d, %s: nvtrace --csv %.3f s (CPU %.3f s), reading the files with %s %.3f s, ratio "
+                        "%.2f, peak %.1f MB\n",
+                        run + 1, s.name.c_str(), r.seconds, r.cpuSeconds, ThreadsWord(s.cpus.size()), floor,
+                        r.seconds / floor, r.peakMb);
             if (s.cpus.size() == 1) {
                 start = std::chrono::steady_clock::now();
                 ReadAll(o.dir, &decoder);
@@ -302,8 +342,9 @@ int main(int argc, char** argv)
     for (const Series& s : series) {
         const double oursMs = Median(s.ours) * 1e3, floorMs = Median(s.floors) * 1e3;
         std::snprintf(figure, sizeof(figure),
-                      "nvtrace --csv %zu traces on %s (floor reading the same files; median of %d runs' ratios)",
-                      o.traces, s.name.c_str(), o.runs);
+                      "nvtrace --csv %zu traces on %s (floor reading the same files with %s; median of %d runs' "
+                      "ratios)",
+                      o.traces, s.name.c_str(), ThreadsWord(s.cpus.size()), o.runs);
         std::printf("ROW,%s,%.3f,%.3f,%.3f,<=1.5,ms\n", figure, oursMs, floorMs, Median(s.ratios));
         std::snprintf(figure, sizeof(figure), "nvtrace --csv %zu traces on %s: CPU time (user+system) against wall time",
                       o.traces, s.name.c_str());
