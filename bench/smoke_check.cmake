@@ -28,7 +28,7 @@ cmake_host_system_information(RESULT cpus QUERY NUMBER_OF_LOGICAL_CORES)
 set(two_cpu_figures "")
 if(cpus GREATER 1)
     set(two_cpu_figures
-        "nvtrace --csv 200 traces on two CPUs \\(floor reading the same files. median of 1 runs' ratios\\),[0-9.]+,[0-9.]+,[0-9.]+"
+        "nvtrace --csv 200 traces on two CPUs \\(floor reading the same files with two threads. median of 1 runs' ratios\\),[0-9.]+,[0-9.]+,[0-9.]+"
         "nvtrace --csv 200 traces on two CPUs: CPU time \\(user\\+system\\) against wall time,[0-9.]+,[0-9.]+,[0-9.]+"
         "nvtrace --csv 200 traces on two CPUs: traces per second,[0-9.]+")
 endif()
@@ -48,7 +48,7 @@ foreach(figure
         "3 users: wineserver CPU per user while the conversion process ran,[0-9.]+"
         "6 users: wineserver CPU per user while the conversion process ran \\(anchor 3 users\\),[0-9.]+,[0-9.]+,[0-9.]+"
         "6 users: peak private memory of the conversion process,[0-9.]+"
-        "nvtrace --csv 200 traces on one CPU \\(floor reading the same files; median of 1 runs' ratios\\),[0-9.]+,[0-9.]+,[0-9.]+"
+        "nvtrace --csv 200 traces on one CPU \\(floor reading the same files with one thread; median of 1 runs' ratios\\),[0-9.]+,[0-9.]+,[0-9.]+"
         "nvtrace --csv 200 traces on one CPU: CPU time \\(user\\+system\\) against wall time,[0-9.]+,[0-9.]+,[0-9.]+"
         "nvtrace --csv 200 traces on one CPU: traces per second,[0-9.]+"
         ${two_cpu_figures}
