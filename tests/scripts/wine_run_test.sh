@@ -24,7 +24,7 @@ case "$how" in
     # stderr written by a process the program left behind, after it has gone
     lateerr) (sleep 0.3; echo "late words" >&2) >/dev/null & ;;
     # stderr held, never written, by a process left behind (as Wine's desktop may)
-    holderr) sleep 4 >/dev/null & ;;
+    holderr) sleep 8 >/dev/null & ;;
 esac
 exit "$rc"
 STUB
@@ -66,8 +66,8 @@ STUB_DIR=$work NV_WINE=$work/wine WINEPREFIX=$work/prefix "$root/scripts/wine-ru
     >"$work/out" 2>"$work/err"
 rc=$?
 waited_ms=$((($(date +%s%N) - start) / 1000000))
-if [ "$rc" != 0 ] || [ "$(cat "$work/launches")" != 2 ] || [ "$waited_ms" -ge 3500 ]; then
-    echo "FAIL a held stderr: status $rc, launches $(cat "$work/launches"), $waited_ms ms (the holder stays 4 s)"
+if [ "$rc" != 0 ] || [ "$(cat "$work/launches")" != 2 ] || [ "$waited_ms" -ge 5000 ]; then
+    echo "FAIL a held stderr: status $rc, launches $(cat "$work/launches"), $waited_ms ms (the holder stays 8 s)"
     sed 's/^/    /' "$work/err"
     failures=$((failures + 1))
 else
