@@ -23,7 +23,7 @@ namespace nvtrace {
 
 namespace {
 
-constexpr char kHeaderMark[] = "trace3";
+constexpr char kHeaderMark[] = "trace3\r\n"; // the first line, CR LF and all
 constexpr char kHeaderEnd[] = ".";
 // No header line the library writes comes near this; longer means this is no header.
 constexpr std::size_t kMaxHeaderLine = 4096;
@@ -335,8 +335,7 @@ bool TraceDecoder::ReadHeaderLines(const std::uint8_t* data, std::size_t size, s
     // A file that does not start as a trace is told so at once, whatever follows
     // (a text file's lines end in LF alone; a picture has no line at all). One that
     // stops inside the first line's bytes is a trace cut short.
-    static constexpr char kFirstLine[] = "trace3\r\n";
-    if (pos == 0 && std::memcmp(data, kFirstLine, std::min(size, sizeof(kFirstLine) - 1)) != 0) {
+    if (pos == 0 && std::memcmp(data, kHeaderMark, std::min(size, sizeof(kHeaderMark) - 1)) != 0) {
         Fail(m_trace, 0, "not a trace file", "it does not begin with the line \"trace3\"");
         return false;
     }
@@ -370,10 +369,6 @@ bool TraceDecoder::ReadHeaderLines(const std::uint8_t* data, std::size_t size, s
             return false;
         }
         const std::string_view line(reinterpret_cast<const char*>(data + pos), end - pos);
-        if (lines == 0 && line != kHeaderMark) {
-            Fail(m_trace, 0, "not a trace file", "it does not begin with the line \"trace3\"");
-            return false;
-        }
         if (lines < header.size())
             header[lines].assign(line);
         else

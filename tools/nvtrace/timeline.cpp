@@ -140,25 +140,28 @@ private:
             }
             break;
         case 'E': {
-            std::int64_t code = 0;
-            std::string rest;
-            if (!ParseResult(r.text, code, rest) || code >= 0)
+            // Read as the summary reads it, so that the two agree on every failure.
+            const ResultRecord result = RecognizeResult(r.text);
+            if (!result.failing)
                 break; // success results (facility 9) are no failures
             TimelineMark mark = Mark(TimelineMarkKind::Failure, r, at, innermost);
-            mark.code = static_cast<std::uint32_t>(code);
-            mark.text = rest;
-            mark.passedOn = Arose(r.offset) == nullptr;
-            if (innermost >= 0)
-                ++m_timeline.scopes[static_cast<std::size_t>(innermost)].failures;
+            mark.code = static_cast<std::uint32_t>(result.code);
+            mark.text.assign(result.text);
+            const SummaryFailure* arose = Arose(r.offset);
+            mark.passedOn = arose == nullptr || !arose->user.empty();
+            CountInScope(innermost);
             m_timeline.marks.push_back(std::move(mark));
             break;
         }
         case 'U': {
-            if (const SummaryFailure* f = Arose(r.offset)) {
+            const SummaryFailure* f = Arose(r.offset);
+            if (f && !f->user.empty()) {
                 // A user's failure with no result record: its line is where it arose.
                 TimelineMark failure = Mark(TimelineMarkKind::Failure, r, at, innermost);
                 failure.code = static_cast<std::uint32_t>(f->code);
                 failure.user = f->user;
+                failure.text = r.text;
+                CountInScope(innermost);
                 m_timeline.marks.push_back(std::move(failure));
             }
             TimelineMark mark = Mark(TimelineMarkKind::Line, r, at, innermost);
@@ -169,6 +172,12 @@ private:
         default:
             break;
         }
+    }
+
+    void CountInScope(std::ptrdiff_t scope)
+    {
+        if (scope >= 0)
+            ++m_timeline.scopes[static_cast<std::size_t>(scope)].failures;
     }
 
     // The summary's failure that arose at this record, if one did. The records come
@@ -286,21 +295,6 @@ std::string ScopePath(const Timeline& timeline, std::ptrdiff_t scope)
             return tail[level];
         return level < kPathOuterScopes ? head[level] : tail[level - (levels - kPathInnerScopes)];
     });
-}
-
-bool ParseResult(const std::string& text, std::int64_t& code, std::string& rest)
-{
-    const std::size_t blank = text.find(' ');
-    const std::string number = text.substr(0, blank);
-    if (number.empty())
-        return false;
-    char* end = nullptr;
-    const long long value = std::strtoll(number.c_str(), &end, 10);
-    if (*end != '\0')
-        return false;
-    code = value;
-    rest = blank == std::string::npos ? std::string() : text.substr(blank + 1);
-    return true;
 }
 
 std::string HexCode(std::uint32_t code)

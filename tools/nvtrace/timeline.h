@@ -51,7 +51,9 @@ struct TimelineScope {
     // Entered but never left: the process ended (was killed) or the file was cut
     // inside it. It then ends at its process's last record.
     bool unfinished = false;
-    std::size_t failures = 0;       // failing results traced directly inside it
+    // Failing results traced directly inside it: result records, whether the failure
+    // arose there or was passed on from a callee, and users' failures.
+    std::size_t failures = 0;
     std::uint64_t offset = 0;       // its '>' record in the file
 };
 
@@ -69,7 +71,7 @@ struct TimelineMark {
     TimelineUs atUs = 0;
     std::ptrdiff_t scope = -1;      // innermost scope open on its thread, -1 outside any
     std::uint32_t code = 0;         // failures: the HRESULT
-    std::string text;               // lines: the line; failures: the text after the code
+    std::string text;               // lines: the line; failures: the text after the code (a user's: its line)
     std::uint64_t offset = 0;
     bool passedOn = false;          // failures: a callee's failure returned again
     std::string user;               // failures: the SID, for a user's failure
@@ -98,10 +100,6 @@ std::size_t AroseFailures(const Timeline& timeline);
 // "CBaseConverter::Convert > CConverter3::do_Convert"; "(outside any scope)" for -1.
 // A deep path is shortened as ScopePathText says.
 std::string ScopePath(const Timeline& timeline, std::ptrdiff_t scope);
-
-// The result code of an 'E' record's text ("-2147024894 text"): false when the
-// text does not start with a number.
-bool ParseResult(const std::string& text, std::int64_t& code, std::string& rest);
 
 // "0x80070002".
 std::string HexCode(std::uint32_t code);

@@ -35,12 +35,11 @@ bool WriteTo(const std::string& path, const std::function<void(std::ostream&)>& 
 
 } // namespace
 
-bool WriteTimelineOutputs(const DecodedTrace& trace, const TimelineOutputs& outputs, const std::string& name,
-                          std::ostream& out, std::ostream& err)
+bool WriteTimelineOutputs(const DecodedTrace& trace, const TraceSummary& summary, const TimelineOutputs& outputs,
+                          const std::string& name, std::ostream& out, std::ostream& err)
 {
-    const TraceSummary summary = Summarize(trace);
     const Timeline timeline = BuildTimeline(trace, summary);
-    const std::size_t failures = AroseFailures(timeline);
+    const std::size_t failures = FailingResults(summary); // as many as the timeline marks where they arose
     std::size_t unfinished = 0;
     for (const TimelineScope& s : timeline.scopes)
         unfinished += s.unfinished;

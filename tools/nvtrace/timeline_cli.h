@@ -14,10 +14,12 @@ struct TimelineOutputs {
     bool any() const { return !chromeTrace.empty() || !html.empty(); }
 };
 
-// Writes the outputs asked for; `name` is the trace file as the user named it. Each
-// file written is reported on `out` in one line. False (and a message on `err`)
-// when an output cannot be written.
-bool WriteTimelineOutputs(const DecodedTrace& trace, const TimelineOutputs& outputs, const std::string& name,
-                          std::ostream& out, std::ostream& err);
+struct TraceSummary;
+
+// Writes the outputs asked for; `summary` is the trace's own (Summarize(trace)),
+// `name` the trace file as the user named it. Each file written is reported on `out`
+// in one line. False (and a message on `err`) when an output cannot be written.
+bool WriteTimelineOutputs(const DecodedTrace& trace, const TraceSummary& summary, const TimelineOutputs& outputs,
+                          const std::string& name, std::ostream& out, std::ostream& err);
 
 } // namespace nvtrace

@@ -211,13 +211,16 @@ int RunOneTrace(const CliOptions& options, std::ostream& out, std::ostream& err)
             trace.records.erase(std::remove_if(trace.records.begin(), trace.records.end(), other),
                                 trace.records.end());
         }
+        // One summary serves the text and the drawings.
+        const TraceSummary summary =
+            options.mode == OutputMode::Summary || options.outputs.any() ? Summarize(trace) : TraceSummary();
         if (options.mode == OutputMode::Summary)
-            WriteSummary(Summarize(trace), out);
+            WriteSummary(summary, out);
         else if (options.mode == OutputMode::Json)
             WriteJsonLines(trace, out);
         else if (options.mode == OutputMode::Raw)
             WriteListing(trace, options.format, out);
-        if (options.outputs.any() && !WriteTimelineOutputs(trace, options.outputs, path, out, err))
+        if (options.outputs.any() && !WriteTimelineOutputs(trace, summary, options.outputs, path, out, err))
             return 2;
     } else {
         WriteListing(trace, options.format, out);

@@ -90,9 +90,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
     }
 
-    // The timeline: every scope ends after it begins and inside its parent; both of
-    // its outputs are written, and the trace event file parses as JSON.
-    const nvtrace::Timeline timeline = nvtrace::BuildTimeline(trace);
+    // The timeline: every scope ends after it begins and inside its parent; it marks
+    // as many failures where they arose as the summary counts; both of its outputs
+    // are written, and the trace event file parses as JSON.
+    const nvtrace::TraceSummary summary = nvtrace::Summarize(trace);
+    const nvtrace::Timeline timeline = nvtrace::BuildTimeline(trace, summary);
+    Require(nvtrace::AroseFailures(timeline) == nvtrace::FailingResults(summary),
+            "the timeline marks every failure the summary counts, once");
     for (const nvtrace::TimelineScope& scope : timeline.scopes) {
         Require(scope.beginUs <= scope.endUs, "a scope ends after it begins");
         if (scope.parent >= 0) {
@@ -103,6 +107,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::ostringstream events, page;
     nvtrace::WriteChromeTrace(trace, timeline, events);
     Require(nlohmann::json::accept(events.str()), "the trace event file is JSON");
-    nvtrace::WriteHtmlReport(trace, nvtrace::Summarize(trace), timeline, "fuzz", page);
+    nvtrace::WriteHtmlReport(trace, summary, timeline, "fuzz", page);
     return 0;
 }

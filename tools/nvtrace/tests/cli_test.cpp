@@ -147,7 +147,8 @@ TEST(NvtraceCliTest, AFileWithoutAWholeHeaderIsNotSummarized)
     for (const std::string& file : {notTrace, cut}) {
         for (const std::vector<std::string>& args :
              {std::vector<std::string>{"--summary", file}, std::vector<std::string>{"--json", file},
-              std::vector<std::string>{"--html", dir.Path("page.html"), file}}) {
+              std::vector<std::string>{"--html", dir.Path("page.html"), file},
+              std::vector<std::string>{"--chrome-trace", dir.Path("events.json"), file}}) {
             const CliResult r = RunTool(args);
             EXPECT_EQ(3, r.code) << args[0] << " " << file;
             EXPECT_EQ("", r.out) << args[0] << " " << file;
@@ -156,6 +157,7 @@ TEST(NvtraceCliTest, AFileWithoutAWholeHeaderIsNotSummarized)
         }
     }
     EXPECT_FALSE(std::filesystem::exists(dir.Path("page.html")));
+    EXPECT_FALSE(std::filesystem::exists(dir.Path("events.json")));
 }
 
 TEST(NvtraceCliTest, NotATraceFile)

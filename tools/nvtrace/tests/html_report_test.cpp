@@ -105,6 +105,25 @@ TEST(NvtraceHtmlTest, VerdictUsersFailuresFirstAndEveryFailingResult)
         << page;
 }
 
+// Convert's own result is the failure of a step it called, passed on: the conversion
+// failed all the same, with that code, and the failure is listed and marked once.
+TEST(NvtraceHtmlTest, AConvertThatPassesOnAStepsFailureFailed)
+{
+    SampleTrace s;
+    s.Add(7, '>', "CBaseConverter::Convert").Add(7, '>', "CBaseConverter::Backup").Add(7, 'E', "-2147024888 ")
+        .Add(7, '<').Add(7, 'E', "-2147024888 ").Add(7, '<');
+    const std::string page = Page(s);
+    EXPECT_NE(std::string::npos, page.find("<section class=\"verdict bad\" id=\"verdict\">\n<h2>Conversion failed</h2>"))
+        << page;
+    EXPECT_NE(std::string::npos, page.find("<li>process 1: Convert failed with 0x80070008 HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY)</li>")) << page;
+    EXPECT_NE(std::string::npos, page.find("<h2 id=\"failures\">Failing results: 1</h2>")) << page;
+    std::size_t marks = 0;
+    for (std::size_t at = page.find("class=\"failmark\""); at != std::string::npos;
+         at = page.find("class=\"failmark\"", at + 1))
+        ++marks;
+    EXPECT_EQ(1u, marks);
+}
+
 // A user kept by a first run and moved by a second: the final state decides.
 TEST(NvtraceHtmlTest, AUserMovedByALaterRunCountsAsMoved)
 {
@@ -272,6 +291,7 @@ TEST(NvtraceTimelineCliTest, TheWrittenFilesCountTheFailuresAsTheSummaryDoes)
     TempFolder dir;
     const std::string trace = dir.Write("t.trc3", s.bytes());
     std::ostringstream out, err, summary, summaryErr;
+    // (Convert's own E is the callee's failure passed on: counted once, where it arose.)
     ASSERT_EQ(0, nvtrace::RunCli({"--chrome-trace", dir.Path("t.json"), "--html", dir.Path("t.html"), trace}, out, err));
     EXPECT_EQ("wrote " + dir.Path("t.json") + ": trace events, 1 process, 2 scopes (0 never left), 4 failing results\n"
               "wrote " + dir.Path("t.html") + ": page, 1 process, 2 scopes (0 never left), 4 failing results\n",

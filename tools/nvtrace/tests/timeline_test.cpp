@@ -280,7 +280,31 @@ TEST(NvtraceChromeTraceTest, FailureEventsAreTheFailuresTheSummaryCounts)
             EXPECT_EQ(failures[1].at("ts"), e.at("ts"));
         }
     EXPECT_EQ(1u, overLines);
+    EXPECT_EQ("Conversion process is over for 'S-1-5-21-7-1001', 0x80004003", failures[1].at("args").at("text"));
     EXPECT_EQ(2u, nvtrace::AroseFailures(nvtrace::BuildTimeline(trace, summary)));
+    // Each scope counts the failing results traced in it: Convert its own result and
+    // the user's failure, the callee its own.
+    const std::vector<Json> scopes = EventsOf(doc, "X");
+    ASSERT_EQ(2u, scopes.size());
+    EXPECT_EQ(2, scopes[0].at("args").at("failures"));
+    EXPECT_EQ(1, scopes[1].at("args").at("failures"));
+}
+
+// Failures that arise in turn in one scope, one code between two of another: each is
+// one that arose, however the summary lists them (one entry per code, each with the
+// places it arose).
+TEST(NvtraceChromeTraceTest, InterleavedFailuresAllArise)
+{
+    SampleTrace s;
+    s.Add(5, '>', "CNVDBRegSet::ReadAnyField").Add(5, 'E', "-2147024894 ").Add(5, 'E', "-2147024891 ")
+        .Add(5, 'E', "-2147024894 ").Add(5, '<');
+    const Json doc = ChromeTrace(s);
+    std::vector<std::string> failures;
+    for (const Json& e : EventsOf(doc, "i")) {
+        EXPECT_EQ("failure", e.at("cat")) << e.dump();
+        failures.push_back(e.at("args").at("code"));
+    }
+    EXPECT_EQ((std::vector<std::string>{"0x80070002", "0x80070005", "0x80070002"}), failures);
 }
 
 // Trace text is any bytes: no UTF-8, control characters, quotes. The output stays
