@@ -175,13 +175,16 @@ std::uint64_t ReadAll(const fs::path& dir, nvtrace::TraceDecoder* decoder)
 }
 
 // The floor on several CPUs: the same walk and reads by as many threads, each taking
-// the next entry of the top folder (the generated traces lie in folders of a thousand)
-// and reading it as ReadAll does. nvtrace on two CPUs reads with two threads, so its
+// the next entry of the top folder (the generated traces lie in folders of a
+// thousand; a top folder that holds one folder alone, as a small run's does, is
+// passed for the one inside) and reading it as ReadAll does. nvtrace on two CPUs reads with two threads, so its
 // floor there is the same bytes read with two: against one thread's, a second CPU
 // would seem to leave room for the roll-up that plain reading would use as well.
 std::uint64_t ReadAllThreaded(const fs::path& dir, std::size_t threads)
 {
-    const std::vector<fs::directory_entry> entries = SortedEntries(dir);
+    std::vector<fs::directory_entry> entries = SortedEntries(dir);
+    while (threads > 1 && entries.size() == 1 && entries.front().is_directory())
+        entries = SortedEntries(entries.front().path());
     std::atomic<std::size_t> next{0};
     std::atomic<std::uint64_t> bytes{0};
     const auto work = [&] {
