@@ -115,13 +115,11 @@ TEST(NvtraceHtmlTest, AConvertThatPassesOnAStepsFailureFailed)
     const std::string page = Page(s);
     EXPECT_NE(std::string::npos, page.find("<section class=\"verdict bad\" id=\"verdict\">\n<h2>Conversion failed</h2>"))
         << page;
-    EXPECT_NE(std::string::npos, page.find("<li>process 1: Convert failed with 0x80070008 HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY)</li>")) << page;
+    EXPECT_NE(std::string::npos,
+              page.find("<li>process 1: Convert failed with 0x80070008 HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY)</li>"))
+        << page;
     EXPECT_NE(std::string::npos, page.find("<h2 id=\"failures\">Failing results: 1</h2>")) << page;
-    std::size_t marks = 0;
-    for (std::size_t at = page.find("class=\"failmark\""); at != std::string::npos;
-         at = page.find("class=\"failmark\"", at + 1))
-        ++marks;
-    EXPECT_EQ(1u, marks);
+    EXPECT_EQ(1u, Count(page, "class=\"failmark\""));
 }
 
 // A user kept by a first run and moved by a second: the final state decides.
@@ -301,11 +299,7 @@ TEST(NvtraceTimelineCliTest, TheWrittenFilesCountTheFailuresAsTheSummaryDoes)
         << summary.str();
     const std::string page = Read(dir.Path("t.html"));
     EXPECT_NE(std::string::npos, page.find("<h2 id=\"failures\">Failing results: 4</h2>")) << page;
-    std::size_t marks = 0;
-    for (std::size_t at = page.find("class=\"failmark\""); at != std::string::npos;
-         at = page.find("class=\"failmark\"", at + 1))
-        ++marks;
-    EXPECT_EQ(4u, marks);
+    EXPECT_EQ(4u, Count(page, "class=\"failmark\""));
 }
 
 // With --summary (or --raw, --json) the text output still goes to standard output.
