@@ -49,7 +49,8 @@ Json MarkEvent(const Timeline& timeline, const TimelineMark& m)
         const CodeText described = DescribeCode(m.code);
         const std::string hex = HexCode(m.code);
         event["cat"] = m.passedOn ? "passed-on" : "failure";
-        event["name"] = (described.name.empty() ? hex : hex + " " + described.name) + (m.passedOn ? " (passed on)" : "");
+        event["name"] =
+            (described.name.empty() ? hex : hex + " " + described.name) + (m.passedOn ? " (passed on)" : "");
         event["args"] = Json{{"code", hex},
                              {"name", described.name.empty() ? Json() : Json(described.name)},
                              {"message", described.message.empty() ? Json() : Json(described.message)},

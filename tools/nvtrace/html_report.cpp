@@ -369,7 +369,8 @@ void WriteTimeline(const Timeline& timeline, std::ostream& out)
 {
     out << "<h2 id=\"timeline\">Timeline</h2>\n<p>Scopes per thread, nested by depth; red: a scope in which a "
            "failing result was traced (its own, or one passed on from a callee); a mark where each failing result "
-           "arose, as the list above counts them; dashed: a scope never left. Hover for names and times. The clock has millisecond resolution: records of one millisecond are drawn 1 µs apart.</p>\n";
+           "arose, as the list above counts them; dashed: a scope never left. Hover for names and times. The "
+           "clock has millisecond resolution: records of one millisecond are drawn 1 µs apart.</p>\n";
     // Each process's part in one pass over the lists, not one pass per process: a
     // trace that many processes appended to has thousands.
     std::map<unsigned, ProcessPart> parts;

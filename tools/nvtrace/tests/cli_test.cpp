@@ -166,7 +166,8 @@ TEST(NvtraceCliTest, NotATraceFile)
     const CliResult r = RunTool({file.path()});
     EXPECT_EQ(3, r.code);
     EXPECT_EQ("", r.out);
-    EXPECT_EQ("nvtrace: " + file.path() + ": not a trace file at byte offset 0: it does not begin with the line \"trace3\"\n",
+    EXPECT_EQ("nvtrace: " + file.path() +
+                  ": not a trace file at byte offset 0: it does not begin with the line \"trace3\"\n",
               r.err);
 }
 
