@@ -25,6 +25,14 @@ case "$how" in
     lateerr) (sleep 0.3; echo "late words" >&2) >/dev/null & ;;
     # stderr held, never written, by a process left behind (as Wine's desktop may)
     holderr) sleep 8 >/dev/null & ;;
+    # the program returns RC, then the host's loader fails as it ends
+    ldso | ldsoquiet)
+        [ "$how" = ldso ] && echo "$rc" >"${NV_TEST_EXIT_FILE#Z:}"
+        echo "Inconsistency detected by ld.so: dl-fini.c: 87: _dl_fini: Assertion \`ns != LM_ID_BASE || i == nloaded' failed!" >&2
+        exit 127
+        ;;
+    # a failure of status 127 with the program's result written, but no loader message
+    gone127) echo 0 >"${NV_TEST_EXIT_FILE#Z:}"; echo "ran" ; exit 127 ;;
 esac
 exit "$rc"
 STUB
@@ -56,6 +64,10 @@ check "a program that printed keeps its failure" 3 1 "print 3" "print 0"
 check "a program that wrote to stderr keeps its failure" 3 1 "printerr 3" "print 0"
 check "a program that ran a while keeps its failure" 5 1 "slow 5" "print 0"
 check "stderr that comes after the status is waited for" 3 1 "lateerr 3" "print 0"
+check "a loader that fails at the end leaves the program's success" 0 1 "ldso 0" "print 0"
+check "a loader that fails at the end leaves the program's failure" 1 1 "ldso 1" "print 0"
+check "a loader that fails before the program wrote its result stands" 127 1 "ldsoquiet 0" "print 0"
+check "a status of 127 without the loader's message stands" 127 1 "gone127 0" "print 0"
 
 # A silent failure whose stderr another process holds is made again all the same,
 # without waiting for that process to let go.
@@ -86,6 +98,19 @@ if ! grep -qx "ran prog.exe a b" "$work/out" ||
     failures=$((failures + 1))
 else
     echo "ok   the repeated launch is said on stderr and the program gets its arguments"
+fi
+
+# What the loader's failure at the end leaves is said on stderr.
+printf '%s\n' "ldso 0" >"$work/plan"
+rm -f "$work/launches"
+STUB_DIR=$work NV_WINE=$work/wine WINEPREFIX=$work/prefix "$root/scripts/wine-run" prog.exe \
+    >"$work/out" 2>"$work/err"
+if ! grep -q "^wine-run: the host's loader failed as prog.exe ended (status 127), after the program had returned 0: its result is 0$" "$work/err"; then
+    echo "FAIL the loader's failure at the end is said on stderr"
+    sed 's/^/    /' "$work/err"
+    failures=$((failures + 1))
+else
+    echo "ok   the loader's failure at the end is said on stderr"
 fi
 
 # A test listing (CTest's discovery) follows the same rule, its CRs folded.
