@@ -16,6 +16,14 @@ cat >"$work/wine" <<'STUB'
 n=$(($(cat "$STUB_DIR/launches" 2>/dev/null || echo 0) + 1))
 echo "$n" >"$STUB_DIR/launches"
 read -r how rc < <(sed -n "${n}p" "$STUB_DIR/plan")
+# The program gets none of the script's own descriptors, and a file for its result
+# named on drive Z:, which Wine maps to /.
+if ls -l "/proc/$$/fd" | grep -q '/err\.[0-9]*$\|/done\.[0-9]*$'; then
+    echo "the program holds the script's stderr file or FIFO" >&2
+    exit 98
+fi
+[[ "$NV_TEST_EXIT_FILE" == Z:/* ]] || { echo "NV_TEST_EXIT_FILE is '$NV_TEST_EXIT_FILE'" >&2; exit 97; }
+result_file=${NV_TEST_EXIT_FILE#Z:}
 case "$how" in
     print) echo "ran $*" ;;
     printerr) echo "ran $*" >&2 ;;
@@ -25,14 +33,19 @@ case "$how" in
     lateerr) (sleep 0.3; echo "late words" >&2) >/dev/null & ;;
     # stderr held, never written, by a process left behind (as Wine's desktop may)
     holderr) sleep 8 >/dev/null & ;;
-    # the program returns RC, then the host's loader fails as it ends
+    # stderr held by a process left behind, after a success
+    holdok) sleep 8 >/dev/null & echo "ran" ;;
+    # the program returns RC (written as a Windows program writes it: CR LF), then
+    # the host's loader fails as it ends; quiet: it fails before the result is written
     ldso | ldsoquiet)
-        [ "$how" = ldso ] && echo "$rc" >"${NV_TEST_EXIT_FILE#Z:}"
+        [ "$how" = ldso ] && printf '%s\r\n' "$rc" >"$result_file"
         echo "Inconsistency detected by ld.so: dl-fini.c: 87: _dl_fini: Assertion \`ns != LM_ID_BASE || i == nloaded' failed!" >&2
         exit 127
         ;;
     # a failure of status 127 with the program's result written, but no loader message
-    gone127) echo 0 >"${NV_TEST_EXIT_FILE#Z:}"; echo "ran" ; exit 127 ;;
+    gone127) echo 0 >"$result_file"; echo "ran" ; exit 127 ;;
+    # a launch that never ran, yet left a result behind
+    silentresult) echo 0 >"$result_file" ;;
 esac
 exit "$rc"
 STUB
@@ -44,9 +57,12 @@ check() {
     shift 3
     printf '%s\n' "$@" >"$work/plan"
     rm -f "$work/launches"
+    local start
+    start=$(date +%s%N)
     STUB_DIR=$work NV_WINE=$work/wine WINEPREFIX=$work/prefix "$root/scripts/wine-run" prog.exe a b \
         >"$work/out" 2>"$work/err"
     local rc=$? launches
+    last_ms=$((($(date +%s%N) - start) / 1000000))
     launches=$(cat "$work/launches")
     if [ "$rc" != "$want_rc" ] || [ "$launches" != "$want_launches" ]; then
         echo "FAIL $name: status $rc (expected $want_rc), launches $launches (expected $want_launches)"
@@ -68,6 +84,13 @@ check "a loader that fails at the end leaves the program's success" 0 1 "ldso 0"
 check "a loader that fails at the end leaves the program's failure" 1 1 "ldso 1" "print 0"
 check "a loader that fails before the program wrote its result stands" 127 1 "ldsoquiet 0" "print 0"
 check "a status of 127 without the loader's message stands" 127 1 "gone127 0" "print 0"
+check "a result out of GoogleTest's range is not taken" 127 1 "ldso 256" "print 0"
+check "an earlier launch's result is not taken" 127 2 "silentresult 1" "ldsoquiet 0" "print 0"
+check "a success is not held up by a process holding stderr" 0 1 "holdok 0"
+if [ "$last_ms" -ge 2000 ]; then
+    echo "FAIL a success whose stderr another process holds took $last_ms ms (the holder stays 8 s)"
+    failures=$((failures + 1))
+fi
 
 # A silent failure whose stderr another process holds is made again all the same,
 # without waiting for that process to let go.
@@ -84,6 +107,18 @@ if [ "$rc" != 0 ] || [ "$(cat "$work/launches")" != 2 ] || [ "$waited_ms" -ge 50
     failures=$((failures + 1))
 else
     echo "ok   a silent failure whose stderr is held is made again after at most two seconds"
+fi
+
+# The program's own stderr reaches the caller's.
+printf '%s\n' "printerr 3" >"$work/plan"
+rm -f "$work/launches"
+STUB_DIR=$work NV_WINE=$work/wine WINEPREFIX=$work/prefix "$root/scripts/wine-run" prog.exe a b \
+    >"$work/out" 2>"$work/err"
+if ! grep -qx "ran prog.exe a b" "$work/err"; then
+    echo "FAIL the program's stderr reaches the caller's"
+    failures=$((failures + 1))
+else
+    echo "ok   the program's stderr reaches the caller's"
 fi
 
 # What a repeated launch says, and that the arguments reach the program.
