@@ -17,6 +17,8 @@
 
 #include <cstdio>
 
+#include "common/handles.h"
+
 namespace {
 
 const wchar_t kClassName[] = L"NvTestDesktopHolder";
@@ -49,31 +51,26 @@ int main()
         std::fprintf(stderr, "desktop holder: no desktop process to hold (process id %lu)\n", desktopProcessId);
         return 1;
     }
-    const HANDLE desktop = ::OpenProcess(SYNCHRONIZE, FALSE, desktopProcessId);
-    if (desktop == nullptr)
+    const nv::unique_handle_null desktop(::OpenProcess(SYNCHRONIZE, FALSE, desktopProcessId));
+    if (!desktop)
         return Failed("OpenProcess of the desktop", ::GetLastError());
+    const HANDLE waited = desktop.get();
 
     std::puts("ready");
     std::fflush(stdout);
     for (;;) {
-        const DWORD woken = ::MsgWaitForMultipleObjects(1, &desktop, FALSE, INFINITE, QS_ALLINPUT);
+        const DWORD woken = ::MsgWaitForMultipleObjects(1, &waited, FALSE, INFINITE, QS_ALLINPUT);
         if (woken == WAIT_OBJECT_0) {
             std::fprintf(stderr, "desktop holder: the desktop process %lu ended; nothing is held now\n",
                          desktopProcessId);
-            ::CloseHandle(desktop);
             return 2;
         }
-        if (woken != WAIT_OBJECT_0 + 1) {
-            const DWORD error = ::GetLastError();
-            ::CloseHandle(desktop);
-            return Failed("MsgWaitForMultipleObjects", error);
-        }
+        if (woken != WAIT_OBJECT_0 + 1)
+            return Failed("MsgWaitForMultipleObjects", ::GetLastError());
         MSG message;
         while (::PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) {
-            if (message.message == WM_QUIT) {
-                ::CloseHandle(desktop);
+            if (message.message == WM_QUIT)
                 return 0;
-            }
             ::DispatchMessageW(&message);
         }
     }
