@@ -15,8 +15,8 @@
 // files at once as it has CPUs (one, then two), and the floor reads with one thread,
 // then two: the second figure shows whether the extra CPU serves the roll-up as well
 // as it serves plain reading, and nvtrace's CPU time (user + system) beside its wall
-// time shows what it costs. The CPUs default to the first two this program may run on; with
-// only one, the second measurement is left out.
+// time shows what it costs. The CPUs default to the first two this program may run
+// on; with only one, the second measurement is left out.
 //
 // nvtrace runs as a child process (as a support engineer runs it), so its peak
 // memory is its own: the resident high-water mark from wait4. The same figure for a
@@ -177,9 +177,10 @@ std::uint64_t ReadAll(const fs::path& dir, nvtrace::TraceDecoder* decoder)
 // The floor on several CPUs: the same walk and reads by as many threads, each taking
 // the next entry of the top folder (the generated traces lie in folders of a
 // thousand; a top folder that holds one folder alone, as a small run's does, is
-// passed for the one inside) and reading it as ReadAll does. nvtrace on two CPUs reads with two threads, so its
-// floor there is the same bytes read with two: against one thread's, a second CPU
-// would seem to leave room for the roll-up that plain reading would use as well.
+// passed for the one inside) and reading it as ReadAll does. nvtrace on two CPUs
+// reads with two threads, so its floor there is the same bytes read with two:
+// against one thread's, a second CPU would seem to leave room for the roll-up that
+// plain reading would use as well.
 std::uint64_t ReadAllThreaded(const fs::path& dir, std::size_t threads)
 {
     std::vector<fs::directory_entry> entries = SortedEntries(dir);
