@@ -97,30 +97,46 @@ inline void Row(const char* figure, double ours, double floor, const char* goal,
     std::fflush(stdout);
 }
 
-// The CPU time the wineserver has used so far, in seconds: user plus system time from
-// its /proc stat file (through Wine's Z: drive), the pid taken from the environment
-// variable NV_BENCH_WINESERVER_PID, which scripts/bench sets. Registry requests are
-// served there, and so is Wine's periodic rewrite of a changed hive into its .reg
-// file, which costs time in proportion to everything the hive holds. <0 when the
-// pid is not given or the file cannot be read.
+// A file of the host's /proc, read whole through Wine's Z: drive; empty when it
+// cannot be read.
+inline std::string ReadHostProcFile(const std::string& pid, const char* name)
+{
+    const std::string path = "Z:\\proc\\" + pid + "\\" + name;
+    nv::unique_hfile file(::CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                        OPEN_EXISTING, 0, nullptr));
+    std::string text;
+    if (!file)
+        return text;
+    char buf[1024];
+    DWORD got = 0;
+    while (::ReadFile(file.get(), buf, sizeof(buf), &got, nullptr) && got)
+        text.append(buf, got);
+    return text;
+}
+
+// The CPU time the wineserver has used so far, in seconds, the pid taken from the
+// environment variable NV_BENCH_WINESERVER_PID, which scripts/bench sets. Registry
+// requests are served there, and so is Wine's periodic rewrite of a changed hive into
+// its .reg file, which costs time in proportion to everything the hive holds.
+//
+// Read from the scheduler's count (/proc/PID/schedstat, in nanoseconds; the server
+// runs one thread), and only where the kernel keeps none from the stat file's user
+// and system time, which counts in ticks of 10 ms: a few users' conversion costs the
+// server about that much, so in ticks it would now and then read as none at all.
+// <0 when the pid is not given or neither file can be read.
 inline double WineserverCpuSeconds()
 {
     char pid[32] = {};
     const DWORD n = ::GetEnvironmentVariableA("NV_BENCH_WINESERVER_PID", pid, sizeof(pid));
     if (n == 0 || n >= sizeof(pid))
         return -1;
-    const std::string path = std::string("Z:\\proc\\") + pid + "\\stat";
-    nv::unique_hfile file(::CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                        OPEN_EXISTING, 0, nullptr));
-    if (!file)
-        return -1;
-    std::string text;
-    char buf[1024];
-    DWORD got = 0;
-    while (::ReadFile(file.get(), buf, sizeof(buf), &got, nullptr) && got)
-        text.append(buf, got);
+    // sum_exec_runtime run_delay timeslices
+    unsigned long long runNs = 0;
+    if (std::sscanf(ReadHostProcFile(pid, "schedstat").c_str(), "%llu", &runNs) == 1)
+        return static_cast<double>(runNs) / 1e9;
     // pid (comm) state ppid pgrp session tty tpgid flags minflt cminflt majflt cmajflt
     // utime stime ...: the two times are the 12th and 13th fields after the name.
+    const std::string text = ReadHostProcFile(pid, "stat");
     const size_t close = text.rfind(')');
     if (close == std::string::npos)
         return -1;

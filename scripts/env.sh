@@ -185,6 +185,24 @@ nv_resource_spec() {
     printf ']}]}\n'
 }
 
+# How each test that failed ended: its name, then the last N lines of its output.
+#   nv_failed_test_tails CTEST_OUTPUT LAST_TEST_LOG N
+# CTEST_OUTPUT is what CTest printed (its list under "The following tests FAILED:"
+# names them); LAST_TEST_LOG is CTest's Testing/Temporary/LastTest.log, which holds
+# every test's output whole.
+nv_failed_test_tails() {
+    local name
+    sed -n '/^The following tests FAILED:$/,/^[^[:space:]]/s/^[[:space:]]*[0-9]* - \([^ ]*\) (.*)$/\1/p' "$1" |
+        while read -r name; do
+            printf '    how %s ended (its last %d lines):\n' "$name" "$3"
+            awk -v name="$name" '
+                $0 ~ "^[0-9]+/[0-9]+ Testing: " { mine = ($3 == name); next }
+                mine && /^<end of output>$/ { mine = 0 }
+                mine { print }' "$2" |
+                sed -n '/^Output:$/,$p' | sed '1,2d' | tr -d '\r' | tail -n "$3" | sed 's/^/        /'
+        done
+}
+
 nv_stop_wineserver() {
     if [ -d "$WINEPREFIX" ]; then
         "$NV_WINESERVER" -k </dev/null >/dev/null 2>&1 || true

@@ -1,0 +1,68 @@
+#!/usr/bin/env bash
+# nv_failed_test_tails (scripts/env.sh), which ends scripts/test's summary, read on
+# logs written here in CTest's own formats: every test in the list of failures is
+# named, with the last lines of its own output only (not a test whose name begins
+# the same, not the lines CTest adds around it, not the tests that did not run), CR
+# stripped; a run without failures adds nothing.
+set -u
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+failures=0
+fail() {
+    echo "FAIL $1"
+    sed 's/^/    got: /' "$work/got"
+    failures=$((failures + 1))
+}
+source "$root/scripts/env.sh"
+
+# One test's block in LastTest.log: NAME, then its output lines.
+block() {
+    local name=$1
+    shift
+    printf '%s\n' "----------------------------------------------------------" "3/9 Testing: $name" \
+        "3/9 Test: $name" "Command: \"/bin/true\"" "Directory: /tmp" "\"$name\" start time: Nov 27 04:03 UTC" \
+        "Output:" "----------------------------------------------------------"
+    printf '%s\r\n' "$@"
+    printf '%s\n' "<end of output>" "Test time =   1.00 sec" "----------------------------------------------------------" \
+        "Test Failed." "\"$name\" end time: Nov 27 04:03 UTC"
+}
+{
+    block bench.Smoke "smoke 1" "smoke 2" "smoke 3" "smoke 4" "error: convert20_bench.exe failed (exit 127)"
+    block bench.SmokeToo "not this one"
+    block Unit.Passes "nor this"
+    block Unit.Times "started" "waiting"
+} >"$work/LastTest.log"
+cat >"$work/ctest.out" <<'EOF'
+99% tests passed, 2 tests failed out of 9
+
+The following tests did not run:
+	  5 - Unit.Skipped (Skipped)
+
+The following tests FAILED:
+	  3 - bench.Smoke (Failed)
+	  8 - Unit.Times (Timeout)
+Errors while running CTest
+EOF
+
+nv_failed_test_tails "$work/ctest.out" "$work/LastTest.log" 3 >"$work/got"
+cat >"$work/want" <<'EOF'
+    how bench.Smoke ended (its last 3 lines):
+        smoke 3
+        smoke 4
+        error: convert20_bench.exe failed (exit 127)
+    how Unit.Times ended (its last 3 lines):
+        started
+        waiting
+EOF
+cmp -s "$work/got" "$work/want" || fail "the failing tests' last lines"
+
+printf '100%% tests passed, 0 tests failed out of 9\n' >"$work/ctest.out"
+nv_failed_test_tails "$work/ctest.out" "$work/LastTest.log" 3 >"$work/got"
+[ ! -s "$work/got" ] || fail "a run without failures adds nothing"
+
+if [ "$failures" -ne 0 ]; then
+    echo "$failures check(s) failed"
+    exit 1
+fi
+echo "all checks passed"
