@@ -227,6 +227,7 @@ int ConvertChild()
     NVSTORE_COUNTERS before{}, after{};
     HRESULT hr = E_FAIL;
     double seconds = 0;
+    nvbench::PrivatePeak peak;
     {
         nvbench::Library dll;
         if (!dll)
@@ -242,13 +243,11 @@ int ConvertChild()
             return 1;
         }
     }
-    PROCESS_MEMORY_COUNTERS_EX mem{};
-    mem.cb = sizeof(mem);
-    ::GetProcessMemoryInfo(::GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&mem), sizeof(mem));
+    const ULONGLONG peakBytes = peak.Stop();
     ::CoUninitialize();
     std::printf("RESULT %08lX %.9f %llu %llu %llu %llu\n", static_cast<unsigned long>(hr), seconds,
                 after.ullCallTicks - before.ullCallTicks, after.ullKeyPairTicks - before.ullKeyPairTicks,
-                after.ullFrequency, static_cast<unsigned long long>(mem.PeakPagefileUsage));
+                after.ullFrequency, static_cast<unsigned long long>(peakBytes));
     return 0;
 }
 
