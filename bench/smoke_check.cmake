@@ -22,9 +22,18 @@ if(NOT rc EQUAL 0)
 endif()
 
 file(READ ${NV_BENCH_OUT}/bench.csv csv)
-# The roll-up is measured on a second CPU too where the machine has one. (In a list
-# kept in a variable a semicolon would split a figure: "." stands for it.)
-cmake_host_system_information(RESULT cpus QUERY NUMBER_OF_LOGICAL_CORES)
+# The roll-up is measured on a second CPU too where the run may use one: the CPUs
+# are counted as scripts/bench chooses among them, by the affinity, not by what the
+# machine has. (In a list kept in a variable a semicolon would split a figure: "."
+# stands for it.)
+execute_process(
+    COMMAND bash -c "source \"$1\" && nv_allowed_cpus | wc -l" bash ${NV_ROOT}/scripts/env.sh
+    OUTPUT_VARIABLE cpus
+    OUTPUT_STRIP_TRAILING_WHITESPACE
+    RESULT_VARIABLE cpus_rc)
+if(NOT cpus_rc EQUAL 0 OR NOT cpus MATCHES "^[0-9]+$")
+    message(FATAL_ERROR "the CPUs this run may use could not be counted: ${cpus}")
+endif()
 set(two_cpu_figures "")
 if(cpus GREATER 1)
     set(two_cpu_figures

@@ -185,6 +185,26 @@ nv_resource_spec() {
     printf ']}]}\n'
 }
 
+# The CPUs this shell may run on, one a line, in order: those of its affinity that
+# are online. In a container or under taskset they can be fewer than the machine's
+# CPUs (nproc --all), and need not begin at 0. A list in the kernel's form
+# ("0-3,6") can be given in place of the affinity.
+nv_allowed_cpus() {
+    local list=${1:-} part parts c
+    [ -n "$list" ] || list=$(sed -n 's/^Cpus_allowed_list:[[:space:]]*//p' /proc/self/status)
+    [ -n "$list" ] || list="0-$(($(nproc --all) - 1))"
+    IFS=, read -r -a parts <<<"$list"
+    for part in "${parts[@]}"; do
+        if [[ "$part" == *-* ]]; then
+            seq "${part%-*}" "${part#*-}"
+        else
+            echo "$part"
+        fi
+    done | while read -r c; do
+        [ "$(cat "/sys/devices/system/cpu/cpu$c/online" 2>/dev/null || echo 1)" = 1 ] && echo "$c"
+    done
+}
+
 # How each test that failed ended: its name, then the last N lines of its output.
 #   nv_failed_test_tails CTEST_OUTPUT LAST_TEST_LOG N
 # CTEST_OUTPUT is what CTest printed (its list under "The following tests FAILED:"
