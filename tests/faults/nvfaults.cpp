@@ -59,6 +59,7 @@
 #include "support/store_sandbox.h"
 #include "support/text_util.h"
 #include "nvdbconv/dbstate.h"
+#include "exit_file/exit_file.h"
 
 using namespace nvfaults;
 
@@ -1155,7 +1156,7 @@ void OnAbort(int)
     std::fflush(stderr);
 }
 
-int wmain(int argc, wchar_t** argv)
+static int RunProgram(int argc, wchar_t** argv)
 {
     std::signal(SIGABRT, OnAbort);
     if (argc < 2) {
@@ -1172,4 +1173,11 @@ int wmain(int argc, wchar_t** argv)
         return RecoverCommand(options);
     Usage();
     return kExitUsage;
+}
+
+// The result also written where scripts/wine-run asks for it (tests/support/exit_file).
+int wmain(int argc, wchar_t** argv)
+{
+    nvtest::TakeExitFile();
+    return nvtest::ExitWith(RunProgram(argc, argv));
 }

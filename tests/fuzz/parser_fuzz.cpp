@@ -26,6 +26,7 @@
 
 #include "guarded_input.h"
 #include "parser_targets.h"
+#include "exit_file/exit_file.h"
 
 using namespace nvfuzz;
 
@@ -477,11 +478,14 @@ int Run(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    nvtest::TakeExitFile();
     const int rc = Run(argc, argv);
     std::fflush(stdout);
     std::fflush(stderr);
     // Leave at once: the watchdog thread must not keep the process alive (Wine waits
-    // for it at exit).
+    // for it at exit). The result is written first where scripts/wine-run asks for it
+    // (tests/support/exit_file), as it would be at a normal exit.
+    nvtest::WriteExitFileNow(rc);
     ::TerminateProcess(::GetCurrentProcess(), static_cast<UINT>(rc));
     return rc;
 }

@@ -2,6 +2,7 @@
 # must decode with the native nvtrace, and nvtrace.exe must print the same listing.
 add_executable(crosscheck_producer ${CMAKE_CURRENT_LIST_DIR}/crosscheck_producer.cpp)
 target_include_directories(crosscheck_producer PRIVATE ${CMAKE_SOURCE_DIR}/src)
+target_link_libraries(crosscheck_producer PRIVATE nvexitfile)
 target_link_options(crosscheck_producer PRIVATE -municode)
 nv_strict(crosscheck_producer)
 add_dependencies(crosscheck_producer NVDBConv nvtrace)

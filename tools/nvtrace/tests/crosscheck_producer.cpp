@@ -10,6 +10,7 @@
 #include <string>
 
 #include "common/procaddress.h"
+#include "exit_file/exit_file.h"
 
 namespace {
 
@@ -63,7 +64,7 @@ void DeleteDatabase()
 
 } // namespace
 
-int wmain(int argc, wchar_t** argv)
+static int RunProgram(int argc, wchar_t** argv)
 {
     if (argc != 2) {
         std::fprintf(stderr, "usage: crosscheck_producer <trace file>\n");
@@ -101,4 +102,11 @@ int wmain(int argc, wchar_t** argv)
     ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, kTracingKey);
     ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, kTracingKey);
     return ok ? 0 : 1;
+}
+
+// The result also written where scripts/wine-run asks for it (tests/support/exit_file).
+int wmain(int argc, wchar_t** argv)
+{
+    nvtest::TakeExitFile();
+    return nvtest::ExitWith(RunProgram(argc, argv));
 }
