@@ -212,11 +212,11 @@ nv_allowed_cpus() {
 # every test's output whole.
 nv_failed_test_tails() {
     local name
-    sed -n '/^The following tests FAILED:$/,/^[^[:space:]]/s/^[[:space:]]*[0-9]* - \([^ ]*\) (.*)$/\1/p' "$1" |
-        while read -r name; do
+    sed -n '/^The following tests FAILED:$/,/^[^[:space:]]/s/^[[:space:]]*[0-9]* - \(.*\) ([^()]*)$/\1/p' "$1" |
+        while IFS= read -r name; do
             printf '    how %s ended (its last %d lines):\n' "$name" "$3"
-            awk -v name="$name" '
-                $0 ~ "^[0-9]+/[0-9]+ Testing: " { mine = ($3 == name); next }
+            NV_FAILED_NAME=$name awk '
+                /^[0-9]+\/[0-9]+ Testing: / { sub(/^[0-9]+\/[0-9]+ Testing: /, ""); mine = ($0 == ENVIRON["NV_FAILED_NAME"]); next }
                 mine && /^<end of output>$/ { mine = 0 }
                 mine { print }' "$2" |
                 sed -n '/^Output:$/,$p' | sed '1,2d' | tr -d '\r' | tail -n "$3" | sed 's/^/        /'

@@ -3,7 +3,8 @@
 # logs written here in CTest's own formats: every test in the list of failures is
 # named, with the last lines of its own output only (not a test whose name begins
 # the same, not the lines CTest adds around it, not the tests that did not run), CR
-# stripped; a run without failures adds nothing.
+# stripped, a parameterized test's whole name kept; a run without failures adds
+# nothing.
 set -u
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 work=$(mktemp -d)
@@ -32,6 +33,7 @@ block() {
     block bench.SmokeToo "not this one"
     block Unit.Passes "nor this"
     block Unit.Times "started" "waiting"
+    block 'P/Unit.Case/x  # GetParam() = L"a\b"' "with its parameter"
 } >"$work/LastTest.log"
 cat >"$work/ctest.out" <<'EOF'
 99% tests passed, 2 tests failed out of 9
@@ -42,6 +44,7 @@ The following tests did not run:
 The following tests FAILED:
 	  3 - bench.Smoke (Failed)
 	  8 - Unit.Times (Timeout)
+	  9 - P/Unit.Case/x  # GetParam() = L"a\b" (Failed)
 Errors while running CTest
 EOF
 
@@ -54,6 +57,8 @@ cat >"$work/want" <<'EOF'
     how Unit.Times ended (its last 3 lines):
         started
         waiting
+    how P/Unit.Case/x  # GetParam() = L"a\b" ended (its last 3 lines):
+        with its parameter
 EOF
 cmp -s "$work/got" "$work/want" || fail "the failing tests' last lines"
 
