@@ -434,8 +434,4 @@ static int RunProgram(int argc, char** argv)
 }
 
 // The result also written where scripts/wine-run asks for it (tests/support/exit_file).
-int main(int argc, char** argv)
-{
-    nvtest::TakeExitFile();
-    return nvtest::ExitWith(RunProgram(argc, argv));
-}
+int main(int argc, char** argv) { return nvtest::MainWithExitFile(RunProgram, argc, argv); }

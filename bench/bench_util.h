@@ -22,6 +22,7 @@
 #include "common/procaddress.h"
 #include "common/regkey.h"
 #include "trace/traceoutput.h"
+#include "support/text_util.h"
 
 namespace nvbench {
 
@@ -107,17 +108,8 @@ inline void Row(const char* figure, double ours, double floor, const char* goal,
 // cannot be read.
 inline std::string ReadHostProcFile(const std::string& pid, const char* name)
 {
-    const std::string path = "Z:\\proc\\" + pid + "\\" + name;
-    nv::unique_hfile file(::CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                        OPEN_EXISTING, 0, nullptr));
-    std::string text;
-    if (!file)
-        return text;
-    char buf[1024];
-    DWORD got = 0;
-    while (::ReadFile(file.get(), buf, sizeof(buf), &got, nullptr) && got)
-        text.append(buf, got);
-    return text;
+    const std::string path = "Z:\\proc\\" + pid + "\\" + name; // ASCII: digits and a name
+    return nvtest::ReadFileBytes(std::wstring(path.begin(), path.end()));
 }
 
 // The CPU time the wineserver has used so far, in seconds, the pid taken from the
@@ -126,10 +118,11 @@ inline std::string ReadHostProcFile(const std::string& pid, const char* name)
 // its .reg file, which costs time in proportion to everything the hive holds.
 //
 // Read from the scheduler's count (/proc/PID/schedstat, in nanoseconds; the server
-// runs one thread), and only where the kernel keeps none from the stat file's user
-// and system time, which counts in ticks of 10 ms: a few users' conversion costs the
-// server about that much, so in ticks it would now and then read as none at all.
-// <0 when the pid is not given or neither file can be read.
+// runs one thread), and only where the kernel keeps none (no file, or one that reads
+// 0, as with its scheduler statistics off) from the stat file's user and system time,
+// which counts in ticks of 10 ms: a few users' conversion costs the server about that
+// much, so in ticks it would now and then read as none at all. <0 when the pid is not
+// given or neither file can be read.
 inline double WineserverCpuSeconds()
 {
     char pid[32] = {};
@@ -138,7 +131,7 @@ inline double WineserverCpuSeconds()
         return -1;
     // sum_exec_runtime run_delay timeslices
     unsigned long long runNs = 0;
-    if (std::sscanf(ReadHostProcFile(pid, "schedstat").c_str(), "%llu", &runNs) == 1)
+    if (std::sscanf(ReadHostProcFile(pid, "schedstat").c_str(), "%llu", &runNs) == 1 && runNs > 0)
         return static_cast<double>(runNs) / 1e9;
     // pid (comm) state ppid pgrp session tty tpgid flags minflt cminflt majflt cmajflt
     // utime stime ...: the two times are the 12th and 13th fields after the name.
@@ -165,12 +158,14 @@ inline PROCESS_MEMORY_COUNTERS_EX MemoryNow()
 
 // This process's peak private bytes from now until Stop, as a conversion's are
 // measured. Windows keeps that peak itself (PeakPagefileUsage). Wine does not: it
-// fills the field with the private bytes of the moment (the host's RssAnon plus
-// VmSwap), which after Convert has returned and the library is gone is no peak at
-// all. So a thread looks every 10 ms (a look costs about 26 us under Wine: a quarter
-// of a percent of the CPU a conversion is timed on) and keeps the largest; the figure
-// is that, or the system's own peak where it is larger. Under Wine a peak shorter
-// than 10 ms can be missed.
+// fills the field with the host's count of the moment (RssAnon plus VmSwap: the
+// private pages touched, not those merely committed), which after Convert has
+// returned and the library is gone is no peak at all. So a thread looks every 50 ms,
+// and the caller may look at a moment of its own choosing (Look); the figure is the
+// largest seen, or the system's own peak where it is larger. Under Wine a look costs
+// about 26 us in the process and 35 us in the wineserver: every 50 ms, about 0.1% of
+// the CPU a conversion is timed on, and under 1% of the server's CPU time a user
+// costs. Under Wine a peak shorter than 50 ms between two looks can be missed.
 class PrivatePeak {
 public:
     PrivatePeak()
@@ -178,7 +173,7 @@ public:
               std::unique_lock<std::mutex> lock(m_mutex);
               do
                   Look();
-              while (!m_wake.wait_for(lock, std::chrono::milliseconds(10), [this] { return m_stop; }));
+              while (!m_wake.wait_for(lock, std::chrono::milliseconds(50), [this] { return m_stop; }));
           })
     {
     }
@@ -186,8 +181,19 @@ public:
     PrivatePeak(const PrivatePeak&) = delete;
     PrivatePeak& operator=(const PrivatePeak&) = delete;
 
-    // How many looks the thread has taken so far.
+    // How many looks have been taken so far.
     std::size_t Looks() const { return m_looks; }
+
+    // Looks now, besides the thread's looks.
+    void Look()
+    {
+        const PROCESS_MEMORY_COUNTERS_EX mem = MemoryNow();
+        ULONGLONG seen = m_peak.load();
+        const ULONGLONG now = std::max<ULONGLONG>(mem.PrivateUsage, mem.PeakPagefileUsage);
+        while (now > seen && !m_peak.compare_exchange_weak(seen, now)) {
+        }
+        ++m_looks;
+    }
 
     // Ends the sampling (one last look first) and gives the peak.
     ULONGLONG Stop()
@@ -205,13 +211,6 @@ public:
     }
 
 private:
-    void Look()
-    {
-        const PROCESS_MEMORY_COUNTERS_EX mem = MemoryNow();
-        m_peak = std::max<ULONGLONG>({m_peak.load(), mem.PrivateUsage, mem.PeakPagefileUsage});
-        ++m_looks;
-    }
-
     std::mutex m_mutex;
     std::condition_variable m_wake;
     bool m_stop = false;

@@ -239,6 +239,7 @@ int ConvertChild()
         nvbench::Stopwatch watch;
         hr = dll.Convert();
         seconds = watch.Seconds();
+        peak.Look(); // the library and the store still loaded
         if (!ReadStoreCounters(after) && hr == S_OK) {
             std::fprintf(stderr, "NVStore.dll is not loaded or has no counters\n");
             return 1;
@@ -732,8 +733,4 @@ static int RunProgram(int argc, char** argv)
 }
 
 // The result also written where scripts/wine-run asks for it (tests/support/exit_file).
-int main(int argc, char** argv)
-{
-    nvtest::TakeExitFile();
-    return nvtest::ExitWith(RunProgram(argc, argv));
-}
+int main(int argc, char** argv) { return nvtest::MainWithExitFile(RunProgram, argc, argv); }

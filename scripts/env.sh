@@ -203,24 +203,42 @@ nv_allowed_cpus() {
     done | while read -r c; do
         [ "$(cat "/sys/devices/system/cpu/cpu$c/online" 2>/dev/null || echo 1)" = 1 ] && echo "$c"
     done
+    return 0
 }
 
-# How each test that failed ended: its name, then the last N lines of its output.
+# How each test that failed ended: its name, then the last N lines of its output;
+# at most 5 tests, then how many more failed.
 #   nv_failed_test_tails CTEST_OUTPUT LAST_TEST_LOG N
 # CTEST_OUTPUT is what CTest printed (its list under "The following tests FAILED:"
-# names them); LAST_TEST_LOG is CTest's Testing/Temporary/LastTest.log, which holds
-# every test's output whole.
+# names them; the last such list is CTest's own, whatever a test printed before it);
+# LAST_TEST_LOG is CTest's Testing/Temporary/LastTest.log, which holds every test's
+# output whole.
 nv_failed_test_tails() {
-    local name
-    sed -n '/^The following tests FAILED:$/,/^[^[:space:]]/s/^[[:space:]]*[0-9]* - \(.*\) ([^()]*)$/\1/p' "$1" |
-        while IFS= read -r name; do
-            printf '    how %s ended (its last %d lines):\n' "$name" "$3"
-            NV_FAILED_NAME=$name awk '
-                /^[0-9]+\/[0-9]+ Testing: / { sub(/^[0-9]+\/[0-9]+ Testing: /, ""); mine = ($0 == ENVIRON["NV_FAILED_NAME"]); next }
-                mine && /^<end of output>$/ { mine = 0 }
-                mine { print }' "$2" |
-                sed -n '/^Output:$/,$p' | sed '1,2d' | tr -d '\r' | tail -n "$3" | sed 's/^/        /'
-        done
+    local name names shown=0 most=5
+    mapfile -t names < <(awk '
+        /^The following tests FAILED:$/ { n = 0; listed = 1; next }
+        listed && /^[[:space:]]+[0-9]+ - / {
+            name = $0
+            sub(/^[[:space:]]+[0-9]+ - /, "", name)
+            sub(/ \([^()]*\)$/, "", name)
+            names[++n] = name
+            next
+        }
+        { listed = 0 }
+        END { for (i = 1; i <= n; i++) print names[i] }' "$1")
+    for name in "${names[@]}"; do
+        if [ "$shown" -eq "$most" ]; then
+            printf '    and %d more failing tests (CTest lists them above)\n' "$((${#names[@]} - most))"
+            break
+        fi
+        shown=$((shown + 1))
+        printf '    how %s ended (its last %d lines):\n' "$name" "$3"
+        NV_FAILED_NAME=$name awk '
+            /^[0-9]+\/[0-9]+ Testing: / { sub(/^[0-9]+\/[0-9]+ Testing: /, ""); mine = ($0 == ENVIRON["NV_FAILED_NAME"]); next }
+            mine && /^<end of output>$/ { mine = 0 }
+            mine { print }' "$2" |
+            sed -n '/^Output:$/,$p' | sed '1,2d' | tr -d '\r' | tail -n "$3" | sed 's/^/        /'
+    done
 }
 
 nv_stop_wineserver() {

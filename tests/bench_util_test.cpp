@@ -1,7 +1,8 @@
 // The benchmarks' measure of a conversion's peak private memory (bench/bench_util.h):
 // memory that was committed and touched, then freed before the measure ends, still
-// counts, as it does in Windows' own peak. (Wine reports only the private bytes of
-// the moment in that field, so without the sampling thread it would not.)
+// counts, whether the sampling thread or the caller looked while it was held, as it
+// does in Windows' own peak. (Wine reports only the private pages of the moment in
+// that field, so without the looks it would not.)
 #include <gtest/gtest.h>
 #include <windows.h>
 
@@ -13,6 +14,15 @@
 namespace {
 
 constexpr SIZE_T kHeld = 48u << 20;
+
+// Commits and touches a block of kHeld bytes; null when it cannot.
+unsigned char* TouchedBlock()
+{
+    auto* block = static_cast<unsigned char*>(::VirtualAlloc(nullptr, kHeld, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
+    for (SIZE_T at = 0; block && at < kHeld; at += 4096)
+        block[at] = 1;
+    return block;
+}
 
 // Waits, at most ten seconds, until the sampler has looked `more` times more.
 bool AwaitLooks(const nvbench::PrivatePeak& peak, std::size_t more)
@@ -29,10 +39,8 @@ TEST(PrivatePeakTest, MemoryFreedBeforeTheMeasureEndsStillCountsInThePeak)
 {
     const SIZE_T before = nvbench::MemoryNow().PagefileUsage;
     nvbench::PrivatePeak peak;
-    auto* block = static_cast<unsigned char*>(::VirtualAlloc(nullptr, kHeld, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
+    unsigned char* block = TouchedBlock();
     ASSERT_NE(nullptr, block);
-    for (SIZE_T at = 0; at < kHeld; at += 4096)
-        block[at] = 1;
     // Held until the sampler has looked twice with the block in place.
     const bool looked = AwaitLooks(peak, 2);
     ASSERT_TRUE(::VirtualFree(block, 0, MEM_RELEASE));
@@ -43,6 +51,21 @@ TEST(PrivatePeakTest, MemoryFreedBeforeTheMeasureEndsStillCountsInThePeak)
     EXPECT_GE(measured, before + kHeld - (4u << 20)) << "before " << before << ", peak " << measured;
     // Stopped once: the figure stays.
     EXPECT_EQ(measured, peak.Stop());
+}
+
+TEST(PrivatePeakTest, ALookOfTheCallersOwnCountsInThePeak)
+{
+    const SIZE_T before = nvbench::MemoryNow().PagefileUsage;
+    nvbench::PrivatePeak peak;
+    unsigned char* block = TouchedBlock();
+    ASSERT_NE(nullptr, block);
+    const std::size_t looks = peak.Looks();
+    peak.Look();
+    EXPECT_GT(peak.Looks(), looks);
+    ASSERT_TRUE(::VirtualFree(block, 0, MEM_RELEASE));
+
+    const ULONGLONG measured = peak.Stop();
+    EXPECT_GE(measured, before + kHeld - (4u << 20)) << "before " << before << ", peak " << measured;
 }
 
 TEST(PrivatePeakTest, APeakNeverStoppedEndsItsThreadWhenItGoes)

@@ -1176,8 +1176,4 @@ static int RunProgram(int argc, wchar_t** argv)
 }
 
 // The result also written where scripts/wine-run asks for it (tests/support/exit_file).
-int wmain(int argc, wchar_t** argv)
-{
-    nvtest::TakeExitFile();
-    return nvtest::ExitWith(RunProgram(argc, argv));
-}
+int wmain(int argc, wchar_t** argv) { return nvtest::MainWithExitFile(RunProgram, argc, argv); }

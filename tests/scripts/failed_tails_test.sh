@@ -3,7 +3,8 @@
 # logs written here in CTest's own formats: every test in the list of failures is
 # named, with the last lines of its own output only (not a test whose name begins
 # the same, not the lines CTest adds around it, not the tests that did not run), CR
-# stripped, a parameterized test's whole name kept; a run without failures adds
+# stripped, a parameterized test's whole name kept; only CTest's own list (the last)
+# counts, and after five tests the rest are only counted; a run without failures adds
 # nothing.
 set -u
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
@@ -61,6 +62,21 @@ cat >"$work/want" <<'EOF'
         with its parameter
 EOF
 cmp -s "$work/got" "$work/want" || fail "the failing tests' last lines"
+
+# Only CTest's own list counts (the last one: a test may print such a list itself),
+# and after five tests the rest are only counted.
+{
+    printf '%s\n' "a test's own output:" "The following tests FAILED:" "	  1 - Not.A.Failure (Failed)" ""
+    printf '%s\n' "The following tests FAILED:"
+    for n in 1 2 3 4 5 6 7; do printf '\t  %d - Unit.Times (Failed)\n' "$n"; done
+    printf '%s\n' "Errors while running CTest"
+} >"$work/ctest.out"
+nv_failed_test_tails "$work/ctest.out" "$work/LastTest.log" 1 >"$work/got"
+{
+    for n in 1 2 3 4 5; do printf '%s\n' "    how Unit.Times ended (its last 1 lines):" "        waiting"; done
+    printf '%s\n' "    and 2 more failing tests (CTest lists them above)"
+} >"$work/want"
+cmp -s "$work/got" "$work/want" || fail "CTest's own list, five tests at most"
 
 printf '100%% tests passed, 0 tests failed out of 9\n' >"$work/ctest.out"
 nv_failed_test_tails "$work/ctest.out" "$work/LastTest.log" 3 >"$work/got"

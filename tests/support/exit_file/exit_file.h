@@ -3,11 +3,7 @@
 // program has returned: status 127 in place of the program's, and the program's own
 // result is then still known from the file.
 //
-//   int main(int argc, char** argv)
-//   {
-//       nvtest::TakeExitFile();
-//       return nvtest::ExitWith(Run(argc, argv));
-//   }
+//   int main(int argc, char** argv) { return nvtest::MainWithExitFile(Run, argc, argv); }
 //
 // The file is written as late as the program's own code runs: by the destructor of
 // the object constructed first, so after every other static destructor and exit
@@ -28,5 +24,13 @@ int ExitWith(int result);
 // Writes the file now, for a program that ends itself without returning from main
 // (TerminateProcess): the result it ends with.
 void WriteExitFileNow(int result);
+
+// The whole main of such a program: the name taken first, then run's result kept.
+template <class Char>
+int MainWithExitFile(int (*run)(int, Char**), int argc, Char** argv)
+{
+    TakeExitFile();
+    return ExitWith(run(argc, argv));
+}
 
 } // namespace nvtest
