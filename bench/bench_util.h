@@ -195,7 +195,7 @@ public:
         ++m_looks;
     }
 
-    // Ends the sampling (one last look first) and gives the peak.
+    // Ends the sampling, looks once more, and gives the peak.
     ULONGLONG Stop()
     {
         if (m_sampler.joinable()) {
