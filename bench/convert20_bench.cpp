@@ -45,7 +45,6 @@
 // store key containers it made: run it in a scratch Wine prefix (scripts/bench does).
 #include <windows.h>
 #include <objbase.h>
-#include <psapi.h>
 #include <cstdio>
 #include <cstdlib>
 #include <algorithm>

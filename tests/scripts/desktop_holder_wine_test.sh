@@ -5,24 +5,13 @@
 # - when the desktop process ends, the holder ends too and says so;
 # - a holder that ends without saying "ready" makes nv_start_wineserver fail and stop
 #   the server it started.
-set -u
+source "$(dirname "${BASH_SOURCE[0]}")/checks.sh"
 win_build=${1:?usage: desktop_holder_wine_test.sh WIN_BUILD}
-root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
-work=$(mktemp -d)
 source "$root/scripts/env.sh"
 NV_WIN_BUILD=$win_build
 export WINEPREFIX=$work/prefix
-cleanup() {
-    "$NV_WINESERVER" -k </dev/null >/dev/null 2>&1
-    rm -rf "$work"
-}
-trap cleanup EXIT
-failures=0
-fail() {
-    echo "FAIL $1"
-    [ -f "$WINEPREFIX/desktop-holder.out" ] && sed 's/^/    holder: /' "$WINEPREFIX/desktop-holder.out"
-    failures=$((failures + 1))
-}
+test_cleanup() { "$NV_WINESERVER" -k </dev/null >/dev/null 2>&1; }
+fail_shows=(holder "$WINEPREFIX/desktop-holder.out")
 
 # The Unix pid of this prefix's desktop process.
 desktop_pid() {
@@ -84,4 +73,4 @@ else
     echo "ok   a holder that never says ready fails the start, says so and stops the server ($took s)"
 fi
 
-[ "$failures" = 0 ]
+finish

@@ -6,17 +6,9 @@
 # stripped, a parameterized test's whole name kept; only CTest's own list (the last)
 # counts, and after five tests the rest are only counted; a run without failures adds
 # nothing.
-set -u
-root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-failures=0
-fail() {
-    echo "FAIL $1"
-    sed 's/^/    got: /' "$work/got"
-    failures=$((failures + 1))
-}
+source "$(dirname "${BASH_SOURCE[0]}")/checks.sh"
 source "$root/scripts/env.sh"
+fail_shows=(got "$work/got")
 
 # One test's block in LastTest.log: NAME, then its output lines.
 block() {
@@ -82,8 +74,4 @@ printf '100%% tests passed, 0 tests failed out of 9\n' >"$work/ctest.out"
 nv_failed_test_tails "$work/ctest.out" "$work/LastTest.log" 3 >"$work/got"
 [ ! -s "$work/got" ] || fail "a run without failures adds nothing"
 
-if [ "$failures" -ne 0 ]; then
-    echo "$failures check(s) failed"
-    exit 1
-fi
-echo "all checks passed"
+finish

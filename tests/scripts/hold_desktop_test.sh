@@ -5,21 +5,12 @@
 # has job control; a holder that fails is reported at once, with what it printed;
 # before the first build, when there is no holder, it starts nothing. No Windows code
 # runs.
-set -u
-root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
-work=$(mktemp -d)
-cleanup() {
+source "$(dirname "${BASH_SOURCE[0]}")/checks.sh"
+test_cleanup() {
     # The stand-ins this test started, by the name they run under (below).
     pkill -f "^$work/" 2>/dev/null
-    rm -rf "$work"
 }
-trap cleanup EXIT
-failures=0
-fail() {
-    echo "FAIL $1"
-    [ -f "$work/err" ] && sed 's/^/    stderr: /' "$work/err"
-    failures=$((failures + 1))
-}
+fail_shows=(stderr "$work/err")
 
 # The stand-in: does what $work/plan says, and counts its launches. "hold" takes a
 # moment to start, prints "ready" as the holder does (CR LF) and then runs under the
@@ -129,4 +120,4 @@ else
     echo "ok   a holder that fails is an error with its message, at once (${took} ms)"
 fi
 
-[ "$failures" = 0 ] || exit 1
+finish

@@ -11,8 +11,7 @@
 #   found there, one of a lower folder is.
 #
 #   layer_check_test.sh LAYER_VIEWS_DIR COMPILER INCLUDE_DIR...
-set -u
-root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+source "$(dirname "${BASH_SOURCE[0]}")/checks.sh"
 views=${1:?layer views folder}
 compiler=${2:?compiler}
 shift 2
@@ -20,15 +19,6 @@ extra_includes=()
 for dir in "$@"; do
     extra_includes+=(-I "$dir")
 done
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-failures=0
-
-fail() {
-    echo "FAIL: $*"
-    failures=$((failures + 1))
-}
-
 # check NAME EXPECTED_RC EXPECTED_LINE: runs the check on $work/src.
 check() {
     local name=$1 want_rc=$2 want_line=$3 out rc
@@ -107,5 +97,4 @@ does_not_find() {
 does_not_find legacydb frame/baseconverter.h
 does_not_find frame com/dbconverter.h
 
-[ "$failures" = 0 ] || { echo "$failures check(s) failed"; exit 1; }
-echo "all checks passed"
+finish

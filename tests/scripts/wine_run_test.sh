@@ -3,11 +3,7 @@
 # answers as a script tells it: a launch that never ran (a quick non-zero status, no
 # output) is made again, up to three launches; a program that printed, or that ran
 # for more than a second, keeps its result; a success is never repeated.
-set -u
-root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-failures=0
+source "$(dirname "${BASH_SOURCE[0]}")/checks.sh"
 
 # The stand-in: each launch takes the next line of $work/plan ("silent RC", "print
 # RC", "slow RC") and counts itself in $work/launches.
@@ -65,9 +61,7 @@ check() {
     last_ms=$((($(date +%s%N) - start) / 1000000))
     launches=$(cat "$work/launches")
     if [ "$rc" != "$want_rc" ] || [ "$launches" != "$want_launches" ]; then
-        echo "FAIL $name: status $rc (expected $want_rc), launches $launches (expected $want_launches)"
-        sed 's/^/    stderr: /' "$work/err"
-        failures=$((failures + 1))
+        fail "$name: status $rc (expected $want_rc), launches $launches (expected $want_launches)" stderr "$work/err"
     else
         echo "ok   $name"
     fi
@@ -90,8 +84,7 @@ check "a negative result is not taken" 127 1 "ldso -1" "print 0"
 check "an earlier launch's result is not taken" 127 2 "silentresult 1" "ldsoquiet 0" "print 0"
 check "a success is not held up by a process holding stderr" 0 1 "holdok 0"
 if [ "$last_ms" -ge 2000 ]; then
-    echo "FAIL a success whose stderr another process holds took $last_ms ms (the holder stays 8 s)"
-    failures=$((failures + 1))
+    fail "a success whose stderr another process holds took $last_ms ms (the holder stays 8 s)"
 fi
 
 # A silent failure whose stderr another process holds is made again all the same,
@@ -104,9 +97,7 @@ STUB_DIR=$work NV_WINE=$work/wine WINEPREFIX=$work/prefix "$root/scripts/wine-ru
 rc=$?
 waited_ms=$((($(date +%s%N) - start) / 1000000))
 if [ "$rc" != 0 ] || [ "$(cat "$work/launches")" != 2 ] || [ "$waited_ms" -ge 5000 ]; then
-    echo "FAIL a held stderr: status $rc, launches $(cat "$work/launches"), $waited_ms ms (the holder stays 8 s)"
-    sed 's/^/    /' "$work/err"
-    failures=$((failures + 1))
+    fail "a held stderr: status $rc, launches $(cat "$work/launches"), $waited_ms ms (the holder stays 8 s)" "" "$work/err"
 else
     echo "ok   a silent failure whose stderr is held is made again after at most two seconds"
 fi
@@ -117,8 +108,7 @@ rm -f "$work/launches"
 STUB_DIR=$work NV_WINE=$work/wine WINEPREFIX=$work/prefix "$root/scripts/wine-run" prog.exe a b \
     >"$work/out" 2>"$work/err"
 if ! grep -qx "ran prog.exe a b" "$work/err"; then
-    echo "FAIL the program's stderr reaches the caller's"
-    failures=$((failures + 1))
+    fail "the program's stderr reaches the caller's"
 else
     echo "ok   the program's stderr reaches the caller's"
 fi
@@ -130,9 +120,7 @@ STUB_DIR=$work NV_WINE=$work/wine WINEPREFIX=$work/prefix "$root/scripts/wine-ru
     >"$work/out" 2>"$work/err"
 if ! grep -qx "ran prog.exe a b" "$work/out" ||
     ! grep -q "^wine-run: prog.exe exited with status 1 after [0-9]* ms and printed nothing: it never ran; starting it again" "$work/err"; then
-    echo "FAIL the repeated launch is said on stderr and the program gets its arguments"
-    sed 's/^/    /' "$work/out" "$work/err"
-    failures=$((failures + 1))
+    fail "the repeated launch is said on stderr and the program gets its arguments" "" "$work/out" "$work/err"
 else
     echo "ok   the repeated launch is said on stderr and the program gets its arguments"
 fi
@@ -143,9 +131,7 @@ rm -f "$work/launches"
 STUB_DIR=$work NV_WINE=$work/wine WINEPREFIX=$work/prefix "$root/scripts/wine-run" prog.exe \
     >"$work/out" 2>"$work/err"
 if ! grep -q "^wine-run: the host's loader failed as prog.exe ended (status 127), after the program had returned 0: its result is 0$" "$work/err"; then
-    echo "FAIL the loader's failure at the end is said on stderr"
-    sed 's/^/    /' "$work/err"
-    failures=$((failures + 1))
+    fail "the loader's failure at the end is said on stderr" "" "$work/err"
 else
     echo "ok   the loader's failure at the end is said on stderr"
 fi
@@ -157,9 +143,7 @@ STUB_DIR=$work NV_WINE=$work/wine WINEPREFIX=$work/prefix "$root/scripts/wine-ru
     >"$work/out" 2>"$work/err"
 rc=$?
 if [ "$rc" != 0 ] || [ "$(cat "$work/launches")" != 2 ] || [ "$(cat "$work/out")" != "$(printf 'Suite.\n  Test')" ]; then
-    echo "FAIL a listing that never ran: status $rc, launches $(cat "$work/launches")"
-    sed 's/^/    /' "$work/out" "$work/err"
-    failures=$((failures + 1))
+    fail "a listing that never ran: status $rc, launches $(cat "$work/launches")" "" "$work/out" "$work/err"
 else
     echo "ok   a listing that never ran is made again, its CRs folded"
 fi
@@ -168,10 +152,9 @@ fi
 "$root/scripts/wine-run" >/dev/null 2>"$work/err"
 rc=$?
 if [ "$rc" != 2 ] || ! grep -q "^usage: wine-run PROGRAM" "$work/err"; then
-    echo "FAIL no program: status $rc"
-    failures=$((failures + 1))
+    fail "no program: status $rc"
 else
     echo "ok   no program is a usage error"
 fi
 
-[ "$failures" = 0 ]
+finish
