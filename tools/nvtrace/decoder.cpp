@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <iterator>
 
 #include "counted.h"
@@ -305,6 +306,7 @@ const TraceView& TraceDecoder::Decode(const std::uint8_t* data, std::size_t size
     m_trace.error.clear();
     m_misses = 0;
     m_enciphered = 0;
+    m_texts.EmptyWhenHalfUsed();
     std::size_t pos = 0;
     if (size == 0 || data == nullptr) {
         m_trace.header.clear();
@@ -314,7 +316,7 @@ const TraceView& TraceDecoder::Decode(const std::uint8_t* data, std::size_t size
         const std::size_t textSize = ReadHeads(data, size, pos);
         // Room for the last step's eight-byte store.
         m_text.resize(textSize + 8);
-        UnscrambleAndCheck(data + size);
+        UnscrambleAndCheck(data, data + size);
     }
     return m_trace;
 }
@@ -428,6 +430,13 @@ std::size_t TraceDecoder::ReadHeads(const std::uint8_t* data, std::size_t size, 
         record.thread = nvcipher::LoadLe32(head);
         record.kind = kind;
         record.text = std::string_view(reinterpret_cast<const char*>(text), n);
+        pos += kRecordHeadSize + n;
+        if (n > 0) {
+            if (const char* known = m_texts.Find(TextCache::Hash(kind, text, n, data + size), kind, text, n)) {
+                record.text = std::string_view(known, n);
+                continue;
+            }
+        }
         for (std::size_t at = 8; at < n; at += 8) {
             // Without a branch: a miss is always written down, and counted only when
             // the slot holds another ciphertext; it leaves its ciphertext in place of
@@ -444,7 +453,6 @@ std::size_t TraceDecoder::ReadHeads(const std::uint8_t* data, std::size_t size, 
                 EncipherMisses(streams);
         }
         textSize += n;
-        pos += kRecordHeadSize + n;
     }
     EncipherMisses(streams);
     return textSize;
@@ -479,7 +487,7 @@ void TraceDecoder::EncipherMisses(std::uint64_t* streams)
 // later step's is the cipher of the ciphertext step before. Each text is checked
 // as it is unscrambled: the first that the library cannot have written ends the trace
 // there, before any later head's failure.
-void TraceDecoder::UnscrambleAndCheck(const std::uint8_t* end)
+void TraceDecoder::UnscrambleAndCheck(const std::uint8_t* data, const std::uint8_t* end)
 {
     std::uint64_t firstStep;
     std::memcpy(&firstStep, m_firstStep, 8);
@@ -488,9 +496,12 @@ void TraceDecoder::UnscrambleAndCheck(const std::uint8_t* end)
     std::vector<RecordView>& records = m_trace.records;
     for (std::size_t i = 0; i < records.size(); ++i) {
         RecordView& r = records[i];
-        // The records' texts are still the scrambled ones in the file.
+        // The records' texts are still the scrambled ones in the file, but for those
+        // the text cache gave (never empty; an empty text at the file's end points there).
         const std::uint8_t* in = reinterpret_cast<const std::uint8_t*>(r.text.data());
         const std::size_t n = r.text.size();
+        if (n > 0 && (std::less<const std::uint8_t*>()(in, data) || !std::less<const std::uint8_t*>()(in, end)))
+            continue;
         // Whether the text is printable ASCII and not empty, as CheckText's first look
         // asks of scope names and lines, found word by word as it is unscrambled.
         bool printable = n > 0;
@@ -511,14 +522,58 @@ void TraceDecoder::UnscrambleAndCheck(const std::uint8_t* end)
         }
         r.text = std::string_view(out, n);
         out += n;
-        if (printable && (r.kind == '>' || r.kind == 'U'))
-            continue;
-        if (const char* problem = CheckText(r.kind, r.text)) {
-            Fail(m_trace, r.offset, "corrupt record", problem);
-            records.resize(i);
-            return;
+        if (!(printable && (r.kind == '>' || r.kind == 'U'))) {
+            if (const char* problem = CheckText(r.kind, r.text)) {
+                Fail(m_trace, r.offset, "corrupt record", problem);
+                records.resize(i);
+                return;
+            }
         }
+        if (n > 0)
+            m_texts.Keep(TextCache::Hash(r.kind, in, n, end), r.kind, in, r.text);
     }
+}
+
+TextCache::TextCache() : m_slots(std::size_t(1) << kBits), m_block(new char[kBlock]) {}
+
+std::uint64_t TextCache::Hash(char kind, const std::uint8_t* text, std::size_t n, const std::uint8_t* end)
+{
+    constexpr std::uint64_t k = 0x9E3779B97F4A7C15u;
+    std::uint64_t first = 0, last = 0;
+    if (n >= 8) {
+        std::memcpy(&first, text, 8);
+        std::memcpy(&last, text + n - 8, 8);
+    } else if (end - text >= 8) {
+        std::memcpy(&first, text, 8);
+        first &= ~std::uint64_t(0) >> (64 - 8 * n);
+    } else {
+        std::memcpy(&first, text, n);
+    }
+    std::uint64_t h = ((std::uint64_t(n) << 8) | static_cast<unsigned char>(kind)) * k;
+    h = (h ^ first) * k;
+    h = (h ^ last) * k;
+    return h ^ (h >> 29);
+}
+
+void TextCache::Keep(std::uint64_t hash, char kind, const std::uint8_t* cipher, std::string_view text)
+{
+    // A file's repeats of a text are all read before any is kept: one copy serves.
+    const std::size_t n = text.size();
+    if (kBlock - m_used < 2 * n || Find(hash, kind, cipher, n))
+        return;
+    char* at = m_block.get() + m_used;
+    std::memcpy(at, cipher, n);
+    std::memcpy(at + n, text.data(), n);
+    m_slots[Index(hash)] = Slot{hash, static_cast<std::uint32_t>(m_used), static_cast<std::uint16_t>(n), kind};
+    m_used += 2 * n;
+}
+
+void TextCache::EmptyWhenHalfUsed()
+{
+    if (m_used < kBlock / 2)
+        return;
+    std::fill(m_slots.begin(), m_slots.end(), Slot{});
+    m_used = 0;
 }
 
 bool IsKnownKind(char kind) { return MaxTextLength(kind) != kNoKind; }

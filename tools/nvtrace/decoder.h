@@ -5,6 +5,8 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -44,6 +46,58 @@ struct BasicTrace {
 using DecodedTrace = BasicTrace<Record>;
 using TraceView = BasicTrace<RecordView>;
 
+// Whole records' texts by their ciphertext. Cipher feedback restarted for every
+// record turns the same text into the same ciphertext, and a fleet's traces repeat
+// most of their records (scope names, the fixed lines): a record found here needs
+// neither its key stream nor its checks, and its text is not copied. Each text is
+// kept with its ciphertext in one fixed block of memory, which never moves, so the
+// texts handed out hold until the cache is emptied; that happens only between files,
+// once the block is half used. One slot per hash, the newest kept; the ciphertext is
+// compared whole, so a hash that collides (a crafted trace) costs only a miss.
+class TextCache {
+public:
+    static constexpr unsigned kBits = 12;                 // 4,096 slots
+    static constexpr std::size_t kBlock = std::size_t(1) << 20; // the texts' memory
+
+    TextCache();
+
+    // The hash a record's ciphertext is found by: its kind, its length, and its first
+    // and last eight bytes (every later step depends on all the text before it).
+    // `end` is the end of the file image, which no read passes.
+    static std::uint64_t Hash(char kind, const std::uint8_t* text, std::size_t n, const std::uint8_t* end);
+
+    // The kept text of a record of this kind and ciphertext, or null.
+    const char* Find(std::uint64_t hash, char kind, const std::uint8_t* text, std::size_t n) const
+    {
+        const Slot& slot = m_slots[Index(hash)];
+        if (slot.hash != hash || slot.n != n || slot.kind != kind || n == 0 ||
+            std::memcmp(m_block.get() + slot.at, text, n) != 0)
+            return nullptr;
+        return m_block.get() + slot.at + n;
+    }
+
+    // Keeps a text the decoder read and checked, while the block has room.
+    void Keep(std::uint64_t hash, char kind, const std::uint8_t* cipher, std::string_view text);
+
+    // Between files: empties the cache once its block is half used.
+    void EmptyWhenHalfUsed();
+
+    std::size_t Used() const { return m_used; } // for tests
+
+private:
+    struct Slot {
+        std::uint64_t hash = 0;
+        std::uint32_t at = 0; // in the block: the ciphertext, then the text
+        std::uint16_t n = 0;  // 0: free
+        char kind = 0;
+    };
+    static std::size_t Index(std::uint64_t hash) { return static_cast<std::size_t>(hash >> (64 - kBits)); }
+
+    std::vector<Slot> m_slots;
+    std::unique_ptr<char[]> m_block;
+    std::size_t m_used = 0;
+};
+
 // Decodes one file image after another, reusing its buffers: what many files are
 // read with. Its result holds until the next Decode.
 class TraceDecoder {
@@ -58,13 +112,14 @@ public:
     // For tests: the step cache, and how many blocks the last file's steps needed
     // enciphered (the distinct ones of each batch of steps the cache lacked).
     const StepCache& Steps() const { return m_steps; }
+    const TextCache& Texts() const { return m_texts; }
     std::size_t StepsEnciphered() const { return m_enciphered; }
 
 private:
     bool ReadHeader(const std::uint8_t* data, std::size_t size, std::size_t& pos);
     bool ReadHeaderLines(const std::uint8_t* data, std::size_t size, std::size_t& pos, std::size_t& lines);
     std::size_t ReadHeads(const std::uint8_t* data, std::size_t size, std::size_t pos);
-    void UnscrambleAndCheck(const std::uint8_t* end); // end: of the file image
+    void UnscrambleAndCheck(const std::uint8_t* data, const std::uint8_t* end); // the file image
 
     void EncipherMisses(std::uint64_t* streams);
 
@@ -74,6 +129,7 @@ private:
     TraceView m_trace;
     std::string m_text;          // every record's text, one after another
     StepCache m_steps;
+    TextCache m_texts;
     // Each later step's key stream, in file order; a step the cache lacked holds the
     // ciphertext step before it until its batch is enciphered.
     std::vector<std::uint64_t> m_streams;

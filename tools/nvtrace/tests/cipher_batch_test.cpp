@@ -457,3 +457,146 @@ TEST(StepCacheTest, ABatchEnciphersEachDistinctStepOnceUnlessAnotherTookItsSlotI
         }
     }
 }
+
+namespace {
+
+// A trace of `count` distinct lines of `length` printable bytes each.
+SampleTrace DistinctLines(std::mt19937& rng, std::size_t count, std::size_t length)
+{
+    SampleTrace s;
+    for (std::size_t i = 0; i < count; ++i) {
+        std::string text;
+        while (text.size() < length)
+            text += static_cast<char>(0x20 + rng() % 0x5F);
+        s.Add(7, 'U', text);
+    }
+    return s;
+}
+
+void ExpectReferenceTexts(const SampleTrace& s, const nvtrace::TraceView& t, const char* what)
+{
+    ASSERT_TRUE(t.ok) << what << ": " << t.error;
+    for (const nvtrace::RecordView& r : t.records)
+        ASSERT_EQ(ReferenceText(s.bytes(), r.offset, r.text.size()), r.text) << what << ", record at " << r.offset;
+}
+
+} // namespace
+
+TEST(TextCacheTest, ATraceReadAgainTakesEveryTextFromTheCacheAndKeepsNothingMore)
+{
+    // Five texts, each many times over: the first read keeps each once (its repeats
+    // in the same file are read before any is kept), the second finds them all.
+    const std::string texts[] = {"CBaseConverter::Convert", "Retrieve payload", "11/25/26", "09:30:00.125",
+                                 "Conversion process began for 'S-1-5-21-1-2-3-1001'"};
+    const char kinds[] = {'>', 'U', 't', 'T', 'U'};
+    SampleTrace s;
+    std::size_t bytes = 0;
+    for (int round = 0; round < 30; ++round) {
+        for (std::size_t i = 0; i < 5; ++i) {
+            s.Add(1, kinds[i], texts[i]).Add(1, '<');
+            bytes += round == 0 ? 2 * texts[i].size() : 0;
+        }
+    }
+    nvtrace::TraceDecoder decoder;
+    EXPECT_EQ(0u, decoder.Texts().Used());
+    ExpectReferenceTexts(s, decoder.Decode(s.bytes().data(), s.bytes().size()), "first read");
+    EXPECT_EQ(bytes, decoder.Texts().Used());
+    const nvtrace::TraceView& again = decoder.Decode(s.bytes().data(), s.bytes().size());
+    ExpectReferenceTexts(s, again, "second read");
+    EXPECT_EQ(bytes, decoder.Texts().Used());
+    EXPECT_EQ(0u, decoder.StepsEnciphered());
+    ASSERT_EQ(300u, again.records.size());
+    EXPECT_EQ(texts[4], again.records[299 - 1].text);
+}
+
+TEST(TextCacheTest, TheSameCiphertextAsAnotherKindIsCheckedAsThatKind)
+{
+    // A line may read "13/01/26"; a date record may not. Scrambling does not depend
+    // on the kind, so both records have the same ciphertext.
+    SampleTrace line, date;
+    line.Add(1, 'U', "13/01/26");
+    const std::size_t at = date.size();
+    date.Add(1, 't', "13/01/26");
+    nvtrace::TraceDecoder decoder;
+    ASSERT_TRUE(decoder.Decode(line.bytes().data(), line.bytes().size()).ok);
+    const nvtrace::TraceView& t = decoder.Decode(date.bytes().data(), date.bytes().size());
+    EXPECT_FALSE(t.ok);
+    EXPECT_EQ(at, t.errorOffset);
+    EXPECT_NE(std::string::npos, t.error.find("the date record is not mm/dd/yy")) << t.error;
+}
+
+TEST(TextCacheTest, CiphertextsOfTheSameHashAreToldApart)
+{
+    // 17 bytes: the hash reads bytes 0 to 7 and 9 to 16, so a ciphertext that differs
+    // in byte 8 alone has the same hash. Byte 8 is chosen so that both texts are
+    // printable (the change reaches the text's bytes 8 and 16).
+    const std::string text = "Retrieve payload!";
+    const std::vector<std::uint8_t> a = nvtrace::EncodeRecord(3, 'U', text);
+    const std::size_t head = nvtrace::kRecordHeadSize;
+    std::vector<std::uint8_t> b;
+    std::string other;
+    for (unsigned v = 0; v < 256 && other.empty(); ++v) {
+        std::vector<std::uint8_t> candidate = a;
+        candidate[head + 8] = static_cast<std::uint8_t>(v);
+        if (candidate == a)
+            continue;
+        std::vector<std::uint8_t> plain(candidate.begin() + head, candidate.end());
+        nvtrace::UnscrambleText(plain.data(), plain.size());
+        const std::string decoded(plain.begin(), plain.end());
+        bool printable = true;
+        for (char c : decoded)
+            printable &= c >= 0x20 && c <= 0x7E;
+        if (printable) {
+            b = candidate;
+            other = decoded;
+        }
+    }
+    ASSERT_FALSE(other.empty()) << "no byte gives a printable text";
+    ASSERT_NE(text, other);
+    const std::uint8_t* ca = a.data() + head;
+    const std::uint8_t* cb = b.data() + head;
+    ASSERT_EQ(nvtrace::TextCache::Hash('U', ca, text.size(), ca + text.size()),
+              nvtrace::TextCache::Hash('U', cb, text.size(), cb + text.size()));
+
+    SampleTrace first, second;
+    first.AddRaw(a);
+    second.AddRaw(b);
+    nvtrace::TraceDecoder decoder;
+    const nvtrace::TraceView& t1 = decoder.Decode(first.bytes().data(), first.bytes().size());
+    ASSERT_TRUE(t1.ok) << t1.error;
+    ASSERT_EQ(1u, t1.records.size());
+    EXPECT_EQ(text, t1.records[0].text);
+    const nvtrace::TraceView& t2 = decoder.Decode(second.bytes().data(), second.bytes().size());
+    ASSERT_TRUE(t2.ok) << t2.error;
+    ASSERT_EQ(1u, t2.records.size());
+    EXPECT_EQ(other, t2.records[0].text);
+}
+
+TEST(TextCacheTest, ItsMemoryIsBoundedAndEmptiedOnlyBetweenFiles)
+{
+    // Lines of 300 bytes take 600 in the cache. The first file fills a little under
+    // half of it; the second holds the first's lines (found in the cache) and enough
+    // new ones to fill it: every text of the second, found or kept, stays right to
+    // its end. The third file finds the cache emptied.
+    std::mt19937 rng(2026);
+    const std::size_t lines = nvtrace::TextCache::kBlock / 2 / 600 - 1;
+    const SampleTrace first = DistinctLines(rng, lines, 300);
+    SampleTrace second = first;
+    const SampleTrace more = DistinctLines(rng, 2 * lines, 300);
+    const std::ptrdiff_t header = static_cast<std::ptrdiff_t>(SampleTrace().size());
+    second.AddRaw(std::vector<std::uint8_t>(more.bytes().begin() + header, more.bytes().end()));
+    nvtrace::TraceDecoder decoder;
+    ExpectReferenceTexts(first, decoder.Decode(first.bytes().data(), first.bytes().size()), "first file");
+    const std::size_t afterFirst = decoder.Texts().Used();
+    EXPECT_EQ(lines * 600, afterFirst);
+
+    const nvtrace::TraceView& t = decoder.Decode(second.bytes().data(), second.bytes().size());
+    ExpectReferenceTexts(second, t, "second file");
+    EXPECT_EQ(3 * lines, t.records.size());
+    EXPECT_LE(decoder.Texts().Used(), nvtrace::TextCache::kBlock);
+    EXPECT_GT(decoder.Texts().Used(), nvtrace::TextCache::kBlock - 600);
+
+    const SampleTrace third = DistinctLines(rng, 3, 300);
+    ExpectReferenceTexts(third, decoder.Decode(third.bytes().data(), third.bytes().size()), "third file");
+    EXPECT_EQ(3u * 600, decoder.Texts().Used());
+}
