@@ -534,7 +534,7 @@ void TraceDecoder::UnscrambleAndCheck(const std::uint8_t* data, const std::uint8
     }
 }
 
-TextCache::TextCache() : m_slots(std::size_t(1) << kBits), m_block(new char[kBlock]) {}
+TextCache::TextCache() : m_slots(std::size_t(1) << kBits), m_seen(m_slots.size()), m_block(new char[kBlock]) {}
 
 std::uint64_t TextCache::Hash(char kind, const std::uint8_t* text, std::size_t n, const std::uint8_t* end)
 {
@@ -561,6 +561,11 @@ void TextCache::Keep(std::uint64_t hash, char kind, const std::uint8_t* cipher, 
     const std::size_t n = text.size();
     if (kBlock - m_used < 2 * n || Find(hash, kind, cipher, n))
         return;
+    std::uint64_t& seen = m_seen[Index(hash)];
+    if (seen != hash) {
+        seen = hash;
+        return;
+    }
     char* at = m_block.get() + m_used;
     std::memcpy(at, cipher, n);
     std::memcpy(at + n, text.data(), n);

@@ -52,7 +52,9 @@ using TraceView = BasicTrace<RecordView>;
 // neither its key stream nor its checks, and its text is not copied. Each text is
 // kept with its ciphertext in one fixed block of memory, which never moves, so the
 // texts handed out hold until the cache is emptied; that happens only between files,
-// once the block is half used. One slot per hash, the newest kept; the ciphertext is
+// once the block is half used. A text is kept the second time it is read; the first
+// time only its hash is noted, so that the lines one trace alone has (those naming
+// its users) cost no copy. One slot per hash, the newest kept; the ciphertext is
 // compared whole, so a hash that collides (a crafted trace) costs only a miss.
 class TextCache {
 public:
@@ -76,7 +78,8 @@ public:
         return m_block.get() + slot.at + n;
     }
 
-    // Keeps a text the decoder read and checked, while the block has room.
+    // Keeps a text the decoder read and checked, if it was read before (since the hash
+    // last noted in its slot), while the block has room.
     void Keep(std::uint64_t hash, char kind, const std::uint8_t* cipher, std::string_view text);
 
     // Between files: empties the cache once its block is half used.
@@ -94,6 +97,7 @@ private:
     static std::size_t Index(std::uint64_t hash) { return static_cast<std::size_t>(hash >> (64 - kBits)); }
 
     std::vector<Slot> m_slots;
+    std::vector<std::uint64_t> m_seen; // per slot, the hash of the last text read once
     std::unique_ptr<char[]> m_block;
     std::size_t m_used = 0;
 };

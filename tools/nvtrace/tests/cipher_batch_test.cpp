@@ -460,15 +460,17 @@ TEST(StepCacheTest, ABatchEnciphersEachDistinctStepOnceUnlessAnotherTookItsSlotI
 
 namespace {
 
-// A trace of `count` distinct lines of `length` printable bytes each.
-SampleTrace DistinctLines(std::mt19937& rng, std::size_t count, std::size_t length)
+// A trace of `count` distinct lines of `length` printable bytes each, each line
+// `times` times in a row.
+SampleTrace DistinctLines(std::mt19937& rng, std::size_t count, std::size_t length, int times = 2)
 {
     SampleTrace s;
     for (std::size_t i = 0; i < count; ++i) {
         std::string text;
         while (text.size() < length)
             text += static_cast<char>(0x20 + rng() % 0x5F);
-        s.Add(7, 'U', text);
+        for (int k = 0; k < times; ++k)
+            s.Add(7, 'U', text);
     }
     return s;
 }
@@ -558,14 +560,16 @@ TEST(TextCacheTest, CiphertextsOfTheSameHashAreToldApart)
     ASSERT_EQ(nvtrace::TextCache::Hash('U', ca, text.size(), ca + text.size()),
               nvtrace::TextCache::Hash('U', cb, text.size(), cb + text.size()));
 
+    // The first file holds A twice, so that it is kept.
     SampleTrace first, second;
-    first.AddRaw(a);
+    first.AddRaw(a).AddRaw(a);
     second.AddRaw(b);
     nvtrace::TraceDecoder decoder;
     const nvtrace::TraceView& t1 = decoder.Decode(first.bytes().data(), first.bytes().size());
     ASSERT_TRUE(t1.ok) << t1.error;
-    ASSERT_EQ(1u, t1.records.size());
-    EXPECT_EQ(text, t1.records[0].text);
+    ASSERT_EQ(2u, t1.records.size());
+    EXPECT_EQ(text, t1.records[1].text);
+    EXPECT_EQ(2 * text.size(), decoder.Texts().Used());
     const nvtrace::TraceView& t2 = decoder.Decode(second.bytes().data(), second.bytes().size());
     ASSERT_TRUE(t2.ok) << t2.error;
     ASSERT_EQ(1u, t2.records.size());
@@ -574,10 +578,10 @@ TEST(TextCacheTest, CiphertextsOfTheSameHashAreToldApart)
 
 TEST(TextCacheTest, ItsMemoryIsBoundedAndEmptiedOnlyBetweenFiles)
 {
-    // Lines of 300 bytes take 600 in the cache. The first file fills a little under
-    // half of it; the second holds the first's lines (found in the cache) and enough
-    // new ones to fill it: every text of the second, found or kept, stays right to
-    // its end. The third file finds the cache emptied.
+    // Lines of 300 bytes, each twice, take 600 in the cache. The first file fills a
+    // little under half of it; the second holds the first's lines (found in the
+    // cache) and enough new ones to fill it: every text of the second, found or kept,
+    // stays right to its end. The third file finds the cache emptied.
     std::mt19937 rng(2026);
     const std::size_t lines = nvtrace::TextCache::kBlock / 2 / 600 - 1;
     const SampleTrace first = DistinctLines(rng, lines, 300);
@@ -592,11 +596,27 @@ TEST(TextCacheTest, ItsMemoryIsBoundedAndEmptiedOnlyBetweenFiles)
 
     const nvtrace::TraceView& t = decoder.Decode(second.bytes().data(), second.bytes().size());
     ExpectReferenceTexts(second, t, "second file");
-    EXPECT_EQ(3 * lines, t.records.size());
+    EXPECT_EQ(6 * lines, t.records.size());
     EXPECT_LE(decoder.Texts().Used(), nvtrace::TextCache::kBlock);
     EXPECT_GT(decoder.Texts().Used(), nvtrace::TextCache::kBlock - 600);
 
     const SampleTrace third = DistinctLines(rng, 3, 300);
     ExpectReferenceTexts(third, decoder.Decode(third.bytes().data(), third.bytes().size()), "third file");
     EXPECT_EQ(3u * 600, decoder.Texts().Used());
+}
+
+TEST(TextCacheTest, ATextReadOnceIsNotKeptAndOneReadAgainIs)
+{
+    // Lines one trace alone has (a user's SID in them) are not copied: a text is kept
+    // the second time it is read, and found from the third.
+    std::mt19937 rng(11);
+    const SampleTrace once = DistinctLines(rng, 50, 40, 1);
+    nvtrace::TraceDecoder decoder;
+    ExpectReferenceTexts(once, decoder.Decode(once.bytes().data(), once.bytes().size()), "first read");
+    EXPECT_EQ(0u, decoder.Texts().Used());
+    ExpectReferenceTexts(once, decoder.Decode(once.bytes().data(), once.bytes().size()), "second read");
+    EXPECT_EQ(50u * 80, decoder.Texts().Used());
+    ExpectReferenceTexts(once, decoder.Decode(once.bytes().data(), once.bytes().size()), "third read");
+    EXPECT_EQ(50u * 80, decoder.Texts().Used());
+    EXPECT_EQ(0u, decoder.StepsEnciphered());
 }
