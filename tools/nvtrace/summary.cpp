@@ -891,11 +891,15 @@ private:
         if (stack.capacity() == 0)
             stack.reserve(8);
         const ConversionScope kind = ConversionScopeOf(name);
-        Scope scope;
-        if (kind == ConversionScope::Operation || (kind == ConversionScope::FormatStep && Innermost(stack) < 0))
-            scope.conversion = static_cast<long>(m_conversions++);
-        scope.innermost = scope.conversion >= 0 ? scope.conversion : Innermost(stack);
-        stack.push_back(std::move(scope));
+        const long outer = Innermost(stack);
+        long conversion = -1;
+        if (kind == ConversionScope::Operation || (kind == ConversionScope::FormatStep && outer < 0))
+            conversion = static_cast<long>(m_conversions++);
+        // Field by field in place: a scope built aside and moved in stalled on reading
+        // back the narrow stores just made.
+        Scope& scope = stack.emplace_back();
+        scope.conversion = conversion;
+        scope.innermost = conversion >= 0 ? conversion : outer;
     }
 
     static long Innermost(const ScopeStack& stack) { return stack.empty() ? -1 : stack.back().innermost; }
@@ -904,10 +908,11 @@ private:
     {
         if (stack.empty())
             return;
-        const Scope scope = std::move(stack.back());
+        const bool failed = stack.back().failed;
+        const std::int32_t code = stack.back().failedCode;
         stack.pop_back();
-        if (scope.failed && !stack.empty())
-            stack.back().calleeFailures.Insert(scope.failedCode);
+        if (failed && !stack.empty())
+            stack.back().calleeFailures.Insert(code);
     }
 
     void Arose(std::int32_t code)
