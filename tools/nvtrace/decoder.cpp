@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <functional>
 #include <iterator>
 
 #include "counted.h"
@@ -316,7 +315,7 @@ const TraceView& TraceDecoder::Decode(const std::uint8_t* data, std::size_t size
         const std::size_t textSize = ReadHeads(data, size, pos);
         // Room for the last step's eight-byte store.
         m_text.resize(textSize + 8);
-        UnscrambleAndCheck(data, data + size);
+        UnscrambleAndCheck(data + size);
     }
     return m_trace;
 }
@@ -487,7 +486,7 @@ void TraceDecoder::EncipherMisses(std::uint64_t* streams)
 // later step's is the cipher of the ciphertext step before. Each text is checked
 // as it is unscrambled: the first that the library cannot have written ends the trace
 // there, before any later head's failure.
-void TraceDecoder::UnscrambleAndCheck(const std::uint8_t* data, const std::uint8_t* end)
+void TraceDecoder::UnscrambleAndCheck(const std::uint8_t* end)
 {
     std::uint64_t firstStep;
     std::memcpy(&firstStep, m_firstStep, 8);
@@ -497,11 +496,11 @@ void TraceDecoder::UnscrambleAndCheck(const std::uint8_t* data, const std::uint8
     for (std::size_t i = 0; i < records.size(); ++i) {
         RecordView& r = records[i];
         // The records' texts are still the scrambled ones in the file, but for those
-        // the text cache gave (never empty; an empty text at the file's end points there).
+        // the text cache gave, checked when they were kept.
+        if (m_texts.Holds(r.text.data()))
+            continue;
         const std::uint8_t* in = reinterpret_cast<const std::uint8_t*>(r.text.data());
         const std::size_t n = r.text.size();
-        if (n > 0 && (std::less<const std::uint8_t*>()(in, data) || !std::less<const std::uint8_t*>()(in, end)))
-            continue;
         // Whether the text is printable ASCII and not empty, as CheckText's first look
         // asks of scope names and lines, found word by word as it is unscrambled.
         bool printable = n > 0;
@@ -534,13 +533,15 @@ void TraceDecoder::UnscrambleAndCheck(const std::uint8_t* data, const std::uint8
     }
 }
 
-TextCache::TextCache() : m_slots(std::size_t(1) << kBits), m_seen(m_slots.size()), m_block(new char[kBlock]) {}
+TextCache::TextCache() : m_slots(std::size_t(1) << kBits), m_seen(m_slots.size()) {}
 
 std::uint64_t TextCache::Hash(char kind, const std::uint8_t* text, std::size_t n, const std::uint8_t* end)
 {
     constexpr std::uint64_t k = 0x9E3779B97F4A7C15u;
     std::uint64_t first = 0, last = 0;
-    if (n >= 8) {
+    if (n == 0) {
+        // Nothing to read (and no mask of no bytes).
+    } else if (n >= 8) {
         std::memcpy(&first, text, 8);
         std::memcpy(&last, text + n - 8, 8);
     } else if (end - text >= 8) {
@@ -566,6 +567,8 @@ void TextCache::Keep(std::uint64_t hash, char kind, const std::uint8_t* cipher, 
         seen = hash;
         return;
     }
+    if (!m_block)
+        m_block.reset(new char[kBlock]);
     char* at = m_block.get() + m_used;
     std::memcpy(at, cipher, n);
     std::memcpy(at + n, text.data(), n);

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -52,10 +53,12 @@ using TraceView = BasicTrace<RecordView>;
 // neither its key stream nor its checks, and its text is not copied. Each text is
 // kept with its ciphertext in one fixed block of memory, which never moves, so the
 // texts handed out hold until the cache is emptied; that happens only between files,
-// once the block is half used. A text is kept the second time it is read; the first
-// time only its hash is noted, so that the lines one trace alone has (those naming
-// its users) cost no copy. One slot per hash, the newest kept; the ciphertext is
-// compared whole, so a hash that collides (a crafted trace) costs only a miss.
+// once the block is half used. A text is kept the second time it is read (unless
+// another text of its slot was read in between); the first time only its hash is
+// noted, so that the lines one trace alone has (those naming its users) cost no copy.
+// One slot per hash, the newest kept; the ciphertext is compared whole, so a hash
+// that collides (a crafted trace) costs only a miss. The block is taken at the first
+// text kept: a decoder made for one small file need not take it.
 class TextCache {
 public:
     static constexpr unsigned kBits = 12;                 // 4,096 slots
@@ -65,7 +68,8 @@ public:
 
     // The hash a record's ciphertext is found by: its kind, its length, and its first
     // and last eight bytes (every later step depends on all the text before it).
-    // `end` is the end of the file image, which no read passes.
+    // `end` is the end of the file image, which no read passes. The slot it is kept in
+    // is Index(hash).
     static std::uint64_t Hash(char kind, const std::uint8_t* text, std::size_t n, const std::uint8_t* end);
 
     // The kept text of a record of this kind and ciphertext, or null.
@@ -85,7 +89,15 @@ public:
     // Between files: empties the cache once its block is half used.
     void EmptyWhenHalfUsed();
 
+    // Whether a text lies in the cache's block: a text it gave.
+    bool Holds(const char* text) const
+    {
+        const std::less<const char*> before;
+        return m_block && !before(text, m_block.get()) && before(text, m_block.get() + kBlock);
+    }
+
     std::size_t Used() const { return m_used; } // for tests
+    static std::size_t Index(std::uint64_t hash) { return static_cast<std::size_t>(hash >> (64 - kBits)); }
 
 private:
     struct Slot {
@@ -94,7 +106,6 @@ private:
         std::uint16_t n = 0;  // 0: free
         char kind = 0;
     };
-    static std::size_t Index(std::uint64_t hash) { return static_cast<std::size_t>(hash >> (64 - kBits)); }
 
     // memcmp's answer for the kept ciphertext, eight bytes at a time in place: most
     // texts are a few words, and the call cost more than the comparing.
@@ -141,7 +152,7 @@ private:
     bool ReadHeader(const std::uint8_t* data, std::size_t size, std::size_t& pos);
     bool ReadHeaderLines(const std::uint8_t* data, std::size_t size, std::size_t& pos, std::size_t& lines);
     std::size_t ReadHeads(const std::uint8_t* data, std::size_t size, std::size_t pos);
-    void UnscrambleAndCheck(const std::uint8_t* data, const std::uint8_t* end); // the file image
+    void UnscrambleAndCheck(const std::uint8_t* end); // end: of the file image
 
     void EncipherMisses(std::uint64_t* streams);
 

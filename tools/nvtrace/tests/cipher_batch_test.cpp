@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <random>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -482,6 +483,31 @@ void ExpectReferenceTexts(const SampleTrace& s, const nvtrace::TraceView& t, con
         ASSERT_EQ(ReferenceText(s.bytes(), r.offset, r.text.size()), r.text) << what << ", record at " << r.offset;
 }
 
+// The text cache's slot for a record of this kind and text.
+std::size_t SlotOf(char kind, const std::string& text)
+{
+    const std::vector<std::uint8_t> record = nvtrace::EncodeRecord(1, kind, text);
+    const std::uint8_t* cipher = record.data() + nvtrace::kRecordHeadSize;
+    return nvtrace::TextCache::Index(nvtrace::TextCache::Hash(kind, cipher, text.size(), cipher + text.size()));
+}
+
+// How many of the trace's texts (those not empty) the decoder's text cache gave.
+std::size_t FromTheCache(const nvtrace::TraceDecoder& decoder, const nvtrace::TraceView& t)
+{
+    std::size_t n = 0;
+    for (const nvtrace::RecordView& r : t.records)
+        n += !r.text.empty() && decoder.Texts().Holds(r.text.data()) ? 1 : 0;
+    return n;
+}
+
+std::size_t NotEmpty(const nvtrace::TraceView& t)
+{
+    std::size_t n = 0;
+    for (const nvtrace::RecordView& r : t.records)
+        n += r.text.empty() ? 0 : 1;
+    return n;
+}
+
 } // namespace
 
 TEST(TextCacheTest, ATraceReadAgainTakesEveryTextFromTheCacheAndKeepsNothingMore)
@@ -491,6 +517,10 @@ TEST(TextCacheTest, ATraceReadAgainTakesEveryTextFromTheCacheAndKeepsNothingMore
     const std::string texts[] = {"CBaseConverter::Convert", "Retrieve payload", "11/25/26", "09:30:00.125",
                                  "Conversion process began for 'S-1-5-21-1-2-3-1001'"};
     const char kinds[] = {'>', 'U', 't', 'T', 'U'};
+    std::set<std::size_t> slots;
+    for (std::size_t i = 0; i < 5; ++i)
+        slots.insert(SlotOf(kinds[i], texts[i]));
+    ASSERT_EQ(5u, slots.size()) << "two of the texts share a slot";
     SampleTrace s;
     std::size_t bytes = 0;
     for (int round = 0; round < 30; ++round) {
@@ -501,12 +531,15 @@ TEST(TextCacheTest, ATraceReadAgainTakesEveryTextFromTheCacheAndKeepsNothingMore
     }
     nvtrace::TraceDecoder decoder;
     EXPECT_EQ(0u, decoder.Texts().Used());
-    ExpectReferenceTexts(s, decoder.Decode(s.bytes().data(), s.bytes().size()), "first read");
+    const nvtrace::TraceView& first = decoder.Decode(s.bytes().data(), s.bytes().size());
+    ExpectReferenceTexts(s, first, "first read");
+    EXPECT_EQ(0u, FromTheCache(decoder, first));
     EXPECT_EQ(bytes, decoder.Texts().Used());
     const nvtrace::TraceView& again = decoder.Decode(s.bytes().data(), s.bytes().size());
     ExpectReferenceTexts(s, again, "second read");
+    EXPECT_EQ(150u, NotEmpty(again));
+    EXPECT_EQ(150u, FromTheCache(decoder, again));
     EXPECT_EQ(bytes, decoder.Texts().Used());
-    EXPECT_EQ(0u, decoder.StepsEnciphered());
     ASSERT_EQ(300u, again.records.size());
     EXPECT_EQ(texts[4], again.records[299 - 1].text);
 }
@@ -515,12 +548,14 @@ TEST(TextCacheTest, TheSameCiphertextAsAnotherKindIsCheckedAsThatKind)
 {
     // A line may read "13/01/26"; a date record may not. Scrambling does not depend
     // on the kind, so both records have the same ciphertext.
+    // The line comes twice, so that it is kept.
     SampleTrace line, date;
-    line.Add(1, 'U', "13/01/26");
+    line.Add(1, 'U', "13/01/26").Add(1, 'U', "13/01/26");
     const std::size_t at = date.size();
     date.Add(1, 't', "13/01/26");
     nvtrace::TraceDecoder decoder;
     ASSERT_TRUE(decoder.Decode(line.bytes().data(), line.bytes().size()).ok);
+    ASSERT_EQ(16u, decoder.Texts().Used());
     const nvtrace::TraceView& t = decoder.Decode(date.bytes().data(), date.bytes().size());
     EXPECT_FALSE(t.ok);
     EXPECT_EQ(at, t.errorOffset);
@@ -609,14 +644,71 @@ TEST(TextCacheTest, ATextReadOnceIsNotKeptAndOneReadAgainIs)
 {
     // Lines one trace alone has (a user's SID in them) are not copied: a text is kept
     // the second time it is read, and found from the third.
+    // Fifty lines of 40 bytes, each in a slot of its own.
     std::mt19937 rng(11);
-    const SampleTrace once = DistinctLines(rng, 50, 40, 1);
+    SampleTrace once;
+    std::set<std::size_t> slots;
+    while (slots.size() < 50) {
+        std::string text;
+        while (text.size() < 40)
+            text += static_cast<char>(0x20 + rng() % 0x5F);
+        if (slots.insert(SlotOf('U', text)).second)
+            once.Add(7, 'U', text);
+    }
     nvtrace::TraceDecoder decoder;
     ExpectReferenceTexts(once, decoder.Decode(once.bytes().data(), once.bytes().size()), "first read");
     EXPECT_EQ(0u, decoder.Texts().Used());
-    ExpectReferenceTexts(once, decoder.Decode(once.bytes().data(), once.bytes().size()), "second read");
+    const nvtrace::TraceView& second = decoder.Decode(once.bytes().data(), once.bytes().size());
+    ExpectReferenceTexts(once, second, "second read");
+    EXPECT_EQ(0u, FromTheCache(decoder, second));
     EXPECT_EQ(50u * 80, decoder.Texts().Used());
-    ExpectReferenceTexts(once, decoder.Decode(once.bytes().data(), once.bytes().size()), "third read");
+    const nvtrace::TraceView& third = decoder.Decode(once.bytes().data(), once.bytes().size());
+    ExpectReferenceTexts(once, third, "third read");
+    EXPECT_EQ(50u, FromTheCache(decoder, third));
     EXPECT_EQ(50u * 80, decoder.Texts().Used());
-    EXPECT_EQ(0u, decoder.StepsEnciphered());
+}
+
+TEST(TextCacheTest, AShortTextIsFoundWhereverItLies)
+{
+    // A text of fewer than eight bytes is hashed from a word that runs past it, masked,
+    // where the file goes on, and from its own bytes at the file's very end: both give
+    // the same hash. Kept in the middle of one file, it is found at the end of the
+    // next, and kept at the end of a file, in the middle of the next.
+    SampleTrace middle, last;
+    middle.Add(2, 'U', "abc").Add(2, 'U', "abc").Add(2, '>', "CBaseConverter::Convert");
+    last.Add(2, '<').Add(2, 'U', "abc");
+    for (int keptAtTheEnd = 0; keptAtTheEnd < 2; ++keptAtTheEnd) {
+        const SampleTrace& keep = keptAtTheEnd ? last : middle;
+        const SampleTrace& find = keptAtTheEnd ? middle : last;
+        nvtrace::TraceDecoder decoder;
+        // The end file holds the text once: it is read twice to be kept.
+        for (int read = 0; read < (keptAtTheEnd ? 2 : 1); ++read)
+            ExpectReferenceTexts(keep, decoder.Decode(keep.bytes().data(), keep.bytes().size()), "keeping");
+        ASSERT_EQ(6u, decoder.Texts().Used()) << keptAtTheEnd;
+        const nvtrace::TraceView& t = decoder.Decode(find.bytes().data(), find.bytes().size());
+        ExpectReferenceTexts(find, t, "finding");
+        const std::size_t at = keptAtTheEnd ? 0 : 1;
+        ASSERT_EQ("abc", t.records[at].text) << keptAtTheEnd;
+        EXPECT_TRUE(decoder.Texts().Holds(t.records[at].text.data())) << keptAtTheEnd;
+    }
+}
+
+TEST(TextCacheTest, ADamagedRecordAfterCachedOnesEndsTheTraceThere)
+{
+    SampleTrace good;
+    for (int i = 0; i < 2; ++i)
+        good.Add(1, '>', "CBaseConverter::Convert").Add(1, 'U', "Retrieve payload").Add(1, '<');
+    SampleTrace damaged = good;
+    const std::size_t at = damaged.size();
+    damaged.Add(1, 't', "13/01/26").Add(1, 'U', "Retrieve payload");
+    nvtrace::TraceDecoder decoder;
+    ExpectReferenceTexts(good, decoder.Decode(good.bytes().data(), good.bytes().size()), "good");
+    const nvtrace::TraceView& t = decoder.Decode(damaged.bytes().data(), damaged.bytes().size());
+    EXPECT_FALSE(t.ok);
+    EXPECT_EQ(at, t.errorOffset);
+    EXPECT_NE(std::string::npos, t.error.find("the date record is not mm/dd/yy")) << t.error;
+    ASSERT_EQ(6u, t.records.size());
+    EXPECT_EQ(4u, FromTheCache(decoder, t));
+    for (const nvtrace::RecordView& r : t.records)
+        EXPECT_EQ(ReferenceText(damaged.bytes(), r.offset, r.text.size()), r.text) << "record at " << r.offset;
 }
