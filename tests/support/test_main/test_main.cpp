@@ -4,9 +4,14 @@
 
 #include "exit_file/exit_file.h"
 
-int main(int argc, char** argv)
+namespace {
+
+int RunTests(int argc, char** argv)
 {
-    nvtest::TakeExitFile();
     testing::InitGoogleTest(&argc, argv);
-    return nvtest::ExitWith(RUN_ALL_TESTS());
+    return RUN_ALL_TESTS();
 }
+
+} // namespace
+
+int main(int argc, char** argv) { return nvtest::MainWithExitFile(RunTests, argc, argv); }
