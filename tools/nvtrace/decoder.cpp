@@ -14,6 +14,7 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <new>
 
 #include "counted.h"
 #include "common/teacfb.h"
@@ -143,6 +144,25 @@ bool InRange(std::string_view text, std::size_t at, int low, int high)
     return v >= low && v <= high;
 }
 
+// Whether the month (two digits at monthAt, 1 to 12) of `year` has the day at dayAt:
+// the library writes the clock's date, never February 30th.
+bool RealDay(std::string_view text, std::size_t monthAt, std::size_t dayAt, int year)
+{
+    static constexpr int kDays[12] = {31, 29, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    const int month = (text[monthAt] - '0') * 10 + (text[monthAt + 1] - '0');
+    const int day = (text[dayAt] - '0') * 10 + (text[dayAt + 1] - '0');
+    const bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+    return day <= (month == 2 && !leap ? 28 : kDays[month - 1]);
+}
+
+int YearOf(std::string_view text, std::size_t at, std::size_t digits)
+{
+    int year = 0;
+    for (std::size_t i = 0; i < digits; ++i)
+        year = year * 10 + (text[at + i] - '0');
+    return year;
+}
+
 // A result as the library formats it ("%d"): an optional minus, no leading zero,
 // within 32 bits, and a code the library traces at all: a failure, or a success of
 // facility 9. Sets end to where the number stops.
@@ -204,7 +224,9 @@ const char* CheckText(char kind, std::string_view text)
         return "its text holds a NUL byte";
     switch (kind) {
     case 't':
-        return Matches(text, "dd/dd/dd") && InRange(text, 0, 1, 12) && InRange(text, 3, 1, 31)
+        // Two digits of a year of this century, as the library's clock gives it.
+        return Matches(text, "dd/dd/dd") && InRange(text, 0, 1, 12) && InRange(text, 3, 1, 31) &&
+                       RealDay(text, 0, 3, 2000 + YearOf(text, 6, 2))
                    ? nullptr
                    : "the date record is not mm/dd/yy";
     case 'T':
@@ -213,7 +235,8 @@ const char* CheckText(char kind, std::string_view text)
                    ? nullptr
                    : "the time record is not hh:mm:ss.mmm";
     case 'N':
-        return Matches(text, "dd-dd-dddd") && InRange(text, 0, 1, 12) && InRange(text, 3, 1, 31)
+        return Matches(text, "dd-dd-dddd") && InRange(text, 0, 1, 12) && InRange(text, 3, 1, 31) &&
+                       RealDay(text, 0, 3, YearOf(text, 6, 4))
                    ? nullptr
                    : "the reopen record is not mm-dd-yyyy";
     case '>':
@@ -634,6 +657,19 @@ DecodedTrace Decode(const std::uint8_t* data, std::size_t size)
     return trace;
 }
 
+namespace {
+
+// Why a file is not read: larger than any trace, or more than memory allows.
+std::string TooLarge(const std::string& path, std::uint64_t size)
+{
+    return "'" + path + "' is too large for a trace: " + std::to_string(size) + " bytes (nvtrace reads files of up to " +
+           std::to_string(kMaxTraceFileBytes >> 20) + " MiB)";
+}
+
+std::string OutOfMemory(const std::string& path) { return "not enough memory to read '" + path + "'"; }
+
+} // namespace
+
 #ifdef _WIN32
 namespace {
 
@@ -667,16 +703,36 @@ bool ReadWholeFile(const std::string& path, std::vector<std::uint8_t>& data, std
         error = "cannot open '" + path + "'";
         return false;
     }
-    // The size first, then one read.
+    // The size first, then one read; a file that tells no size is read in chunks.
     in.seekg(0, std::ios::end);
     const std::streamoff size = in.tellg();
     in.seekg(0, std::ios::beg);
-    if (size > 0) {
-        data.resize(static_cast<std::size_t>(size));
-        in.read(reinterpret_cast<char*>(data.data()), static_cast<std::streamsize>(size));
-        data.resize(static_cast<std::size_t>(in.gcount()));
-    } else {
-        data.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    if (size > 0 && static_cast<std::uint64_t>(size) > kMaxTraceFileBytes) {
+        error = TooLarge(path, static_cast<std::uint64_t>(size));
+        return false;
+    }
+    try {
+        if (size > 0) {
+            data.resize(static_cast<std::size_t>(size));
+            in.read(reinterpret_cast<char*>(data.data()), static_cast<std::streamsize>(size));
+            data.resize(static_cast<std::size_t>(in.gcount()));
+        } else {
+            constexpr std::size_t kChunk = 64 * 1024;
+            data.clear();
+            while (in && data.size() <= kMaxTraceFileBytes) {
+                const std::size_t have = data.size();
+                data.resize(have + kChunk);
+                in.read(reinterpret_cast<char*>(data.data() + have), static_cast<std::streamsize>(kChunk));
+                data.resize(have + static_cast<std::size_t>(in.gcount()));
+            }
+            if (data.size() > kMaxTraceFileBytes) {
+                error = TooLarge(path, data.size());
+                return false;
+            }
+        }
+    } catch (const std::bad_alloc&) {
+        error = OutOfMemory(path);
+        return false;
     }
     if (in.bad()) {
         error = "cannot read '" + path + "'";
@@ -706,13 +762,15 @@ private:
 
 // Reads the file into data: `size` bytes (fewer if it ends sooner; one read when it
 // does not), or, for a file that tells no size (size 0, as some system files), until
-// its end. False on a read error.
+// its end or past kMaxTraceFileBytes. False on a read error.
 bool ReadInto(int fd, std::vector<std::uint8_t>& data, std::size_t size)
 {
     constexpr std::size_t kChunk = 64 * 1024;
     std::size_t have = 0;
     data.resize(size);
     while (size == 0 || have < size) {
+        if (size == 0 && have > kMaxTraceFileBytes)
+            break;
         if (size == 0 && data.size() - have < kChunk)
             data.resize(have + kChunk);
         const ssize_t n = ::read(fd, data.data() + have, data.size() - have);
@@ -750,9 +808,22 @@ bool ReadWholeFile(const std::string& path, std::vector<std::uint8_t>& data, std
         error = "'" + path + "' is not a file";
         return false;
     }
+    if (static_cast<std::uint64_t>(st.st_size) > kMaxTraceFileBytes) {
+        error = TooLarge(path, static_cast<std::uint64_t>(st.st_size));
+        return false;
+    }
     // One read of the size the file has now.
-    if (!ReadInto(fd.get(), data, static_cast<std::size_t>(st.st_size))) {
-        error = "cannot read '" + path + "'";
+    try {
+        if (!ReadInto(fd.get(), data, static_cast<std::size_t>(st.st_size))) {
+            error = "cannot read '" + path + "'";
+            return false;
+        }
+    } catch (const std::bad_alloc&) {
+        error = OutOfMemory(path);
+        return false;
+    }
+    if (data.size() > kMaxTraceFileBytes) {
+        error = TooLarge(path, data.size());
         return false;
     }
     return true;
@@ -766,12 +837,84 @@ std::string CanonicalLine(const Record& record)
     return std::string(1, record.kind) + " " + record.text;
 }
 
-std::string Printable(const std::string& text)
+std::size_t Utf8Length(std::string_view s, std::size_t at, std::uint32_t* codePoint)
+{
+    const unsigned char c = static_cast<unsigned char>(s[at]);
+    std::size_t n;
+    unsigned char lo = 0x80, hi = 0xBF; // range of the second byte
+    std::uint32_t cp;
+    if (c < 0x80) {
+        if (codePoint)
+            *codePoint = c;
+        return 1;
+    }
+    if (c >= 0xC2 && c <= 0xDF) {
+        n = 2;
+        cp = c & 0x1Fu;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+        n = 3;
+        cp = c & 0x0Fu;
+        if (c == 0xE0)
+            lo = 0xA0;
+        if (c == 0xED)
+            hi = 0x9F;
+    } else if (c >= 0xF0 && c <= 0xF4) {
+        n = 4;
+        cp = c & 0x07u;
+        if (c == 0xF0)
+            lo = 0x90;
+        if (c == 0xF4)
+            hi = 0x8F;
+    } else
+        return 0;
+    if (at + n > s.size())
+        return 0;
+    for (std::size_t i = 1; i < n; ++i) {
+        const unsigned char b = static_cast<unsigned char>(s[at + i]);
+        if (i == 1 ? (b < lo || b > hi) : (b < 0x80 || b > 0xBF))
+            return 0;
+        cp = (cp << 6) | (b & 0x3Fu);
+    }
+    if (codePoint)
+        *codePoint = cp;
+    return n;
+}
+
+bool HiddenCodePoint(std::uint32_t cp)
+{
+    return (cp >= 0x80 && cp <= 0x9F) ||     // C1 controls (U+009B opens an escape sequence)
+           cp == 0x200E || cp == 0x200F ||   // left-to-right and right-to-left marks
+           cp == 0x2028 || cp == 0x2029 ||   // line and paragraph separators
+           (cp >= 0x202A && cp <= 0x202E) || // embeddings and overrides
+           (cp >= 0x2066 && cp <= 0x2069);   // isolates
+}
+
+std::string CodePointEscape(std::uint32_t cp)
+{
+    char buf[16];
+    std::snprintf(buf, sizeof(buf), "\\u%04X", static_cast<unsigned>(cp));
+    return buf;
+}
+
+std::string Printable(std::string_view text)
 {
     std::string out;
     out.reserve(text.size());
-    for (char c : text) {
+    for (std::size_t i = 0; i < text.size();) {
+        const char c = text[i];
         const unsigned char u = static_cast<unsigned char>(c);
+        if (u >= 0x80) {
+            std::uint32_t codePoint = 0;
+            const std::size_t n = Utf8Length(text, i, &codePoint);
+            if (n == 0)
+                out += "\\x" + Hex2(u); // a byte that is no UTF-8
+            else if (HiddenCodePoint(codePoint))
+                out += CodePointEscape(codePoint);
+            else
+                out.append(text, i, n);
+            i += n == 0 ? 1 : n;
+            continue;
+        }
         if (c == '\n')
             out += "\\n";
         else if (c == '\r')
@@ -782,6 +925,7 @@ std::string Printable(const std::string& text)
             out += "\\x" + Hex2(u);
         else
             out += c;
+        ++i;
     }
     return out;
 }

@@ -179,7 +179,14 @@ private:
 DecodedTrace Decode(const std::uint8_t* data, std::size_t size);
 DecodedTrace Decode(const std::vector<std::uint8_t>& data);
 
-// Reads a whole file; false (and a message) when it cannot be read.
+// The largest file read as a trace. The library's trace grows by a few hundred bytes
+// a user and a process, so no real trace comes near it; a larger file (a sparse one,
+// say, planted among a fleet's traces) is refused unread, since reading it would take
+// its whole size in memory and more again for its records.
+constexpr std::uint64_t kMaxTraceFileBytes = std::uint64_t(256) << 20;
+
+// Reads a whole file; false (and a message) when it cannot be read: it does not open,
+// is no plain file, is larger than kMaxTraceFileBytes, or memory runs out.
 bool ReadWholeFile(const std::string& path, std::vector<std::uint8_t>& data, std::string& error);
 
 bool IsKnownKind(char kind);
@@ -194,7 +201,22 @@ std::vector<std::uint8_t> EncodeRecord(std::uint32_t thread, char kind, const st
 // The text form tests compare: "> name", "<", "U text", "E text"; other kinds "t text" etc.
 std::string CanonicalLine(const Record& record);
 
-// Control characters shown as escapes, so one record stays one line.
-std::string Printable(const std::string& text);
+// Text from a trace (or a file name) as outputs for people show it: one record stays
+// one line and nothing in it acts on the terminal or reorders what is around it.
+// Control characters as \n, \r, \t or \xNN; a byte that is no UTF-8 as \xNN; the
+// hidden code points below as \uXXXX; every other character as it is.
+std::string Printable(std::string_view text);
+
+// The UTF-8 sequence at `at`: its length, 0 when it is none (a stray byte, an
+// overlong form, a surrogate, a sequence cut by the end), and its code point.
+std::size_t Utf8Length(std::string_view s, std::size_t at, std::uint32_t* codePoint = nullptr);
+
+// A code point that acts on the text around it instead of showing: the C1 controls,
+// the marks, embeddings, overrides and isolates that reorder text, and the line and
+// paragraph separators.
+bool HiddenCodePoint(std::uint32_t cp);
+
+// "\u202E": how such a code point is shown.
+std::string CodePointEscape(std::uint32_t cp);
 
 } // namespace nvtrace

@@ -57,41 +57,6 @@ svg .fail { fill: #c0392b; } svg .failline { stroke: #c0392b; stroke-width: 1; o
 
 void AppendReplacement(std::string& out) { out += "\xEF\xBF\xBD"; }
 
-// The length of the UTF-8 sequence at `at`, 0 when it is none (overlong forms and
-// surrogates included).
-std::size_t Utf8Length(const std::string& s, std::size_t at)
-{
-    const unsigned char c = static_cast<unsigned char>(s[at]);
-    std::size_t n;
-    unsigned char lo = 0x80, hi = 0xBF; // range of the second byte
-    if (c < 0x80)
-        return 1;
-    if (c >= 0xC2 && c <= 0xDF)
-        n = 2;
-    else if (c >= 0xE0 && c <= 0xEF) {
-        n = 3;
-        if (c == 0xE0)
-            lo = 0xA0;
-        if (c == 0xED)
-            hi = 0x9F;
-    } else if (c >= 0xF0 && c <= 0xF4) {
-        n = 4;
-        if (c == 0xF0)
-            lo = 0x90;
-        if (c == 0xF4)
-            hi = 0x8F;
-    } else
-        return 0;
-    if (at + n > s.size())
-        return 0;
-    for (std::size_t i = 1; i < n; ++i) {
-        const unsigned char b = static_cast<unsigned char>(s[at + i]);
-        if (i == 1 ? (b < lo || b > hi) : (b < 0x80 || b > 0xBF))
-            return 0;
-    }
-    return n;
-}
-
 std::string Escaped(const std::string& text) { return HtmlEscape(text); }
 
 std::string Fixed(double v)
@@ -449,12 +414,16 @@ std::string HtmlEscape(const std::string& text)
                 std::snprintf(buf, sizeof(buf), "\\x%02X", c);
                 out += buf;
             } else if (c >= 0x80) {
-                const std::size_t n = Utf8Length(text, i);
+                std::uint32_t codePoint = 0;
+                const std::size_t n = Utf8Length(text, i, &codePoint);
                 if (n == 0) {
                     AppendReplacement(out);
                     ++i;
                 } else {
-                    out.append(text, i, n);
+                    if (HiddenCodePoint(codePoint))
+                        out += CodePointEscape(codePoint);
+                    else
+                        out.append(text, i, n);
                     i += n;
                 }
                 continue;
@@ -549,7 +518,11 @@ void WriteHtmlReport(const DecodedTrace& trace, const TraceSummary& summary, con
         << "<p class=\"file\">" << Escaped(name);
     if (!timeline.origin.empty())
         out << ", from " << Escaped(timeline.origin);
-    out << ", " << Counted(timeline.processes.size(), "process", "processes") << "</p>\n";
+    out << ", " << Counted(timeline.processes.size(), "process", "processes");
+    if (summary.oneThread)
+        out << "; <strong class=\"one-thread\">thread " << summary.thread
+            << " only</strong>: the other threads' records are left out";
+    out << "</p>\n";
     WriteVerdictSection(summary, timeline, out);
     WriteUsers(summary, out);
     WriteFailures(summary, out);

@@ -78,7 +78,7 @@ void WriteListing(const DecodedTrace& trace, const FormatOptions& options, std::
 {
     if (!options.raw) {
         for (const std::string& line : trace.header)
-            out << line << '\n';
+            out << Printable(line) << '\n';
     }
     std::string date = "--/--/--", time = "--:--:--.---";
     ThreadDepths depths;

@@ -9,6 +9,7 @@
 #include <ostream>
 #include <condition_variable>
 #include <mutex>
+#include <new>
 #include <system_error>
 #include <thread>
 
@@ -66,10 +67,13 @@ std::string CodeAndName(std::uint32_t code)
 }
 
 // One CSV field (RFC 4180). Text that a spreadsheet would run as a formula is
-// prefixed with an apostrophe: machine names and paths come from the files.
+// prefixed with an apostrophe: machine names and paths come from the files. That is
+// text opening with = + - @, or with a tab or CR, which spreadsheets skip before
+// looking for a formula.
 void AppendCsvField(std::string& out, std::string_view text)
 {
-    const bool formula = !text.empty() && (text[0] == '=' || text[0] == '+' || text[0] == '-' || text[0] == '@');
+    const bool formula = !text.empty() && (text[0] == '=' || text[0] == '+' || text[0] == '-' || text[0] == '@' ||
+                                           text[0] == '\t' || text[0] == '\r');
     // Byte by byte with the four compares inline: find_first_of searched the set of
     // four once per byte of every path.
     const bool quoted = std::any_of(text.begin(), text.end(),
@@ -240,13 +244,13 @@ void RollupWriter::Row(const TraceRow& row)
     }
     case RollupFormat::Summary:
         m_out << Padded(row.started.empty() ? "-" : row.started, 23) << "  "
-              << Padded(row.machine.empty() ? "-" : row.machine, 15) << "  "
-              << Padded(row.version.empty() ? "-" : row.version, 10) << "  " << RightAligned(row.moved, 5) << ' '
+              << Padded(row.machine.empty() ? "-" : Printable(row.machine), 15) << "  "
+              << Padded(row.version.empty() ? "-" : Printable(row.version), 10) << "  " << RightAligned(row.moved, 5) << ' '
               << RightAligned(row.movedWithGaps, 5) << ' ' << RightAligned(row.held, 5) << ' '
               << RightAligned(row.failed, 7) << "  " << Padded(row.hasFailure ? CodeAndName(row.firstFailure) : "-", 52)
-              << "  " << row.file;
+              << "  " << Printable(row.file);
         if (row.state != TraceState::Decoded)
-            m_out << "  (" << StateWord(row.state) << ": " << row.problem << ')';
+            m_out << "  (" << StateWord(row.state) << ": " << Printable(row.problem) << ')';
         m_out << '\n';
         break;
     }
@@ -327,13 +331,24 @@ public:
             outcome.row.file = path;
             outcome.row.state = TraceState::Unreadable;
             outcome.row.problem = error;
-            outcome.complaint = "nvtrace: " + error + '\n';
+            outcome.complaint = "nvtrace: " + Printable(error) + '\n';
             return;
         }
-        const TraceView& trace = m_decoder.Decode(m_data.data(), m_data.size());
-        outcome.row = RowOf(path, trace, m_rows, &outcome.codes);
-        if (!trace.ok)
-            outcome.complaint = "nvtrace: " + path + ": " + trace.error + '\n';
+        try {
+            const TraceView& trace = m_decoder.Decode(m_data.data(), m_data.size());
+            outcome.row = RowOf(path, trace, m_rows, &outcome.codes);
+            if (!trace.ok)
+                outcome.complaint = "nvtrace: " + Printable(path + ": " + trace.error) + '\n';
+        } catch (const std::bad_alloc&) {
+            // A file within the size limit whose records need more memory than there
+            // is: that file is unreadable here, the others are still read.
+            outcome.codes.clear();
+            outcome.row = TraceRow();
+            outcome.row.file = path;
+            outcome.row.state = TraceState::Unreadable;
+            outcome.row.problem = "not enough memory to decode '" + path + "'";
+            outcome.complaint = "nvtrace: " + Printable(outcome.row.problem) + '\n';
+        }
     }
 
 private:
@@ -406,7 +421,7 @@ public:
         const std::size_t before = m_files;
         Folder(fs::path(path));
         if (m_files == before)
-            m_sink.Note(std::string("nvtrace: no ") + kTraceExtension + " file in '" + path + "'\n", false);
+            m_sink.Note(std::string("nvtrace: no ") + kTraceExtension + " file in '" + Printable(path) + "'\n", false);
     }
 
 private:
@@ -418,7 +433,7 @@ private:
         for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec))
             entries.push_back(*it);
         if (ec) {
-            m_sink.Note("nvtrace: cannot list '" + folder.string() + "'\n", true);
+            m_sink.Note("nvtrace: cannot list '" + Printable(folder.string()) + "'\n", true);
             return;
         }
         // The entries share the folder's text, so their paths' text orders them as
@@ -433,7 +448,7 @@ private:
                 // link to itself or to an ancestor (a Wine prefix links its drive Z:
                 // to /), and the walk would go round it, or through the whole disk.
                 if (entry.is_symlink(kind)) {
-                    m_sink.Note("nvtrace: '" + entry.path().string() +
+                    m_sink.Note("nvtrace: '" + Printable(entry.path().string()) +
                                     "' is a link to a folder: not followed (name it to read the folder)\n",
                                 false);
                     continue;

@@ -1243,7 +1243,7 @@ void WriteVerdicts(const std::vector<Verdict>& verdicts, std::ostream& out)
         if (v.step.empty())
             out << "no format step ran";
         else
-            out << v.step;
+            out << Printable(v.step);
         if (!v.policy.empty())
             out << ", " << v.policy << " policy";
         if (!v.policy.empty() || v.users) {
@@ -1251,22 +1251,22 @@ void WriteVerdicts(const std::vector<Verdict>& verdicts, std::ostream& out)
                 << v.movedWithGaps << " moved with gaps, " << v.held << " held, " << v.failedUsers << " failed";
         }
         if (v.failed)
-            out << "; the conversion failed: " << DescribeResult(v.result) << " in " << v.failedIn;
+            out << "; the conversion failed: " << DescribeResult(v.result) << " in " << Printable(v.failedIn);
         else if (!v.ended)
             out << "; the trace ends inside the conversion";
         out << '\n';
         for (const VerdictUser& u : v.notPlainlyMoved) {
-            out << "  " << u.sid << "  " << OutcomeWord(u.outcome);
+            out << "  " << Printable(u.sid) << "  " << OutcomeWord(u.outcome);
             if (u.outcome == UserOutcome::Held || u.outcome == UserOutcome::Failed) {
                 if (u.hasCode)
                     out << ": " << DescribeResult(u.code);
                 if (!u.missing.empty())
-                    out << "; missing: " << u.missing;
+                    out << "; missing: " << Printable(u.missing);
             } else if (!u.missing.empty()) {
-                out << "; missing: " << u.missing;
+                out << "; missing: " << Printable(u.missing);
             }
             if (!u.note.empty())
-                out << "; " << u.note;
+                out << "; " << Printable(u.note);
             out << '\n';
         }
     }
@@ -1274,6 +1274,8 @@ void WriteVerdicts(const std::vector<Verdict>& verdicts, std::ostream& out)
 
 void WriteSummary(const TraceSummary& summary, std::ostream& out, std::size_t slowest)
 {
+    if (summary.oneThread)
+        out << "thread " << summary.thread << " only (--thread): the other threads' records are left out\n";
     WriteVerdicts(ComputeVerdicts(summary), out);
 
     // Processes that neither ran an operation nor failed (a status query, a version
@@ -1306,28 +1308,33 @@ void WriteSummary(const TraceSummary& summary, std::ostream& out, std::size_t sl
             out << " (" << quiet.size() << ")";
         if (!quietFrom.empty())
             out << ", started " << quietFrom << (quiet.size() > 1 && quietTo != quietFrom ? " to " + quietTo : "");
-        out << ": only loaded the library (no conversion, no failure)\n";
+        // Of one thread's records, that is all that can be said: the others may have
+        // converted or failed.
+        if (summary.oneThread)
+            out << ": no conversion and no failure in thread " << summary.thread << "'s records\n";
+        else
+            out << ": only loaded the library (no conversion, no failure)\n";
     }
 
     out << "\nfailing results: " << FailingResults(summary) << " (each counted where it arose)\n";
     for (const SummaryFailure& f : summary.failures) {
-        out << "  " << DescribeResult(static_cast<std::uint32_t>(f.code)) << "\n    in " << f.path;
+        out << "  " << DescribeResult(static_cast<std::uint32_t>(f.code)) << "\n    in " << Printable(f.path);
         if (!f.user.empty())
-            out << ", user " << f.user;
+            out << ", user " << Printable(f.user);
         out << "\n    process " << f.process << ", thread " << f.thread;
         if (f.count > 1)
             out << ", " << f.count << " times";
         if (!f.text.empty())
-            out << ", text: " << f.text;
+            out << ", text: " << Printable(f.text);
         if (f.passedUp)
-            out << ", passed up " << Counted(f.passedUp, "scope") << " to " << f.reached;
+            out << ", passed up " << Counted(f.passedUp, "scope") << " to " << Printable(f.reached);
         out << '\n';
     }
 
     if (!summary.emptyValues.empty()) {
         out << "\nvalues the backup refused: " << summary.emptyValues.size() << '\n';
         for (const std::string& v : summary.emptyValues)
-            out << "  " << v << '\n';
+            out << "  " << Printable(v) << '\n';
     }
 
     if (!summary.users.empty()) {
@@ -1340,15 +1347,20 @@ void WriteSummary(const TraceSummary& summary, std::ostream& out, std::size_t sl
         if (withGaps)
             out << " (" << withGaps << " with gaps)";
         out << ", " << summary.users.size() - moved << " kept their old data\n";
+        std::vector<std::string> sids;
+        sids.reserve(summary.users.size());
         std::size_t width = 3;
-        for (const SummaryUser& u : summary.users)
-            width = std::max(width, u.sid.size());
-        out << "  " << "SID" << std::string(width - 3, ' ') << "  status      outcome\n";
         for (const SummaryUser& u : summary.users) {
-            out << "  " << u.sid << std::string(width - u.sid.size(), ' ') << "  ";
+            sids.push_back(Printable(u.sid));
+            width = std::max(width, sids.back().size());
+        }
+        out << "  " << "SID" << std::string(width - 3, ' ') << "  status      outcome\n";
+        for (std::size_t i = 0; i < summary.users.size(); ++i) {
+            const SummaryUser& u = summary.users[i];
+            out << "  " << sids[i] << std::string(width - sids[i].size(), ' ') << "  ";
             out << (u.over ? Hex8(u.status) : std::string("(no end)  ")) << "  ";
             if (u.movedWithGaps()) {
-                out << "moved with gaps: " << u.gaps;
+                out << "moved with gaps: " << Printable(u.gaps);
             } else if (u.moved()) {
                 out << "moved";
                 if (u.over && u.status != 0)
@@ -1359,7 +1371,7 @@ void WriteSummary(const TraceSummary& summary, std::ostream& out, std::size_t sl
                 out << "kept its old data";
                 const CodeText text = DescribeCode(u.status);
                 if (!u.heldFor.empty())
-                    out << ": " << u.heldFor;
+                    out << ": " << Printable(u.heldFor);
                 else if (u.over && u.status != 0 && !text.name.empty())
                     out << ": " << text.name << " \"" << text.message << '"';
             }
@@ -1378,7 +1390,7 @@ void WriteSummary(const TraceSummary& summary, std::ostream& out, std::size_t sl
         std::snprintf(line, sizeof(line), "  %8llu ms  %6zu %-5s  longest %llu ms  ",
                       static_cast<unsigned long long>(s.totalMs), s.calls, s.calls == 1 ? "call" : "calls",
                       static_cast<unsigned long long>(s.longestMs));
-        out << line << s.name << '\n';
+        out << line << Printable(s.name) << '\n';
     }
     if (summary.scopes.empty())
         out << "  none\n";
@@ -1386,7 +1398,7 @@ void WriteSummary(const TraceSummary& summary, std::ostream& out, std::size_t sl
         out << "\nscopes never left: " << summary.unclosedScopes << " (the process ended inside them, or the file is cut)\n";
 }
 
-void WriteJsonLines(const DecodedTrace& trace, std::ostream& out)
+void WriteJsonLines(const DecodedTrace& trace, std::ostream& out, const std::uint32_t* onlyThread)
 {
     using Json = nlohmann::ordered_json;
     Clock clock;
@@ -1402,6 +1414,9 @@ void WriteJsonLines(const DecodedTrace& trace, std::ostream& out)
         } else if (r.kind == 'T') {
             clock.Time(r.text);
         }
+        // The clock and the processes follow every record; a thread's own are written.
+        if (onlyThread && r.thread != *onlyThread)
+            continue;
         int& d = depth[r.thread];
         if (r.kind == '<' && d > 0)
             --d;

@@ -122,6 +122,11 @@ struct TraceSummary {
     // Values the backup refused, from "value "<name>" of <key> is empty: ..." lines,
     // as "<key>: value "<name>" is empty; the backup cannot copy empty values".
     std::vector<std::string> emptyValues;
+    // Set by the caller when the trace was cut down to one thread's records (the
+    // clock's and the processes' records kept): what is said of it is said of that
+    // thread alone.
+    bool oneThread = false;
+    std::uint32_t thread = 0;
 };
 
 TraceSummary Summarize(const DecodedTrace& trace);
@@ -277,6 +282,8 @@ void WriteSummary(const TraceSummary& summary, std::ostream& out, std::size_t sl
 
 // One JSON object per record and line: offset, process, thread, kind, time (the
 // file's clock when the record was written, or null), depth and text.
-void WriteJsonLines(const DecodedTrace& trace, std::ostream& out);
+// With onlyThread, only that thread's records are written (their time and process
+// still read from every record).
+void WriteJsonLines(const DecodedTrace& trace, std::ostream& out, const std::uint32_t* onlyThread = nullptr);
 
 } // namespace nvtrace

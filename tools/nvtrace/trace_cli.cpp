@@ -1,6 +1,8 @@
 #include "trace_cli.h"
 
 #include <algorithm>
+#include <filesystem>
+#include <new>
 #include <ostream>
 #include <string>
 
@@ -12,12 +14,14 @@
 
 namespace nvtrace {
 
+namespace fs = std::filesystem;
+
 namespace {
 
 const char kSynopsis[] =
-    "usage: nvtrace [--raw | --summary | --json] [--thread N] FILE\n"
-    "       nvtrace [--summary | --json | --csv] [--jobs N] FILE|FOLDER...\n"
-    "       nvtrace [--chrome-trace OUT.json] [--html OUT.html] [--thread N] FILE\n";
+    "usage: nvtrace [--raw | --summary | --json] [--thread N] [--] FILE\n"
+    "       nvtrace [--summary | --json | --csv] [--jobs N] [--] FILE|FOLDER...\n"
+    "       nvtrace [--chrome-trace OUT.json] [--html OUT.html] [--thread N] [--] FILE\n";
 
 // After a bad option: the synopsis and where the rest is, not every option again.
 const char kSeeHelp[] = "  (nvtrace --help: every option and the exit codes)\n";
@@ -40,14 +44,20 @@ const char kDetails[] =
     "  --chrome-trace OUT  the scopes per process and thread as a timeline for chrome://tracing\n"
     "              and Perfetto (trace event JSON), with failing results and progress lines\n"
     "  --html OUT  one self-contained page: verdict, users, failing results, timeline\n"
-    "              (OUT \"-\": standard output; either replaces the listing)\n"
+    "              (OUT \"-\": standard output, for one of them alone; either replaces\n"
+    "              the listing; neither may name a trace read)\n"
     "  Several files, or a folder (every *.trc3 under it), with --summary, --json or\n"
     "  --csv: one row per trace (machine, version, start, users moved, with gaps, held,\n"
     "  failed, first failure, damage) and totals with the most frequent failure codes.\n"
     "  --jobs N    read and decode N files at once (default: one per CPU this process may\n"
     "              use, at most 16); rows come in the same order whatever N; 1: one thread\n"
-    "  Exit codes: 0 decoded, 1 usage, 2 unreadable (or no trace found), 3 truncated or\n"
-    "  corrupt (with many files: 3 if any was, else 2 if any could not be read).\n";
+    "  --          the arguments after it are files and folders, even if named \"-...\"\n"
+    "  Text from a trace or a file name is shown with control characters, bytes that are\n"
+    "  no UTF-8 and characters that reorder text escaped (\\n, \\xNN, \\uXXXX); a file over\n"
+    "  256 MiB is not read.\n"
+    "  Exit codes: 0 decoded, 1 usage, 2 unreadable (or no trace found, or the output\n"
+    "  could not be written), 3 truncated or corrupt (with many files: 3 if any was, else\n"
+    "  2 if any could not be read).\n";
 
 // A command line that cannot run: what is wrong, the synopsis, where the rest is.
 // Returns the exit code for it.
@@ -128,11 +138,53 @@ constexpr ModeOption kModeOptions[] = {
     {"--csv", OutputMode::Csv},
 };
 
+// Whether two paths name one file: the same file when both exist, else the same
+// place once made absolute (an output not written yet).
+bool SameFile(const std::string& a, const std::string& b)
+{
+    std::error_code ec;
+    if (fs::equivalent(a, b, ec) && !ec)
+        return true;
+    const fs::path pa = fs::weakly_canonical(a, ec);
+    if (ec)
+        return false;
+    const fs::path pb = fs::weakly_canonical(b, ec);
+    return !ec && pa == pb;
+}
+
+// The file outputs may not overwrite a trace read or each other, and standard output
+// takes one document: a page or an event file written there ("-") goes alone.
+int CheckOutputs(const CliOptions& options, std::ostream& err)
+{
+    const TimelineOutputs& o = options.outputs;
+    const std::string* files[] = {&o.html, &o.chromeTrace};
+    const char* names[] = {"--html", "--chrome-trace"};
+    for (int k = 0; k < 2; ++k) {
+        const std::string& output = *files[k];
+        if (output.empty() || output == "-")
+            continue;
+        for (const std::string& path : options.paths)
+            if (SameFile(output, path))
+                return UsageError(err, std::string(names[k]) + " '" + Printable(output) +
+                                           "' would overwrite a trace it reads");
+    }
+    if (!o.html.empty() && !o.chromeTrace.empty() && (o.html == "-" ? o.chromeTrace == "-" : SameFile(o.html, o.chromeTrace)))
+        return UsageError(err, "--html and --chrome-trace need two outputs");
+    if ((o.html == "-" || o.chromeTrace == "-") && options.modeGiven)
+        return UsageError(err, "an output on standard output (\"-\") goes alone: not with --raw, --summary, --json or --csv");
+    return -1;
+}
+
 // -1 when the command line is complete, else the exit code to return at once.
 int ParseCli(const std::vector<std::string>& args, CliOptions& options, std::ostream& out, std::ostream& err)
 {
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
+        if (a == "--") {
+            // What follows are files and folders, whatever their names begin with.
+            options.paths.insert(options.paths.end(), args.begin() + static_cast<std::ptrdiff_t>(i) + 1, args.end());
+            break;
+        }
         if (a == "--help" || a == "-h") {
             out << kSynopsis << kDetails;
             return 0;
@@ -150,7 +202,10 @@ int ParseCli(const std::vector<std::string>& args, CliOptions& options, std::ost
         } else if (a == "--chrome-trace" || a == "--html") {
             if (i + 1 >= args.size() || args[i + 1].empty())
                 return UsageError(err, a + " needs an output file (\"-\": standard output)");
-            (a == "--html" ? options.outputs.html : options.outputs.chromeTrace) = args[++i];
+            std::string& output = a == "--html" ? options.outputs.html : options.outputs.chromeTrace;
+            if (!output.empty())
+                return UsageError(err, a + " is given twice");
+            output = args[++i];
         } else if (a == "--thread") {
             if (i + 1 >= args.size() || !ParseThread(args[i + 1], options.format.thread))
                 return UsageError(err, "--thread needs a thread id (decimal, or hex with 0x)");
@@ -171,7 +226,7 @@ int ParseCli(const std::vector<std::string>& args, CliOptions& options, std::ost
         err << kSynopsis << kDetails;
         return 1;
     }
-    return -1;
+    return CheckOutputs(options, err);
 }
 
 // Many files, a folder, or --csv: one row per trace instead of one trace in full.
@@ -189,7 +244,7 @@ int RunOneTrace(const CliOptions& options, std::ostream& out, std::ostream& err)
     std::vector<std::uint8_t> data;
     std::string error;
     if (!ReadWholeFile(path, data, error)) {
-        err << "nvtrace: " << error << '\n';
+        err << "nvtrace: " << Printable(error) << '\n';
         return 2;
     }
     DecodedTrace trace = Decode(data);
@@ -199,7 +254,7 @@ int RunOneTrace(const CliOptions& options, std::ostream& out, std::ostream& err)
     // nothing to summarize or draw: a summary would invent a process that loaded the
     // library. Only the reason is given.
     if (summarized && trace.bodyOffset == 0) {
-        err << "nvtrace: " << path << ": " << trace.error << '\n';
+        err << "nvtrace: " << Printable(path + ": " + trace.error) << '\n';
         return 3;
     }
     // What could be decoded is shown even when the file is damaged further on.
@@ -212,12 +267,14 @@ int RunOneTrace(const CliOptions& options, std::ostream& out, std::ostream& err)
                                 trace.records.end());
         }
         // One summary serves the text and the drawings.
-        const TraceSummary summary =
+        TraceSummary summary =
             options.mode == OutputMode::Summary || options.outputs.any() ? Summarize(trace) : TraceSummary();
+        summary.oneThread = options.format.filterThread;
+        summary.thread = options.format.thread;
         if (options.mode == OutputMode::Summary)
             WriteSummary(summary, out);
         else if (options.mode == OutputMode::Json)
-            WriteJsonLines(trace, out);
+            WriteJsonLines(trace, out, options.format.filterThread ? &options.format.thread : nullptr);
         else if (options.mode == OutputMode::Raw)
             WriteListing(trace, options.format, out);
         if (options.outputs.any() && !WriteTimelineOutputs(trace, summary, options.outputs, path, out, err))
@@ -227,15 +284,13 @@ int RunOneTrace(const CliOptions& options, std::ostream& out, std::ostream& err)
     }
     out.flush();
     if (!trace.ok) {
-        err << "nvtrace: " << path << ": " << trace.error << '\n';
+        err << "nvtrace: " << Printable(path + ": " + trace.error) << '\n';
         return 3;
     }
     return 0;
 }
 
-} // namespace
-
-int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream& err)
+int Run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err)
 {
     CliOptions options;
     const int parsed = ParseCli(args, options, out, err);
@@ -256,6 +311,28 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
                                 : options.mode == OutputMode::Json ? RollupFormat::Json
                                                                    : RollupFormat::Summary;
     return RunRollup(options.paths, format, out, err, options.jobs);
+}
+
+} // namespace
+
+int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream& err)
+{
+    int code;
+    try {
+        code = Run(args, out, err);
+    } catch (const std::bad_alloc&) {
+        out.flush();
+        err << "nvtrace: not enough memory\n";
+        return 2;
+    }
+    // An output cut short (a full disk, a closed pipe) is no output: it says so,
+    // whatever the traces were.
+    out.flush();
+    if (!out) {
+        err << "nvtrace: cannot write to standard output: the output is incomplete\n";
+        return 2;
+    }
+    return code;
 }
 
 } // namespace nvtrace

@@ -178,7 +178,7 @@ TEST(NvtraceCliTest, UsageErrors)
         std::vector<std::string> args;
         const char* errStart;
     } cases[] = {
-        {{}, "usage: nvtrace [--raw | --summary | --json] [--thread N] FILE\n"},
+        {{}, "usage: nvtrace [--raw | --summary | --json] [--thread N] [--] FILE\n"},
         {{"--bogus", "x"}, "nvtrace: unknown option '--bogus'\n"},
         {{"--thread"}, "nvtrace: --thread needs a thread id"},
         {{"--thread", "12x", "f"}, nullptr},
@@ -200,9 +200,9 @@ TEST(NvtraceCliTest, UsageErrors)
 
 TEST(NvtraceCliTest, ABadOptionGetsTheSynopsisNotTheWholeHelp)
 {
-    const std::string synopsis = "usage: nvtrace [--raw | --summary | --json] [--thread N] FILE\n"
-                                 "       nvtrace [--summary | --json | --csv] [--jobs N] FILE|FOLDER...\n"
-                                 "       nvtrace [--chrome-trace OUT.json] [--html OUT.html] [--thread N] FILE\n";
+    const std::string synopsis = "usage: nvtrace [--raw | --summary | --json] [--thread N] [--] FILE\n"
+                                 "       nvtrace [--summary | --json | --csv] [--jobs N] [--] FILE|FOLDER...\n"
+                                 "       nvtrace [--chrome-trace OUT.json] [--html OUT.html] [--thread N] [--] FILE\n";
     const CliResult bad = RunTool({"--jobs", "0", "x"});
     EXPECT_EQ(1, bad.code);
     EXPECT_EQ("nvtrace: --jobs needs a number of files to read at once, 1 to 16\n" + synopsis +
