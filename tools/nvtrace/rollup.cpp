@@ -409,7 +409,7 @@ public:
 // for a folder that cannot be listed, holds no trace or is reached through a link.
 class RollupWalk {
 public:
-    explicit RollupWalk(RollupSink& sink) : m_sink(sink) {}
+    RollupWalk(RollupSink& sink, RollupStats* stats) : m_sink(sink), m_stats(stats) {}
 
     void Path(const std::string& path)
     {
@@ -428,10 +428,16 @@ private:
     void Folder(const fs::path& folder)
     {
         std::error_code ec;
-        // The entries keep the kind the listing gave: no extra look at each file.
+        // The entries keep the kind the listing gave: no extra look at each file. Only
+        // what may be read is kept: a folder of other files costs no memory.
         std::vector<fs::directory_entry> entries;
-        for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec))
-            entries.push_back(*it);
+        for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+            std::error_code kind;
+            if (HasTraceExtension(it->path()) || it->is_directory(kind))
+                entries.push_back(*it);
+        }
+        if (m_stats)
+            m_stats->peakListed = std::max(m_stats->peakListed, entries.size());
         if (ec) {
             m_sink.Note("nvtrace: cannot list '" + Printable(folder.string()) + "'\n", true);
             return;
@@ -462,6 +468,7 @@ private:
     }
 
     RollupSink& m_sink;
+    RollupStats* m_stats;
     std::size_t m_files = 0;
 };
 
@@ -682,12 +689,12 @@ int RunRollup(const std::vector<std::string>& paths, RollupFormat format, std::o
         jobs = DefaultRollupJobs();
     if (jobs <= 1) {
         SerialRollup serial(output);
-        RollupWalk walk(serial);
+        RollupWalk walk(serial, stats);
         for (const std::string& path : paths)
             walk.Path(path);
     } else {
         ParallelRollup parallel(output, std::min(jobs, kMaxRollupJobs), stats);
-        RollupWalk walk(parallel);
+        RollupWalk walk(parallel, stats);
         for (const std::string& path : paths)
             walk.Path(path);
         parallel.Finish();

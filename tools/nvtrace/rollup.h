@@ -73,9 +73,10 @@ unsigned DefaultRollupJobs();
 // only, never its bytes (a worker holds the bytes of the one file it reads).
 constexpr std::size_t kRollupWindow = 256;
 
-// What a roll-up with several jobs held at once (tests read it).
+// What a roll-up held at once (tests read it; peakInFlight with several jobs only).
 struct RollupStats {
     std::size_t peakInFlight = 0; // files and notes handed out but not yet written
+    std::size_t peakListed = 0;   // the most entries of one folder's listing held at once
 };
 
 // Every trace named: a file as it is, a folder by every *.trc3 file under it

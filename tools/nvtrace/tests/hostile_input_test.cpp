@@ -292,3 +292,25 @@ TEST(NvtraceHostileInputTest, ArgumentsAfterDoubleDashAreFiles)
     EXPECT_EQ(0, asFile.code) << asFile.err;
     EXPECT_EQ(0u, asFile.out.find("verdict: process 1")) << asFile.out;
 }
+
+// A folder of many other files (a user's downloads, say) costs the walk no memory: only
+// the traces and the folders of a listing are kept for the sorted walk.
+TEST(NvtraceHostileInputTest, AFoldersOtherFilesAreNotKeptWhileItIsRead)
+{
+    TempFolder folder;
+    SampleTrace sample;
+    sample.ConversionStarts(1).UserMoved(1, "S-1-5-21-1-1001").Add(1, '<').Add(1, '<');
+    for (int i = 0; i < 3; ++i)
+        folder.Write("fleet/t" + std::to_string(i) + ".trc3", sample.bytes());
+    folder.Write("fleet/sub/t.TRC3", sample.bytes());
+    for (int i = 0; i < 500; ++i)
+        folder.Write("fleet/other" + std::to_string(i) + ".txt", {'x'});
+    for (const unsigned jobs : {1u, 2u}) {
+        nvtrace::RollupStats stats;
+        std::ostringstream out, err;
+        EXPECT_EQ(0, nvtrace::RunRollup({folder.Path("fleet")}, nvtrace::RollupFormat::Csv, out, err, jobs, &stats))
+            << err.str();
+        EXPECT_EQ(4u, stats.peakListed) << "jobs " << jobs; // three traces and the subfolder
+        EXPECT_NE(std::string::npos, out.str().find("\"4 traces, 0 damaged, 0 unreadable\"")) << out.str();
+    }
+}
