@@ -67,6 +67,8 @@ TEST_F(NvDbGenTest, UsageErrorsExitWith2AndExplainWithoutWriting)
         {L"--format 1.0 --frobnicate", "unknown option '--frobnicate'"},
         {L"--format 1.0 --users20 x", "--users20 takes a number from 0 to 1000000, not 'x'"},
         {L"--format 2.0 --users20 3", "--users20 goes with --format 1.0 (a 2.0 database takes --users)"},
+        {L"--format 1.0 --users 2 --users20 5", "--users20 5 is more than --users 2"},
+        {L"--format 1.0 --users20 13", "--users20 13 is more than --users 12"},
     };
     for (const Case& c : cases) {
         ProcessRun run = Nvdbgen(c.args);

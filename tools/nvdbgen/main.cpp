@@ -122,6 +122,12 @@ int wmain(int argc, wchar_t** argv)
         return UsageError("--format is required%ls");
     if (options.users20 != 0 && options.format != nvwriter::DbFormat::V10)
         return UsageError("--users20 goes with --format 1.0 (a 2.0 database takes --users)%ls");
+    // They are some of the users written, not more of them.
+    if (options.users20 > options.users) {
+        const std::wstring counts = std::to_wstring(options.users20) + L" is more than --users " +
+                                    std::to_wstring(options.users);
+        return UsageError("--users20 %ls", counts.c_str());
+    }
 
     const char* formatText = options.format == nvwriter::DbFormat::V10 ? "1.0" : "2.0";
     const char* viewText = options.view == KEY_WOW64_32KEY ? "32-bit" : "64-bit";
