@@ -103,8 +103,8 @@ std::vector<std::string> StepLines(int step, const char* current, const char* ta
             "FreeLibrary = ok"};
 }
 
-// The lines of a 1.0 step whose Convert fails and is rolled back (or not, as the
-// Rollback line says).
+// The lines of a 1.0 step whose Convert fails, and the installer's Rollback (which
+// cannot reach the 32-bit database: the outcome says so).
 std::vector<std::string> FailedStepLines(const char* convert, const std::string& rollback)
 {
     return {"step 1",
@@ -113,7 +113,7 @@ std::vector<std::string> FailedStepLines(const char* convert, const std::string&
             std::string("Convert = ") + convert,
             "Rollback = " + rollback,
             "step 1 = failed 1.0 -> 2.0",
-            "outcome = rolled back",
+            "outcome = failed, database left as the step stopped",
             "FreeLibrary = ok"};
 }
 

@@ -29,6 +29,7 @@ using namespace nvtest;
 namespace {
 
 constexpr const wchar_t kComponents[] = L"SOFTWARE\\Norvane\\Core\\SysComponents";
+constexpr const wchar_t kBackup10Path[] = L"SOFTWARE\\Norvane\\DB-v1.0";
 
 const std::string kAlreadyConverted =
     "already converted: format 3.0 (no Data and no MainDB under HKLM\\SOFTWARE\\Norvane\\DB)";
@@ -348,16 +349,39 @@ TEST_F(NvdbconvEmptyValueTest, CheckNamesTheKeyAndTheValueAndExits4)
     ExpectSuiteUnchanged(before, __LINE__);
 }
 
+// What a backup stopped half way leaves: a backup key that no "Backup" names.
+const std::string kUnnamedBackup10 =
+    "HKLM\\SOFTWARE\\Norvane\\DB-v1.0 (32-bit view) is there, but no \"Backup\" names it: a backup\n"
+    "  that failed half way (an empty value stops the copy) leaves what it copied, users' records\n"
+    "  and secrets included. cleanup and rollback do not touch it. The next convert copies the\n"
+    "  database into it (merging with what it holds) and removes it when the step succeeds;\n"
+    "  \"nvdbconv check\" names what stops the step. Without a conversion, delete it by hand\n"
+    "  (reg delete <key> /f, with /reg:32 for the 32-bit view).";
+
 TEST_F(NvdbconvEmptyValueTest, ConvertNamesTheKeyAndTheValueWhenTheBackupFails)
 {
     const HRESULT refused = HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY);
     const ProcessRun run = ExitedWith(1, Nvdbconv(L"convert"));
     EXPECT_TRUE(Contains(run.out, RowLine("Convert", Described(refused)) + RowLine("cause", kEmptyValueInMainDb)))
         << run.out;
-    EXPECT_EQ("nvdbconv: Convert failed: " + Described(refused) + ": " + kEmptyValueInMainDb + "\n", run.err);
+    // The copy made before the empty value stays, named by no "Backup": said so.
+    EXPECT_EQ("nvdbconv: Convert failed: " + Described(refused) + ": " + kEmptyValueInMainDb + "\n" +
+                  "nvdbconv: warning: " + kUnnamedBackup10 + "\n",
+              run.err);
     std::wstring version;
     EXPECT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
     EXPECT_EQ(L"1.0", version);
+    EXPECT_TRUE(KeyExists(kBackup10Path, kView32));
+    RegValue backup;
+    EXPECT_FALSE(GetValue(kDbPath, L"Backup", kView32, &backup));
+
+    // status names it with what removes it; cleanup, which cannot, says so too.
+    const ProcessRun status = ExitedWith(0, Nvdbconv(L"status"));
+    EXPECT_TRUE(Contains(status.out, RowLine("unnamed backup", kUnnamedBackup10))) << status.out;
+    const ProcessRun cleanup = ExitedWith(0, Nvdbconv(L"cleanup"));
+    EXPECT_EQ("nvdbconv: warning: " + kUnnamedBackup10 + "\n", cleanup.err);
+    EXPECT_TRUE(KeyExists(kBackup10Path, kView32));
+    EXPECT_EQ(kUnnamedBackup10, Json(Nvdbconv(L"--json status"))["unnamedBackupAdvice"].Text());
 }
 
 // A failed step is labelled by the format it was to reach (not "1.0 -> 1.0"), and
@@ -370,7 +394,10 @@ TEST_F(NvdbconvEmptyValueTest, UpgradeLabelsTheFailedStepByItsTargetAndNamesTheV
                                   "    cause: " + kEmptyValueInMainDb + "\n"))
         << run.out;
     EXPECT_TRUE(Contains(run.out, RowLine("upgrade", "1.0 failed: " + kEmptyValueInMainDb))) << run.out;
-    EXPECT_EQ("nvdbconv: upgrade failed: 1.0 failed: " + kEmptyValueInMainDb + "\n", run.err);
+    // The step's own warning comes through first.
+    EXPECT_EQ("nvdbconv: warning: " + kUnnamedBackup10 + "\nnvdbconv: upgrade failed: 1.0 failed: " +
+                  kEmptyValueInMainDb + "\n",
+              run.err);
 
     run = Nvdbconv(L"--json upgrade");
     EXPECT_EQ(1u, run.exitCode);

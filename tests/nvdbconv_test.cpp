@@ -513,10 +513,79 @@ TEST_F(NvdbconvRollbackTest, WithTheBackupKeyPresentRollsBackFromIt)
     EXPECT_FALSE(doc["refused"].Bool());
     EXPECT_TRUE(doc["backupKey"]["exists"].Bool());
     CheckResult(doc["rollback"], S_OK, "Success.");
+    // The restore took the backup key with it: no warning.
+    EXPECT_TRUE(doc["restored"].Bool());
+    EXPECT_TRUE(doc["notRestoredAdvice"].IsMissing());
+    EXPECT_EQ("", run.err);
     std::wstring restored;
     ASSERT_TRUE(GetString(kDbPath, L"Restored", kView64, &restored));
     EXPECT_EQ(L"yes", restored);
     EXPECT_FALSE(KeyExists(kBackup10, kView32));
+}
+
+namespace {
+
+const std::string kNotRestored =
+    "the database was not restored: it is as it was, and its backup HKLM\\SOFTWARE\\Norvane\\DB-v1.0\n"
+    "  and \"Backup\" are still there. The library's Rollback deletes and restores HKLM\\SOFTWARE\\Norvane\\DB\n"
+    "  in its own (64-bit) view, and this database lives in the 32-bit view, so it changes\n"
+    "  nothing here. Run \"nvdbconv check\", then \"nvdbconv convert\" again: the step copies the\n"
+    "  database into the backup once more (merging with what it holds) and removes the backup\n"
+    "  when it succeeds.";
+
+} // namespace
+
+// The usual database lives in the 32-bit view only, where the library's Rollback (in
+// its own view) cannot reach it: it answers S_OK and changes nothing. nvdbconv says so
+// instead of letting S_OK read as a restore.
+TEST_F(NvdbconvRollbackTest, OnThe32BitDatabaseRollbackRestoresNothingAndSaysSo)
+{
+    Write10(4, 1);
+    SetString(kDbPath, L"Backup", L"SOFTWARE\\Norvane\\DB-v1.0", kView32);
+    SetString(kBackup10, L"Version", L"1.0", kView32);
+    SetString(kBackup10, L"Restored", L"yes", kView32);
+    const RegTree before = Snapshot(kDbPath, kView32);
+    const RegTree backupBefore = Snapshot(kBackup10, kView32);
+
+    const ProcessRun run = Nvdbconv(L"rollback");
+    EXPECT_EQ(0u, run.exitCode) << run.err;
+    EXPECT_TRUE(Contains(run.out, Row("Rollback", "0x00000000 S_OK \"Success.\""))) << run.out;
+    EXPECT_EQ("nvdbconv: warning: " + kNotRestored + "\n", run.err);
+    const RegTree after = Snapshot(kDbPath, kView32);
+    EXPECT_TRUE(before == after) << DiffTrees(before, after);
+    const RegTree backupAfter = Snapshot(kBackup10, kView32);
+    EXPECT_TRUE(backupBefore == backupAfter) << DiffTrees(backupBefore, backupAfter);
+    EXPECT_FALSE(KeyExists(kDbPath, kView64));
+
+    const ProcessRun json = Nvdbconv(L"--json rollback");
+    EXPECT_EQ("nvdbconv: warning: " + kNotRestored + "\n", json.err);
+    const JsonValue doc = Json(json);
+    CheckResult(doc["rollback"], S_OK, "Success.");
+    EXPECT_TRUE(doc["restored"].IsBool());
+    EXPECT_FALSE(doc["restored"].Bool());
+    EXPECT_EQ(kNotRestored, doc["notRestoredAdvice"].Text());
+}
+
+// A step that fails after its backup: Convert's own rollback leaves the database, its
+// backup key and "Backup" as they were, and convert says so and what to run.
+TEST_F(NvdbconvConvertTest, AFailedStepSaysItsBackupIsStillThereAndWhatToRun)
+{
+    Write10(4, 1);
+    ASSERT_TRUE(DeleteTree(L"SOFTWARE\\Norvane\\DB\\MainDB\\Users\\Index\\NameIndex", kView32));
+    const ProcessRun run = Nvdbconv(L"convert");
+    EXPECT_EQ(1u, run.exitCode) << run.out;
+    EXPECT_EQ(0u, run.err.find("nvdbconv: Convert failed: 0x80070002 ")) << run.err;
+    EXPECT_TRUE(Contains(run.err, "\nnvdbconv: warning: " + kNotRestored + "\n")) << run.err;
+    std::wstring backup, version;
+    EXPECT_TRUE(GetString(kDbPath, L"Backup", kView32, &backup));
+    EXPECT_EQ(L"SOFTWARE\\Norvane\\DB-v1.0", backup);
+    EXPECT_TRUE(KeyExists(kBackup10, kView32));
+    EXPECT_TRUE(GetString(kDbPath, L"Version", kView32, &version));
+    EXPECT_EQ(L"1.0", version);
+
+    const ProcessRun json = Nvdbconv(L"--json convert");
+    EXPECT_EQ(1u, json.exitCode);
+    EXPECT_EQ(kNotRestored, Json(json)["backupAdvice"].Text());
 }
 
 TEST_F(NvdbconvRollbackTest, WithoutABackupValueRollbackRunsAndAnswersSFalse)
@@ -1182,5 +1251,44 @@ TEST(JsonReaderTest, ParsesEveryKindAndRejectsWhatIsNotJson)
         EXPECT_FALSE(ParseJson(text, &untouched, &error)) << text;
         EXPECT_EQ(0u, error.find("JSON error at byte ")) << error;
         EXPECT_TRUE(untouched.IsMissing()) << text;
+    }
+}
+
+// The 1.0 -> 2.0 step rewrites every store's name index and fails on a missing one:
+// check finds it first, by the path the step would open, and says the step would fail.
+TEST_F(NvdbconvConvertTest, CheckFindsAMissingNameIndexThatWouldFailTheStep)
+{
+    Write10(4, 1);
+    const std::wstring cache = std::wstring(kDbPath) + L"\\Cache";
+    const std::vector<std::wstring> domains = SubkeyNames(cache.c_str(), kView32);
+    ASSERT_EQ(1u, domains.size());
+    const std::string healthy = Nvdbconv(L"check").out;
+    EXPECT_TRUE(Contains(healthy, Row("verdict", "the 1.0 -> 2.0 step moves no user; nothing stands in its way")))
+        << healthy;
+
+    const std::wstring domainIndex = cache + L"\\" + domains[0] + L"\\Users\\Index\\NameIndex";
+    const std::wstring machineIndex = std::wstring(kDbPath) + L"\\MainDB\\Users\\Index\\NameIndex";
+    for (const std::wstring& index : {domainIndex, machineIndex}) {
+        SCOPED_TRACE(Narrow(index));
+        WipeSuiteKeys();
+        Write10(4, 1);
+        ASSERT_TRUE(KeyExists(index.c_str(), kView32));
+        ASSERT_TRUE(DeleteTree(index.c_str(), kView32));
+        const RegTree before = Snapshot(kDbPath, kView32);
+        const ProcessRun check = Nvdbconv(L"check");
+        EXPECT_EQ(4u, check.exitCode) << check.out;
+        const std::string path = "HKLM\\" + Narrow(index);
+        EXPECT_TRUE(Contains(check.out, Row("name index", "missing: " + path))) << check.out;
+        const std::string verdict = "the 1.0 -> 2.0 step would fail: the name index " + path +
+                                    " is missing (0x80070002), and the database would stay 1.0 with its backup";
+        EXPECT_TRUE(Contains(check.out, Row("verdict", verdict))) << check.out;
+        EXPECT_EQ("nvdbconv: " + verdict + "\n", check.err);
+        EXPECT_EQ(path, Json(Nvdbconv(L"--json check"))["missingNameIndex"].Text());
+        const RegTree after = Snapshot(kDbPath, kView32);
+        EXPECT_TRUE(before == after) << DiffTrees(before, after);
+        // And so it does.
+        const ProcessRun convert = Nvdbconv(L"convert");
+        EXPECT_EQ(1u, convert.exitCode);
+        EXPECT_EQ(0u, convert.err.find("nvdbconv: Convert failed: 0x80070002 ")) << convert.err;
     }
 }

@@ -311,7 +311,7 @@ Section "Upgrade the database"
       ${If} $0 < 0
         Call RollbackIfBackedUp
         ${LogLine} "step $R4 = failed $7 -> $8"
-        ${LogLine} "outcome = rolled back"
+        ${LogLine} "outcome = failed, database left as the step stopped"
         StrCpy $R2 1
         StrCpy $R6 "stop"
       ${Else}

@@ -338,8 +338,8 @@ extern "C" __declspec(dllexport) UINT WINAPI NvRollbackDatabase(MSIHANDLE instal
     Log(install, L"rolling the database back");
     std::wstring backup;
     if (!ReadBackupValue(&backup)) {
-        // Convert restores the database itself when it fails and removes its backup
-        // when it succeeds; either way there is nothing left to restore here.
+        // Convert removes its backup when it succeeds; with no "Backup" there is
+        // nothing to roll back from.
         Log(install, L"no \"Backup\" value: nothing to roll back");
         return ERROR_SUCCESS;
     }

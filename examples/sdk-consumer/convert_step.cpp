@@ -2,8 +2,9 @@
 // import library (CMake: NVDBConv::NVDBConv). NVDBConv.dll picks its step when the
 // process loads it, so run this once per step until it says "converted".
 // Exit codes: 0 converted, or the step ran and every user moved; 4 the step ran
-// but users stayed in the old database; 1 the step failed (the library restored
-// the database) or another process is converting.
+// but users stayed in the old database; 1 the step failed (the database stays as
+// the step left it, with its backup: run again once the cause is fixed) or another
+// process is converting.
 #include <windows.h>
 #include <nvdbconv/nvdbconv.h>
 #include <cstdio>
@@ -60,7 +61,7 @@ int main()
         return 1;
     }
     if (FAILED(hr))
-        return 1; // the library restored the database from its backup
+        return 1; // the database stays as the step left it, with its backup
     const DWORD left = target == NVDBCONV_VERSION_3_0 ? UsersLeft() : 0;
     if (left != 0) {
         std::printf("%lu user(s) kept their old data\n", static_cast<unsigned long>(left));

@@ -54,16 +54,20 @@ extern "C" {
 #define NVDBCONV_EXPORT_DLLGETCLASSOBJECT "DllGetClassObject"
 
 /* Convert: one format step. Backs the database up (the value "Backup" names the
-   copy), converts, then removes the copy on success or restores it on failure.
-   S_OK when the step ran (under the 3.0 step some users may still have stayed:
-   see NVDBCONV_KEY_HELD_USERS and the trace); E_FAIL when the library found no
-   step for the database at load; NV_E_CONVERSION_BUSY when another process holds
-   the conversion; any other failure after the database was restored. */
+   copy), converts, then removes the copy on success or calls Rollback on failure
+   (which cannot reach the 32-bit database: see Rollback). S_OK when the step ran
+   (under the 3.0 step some users may still have stayed: see
+   NVDBCONV_KEY_HELD_USERS and the trace); E_FAIL when the library found no step for
+   the database at load; NV_E_CONVERSION_BUSY when another process holds the
+   conversion; any other failure leaves the database as the step stopped, with its
+   backup and "Backup": the next Convert takes the step again. */
 typedef HRESULT(NVDBCONV_CALL* PFN_NVDBCONV_CONVERT)(void);
-/* Rollback: restores the database from the backup key "Backup" names and deletes
-   that key. S_FALSE when there is no "Backup" (nothing to restore); E_FAIL with no
-   step. It deletes the database before it copies the backup back: call it only
-   when the key that "Backup" names exists. */
+/* Rollback: deletes the database key, copies back the backup key "Backup" names
+   and deletes that key, all in the library's own (64-bit) registry view. The
+   converters keep the database in the 32-bit view, so there it changes nothing and
+   still answers S_OK. S_FALSE when there is no "Backup"; E_FAIL with no step. It
+   deletes the database before it copies the backup back: call it only when the key
+   that "Backup" names exists. */
 typedef HRESULT(NVDBCONV_CALL* PFN_NVDBCONV_ROLLBACK)(void);
 /* Cleanup: deletes the backup key and "Backup"; after the 3.0 step it also
    removes Data and MainDB once no user key is left. S_FALSE with no "Backup". */

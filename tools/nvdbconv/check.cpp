@@ -68,6 +68,12 @@ int Check(Printer& out)
     if (empty)
         out.Row("backup", "would fail: " + EmptyValueText(*empty));
     out.json["emptyValue"] = EmptyValueJson(empty);
+    // The 1.0 step rewrites every store's name index, and stops at a missing one.
+    const std::optional<std::wstring> missingIndex =
+        layout == "1.0" && !empty ? FindMissingNameIndex() : std::optional<std::wstring>();
+    if (missingIndex)
+        out.Row("name index", "missing: HKLM\\" + U8(*missingIndex));
+    out.json["missingNameIndex"] = missingIndex ? Json("HKLM\\" + U8(*missingIndex)) : Json(nullptr);
 
     std::string host;
     if (FAILED(legacy.hostId))
@@ -121,7 +127,10 @@ int Check(Printer& out)
     out.json["users"] = users;
 
     std::string verdict;
-    if (empty)
+    if (missingIndex)
+        verdict = "the 1.0 -> 2.0 step would fail: the name index HKLM\\" + U8(*missingIndex) +
+                  " is missing (0x80070002), and the database would stay 1.0 with its backup";
+    else if (empty)
         verdict = Fmt("the %s -> %s step would fail before converting anything: ", layout.c_str(),
                       layout == "1.0" ? "2.0" : "3.0") +
                   EmptyValueText(*empty);
@@ -138,7 +147,7 @@ int Check(Printer& out)
     out.Row("verdict", verdict);
     out.json["wouldFail"] = failing;
     out.json["verdict"] = verdict;
-    const bool fails = failing || empty;
+    const bool fails = failing || empty || missingIndex;
     if (fails)
         out.Problem(verdict);
     return Finish(out, fails ? kExitUsersRemained : kExitOk);

@@ -22,6 +22,11 @@ int Cleanup(Printer& out, CLibraryHost& host)
     out.Row("backup keys", BackupKeysText(after));
     out.Row("now", Verdict(after));
     out.json["after"] = DatabaseJson(after);
+    const std::string unnamed = hr == S_FALSE ? UnnamedBackupAdvice(after) : std::string();
+    if (!unnamed.empty()) {
+        out.Warning(unnamed);
+        out.json["unnamedBackupAdvice"] = unnamed;
+    }
     return FinishCall(out, "Cleanup", hr);
 }
 

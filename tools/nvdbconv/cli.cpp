@@ -60,7 +60,8 @@ const char* ShortUsageText()
     return "usage: nvdbconv [--dll PATH] [--json] [--quiet] COMMAND\n"
            "  COMMAND: status | check | convert [--progress auto|always|never] [--force] | upgrade [--force]\n"
            "         | rollback [--force] | cleanup\n"
-           "         | register | unregister | trace on|off|show [--verbosity N] [--file PATH] [--new-file]\n"
+           "         | register | unregister | trace on|off|show [--verbosity N] [--file PATH]\n"
+           "           [--append|--new-file]\n"
            "         | store | version | policy [--strict on|off]\n"
            "  nvdbconv --help explains each command.\n";
 }
@@ -86,7 +87,9 @@ const char* UsageText()
            "  upgrade              one Convert per child process until the newest format is reached\n"
            "                       or a step fails\n"
            "      --force          as for convert\n"
-           "  rollback             Rollback: restore the database from the backup key that \"Backup\" names\n"
+           "  rollback             Rollback: delete the database and copy back the backup key that\n"
+           "                       \"Backup\" names, in the library's own (64-bit) view; on a 32-bit\n"
+           "                       database it changes nothing, and nvdbconv says so\n"
            "      --force          roll back even when that backup key is missing (never when\n"
            "                       \"Backup\" names a key that is not DB-v1.0 or DB-v2.0)\n"
            "  cleanup              Cleanup: remove the backup key, and the old per-user data once empty;\n"

@@ -114,6 +114,38 @@ std::string BackupText(const DatabaseState& s)
     return "\"Backup\" = \"" + U8(*s.backupValue) + "\"" + (s.backupForeign ? " (FOREIGN)" : "");
 }
 
+std::string NotRestoredAdvice(const DatabaseState& after, DWORD databaseVersion)
+{
+    if (!NamesOwnBackup(after) || !KeyExists(after.backupValue->c_str(), BackupViewFor(databaseVersion)))
+        return std::string();
+    return Fmt("the database was not restored: it is as it was, and its backup HKLM\\%s\n"
+               "  and \"Backup\" are still there. The library's Rollback deletes and restores HKLM\\%s\n"
+               "  in its own (64-bit) view, and this database lives in the 32-bit view, so it changes\n"
+               "  nothing here. Run \"nvdbconv check\", then \"nvdbconv convert\" again: the step copies the\n"
+               "  database into the backup once more (merging with what it holds) and removes the backup\n"
+               "  when it succeeds.",
+               U8(*after.backupValue).c_str(), U8(kDatabasePath).c_str());
+}
+
+std::string UnnamedBackupAdvice(const DatabaseState& s)
+{
+    if (NamesOwnBackup(s) || s.backupForeign || (!s.backup10 && !s.backup20))
+        return std::string();
+    std::string keys;
+    if (s.backup10)
+        keys = Fmt("HKLM\\%s (%s view)", U8(kBackup10Path).c_str(), ViewName(kBackup10View));
+    if (s.backup20)
+        keys += (keys.empty() ? "" : " and ") +
+                Fmt("HKLM\\%s (%s view)", U8(kBackup20Path).c_str(), ViewName(kBackup20View));
+    return Fmt("%s %s, but no \"Backup\" names it: a backup\n"
+               "  that failed half way (an empty value stops the copy) leaves what it copied, users' records\n"
+               "  and secrets included. cleanup and rollback do not touch it. The next convert copies the\n"
+               "  database into it (merging with what it holds) and removes it when the step succeeds;\n"
+               "  \"nvdbconv check\" names what stops the step. Without a conversion, delete it by hand\n"
+               "  (reg delete <key> /f, with /reg:32 for the 32-bit view).",
+               keys.c_str(), s.backup10 && s.backup20 ? "are there" : "is there");
+}
+
 std::string ForeignBackupAdvice(const DatabaseState& s)
 {
     if (!s.backupForeign)

@@ -136,6 +136,14 @@ int Convert(const Options& o, Printer& out, CLibraryHost& host)
     out.json["after"] = DatabaseJson(after);
     if (FAILED(hr)) {
         out.Problem("Convert failed: " + DescribeResult(hr) + (emptyValueFailed ? ": " + EmptyValueText(*empty) : ""));
+        // What the library's own rollback left: the backup, or a part of one.
+        std::string advice = NotRestoredAdvice(after, l.current);
+        if (advice.empty())
+            advice = UnnamedBackupAdvice(after);
+        if (!advice.empty()) {
+            out.Warning(advice);
+            out.json["backupAdvice"] = advice;
+        }
         return Finish(out, kExitFailed);
     }
     // S_OK does not mean that every user moved, nor that all of a moved user reached

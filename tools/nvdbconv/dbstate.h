@@ -67,6 +67,11 @@ struct EmptyValue {
 // read it from, values before subkeys, in registry order, as the backup copies.
 std::optional<EmptyValue> FindEmptyValue();
 
+// The 1.0 -> 2.0 step rewrites one name index per store (each domain under Cache,
+// and the machine's own under MainDB) and fails on the first it cannot open: that
+// one's path under HKLM, or none when every one opens.
+std::optional<std::wstring> FindMissingNameIndex();
+
 // The view of the backup key that the converter for a database version works with.
 REGSAM BackupViewFor(DWORD databaseVersion);
 

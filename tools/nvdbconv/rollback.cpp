@@ -48,6 +48,13 @@ int Rollback(const Options& o, Printer& out, CLibraryHost& host)
     out.Row("now", Verdict(after));
     out.Row("backup", BackupText(after));
     out.json["after"] = DatabaseJson(after);
+    // S_OK while "Backup" stays: the library's Rollback did not reach the database.
+    const std::string advice = hr == S_OK ? NotRestoredAdvice(after, l.current) : std::string();
+    out.json["restored"] = hr == S_OK && advice.empty();
+    if (!advice.empty()) {
+        out.Warning(advice);
+        out.json["notRestoredAdvice"] = advice;
+    }
     return FinishCall(out, "Rollback", hr);
 }
 

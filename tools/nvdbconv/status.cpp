@@ -57,6 +57,11 @@ int Status(Printer& out, CLibraryHost& host)
         }
     }
     out.json["backupKeyMissing"] = backupMissing;
+    const std::string unnamed = UnnamedBackupAdvice(db);
+    if (!unnamed.empty()) {
+        out.Row("unnamed backup", unnamed);
+        out.json["unnamedBackupAdvice"] = unnamed;
+    }
     const StoreServerState store = ReadStoreServer();
     out.Row("store server", StoreServerText(store) + (store.registered ? "" : " (a 2.0 conversion needs it)"));
     const TraceSettings trace = ReadTraceSettings();
