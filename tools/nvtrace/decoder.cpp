@@ -66,6 +66,45 @@ bool Matches(std::string_view text, const char* pattern)
     return true;
 }
 
+// The UTF-8 character at `at`, which ends before `to`: its length, 0 when there is
+// none (a stray byte, an overlong form, past U+10FFFF, cut by `to`), and its code
+// point. An encoded surrogate half counts only when `surrogates` says so.
+std::size_t Utf8Char(std::string_view text, std::size_t at, std::size_t to, bool surrogates, std::uint32_t* codePoint)
+{
+    const unsigned char c = static_cast<unsigned char>(text[at]);
+    std::size_t n;
+    std::uint32_t lowest;
+    if (c < 0x80) {
+        n = 1;
+        lowest = 0;
+    } else if (c >= 0xC2 && c <= 0xDF) {
+        n = 2;
+        lowest = 0x80;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+        n = 3;
+        lowest = 0x800;
+    } else if (c >= 0xF0 && c <= 0xF4) {
+        n = 4;
+        lowest = 0x10000;
+    } else {
+        return 0;
+    }
+    if (to - at < n)
+        return 0;
+    std::uint32_t value = n == 1 ? c : c & (0xFFu >> (n + 1));
+    for (std::size_t k = 1; k < n; ++k) {
+        const unsigned char t = static_cast<unsigned char>(text[at + k]);
+        if ((t & 0xC0) != 0x80)
+            return 0;
+        value = (value << 6) | (t & 0x3Fu);
+    }
+    if (value < lowest || value > 0x10FFFF || (!surrogates && value >= 0xD800 && value <= 0xDFFF))
+        return 0;
+    if (codePoint)
+        *codePoint = value;
+    return n;
+}
+
 // The longest well-formed UTF-8 prefix of text[from, to): the end of the last whole
 // character. Surrogate halves encoded on their own pass: a wide text cut between
 // the two halves of a pair converts so on some systems.
@@ -79,35 +118,8 @@ std::size_t Utf8End(std::string_view text, std::size_t from, std::size_t to)
             i += 8;
         if (i == to)
             break;
-        const unsigned char c = static_cast<unsigned char>(text[i]);
-        std::size_t n;
-        unsigned lowest;
-        if (c < 0x80) {
-            ++i;
-            continue;
-        }
-        if (c >= 0xC2 && c <= 0xDF) {
-            n = 2;
-            lowest = 0x80;
-        } else if (c >= 0xE0 && c <= 0xEF) {
-            n = 3;
-            lowest = 0x800;
-        } else if (c >= 0xF0 && c <= 0xF4) {
-            n = 4;
-            lowest = 0x10000;
-        } else {
-            return i;
-        }
-        if (to - i < n)
-            return i;
-        unsigned value = c & (0xFFu >> (n + 1));
-        for (std::size_t k = 1; k < n; ++k) {
-            const unsigned char t = static_cast<unsigned char>(text[i + k]);
-            if ((t & 0xC0) != 0x80)
-                return i;
-            value = (value << 6) | (t & 0x3Fu);
-        }
-        if (value < lowest || value > 0x10FFFF)
+        const std::size_t n = Utf8Char(text, i, to, true, nullptr);
+        if (n == 0)
             return i;
         i += n;
     }
@@ -839,45 +851,7 @@ std::string CanonicalLine(const Record& record)
 
 std::size_t Utf8Length(std::string_view s, std::size_t at, std::uint32_t* codePoint)
 {
-    const unsigned char c = static_cast<unsigned char>(s[at]);
-    std::size_t n;
-    unsigned char lo = 0x80, hi = 0xBF; // range of the second byte
-    std::uint32_t cp;
-    if (c < 0x80) {
-        if (codePoint)
-            *codePoint = c;
-        return 1;
-    }
-    if (c >= 0xC2 && c <= 0xDF) {
-        n = 2;
-        cp = c & 0x1Fu;
-    } else if (c >= 0xE0 && c <= 0xEF) {
-        n = 3;
-        cp = c & 0x0Fu;
-        if (c == 0xE0)
-            lo = 0xA0;
-        if (c == 0xED)
-            hi = 0x9F;
-    } else if (c >= 0xF0 && c <= 0xF4) {
-        n = 4;
-        cp = c & 0x07u;
-        if (c == 0xF0)
-            lo = 0x90;
-        if (c == 0xF4)
-            hi = 0x8F;
-    } else
-        return 0;
-    if (at + n > s.size())
-        return 0;
-    for (std::size_t i = 1; i < n; ++i) {
-        const unsigned char b = static_cast<unsigned char>(s[at + i]);
-        if (i == 1 ? (b < lo || b > hi) : (b < 0x80 || b > 0xBF))
-            return 0;
-        cp = (cp << 6) | (b & 0x3Fu);
-    }
-    if (codePoint)
-        *codePoint = cp;
-    return n;
+    return Utf8Char(s, at, s.size(), false, codePoint);
 }
 
 bool HiddenCodePoint(std::uint32_t cp)
