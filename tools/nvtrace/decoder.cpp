@@ -236,21 +236,21 @@ const char* CheckText(char kind, std::string_view text)
         return "its text holds a NUL byte";
     switch (kind) {
     case 't':
+        if (!Matches(text, "dd/dd/dd") || !InRange(text, 0, 1, 12) || !InRange(text, 3, 1, 31))
+            return "the date record is not mm/dd/yy";
         // Two digits of a year of this century, as the library's clock gives it.
-        return Matches(text, "dd/dd/dd") && InRange(text, 0, 1, 12) && InRange(text, 3, 1, 31) &&
-                       RealDay(text, 0, 3, 2000 + YearOf(text, 6, 2))
-                   ? nullptr
-                   : "the date record is not mm/dd/yy";
+        return RealDay(text, 0, 3, 2000 + YearOf(text, 6, 2)) ? nullptr
+                                                               : "the date record names a day its month does not have";
     case 'T':
         return Matches(text, "dd:dd:dd.ddd") && InRange(text, 0, 0, 23) && InRange(text, 3, 0, 59) &&
                        InRange(text, 6, 0, 59)
                    ? nullptr
                    : "the time record is not hh:mm:ss.mmm";
     case 'N':
-        return Matches(text, "dd-dd-dddd") && InRange(text, 0, 1, 12) && InRange(text, 3, 1, 31) &&
-                       RealDay(text, 0, 3, YearOf(text, 6, 4))
-                   ? nullptr
-                   : "the reopen record is not mm-dd-yyyy";
+        if (!Matches(text, "dd-dd-dddd") || !InRange(text, 0, 1, 12) || !InRange(text, 3, 1, 31))
+            return "the reopen record is not mm-dd-yyyy";
+        return RealDay(text, 0, 3, YearOf(text, 6, 4)) ? nullptr
+                                                        : "the reopen record names a day its month does not have";
     case '>':
         // Scope names are the library's own: plain ASCII, never empty.
         if (text.empty())
@@ -671,11 +671,14 @@ DecodedTrace Decode(const std::uint8_t* data, std::size_t size)
 
 namespace {
 
-// Why a file is not read: larger than any trace, or more than memory allows.
+// Why a file is not read: larger than any trace (its size, or 0 for a file that told
+// none and went on past the limit), or more than memory allows.
 std::string TooLarge(const std::string& path, std::uint64_t size)
 {
-    return "'" + path + "' is too large for a trace: " + std::to_string(size) + " bytes (nvtrace reads files of up to " +
-           std::to_string(kMaxTraceFileBytes >> 20) + " MiB)";
+    const std::string limit = std::to_string(kMaxTraceFileBytes >> 20) + " MiB";
+    return "'" + path + "' is too large for a trace: " +
+           (size ? std::to_string(size) + " bytes" : "more than " + limit) + " (nvtrace reads files of up to " +
+           limit + ")";
 }
 
 std::string OutOfMemory(const std::string& path) { return "not enough memory to read '" + path + "'"; }
@@ -719,6 +722,10 @@ bool ReadWholeFile(const std::string& path, std::vector<std::uint8_t>& data, std
     in.seekg(0, std::ios::end);
     const std::streamoff size = in.tellg();
     in.seekg(0, std::ios::beg);
+    if (size < 0 || !in) {
+        error = "cannot read '" + path + "'";
+        return false;
+    }
     if (size > 0 && static_cast<std::uint64_t>(size) > kMaxTraceFileBytes) {
         error = TooLarge(path, static_cast<std::uint64_t>(size));
         return false;
@@ -738,7 +745,7 @@ bool ReadWholeFile(const std::string& path, std::vector<std::uint8_t>& data, std
                 data.resize(have + static_cast<std::size_t>(in.gcount()));
             }
             if (data.size() > kMaxTraceFileBytes) {
-                error = TooLarge(path, data.size());
+                error = TooLarge(path, 0);
                 return false;
             }
         }
@@ -835,7 +842,7 @@ bool ReadWholeFile(const std::string& path, std::vector<std::uint8_t>& data, std
         return false;
     }
     if (data.size() > kMaxTraceFileBytes) {
-        error = TooLarge(path, data.size());
+        error = TooLarge(path, 0);
         return false;
     }
     return true;
@@ -856,11 +863,13 @@ std::size_t Utf8Length(std::string_view s, std::size_t at, std::uint32_t* codePo
 
 bool HiddenCodePoint(std::uint32_t cp)
 {
-    return (cp >= 0x80 && cp <= 0x9F) ||     // C1 controls (U+009B opens an escape sequence)
-           cp == 0x200E || cp == 0x200F ||   // left-to-right and right-to-left marks
-           cp == 0x2028 || cp == 0x2029 ||   // line and paragraph separators
-           (cp >= 0x202A && cp <= 0x202E) || // embeddings and overrides
-           (cp >= 0x2066 && cp <= 0x2069);   // isolates
+    return (cp >= 0x80 && cp <= 0x9F) ||                  // C1 controls (U+009B opens an escape sequence)
+           cp == 0x061C || cp == 0x200E || cp == 0x200F || // the letter marks that set a direction
+           cp == 0x200B || cp == 0xFEFF ||                 // zero-width space, zero-width no-break space
+           (cp >= 0x2060 && cp <= 0x2064) ||               // word joiner and invisible operators
+           cp == 0x2028 || cp == 0x2029 ||                 // line and paragraph separators
+           (cp >= 0x202A && cp <= 0x202E) ||               // embeddings and overrides
+           (cp >= 0x2066 && cp <= 0x2069);                 // isolates
 }
 
 std::string CodePointEscape(std::uint32_t cp)

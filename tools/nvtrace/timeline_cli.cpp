@@ -14,8 +14,10 @@ namespace nvtrace {
 
 namespace {
 
+// Writes one output; `status` takes the line that says so (standard error while
+// standard output carries the other output).
 bool WriteTo(const std::string& path, const std::function<void(std::ostream&)>& write, const std::string& what,
-             std::ostream& out, std::ostream& err)
+             std::ostream& out, std::ostream& status, std::ostream& err)
 {
     if (path == "-") {
         write(out);
@@ -26,10 +28,10 @@ bool WriteTo(const std::string& path, const std::function<void(std::ostream&)>& 
         write(file);
     file.close();
     if (!file) {
-        err << "nvtrace: cannot write '" << path << "'\n";
+        err << "nvtrace: cannot write '" << Printable(path) << "'\n";
         return false;
     }
-    out << "wrote " << path << ": " << what << '\n';
+    status << "wrote " << Printable(path) << ": " << what << '\n';
     return true;
 }
 
@@ -46,13 +48,14 @@ bool WriteTimelineOutputs(const DecodedTrace& trace, const TraceSummary& summary
     const std::string what = Counted(timeline.processes.size(), "process", "processes") + ", " +
                              Counted(timeline.scopes.size(), "scope") + " (" + std::to_string(unfinished) +
                              " never left), " + Counted(failures, "failing result");
+    std::ostream& status = outputs.html == "-" || outputs.chromeTrace == "-" ? err : out;
     bool ok = true;
     if (!outputs.chromeTrace.empty())
         ok = WriteTo(outputs.chromeTrace, [&](std::ostream& o) { WriteChromeTrace(trace, timeline, o); },
-                     "trace events, " + what, out, err) && ok;
+                     "trace events, " + what, out, status, err) && ok;
     if (!outputs.html.empty()) {
         ok = WriteTo(outputs.html, [&](std::ostream& o) { WriteHtmlReport(trace, summary, timeline, name, o); },
-                     "page, " + what, out, err) && ok;
+                     "page, " + what, out, status, err) && ok;
     }
     return ok;
 }

@@ -17,8 +17,8 @@ struct TimelineOutputs {
 struct TraceSummary;
 
 // Writes the outputs asked for; `summary` is the trace's own (Summarize(trace)),
-// `name` the trace file as the user named it. Each file written is reported on `out`
-// in one line. False (and a message on `err`) when an output cannot be written.
+// `name` the trace file as the user named it. Each file written is reported in one
+// line, on `out`, or on `err` when an output goes to standard output. False (and a message on `err`) when an output cannot be written.
 bool WriteTimelineOutputs(const DecodedTrace& trace, const TraceSummary& summary, const TimelineOutputs& outputs,
                           const std::string& name, std::ostream& out, std::ostream& err);
 

@@ -1,5 +1,11 @@
 #include "trace_cli.h"
 
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <sys/stat.h>
+#endif
+
 #include <algorithm>
 #include <filesystem>
 #include <new>
@@ -139,18 +145,54 @@ constexpr ModeOption kModeOptions[] = {
 };
 
 // Whether two paths name one file: the same file when both exist, else the same
-// place once made absolute (an output not written yet).
+// place once made absolute (an output not written yet; on Windows whatever the
+// letters' case). Paths are read as the file functions read them (on Windows the
+// ANSI code page, as ifstream and CreateFileA do).
+#ifdef _WIN32
+bool FileIdentity(const std::string& path, BY_HANDLE_FILE_INFORMATION& info)
+{
+    const HANDLE h = ::CreateFileA(path.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                   OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    if (h == INVALID_HANDLE_VALUE)
+        return false;
+    const bool ok = ::GetFileInformationByHandle(h, &info) != FALSE;
+    ::CloseHandle(h);
+    return ok;
+}
+
+std::string FullPath(const std::string& path)
+{
+    char buffer[4096];
+    const DWORD n = ::GetFullPathNameA(path.c_str(), sizeof(buffer), buffer, nullptr);
+    return n == 0 || n >= sizeof(buffer) ? path : std::string(buffer, n);
+}
+
 bool SameFile(const std::string& a, const std::string& b)
 {
-    std::error_code ec;
-    if (fs::equivalent(a, b, ec) && !ec)
-        return true;
-    const fs::path pa = fs::weakly_canonical(a, ec);
-    if (ec)
-        return false;
-    const fs::path pb = fs::weakly_canonical(b, ec);
-    return !ec && pa == pb;
+    BY_HANDLE_FILE_INFORMATION ia{}, ib{};
+    if (FileIdentity(a, ia) && FileIdentity(b, ib))
+        return ia.dwVolumeSerialNumber == ib.dwVolumeSerialNumber && ia.nFileIndexHigh == ib.nFileIndexHigh &&
+               ia.nFileIndexLow == ib.nFileIndexLow;
+    return ::lstrcmpiA(FullPath(a).c_str(), FullPath(b).c_str()) == 0;
 }
+#else
+bool SameFile(const std::string& a, const std::string& b)
+{
+    struct stat sa{}, sb{};
+    if (::stat(a.c_str(), &sa) == 0 && ::stat(b.c_str(), &sb) == 0)
+        return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+    try {
+        std::error_code ec;
+        const fs::path pa = fs::weakly_canonical(a, ec);
+        if (ec)
+            return false;
+        const fs::path pb = fs::weakly_canonical(b, ec);
+        return !ec && pa == pb;
+    } catch (const std::exception&) {
+        return false; // a path the library cannot take apart names no file it could compare
+    }
+}
+#endif
 
 // The file outputs may not overwrite a trace read or each other, and standard output
 // takes one document: a page or an event file written there ("-") goes alone.
@@ -218,7 +260,7 @@ int ParseCli(const std::vector<std::string>& args, CliOptions& options, std::ost
             options.jobsGiven = true;
             ++i;
         } else if (a.size() > 1 && a[0] == '-')
-            return UsageError(err, "unknown option '" + a + "'"); else {
+            return UsageError(err, "unknown option '" + Printable(a) + "'"); else {
             options.paths.push_back(a);
         }
     }

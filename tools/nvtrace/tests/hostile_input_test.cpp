@@ -5,6 +5,7 @@
 // what it left out.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -60,6 +61,7 @@ TEST(PrintableTest, ControlCharactersBrokenBytesAndReorderingMarksAreEscaped)
     EXPECT_EQ("a\\nb\\r\\tc\\x1B[2J\\x07\\x7F", nvtrace::Printable("a\nb\r\tc\x1b[2J\x07\x7f"));
     EXPECT_EQ("\\u009B31m", nvtrace::Printable("\xC2\x9B" "31m"));                     // C1 CSI
     EXPECT_EQ("\\u202Eexe.txt\\u2066\\u200F\\u2028", nvtrace::Printable("\xE2\x80\xAE" "exe.txt\xE2\x81\xA6\xE2\x80\x8F\xE2\x80\xA8"));
+    EXPECT_EQ("\\u061Cx\\u200Bx\\uFEFFx\\u2060", nvtrace::Printable("\xD8\x9Cx\xE2\x80\x8Bx\xEF\xBB\xBFx\xE2\x81\xA0"));
     EXPECT_EQ("\\x9B\\xC3(", nvtrace::Printable("\x9B\xC3("));                          // no UTF-8
     EXPECT_EQ("\\xE2\\x82", nvtrace::Printable("\xE2\x82"));                            // cut sequence
     EXPECT_EQ("\\xC0\\xAF", nvtrace::Printable("\xC0\xAF"));                            // overlong
@@ -187,6 +189,62 @@ TEST(NvtraceHostileInputTest, OutputThatCannotBeWrittenExitsTwoWhateverTheMode)
     }
 }
 
+// A disk that fills up half way through: what was written is cut short, and the
+// exit code says so.
+class FullAfter : public std::streambuf {
+public:
+    explicit FullAfter(std::size_t room) : m_room(room) {}
+
+private:
+    int_type overflow(int_type c) override
+    {
+        if (m_room == 0 || traits_type::eq_int_type(c, traits_type::eof()))
+            return traits_type::eof();
+        --m_room;
+        return c;
+    }
+    std::size_t m_room;
+};
+
+TEST(NvtraceHostileInputTest, OutputCutShortHalfWayExitsTwo)
+{
+    TempFolder folder;
+    SampleTrace sample;
+    sample.ConversionStarts(1).UserMoved(1, "S-1-5-21-1-1001").Add(1, '<').Add(1, '<');
+    for (int i = 0; i < 20; ++i)
+        folder.Write("t" + std::to_string(i) + ".trc3", sample.bytes());
+    FullAfter disk(400);
+    std::ostream out(&disk);
+    std::ostringstream err;
+    EXPECT_EQ(2, nvtrace::RunCli({"--csv", folder.path()}, out, err));
+    EXPECT_EQ("nvtrace: cannot write to standard output: the output is incomplete\n", err.str());
+    // With room enough, the same run is whole.
+    FullAfter roomy(1 << 20);
+    std::ostream whole(&roomy);
+    std::ostringstream quiet;
+    EXPECT_EQ(0, nvtrace::RunCli({"--csv", folder.path()}, whole, quiet)) << quiet.str();
+}
+
+// A page or an event file on standard output is all that goes there: the line that
+// names the other output goes to standard error.
+TEST(NvtraceHostileInputTest, ADocumentOnStandardOutputIsAllThatGoesThere)
+{
+    TempFolder folder;
+    SampleTrace sample;
+    sample.ConversionStarts(1).UserMoved(1, "S-1-5-21-1-1001").Add(1, '<').Add(1, '<');
+    const std::string file = folder.Write("a.trc3", sample.bytes());
+    const std::string events = folder.Path("events.json");
+    const Result page = RunTool({"--html", "-", "--chrome-trace", events, file});
+    EXPECT_EQ(0, page.code) << page.err;
+    EXPECT_EQ(0u, page.out.find("<!DOCTYPE html>")) << page.out.substr(0, 200);
+    EXPECT_EQ(std::string::npos, page.out.find("wrote ")) << page.out;
+    EXPECT_EQ(0u, page.err.find("wrote " + events + ": trace events, ")) << page.err;
+    const Result json = RunTool({"--chrome-trace", "-", "--html", folder.Path("page.html"), file});
+    EXPECT_EQ(0, json.code) << json.err;
+    EXPECT_EQ('}', json.out.at(json.out.find_last_not_of("\n"))) << json.out;
+    EXPECT_EQ(0u, json.err.find("wrote " + folder.Path("page.html") + ": page, ")) << json.err;
+}
+
 TEST(NvtraceHostileInputTest, OutputsMayNotOverwriteATraceOrEachOtherOrShareStandardOutput)
 {
     TempFolder folder;
@@ -270,9 +328,16 @@ TEST(NvtraceHostileInputTest, DaysThatNoMonthHasAreCorrupt)
     };
     for (const auto& c : cases) {
         SampleTrace sample;
-        sample.Add(1, '>', "A").Add(1, c.kind, c.text);
+        sample.Add(1, '>', "A");
+        const std::size_t at = sample.size();
+        sample.Add(1, c.kind, c.text);
         const nvtrace::DecodedTrace trace = nvtrace::Decode(sample.bytes());
         EXPECT_EQ(c.ok, trace.ok) << c.kind << ' ' << c.text << ": " << trace.error;
+        if (!c.ok) {
+            EXPECT_EQ("corrupt record at byte offset " + std::to_string(at) + ": the " +
+                          (c.kind == 't' ? "date" : "reopen") + " record names a day its month does not have",
+                      trace.error);
+        }
     }
 }
 
