@@ -356,7 +356,8 @@ const std::string kUnnamedBackup10 =
     "  and secrets included. cleanup and rollback do not touch it. The next convert copies the\n"
     "  database into it (merging with what it holds) and removes it when the step succeeds;\n"
     "  \"nvdbconv check\" names what stops the step. Without a conversion, delete it by hand\n"
-    "  (reg delete <key> /f, with /reg:32 for the 32-bit view).";
+    "  (reg delete <key> /f, with /reg:32 for the 32-bit view). (A conversion running right now\n"
+    "  shows the same until it has copied the database and written \"Backup\".)";
 
 TEST_F(NvdbconvEmptyValueTest, ConvertNamesTheKeyAndTheValueWhenTheBackupFails)
 {

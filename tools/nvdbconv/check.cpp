@@ -129,7 +129,8 @@ int Check(Printer& out)
     std::string verdict;
     if (missingIndex)
         verdict = "the 1.0 -> 2.0 step would fail: the name index HKLM\\" + U8(*missingIndex) +
-                  " is missing (0x80070002), and the database would stay 1.0 with its backup";
+                  " is missing (0x80070002); the stores before it would be rewritten already, and \"Version\""
+                  " would stay 1.0 with the backup kept";
     else if (empty)
         verdict = Fmt("the %s -> %s step would fail before converting anything: ", layout.c_str(),
                       layout == "1.0" ? "2.0" : "3.0") +

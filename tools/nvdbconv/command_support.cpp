@@ -114,17 +114,33 @@ std::string BackupText(const DatabaseState& s)
     return "\"Backup\" = \"" + U8(*s.backupValue) + "\"" + (s.backupForeign ? " (FOREIGN)" : "");
 }
 
-std::string NotRestoredAdvice(const DatabaseState& after, DWORD databaseVersion)
+namespace {
+
+// What runs the step again, after a rollback that could not reach the database.
+constexpr const char kRunTheStepAgain[] =
+    "  Run \"nvdbconv check\", then \"nvdbconv convert\" again: the step copies the database into\n"
+    "  the backup once more (merging with what it holds) and removes the backup when it succeeds.";
+
+} // namespace
+
+std::string NotRestoredAdvice(const DatabaseState& after, DWORD databaseVersion, bool afterFailedStep)
 {
     if (!NamesOwnBackup(after) || !KeyExists(after.backupValue->c_str(), BackupViewFor(databaseVersion)))
         return std::string();
+    const std::string backup = U8(*after.backupValue);
+    if (afterFailedStep)
+        return Fmt("the library's rollback did not restore the database: it works in its own (64-bit)\n"
+                   "  view, and this database lives in the 32-bit view. The database is as the step left it\n"
+                   "  (what the step did before it failed stays done; \"Version\" reads %s), and its backup\n"
+                   "  HKLM\\%s and \"Backup\" are still there.\n",
+                   after.version ? U8(*after.version).c_str() : "nothing", backup.c_str()) +
+               kRunTheStepAgain;
     return Fmt("the database was not restored: it is as it was, and its backup HKLM\\%s\n"
                "  and \"Backup\" are still there. The library's Rollback deletes and restores HKLM\\%s\n"
                "  in its own (64-bit) view, and this database lives in the 32-bit view, so it changes\n"
-               "  nothing here. Run \"nvdbconv check\", then \"nvdbconv convert\" again: the step copies the\n"
-               "  database into the backup once more (merging with what it holds) and removes the backup\n"
-               "  when it succeeds.",
-               U8(*after.backupValue).c_str(), U8(kDatabasePath).c_str());
+               "  nothing here.\n",
+               backup.c_str(), U8(kDatabasePath).c_str()) +
+           kRunTheStepAgain;
 }
 
 std::string UnnamedBackupAdvice(const DatabaseState& s)
@@ -142,7 +158,8 @@ std::string UnnamedBackupAdvice(const DatabaseState& s)
                "  and secrets included. cleanup and rollback do not touch it. The next convert copies the\n"
                "  database into it (merging with what it holds) and removes it when the step succeeds;\n"
                "  \"nvdbconv check\" names what stops the step. Without a conversion, delete it by hand\n"
-               "  (reg delete <key> /f, with /reg:32 for the 32-bit view).",
+               "  (reg delete <key> /f, with /reg:32 for the 32-bit view). (A conversion running right now\n"
+               "  shows the same until it has copied the database and written \"Backup\".)",
                keys.c_str(), s.backup10 && s.backup20 ? "are there" : "is there");
 }
 

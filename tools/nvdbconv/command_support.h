@@ -43,14 +43,15 @@ std::string EmptyValueText(const EmptyValue& v);
 // {"key","value"}, or null when there is no empty value.
 Json EmptyValueJson(const std::optional<EmptyValue>& v);
 
-// After a Rollback that answered S_OK, or a Convert that failed: "Backup" (of the
-// library's own) still naming a backup key that is there means the database was not
-// restored (a restore deletes that key). The library's Rollback deletes and restores
-// the database key in its own (64-bit) view while the converters keep the database in
-// the 32-bit view, so it changes nothing there. What is left and what to do; empty
-// when it was restored or there was no backup. databaseVersion: the version the
-// library found at load, which tells the backup's view.
-std::string NotRestoredAdvice(const DatabaseState& after, DWORD databaseVersion);
+// After a Rollback that answered S_OK, or a Convert that failed in its step (whose
+// own rollback then ran): "Backup" (of the library's own) still naming a backup key
+// that is there means the database was not restored (a restore deletes that key).
+// The library's Rollback deletes and restores the database key in its own (64-bit)
+// view while the converters keep the database in the 32-bit view, so it changes
+// nothing there. What is left and what to do; empty when there is no such backup.
+// databaseVersion: the version the library found at load, which tells the backup's
+// view.
+std::string NotRestoredAdvice(const DatabaseState& after, DWORD databaseVersion, bool afterFailedStep);
 // A backup key that no "Backup" names: a backup that failed half way (an empty value)
 // leaves it. What it holds and what removes it; empty when there is none.
 std::string UnnamedBackupAdvice(const DatabaseState& s);

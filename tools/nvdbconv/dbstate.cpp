@@ -6,9 +6,9 @@
 #include "common/regkey.h"
 #include "common/storecontract.h"
 #include "frame/dblayout.h"
+#include "converter2/nameindex.h"
 
-#include <map>
-#include <vector>
+#include <comdef.h>
 
 namespace nvdbconv {
 
@@ -131,35 +131,21 @@ std::optional<EmptyValue> FindEmptyValue() { return FindEmptyValueUnder(kDatabas
 
 std::optional<std::wstring> FindMissingNameIndex()
 {
-    // Store name -> its name index, in the order the step rewrites them (plain
-    // wide-character order): every domain under Cache, then the machine's own, which
-    // takes the place of a domain bearing the computer's name.
-    std::map<std::wstring, std::wstring> indexes;
-    const std::wstring cachePath = std::wstring(kDatabasePath) + L"\\Cache";
-    nv::CNVRegKey cache;
-    if (Open(cachePath.c_str(), kDatabaseView, cache)) {
-        std::vector<wchar_t> name(16384);
-        for (DWORD i = 0;; ++i) {
-            DWORD cch = static_cast<DWORD>(name.size());
-            const LONG r = ::RegEnumKeyExW(cache, i, name.data(), &cch, nullptr, nullptr, nullptr, nullptr);
-            if (r == ERROR_NO_MORE_ITEMS)
-                break;
-            if (r != ERROR_SUCCESS)
-                continue; // the library skips such an index too
-            const std::wstring domain(name.data(), cch);
-            indexes[domain] = L"Cache\\" + domain + L"\\Users\\Index\\NameIndex";
-        }
+    nv::CNVRegKey db;
+    if (!Open(kDatabasePath, kDatabaseView, db))
+        return std::nullopt;
+    // The step's own listing, below the database key opened in the converters' view.
+    nv::NameIndexMap indexes;
+    nv::PolicyKeyList policies;
+    try {
+        nv::CollectNameIndexesAndPolicies(db, 0, nv::EnumRegistrySubkey, indexes, policies);
+    } catch (const _com_error&) {
+        return std::nullopt; // no listing to judge; the step would meet the same error
     }
-    wchar_t computer[MAX_COMPUTERNAME_LENGTH + 1] = {};
-    DWORD size = MAX_COMPUTERNAME_LENGTH + 1;
-    if (::GetComputerNameExW(ComputerNameNetBIOS, computer, &size))
-        indexes[computer] = L"MainDB\\Users\\Index\\NameIndex";
-    else
-        indexes[std::wstring()] = L"MainDB\\Users\\Index\\NameIndex";
     for (const auto& entry : indexes) {
-        const std::wstring path = std::wstring(kDatabasePath) + L"\\" + entry.second;
-        if (!KeyExists(path.c_str(), kDatabaseView))
-            return path;
+        nv::CNVRegKey index;
+        if (index.Open(db, entry.second.c_str(), KEY_READ) != ERROR_SUCCESS)
+            return std::wstring(kDatabasePath) + L"\\" + entry.second;
     }
     return std::nullopt;
 }

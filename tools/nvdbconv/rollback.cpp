@@ -48,9 +48,8 @@ int Rollback(const Options& o, Printer& out, CLibraryHost& host)
     out.Row("now", Verdict(after));
     out.Row("backup", BackupText(after));
     out.json["after"] = DatabaseJson(after);
-    // S_OK while "Backup" stays: the library's Rollback did not reach the database.
-    const std::string advice = hr == S_OK ? NotRestoredAdvice(after, l.current) : std::string();
-    out.json["restored"] = hr == S_OK && advice.empty();
+    // S_OK while the backup stays: the library's Rollback did not reach the database.
+    const std::string advice = hr == S_OK ? NotRestoredAdvice(after, l.current, false) : std::string();
     if (!advice.empty()) {
         out.Warning(advice);
         out.json["notRestoredAdvice"] = advice;
