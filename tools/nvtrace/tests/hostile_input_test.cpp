@@ -54,6 +54,14 @@ SampleTrace ForgingTrace()
     return sample;
 }
 
+// A conversion that moved its one user.
+SampleTrace OneMovedUser()
+{
+    SampleTrace sample;
+    sample.ConversionStarts(1).UserMoved(1, "S-1-5-21-1-1001").Add(1, '<').Add(1, '<');
+    return sample;
+}
+
 } // namespace
 
 TEST(PrintableTest, ControlCharactersBrokenBytesAndReorderingMarksAreEscaped)
@@ -142,8 +150,7 @@ TEST(NvtraceHostileInputTest, CsvGuardsTextOpeningWithATabOrCarriageReturn)
 TEST(NvtraceHostileInputTest, AFileLargerThanAnyTraceIsRefusedUnreadAndTheOthersStillCount)
 {
     TempFolder folder;
-    SampleTrace sample;
-    sample.ConversionStarts(1).UserMoved(1, "S-1-5-21-1-1001").Add(1, '<').Add(1, '<');
+    const SampleTrace sample = OneMovedUser();
     folder.Write("fleet/a.trc3", sample.bytes());
     // Sparse: no disk taken, and nothing of it may be read into memory.
     const std::string huge = folder.Write("fleet/huge.trc3", {});
@@ -174,8 +181,7 @@ TEST(NvtraceHostileInputTest, AFileLargerThanAnyTraceIsRefusedUnreadAndTheOthers
 TEST(NvtraceHostileInputTest, OutputThatCannotBeWrittenExitsTwoWhateverTheMode)
 {
     TempFolder folder;
-    SampleTrace sample;
-    sample.ConversionStarts(1).UserMoved(1, "S-1-5-21-1-1001").Add(1, '<').Add(1, '<');
+    const SampleTrace sample = OneMovedUser();
     const std::string file = folder.Write("a.trc3", sample.bytes());
     const std::vector<std::vector<std::string>> commands = {
         {file}, {"--raw", file}, {"--summary", file}, {"--json", file}, {"--csv", file}, {"--summary", folder.path()},
@@ -209,8 +215,7 @@ private:
 TEST(NvtraceHostileInputTest, OutputCutShortHalfWayExitsTwo)
 {
     TempFolder folder;
-    SampleTrace sample;
-    sample.ConversionStarts(1).UserMoved(1, "S-1-5-21-1-1001").Add(1, '<').Add(1, '<');
+    const SampleTrace sample = OneMovedUser();
     for (int i = 0; i < 20; ++i)
         folder.Write("t" + std::to_string(i) + ".trc3", sample.bytes());
     FullAfter disk(400);
@@ -230,8 +235,7 @@ TEST(NvtraceHostileInputTest, OutputCutShortHalfWayExitsTwo)
 TEST(NvtraceHostileInputTest, ADocumentOnStandardOutputIsAllThatGoesThere)
 {
     TempFolder folder;
-    SampleTrace sample;
-    sample.ConversionStarts(1).UserMoved(1, "S-1-5-21-1-1001").Add(1, '<').Add(1, '<');
+    const SampleTrace sample = OneMovedUser();
     const std::string file = folder.Write("a.trc3", sample.bytes());
     const std::string events = folder.Path("events.json");
     const Result page = RunTool({"--html", "-", "--chrome-trace", events, file});
@@ -248,8 +252,7 @@ TEST(NvtraceHostileInputTest, ADocumentOnStandardOutputIsAllThatGoesThere)
 TEST(NvtraceHostileInputTest, OutputsMayNotOverwriteATraceOrEachOtherOrShareStandardOutput)
 {
     TempFolder folder;
-    SampleTrace sample;
-    sample.ConversionStarts(1).UserMoved(1, "S-1-5-21-1-1001").Add(1, '<').Add(1, '<');
+    const SampleTrace sample = OneMovedUser();
     const std::string file = folder.Write("a.trc3", sample.bytes());
     const std::string page = folder.Path("page.html");
     const struct {
@@ -344,8 +347,7 @@ TEST(NvtraceHostileInputTest, DaysThatNoMonthHasAreCorrupt)
 TEST(NvtraceHostileInputTest, ArgumentsAfterDoubleDashAreFiles)
 {
     TempFolder folder;
-    SampleTrace sample;
-    sample.ConversionStarts(1).UserMoved(1, "S-1-5-21-1-1001").Add(1, '<').Add(1, '<');
+    const SampleTrace sample = OneMovedUser();
     folder.Write("-x.trc3", sample.bytes());
     const std::string cwd = std::filesystem::current_path().string();
     std::filesystem::current_path(folder.path());
@@ -363,8 +365,7 @@ TEST(NvtraceHostileInputTest, ArgumentsAfterDoubleDashAreFiles)
 TEST(NvtraceHostileInputTest, AFoldersOtherFilesAreNotKeptWhileItIsRead)
 {
     TempFolder folder;
-    SampleTrace sample;
-    sample.ConversionStarts(1).UserMoved(1, "S-1-5-21-1-1001").Add(1, '<').Add(1, '<');
+    const SampleTrace sample = OneMovedUser();
     for (int i = 0; i < 3; ++i)
         folder.Write("fleet/t" + std::to_string(i) + ".trc3", sample.bytes());
     folder.Write("fleet/sub/t.TRC3", sample.bytes());
