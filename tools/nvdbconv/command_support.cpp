@@ -153,14 +153,15 @@ std::string UnnamedBackupAdvice(const DatabaseState& s)
     if (s.backup20)
         keys += (keys.empty() ? "" : " and ") +
                 Fmt("HKLM\\%s (%s view)", U8(kBackup20Path).c_str(), ViewName(kBackup20View));
-    return Fmt("%s %s, but no \"Backup\" names it: a backup\n"
+    const bool both = s.backup10 && s.backup20;
+    return Fmt("%s %s, but no \"Backup\" names %s: a backup\n"
                "  that failed half way (an empty value stops the copy) leaves what it copied, users' records\n"
                "  and secrets included. cleanup and rollback do not touch it. The next convert copies the\n"
                "  database into it (merging with what it holds) and removes it when the step succeeds;\n"
                "  \"nvdbconv check\" names what stops the step. Without a conversion, delete it by hand\n"
                "  (reg delete <key> /f, with /reg:32 for the 32-bit view). (A conversion running right now\n"
                "  shows the same until it has copied the database and written \"Backup\".)",
-               keys.c_str(), s.backup10 && s.backup20 ? "are there" : "is there");
+               keys.c_str(), both ? "are there" : "is there", both ? "them" : "it");
 }
 
 std::string ForeignBackupAdvice(const DatabaseState& s)
