@@ -1296,3 +1296,15 @@ TEST_F(NvdbconvConvertTest, CheckFindsAMissingNameIndexThatWouldFailTheStep)
         EXPECT_EQ(0u, convert.err.find("nvdbconv: Convert failed: 0x80070002 ")) << convert.err;
     }
 }
+
+// Convert's answers before any backup: after them convert says nothing of a backup,
+// which may be another process's.
+TEST(NvdbconvResultTest, ConvertMadeNoBackupOnlyWhenBusyWithoutAStepOrNotAllowed)
+{
+    EXPECT_TRUE(nvdbconv::ConvertMadeNoBackup(static_cast<HRESULT>(0x800700AAL))); // NV_E_CONVERSION_BUSY
+    EXPECT_TRUE(nvdbconv::ConvertMadeNoBackup(E_FAIL));
+    EXPECT_TRUE(nvdbconv::ConvertMadeNoBackup(E_ACCESSDENIED));
+    EXPECT_FALSE(nvdbconv::ConvertMadeNoBackup(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)));
+    EXPECT_FALSE(nvdbconv::ConvertMadeNoBackup(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY)));
+    EXPECT_FALSE(nvdbconv::ConvertMadeNoBackup(E_POINTER));
+}

@@ -7,7 +7,6 @@
 #include <nlohmann/json.hpp>
 
 #include "move_outcome.h"
-#include "frame/conversionlock.h"
 #include "progress.h"
 #include "result_codes.h"
 
@@ -137,10 +136,8 @@ int Convert(const Options& o, Printer& out, CLibraryHost& host)
     out.json["after"] = DatabaseJson(after);
     if (FAILED(hr)) {
         out.Problem("Convert failed: " + DescribeResult(hr) + (emptyValueFailed ? ": " + EmptyValueText(*empty) : ""));
-        // What the library's own rollback left: the backup, or a part of one. Not for
-        // a Convert that made no backup: busy (the backup there may be another
-        // process's), no step, or not allowed.
-        const bool stepRan = hr != nvframe::NV_E_CONVERSION_BUSY && hr != E_FAIL && hr != E_ACCESSDENIED;
+        // What the library's own rollback left: the backup, or a part of one.
+        const bool stepRan = !ConvertMadeNoBackup(hr);
         std::string advice = stepRan ? NotRestoredAdvice(after, l.current, true) : std::string();
         if (stepRan && advice.empty())
             advice = UnnamedBackupAdvice(after);

@@ -140,4 +140,9 @@ std::optional<HRESULT> ResultFromJson(const Json& result)
     return static_cast<HRESULT>(v);
 }
 
+bool ConvertMadeNoBackup(HRESULT hr)
+{
+    return hr == nvframe::NV_E_CONVERSION_BUSY || hr == E_FAIL || hr == E_ACCESSDENIED;
+}
+
 } // namespace nvdbconv

@@ -31,4 +31,9 @@ Json ResultJson(HRESULT hr, const char* call = nullptr);
 // when it is not one.
 std::optional<HRESULT> ResultFromJson(const Json& result);
 
+// The answers Convert gives before it backs anything up: another process holds the
+// conversion (a backup there may be that one's), the library found no step, or the
+// caller may not convert. After any other failure the step ran, and its rollback.
+bool ConvertMadeNoBackup(HRESULT hr);
+
 } // namespace nvdbconv

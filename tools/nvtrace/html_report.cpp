@@ -519,8 +519,8 @@ void WriteHtmlReport(const DecodedTrace& trace, const TraceSummary& summary, con
     if (!timeline.origin.empty())
         out << ", from " << Escaped(timeline.origin);
     out << ", " << Counted(timeline.processes.size(), "process", "processes");
-    if (summary.oneThread)
-        out << "; <strong class=\"one-thread\">thread " << summary.thread
+    if (summary.onlyThread)
+        out << "; <strong class=\"one-thread\">thread " << *summary.onlyThread
             << " only</strong>: the other threads' records are left out";
     out << "</p>\n";
     WriteVerdictSection(summary, timeline, out);

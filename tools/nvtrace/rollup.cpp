@@ -245,7 +245,8 @@ void RollupWriter::Row(const TraceRow& row)
     case RollupFormat::Summary:
         m_out << Padded(row.started.empty() ? "-" : row.started, 23) << "  "
               << Padded(row.machine.empty() ? "-" : Printable(row.machine), 15) << "  "
-              << Padded(row.version.empty() ? "-" : Printable(row.version), 10) << "  " << RightAligned(row.moved, 5) << ' '
+              << Padded(row.version.empty() ? "-" : Printable(row.version), 10) << "  "
+              << RightAligned(row.moved, 5) << ' '
               << RightAligned(row.movedWithGaps, 5) << ' ' << RightAligned(row.held, 5) << ' '
               << RightAligned(row.failed, 7) << "  " << Padded(row.hasFailure ? CodeAndName(row.firstFailure) : "-", 52)
               << "  " << Printable(row.file);
@@ -327,11 +328,7 @@ public:
         outcome.complaint.clear();
         std::string error;
         if (!ReadWholeFile(path, m_data, error)) {
-            outcome.row = TraceRow();
-            outcome.row.file = path;
-            outcome.row.state = TraceState::Unreadable;
-            outcome.row.problem = error;
-            outcome.complaint = "nvtrace: " + Printable(error) + '\n';
+            Unreadable(path, error, outcome);
             return;
         }
         try {
@@ -343,15 +340,20 @@ public:
             // A file within the size limit whose records need more memory than there
             // is: that file is unreadable here, the others are still read.
             outcome.codes.clear();
-            outcome.row = TraceRow();
-            outcome.row.file = path;
-            outcome.row.state = TraceState::Unreadable;
-            outcome.row.problem = "not enough memory to decode '" + path + "'";
-            outcome.complaint = "nvtrace: " + Printable(outcome.row.problem) + '\n';
+            Unreadable(path, "not enough memory to decode '" + path + "'", outcome);
         }
     }
 
 private:
+    static void Unreadable(const std::string& path, const std::string& why, FileOutcome& outcome)
+    {
+        outcome.row = TraceRow();
+        outcome.row.file = path;
+        outcome.row.state = TraceState::Unreadable;
+        outcome.row.problem = why;
+        outcome.complaint = "nvtrace: " + Printable(why) + '\n';
+    }
+
     std::vector<std::uint8_t> m_data;
     TraceDecoder m_decoder;
     RowSummaries m_rows;

@@ -1274,8 +1274,8 @@ void WriteVerdicts(const std::vector<Verdict>& verdicts, std::ostream& out)
 
 void WriteSummary(const TraceSummary& summary, std::ostream& out, std::size_t slowest)
 {
-    if (summary.oneThread)
-        out << "thread " << summary.thread << " only (--thread): the other threads' records are left out\n";
+    if (summary.onlyThread)
+        out << "thread " << *summary.onlyThread << " only (--thread): the other threads' records are left out\n";
     WriteVerdicts(ComputeVerdicts(summary), out);
 
     // Processes that neither ran an operation nor failed (a status query, a version
@@ -1310,8 +1310,8 @@ void WriteSummary(const TraceSummary& summary, std::ostream& out, std::size_t sl
             out << ", started " << quietFrom << (quiet.size() > 1 && quietTo != quietFrom ? " to " + quietTo : "");
         // Of one thread's records, that is all that can be said: the others may have
         // converted or failed.
-        if (summary.oneThread)
-            out << ": no conversion and no failure in thread " << summary.thread << "'s records\n";
+        if (summary.onlyThread)
+            out << ": no conversion and no failure in thread " << *summary.onlyThread << "'s records\n";
         else
             out << ": only loaded the library (no conversion, no failure)\n";
     }

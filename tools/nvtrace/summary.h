@@ -7,6 +7,7 @@
 #include <functional>
 #include <iosfwd>
 #include <map>
+#include <optional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -125,8 +126,7 @@ struct TraceSummary {
     // Set by the caller when the trace was cut down to one thread's records (the
     // clock's and the processes' records kept): what is said of it is said of that
     // thread alone.
-    bool oneThread = false;
-    std::uint32_t thread = 0;
+    std::optional<std::uint32_t> onlyThread;
 };
 
 TraceSummary Summarize(const DecodedTrace& trace);

@@ -210,10 +210,12 @@ int CheckOutputs(const CliOptions& options, std::ostream& err)
                 return UsageError(err, std::string(names[k]) + " '" + Printable(output) +
                                            "' would overwrite a trace it reads");
     }
-    if (!o.html.empty() && !o.chromeTrace.empty() && (o.html == "-" ? o.chromeTrace == "-" : SameFile(o.html, o.chromeTrace)))
+    const bool oneOutput = o.html == "-" ? o.chromeTrace == "-" : SameFile(o.html, o.chromeTrace);
+    if (!o.html.empty() && !o.chromeTrace.empty() && oneOutput)
         return UsageError(err, "--html and --chrome-trace need two outputs");
     if ((o.html == "-" || o.chromeTrace == "-") && options.modeGiven)
-        return UsageError(err, "an output on standard output (\"-\") goes alone: not with --raw, --summary, --json or --csv");
+        return UsageError(err, "an output on standard output (\"-\") goes alone: not with --raw, --summary, --json or "
+                               "--csv");
     return -1;
 }
 
@@ -311,8 +313,8 @@ int RunOneTrace(const CliOptions& options, std::ostream& out, std::ostream& err)
         // One summary serves the text and the drawings.
         TraceSummary summary =
             options.mode == OutputMode::Summary || options.outputs.any() ? Summarize(trace) : TraceSummary();
-        summary.oneThread = options.format.filterThread;
-        summary.thread = options.format.thread;
+        if (options.format.filterThread)
+            summary.onlyThread = options.format.thread;
         if (options.mode == OutputMode::Summary)
             WriteSummary(summary, out);
         else if (options.mode == OutputMode::Json)

@@ -4,10 +4,13 @@
 // output that cannot be written, or would overwrite a trace, is an error; --thread says
 // what it left out.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -107,6 +110,7 @@ TEST(NvtraceHostileInputTest, HeaderLinesAndFileNamesAreShownEscaped)
 {
     std::vector<std::string> header = nvtrace_test::StandardHeader();
     header[4] = "Machine name: PC\x1b]0;owned\x07\xC2\x9B" "2J";
+    header[3] = "ServicePack: M\xDCNCHEN"; // the header's ANSI code page (1252), no UTF-8
     TempFolder folder;
     SampleTrace sample(header);
     sample.ConversionStarts(1).UserMoved(1, "S-1-5-21-1-1001").Add(1, '<').Add(1, '<');
@@ -114,6 +118,14 @@ TEST(NvtraceHostileInputTest, HeaderLinesAndFileNamesAreShownEscaped)
     const Result listing = RunTool({file});
     EXPECT_EQ(0, listing.code);
     EXPECT_NE(std::string::npos, listing.out.find("Machine name: PC\\x1B]0;owned\\x07\\u009B2J\n")) << listing.out;
+    EXPECT_NE(std::string::npos, listing.out.find("ServicePack: M\\xDCNCHEN\n")) << listing.out;
+    // The page shows such a byte as U+FFFD.
+    const std::string page = folder.Path("page.html");
+    ASSERT_EQ(0, RunTool({"--html", page, file}).code);
+    std::ifstream in(page, std::ios::binary);
+    const std::string html((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_NE(std::string::npos, html.find("M\xEF\xBF\xBDNCHEN")) << html.substr(0, 400);
+    EXPECT_EQ(std::string::npos, html.find("\xDC"));
     const Result table = RunTool({"--summary", folder.Path("fleet")});
     EXPECT_EQ(0, table.code) << table.err;
     EXPECT_FALSE(HasTerminalControl(table.out)) << table.out;
@@ -316,6 +328,12 @@ TEST(NvtraceHostileInputTest, ThreadFilterSaysWhatItLeftOutAndKeepsOneThreadInJs
         << json.out;
     const Result raw = RunTool({"--raw", "--thread", "9", file});
     EXPECT_EQ(2u, Lines(raw.out)) << raw.out;
+    // The page says it too.
+    const std::string page = folder.Path("t.html");
+    ASSERT_EQ(0, RunTool({"--html", page, "--thread", "9", file}).code);
+    std::ifstream in(page, std::ios::binary);
+    const std::string html((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_NE(std::string::npos, html.find("<strong class=\"one-thread\">thread 9 only</strong>")) << html;
 }
 
 TEST(NvtraceHostileInputTest, DaysThatNoMonthHasAreCorrupt)
@@ -379,4 +397,37 @@ TEST(NvtraceHostileInputTest, AFoldersOtherFilesAreNotKeptWhileItIsRead)
         EXPECT_EQ(4u, stats.peakListed) << "jobs " << jobs; // three traces and the subfolder
         EXPECT_NE(std::string::npos, out.str().find("\"4 traces, 0 damaged, 0 unreadable\"")) << out.str();
     }
+}
+
+// A file within the size limit whose records need more memory than the process may
+// have: that file is unreadable, the roll-up goes on and the other traces count. The
+// built program runs with its address space limited, the big file holding nothing
+// but 7-byte records (each a record view in memory).
+TEST(NvtraceHostileInputTest, AFileThatRunsTheReaderOutOfMemoryIsThatFilesFailureOnly)
+{
+    TempFolder folder;
+    folder.Write("fleet/ok.trc3", OneMovedUser().bytes());
+    std::vector<std::uint8_t> big = nvtrace_test::HeaderBytes(nvtrace_test::StandardHeader());
+    const std::vector<std::uint8_t> leave = nvtrace::EncodeRecord(1, '<', "");
+    const std::size_t records = (std::size_t(120) << 20) / leave.size();
+    big.reserve(big.size() + records * leave.size());
+    for (std::size_t i = 0; i < records; ++i)
+        big.insert(big.end(), leave.begin(), leave.end());
+    const std::string bigFile = folder.Write("fleet/big.trc3", big);
+    big = {};
+    const std::string out = folder.Path("out.csv"), err = folder.Path("err.txt");
+    const std::string command = "ulimit -v 700000; " + std::string(NVTRACE_EXE) + " --csv --jobs 1 " +
+                                folder.Path("fleet") + " >" + out + " 2>" + err;
+    const int status = std::system(command.c_str());
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(2, WEXITSTATUS(status));
+    std::ifstream o(out), e(err);
+    const std::string csv((std::istreambuf_iterator<char>(o)), std::istreambuf_iterator<char>());
+    const std::string complaints((std::istreambuf_iterator<char>(e)), std::istreambuf_iterator<char>());
+    EXPECT_NE(std::string::npos,
+              csv.find(bigFile + ",,,,0,0,0,0,,,unreadable,not enough memory to decode '" + bigFile + "'\n"))
+        << csv;
+    EXPECT_NE(std::string::npos, csv.find("/ok.trc3,BUILD01,3.0.1.0,2026-11-15 09:30:00.125,1,0,0,0,,,decoded,\n"))
+        << csv;
+    EXPECT_EQ("nvtrace: not enough memory to decode '" + bigFile + "'\n", complaints);
 }
